@@ -1,0 +1,262 @@
+// The store's interface: the operation table, the lifecycle table, properties, ids and the module entry.
+//
+// A host loads the module through LumbraModuleEntry, obtains instances from the factory that the module
+// registers, sets an instance's properties, calls ObjectInitDone and then works through the 19 operations.
+// Unless a line says otherwise an operation may be called from any thread at any time between ObjectInitDone
+// and ObjectShutdown, answers a ResultCode, keeps no pointer that it was given, and never lets an exception
+// out.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "lumbra/host.h"
+#include "lumbra/result_code.h"
+
+namespace lumbra {
+
+// Ids of the module and of its interfaces.
+inline constexpr std::uint32_t kLumbraPluginId = 0xBF8E;
+inline constexpr std::uint32_t kSharedInstance = 0xBF8C;     // one instance for all who ask
+inline constexpr std::uint32_t kSeparateInstance = 0xC08C;   // a new instance for each request
+inline constexpr std::uint32_t kNewSharedInstance = 0xC08D;  // a new instance that becomes the shared one
+
+// Database ids. Every event id and object id carries its database in the top 8 bits.
+inline constexpr std::uint32_t kSystemDatabase = 0;
+inline constexpr std::uint32_t kFirstNamedDatabase = 48;  // 1 to 47 are numbered databases
+inline constexpr std::uint32_t kLastNamedDatabase = 254;
+inline constexpr std::uint32_t kAllDatabases = 255;  // in SetDBParams, GetDBInfo and ClearDB
+
+// An event id or object id: database in bits 56 to 63, segment in bits 32 to 55 (0 for an object of the
+// shared object database), record index (events, from 0) or short id (objects, from 1) in bits 0 to 31.
+constexpr std::uint32_t DatabaseOfId(std::uint64_t nId) {
+  return static_cast<std::uint32_t>(nId >> 56);
+}
+constexpr std::uint32_t SegmentOfId(std::uint64_t nId) {
+  return static_cast<std::uint32_t>(nId >> 32) & 0x00FFFFFFu;
+}
+constexpr std::uint64_t WithoutDatabase(std::uint64_t nId) {
+  return nId & 0x00FFFFFFFFFFFFFFu;
+}
+constexpr std::uint64_t WithDatabase(std::uint64_t nId, std::uint32_t nDatabase) {
+  return WithoutDatabase(nId) | (std::uint64_t{nDatabase} << 56);
+}
+
+// The id that stands for the host's own name object in every argument and answer.
+inline constexpr std::uint64_t kHostObjectAlias = 2;
+
+// Object types with a meaning to the store; any other u8 is a plain name without special treatment.
+enum LumbraObjectType : std::uint8_t {
+  typeFile = 1,
+  typeFolder = 2,
+  typeRegistryKey = 3,
+  typeRegistryValue = 4,
+  typeDriveRoot = 20,
+  typeVolumeRoot = 22,
+  typeRegistryRoot = 24,
+  typeServerRoot = 27,
+  typeName = 32,
+};
+
+// Object flags. A caller's override adds the flags in its low 16 bits to the type's defaults and then removes
+// those in its high 16 bits; 0 leaves the defaults.
+enum LumbraObjectFlags : std::uint32_t {
+  fObjUtf8 = 0x0001,                // store the name as UTF-8 when that is shorter than UTF-16
+  fObjNoCase = 0x0100,              // names that differ in case are one object
+  fObjSplitPath = 0x0200 | 0x0400,  // either bit: the name is a path, one object per component
+  fObjFollowLinks = 0x0800,         // at a path root, follow a link to a folder or registry key
+  fObjFollowVolumeLinks = 0x1000,   // follow a link to a volume, also when a name is rebuilt
+};
+constexpr std::uint32_t RemoveObjectFlags(std::uint32_t nFlags) {
+  return nFlags << 16;
+}
+
+// The tag of the data entry that links an object to another: 8 bytes, the other's id within the same store.
+inline constexpr std::uint32_t kObjectLinkTag = 0xCD000001;
+
+// The size of a name that ends with a zero character.
+inline constexpr std::int32_t kZeroTerminated = -2;
+
+// Kinds of SetDBParams. Sizes are in bytes, ages in seconds; 0 means no limit. Limits are not stored: the
+// caller sets them again after every start.
+enum LumbraLimit : std::uint32_t {
+  limitDatabaseSize = 1,    // oldest segments are dropped while the database is larger
+  limitDatabaseAge = 2,     // ... while the oldest segment is older
+  limitDatabaseEvents = 3,  // ... while it holds more events
+  limitSegmentSize = 4,     // a new segment is started when the newest reaches this size
+  limitSegmentAge = 5,      // ... when it is this old
+  limitSegmentEvents = 6,   // ... when it holds this many events
+  limitGlobalSize = 7,  // database 255 only: one limit for all databases without a size limit of their own
+};
+
+// Properties of an instance (LumbraLifecycle::PropertyAccess).
+inline constexpr std::uint32_t propCHECK_MODE = 0x30600001;        // u32: new files get every CRC
+inline constexpr std::uint32_t propENVIRONMENT_FLAG = 0x30600002;  // u32: recorded; frozen by initialisation
+inline constexpr std::uint32_t propCORRUPTED = 0x30600003;         // u32, read only: damage was met
+inline constexpr std::uint32_t propEXACT_FILE_SIZES =
+    0x30600004;  // u32: measure files, not directory entries
+inline constexpr std::uint32_t propWRITES_SUSPENDED =
+    0x30600005;                                                 // u32: writing operations answer errREAD_ONLY
+inline constexpr std::uint32_t propREPORT_FOLDER = 0x20900044;  // UTF-16 text: the folder of the store
+inline constexpr std::uint32_t propINTERFACE_COMMENT = 0x20900083;   // 8-bit text "Lumbra"
+inline constexpr std::uint32_t propINTERFACE_CONSTANT = 0x21A00082;  // u32, read only: 1
+
+enum PropertyAccessMode : std::uint32_t {
+  propertyGet = 0,       // write the value into the buffer, if there is one
+  propertySet = 1,       // read the value from the buffer
+  propertyCodePage = 2,  // report the code page of a text
+  propertyProbe = 3,     // succeed without a transfer if the property exists
+};
+
+// The host's cursor for one transfer.
+struct PropertyAccessRecord {
+  void* pBuffer;            // advanced past the bytes that were transferred; may be null in mode 0
+  std::uint32_t nSize;      // size of the buffer in bytes
+  std::uint32_t nCount;     // running count: grows by the size of the value, also when there is no buffer
+  std::uint32_t nCodePage;  // out in mode 2; in, for texts, in mode 1
+  std::uint32_t nMode;      // a PropertyAccessMode
+};
+
+// Messages. The store asks for the expansion of a placeholder with the first; the second makes an instance
+// flush every open database.
+inline constexpr std::uint32_t kExpandMessageClass = 0x7CF3D716;
+inline constexpr std::uint32_t kExpandMessageId = 0x4EED86CA;
+inline constexpr std::uint32_t kFlushMessageClass = 0x828F2F82;
+inline constexpr std::uint32_t kFlushMessageId = 0x6D649E90;
+
+// The 19 operations. pSelf is the handle of the instance. "Name, size in bytes" pairs are UTF-16; the size
+// may be kZeroTerminated. Pointers marked "may be null" are optional. While propWRITES_SUSPENDED is set,
+// operations that write answer errREAD_ONLY. An id of a named database that is not open answers
+// errPARAMETER_INVALID.
+struct LumbraOperations {
+  // Appends one event; nSize must be the event size of the database. *pnEventId (may be null) receives the
+  // id. Database 0 takes no events: errNOT_SUPPORTED.
+  ResultCode (*AddEvent)(HostObject* pSelf, std::uint32_t nDatabase, const void* pData, std::uint32_t nSize,
+                         std::uint64_t* pnEventId);
+
+  // Reads up to nCount events from nStart on, oldest first, into pBuffer (nBufferSize bytes). nStart is an
+  // event id, or a position counted from the oldest event (high word 0), or from the end (high word
+  // 0xFFFFFFFF, low word 2^32 - k: the last k events). The database is the top byte of nStart, or nDatabase
+  // when that is 0 or 0xFF. *pnRead (may be null) receives the number of events read. pParents (may be null):
+  // a container of type kHostContainerType that receives, for each event, the parent of the object whose id
+  // stands in the event's bytes 8 to 15, or 0. Answers errNO_MORE_EVENTS, a success, when fewer than nCount
+  // events are there.
+  ResultCode (*GetEvents)(HostObject* pSelf, std::uint32_t nDatabase, std::uint64_t nStart, void* pBuffer,
+                          std::uint32_t nBufferSize, std::uint32_t nCount, std::uint32_t* pnRead,
+                          HostObject* pParents);
+
+  // Rewrites an event in place.
+  ResultCode (*UpdateEvent)(HostObject* pSelf, std::uint64_t nEventId, const void* pData,
+                            std::uint32_t nSize);
+
+  // FindObject without a parent.
+  ResultCode (*FindObjectSimple)(HostObject* pSelf, std::uint32_t nDatabase, std::uint32_t nType,
+                                 const char16_t* pName, std::int32_t nNameSize, std::uint32_t nCreate,
+                                 std::uint32_t nFlagsOverride, std::uint64_t* pnObjectId);
+
+  // The full name of an object, and its type. pBuffer may be null with nBufferSize 0. *pnNameSize (may be
+  // null) receives the size in bytes without the terminating zero, which is written when it fits. Answers
+  // errBUFFER_TOO_SMALL when the name does not fit; the buffer's content is then undefined.
+  ResultCode (*GetObjectName)(HostObject* pSelf, std::uint64_t nObjectId, char16_t* pBuffer,
+                              std::uint32_t nBufferSize, std::uint32_t* pnNameSize,
+                              std::uint32_t nFlagsOverride, std::uint32_t* pnType);
+
+  ResultCode (*GetObjectData)(HostObject* pSelf, std::uint64_t nObjectId, void* pBuffer,
+                              std::uint32_t nBufferSize, std::uint32_t* pnDataSize, std::uint32_t nTag);
+  ResultCode (*SetObjectData)(HostObject* pSelf, std::uint64_t nObjectId, const void* pData,
+                              std::uint32_t nSize, std::uint32_t nTag);
+  ResultCode (*GetObjectDataInto)(HostObject* pSelf, std::uint64_t nObjectId, HostObject* pTarget,
+                                  std::uint32_t nTag);
+  ResultCode (*SetObjectDataFrom)(HostObject* pSelf, std::uint64_t nObjectId, HostObject* pSource,
+                                  std::uint32_t nTag);
+
+  // Events and bytes held, and the creation time of the oldest segment (a FILETIME, 0 when there is none).
+  // Each output may be null. For kAllDatabases: the sums over databases 1 to 254, and the greatest age in
+  // seconds.
+  ResultCode (*GetDBInfo)(HostObject* pSelf, std::uint32_t nDatabase, std::uint32_t* pnRecords,
+                          std::uint64_t* pnDataSize, std::uint64_t* pnTime);
+
+  // Sets one limit (LumbraLimit) of a database, which need not be open yet, or of all.
+  ResultCode (*SetDBParams)(HostObject* pSelf, std::uint32_t nDatabase, std::uint32_t nKind,
+                            std::uint64_t nValue);
+
+  // Opens a numbered database (1 to 47), creating it where it is missing. A database whose recorded event
+  // size differs is restarted empty. errALREADY_DONE when it is open.
+  ResultCode (*InitDB)(HostObject* pSelf, std::uint32_t nDatabase, std::uint32_t nEventSize);
+
+  // Deletes every event and object of a database, which stays open and empty.
+  ResultCode (*ClearDB)(HostObject* pSelf, std::uint32_t nDatabase);
+
+  // Finds an object by type, name and parent, or with nCreate != 0 creates it; nCreate 2 also repairs what
+  // stands in the way (errDATA_REPAIRED, a success). *pnObjectId (may be null) receives the id, 0 on failure.
+  ResultCode (*FindObject)(HostObject* pSelf, std::uint32_t nDatabase, std::uint32_t nType,
+                           const char16_t* pName, std::int32_t nNameSize, std::uint32_t nCreate,
+                           std::uint32_t nFlagsOverride, std::uint64_t nParentId, std::uint64_t* pnObjectId);
+
+  // Opens or creates a database by name (at most 63 characters, which also name its folder). *pnDatabase
+  // receives its id, 48 to 254, which the name keeps across restarts.
+  ResultCode (*InitDBByName)(HostObject* pSelf, const char16_t* pName, std::uint32_t nEventSize,
+                             std::uint32_t* pnDatabase);
+
+  ResultCode (*EnumFirstObject)(HostObject* pSelf, std::uint32_t nDatabase, std::uint64_t* pnObjectId);
+  ResultCode (*EnumNextObject)(HostObject* pSelf, std::uint64_t nObjectId, std::uint64_t* pnNextId);
+  ResultCode (*RemoveAllObjectData)(HostObject* pSelf, std::uint64_t nObjectId);
+  ResultCode (*Compact)(HostObject* pSelf, std::uint32_t nDatabase);
+};
+static_assert(sizeof(LumbraOperations) == 19 * sizeof(void*));
+
+struct LumbraInstance;
+
+// The lifecycle operations, called by the host on an instance. None of slots 1, 2, 4 and 8 may run beside any
+// other call on the same instance.
+struct LumbraLifecycle {
+  using Unused = ResultCode (*)(LumbraInstance* pInstance);  // answers errOK
+
+  Unused Slot0;
+
+  // Opens the store in its report folder. On failure the instance stays uninitialised and may try again.
+  ResultCode (*ObjectInitDone)(LumbraInstance* pInstance);
+
+  // Closes every database; files stay. Answers errOK.
+  ResultCode (*ObjectShutdown)(LumbraInstance* pInstance);
+
+  Unused Slot3;
+
+  // Destroys the instance and gives its memory back through the Free of the instance's own handle.
+  ResultCode (*ObjectFree)(LumbraInstance* pInstance);
+
+  Unused Slot5;
+
+  // A message that the instance registered for. Answers errOK for every message.
+  ResultCode (*MessageReceive)(LumbraInstance* pInstance, std::uint32_t nClass, std::uint32_t nMessageId);
+
+  // Reads or writes one property.
+  ResultCode (*PropertyAccess)(LumbraInstance* pInstance, std::uint32_t nPropertyId,
+                               PropertyAccessRecord* pRecord);
+
+  // Destroys the instance; with nFree != 0 also gives its memory back, as ObjectFree does.
+  void (*Destructor)(LumbraInstance* pInstance, std::uint32_t nFree);
+};
+static_assert(sizeof(LumbraLifecycle) == 9 * sizeof(void*));
+
+// What the factory answers. The host installs its system operations in Handle before it uses the instance and
+// passes &Handle as pSelf to the operations.
+struct LumbraInstance {
+  const LumbraLifecycle* pLifecycle;
+  HostObject Handle;  // pOperations: the LumbraOperations
+};
+
+inline const LumbraOperations& OperationsOf(const HostObject& Handle) {
+  return *static_cast<const LumbraOperations*>(Handle.pOperations);
+}
+
+// Reasons of the module entry.
+inline constexpr std::uint32_t kModuleLoad = 100;
+inline constexpr std::uint32_t kModuleUnload = 101;
+
+// The module entry. kModuleLoad: pRoot is the host's root object, *pError receives the outcome; binds the
+// host's functions and registers the three interfaces. kModuleUnload: the module forgets the root and reaches
+// no host service any more. Any other reason is ignored. Answers 1, or 0 when loading failed.
+extern "C" int LumbraModuleEntry(void* pRoot, std::uint32_t nReason, void* pError);
+
+}  // namespace lumbra

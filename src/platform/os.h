@@ -1,0 +1,194 @@
+// The one seam to the operating system. One folder per platform implements it (posix/); nothing else in the
+// project calls the system, and no other file depends on which system it is.
+//
+// The seam speaks Win32's vocabulary, because the result codes do: a call that fails answers a Win32 error
+// number, 0 is success. Paths are UTF-16 with '\' or '/' between the names. Every function may be called from
+// any thread; a FileHandle is used by one thread at a time.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace lumbra::os {
+
+// A Win32 error number.
+using SystemError = std::uint32_t;
+
+inline constexpr SystemError kSuccess = 0;
+inline constexpr SystemError kFileNotFound = 2;
+inline constexpr SystemError kPathNotFound = 3;
+inline constexpr SystemError kTooManyOpenFiles = 4;
+inline constexpr SystemError kAccessDenied = 5;
+inline constexpr SystemError kInvalidHandle = 6;
+inline constexpr SystemError kNotEnoughMemory = 8;
+inline constexpr SystemError kWriteProtect = 19;
+inline constexpr SystemError kGeneralFailure = 31;
+inline constexpr SystemError kSharingViolation = 32;
+inline constexpr SystemError kNotSupported = 50;
+inline constexpr SystemError kFileExists = 80;
+inline constexpr SystemError kInvalidParameter = 87;
+inline constexpr SystemError kDiskFull = 112;
+inline constexpr SystemError kInvalidName = 123;
+inline constexpr SystemError kNegativeSeek = 131;
+inline constexpr SystemError kBusy = 170;
+inline constexpr SystemError kAlreadyExists = 183;
+inline constexpr SystemError kNameTooLong = 206;
+inline constexpr SystemError kFileTooLarge = 223;
+inline constexpr SystemError kOperationAborted = 995;
+inline constexpr SystemError kIoDevice = 1117;
+inline constexpr SystemError kTimeout = 1460;
+inline constexpr SystemError kCannotResolveName = 1921;
+
+// ---- Files
+// -------------------------------------------------------------------------------------------------
+
+struct OpenFile;  // the platform's own record of an open file
+using FileHandle = OpenFile*;
+
+enum Access : std::uint32_t {
+  kGenericRead = 0x80000000,
+  kGenericWrite = 0x40000000,
+  kGenericExecute = 0x20000000
+};
+enum Share : std::uint32_t { kShareRead = 1, kShareWrite = 2, kShareDelete = 4 };
+enum class Disposition : std::uint32_t {
+  CreateNew = 1,
+  CreateAlways = 2,
+  OpenExisting = 3,
+  OpenAlways = 4,
+  TruncateExisting = 5,
+};
+
+// Opens or creates a file. A file whose holder does not share what is asked for here, or that is held in a
+// way that nShare does not allow, is kSharingViolation: at once, and before anything in it changes. Stores
+// the handle on success only; the caller gives it back with Close.
+SystemError Open(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t nShare,
+                 Disposition nDisposition, std::uint32_t nFlags, FileHandle* pHandle);
+SystemError Close(FileHandle Handle);
+
+enum class SeekOrigin : std::uint32_t { Start = 0, Current = 1, End = 2 };
+
+// Read and write at the handle's position. A read that reaches the end of the file succeeds with fewer bytes.
+SystemError Read(FileHandle Handle, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead);
+SystemError Write(FileHandle Handle, const void* pData, std::uint32_t nSize, std::uint32_t* pnWritten);
+SystemError Seek(FileHandle Handle, SeekOrigin Origin, std::int64_t nDistance, std::uint64_t* pnPosition);
+
+// Read and write at an offset from the start of the file; they may move the handle's position. *pnRead and
+// *pnWritten hold the bytes that were moved, also after a failure.
+SystemError ReadAt(FileHandle Handle, std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize,
+                   std::uint32_t* pnRead);
+SystemError WriteAt(FileHandle Handle, std::uint64_t nOffset, const void* pData, std::uint32_t nSize,
+                    std::uint32_t* pnWritten);
+
+SystemError GetSize(FileHandle Handle, std::uint64_t* pnSize);
+SystemError SetSize(FileHandle Handle, std::uint64_t nSize);
+
+// Brings every write to the disk; for a file that Open created, its name in the folder as well.
+SystemError Flush(FileHandle Handle);
+
+// When the file was created, as a FILETIME (100 ns units since 1601-01-01 UTC).
+SystemError GetCreationTime(FileHandle Handle, std::uint64_t* pnTime);
+
+SystemError RemoveFile(std::u16string_view Path);
+
+// ---- Folders and searches
+// ----------------------------------------------------------------------------------
+
+// The path made absolute and long, in the platform's form, from which ParentOf takes names away.
+SystemError MakeAbsolute(std::u16string_view Path, std::u16string* pAbsolute);
+
+// The path without its last name; a root is its own parent.
+std::u16string_view ParentOf(std::u16string_view Absolute);
+
+// Whether the path is a folder (or a link to one). Missing: kFileNotFound or kPathNotFound.
+SystemError IsFolder(std::u16string_view Path, bool* pbFolder);
+SystemError MakeFolder(std::u16string_view Path);
+
+struct FoundFile {
+  std::u16string Name;
+  bool bFolder;
+  std::uint64_t nSize;                // as the folder's entry tells it
+  std::int64_t nCreationTimeSeconds;  // since 1970-01-01 UTC, rounded down
+};
+
+// Calls Visit for each entry that matches a path whose last name may hold '*' and '?', until it answers
+// false. kFileNotFound when nothing matches (or the folder is missing), another number when the search itself
+// fails.
+SystemError FindFiles(std::u16string_view PathPattern, const std::function<bool(const FoundFile&)>& Visit);
+
+// While one lives, searches of this thread in one folder may take the names from a single listing of it. For
+// callers that search a folder many times while nobody adds or removes files.
+class SearchScope {
+ public:
+  SearchScope();
+  ~SearchScope();
+  SearchScope(const SearchScope&) = delete;
+  SearchScope& operator=(const SearchScope&) = delete;
+};
+
+// The names of the entries of a folder that are neither folders nor links.
+SystemError ListPlainFiles(std::u16string_view Folder, std::vector<std::u16string>* pNames);
+
+// The size of a file that others may hold open in any way.
+SystemError MeasureFile(std::u16string_view Path, std::uint64_t* pnSize);
+
+// ---- Time and text
+// -----------------------------------------------------------------------------------------
+
+// Now, in UTC, as a FILETIME.
+std::uint64_t CurrentTime();
+
+// Conversions as code page 65001 without flags: a lone surrogate and every invalid byte become U+FFFD. With
+// nSize 0 they measure. Answer the bytes (units) of the result, 0 when it does not fit or there is no input.
+std::uint32_t WideToUtf8(const char16_t* pText, std::uint32_t nUnits, char* pBuffer, std::uint32_t nSize);
+std::uint32_t Utf8ToWide(const char* pText, std::uint32_t nBytes, char16_t* pBuffer, std::uint32_t nUnits);
+
+// Upper-cases in place, each unit for itself; answers nUnits. Hashes on disk depend on it: the same answer on
+// every machine and in every locale, for ever.
+std::uint32_t UpperCase(char16_t* pText, std::uint32_t nUnits);
+
+// ---- Threads
+// -----------------------------------------------------------------------------------------------
+
+// A recursive mutual exclusion, usable with std::lock_guard.
+class CriticalSection {
+ public:
+  CriticalSection();
+  ~CriticalSection();
+  CriticalSection(const CriticalSection&) = delete;
+  CriticalSection& operator=(const CriticalSection&) = delete;
+  void lock();
+  void unlock();
+
+ private:
+  // Large enough for every platform's own lock, so that a lock costs no allocation.
+  alignas(std::max_align_t) std::byte m_Storage[64];
+};
+
+// A counting semaphore with count 0 at first and at most 0x7FFFFFFF.
+struct Semaphore;
+SystemError CreateCountingSemaphore(Semaphore** ppSemaphore);
+SystemError WaitForSemaphore(Semaphore* pSemaphore);
+void ReleaseSemaphoreBy(Semaphore* pSemaphore, std::uint32_t nCount);
+void CloseSemaphore(Semaphore* pSemaphore);
+
+// Lays down the calling thread's borrowed identity, if it has one, and takes it up again. *ppToken receives
+// what Resume needs; null when there was nothing to lay down.
+SystemError SuspendImpersonation(void** ppToken);
+void ResumeImpersonation(void* pToken);
+
+// The I/O priority of the calling thread.
+struct IoPriority {
+  std::uint32_t nLevel;  // kIoPriorityNormal, or below it
+  std::uint32_t nExact;  // the platform's own value, which SetIoPriority puts back exactly
+};
+inline constexpr std::uint32_t kIoPriorityNormal = 2;
+SystemError QueryIoPriority(IoPriority* pPriority);
+SystemError SetIoPriority(const IoPriority& Priority);
+SystemError SetNormalIoPriority();
+
+}  // namespace lumbra::os

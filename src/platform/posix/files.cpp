@@ -1,0 +1,273 @@
+// Files on posix: positioned reads and writes, share modes as advisory locks.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+#include <memory>
+#include <new>
+
+#include "platform/posix/posix.h"
+
+namespace lumbra::os {
+
+struct OpenFile {
+  int nDescriptor;
+  std::string FolderToSync;  // of a file that was created here and not flushed yet; empty otherwise
+};
+
+namespace {
+
+// The last errno as a Win32 number; never success, also when a library left errno alone.
+SystemError LastError() {
+  return errno == 0 ? kGeneralFailure : ErrorFromErrno(errno);
+}
+
+int OpenFlagsOf(std::uint32_t nAccess) {
+  const bool bWrite = (nAccess & kGenericWrite) != 0;
+  const bool bRead = (nAccess & kGenericRead) != 0;
+  const int nMode = bWrite ? (bRead ? O_RDWR : O_WRONLY) : O_RDONLY;
+  return nMode | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;  // not to wait for the other end of a pipe
+}
+
+// An open segment holds four files and a database may have hundreds of segments, which the usual soft limit
+// of 1024 descriptors does not allow (Windows has no such limit). The process may lift it to the hard limit;
+// true when that made room.
+bool LiftDescriptorLimit() {
+  rlimit Limit{};
+  if (getrlimit(RLIMIT_NOFILE, &Limit) != 0 || Limit.rlim_cur >= Limit.rlim_max) return false;
+  Limit.rlim_cur = Limit.rlim_max;
+  return setrlimit(RLIMIT_NOFILE, &Limit) == 0;
+}
+
+int OpenDescriptor(const std::string& Path, int nFlags) {
+  constexpr mode_t kMode = 0666;  // the process's umask takes from it
+  for (;;) {
+    const int nDescriptor = open(Path.c_str(), nFlags, kMode);
+    if (nDescriptor >= 0) return nDescriptor;
+    if (errno == EINTR) continue;
+    if (errno != EMFILE || !LiftDescriptorLimit()) return -1;
+  }
+}
+
+// Opens as the disposition says, except that nothing is cut yet. *pbCreated tells whether the file is new.
+int OpenByDisposition(const std::string& Path, int nFlags, Disposition nDisposition, bool* pbCreated) {
+  *pbCreated = false;
+  switch (nDisposition) {
+    case Disposition::OpenExisting:
+    case Disposition::TruncateExisting:
+      return OpenDescriptor(Path, nFlags);
+    case Disposition::CreateNew:
+      *pbCreated = true;
+      return OpenDescriptor(Path, nFlags | O_CREAT | O_EXCL);
+    case Disposition::CreateAlways:
+    case Disposition::OpenAlways:
+      break;
+  }
+  for (;;) {  // ends unless others create and delete the file between our two looks, again and again
+    int nDescriptor = OpenDescriptor(Path, nFlags);
+    if (nDescriptor >= 0 || errno != ENOENT) return nDescriptor;
+    nDescriptor = OpenDescriptor(Path, nFlags | O_CREAT | O_EXCL);
+    if (nDescriptor >= 0 || errno != EEXIST) {
+      *pbCreated = nDescriptor >= 0;
+      return nDescriptor;
+    }
+  }
+}
+
+// Only "reads, lets others read" is shared with others; every other combination holds the file alone.
+int LockOf(std::uint32_t nAccess, std::uint32_t nShare) {
+  const bool bShared = (nAccess & kGenericWrite) == 0 && (nShare & kShareRead) != 0;
+  return (bShared ? LOCK_SH : LOCK_EX) | LOCK_NB;
+}
+
+SystemError RefuseUnlessRegular(int nDescriptor) {
+  struct stat Status {};
+  if (fstat(nDescriptor, &Status) != 0) return LastError();
+  return S_ISREG(Status.st_mode) ? kSuccess : kAccessDenied;
+}
+
+SystemError Truncate(int nDescriptor, std::uint64_t nSize) {
+  if (nSize > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max())) return kInvalidParameter;
+  while (ftruncate(nDescriptor, static_cast<off_t>(nSize)) != 0) {
+    if (errno != EINTR) return LastError();
+  }
+  return kSuccess;
+}
+
+// CreateFile tells a missing folder from a missing file; the system does not.
+SystemError ErrorOfMissing(std::u16string_view Path, SystemError nError) {
+  bool bFolder = false;
+  const bool bParentThere = IsFolder(ParentOf(Path), &bFolder) == kSuccess || ParentOf(Path).empty();
+  return nError == kFileNotFound && !bParentThere ? kPathNotFound : nError;
+}
+
+std::string FolderOf(const std::string& Path) {
+  const std::size_t nSlash = Path.rfind('/');
+  if (nSlash == std::string::npos) return ".";
+  return nSlash == 0 ? "/" : Path.substr(0, nSlash);
+}
+
+SystemError SyncFolder(const std::string& Folder) {
+  const int nDescriptor = OpenDescriptor(Folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (nDescriptor < 0) return LastError();
+  const SystemError nError = fsync(nDescriptor) == 0 ? kSuccess : LastError();
+  close(nDescriptor);
+  return nError;
+}
+
+// Calls Transfer until all bytes are moved, it moves none (the end of the file), or it fails.
+template <class TransferSome>
+SystemError TransferAll(std::uint32_t nSize, std::uint32_t* pnDone, TransferSome Transfer) {
+  *pnDone = 0;
+  while (*pnDone < nSize) {
+    const ssize_t nMoved = Transfer(*pnDone, nSize - *pnDone);
+    if (nMoved == 0) break;
+    if (nMoved > 0) {
+      *pnDone += static_cast<std::uint32_t>(nMoved);
+    } else if (errno != EINTR) {
+      return LastError();
+    }
+  }
+  return kSuccess;
+}
+
+bool IsPosition(std::uint64_t nOffset, std::uint32_t nSize) {
+  return nOffset <= static_cast<std::uint64_t>(std::numeric_limits<off_t>::max()) - nSize;
+}
+
+std::int64_t FileTimeOf(const statx_timestamp& Time) {
+  return (Time.tv_sec + kSecondsTo1970) * kFileTimeUnitsPerSecond +
+         Time.tv_nsec / kNanosecondsPerFileTimeUnit;
+}
+
+}  // namespace
+
+std::int64_t CreationFileTime(const struct statx& Status) {
+  if ((Status.stx_mask & STATX_BTIME) != 0) return FileTimeOf(Status.stx_btime);
+  return std::min({FileTimeOf(Status.stx_atime), FileTimeOf(Status.stx_mtime), FileTimeOf(Status.stx_ctime)});
+}
+
+SystemError Open(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t nShare,
+                 Disposition nDisposition, std::uint32_t /*nFlags*/, FileHandle* pHandle) try {
+  const std::string Native = NativePath(Path);
+  std::unique_ptr<OpenFile> Opened(new OpenFile{-1, {}});
+  bool bCreated = false;
+  Opened->nDescriptor = OpenByDisposition(Native, OpenFlagsOf(nAccess), nDisposition, &bCreated);
+  if (Opened->nDescriptor < 0) {
+    const SystemError nError = errno == EEXIST ? kFileExists : LastError();
+    return ErrorOfMissing(Path, nError);
+  }
+  SystemError nError = RefuseUnlessRegular(Opened->nDescriptor);
+  if (nError == kSuccess && flock(Opened->nDescriptor, LockOf(nAccess, nShare)) != 0) nError = LastError();
+  const bool bCut =
+      nDisposition == Disposition::CreateAlways || nDisposition == Disposition::TruncateExisting;
+  if (nError == kSuccess && bCut) nError = Truncate(Opened->nDescriptor, 0);
+  if (nError != kSuccess) {
+    close(Opened->nDescriptor);
+    return nError;
+  }
+  if (bCreated) Opened->FolderToSync = FolderOf(Native);
+  *pHandle = Opened.release();
+  return kSuccess;
+} catch (const std::bad_alloc&) {
+  return kNotEnoughMemory;
+}
+
+SystemError Close(FileHandle Handle) {
+  const std::unique_ptr<OpenFile> Closed(Handle);
+  // After EINTR the descriptor is gone as well, so there is nothing to try again.
+  return close(Closed->nDescriptor) == 0 || errno == EINTR ? kSuccess : LastError();
+}
+
+SystemError Read(FileHandle Handle, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead) {
+  if (Handle == nullptr) return kInvalidHandle;
+  return TransferAll(nSize, pnRead, [&](std::uint32_t nDone, std::uint32_t nLeft) {
+    return read(Handle->nDescriptor, static_cast<char*>(pBuffer) + nDone, nLeft);
+  });
+}
+
+SystemError Write(FileHandle Handle, const void* pData, std::uint32_t nSize, std::uint32_t* pnWritten) {
+  if (Handle == nullptr) return kInvalidHandle;
+  return TransferAll(nSize, pnWritten, [&](std::uint32_t nDone, std::uint32_t nLeft) {
+    return write(Handle->nDescriptor, static_cast<const char*>(pData) + nDone, nLeft);
+  });
+}
+
+SystemError Seek(FileHandle Handle, SeekOrigin Origin, std::int64_t nDistance, std::uint64_t* pnPosition) {
+  if (Handle == nullptr) return kInvalidHandle;
+  const int nWhence = Origin == SeekOrigin::Start     ? SEEK_SET
+                      : Origin == SeekOrigin::Current ? SEEK_CUR
+                                                      : SEEK_END;
+  const off_t nPosition = lseek(Handle->nDescriptor, nDistance, nWhence);
+  if (nPosition < 0) return errno == EINVAL ? kNegativeSeek : LastError();
+  *pnPosition = static_cast<std::uint64_t>(nPosition);
+  return kSuccess;
+}
+
+SystemError ReadAt(FileHandle Handle, std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize,
+                   std::uint32_t* pnRead) {
+  if (!IsPosition(nOffset, nSize)) return kNegativeSeek;
+  return TransferAll(nSize, pnRead, [&](std::uint32_t nDone, std::uint32_t nLeft) {
+    return pread(Handle->nDescriptor, static_cast<char*>(pBuffer) + nDone, nLeft,
+                 static_cast<off_t>(nOffset + nDone));
+  });
+}
+
+SystemError WriteAt(FileHandle Handle, std::uint64_t nOffset, const void* pData, std::uint32_t nSize,
+                    std::uint32_t* pnWritten) {
+  if (!IsPosition(nOffset, nSize)) return kNegativeSeek;
+  return TransferAll(nSize, pnWritten, [&](std::uint32_t nDone, std::uint32_t nLeft) {
+    return pwrite(Handle->nDescriptor, static_cast<const char*>(pData) + nDone, nLeft,
+                  static_cast<off_t>(nOffset + nDone));
+  });
+}
+
+SystemError GetSize(FileHandle Handle, std::uint64_t* pnSize) {
+  struct stat Status {};
+  if (fstat(Handle->nDescriptor, &Status) != 0) return LastError();
+  *pnSize = static_cast<std::uint64_t>(Status.st_size);
+  return kSuccess;
+}
+
+SystemError SetSize(FileHandle Handle, std::uint64_t nSize) {
+  if (Handle == nullptr) return kInvalidHandle;
+  return Truncate(Handle->nDescriptor, nSize);
+}
+
+SystemError Flush(FileHandle Handle) {
+  if (Handle == nullptr) return kInvalidHandle;
+  while (fsync(Handle->nDescriptor) != 0) {
+    if (errno != EINTR) return LastError();
+  }
+  if (Handle->FolderToSync.empty()) return kSuccess;
+  const SystemError nError = SyncFolder(Handle->FolderToSync);
+  if (nError == kSuccess) Handle->FolderToSync.clear();
+  return nError;
+}
+
+SystemError GetCreationTime(FileHandle Handle, std::uint64_t* pnTime) {
+  struct statx Status {};
+  if (statx(Handle->nDescriptor, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &Status) != 0) {
+    return LastError();
+  }
+  *pnTime = static_cast<std::uint64_t>(CreationFileTime(Status));
+  return kSuccess;
+}
+
+SystemError RemoveFile(std::u16string_view Path) {
+  return unlink(NativePath(Path).c_str()) == 0 ? kSuccess : LastError();
+}
+
+SystemError MeasureFile(std::u16string_view Path, std::uint64_t* pnSize) {
+  struct stat Status {};
+  if (stat(NativePath(Path).c_str(), &Status) != 0) return LastError();
+  *pnSize = static_cast<std::uint64_t>(Status.st_size);
+  return kSuccess;
+}
+
+}  // namespace lumbra::os

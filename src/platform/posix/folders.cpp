@@ -1,0 +1,175 @@
+// Folders and searches on posix.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <memory>
+#include <optional>
+
+#include "platform/posix/posix.h"
+
+namespace lumbra::os {
+namespace {
+
+struct FolderCloser {
+  void operator()(DIR* pFolder) const { closedir(pFolder); }
+};
+
+// Calls Visit with each entry of a folder but "." and "..".
+template <class VisitEntry>
+SystemError ForEachEntry(const std::string& Folder, VisitEntry Visit) {
+  const std::unique_ptr<DIR, FolderCloser> Listing(opendir(Folder.c_str()));
+  if (Listing == nullptr) return ErrorFromErrno(errno);
+  for (;;) {
+    errno = 0;
+    const dirent* const pEntry = readdir(Listing.get());
+    if (pEntry == nullptr) return ErrorFromErrno(errno);
+    const std::string_view Name = pEntry->d_name;
+    if (Name != "." && Name != "..") Visit(*pEntry, dirfd(Listing.get()));
+  }
+}
+
+SystemError List(const std::string& Folder, std::vector<std::string>* pNames) {
+  const SystemError nError = ForEachEntry(Folder.empty() ? "." : Folder, [pNames](const dirent& Entry, int) {
+    pNames->emplace_back(Entry.d_name);
+  });
+  std::sort(pNames->begin(), pNames->end());
+  return nError;
+}
+
+// The listing that a SearchScope keeps.
+struct FolderListing {
+  std::string Folder;
+  std::vector<std::string> Names;
+};
+thread_local int t_nSearchScopes = 0;
+thread_local std::optional<FolderListing> t_Listing;
+
+// A folder's names, sorted: listed into *pOwn, or kept from before.
+SystemError NamesOf(const std::string& Folder, std::vector<std::string>* pOwn,
+                    const std::vector<std::string>** ppNames) {
+  *ppNames = pOwn;
+  if (t_nSearchScopes == 0) return List(Folder, pOwn);
+  if (!t_Listing || t_Listing->Folder != Folder) {
+    FolderListing Fresh{Folder, {}};
+    const SystemError nError = List(Folder, &Fresh.Names);
+    if (nError != kSuccess) return nError;
+    t_Listing = std::move(Fresh);
+  }
+  *ppNames = &t_Listing->Names;
+  return kSuccess;
+}
+
+bool Matches(std::string_view Pattern, std::string_view Name) {
+  for (; !Pattern.empty(); Pattern.remove_prefix(1), Name.remove_prefix(1)) {
+    if (Pattern.front() == '*') {
+      Pattern.remove_prefix(1);
+      for (std::size_t nTaken = 0; nTaken <= Name.size(); ++nTaken) {
+        if (Matches(Pattern, Name.substr(nTaken))) return true;
+      }
+      return false;
+    }
+    if (Name.empty() || (Pattern.front() != '?' && Pattern.front() != Name.front())) return false;
+  }
+  return Name.empty();
+}
+
+// What a search tells about one entry; nothing when the entry is gone.
+std::optional<FoundFile> Look(const std::string& Folder, const std::string& Name) {
+  struct statx Status {};
+  if (statx(AT_FDCWD, (Folder + Name).c_str(), 0, STATX_BASIC_STATS | STATX_BTIME, &Status) != 0) return {};
+  const std::int64_t nSeconds = CreationFileTime(Status) / kFileTimeUnitsPerSecond - kSecondsTo1970;
+  return FoundFile{WideName(Name), S_ISDIR(Status.stx_mode), Status.stx_size, nSeconds};
+}
+
+}  // namespace
+
+SystemError MakeAbsolute(std::u16string_view Path, std::u16string* pAbsolute) {
+  std::string Native = NativePath(Path);
+  if (!Native.starts_with('/')) {
+    char Current[PATH_MAX];
+    if (getcwd(Current, sizeof(Current)) == nullptr) return ErrorFromErrno(errno);
+    if (NativePath(WideName(Current)) != Current) return kInvalidName;  // not UTF-8: it cannot be named here
+    Native = std::string(Current) + '/' + Native;
+  }
+  std::string Clean;
+  for (const char c : Native) {
+    if (c != '/' || !Clean.ends_with('/')) Clean += c;
+  }
+  if (Clean.size() > 1 && Clean.ends_with('/')) Clean.pop_back();
+  *pAbsolute = WideName(Clean);
+  return kSuccess;
+}
+
+std::u16string_view ParentOf(std::u16string_view Absolute) {
+  const std::size_t nSeparator = Absolute.find_last_of(u"/\\");
+  if (nSeparator == std::u16string_view::npos) return {};
+  return Absolute.substr(0, std::max<std::size_t>(nSeparator, 1));
+}
+
+SystemError IsFolder(std::u16string_view Path, bool* pbFolder) {
+  struct stat Status {};
+  if (stat(NativePath(Path).c_str(), &Status) != 0) return ErrorFromErrno(errno);
+  *pbFolder = S_ISDIR(Status.st_mode);
+  return kSuccess;
+}
+
+SystemError MakeFolder(std::u16string_view Path) {
+  constexpr mode_t kMode = 0777;  // the process's umask takes from it
+  return mkdir(NativePath(Path).c_str(), kMode) == 0 ? kSuccess : ErrorFromErrno(errno);
+}
+
+SearchScope::SearchScope() {
+  ++t_nSearchScopes;
+}
+
+SearchScope::~SearchScope() {
+  if (--t_nSearchScopes == 0) t_Listing.reset();
+}
+
+SystemError FindFiles(std::u16string_view PathPattern, const std::function<bool(const FoundFile&)>& Visit) {
+  const std::string Native = NativePath(PathPattern);
+  const std::size_t nName = Native.rfind('/') + 1;  // 0 when there is no separator
+  const std::string Folder = Native.substr(0, nName);
+  const std::string Pattern = Native.substr(nName);
+
+  const std::size_t nWildcard = Pattern.find_first_of("*?");
+  if (nWildcard == std::string::npos) {
+    const std::optional<FoundFile> Found = Look(Folder, Pattern);
+    if (!Found) return ErrorFromErrno(errno);
+    Visit(*Found);
+    return kSuccess;
+  }
+
+  std::vector<std::string> Own;
+  const std::vector<std::string>* pNames = nullptr;
+  const SystemError nError = NamesOf(Folder, &Own, &pNames);
+  if (nError != kSuccess) return nError;
+
+  // Sorted names: those that can match stand together, from the pattern's fixed start on.
+  const std::string Fixed = Pattern.substr(0, nWildcard);
+  bool bFound = false;
+  for (auto Name = std::lower_bound(pNames->begin(), pNames->end(), Fixed);
+       Name != pNames->end() && Name->starts_with(Fixed); ++Name) {
+    if (!Matches(Pattern, *Name)) continue;
+    const std::optional<FoundFile> Found = Look(Folder, *Name);
+    if (!Found) continue;
+    bFound = true;
+    if (!Visit(*Found)) break;
+  }
+  return bFound ? kSuccess : kFileNotFound;
+}
+
+SystemError ListPlainFiles(std::u16string_view Folder, std::vector<std::u16string>* pNames) {
+  return ForEachEntry(NativePath(Folder), [pNames](const dirent& Entry, int nFolder) {
+    struct stat Status {};
+    if (fstatat(nFolder, Entry.d_name, &Status, AT_SYMLINK_NOFOLLOW) != 0) return;
+    if (!S_ISDIR(Status.st_mode) && !S_ISLNK(Status.st_mode)) pNames->push_back(WideName(Entry.d_name));
+  });
+}
+
+}  // namespace lumbra::os

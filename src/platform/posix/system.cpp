@@ -1,0 +1,138 @@
+// Time, locks, semaphores and thread priority on posix.
+#include <pthread.h>
+#include <semaphore.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+#include <new>
+
+#include "platform/posix/posix.h"
+
+namespace lumbra::os {
+
+std::uint64_t CurrentTime() {
+  timespec Now{};
+  clock_gettime(CLOCK_REALTIME, &Now);
+  return static_cast<std::uint64_t>((Now.tv_sec + kSecondsTo1970) * kFileTimeUnitsPerSecond +
+                                    Now.tv_nsec / kNanosecondsPerFileTimeUnit);
+}
+
+// ---- Locks
+// -------------------------------------------------------------------------------------------------
+
+namespace {
+
+pthread_mutex_t* MutexIn(std::byte* pStorage) {
+  return std::launder(reinterpret_cast<pthread_mutex_t*>(pStorage));
+}
+
+}  // namespace
+
+CriticalSection::CriticalSection() {
+  static_assert(sizeof(pthread_mutex_t) <= sizeof(m_Storage));
+  pthread_mutexattr_t Attributes;
+  pthread_mutexattr_init(&Attributes);
+  pthread_mutexattr_settype(&Attributes, PTHREAD_MUTEX_RECURSIVE);
+  pthread_mutex_init(new (m_Storage) pthread_mutex_t, &Attributes);
+  pthread_mutexattr_destroy(&Attributes);
+}
+
+CriticalSection::~CriticalSection() {
+  pthread_mutex_destroy(MutexIn(m_Storage));
+}
+void CriticalSection::lock() {
+  pthread_mutex_lock(MutexIn(m_Storage));
+}
+void CriticalSection::unlock() {
+  pthread_mutex_unlock(MutexIn(m_Storage));
+}
+
+struct Semaphore {
+  sem_t Native;
+};
+
+SystemError CreateCountingSemaphore(Semaphore** ppSemaphore) {
+  std::unique_ptr<Semaphore> Created(new (std::nothrow) Semaphore);
+  if (Created == nullptr) return kNotEnoughMemory;
+  if (sem_init(&Created->Native, 0, 0) != 0) return ErrorFromErrno(errno);
+  *ppSemaphore = Created.release();
+  return kSuccess;
+}
+
+SystemError WaitForSemaphore(Semaphore* pSemaphore) {
+  if (pSemaphore == nullptr) return kInvalidHandle;
+  while (sem_wait(&pSemaphore->Native) != 0) {
+    if (errno != EINTR) return ErrorFromErrno(errno);
+  }
+  return kSuccess;
+}
+
+void ReleaseSemaphoreBy(Semaphore* pSemaphore, std::uint32_t nCount) {
+  if (pSemaphore == nullptr) return;
+  for (std::uint32_t i = 0; i < nCount; ++i)
+    sem_post(&pSemaphore->Native);
+}
+
+void CloseSemaphore(Semaphore* pSemaphore) {
+  if (pSemaphore == nullptr) return;
+  sem_destroy(&pSemaphore->Native);
+  delete pSemaphore;
+}
+
+// ---- The calling thread
+// ------------------------------------------------------------------------------------
+
+// Threads do not borrow identities here.
+SystemError SuspendImpersonation(void** ppToken) {
+  *ppToken = nullptr;
+  return kSuccess;
+}
+void ResumeImpersonation(void* /*pToken*/) {}
+
+namespace {
+
+// The system has no C interface for I/O priorities. A value is the class in the bits from 13 on and the level
+// within the class below them; in the best-effort class 4 is the level of threads that nobody asked anything
+// of.
+constexpr int kWhoThread = 1;
+constexpr int kCallingThread = 0;
+constexpr std::uint32_t kClassShift = 13;
+constexpr std::uint32_t kClassBestEffort = 2;
+constexpr std::uint32_t kClassIdle = 3;
+constexpr std::uint32_t kLevelMask = 7;
+constexpr std::uint32_t kNormalBestEffort = 4;
+
+// Levels of the vocabulary of os.h: 0 very low, 1 low, 2 normal.
+std::uint32_t LevelOf(std::uint32_t nExact) {
+  const std::uint32_t nClass = nExact >> kClassShift;
+  if (nClass == kClassIdle) return 0;
+  if (nClass == kClassBestEffort && (nExact & kLevelMask) > kNormalBestEffort) return 1;
+  return kIoPriorityNormal;
+}
+
+SystemError SetExactIoPriority(std::uint32_t nExact) {
+  const long nAnswer = syscall(SYS_ioprio_set, kWhoThread, kCallingThread, nExact);
+  return nAnswer == 0 ? kSuccess : ErrorFromErrno(errno);
+}
+
+}  // namespace
+
+SystemError QueryIoPriority(IoPriority* pPriority) {
+  const long nAnswer = syscall(SYS_ioprio_get, kWhoThread, kCallingThread);
+  if (nAnswer < 0) return ErrorFromErrno(errno);
+  pPriority->nExact = static_cast<std::uint32_t>(nAnswer);
+  pPriority->nLevel = LevelOf(pPriority->nExact);
+  return kSuccess;
+}
+
+SystemError SetIoPriority(const IoPriority& Priority) {
+  return SetExactIoPriority(Priority.nExact);
+}
+SystemError SetNormalIoPriority() {
+  return SetExactIoPriority((kClassBestEffort << kClassShift) | kNormalBestEffort);
+}
+
+}  // namespace lumbra::os

@@ -1,0 +1,239 @@
+#include "platform/storage_environment.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <utility>
+#include <vector>
+
+#include "platform/exception.h"
+#include "platform/file.h"
+#include "platform/folders.h"
+#include "platform/result.h"
+#include "platform/trace.h"
+
+namespace lumbra {
+namespace {
+
+// The files of one segment, in the order in which they are deleted: the events last, so that an interrupted
+// deletion leaves a segment that is still listed and can be deleted again.
+constexpr std::u16string_view kSegmentFiles[] = {u"objbt.dat", u"objid.dat", u"objdt.dat", u"events.dat"};
+
+// The longest file name that is built, in UTF-16 units.
+constexpr std::size_t kMaxFileName = 260;
+
+// Seconds from 1601-01-01, where file times start, to 1970-01-01, and file time units in a second.
+constexpr std::int64_t kSecondsTo1970 = 11644473600;
+constexpr std::int64_t kFileTimeUnitsPerSecond = 10000000;
+
+// "%08X_"
+std::u16string NumberPrefix(std::uint32_t nId) {
+  std::u16string Prefix;
+  for (int nShift = 28; nShift >= 0; nShift -= 4)
+    Prefix += u"0123456789ABCDEF"[(nId >> nShift) & 0xFu];
+  return Prefix + u'_';
+}
+
+std::u16string FileName(std::u16string_view Name, std::uint32_t nId) {
+  std::u16string Full = nId == 0 ? std::u16string() : NumberPrefix(nId);
+  Full += Name;
+  if (Full.size() > kMaxFileName) Full.resize(kMaxFileName);
+  return Full;
+}
+
+bool EndsWithSeparator(std::u16string_view Folder) {
+  return Folder.ends_with(u'\\') || Folder.ends_with(u'/');
+}
+
+struct BlockDeleter {
+  void operator()(char16_t* pBlock) const { StorageEnvironment::Free(pBlock); }
+};
+using PathBlock = std::unique_ptr<char16_t[], BlockDeleter>;
+
+// The path of a file or pattern, zero-terminated, in a block of its own; null when there is no memory for it.
+PathBlock BuildFilePath(std::u16string_view Folder, std::u16string_view Name, std::uint32_t nId) {
+  constexpr std::size_t kRoomForPrefixBytes = 128;  // separator, number and terminator, with room to spare
+  const std::size_t nBytes = (Folder.size() + Name.size()) * sizeof(char16_t) + kRoomForPrefixBytes;
+  PathBlock Path(static_cast<char16_t*>(StorageEnvironment::Alloc(static_cast<std::uint32_t>(nBytes))));
+  if (Path == nullptr) return Path;
+  char16_t* pEnd = Path.get();
+  const auto Append = [&pEnd](std::u16string_view Text) {
+    std::memcpy(pEnd, Text.data(), Text.size() * sizeof(char16_t));
+    pEnd += Text.size();
+  };
+  Append(Folder);
+  if (!EndsWithSeparator(Folder)) Append(u"\\");
+  if (nId != 0) Append(NumberPrefix(nId));
+  Append(Name);
+  return Path;
+}
+
+ResultCode ResultOfSearch(os::SystemError nError) {
+  if (nError == os::kSuccess) return errOK;
+  return nError == os::kFileNotFound ? errNOT_FOUND : errUNEXPECTED;
+}
+
+// Lays down the calling thread's borrowed identity for its own lifetime.
+class ThreadTokenSuspension {
+ public:
+  ThreadTokenSuspension() { ULO_CHECK_RESULT(ResultFromSystemError(os::SuspendImpersonation(&m_pToken))); }
+  ~ThreadTokenSuspension() {
+    if (m_pToken != nullptr) os::ResumeImpersonation(m_pToken);
+  }
+  ThreadTokenSuspension(const ThreadTokenSuspension&) = delete;
+  ThreadTokenSuspension& operator=(const ThreadTokenSuspension&) = delete;
+
+ private:
+  void* m_pToken = nullptr;
+};
+
+}  // namespace
+
+bool StorageEnvironment::Init(StorageOwner* pOwner, const char16_t* pFolder, FolderContent Content,
+                              bool bEnvironmentFlag) noexcept {
+  if (pOwner == nullptr || pFolder == nullptr) return false;
+  try {
+    m_pOwner = pOwner;
+    m_Folder = pFolder;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  if (m_Folder.empty()) return false;
+  if (CreateDirectories(m_Folder) != errOK) return false;
+  if (Content == FolderContent::Wipe) DeleteFiles(u"*.*", 0);
+  m_bEnvironmentFlag = bEnvironmentFlag;
+  return true;
+}
+
+std::uint64_t StorageEnvironment::GetCurrentTime() {
+  return os::CurrentTime();
+}
+
+ResultCode StorageEnvironment::OpenFile(const char16_t* pName, std::uint32_t nId, bool bCreate,
+                                        bool bWritable, std::unique_ptr<StorageFile>* ppFile) {
+  const ThreadTokenSuspension Suspension;
+  if (m_Folder.empty()) return errSTORE_NOT_INITIALIZED;
+  if (pName == nullptr || ppFile == nullptr) return errPARAMETER_INVALID;
+  try {
+    std::u16string Path = PathOf(FileName(pName, nId));
+    const std::uint32_t nFlags = fileRead | fileShareRead | (bWritable ? std::uint32_t{fileWrite} : 0u);
+    File Opened;
+    const ResultCode nCode =
+        ToHostResult(Opened.OpenWithFlags(Path, nFlags, bCreate ? openAlways : openExisting));
+    if (Failed(nCode)) return nCode;
+    // The handle is released only once nothing can fail any more.
+    void* const pMemory = ::operator new(sizeof(StorageFile), std::nothrow);
+    if (pMemory == nullptr) return errOUT_OF_MEMORY;
+    ppFile->reset(new (pMemory) StorageFile(Opened.Release(), std::move(Path)));
+    return nCode;
+  } catch (const std::bad_alloc&) {
+    return errOUT_OF_MEMORY;
+  }
+}
+
+ResultCode StorageEnvironment::DeleteFiles(const char16_t* /*pPattern*/, std::uint32_t nId) noexcept {
+  if (m_Folder.empty()) return errOK;
+  try {
+    if (nId != 0) {
+      for (const std::u16string_view Name : kSegmentFiles)
+        os::RemoveFile(PathOf(FileName(Name, nId)));
+      return errOK;
+    }
+    std::vector<std::u16string> Names;
+    os::ListPlainFiles(m_Folder, &Names);
+    for (const std::u16string& Name : Names)
+      os::RemoveFile(PathOf(Name));
+  } catch (const std::bad_alloc&) {
+    // What was not reached stays, like any other file that could not be deleted.
+  }
+  return errOK;
+}
+
+void* StorageEnvironment::Alloc(std::uint32_t nSize) noexcept {
+  return std::calloc(1, nSize);
+}
+
+bool StorageEnvironment::Free(void* pBlock) noexcept {
+  std::free(pBlock);
+  return true;
+}
+
+bool StorageEnvironment::WideToUtf8(const char16_t* pText, std::uint32_t nTextBytes, char* pBuffer,
+                                    std::uint32_t nBufferBytes, std::uint32_t* pnLengthBytes) noexcept {
+  const std::uint32_t nLength = os::WideToUtf8(pText, nTextBytes / 2, pBuffer, nBufferBytes);
+  if (pnLengthBytes != nullptr) *pnLengthBytes = nLength;
+  return nLength != 0;
+}
+
+bool StorageEnvironment::Utf8ToWide(const char* pText, std::uint32_t nTextBytes, char16_t* pBuffer,
+                                    std::uint32_t nBufferUnits, std::uint32_t* pnLengthBytes) noexcept {
+  const std::uint32_t nUnits = os::Utf8ToWide(pText, nTextBytes, pBuffer, nBufferUnits);
+  if (pnLengthBytes != nullptr) *pnLengthBytes = nUnits * 2;
+  return nUnits != 0;
+}
+
+std::uint32_t StorageEnvironment::UpperCase(char16_t* pText, std::uint32_t nUnits) noexcept {
+  return os::UpperCase(pText, nUnits);
+}
+
+ResultCode StorageEnvironment::GetFileCreationTime(const char16_t* pName, std::uint32_t nId,
+                                                   std::uint64_t* pnTime) noexcept {
+  if (m_Folder.empty()) return errSTORE_NOT_INITIALIZED;
+  if (pName == nullptr || pnTime == nullptr) return errPARAMETER_INVALID;
+  try {
+    const PathBlock Path = BuildFilePath(m_Folder, pName, nId);
+    if (Path == nullptr) return errOUT_OF_MEMORY;
+    return ResultOfSearch(os::FindFiles(Path.get(), [pnTime](const os::FoundFile& Found) {
+      *pnTime =
+          static_cast<std::uint64_t>((Found.nCreationTimeSeconds + kSecondsTo1970) * kFileTimeUnitsPerSecond);
+      return false;  // the first match is enough
+    }));
+  } catch (const std::bad_alloc&) {
+    return errOUT_OF_MEMORY;
+  }
+}
+
+ResultCode StorageEnvironment::GetFileSize(const char16_t* pName, std::uint32_t nId,
+                                           std::uint64_t* pnSize) noexcept {
+  if (m_Folder.empty()) return errSTORE_NOT_INITIALIZED;
+  if (pName == nullptr || pnSize == nullptr) return errPARAMETER_INVALID;
+  *pnSize = 0;
+  try {
+    const PathBlock Path = BuildFilePath(m_Folder, pName, nId);
+    if (Path == nullptr) return errOUT_OF_MEMORY;
+    enum class Exact { Unknown, No, Yes } Measure = Exact::Unknown;  // asked once, when something was found
+    ResultCode nFailure = errOK;
+    const os::SystemError nError = os::FindFiles(Path.get(), [&](const os::FoundFile& Found) {
+      if (Measure == Exact::Unknown) Measure = m_pOwner->ExactFileSizes() ? Exact::Yes : Exact::No;
+      if (Found.bFolder) return true;
+      std::uint64_t nSize = Found.nSize;
+      if (Measure == Exact::Yes) {
+        const char16_t* const pFolder = m_Folder.c_str();
+        Trace(kHostRoot, traceRoutine,
+              "lmb\tGetFileSize: dir entry file size: dirname = '%S'; filename = '%S'; size = %I64d", pFolder,
+              Found.Name.c_str(), nSize);
+        if (os::MeasureFile(PathOf(Found.Name), &nSize) != os::kSuccess) {
+          nFailure = errUNEXPECTED;
+          return false;
+        }
+        Trace(kHostRoot, traceRoutine,
+              "lmb\tGetFileSize: exact file size: dirname = '%S'; filename = '%S'; size = %I64d", pFolder,
+              Found.Name.c_str(), nSize);
+      }
+      *pnSize += nSize;
+      return true;
+    });
+    return Failed(nFailure) ? nFailure : ResultOfSearch(nError);
+  } catch (const std::bad_alloc&) {
+    return errOUT_OF_MEMORY;
+  }
+}
+
+std::u16string StorageEnvironment::PathOf(std::u16string_view FileName) const {
+  std::u16string Path = m_Folder;
+  if (!EndsWithSeparator(Path)) Path += u'\\';
+  Path += FileName;
+  return Path;
+}
+
+}  // namespace lumbra

@@ -1,0 +1,87 @@
+// One database folder: builds file names, opens, deletes, measures and dates the folder's files, and offers
+// the small services that storage classes use without caring where they come from.
+//
+// A file that belongs to the folder as a whole has the plain base name ("segments.dat", id 0); a segment's
+// file carries the segment's number in front ("0000002A_events.dat", id 0x2A).
+//
+// It takes no locks: its owner serialises the use. The static services keep no state and may be called from
+// any thread. No operation but OpenFile throws.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "lumbra/result_code.h"
+#include "platform/storage_file.h"
+
+namespace lumbra {
+
+// On whose behalf an environment handles files.
+class StorageOwner {
+ public:
+  // Whether file sizes are measured one by one instead of being taken from the folder's entries.
+  virtual bool ExactFileSizes() = 0;
+
+ protected:
+  ~StorageOwner() = default;
+};
+
+enum class FolderContent { Keep, Wipe };
+
+class StorageEnvironment {
+ public:
+  StorageEnvironment() = default;
+  StorageEnvironment(const StorageEnvironment&) = delete;
+  StorageEnvironment& operator=(const StorageEnvironment&) = delete;
+
+  // Points the environment at a folder, which is created with its missing parents. True when it exists
+  // afterwards. The owner must outlive the environment's use. May be called again, for another folder.
+  bool Init(StorageOwner* pOwner, const char16_t* pFolder, FolderContent Content,
+            bool bEnvironmentFlag) noexcept;
+
+  // Now, as a FILETIME (100 ns units since 1601-01-01 UTC).
+  static std::uint64_t GetCurrentTime();
+
+  // Opens a file that others may read but not write; with bCreate it is created where it is missing. Answers
+  // in the host's form: errOBJECT_NOT_FOUND for a missing file, errSHARING_VIOLATION for one that is held,
+  // errSTORE_NOT_INITIALIZED before Init. *ppFile is stored on success only. The file is opened under the
+  // process's own identity; ulo::CheckResultFailedException when the thread's borrowed one cannot be read.
+  ResultCode OpenFile(const char16_t* pName, std::uint32_t nId, bool bCreate, bool bWritable,
+                      std::unique_ptr<StorageFile>* ppFile);
+
+  // Id 0: deletes every plain file of the folder; folders and links stay. Otherwise deletes the id's four
+  // segment files. What cannot be deleted stays. Always errOK; the pattern has no influence.
+  ResultCode DeleteFiles(const char16_t* pPattern, std::uint32_t nId) noexcept;
+
+  // Zero-filled memory, or null; given back with Free.
+  static void* Alloc(std::uint32_t nSize) noexcept;
+  static bool Free(void* pBlock) noexcept;
+
+  // Conversions between UTF-16 and UTF-8. A null buffer of size 0 measures; the out length may be null. False
+  // when nothing came out: no input, or a buffer that is too small. Lengths are in bytes, except that the
+  // capacity of Utf8ToWide counts UTF-16 units.
+  static bool WideToUtf8(const char16_t* pText, std::uint32_t nTextBytes, char* pBuffer,
+                         std::uint32_t nBufferBytes, std::uint32_t* pnLengthBytes) noexcept;
+  static bool Utf8ToWide(const char* pText, std::uint32_t nTextBytes, char16_t* pBuffer,
+                         std::uint32_t nBufferUnits, std::uint32_t* pnLengthBytes) noexcept;
+
+  // Upper-cases in place, each unit for itself; answers nUnits.
+  static std::uint32_t UpperCase(char16_t* pText, std::uint32_t nUnits) noexcept;
+
+  // The creation time of the first file that matches, as a FILETIME of whole seconds. errNOT_FOUND for none.
+  ResultCode GetFileCreationTime(const char16_t* pName, std::uint32_t nId, std::uint64_t* pnTime) noexcept;
+
+  // The summed sizes of the files that match a name or pattern ("*.dat"). errNOT_FOUND, and 0, for none.
+  ResultCode GetFileSize(const char16_t* pName, std::uint32_t nId, std::uint64_t* pnSize) noexcept;
+
+ private:
+  std::u16string PathOf(std::u16string_view FileName) const;
+
+  StorageOwner* m_pOwner = nullptr;
+  std::u16string m_Folder;          // as passed to Init; empty until then
+  bool m_bEnvironmentFlag = false;  // recorded; nothing depends on it
+};
+
+}  // namespace lumbra
