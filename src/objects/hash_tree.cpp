@@ -1,0 +1,350 @@
+#include "objects/hash_tree.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+#include "objects/failed_check.h"
+
+namespace lumbra {
+namespace {
+
+constexpr char kPlainMagic[4] = {'O', 'D', 'B', 'T'};
+constexpr char kCheckedMagic[4] = {'O', 'D', 'B', 'C'};
+
+// How many bits of the hash a level takes: 8, 4, 2, 1, and 1 on every deeper level.
+constexpr std::uint32_t kLevelBits[] = {8, 4, 2, 1};
+std::uint32_t BitsOf(std::uint32_t nLevel) {
+  return nLevel < 4 ? kLevelBits[nLevel] : 1;
+}
+
+// How much of the file the large head holds beyond the root: room for some hundred nodes of the next levels.
+constexpr std::uint32_t kLargeHeadPlain = 16384;
+constexpr std::uint32_t kLargeHeadChecked = 17408;
+
+}  // namespace
+
+std::uint32_t HashTree::EntriesOf(std::uint32_t nLevel) {
+  return 1u << BitsOf(nLevel);
+}
+
+std::uint32_t HashTree::GetHashDigit(std::uint64_t nHash, std::uint32_t nLevel) {
+  constexpr std::uint32_t kShifts[] = {0, 8, 12, 14};
+  const std::uint32_t nShift = nLevel < 4 ? kShifts[nLevel] : nLevel + 11;
+  if (nShift >= 64) return 0;  // the hash is used up
+  return static_cast<std::uint32_t>(nHash >> nShift) & (EntriesOf(nLevel) - 1);
+}
+
+// ---- Opening
+// -----------------------------------------------------------------------------------------------
+
+ResultCode HashTree::Open(StorageFile* pFile, const Options& Use) {
+  Close();
+  pFileBT = pFile;
+  m_Crc = DataCrc(Use.bSeededCrcs);
+
+  bool bAccepted = false;
+  ResultCode nCode = AcceptFile(&bAccepted);
+  if (Succeeded(nCode) && !bAccepted) {
+    m_bNodeCrcs = Use.bNodeCrcsIfCreated;
+    nCode = DiscardFile();
+  }
+  if (Succeeded(nCode) && !PrepareHead(Use.bLargeHead)) nCode = errOUT_OF_MEMORY;
+  if (Succeeded(nCode) && !bAccepted) nCode = WriteEmptyTree();
+  if (Failed(nCode)) {
+    Close();
+    return nCode;
+  }
+  pFileBT->GetSize(&m_nSizeBT);
+  return errOK;
+}
+
+void HashTree::Close() {
+  pFileBT = nullptr;
+  m_nSizeBT = 0;
+  m_btHead.clear();
+  m_nodeChecked.clear();
+}
+
+// Looks at an existing file, mends its recorded size, and tells whether the tree in it can be used.
+ResultCode HashTree::AcceptFile(bool* pbAccepted) {
+  *pbAccepted = false;
+  tODB_BT_HEADER hdr{};
+  std::uint32_t nRead = 0;
+  if (!pFileBT->SeekRead(0, &hdr, sizeof(hdr), &nRead) || nRead != sizeof(hdr)) return errOK;
+  if (hdr.nFirstNodeOffset != FirstNodeOffset) return errOK;
+  m_bNodeCrcs = std::memcmp(hdr.Magic, kCheckedMagic, sizeof(hdr.Magic)) == 0;
+  if (!m_bNodeCrcs && std::memcmp(hdr.Magic, kPlainMagic, sizeof(hdr.Magic)) != 0) return errOK;
+
+  const std::uint64_t nRecordedSize = hdr.nDBSize;
+  std::uint64_t actualSize = 0;
+  ODB_CHECK(pFileBT->GetSize(&actualSize), errREAD_FAILED);
+  if (hdr.nDBSize != actualSize) {
+    Trace(kHostRoot, traceFailure, "lmb\tWrong BT size in header, actual: %I64X, from header: %I64X",
+          actualSize, hdr.nDBSize);
+    hdr.nDBSize = actualSize;
+  }
+  const std::uint64_t nMinimalSize = RootEnd();
+  if (hdr.nDBSize < nMinimalSize) {
+    Trace(kHostRoot, traceFailure,
+          "lmb\tToo small BT size, rewrite it it. BT size: %I64X, minimal size: %I64X", hdr.nDBSize,
+          nMinimalSize);
+    return errOK;
+  }
+  if (const std::uint64_t nUnaligned = hdr.nDBSize; nUnaligned % sizeof(tODB_BT_OFFSET) != 0) {
+    hdr.nDBSize += sizeof(tODB_BT_OFFSET) - nUnaligned % sizeof(tODB_BT_OFFSET);
+    Trace(kHostRoot, traceFailure, "lmb\tBT file size unaligned: %I64X, after align: %I64X", nUnaligned,
+          hdr.nDBSize);
+  }
+
+  bool bGoodRoot = true;
+  if (m_bNodeCrcs) {
+    const ResultCode nCode = CheckRoot(&bGoodRoot);
+    if (Failed(nCode)) return nCode;
+  }
+  if (!bGoodRoot) return errOK;
+  const ResultCode nCode = StoreHeader(hdr, hdr.nDBSize != nRecordedSize, actualSize);
+  *pbAccepted = Succeeded(nCode);
+  return nCode;
+}
+
+ResultCode HashTree::CheckRoot(bool* pbGood) {
+  constexpr std::uint32_t OffsetsSize = kRootEntries * sizeof(tODB_BT_OFFSET);
+  constexpr std::uint32_t nCrcOffset = FirstNodeOffset + OffsetsSize;
+  tODB_BT_OFFSET offsets[kRootEntries];
+  std::uint32_t crc32 = 0;
+  std::uint32_t bytes = 0;
+  ODB_CHECK(pFileBT->SeekRead(FirstNodeOffset, offsets, OffsetsSize, &bytes), errREAD_FAILED);
+  ODB_CHECK(bytes == OffsetsSize, errREAD_FAILED);
+  ODB_CHECK(pFileBT->SeekRead(nCrcOffset, &crc32, sizeof(crc32), &bytes), errREAD_FAILED);
+  ODB_CHECK(bytes == sizeof(crc32), errREAD_FAILED);
+  *pbGood = ValidDataCrc(0, offsets, OffsetsSize, &crc32);
+  return errOK;
+}
+
+// Brings a mended size into the header, and the file to that size.
+ResultCode HashTree::StoreHeader(const tODB_BT_HEADER& hdr, bool bChanged, std::uint64_t nActualSize) {
+  const tODB_BT_HEADER& newHdr = hdr;
+  if (bChanged) ODB_CHECK(pFileBT->SeekWrite(0, &newHdr, sizeof(newHdr), NULL), errWRITE_FAILED);
+  if (hdr.nDBSize != nActualSize) ODB_CHECK(pFileBT->SetSize(hdr.nDBSize), errWRITE_FAILED);
+  return errOK;
+}
+
+ResultCode HashTree::DiscardFile() {
+  ODB_CHECK(pFileBT->SetSize(0), errWRITE_FAILED);
+  return errOK;
+}
+
+bool HashTree::PrepareHead(bool bLargeHead) {
+  m_nBtHeadSize = RootEnd();
+  if (bLargeHead) m_nBtHeadSize += m_bNodeCrcs ? kLargeHeadChecked : kLargeHeadPlain;
+  try {
+    m_btHead.reserve(m_nBtHeadSize);  // so that no later growth of it can fail
+    m_nodeChecked.assign(m_nBtHeadSize, 0);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  m_nodeChecked[FirstNodeOffset] = 1;  // the root was checked, or is about to be written
+  return true;
+}
+
+ResultCode HashTree::WriteEmptyTree() {
+  tODB_BT_HEADER hdr{{}, FirstNodeOffset, FirstNodeOffset};
+  std::memcpy(hdr.Magic, m_bNodeCrcs ? kCheckedMagic : kPlainMagic, sizeof(hdr.Magic));
+  ODB_CHECK(pFileBT->SeekWrite(0, &hdr, sizeof(hdr), 0), errWRITE_FAILED);
+  std::uint32_t nRoot = 0;
+  return BT_AddNode(0, 0, &nRoot);
+}
+
+// ---- Walks
+// -------------------------------------------------------------------------------------------------
+
+ResultCode HashTree::Find(std::uint64_t nHash, std::uint32_t* pnShortId) {
+  for (Place At; At.nLevel <= kMaxLevel;) {
+    tODB_BT_OFFSET nEntry = 0;
+    const ResultCode nCode = ReadSlot(At, nHash, &nEntry);
+    if (Failed(nCode)) return nCode;
+    if (nEntry == 0) return errOBJECT_NOT_FOUND;
+    if (!IsChild(nEntry)) {
+      *pnShortId = nEntry;
+      return errOK;
+    }
+    Descend(&At, nEntry);
+  }
+  return errDATA_CORRUPTED;
+}
+
+ResultCode HashTree::ReadSlot(const Place& At, std::uint64_t nHash, tODB_BT_OFFSET* pnEntry) {
+  return BT_GetNodeEntry(At.nNode, At.nParent, At.nLevel, GetHashDigit(nHash, At.nLevel), pnEntry);
+}
+
+ResultCode HashTree::WriteSlot(const Place& At, std::uint64_t nHash, tODB_BT_OFFSET nEntry) {
+  return BT_SetNodeEntry(At.nNode, At.nParent, At.nLevel, GetHashDigit(nHash, At.nLevel), nEntry);
+}
+
+void HashTree::Descend(Place* pAt, tODB_BT_OFFSET nChild) {
+  *pAt = {nChild & ~kChildBit, pAt->nNode, pAt->nParent, pAt->nLevel + 1};
+}
+
+ResultCode HashTree::Split(Place* pAt, std::uint64_t nHash, std::uint64_t nOtherHash,
+                           std::uint32_t nOtherShortId) {
+  const std::uint32_t nChildLevel = pAt->nLevel + 1;
+  std::uint32_t nChild = 0;
+  ResultCode nCode = BT_AddNode(nChildLevel, pAt->nNode, &nChild);
+  if (Failed(nCode)) return nCode;
+  // The object first, then the link: at no time does the tree lose it.
+  nCode =
+      BT_SetNodeEntry(nChild, pAt->nNode, nChildLevel, GetHashDigit(nOtherHash, nChildLevel), nOtherShortId);
+  if (Failed(nCode)) return nCode;
+  nCode = WriteSlot(*pAt, nHash, nChild | kChildBit);
+  if (Succeeded(nCode)) Descend(pAt, nChild);
+  return nCode;
+}
+
+ResultCode HashTree::Detach(const Place& At, std::uint64_t nHash) {
+  const std::uint32_t nParentLevel = At.nLevel == 0 ? 0 : At.nLevel - 1;
+  return BT_SetNodeEntry(At.nParent, At.nGrandparent, nParentLevel, GetHashDigit(nHash, nParentLevel), 0);
+}
+
+// ---- Nodes
+// -------------------------------------------------------------------------------------------------
+
+ResultCode HashTree::BT_GetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nPreviousOffset,
+                                     std::uint32_t nLevel, std::uint32_t nEntryNo, tODB_BT_OFFSET* pOffset) {
+  nNodeOffset &= ~kChildBit;
+  nPreviousOffset &= ~kChildBit;
+  if (nNodeOffset < FirstNodeOffset) return errDATA_CORRUPTED;
+  const bool bInHead = nNodeOffset < m_nodeChecked.size();
+  const std::uint32_t nMark = nLevel + 1;
+  if (!m_bNodeCrcs || (bInHead && m_nodeChecked[nNodeOffset] == nMark)) {
+    return ReadEntry(nNodeOffset, nEntryNo, pOffset);
+  }
+
+  const auto offsetsSize = static_cast<std::uint32_t>(EntriesOf(nLevel) * sizeof(tODB_BT_OFFSET));
+  const std::uint32_t nCrcOffset = nNodeOffset + offsetsSize;
+  tODB_BT_OFFSET offsets[kRootEntries];
+  const ResultCode nCode = ReadEntries(nNodeOffset, offsetsSize, offsets);
+  if (Failed(nCode)) return nCode;
+  std::uint32_t crc32 = 0;
+  std::uint32_t bytes = 0;
+  ODB_CHECK(BT_SeekRead(nCrcOffset, &crc32, sizeof(crc32), &bytes), ReadErrorCode(nCrcOffset));
+  ODB_CHECK(bytes == sizeof(crc32), ReadErrorCode(nCrcOffset + bytes));
+  ODB_CHECK(ValidDataCrc(nPreviousOffset, offsets, offsetsSize, &crc32), errDATA_CORRUPTED);
+  *pOffset = offsets[nEntryNo];
+  if (bInHead && nMark < 255) m_nodeChecked[nNodeOffset] = static_cast<std::uint8_t>(nMark);
+  return errOK;
+}
+
+ResultCode HashTree::ReadEntry(std::uint32_t nNodeOffset, std::uint32_t nEntryNo, tODB_BT_OFFSET* pOffset) {
+  const std::uint64_t nPosition = nNodeOffset + std::uint64_t{nEntryNo} * sizeof(tODB_BT_OFFSET);
+  std::uint32_t bytes = 0;
+  // clang-format off
+  ODB_CHECK(BT_SeekRead(nNodeOffset+nEntryNo*sizeof(tODB_BT_OFFSET), pOffset, sizeof(tODB_BT_OFFSET), &bytes),
+            ReadErrorCode(nPosition));
+  // clang-format on
+  ODB_CHECK(bytes == sizeof(tODB_BT_OFFSET), ReadErrorCode(nPosition + bytes));
+  return errOK;
+}
+
+ResultCode HashTree::ReadEntries(std::uint32_t nNodeOffset, std::uint32_t offsetsSize,
+                                 tODB_BT_OFFSET* offsets) {
+  std::uint32_t bytes = 0;
+  ODB_CHECK(BT_SeekRead(nNodeOffset, offsets, offsetsSize, &bytes), ReadErrorCode(nNodeOffset));
+  ODB_CHECK(bytes == offsetsSize, ReadErrorCode(std::uint64_t{nNodeOffset} + bytes));
+  return errOK;
+}
+
+ResultCode HashTree::BT_SetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nPreviousOffset,
+                                     std::uint32_t nLevel, std::uint32_t nEntryNo, tODB_BT_OFFSET nOffset) {
+  nNodeOffset &= ~kChildBit;
+  nPreviousOffset &= ~kChildBit;
+  if (nNodeOffset < FirstNodeOffset) return errPARAMETER_INVALID;
+  std::uint32_t bytes = 0;
+  if (m_bNodeCrcs) {
+    const auto offsetsSize = static_cast<std::uint32_t>(EntriesOf(nLevel) * sizeof(tODB_BT_OFFSET));
+    tODB_BT_OFFSET offsets[kRootEntries];
+    const ResultCode nCode = ReadEntries(nNodeOffset, offsetsSize, offsets);
+    if (Failed(nCode)) return nCode;
+    offsets[nEntryNo] = nOffset;
+    const std::uint32_t crc32 = m_Crc.Of(nPreviousOffset, offsets, offsetsSize);
+    // clang-format off
+    ODB_CHECK(BT_SeekWrite(nNodeOffset+offsetsSize, &crc32, sizeof(crc32), &bytes), errWRITE_FAILED);
+    // clang-format on
+    ODB_CHECK(bytes == sizeof(crc32), errWRITE_FAILED);
+  }
+  // clang-format off
+  ODB_CHECK(BT_SeekWrite(nNodeOffset+nEntryNo*sizeof(tODB_BT_OFFSET), &nOffset, sizeof(nOffset), &bytes),
+            errWRITE_FAILED);
+  // clang-format on
+  ODB_CHECK(bytes == sizeof(tODB_BT_OFFSET), errWRITE_FAILED);
+  return errOK;
+}
+
+ResultCode HashTree::BT_AddNode(std::uint32_t nLevel, std::uint32_t nPreviousOffset,
+                                std::uint32_t* pnNodeOffset) {
+  const auto write_size = static_cast<std::uint32_t>(EntriesOf(nLevel) * sizeof(tODB_BT_OFFSET));
+  std::uint64_t nOldSize = 0;
+  const ResultCode nCode = BT_ExtendDB(write_size + CrcSize(), &nOldSize);
+  if (Failed(nCode)) return nCode;
+  auto nNodeOffset = static_cast<std::uint32_t>(nOldSize);
+  *pnNodeOffset = nNodeOffset;
+
+  constexpr tODB_BT_OFFSET offsets[kRootEntries] = {};
+  std::uint32_t bytesWritten = 0;
+  ODB_CHECK(BT_SeekWrite(nNodeOffset, offsets, write_size, &bytesWritten), errWRITE_FAILED);
+  ODB_CHECK((bytesWritten == write_size), errWRITE_FAILED);
+  if (!m_bNodeCrcs) return errOK;
+  const std::uint32_t crc32 = m_Crc.Of(nPreviousOffset, offsets, write_size);
+  nNodeOffset += write_size;
+  ODB_CHECK(BT_SeekWrite(nNodeOffset, &crc32, sizeof(crc32), &bytesWritten), errWRITE_FAILED);
+  ODB_CHECK((bytesWritten == sizeof(crc32)), errWRITE_FAILED);
+  return errOK;
+}
+
+ResultCode HashTree::BT_ExtendDB(std::uint32_t nAdded, std::uint64_t* pnOldSize) {
+  tODB_BT_HEADER hdr{};
+  std::uint32_t bytesRead = 0;
+  ODB_CHECK(BT_SeekRead(0, &hdr, sizeof(hdr), &bytesRead), ReadErrorCode(0));
+  ODB_CHECK((sizeof(hdr) == bytesRead), ReadErrorCode(bytesRead));
+  if (hdr.nDBSize + nAdded > kChildBit) return errOUT_OF_SPACE;  // a slot has no bits for a higher offset
+  *pnOldSize = hdr.nDBSize;
+  hdr.nDBSize += nAdded;
+  m_nSizeBT = hdr.nDBSize;
+  // Before the node itself: a crash in between leaves a size that the next Open finds wrong and mends.
+  ODB_CHECK(BT_SeekWrite(0, &hdr, sizeof(hdr), NULL), errWRITE_FAILED);
+  return errOK;
+}
+
+// ---- The head in memory
+// ------------------------------------------------------------------------------------
+
+bool HashTree::BT_SeekRead(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead) {
+  if (nOffset + nSize > m_nBtHeadSize) return pFileBT->SeekRead(nOffset, pBuffer, nSize, pnRead);
+  if (m_btHead.empty()) {
+    m_btHead.resize(m_nBtHeadSize);
+    std::uint32_t nHeld = 0;
+    if (!pFileBT->SeekRead(0, m_btHead.data(), m_nBtHeadSize, &nHeld)) {
+      m_btHead.clear();
+      return false;
+    }
+    m_btHead.resize(nHeld);
+  }
+  const std::uint64_t nHeld = m_btHead.size();
+  *pnRead =
+      nOffset >= nHeld ? 0 : static_cast<std::uint32_t>(std::min<std::uint64_t>(nSize, nHeld - nOffset));
+  if (*pnRead != 0) std::memcpy(pBuffer, m_btHead.data() + nOffset, *pnRead);
+  return true;
+}
+
+bool HashTree::BT_SeekWrite(std::uint64_t nOffset, const void* pData, std::uint32_t nSize,
+                            std::uint32_t* pnWritten) {
+  if (!pFileBT->SeekWrite(nOffset, pData, nSize, pnWritten)) return false;
+  if (nOffset >= m_nBtHeadSize || m_btHead.empty())
+    return true;  // an unread head stays so: the next read fills it
+  const std::uint64_t nEnd = std::min<std::uint64_t>(nOffset + nSize, m_nBtHeadSize);
+  if (m_btHead.size() < nEnd) m_btHead.resize(nEnd);
+  std::memcpy(m_btHead.data() + nOffset, pData, nEnd - nOffset);
+  return true;
+}
+
+}  // namespace lumbra

@@ -1,0 +1,131 @@
+// The tree that finds an object by its 64-bit hash: a radix tree over the bits of the hash, in a file of its
+// own.
+//
+// The root takes the lowest 8 bits of the hash, the next level 4 bits, the next 2, every deeper one 1. A slot
+// holds nothing (0), a child node (0x80000000 | file offset), or the short id of the one object whose hash
+// leads there. Nodes are only ever appended and never freed. An insertion writes the new object's slot last,
+// when everything that it points to exists: interrupted, it leaves at worst an object that the tree does not
+// reach, which the repair of the store puts back, or a node that nothing points to.
+//
+// In an "ODBC" file every node is followed by the CRC of its entries, seeded with the offset of its parent.
+//
+// The object store's lock serialises all of this.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "lumbra/result_code.h"
+#include "objects/data_crc.h"
+#include "platform/storage_file.h"
+
+namespace lumbra {
+
+struct tODB_BT_HEADER {
+  char Magic[4];                   //  0: "ODBT": nodes without, "ODBC": nodes with a CRC
+  std::uint32_t nFirstNodeOffset;  //  4: 16, where the root stands
+  std::uint64_t nDBSize;           //  8: used size of the file, the end of the last node
+};
+static_assert(sizeof(tODB_BT_HEADER) == 16);
+
+// A slot of a node.
+using tODB_BT_OFFSET = std::uint32_t;
+
+class HashTree {
+ public:
+  static constexpr std::uint32_t FirstNodeOffset = sizeof(tODB_BT_HEADER);
+
+  // A walk ends at this level at the latest. The bits of a hash are used up at level 52, where any two
+  // different hashes have parted; what goes deeper is damage.
+  static constexpr std::uint32_t kMaxLevel = 64;
+
+  struct Options {
+    bool bNodeCrcsIfCreated;  // an existing file keeps its own kind
+    bool bSeededCrcs;
+    bool bLargeHead;  // hold the first nodes after the root in memory, too
+  };
+
+  // Where a walk stands. Offsets are without the top bit; 0 is no node.
+  struct Place {
+    std::uint32_t nNode = FirstNodeOffset;
+    std::uint32_t nParent = 0;
+    std::uint32_t nGrandparent = 0;
+    std::uint32_t nLevel = 0;
+  };
+
+  // Opens the file, which stays the caller's and must outlive the use. A wrong recorded size is replaced by
+  // the real one; a damaged header or root starts the tree anew, empty. After a failure nothing is open.
+  ResultCode Open(StorageFile* pFile, const Options& Use);
+  void Close();
+
+  std::uint64_t Size() const { return m_nSizeBT; }
+
+  // The short id in the slot that the hash leads to; errOBJECT_NOT_FOUND for an empty one. The caller
+  // compares the object's hash: another object with a hash that shares the prefix may own the slot.
+  ResultCode Find(std::uint64_t nHash, std::uint32_t* pnShortId);
+
+  // The steps of a walk that inserts: look at the slot, follow it, split it, or fill it.
+  static bool IsChild(tODB_BT_OFFSET nEntry) { return (nEntry & kChildBit) != 0; }
+  ResultCode ReadSlot(const Place& At, std::uint64_t nHash, tODB_BT_OFFSET* pnEntry);
+  ResultCode WriteSlot(const Place& At, std::uint64_t nHash, tODB_BT_OFFSET nEntry);
+  static void Descend(Place* pAt, tODB_BT_OFFSET nChild);
+
+  // Moves the slot's object, of another hash, into a new child node and descends into that.
+  ResultCode Split(Place* pAt, std::uint64_t nHash, std::uint64_t nOtherHash, std::uint32_t nOtherShortId);
+
+  // Empties the parent's slot that leads to a broken node. errPARAMETER_INVALID at the root.
+  ResultCode Detach(const Place& At, std::uint64_t nHash);
+
+  // The bits of the hash that a level takes.
+  static std::uint32_t GetHashDigit(std::uint64_t nHash, std::uint32_t nLevel);
+
+ private:
+  static constexpr tODB_BT_OFFSET kChildBit = 0x80000000;
+  static constexpr std::uint32_t kRootEntries = 256;
+
+  static std::uint32_t EntriesOf(std::uint32_t nLevel);
+  std::uint32_t CrcSize() const { return m_bNodeCrcs ? sizeof(std::uint32_t) : 0; }
+  std::uint32_t RootEnd() const {
+    return FirstNodeOffset + kRootEntries * sizeof(tODB_BT_OFFSET) + CrcSize();
+  }
+
+  ResultCode AcceptFile(bool* pbAccepted);
+  ResultCode CheckRoot(bool* pbGood);
+  ResultCode StoreHeader(const tODB_BT_HEADER& hdr, bool bChanged, std::uint64_t nActualSize);
+  ResultCode DiscardFile();
+  ResultCode WriteEmptyTree();
+  bool PrepareHead(bool bLargeHead);
+
+  bool BT_SeekRead(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead);
+  bool BT_SeekWrite(std::uint64_t nOffset, const void* pData, std::uint32_t nSize, std::uint32_t* pnWritten);
+  ResultCode BT_GetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nPreviousOffset, std::uint32_t nLevel,
+                             std::uint32_t nEntryNo, tODB_BT_OFFSET* pOffset);
+  ResultCode ReadEntry(std::uint32_t nNodeOffset, std::uint32_t nEntryNo, tODB_BT_OFFSET* pOffset);
+  ResultCode ReadEntries(std::uint32_t nNodeOffset, std::uint32_t offsetsSize, tODB_BT_OFFSET* offsets);
+  ResultCode BT_SetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nPreviousOffset, std::uint32_t nLevel,
+                             std::uint32_t nEntryNo, tODB_BT_OFFSET nOffset);
+  ResultCode BT_AddNode(std::uint32_t nLevel, std::uint32_t nPreviousOffset, std::uint32_t* pnNodeOffset);
+  ResultCode BT_ExtendDB(std::uint32_t nAdded, std::uint64_t* pnOldSize);
+
+  bool ValidDataCrc(std::uint64_t nSeed, const void* pBytes, std::size_t nSize,
+                    const void* pStoredCrc) const {
+    return m_Crc.Valid(nSeed, pBytes, nSize, pStoredCrc);
+  }
+
+  // The code of a read whose missing bytes begin at an offset: past the file's known size it is damage.
+  ResultCode ReadErrorCode(std::uint64_t nMissingFrom) const {
+    return nMissingFrom >= m_nSizeBT ? errDATA_CORRUPTED : errREAD_FAILED;
+  }
+
+  StorageFile* pFileBT = nullptr;
+  DataCrc m_Crc;
+  bool m_bNodeCrcs = false;
+  std::uint64_t m_nSizeBT = 0;         // used size of the file, as nDBSize
+  std::uint32_t m_nBtHeadSize = 0;     // how much of the file's head is held in memory
+  std::vector<std::uint8_t> m_btHead;  // what is held of it; empty until the first read through it
+  std::vector<std::uint8_t>
+      m_nodeChecked;  // per offset in the head: level + 1 of a node whose CRC was found good
+};
+
+}  // namespace lumbra

@@ -1,0 +1,324 @@
+// The object store: opening, finding, creating and naming objects.
+#include "objects/objdb.h"
+
+#include <algorithm>
+#include <cstring>
+#include <mutex>
+#include <utility>
+
+#include "objects/failed_check.h"
+
+namespace lumbra {
+
+ObjectDB::ObjectDB(bool bCheckData)
+    : m_nConfigFlags(bCheckData ? kCheckedFeatures : kPlainFeatures), m_bConfigNodeCrcs(bCheckData) {}
+
+// ---- Opening and closing
+// -----------------------------------------------------------------------------------
+
+ResultCode ObjectDB::Open(std::uint32_t nNumber, ObjectFiles& Files, TreeHead Head) {
+  const std::lock_guard Hold(m_Lock);
+  if (Files.pTree == nullptr || Files.pIds == nullptr || Files.pData == nullptr) return errPARAMETER_INVALID;
+  m_nNumber = nNumber;
+
+  ResultCode nCode = OpenDataFile(*Files.pData);
+  if (Failed(nCode)) return nCode;
+  m_Crc = DataCrc(Has(featureNameCrc));
+  nCode = m_Tree.Open(Files.pTree.get(), {m_bConfigNodeCrcs, Has(featureNameCrc), Head == TreeHead::Large});
+  if (Failed(nCode)) return nCode;
+  StorageFile* const pIds = Files.pIds.get();
+  if (!m_IdDB.Open(Files.pIds, sizeof(tODB_ID_ENTRY), ChecksByteCounts())) {
+    m_Tree.Close();
+    return errOPEN_FAILED;
+  }
+
+  m_pFileBT = std::move(Files.pTree);
+  m_pFileData = std::move(Files.pData);
+  m_pFileData->GetSize(&m_nSizeDT);
+  pIds->GetSize(&m_nSizeID);
+  return errOK;
+}
+
+// Settles the feature set: the file's own, or the configured one, which a new or foreign file receives.
+ResultCode ObjectDB::OpenDataFile(StorageFile& File) {
+  FILE_MAGIC Magic{};
+  std::uint32_t nRead = 0;
+  if (File.SeekRead(0, Magic, sizeof(FILE_MAGIC), &nRead) && nRead == sizeof(FILE_MAGIC)) {
+    for (const FeatureMagic& Known : kFeatureMagics) {
+      if (std::memcmp(Known.Magic, Magic, sizeof(FILE_MAGIC)) != 0) continue;
+      m_nDataFlags = Known.nFeatures;
+      return errOK;
+    }
+  }
+  const FeatureMagic* const pConfigured =
+      std::find_if(std::begin(kFeatureMagics), std::end(kFeatureMagics),
+                   [this](const FeatureMagic& Known) { return Known.nFeatures == m_nConfigFlags; });
+  const FILE_MAGIC& newFileMagic = pConfigured->Magic;
+  StorageFile* const pFileData = &File;
+  std::uint32_t bytesWritten = 0;
+  ODB_CHECK(pFileData->SeekWrite(0, newFileMagic, sizeof(FILE_MAGIC), &bytesWritten), errWRITE_FAILED);
+  if (ChecksByteCounts() && bytesWritten != sizeof(FILE_MAGIC)) return errWRITE_FAILED;
+  m_nDataFlags = m_nConfigFlags;
+  return errOK;
+}
+
+ResultCode ObjectDB::Close() {
+  const std::lock_guard Hold(m_Lock);
+  m_Cache.Clear();
+  m_Tree.Close();
+  m_pFileBT.reset();
+  m_pFileData.reset();
+  m_IdDB.Close();
+  return errOK;
+}
+
+ResultCode ObjectDB::Flush() {
+  const std::lock_guard Hold(m_Lock);
+  if (m_pFileBT != nullptr) m_pFileBT->Flush();
+  if (m_pFileData != nullptr) m_pFileData->Flush();
+  m_IdDB.Flush();
+  return errOK;
+}
+
+std::uint64_t ObjectDB::GetSize() {
+  const std::lock_guard Hold(m_Lock);
+  return m_Tree.Size() + m_nSizeID + m_nSizeDT;
+}
+
+// ---- Id records
+// --------------------------------------------------------------------------------------------
+
+ResultCode ObjectDB::GetIdEntry(tObjectId id, tODB_ID_ENTRY* pEntry, TraceMiss Miss) {
+  if (pEntry == nullptr) return errPARAMETER_INVALID;
+  if (StoreNumberOf(id) != m_nNumber) return errOBJECT_NOT_FOUND;
+  if (const tODB_ID_ENTRY* const pCached = m_Cache.FindById(id)) {
+    *pEntry = *pCached;
+    return errOK;
+  }
+  if (Miss == TraceMiss::Yes)
+    Trace(kHostRoot, traceRoutine, "lmb\tObject not found in cache by Id %I64X", id);
+  std::uint32_t bytesRead = 0;
+  const std::uint64_t nIndex = std::uint64_t{MAKE_SHORT_OBJECT_ID(id)} - 1;
+  const ResultCode nCode = m_IdDB.GetRecord(nIndex, pEntry, sizeof(tODB_ID_ENTRY), &bytesRead);
+  if (Failed(nCode)) return nCode;
+  if (ChecksByteCounts()) ODB_CHECK(sizeof(tODB_ID_ENTRY) == bytesRead, errDATA_CORRUPTED);
+  m_Cache.Insert(id, *pEntry);
+  return errOK;
+}
+
+ResultCode ObjectDB::SetIdEntry(tObjectId id, const tODB_ID_ENTRY* pEntry) {
+  if (id == 0 || pEntry == nullptr) return errPARAMETER_INVALID;
+  if (StoreNumberOf(id) != m_nNumber) return errOBJECT_NOT_FOUND;
+  const std::uint64_t nIndex = std::uint64_t{MAKE_SHORT_OBJECT_ID(id)} - 1;
+  const ResultCode nCode = m_IdDB.SetRecord(nIndex, pEntry, sizeof(tODB_ID_ENTRY));
+  if (Failed(nCode)) return nCode;
+  m_Cache.Insert(id, *pEntry);
+  return errOK;
+}
+
+// ---- Finding and creating
+// ----------------------------------------------------------------------------------
+
+ResultCode ObjectDB::FindObject(std::uint64_t nHash, tObjectId* pId) {
+  if (nHash == 0 || pId == nullptr) return errPARAMETER_INVALID;
+  const std::lock_guard Hold(m_Lock);
+  if (const tObjectId* const pCached = m_Cache.FindByHash(nHash)) {
+    *pId = *pCached;
+    return errOK;
+  }
+  Trace(kHostRoot, traceRoutine, "lmb\tFindObject: not found in cache by hash %I64X", nHash);
+  std::uint32_t nShortId = 0;
+  ResultCode nCode = m_Tree.Find(nHash, &nShortId);
+  if (Failed(nCode)) return nCode;
+  const tObjectId id = MakeObjectId(m_nNumber, nShortId);
+  tODB_ID_ENTRY Entry{};
+  nCode = GetIdEntry(id, &Entry, TraceMiss::Yes);
+  if (Failed(nCode)) return nCode;
+  if (Entry.nObjectHash != nHash) return errOBJECT_NOT_FOUND;
+  // clang-format off
+  ODB_CHECK((tObjectId)(MAKE_SHORT_OBJECT_ID(id)-1) < m_IdDB.GetRecordCount(), errDATA_CORRUPTED);
+  // clang-format on
+  *pId = id;
+  return errOK;
+}
+
+ResultCode ObjectDB::FindOrCreateObject(std::uint64_t nHash, std::uint64_t nParentId, std::uint8_t nFlags,
+                                        std::uint8_t nType, const void* pName, std::uint32_t nNameSize,
+                                        bool bForce, tObjectId* pId, bool* pbExisted) {
+  bool bExisted = false;
+  bool& bReported = pbExisted != nullptr ? *pbExisted : bExisted;
+  bReported = false;
+  const NewObject Object{nHash, nParentId, nFlags, nType, pName, nNameSize};
+  if (nHash == 0) {
+    if (pName != nullptr || nNameSize != 0 || pId == nullptr) return errPARAMETER_INVALID;
+    const std::lock_guard Hold(m_Lock);
+    return AddObject(Object, pId, Cache::No);
+  }
+  if (pName == nullptr || nNameSize == 0 || pId == nullptr) return errPARAMETER_INVALID;
+  const std::lock_guard Hold(m_Lock);
+  if (const tObjectId* const pCached = bForce ? nullptr : m_Cache.FindByHash(nHash)) {
+    *pId = *pCached;
+    bReported = true;
+    return errOK;
+  }
+  return WalkAndInsert(Object, bForce, pId, &bReported);
+}
+
+// Walks down the tree to the object's slot, and creates the object where there is none.
+ResultCode ObjectDB::WalkAndInsert(const NewObject& Object, bool bForce, tObjectId* pId, bool* pbExisted) {
+  HashTree::Place At;
+  std::uint32_t nDetached = 0;
+  while (At.nLevel <= HashTree::kMaxLevel) {
+    tODB_BT_OFFSET nEntry = 0;
+    ResultCode nCode = m_Tree.ReadSlot(At, Object.nHash, &nEntry);
+    if (nCode == errDATA_CORRUPTED && bForce && nDetached++ <= HashTree::kMaxLevel) {
+      // What hangs below the broken node is left to the repair; the walk begins again at the root.
+      nCode = m_Tree.Detach(At, Object.nHash);
+      if (Failed(nCode)) return nCode;
+      At = HashTree::Place();
+      continue;
+    }
+    if (Failed(nCode)) return nCode;
+    if (nEntry == 0) return CreateInSlot(At, Object, Cache::No, pId);
+    if (HashTree::IsChild(nEntry)) {
+      HashTree::Descend(&At, nEntry);
+      continue;
+    }
+
+    const tObjectId Candidate = MakeObjectId(m_nNumber, nEntry);
+    tODB_ID_ENTRY Entry{};
+    nCode = GetIdEntry(Candidate, &Entry, TraceMiss::No);
+    if (nCode == errNOT_FOUND) return errDATA_CORRUPTED;  // the slot names a record that is not there
+    if (Failed(nCode)) return nCode;
+    if (Entry.nObjectHash == Object.nHash) {
+      if (bForce) return CreateInSlot(At, Object, Cache::Yes, pId);
+      *pId = Candidate;
+      *pbExisted = true;
+      return errOK;
+    }
+    if (At.nLevel == HashTree::kMaxLevel) break;
+    nCode = m_Tree.Split(&At, Object.nHash, Entry.nObjectHash, nEntry);
+    if (Failed(nCode)) return nCode;
+  }
+  return errDATA_CORRUPTED;
+}
+
+// The slot last: until it is written the object is not there, and nothing points to what was begun.
+ResultCode ObjectDB::CreateInSlot(const HashTree::Place& At, const NewObject& Object, Cache Keep,
+                                  tObjectId* pId) {
+  tObjectId Created = 0;
+  ResultCode nCode = AddObject(Object, &Created, Keep);
+  if (Failed(nCode)) return nCode;
+  nCode = m_Tree.WriteSlot(At, Object.nHash, MAKE_SHORT_OBJECT_ID(Created));
+  if (Succeeded(nCode)) *pId = Created;
+  return nCode;
+}
+
+ResultCode ObjectDB::AddObject(const NewObject& Object, tObjectId* pId, Cache Keep) {
+  // More would leave no room in the 31 bits of a tree slot; the limit has a digit less than that.
+  constexpr std::uint64_t kMaxRecordCount = 0x7FFFFF0;
+
+  if (Object.nNameSize > kMaxNameSize) return errSIZE_INVALID;
+  tODB_ID_ENTRY Entry{};
+  Entry.nObjectHash = Object.nHash;
+  Entry.nParentId = Object.nParentId;
+  Entry.nFlags = Object.nFlags;
+  Entry.nType = Object.nType;
+  Entry.nNameSize = static_cast<std::uint16_t>(Object.nNameSize);
+  if (Object.nNameSize > 0) {
+    std::uint32_t nName = 0;
+    const ResultCode nCode = AppendName(Object, &nName);
+    if (Failed(nCode)) return nCode;
+    Entry.nName = nName;
+  }
+  if (m_IdDB.GetRecordCount() > kMaxRecordCount) return errOUT_OF_SPACE;
+  std::uint64_t nIndex = 0;
+  const ResultCode nCode = m_IdDB.AddRecord(&Entry, sizeof(Entry), &nIndex);
+  if (Failed(nCode)) return nCode;
+  *pId = MakeObjectId(m_nNumber, static_cast<std::uint32_t>(nIndex + 1));
+  if (Keep == Cache::Yes) m_Cache.Insert(*pId, Entry);
+  m_nSizeID += m_IdDB.StoredRecordSize();
+  return errOK;
+}
+
+ResultCode ObjectDB::AppendName(const NewObject& Object, std::uint32_t* pnOffset) {
+  if (!Has(featureNameCrc)) return AppendData(Object.pName, Object.nNameSize, pnOffset);
+  const std::uint32_t nCrc = m_Crc.Of(Object.nHash, Object.pName, Object.nNameSize);
+  NameBuffer Block;
+  if (!Block.Resize(Object.nNameSize + static_cast<std::uint32_t>(sizeof(nCrc)))) return errOUT_OF_MEMORY;
+  std::memcpy(Block.Get(), Object.pName, Object.nNameSize);
+  std::memcpy(Block.Get() + Object.nNameSize, &nCrc, sizeof(nCrc));
+  return AppendData(Block.Get(), Block.size(), pnOffset);
+}
+
+ResultCode ObjectDB::AppendData(const void* pData, std::uint32_t nDataSize, std::uint32_t* pnOffset) {
+  constexpr std::uint64_t kMaxFileSize = std::uint64_t{1} << 32;
+  std::uint64_t nOffset = 0;
+  std::uint32_t bytesWritten = 0;
+  ODB_CHECK(m_pFileData->GetSize(&nOffset), errWRITE_FAILED);
+  if (nOffset + nDataSize > kMaxFileSize) return errOUT_OF_SPACE;  // the records have 32 bits for an offset
+  ODB_CHECK(m_pFileData->SeekWrite(nOffset, pData, nDataSize, &bytesWritten), errWRITE_FAILED);
+  if (ChecksByteCounts()) ODB_CHECK(nDataSize == bytesWritten, errWRITE_FAILED);
+  m_nSizeDT += nDataSize;
+  *pnOffset = static_cast<std::uint32_t>(nOffset);
+  return errOK;
+}
+
+// ---- Names
+// -------------------------------------------------------------------------------------------------
+
+ResultCode ObjectDB::GetObjectName(tObjectId nObjectId, void* pBuffer, std::uint32_t nBufferSize,
+                                   std::uint32_t* pnNameSize, std::uint64_t* pnParentId,
+                                   std::uint8_t* pnFlags, std::uint8_t* pnType, std::uint64_t* pnHash) {
+  if (nObjectId == 0 || (nBufferSize > 0 && pBuffer == nullptr)) return errPARAMETER_INVALID;
+  if (StoreNumberOf(nObjectId) != m_nNumber) return errOBJECT_NOT_FOUND;
+  const std::lock_guard Hold(m_Lock);
+  tODB_ID_ENTRY object_entry{};
+  const ResultCode nCode = GetIdEntry(nObjectId, &object_entry, TraceMiss::Yes);
+  if (Failed(nCode)) return nCode;
+  if (pnNameSize != nullptr) *pnNameSize = object_entry.nNameSize;
+  if (pnParentId != nullptr) *pnParentId = object_entry.nParentId;
+  if (pnFlags != nullptr) *pnFlags = object_entry.nFlags;
+  if (pnType != nullptr) *pnType = object_entry.nType;
+  if (pnHash != nullptr) *pnHash = object_entry.nObjectHash;
+
+  const std::uint32_t nSize = std::min(nBufferSize, std::uint32_t{object_entry.nNameSize});
+  if (nSize == 0) return errOK;
+  if (Has(featureNameCrc)) {
+    const ResultCode nRead = ReadCheckedName(object_entry, pBuffer, nSize);
+    if (Failed(nRead)) return nRead;
+  } else {
+    std::uint32_t nRead = 0;
+    const bool bRead = m_pFileData->SeekRead(object_entry.nName, pBuffer, nSize, &nRead);
+    if (!bRead || nRead != nSize) return DataReadErrorCode(std::uint64_t{object_entry.nName} + nRead);
+  }
+  return nSize < object_entry.nNameSize ? errBUFFER_TOO_SMALL : errOK;
+}
+
+// Reads the whole name and its CRC, and delivers the first nSize bytes, also those of a name that fails the
+// CRC.
+ResultCode ObjectDB::ReadCheckedName(const tODB_ID_ENTRY& object_entry, void* pBuffer, std::uint32_t nSize) {
+  const std::uint32_t bytesToRead =
+      object_entry.nNameSize + static_cast<std::uint32_t>(sizeof(std::uint32_t));
+  NameBuffer buffer;
+  if (!buffer.Resize(bytesToRead)) return errOUT_OF_MEMORY;
+  std::uint32_t bytesRead = 0;
+  ODB_CHECK(m_pFileData->SeekRead(object_entry.nName, buffer.Get(), bytesToRead, &bytesRead),
+            DataReadErrorCode(object_entry.nName));
+  ODB_CHECK(bytesRead == bytesToRead, DataReadErrorCode(std::uint64_t{object_entry.nName} + bytesRead));
+  std::memcpy(pBuffer, buffer.Get(), nSize);
+  // clang-format off
+  ODB_CHECK(ValidDataCrc(object_entry.nObjectHash, buffer.Get(), object_entry.nNameSize, buffer.Get() + object_entry.nNameSize),
+            errDATA_CORRUPTED);
+  // clang-format on
+  return errOK;
+}
+
+std::uint64_t ObjectDB::GetObjectHash(tObjectId nObjectId) {
+  if (StoreNumberOf(nObjectId) != m_nNumber) return 0;
+  const std::lock_guard Hold(m_Lock);
+  tODB_ID_ENTRY Entry{};
+  return Succeeded(GetIdEntry(nObjectId, &Entry, TraceMiss::Yes)) ? Entry.nObjectHash : 0;
+}
+
+}  // namespace lumbra

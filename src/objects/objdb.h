@@ -1,0 +1,189 @@
+// The object store: names with a type and a parent, found by a 64-bit hash that the caller computes, and from
+// then on addressed by a 64-bit id; each with up to 255 data blocks under 32-bit keys.
+//
+// Three files: the tree that finds hashes (hash_tree.h), the id records and the data file (objdb_format.h).
+// Objects are never deleted; what is stored of them is written new block first, then the entry or array, then
+// the id record, then zeros over what was replaced, so that an interruption leaves the old or the new data
+// reachable and at worst unreferenced bytes.
+//
+// Any thread may call any operation: one lock per store is held for each operation's whole run. No operation
+// throws. A failed check writes one trace line and answers the code named in it; damage is answered with
+// errDATA_CORRUPTED and never alters what is stored.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "lumbra/result_code.h"
+#include "objects/data_crc.h"
+#include "objects/hash_tree.h"
+#include "objects/objdb_format.h"
+#include "objects/object_cache.h"
+#include "objects/plaindb.h"
+#include "platform/os.h"
+#include "platform/scratch_buffer.h"
+#include "platform/storage_file.h"
+
+namespace lumbra {
+
+enum class TreeHead { Small, Large };  // how much of the tree the store holds in memory
+
+// The files of a store.
+struct ObjectFiles {
+  std::unique_ptr<StorageFile> pTree;
+  std::unique_ptr<StorageFile> pIds;
+  std::unique_ptr<StorageFile> pData;
+};
+
+class ObjectDB {
+ public:
+  // With bCheckData new files get every kind of CRC, and reads and writes are checked for their full byte
+  // count. Files that exist keep the format they were created with.
+  explicit ObjectDB(bool bCheckData);
+  ~ObjectDB() { Close(); }
+  ObjectDB(const ObjectDB&) = delete;
+  ObjectDB& operator=(const ObjectDB&) = delete;
+
+  // Opens the store with its number (0: the shared store; otherwise the segment's). Takes the files over when
+  // it succeeds; otherwise they stay with the caller.
+  ResultCode Open(std::uint32_t nNumber, ObjectFiles& Files, TreeHead Head);
+  ResultCode Close();  // always errOK
+  ResultCode Flush();  // always errOK; failures stay in the file objects
+
+  // Bytes of the three files.
+  std::uint64_t GetSize();
+
+  // The object with this hash; errOBJECT_NOT_FOUND when there is none.
+  ResultCode FindObject(std::uint64_t nHash, tObjectId* pId);
+
+  // The same, or a new object. Parent, flags, type and name are stored when the object is created, and
+  // neither compared nor changed when it exists. Hash 0 without a name makes an anonymous object, found by
+  // its id alone. bForce replaces an object that is there and detaches broken parts of the tree. pbExisted
+  // may be null.
+  ResultCode FindOrCreateObject(std::uint64_t nHash, std::uint64_t nParentId, std::uint8_t nFlags,
+                                std::uint8_t nType, const void* pName, std::uint32_t nNameSize, bool bForce,
+                                tObjectId* pId, bool* pbExisted);
+
+  // What is stored of an object; every output may be null, and all but the name are set also when the name
+  // fails. A buffer that is too small receives the name's first bytes and errBUFFER_TOO_SMALL.
+  ResultCode GetObjectName(tObjectId nObjectId, void* pBuffer, std::uint32_t nBufferSize,
+                           std::uint32_t* pnNameSize, std::uint64_t* pnParentId, std::uint8_t* pnFlags,
+                           std::uint8_t* pnType, std::uint64_t* pnHash);
+
+  // The data block under a key; errNOT_FOUND when there is none. With nBufferSize 0 only its size is told. A
+  // buffer that is too small: errBUFFER_TOO_SMALL, with the size in *pnDataSize (which may be null when there
+  // is a buffer).
+  ResultCode GetObjectData(tObjectId nObjectId, void* pBuffer, std::uint32_t nBufferSize,
+                           std::uint32_t* pnDataSize, std::uint32_t nDataType);
+
+  // Stores a data block under a key, in place of the one that is there. errOUT_OF_SPACE for a 256th key.
+  ResultCode SetObjectData(tObjectId nObjectId, const void* pData, std::uint32_t nSize,
+                           std::uint32_t nDataType);
+
+  // Forgets every data block of the object; the space stays taken until the store is compacted.
+  ResultCode RemoveAllObjectData(tObjectId nObjectId);
+
+  // The object's hash, 0 when it cannot be read.
+  std::uint64_t GetObjectHash(tObjectId nObjectId);
+
+  // A cheap check of the two newest objects, where a crash leaves its marks: errOK or the code of the first
+  // failed check. Newest objects that the tree does not know are put back into it.
+  ResultCode FastConsistencyCheck();
+
+ private:
+  using NameBuffer = ScratchBuffer<64>;
+  using BlockBuffer = ScratchBuffer<64>;
+
+  // An object's data entry array with room for one more entry, or for the CRC behind the last one.
+  struct DataEntries {
+    static constexpr std::uint32_t kNone = UINT32_MAX;
+
+    // The index of the first entry under a key, or kNone.
+    std::uint32_t Find(std::uint32_t nDataType) const;
+
+    tODB_DATA_ENTRY Items[kMaxDataEntries + 1];
+    std::uint32_t nCount;
+  };
+
+  struct ByteView {
+    const std::uint8_t* pFirst;
+    std::uint32_t nSize;
+    const std::uint8_t* begin() const { return pFirst; }
+    std::uint32_t size() const { return nSize; }
+  };
+
+  struct NewObject {
+    std::uint64_t nHash;
+    std::uint64_t nParentId;
+    std::uint8_t nFlags;
+    std::uint8_t nType;
+    const void* pName;
+    std::uint32_t nNameSize;
+  };
+
+  enum class TraceMiss { No, Yes };
+  enum class Cache { No, Yes };
+
+  // Whether every read and write must move all of its bytes.
+  bool ChecksByteCounts() const { return (m_nConfigFlags & featureBlockCrc) != 0; }
+  bool Has(StoreFeatures Feature) const { return (m_nDataFlags & Feature) != 0; }
+
+  ResultCode OpenDataFile(StorageFile& File);
+  ResultCode GetIdEntry(tObjectId id, tODB_ID_ENTRY* pEntry, TraceMiss Miss);
+  ResultCode SetIdEntry(tObjectId id, const tODB_ID_ENTRY* pEntry);
+  ResultCode AddObject(const NewObject& Object, tObjectId* pId, Cache Keep);
+  ResultCode AppendName(const NewObject& Object, std::uint32_t* pnOffset);
+  ResultCode AppendData(const void* pData, std::uint32_t nDataSize, std::uint32_t* pnOffset);
+  ResultCode ZeroFill(StorageFile* pFile, std::uint64_t nOffset, std::uint32_t nCount);
+  ResultCode WalkAndInsert(const NewObject& Object, bool bForce, tObjectId* pId, bool* pbExisted);
+  ResultCode CreateInSlot(const HashTree::Place& At, const NewObject& Object, Cache Keep, tObjectId* pId);
+  ResultCode ReadCheckedName(const tODB_ID_ENTRY& object_entry, void* pBuffer, std::uint32_t nSize);
+
+  std::uint32_t ArraySize(std::uint32_t nCount) const;
+  ResultCode ReadDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries);
+  void SealDataEntries(tObjectId nObjectId, DataEntries* pEntries) const;
+  ResultCode CheckBlockInFile(const tODB_DATA_ENTRY* pde, std::uint32_t nDataSize);
+  ResultCode ReadPlainBlock(const tODB_DATA_ENTRY* pde, std::uint8_t* readBuf, std::uint32_t nDataSize);
+  ResultCode ReadCheckedBlock(tObjectId nObjectId, const tODB_DATA_ENTRY* pde, std::uint32_t nDataSize,
+                              void* pBuffer);
+  bool BuildBlock(tObjectId nObjectId, const void* pData, std::uint32_t nSize, BlockBuffer* pScratch,
+                  ByteView* pBlock) const;
+  ResultCode OverwriteBlock(const tODB_DATA_ENTRY* pde, ByteView dataToWrite);
+  ResultCode StoreDataEntry(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries,
+                            std::uint32_t nEntry);
+  ResultCode AppendDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries);
+
+  ResultCode CheckNewestObject(std::uint64_t nObjectId, bool* pbHashMissing);
+  ResultCode CheckName(const tODB_ID_ENTRY& objectEntry);
+  ResultCode CheckData(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry);
+  ResultCode ReadRecordForCheck(std::uint64_t nObjectId, tODB_ID_ENTRY* pEntry);
+  ResultCode RepairTree(std::uint64_t nRecords);
+  ResultCode InsertMissingHash(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry);
+
+  bool ValidDataCrc(std::uint64_t nSeed, const void* pBytes, std::size_t nSize,
+                    const void* pStoredCrc) const {
+    return m_Crc.Valid(nSeed, pBytes, nSize, pStoredCrc);
+  }
+
+  // The code of a read of the data file whose missing bytes begin at an offset: past the known size it is
+  // damage.
+  ResultCode DataReadErrorCode(std::uint64_t nMissingFrom) const {
+    return nMissingFrom >= m_nSizeDT ? errDATA_CORRUPTED : errREAD_FAILED;
+  }
+
+  const std::uint32_t m_nConfigFlags;  // the feature set of files created now
+  const bool m_bConfigNodeCrcs;        // the same for the tree
+  os::CriticalSection m_Lock;
+  std::uint32_t m_nNumber = 0;
+  std::uint32_t m_nDataFlags = 0;  // the feature set of the open data file
+  DataCrc m_Crc;
+  std::unique_ptr<StorageFile> m_pFileBT;
+  std::unique_ptr<StorageFile> m_pFileData;
+  HashTree m_Tree;
+  PlainDB m_IdDB;
+  std::uint64_t m_nSizeID = 0;  // sizes of the id and data files; the tree keeps its own
+  std::uint64_t m_nSizeDT = 0;
+  ObjectCache m_Cache;
+};
+
+}  // namespace lumbra

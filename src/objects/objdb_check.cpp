@@ -1,0 +1,188 @@
+// The object store: the quick check of its newest objects, and the repair of a tree that lost some.
+//
+// A crash can cost the objects that were created last their slots in the tree, or leave their blocks
+// unwritten. So the check looks at the newest two, and the repair walks backwards from the newest, until it
+// meets a run of objects that the tree finds. Both create nothing and change no record: the repair adds slots
+// and nodes alone.
+#include <algorithm>
+#include <mutex>
+
+#include "objects/failed_check.h"
+#include "objects/objdb.h"
+
+namespace lumbra {
+namespace {
+
+constexpr std::uint64_t kCheckedObjects = 2;
+
+// So many objects in a row that the tree finds end the repair: older ones were written long before the crash.
+constexpr std::uint32_t kFoundRunEndsRepair = 6;
+
+constexpr std::uint32_t kCrcSize = sizeof(std::uint32_t);
+
+}  // namespace
+
+ResultCode ObjectDB::FastConsistencyCheck() {
+  // The shared store is checked while other instances may use it.
+  const std::lock_guard Hold(m_Lock);
+  if (!Has(featureBlockCrc) && !Has(featureArrayCrc) && !Has(featureNameCrc)) return errOK;
+  ODB_CHECK(Succeeded(m_IdDB.FastConsistencyCheck()), errDATA_CORRUPTED);
+  const std::uint64_t nRecords = m_IdDB.GetRecordCount();
+  std::uint32_t nMissing = 0;
+  for (std::uint64_t nIndex = nRecords - std::min(nRecords, kCheckedObjects); nIndex < nRecords; ++nIndex) {
+    bool bHashMissing = false;
+    const ResultCode nCode = CheckNewestObject(nIndex, &bHashMissing);
+    if (Failed(nCode)) return nCode;
+    if (bHashMissing) ++nMissing;
+  }
+  if (nMissing == 0) return errOK;
+  Trace(kHostRoot, traceDamage, "lmb\tHash wasn't found for %lu objects, trying to repair BT", nMissing);
+  return RepairTree(nRecords);
+}
+
+// ---- The check
+// ---------------------------------------------------------------------------------------------
+
+// nObjectId is the index of the object's record here, one less than its short id.
+ResultCode ObjectDB::CheckNewestObject(std::uint64_t nObjectId, bool* pbHashMissing) {
+  tODB_ID_ENTRY objectEntry{};
+  const ResultCode nCode = ReadRecordForCheck(nObjectId, &objectEntry);
+  if (Failed(nCode)) return nCode;
+  if (objectEntry.nObjectHash != 0) {
+    tObjectId idFromBt = 0;
+    const ResultCode nFound = FindObject(objectEntry.nObjectHash, &idFromBt);
+    if (nFound == errOBJECT_NOT_FOUND) {
+      Trace(kHostRoot, traceDamage, "lmb\tObject %lu - hash not found in BT",
+            static_cast<std::uint32_t>(nObjectId));
+      *pbHashMissing = true;
+    } else {
+      ODB_CHECK_AS("FindObject(objectEntry.nObjectHash, &idFromBt)", Succeeded(nFound), errDATA_CORRUPTED);
+      ODB_CHECK(MAKE_SHORT_OBJECT_ID(idFromBt) == nObjectId + 1, errDATA_CORRUPTED);
+    }
+  }
+  if (!*pbHashMissing) {
+    const ResultCode nName = CheckName(objectEntry);
+    if (Failed(nName)) return nName;
+  }
+  return objectEntry.nDataEntriesCount == 0 ? errOK : CheckData(nObjectId, objectEntry);
+}
+
+ResultCode ObjectDB::ReadRecordForCheck(std::uint64_t nObjectId, tODB_ID_ENTRY* pEntry) {
+  const tODB_ID_ENTRY& objectEntry = *pEntry;
+  std::uint32_t bytesRead = 0;
+  const ResultCode nRead = m_IdDB.GetRecord(nObjectId, pEntry, sizeof(tODB_ID_ENTRY), &bytesRead);
+  ODB_CHECK_AS("m_IdDB.GetRecord(nObjectId, &objectEntry, sizeof(tODB_ID_ENTRY), &bytesRead)",
+               Succeeded(nRead), errDATA_CORRUPTED);
+  ODB_CHECK(bytesRead == sizeof(tODB_ID_ENTRY), errDATA_CORRUPTED);
+  ODB_CHECK_AS("objectEntry.nName + objectEntry.nNameSize <= m_nSizeDT",
+               std::uint64_t{objectEntry.nName} + objectEntry.nNameSize <= m_nSizeDT, errDATA_CORRUPTED);
+  return errOK;
+}
+
+ResultCode ObjectDB::CheckName(const tODB_ID_ENTRY& objectEntry) {
+  const bool bHasBlock = objectEntry.nNameSize != 0;  // an anonymous object has no name block
+  if (!bHasBlock || !Has(featureNameCrc)) return errOK;
+  const std::uint32_t bytesToRead = objectEntry.nNameSize + kCrcSize;
+  NameBuffer buffer;
+  if (!buffer.Resize(bytesToRead)) return errOUT_OF_MEMORY;
+  std::uint32_t bytesRead = 0;
+  ODB_CHECK(m_pFileData->SeekRead(objectEntry.nName, buffer.Get(), bytesToRead, &bytesRead),
+            DataReadErrorCode(objectEntry.nName));
+  ODB_CHECK(bytesRead == bytesToRead, DataReadErrorCode(std::uint64_t{objectEntry.nName} + bytesRead));
+  // clang-format off
+  ODB_CHECK(ValidDataCrc(objectEntry.nObjectHash, buffer.Get(), objectEntry.nNameSize, buffer.Get() + objectEntry.nNameSize),
+            errDATA_CORRUPTED);
+  // clang-format on
+  return errOK;
+}
+
+ResultCode ObjectDB::CheckData(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry) {
+  const std::uint32_t dataEntriesBytesCount = ArraySize(objectEntry.nDataEntriesCount);
+  ODB_CHECK_AS("objectEntry.nDataEntriesOffset + dataEntriesBytesCount <= m_nSizeDT",
+               std::uint64_t{objectEntry.nDataEntriesOffset} + dataEntriesBytesCount <= m_nSizeDT,
+               errDATA_CORRUPTED);
+  DataEntries Entries;
+  tODB_DATA_ENTRY* const dataEntries = Entries.Items;
+  std::uint32_t bytesRead = 0;
+  // clang-format off
+  ODB_CHECK(m_pFileData->SeekRead(objectEntry.nDataEntriesOffset, dataEntries, dataEntriesBytesCount, &bytesRead),
+            errREAD_FAILED);
+  ODB_CHECK(bytesRead == dataEntriesBytesCount, errREAD_FAILED);
+  if (Has(featureArrayCrc)) {
+    ODB_CHECK(ValidDataCrc(nObjectId + 1, dataEntries, objectEntry.nDataEntriesCount * sizeof(tODB_DATA_ENTRY), dataEntries + objectEntry.nDataEntriesCount),
+              errDATA_CORRUPTED);
+  }
+  // clang-format on
+  if (!Has(featureBlockCrc)) return errOK;
+  for (std::uint32_t nEntry = 0; nEntry < objectEntry.nDataEntriesCount; ++nEntry) {
+    const std::uint32_t bytesToRead = DataSize::Decode(dataEntries[nEntry].nDataSize).nStored;
+    if (bytesToRead < kCrcSize) return errDATA_CORRUPTED;
+    BlockBuffer buffer;
+    if (!buffer.Resize(bytesToRead)) return errOUT_OF_MEMORY;
+    const std::uint64_t nOffset = dataEntries[nEntry].nDataOffset;
+    ODB_CHECK(m_pFileData->SeekRead(dataEntries[nEntry].nDataOffset, buffer.Get(), bytesToRead, &bytesRead),
+              DataReadErrorCode(nOffset));
+    ODB_CHECK(bytesRead == bytesToRead, DataReadErrorCode(nOffset + bytesRead));
+    if (Has(featureMask)) MaskDataBlock(buffer.Get(), bytesToRead);
+    const std::uint32_t userDataSize = bytesToRead - kCrcSize;
+    ODB_CHECK(ValidDataCrc(nObjectId + 1, buffer.Get(), userDataSize, buffer.Get() + userDataSize),
+              errDATA_CORRUPTED);
+  }
+  return errOK;
+}
+
+// ---- The repair
+// --------------------------------------------------------------------------------------------
+
+ResultCode ObjectDB::RepairTree(std::uint64_t nRecords) {
+  std::uint32_t nAdded = 0;
+  std::uint32_t nFoundRun = 0;
+  for (std::uint64_t nObjectId = nRecords; nObjectId-- > 0 && nFoundRun < kFoundRunEndsRepair;) {
+    tODB_ID_ENTRY objectEntry{};
+    const ResultCode nCode = ReadRecordForCheck(nObjectId, &objectEntry);
+    if (Failed(nCode)) return nCode;
+    if (objectEntry.nObjectHash == 0) continue;
+    tObjectId idFromBt = 0;
+    const ResultCode nFound = FindObject(objectEntry.nObjectHash, &idFromBt);
+    if (Succeeded(nFound)) {
+      ++nFoundRun;
+      continue;
+    }
+    ODB_CHECK_AS("FindObject(objectEntry.nObjectHash, &idFromBt)", nFound == errOBJECT_NOT_FOUND,
+                 errDATA_CORRUPTED);
+    Trace(kHostRoot, traceDamage, "lmb\tObject %lu - hash not found in BT",
+          static_cast<std::uint32_t>(nObjectId + 1));
+    const ResultCode nInserted = InsertMissingHash(nObjectId, objectEntry);
+    if (Failed(nInserted)) return nInserted;
+    ++nAdded;
+    nFoundRun = 0;
+  }
+  Trace(kHostRoot, traceDamage, "lmb\tBT was repaired, %lu object hashes were added", nAdded);
+  return errOK;
+}
+
+ResultCode ObjectDB::InsertMissingHash(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry) {
+  const std::uint64_t nHash = objectEntry.nObjectHash;
+  HashTree::Place At;
+  tODB_BT_OFFSET next_offset = 0;
+  while (At.nLevel <= HashTree::kMaxLevel) {
+    ODB_CHECK(Succeeded(m_Tree.ReadSlot(At, nHash, &next_offset)), errDATA_CORRUPTED);
+    if (next_offset == 0) break;
+    if (HashTree::IsChild(next_offset)) {
+      HashTree::Descend(&At, next_offset);
+      continue;
+    }
+    if (At.nLevel == HashTree::kMaxLevel) break;
+    tODB_ID_ENTRY object_entry{};
+    const tObjectId Other = MakeObjectId(m_nNumber, next_offset);
+    ODB_CHECK(Succeeded(GetIdEntry(Other, &object_entry, TraceMiss::No)), errDATA_CORRUPTED);
+    ODB_CHECK(object_entry.nObjectHash != objectEntry.nObjectHash, errDATA_CORRUPTED);
+    ODB_CHECK(Succeeded(m_Tree.Split(&At, nHash, object_entry.nObjectHash, next_offset)), errDATA_CORRUPTED);
+  }
+  ODB_CHECK(0 == next_offset, errDATA_CORRUPTED);
+  ODB_CHECK(Succeeded(m_Tree.WriteSlot(At, nHash, static_cast<std::uint32_t>(nObjectId + 1))),
+            errDATA_CORRUPTED);
+  return errOK;
+}
+
+}  // namespace lumbra

@@ -1,0 +1,197 @@
+#include "objects/plaindb.h"
+
+#include <cstring>
+#include <utility>
+
+#include "objects/crc32.h"
+#include "objects/failed_check.h"
+#include "platform/scratch_buffer.h"
+
+namespace lumbra {
+namespace {
+
+constexpr char kUncheckedMagic[4] = {'P', 'L', 'D', 'B'};
+constexpr char kCheckedMagic[4] = {'P', 'L', 'D', 'P'};
+
+// Room without an allocation for the id records of the object store, 33 bytes stored, and for most events.
+using RecordBuffer = ScratchBuffer<128>;
+
+std::uint32_t StoredCrc(const std::uint8_t* pCrc) {
+  std::uint32_t nCrc = 0;
+  std::memcpy(&nCrc, pCrc, sizeof(nCrc));
+  return nCrc;
+}
+
+}  // namespace
+
+bool PlainDB::Open(std::unique_ptr<StorageFile>& pFile, std::uint32_t nUserRecordSize,
+                   bool bCheckedIfCreated) {
+  if (pFile == nullptr || nUserRecordSize == 0) return false;
+  if (!AcceptHeader(*pFile, nUserRecordSize) && !Recreate(*pFile, nUserRecordSize, bCheckedIfCreated))
+    return false;
+  m_pFile = std::move(pFile);
+  return true;
+}
+
+bool PlainDB::AcceptHeader(StorageFile& File, std::uint32_t nUserRecordSize) {
+  tPLAINDB_HEADER Header{};
+  std::uint32_t nRead = 0;
+  if (!File.SeekRead(0, &Header, sizeof(Header), &nRead) || nRead != sizeof(Header)) return false;
+  if (Header.nHeaderSize != sizeof(Header)) return false;
+  const bool bUnchecked = std::memcmp(Header.Magic, kUncheckedMagic, sizeof(Header.Magic)) == 0;
+  const bool bChecked = std::memcmp(Header.Magic, kCheckedMagic, sizeof(Header.Magic)) == 0;
+  if (!bUnchecked && !bChecked) return false;
+  if (std::uint64_t{Header.nRecordSize} !=
+      std::uint64_t{nUserRecordSize} + (bChecked ? CheckedAdditionSize : 0)) {
+    return false;
+  }
+  std::uint64_t nFileSize = 0;
+  if (!File.GetSize(&nFileSize)) return false;
+
+  m_nRecordSize = Header.nRecordSize;
+  m_bChecked = bChecked;
+  m_nOpenFileSize = nFileSize;
+  m_nRecordCount = RecordCountOfSize(nFileSize, m_nRecordSize);
+  return true;
+}
+
+bool PlainDB::Recreate(StorageFile& File, std::uint32_t nUserRecordSize, bool bChecked) {
+  m_nRecordSize = nUserRecordSize + (bChecked ? CheckedAdditionSize : 0);
+  m_bChecked = bChecked;
+  m_nRecordCount = 0;
+  tPLAINDB_HEADER Header{{}, sizeof(Header), m_nRecordSize};
+  std::memcpy(Header.Magic, bChecked ? kCheckedMagic : kUncheckedMagic, sizeof(Header.Magic));
+  if (!File.SetSize(0) || !File.SeekWrite(0, &Header, sizeof(Header), nullptr)) return false;
+  m_nOpenFileSize = sizeof(Header);
+  return true;
+}
+
+bool PlainDB::Close() {
+  m_pFile.reset();
+  return true;
+}
+
+bool PlainDB::Flush() {
+  if (m_pFile != nullptr) m_pFile->Flush();
+  return true;
+}
+
+ResultCode PlainDB::FastConsistencyCheck() const {
+  return (m_nOpenFileSize - sizeof(tPLAINDB_HEADER)) % m_nRecordSize == 0 ? errOK : errDATA_CORRUPTED;
+}
+
+ResultCode PlainDB::AddRecord(const void* pData, std::uint32_t nDataSize, std::uint64_t* pnIndex) {
+  if (pData == nullptr || nDataSize != UserRecordSize()) return errPARAMETER_INVALID;
+  std::uint64_t pos = 0;
+  PLAINDB_CHECK(m_pFile->GetSize(&pos), errREAD_FAILED);
+  // From the file's size, not from the count: so the end of a torn append is overwritten.
+  const std::uint64_t nIndex = RecordCountOfSize(pos, m_nRecordSize);
+  if (nIndex >= kMaxRecords) return errTOO_MANY_RECORDS;
+  pos = nIndex * m_nRecordSize;
+  if (m_bChecked) {
+    const ResultCode nCode = WriteCheckedRecord(PositionOf(nIndex), pData, nDataSize);
+    if (Failed(nCode)) return nCode;
+  } else {
+    PLAINDB_CHECK(m_pFile->SeekWrite(pos + sizeof(tPLAINDB_HEADER), pData, nDataSize, 0), errWRITE_FAILED);
+  }
+  m_nRecordCount = nIndex + 1;
+  if (pnIndex != nullptr) *pnIndex = nIndex;
+  return errOK;
+}
+
+ResultCode PlainDB::WriteCheckedRecord(std::uint64_t nPosition, const void* pData, std::uint32_t nDataSize) {
+  RecordBuffer Record;
+  if (!Record.Resize(nDataSize + CheckedAdditionSize)) return errOUT_OF_MEMORY;
+  const std::uint32_t nCrc = Crc32(0, pData, nDataSize);
+  std::memcpy(Record.Get(), pData, nDataSize);
+  std::memcpy(Record.Get() + nDataSize, &nCrc, sizeof(nCrc));
+  return m_pFile->SeekWrite(nPosition, Record.Get(), Record.size(), nullptr) ? errOK : errWRITE_FAILED;
+}
+
+ResultCode PlainDB::SetRecord(std::uint64_t nIndex, const void* pData, std::uint32_t nDataSize) {
+  if (pData == nullptr || nDataSize != UserRecordSize()) return errPARAMETER_INVALID;
+  if (nIndex >= m_nRecordCount) return errNOT_FOUND;
+  const std::uint64_t pos = PositionOf(nIndex);
+  if (m_bChecked) return WriteCheckedRecord(pos, pData, nDataSize);
+  PLAINDB_CHECK(m_pFile->SeekWrite(pos, pData, nDataSize, 0), errWRITE_FAILED);
+  return errOK;
+}
+
+ResultCode PlainDB::GetRecord(std::uint64_t nIndex, void* pDataBuff, std::uint32_t nDataBuffSize,
+                              std::uint32_t* pnRecordSize) {
+  if (pnRecordSize != nullptr) *pnRecordSize = UserRecordSize();
+  if (pDataBuff == nullptr || nDataBuffSize != UserRecordSize()) return errPARAMETER_INVALID;
+  if (nIndex >= m_nRecordCount) return errNOT_FOUND;
+  return m_bChecked ? GetCheckedRecord(nIndex, pDataBuff)
+                    : GetUncheckedRecord(nIndex, pDataBuff, nDataBuffSize);
+}
+
+ResultCode PlainDB::GetUncheckedRecord(std::uint64_t nIndex, void* pDataBuff, std::uint32_t nDataBuffSize) {
+  const std::uint64_t pos = PositionOf(nIndex);
+  PLAINDB_CHECK((pos + nDataBuffSize <= GetSize() + sizeof(tPLAINDB_HEADER)), errDATA_CORRUPTED);
+  std::uint32_t bytesRead = 0;
+  PLAINDB_CHECK(m_pFile->SeekRead(pos, pDataBuff, nDataBuffSize, &bytesRead), errREAD_FAILED);
+  PLAINDB_CHECK((m_nRecordSize == bytesRead), errREAD_FAILED);
+  return errOK;
+}
+
+ResultCode PlainDB::GetCheckedRecord(std::uint64_t nIndex, void* pDataBuff) {
+  const std::uint64_t pos = PositionOf(nIndex);
+  RecordBuffer localBuffer;
+  if (!localBuffer.Resize(m_nRecordSize)) return errOUT_OF_MEMORY;
+  PLAINDB_CHECK((pos + m_nRecordSize <= GetSize() + sizeof(tPLAINDB_HEADER)), errDATA_CORRUPTED);
+  std::uint32_t bytesRead = 0;
+  PLAINDB_CHECK(m_pFile->SeekRead(pos, localBuffer.Get(), m_nRecordSize, &bytesRead), errREAD_FAILED);
+  PLAINDB_CHECK((m_nRecordSize == bytesRead), errREAD_FAILED);
+  std::memcpy(pDataBuff, localBuffer.Get(), UserRecordSize());
+  const std::uint32_t crc32Value = StoredCrc(localBuffer.Get() + UserRecordSize());
+  const std::uint32_t realCrc32Value = Crc32(0, localBuffer.Get(), UserRecordSize());
+  PLAINDB_CHECK((crc32Value == realCrc32Value), errDATA_CORRUPTED);
+  return errOK;
+}
+
+ResultCode PlainDB::GetRecords(std::uint64_t nFirst, void* pDataBuff, std::uint32_t nDataBuffSize,
+                               std::uint32_t* pnCount) {
+  if (pDataBuff == nullptr) return errPARAMETER_INVALID;
+  nDataBuffSize -= nDataBuffSize % UserRecordSize();
+  if (nFirst >= kMaxRecords) nDataBuffSize = 0;  // no record stands there, and the position would not fit
+  if (m_bChecked) return GetCheckedRecords(nFirst, pDataBuff, nDataBuffSize, pnCount);
+  std::uint32_t bytesRead = 0;
+  const bool bRead = m_pFile->SeekRead(PositionOf(nFirst), pDataBuff, nDataBuffSize, &bytesRead);
+  if (pnCount != nullptr) *pnCount = bRead ? bytesRead / m_nRecordSize : 0;
+  return errOK;
+}
+
+ResultCode PlainDB::GetCheckedRecords(std::uint64_t nFirst, void* pDataBuff, std::uint32_t nDataBuffSize,
+                                      std::uint32_t* pnCount) {
+  // The names of the class's own sizes, as they stand in the check's text.
+  const std::uint32_t UserRecordSize = this->UserRecordSize();
+  auto* pCursor = static_cast<std::uint8_t*>(pDataBuff);
+  std::uint64_t pos = PositionOf(nFirst);
+  std::uint32_t nCount = 0;
+  for (; nDataBuffSize >= UserRecordSize; nDataBuffSize -= UserRecordSize) {
+    std::uint32_t nDataRead = 0;
+    if (!m_pFile->SeekRead(pos, pCursor, UserRecordSize, &nDataRead) || nDataRead != UserRecordSize) break;
+    PLAINDB_CHECK((pos + UserRecordSize + CheckedAdditionSize <= GetSize() + sizeof(tPLAINDB_HEADER)),
+                  errDATA_CORRUPTED);
+    std::uint32_t crc32Value = 0;
+    PLAINDB_CHECK(m_pFile->SeekRead(pos + UserRecordSize, &crc32Value, CheckedAdditionSize, &nDataRead),
+                  errREAD_FAILED);
+    PLAINDB_CHECK(nDataRead == CheckedAdditionSize, errREAD_FAILED);
+    const std::uint32_t realCrc32Value = Crc32(0, pCursor, UserRecordSize);
+    PLAINDB_CHECK((crc32Value == realCrc32Value), errDATA_CORRUPTED);
+    ++nCount;
+    pos += m_nRecordSize;
+    pCursor += UserRecordSize;
+  }
+  if (pnCount != nullptr) *pnCount = nCount;
+  return errOK;
+}
+
+std::uint64_t PlainDB::RecordCountOfSize(std::uint64_t nFileSize, std::uint32_t nStoredRecordSize) {
+  constexpr std::uint64_t nHeader = sizeof(tPLAINDB_HEADER);
+  if (nFileSize < nHeader || nStoredRecordSize == 0) return 0;
+  return (nFileSize - nHeader) / nStoredRecordSize;
+}
+
+}  // namespace lumbra

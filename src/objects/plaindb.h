@@ -1,0 +1,100 @@
+// A file of fixed-size records behind a 12-byte header, addressed by index. Events are kept in one, id
+// records in another.
+//
+// In a checked file ("PLDP") every record is followed by the CRC of its bytes, which is looked at on every
+// read. An existing file's own kind wins over the one asked for. Bytes past the last whole record, a torn
+// append, are not counted and are overwritten by the next append.
+//
+// It takes no lock: its owner serialises all calls. A failed check writes a trace line and answers the code
+// that the line names; arguments are refused without one.
+#pragma once
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "lumbra/result_code.h"
+#include "platform/storage_file.h"
+
+namespace lumbra {
+
+static_assert(std::endian::native == std::endian::little,
+              "the files are little-endian and are read as they stand");
+
+// The head of the file. Record i stands at 12 + i * nRecordSize.
+struct tPLAINDB_HEADER {
+  char Magic[4];              //  0: "PLDB" without, "PLDP" with record CRCs
+  std::uint32_t nHeaderSize;  //  4: 12
+  std::uint32_t nRecordSize;  //  8: stored bytes per record: the user's, and 4 for the CRC in a checked file
+};
+static_assert(sizeof(tPLAINDB_HEADER) == 12);
+
+class PlainDB {
+ public:
+  // Bytes that a checked record has behind the user's: the u32 CRC, seed 0.
+  static constexpr std::uint32_t CheckedAdditionSize = 4;
+
+  PlainDB() = default;
+  ~PlainDB() { Close(); }
+  PlainDB(const PlainDB&) = delete;
+  PlainDB& operator=(const PlainDB&) = delete;
+
+  // Takes the file over, or answers false and leaves it with the caller. A file whose header is missing,
+  // foreign or of another record size is started anew, empty.
+  bool Open(std::unique_ptr<StorageFile>& pFile, std::uint32_t nUserRecordSize, bool bCheckedIfCreated);
+  bool Close();  // always true
+  bool Flush();  // always true; a failure stays in the file object
+
+  std::uint64_t GetRecordCount() const { return m_nRecordCount; }
+  std::uint64_t GetSize() const {
+    return m_nRecordCount * m_nRecordSize;
+  }  // of whole records, without the header
+  std::uint32_t UserRecordSize() const { return m_nRecordSize - (m_bChecked ? CheckedAdditionSize : 0); }
+  std::uint32_t StoredRecordSize() const { return m_nRecordSize; }
+
+  // Whether the file held a whole number of records when it was opened: errOK or errDATA_CORRUPTED.
+  ResultCode FastConsistencyCheck() const;
+
+  // Appends a record; nDataSize must be UserRecordSize. pnIndex may be null.
+  ResultCode AddRecord(const void* pData, std::uint32_t nDataSize, std::uint64_t* pnIndex);
+
+  // Rewrites a record; errNOT_FOUND for an index that is not there.
+  ResultCode SetRecord(std::uint64_t nIndex, const void* pData, std::uint32_t nDataSize);
+
+  // Reads a record into a buffer of exactly UserRecordSize bytes, which is filled also when the CRC is wrong.
+  // *pnRecordSize (may be null) is set whatever follows.
+  ResultCode GetRecord(std::uint64_t nIndex, void* pDataBuff, std::uint32_t nDataBuffSize,
+                       std::uint32_t* pnRecordSize);
+
+  // Reads as many whole records as fit, from nFirst on. Reaching the end of the file is errOK with fewer
+  // records. A bad record in a checked file is an error, and leaves *pnCount (may be null) unwritten.
+  ResultCode GetRecords(std::uint64_t nFirst, void* pDataBuff, std::uint32_t nDataBuffSize,
+                        std::uint32_t* pnCount);
+
+  // The records of a file of that size, without opening it.
+  static std::uint64_t RecordCountOfSize(std::uint64_t nFileSize, std::uint32_t nStoredRecordSize);
+
+ private:
+  // At most 0xFFFFFFFF records.
+  static constexpr std::uint64_t kMaxRecords = 0xFFFFFFFF;
+
+  std::uint64_t PositionOf(std::uint64_t nIndex) const {
+    return sizeof(tPLAINDB_HEADER) + nIndex * m_nRecordSize;
+  }
+  bool AcceptHeader(StorageFile& File, std::uint32_t nUserRecordSize);
+  bool Recreate(StorageFile& File, std::uint32_t nUserRecordSize, bool bChecked);
+  ResultCode WriteCheckedRecord(std::uint64_t nPosition, const void* pData, std::uint32_t nDataSize);
+  ResultCode GetUncheckedRecord(std::uint64_t nIndex, void* pDataBuff, std::uint32_t nDataBuffSize);
+  ResultCode GetCheckedRecord(std::uint64_t nIndex, void* pDataBuff);
+  ResultCode GetCheckedRecords(std::uint64_t nFirst, void* pDataBuff, std::uint32_t nDataBuffSize,
+                               std::uint32_t* pnCount);
+
+  std::unique_ptr<StorageFile> m_pFile;
+  std::uint32_t m_nRecordSize = 0;   // as in the header
+  std::uint64_t m_nRecordCount = 0;  // whole records
+  bool m_bChecked = false;
+  std::uint64_t m_nOpenFileSize = 0;  // what Open saw; 12 for a file that it created
+};
+
+}  // namespace lumbra
