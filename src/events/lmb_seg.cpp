@@ -1,0 +1,225 @@
+#include "events/lmb_seg.h"
+
+#include <algorithm>
+#include <new>
+
+#include "events/failed_step.h"
+#include "platform/os.h"
+#include "platform/result.h"
+
+namespace lumbra {
+namespace {
+
+constexpr std::uint64_t kFileTimeUnitsPerSecond = 10000000;
+
+// Failures that say nothing about the files: the process has run out of something.
+bool IsShortage(ResultCode nCode) {
+  return nCode == errOUT_OF_MEMORY || nCode == errINSUFFICIENT_RESOURCES ||
+         nCode == ResultFromSystemError(os::kTooManyOpenFiles);
+}
+
+}  // namespace
+
+ResultCode Segment::Init(StorageEnvironment* pEnv, std::uint32_t nEventSize, Files Which,
+                         std::uint32_t nNumber, ObjectDB* pGlobalObjects) {
+  if (m_bOpened) return errALREADY_DONE;
+  if (pEnv == nullptr) return errPARAMETER_INVALID;
+  m_nEventSize = nEventSize;
+  m_nNumber = nNumber;
+  m_pEnv = pEnv;
+  m_pGlobalObjects = pGlobalObjects;
+  m_bWritable = true;
+  m_bCreate = Which == Files::New;
+  if (!m_bCreate) return m_pEnv->GetFileCreationTime(u"events.dat", nNumber, &m_nCreationTime);
+  // A new segment never inherits records of an older one with its number.
+  if (nNumber != 0) m_pEnv->DeleteFiles(u"*.*", nNumber);
+  return Open();
+}
+
+// ---- Opening
+// -----------------------------------------------------------------------------------------------
+
+ResultCode Segment::Open() {
+  if (m_bOpened) return errOK;
+  if (m_bFailed) return errOPEN_FAILED;
+  ResultCode nCode = OpenEvents();
+  if (Succeeded(nCode)) nCode = OpenObjects();
+  if (Failed(nCode)) {
+    m_pObjects.reset();
+    m_pEvents.reset();
+    m_bFailed = true;
+    return nCode;
+  }
+  if (m_pGlobalObjects == nullptr) m_pGlobalObjects = m_pObjects.get();
+  m_bOpened = true;
+  return errOK;
+}
+
+ResultCode Segment::OpenEvents() {
+  std::unique_ptr<StorageFile> pFile;
+  const ResultCode nCode = m_pEnv->OpenFile(u"events.dat", m_nNumber, m_bCreate, m_bWritable, &pFile);
+  if (Failed(nCode)) return FAILED_STEP(nCode);
+  if (!pFile->GetCreationTime(&m_nCreationTime)) return FAILED_STEP(errREAD_FAILED);
+  m_pEvents.reset(new (std::nothrow) PlainDB);
+  if (m_pEvents == nullptr) return FAILED_STEP(errOUT_OF_MEMORY);
+  if (!m_pEvents->Open(pFile, m_nEventSize, false)) {
+    FAILED_STEP(errWRITE_FAILED);
+    return errOPEN_FAILED;
+  }
+  return errOK;
+}
+
+ResultCode Segment::OpenObjects() {
+  m_pObjects.reset(new (std::nothrow) ObjectDB(m_bCheckMode));
+  if (m_pObjects == nullptr) return FAILED_STEP(errOUT_OF_MEMORY);
+  ObjectFiles Opened;
+  ResultCode nShortage = errOK;
+  const auto OpenFile = [&](const char16_t* pName, std::unique_ptr<StorageFile>* ppFile) {
+    const ResultCode nOpened = m_pEnv->OpenFile(pName, m_nNumber, m_bCreate, m_bWritable, ppFile);
+    if (IsShortage(nOpened)) nShortage = nOpened;
+  };
+  // A file that cannot be opened is handed on as absent: the store refuses it.
+  OpenFile(u"objbt.dat", &Opened.pTree);
+  OpenFile(u"objid.dat", &Opened.pIds);
+  OpenFile(u"objdt.dat", &Opened.pData);
+  ResultCode nCode = m_pObjects->Open(m_nNumber, Opened, TreeHead::Small);
+  if (Succeeded(nCode)) return errOK;
+  if (Failed(nShortage)) nCode = nShortage;
+  FAILED_STEP(nCode);
+  // Files that the process merely could not hold open are no reason to delete a good segment.
+  if (IsShortage(nCode)) return nCode;
+  Opened = ObjectFiles();
+  Discard();
+  return errOPEN_FAILED;
+}
+
+// Deletes a segment whose object store cannot be opened, its events included.
+void Segment::Discard() {
+  m_pEvents.reset();
+  m_pObjects.reset();
+  m_pEnv->DeleteFiles(u"*.*", m_nNumber);
+}
+
+// ---- Events
+// ------------------------------------------------------------------------------------------------
+
+ResultCode Segment::AddEvent(const void* pData, std::uint32_t nSize, std::uint64_t* pnId) {
+  if (Failed(Open())) return errOPEN_FAILED;
+  std::uint64_t nIndex = 0;
+  const ResultCode nCode = m_pEvents->AddRecord(pData, nSize, &nIndex);
+  if (Failed(nCode)) return nCode;
+  if (pnId != nullptr) *pnId = (std::uint64_t{m_nNumber} << 32) | nIndex;
+  return errOK;
+}
+
+ResultCode Segment::GetEvents(std::uint32_t nIndexLow, std::uint32_t nIndexHigh, std::uint32_t nCount,
+                              void* pBuffer, std::uint32_t nBufferSize, std::uint32_t* pnDelivered) {
+  if (Failed(Open())) return errOPEN_FAILED;
+  if (nIndexHigh != 0 && nIndexHigh != m_nNumber) return errOBJECT_NOT_FOUND;
+  const std::uint64_t nWanted = std::uint64_t{nCount} * m_nEventSize;
+  const auto nLimit = static_cast<std::uint32_t>(std::min<std::uint64_t>(nBufferSize, nWanted));
+  std::uint32_t nRead = 0;
+  const ResultCode nCode = m_pEvents->GetRecords(nIndexLow, pBuffer, nLimit, &nRead);
+  if (pnDelivered != nullptr) *pnDelivered = nRead;
+  if (Failed(nCode)) return nCode;
+  return nRead == nCount ? errOK : errNO_MORE_EVENTS;
+}
+
+ResultCode Segment::UpdateEvent(std::uint32_t nIndexLow, std::uint32_t nIndexHigh, const void* pData,
+                                std::uint32_t nSize) {
+  if (Failed(Open())) return errOPEN_FAILED;
+  if (nIndexHigh != 0 && nIndexHigh != m_nNumber) return errOBJECT_NOT_FOUND;
+  return m_pEvents->SetRecord(nIndexLow, pData, nSize);
+}
+
+// ---- Counts, sizes, age
+// ------------------------------------------------------------------------------------
+
+ResultCode Segment::GetEventCount(std::uint64_t* pnCount) {
+  if (m_bOpened) {
+    *pnCount = m_pEvents->GetRecordCount();
+    return errOK;
+  }
+  if (m_bFailed || m_pEnv == nullptr) return errSTORE_NOT_INITIALIZED;
+  std::uint64_t nFileSize = 0;
+  const ResultCode nCode = m_pEnv->GetFileSize(u"events.dat", m_nNumber, &nFileSize);
+  if (Failed(nCode)) return nCode;
+  *pnCount = PlainDB::RecordCountOfSize(nFileSize, m_nEventSize);
+  return errOK;
+}
+
+std::uint64_t Segment::GetDataSize() {
+  if (m_bOpened) return m_pObjects->GetSize() + m_pEvents->GetSize();
+  if (m_bFailed || m_pEnv == nullptr) return 0;
+  std::uint64_t nSize = 0;
+  return Succeeded(m_pEnv->GetFileSize(u"*.dat", m_nNumber, &nSize)) ? nSize : 0;
+}
+
+std::uint64_t Segment::GetAge() const {
+  const std::uint64_t nNow = StorageEnvironment::GetCurrentTime();
+  if (m_nCreationTime == 0 || nNow < m_nCreationTime) return 0;
+  return (nNow - m_nCreationTime) / kFileTimeUnitsPerSecond;
+}
+
+ResultCode Segment::Flush() {
+  if (!m_bOpened) return errOK;
+  m_pEvents->Flush();
+  m_pObjects->Flush();
+  m_pGlobalObjects->Flush();
+  return errOK;
+}
+
+ResultCode Segment::Check(StoreChoice Choice) {
+  if (Failed(Open())) return errOPEN_FAILED;
+  return (Choice == StoreChoice::Global ? m_pGlobalObjects : m_pObjects.get())->FastConsistencyCheck();
+}
+
+// ---- Objects
+// -----------------------------------------------------------------------------------------------
+
+template <class Operation>
+ResultCode Segment::OnStoreOf(std::uint64_t nId, Operation Do) {
+  if (Failed(Open())) return errOPEN_FAILED;
+  ObjectDB* const pStore = Stores().OfId(nId);
+  return pStore == nullptr ? errOBJECT_NOT_FOUND : Do(*pStore);
+}
+
+ResultCode Segment::FindObject(StoreChoice Choice, const ObjectQuery& Query, std::uint64_t* pnId) {
+  if (Failed(Open())) return errOPEN_FAILED;
+  return FindObjectByName(Stores(), Choice, Query, pnId);
+}
+
+ResultCode Segment::GetObjectName(std::uint64_t nId, void* pBuffer, std::uint32_t nBufferSize,
+                                  std::uint32_t* pnNeeded, std::uint32_t nFlagsOverride,
+                                  std::uint8_t* pnType) {
+  if (Failed(Open())) return errOPEN_FAILED;
+  return BuildObjectName(Stores(), nId, pBuffer, nBufferSize, pnNeeded, nFlagsOverride, pnType);
+}
+
+ResultCode Segment::GetObjectParent(std::uint64_t nId, std::uint64_t* pnParentId, std::uint64_t* pnHash,
+                                    std::uint8_t* pnType) {
+  return OnStoreOf(nId, [&](ObjectDB& Store) {
+    return Store.GetObjectName(nId, nullptr, 0, nullptr, pnParentId, nullptr, pnType, pnHash);
+  });
+}
+
+ResultCode Segment::GetObjectData(std::uint64_t nId, void* pBuffer, std::uint32_t nBufferSize,
+                                  std::uint32_t* pnSize, std::uint32_t nTag) {
+  return OnStoreOf(
+      nId, [&](ObjectDB& Store) { return Store.GetObjectData(nId, pBuffer, nBufferSize, pnSize, nTag); });
+}
+
+ResultCode Segment::SetObjectData(std::uint64_t nId, const void* pData, std::uint32_t nSize,
+                                  std::uint32_t nTag) {
+  return OnStoreOf(nId, [&](ObjectDB& Store) { return Store.SetObjectData(nId, pData, nSize, nTag); });
+}
+
+ResultCode Segment::RemoveAllObjectData(std::uint64_t nId) {
+  return OnStoreOf(nId, [&](ObjectDB& Store) { return Store.RemoveAllObjectData(nId); });
+}
+
+ResultCode Segment::EnumObjects() {
+  return Failed(Open()) ? errOPEN_FAILED : errNOT_IMPLEMENTED;
+}
+
+}  // namespace lumbra

@@ -1,0 +1,393 @@
+#include "events/lmb_smgr.h"
+
+#include <algorithm>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <utility>
+
+#include "events/failed_step.h"
+
+namespace lumbra {
+namespace {
+
+constexpr char kMagic[4] = {'S', 'D', 'B', 'H'};
+
+}  // namespace
+
+// ---- Opening and closing
+// -----------------------------------------------------------------------------------
+
+ResultCode SegmentManager::Init(StorageEnvironment* pEnv, std::uint32_t nEventSize, ObjectDB* pGlobalObjects,
+                                bool bCheckMode) {
+  const std::lock_guard Hold(m_Lock);
+  if (m_bInitialized) return errALREADY_DONE;
+  if (pEnv == nullptr) return errPARAMETER_INVALID;
+  m_pEnv = pEnv;
+  m_pGlobalObjects = pGlobalObjects;
+  m_bCheckMode = bCheckMode;
+  m_nTotalSize = m_nTotalEvents = 0;
+  const ResultCode nCode = OpenChain(nEventSize);
+  if (Failed(nCode)) {
+    TearDown();  // so that "segments.dat" is free for another attempt
+    return nCode;
+  }
+  m_bInitialized = true;
+  return errOK;
+}
+
+ResultCode SegmentManager::OpenChain(std::uint32_t nEventSize) {
+  ResultCode nCode = OpenHeader(nEventSize);
+  if (Failed(nCode)) return nCode;
+  if (m_Header.nFirstSegment != 0) {
+    nCode = ListSegments();
+    if (Failed(nCode)) return nCode;
+  }
+  if (!m_Segments.empty()) return errOK;
+  m_nNextNumber = 1;
+  m_Header.nFirstSegment = 1;
+  return NewSegment();
+}
+
+ResultCode SegmentManager::OpenHeader(std::uint32_t nEventSize) {
+  const ResultCode nCode = m_pEnv->OpenFile(u"segments.dat", 0, true, true, &m_pHeaderFile);
+  if (Failed(nCode)) return nCode;
+  std::uint32_t nRead = 0;
+  const bool bRead =
+      m_pHeaderFile->SeekRead(0, &m_Header, sizeof(m_Header), &nRead) && nRead == sizeof(m_Header);
+  const bool bOurs = bRead && std::memcmp(m_Header.nMagic, kMagic, sizeof(kMagic)) == 0;
+  if (bOurs && m_Header.nEventSize == nEventSize) return errOK;
+  std::memcpy(m_Header.nMagic, kMagic, sizeof(kMagic));
+  m_Header.nFirstSegment = 0;
+  m_Header.nEventSize = nEventSize;
+  return WriteHeader();
+}
+
+// Takes up the segments from the first number on, until one has no event file: there the chain ends.
+ResultCode SegmentManager::ListSegments() {
+  const os::SearchScope OneListingOfTheFolder;
+  for (m_nNextNumber = m_Header.nFirstSegment; m_nNextNumber < kNumberLimit; ++m_nNextNumber) {
+    std::unique_ptr<Segment> pSegment = MakeSegment();
+    if (pSegment == nullptr) return errOUT_OF_MEMORY;
+    const ResultCode nCode = pSegment->Init(m_pEnv, m_Header.nEventSize, Segment::Files::Existing,
+                                            m_nNextNumber, m_pGlobalObjects);
+    std::uint64_t nEvents = 0;
+    if (Failed(nCode) || Failed(pSegment->GetEventCount(&nEvents))) break;
+    const ResultCode nAppended = AppendEntry(std::move(pSegment), nEvents);
+    if (Failed(nAppended)) return nAppended;
+  }
+  return errOK;
+}
+
+ResultCode SegmentManager::Clear() {
+  if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
+  const std::lock_guard Hold(m_Lock);
+  TearDown();
+  m_pEnv->DeleteFiles(u"*.*", 0);
+  return Init(m_pEnv, m_Header.nEventSize, m_pGlobalObjects, m_bCheckMode);
+}
+
+void SegmentManager::TearDown() {
+  const std::lock_guard Hold(m_Lock);
+  m_bInitialized = false;
+  m_Segments.clear();
+  m_pHeaderFile.reset();
+}
+
+// ---- The chain
+// ---------------------------------------------------------------------------------------------
+
+std::unique_ptr<Segment> SegmentManager::MakeSegment() const {
+  return std::unique_ptr<Segment>(new (std::nothrow) Segment(m_bCheckMode));
+}
+
+ResultCode SegmentManager::NewSegment() {
+  if (m_nNextNumber >= kNumberLimit) return errOUT_OF_SPACE;
+  std::unique_ptr<Segment> pSegment = MakeSegment();
+  if (pSegment == nullptr) return errOUT_OF_MEMORY;
+  ResultCode nCode =
+      pSegment->Init(m_pEnv, m_Header.nEventSize, Segment::Files::New, m_nNextNumber, m_pGlobalObjects);
+  if (Failed(nCode)) return nCode;
+  nCode = WriteHeader();
+  if (Failed(nCode)) return nCode;
+  std::uint64_t nEvents = 0;
+  nCode = pSegment->GetEventCount(&nEvents);
+  if (Failed(nCode)) return nCode;
+  nCode = AppendEntry(std::move(pSegment), nEvents);
+  if (Succeeded(nCode)) ++m_nNextNumber;
+  return nCode;
+}
+
+// Puts a segment with the number m_nNextNumber at the chain's end.
+ResultCode SegmentManager::AppendEntry(std::unique_ptr<Segment> pSegment, std::uint64_t nEvents) {
+  const std::uint64_t nSize = pSegment->GetDataSize();
+  try {
+    m_Segments.push_back({std::move(pSegment), m_nNextNumber, nEvents, nSize});
+  } catch (const std::bad_alloc&) {
+    return errOUT_OF_MEMORY;
+  }
+  m_nTotalSize += nSize;
+  m_nTotalEvents += nEvents;
+  return errOK;
+}
+
+ResultCode SegmentManager::WriteHeader() {
+  if (m_pHeaderFile->SeekWrite(0, &m_Header, sizeof(m_Header), nullptr)) return errOK;
+  return FAILED_STEP(errWRITE_FAILED);
+}
+
+SegmentManager::tSEGMENT_ENTRY* SegmentManager::FindEntry(std::uint32_t nSegment) {
+  if (m_Segments.empty()) return nullptr;
+  if (nSegment == 0 || nSegment == m_Segments.back().nNumber) return &m_Segments.back();
+  const auto Found = std::lower_bound(
+      m_Segments.begin(), m_Segments.end(), nSegment,
+      [](const tSEGMENT_ENTRY& Entry, std::uint32_t nNumber) { return Entry.nNumber < nNumber; });
+  return Found != m_Segments.end() && Found->nNumber == nSegment ? &*Found : nullptr;
+}
+
+// ---- Limits
+// ------------------------------------------------------------------------------------------------
+
+void SegmentManager::SetLimit(std::atomic<std::uint64_t>* pLimit, std::uint64_t nLimit) {
+  const std::lock_guard Hold(m_Lock);
+  *pLimit = nLimit;
+  CheckLimits(false);
+}
+
+ResultCode SegmentManager::CheckLimits(bool bForce) {
+  const std::lock_guard Hold(m_Lock);
+  if (m_Segments.empty()) return errOK;
+  if (IsNewestFull()) {
+    const ResultCode nCode = NewSegment();
+    if (Failed(nCode)) return nCode;
+  }
+  for (; m_Segments.size() > 1 && (bForce || IsOverLimits()); bForce = false) {
+    const ResultCode nCode = DeleteOldest(bForce);
+    if (Failed(nCode)) return nCode;
+  }
+  return errOK;
+}
+
+// A segment is full when it reaches a limit ...
+bool SegmentManager::IsNewestFull() {
+  const tSEGMENT_ENTRY& Newest = m_Segments.back();
+  if (m_nSegmentMaxEvents != 0 && Newest.nEventCount >= m_nSegmentMaxEvents) return true;
+  if (m_nSegmentMaxSize != 0 && Newest.pSegment->GetDataSize() >= m_nSegmentMaxSize) return true;
+  return m_nSegmentMaxAge != 0 && Newest.pSegment->GetAge() >= m_nSegmentMaxAge;
+}
+
+// ... while a database may hold exactly its limit.
+bool SegmentManager::IsOverLimits() {
+  if (m_nDbMaxSize != 0 && m_nTotalSize > m_nDbMaxSize) return true;
+  if (m_nDbMaxEvents != 0 && m_nTotalEvents > m_nDbMaxEvents) return true;
+  return m_nDbMaxAge != 0 && m_Segments.front().pSegment->GetAge() > m_nDbMaxAge;
+}
+
+ResultCode SegmentManager::DeleteOldest(bool bForced) {
+  tSEGMENT_ENTRY& Oldest = m_Segments.front();
+  const std::uint32_t nNumber = Oldest.nNumber;
+  Oldest.pSegment.reset();
+  m_pEnv->DeleteFiles(u"*.*", nNumber);
+  m_nTotalEvents -= Oldest.nEventCount;
+  m_nTotalSize -= Oldest.nDataSize;
+  m_Segments.erase(m_Segments.begin());
+  m_Header.nFirstSegment = m_Segments.front().nNumber;
+  const ResultCode nCode = WriteHeader();
+  if (Failed(nCode)) return nCode;
+  Trace(kHostRoot, traceRoutine, "lmb\tSegment %d has been deleted (%d,%I64X,%I64X,%I64X)", nNumber,
+        std::int32_t{bForced}, m_nDbMaxSize.load(), m_nDbMaxEvents.load(), m_nDbMaxAge.load());
+  return errOK;
+}
+
+// ---- Events
+// ------------------------------------------------------------------------------------------------
+
+ResultCode SegmentManager::AddEvent(const void* pData, std::uint32_t nSize, std::uint64_t* pnId) {
+  if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
+  const std::lock_guard Hold(m_Lock);
+  CheckLimits(false);  // if no new segment can be started, the event goes to the one that is there
+  if (m_Segments.empty()) return errUNEXPECTED;
+  tSEGMENT_ENTRY& Newest = m_Segments.back();
+  ResultCode nCode = Newest.pSegment->AddEvent(pData, nSize, pnId);
+  if (Failed(nCode)) return nCode;
+  nCode = Newest.pSegment->GetEventCount(&Newest.nEventCount);
+  if (Failed(nCode)) return nCode;
+  ++m_nTotalEvents;
+  const std::uint64_t nNewSize = Newest.pSegment->GetDataSize();
+  m_nTotalSize += nNewSize - Newest.nDataSize;
+  Newest.nDataSize = nNewSize;
+  return errOK;
+}
+
+ResultCode SegmentManager::GetEvents(std::uint32_t nStartLow, std::int32_t nStartHigh, void* pBuffer,
+                                     std::uint32_t nCount, std::uint32_t nBufferSize,
+                                     std::uint32_t* pnDelivered) {
+  if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
+  const std::lock_guard Hold(m_Lock);
+  std::uint32_t nDelivered = 0;
+  std::uint32_t& nReported = pnDelivered != nullptr ? *pnDelivered : nDelivered;
+  nReported = 0;
+  Start From{};
+  const ResultCode nCode = FindStart(nStartLow, nStartHigh, &From);
+  if (Failed(nCode)) return nCode;
+
+  auto* pCursor = static_cast<std::uint8_t*>(pBuffer);
+  for (; From.nEntry < m_Segments.size() && nCount > 0; ++From.nEntry) {
+    const tSEGMENT_ENTRY& Entry = m_Segments[From.nEntry];
+    if (From.nPosition >= Entry.nEventCount) {
+      From.nPosition -= Entry.nEventCount;
+      continue;
+    }
+    const auto nWanted =
+        static_cast<std::uint32_t>(std::min<std::uint64_t>(Entry.nEventCount - From.nPosition, nCount));
+    std::uint32_t nGot = 0;
+    const ResultCode nRead = Entry.pSegment->GetEvents(static_cast<std::uint32_t>(From.nPosition), 0, nWanted,
+                                                       pCursor, nBufferSize, &nGot);
+    if (nRead != errOK) return nRead;
+    if (nGot != nWanted) return errUNEXPECTED;
+    const std::uint32_t nBytes = nGot * m_Header.nEventSize;
+    if (pCursor != nullptr) pCursor += nBytes;
+    nBufferSize -= nBytes;
+    nReported += nGot;
+    nCount -= nGot;
+    From.nPosition = 0;
+  }
+  return nCount == 0 ? errOK : errNO_MORE_EVENTS;
+}
+
+ResultCode SegmentManager::FindStart(std::uint32_t nStartLow, std::int32_t nStartHigh, Start* pStart) {
+  constexpr std::int32_t kFromEnd = -1;
+  *pStart = {0, nStartLow};
+  if (nStartHigh == 0) return errOK;
+  if (nStartHigh == kFromEnd) {
+    if (m_Segments.empty()) return errUNEXPECTED;
+    const std::uint64_t nBack = (std::uint64_t{1} << 32) - nStartLow;
+    pStart->nPosition = nBack > m_nTotalEvents ? 0 : m_nTotalEvents - nBack;
+    return errOK;
+  }
+  const tSEGMENT_ENTRY* const pNamed = FindEntry(static_cast<std::uint32_t>(nStartHigh));
+  if (pNamed == nullptr) return errOK;  // a segment that is no more: the oldest, at the same index
+  if (nStartLow >= pNamed->nEventCount) return errINDEX_OUT_OF_RANGE;
+  pStart->nEntry = static_cast<std::size_t>(pNamed - m_Segments.data());
+  return errOK;
+}
+
+ResultCode SegmentManager::UpdateEvent(std::uint32_t nIndexLow, std::uint32_t nSegment, const void* pData,
+                                       std::uint32_t nSize) {
+  return OnSegment(nSegment,
+                   [&](Segment& Found) { return Found.UpdateEvent(nIndexLow, nSegment, pData, nSize); });
+}
+
+// ---- Totals
+// ------------------------------------------------------------------------------------------------
+
+std::uint64_t SegmentManager::GetTotalEvents() {
+  const std::lock_guard Hold(m_Lock);
+  return m_nTotalEvents;
+}
+
+std::uint64_t SegmentManager::GetTotalSize() {
+  const std::lock_guard Hold(m_Lock);
+  return m_nTotalSize;
+}
+
+std::uint32_t SegmentManager::GetSegmentCount() {
+  const std::lock_guard Hold(m_Lock);
+  return static_cast<std::uint32_t>(m_Segments.size());
+}
+
+std::uint32_t SegmentManager::GetEventSize() {
+  const std::lock_guard Hold(m_Lock);
+  return m_Header.nEventSize;
+}
+
+std::uint64_t SegmentManager::GetOldestAge() {
+  const std::lock_guard Hold(m_Lock);
+  return m_Segments.empty() ? 0 : m_Segments.front().pSegment->GetAge();
+}
+
+std::uint64_t SegmentManager::GetOldestCreationTime() {
+  const std::lock_guard Hold(m_Lock);
+  return m_Segments.empty() ? 0 : m_Segments.front().pSegment->GetCreationTime();
+}
+
+// ---- Objects
+// -----------------------------------------------------------------------------------------------
+
+template <class Operation>
+ResultCode SegmentManager::OnSegment(std::uint32_t nSegment, Operation Do) {
+  if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
+  const std::lock_guard Hold(m_Lock);
+  tSEGMENT_ENTRY* const pEntry = FindEntry(nSegment);
+  return pEntry == nullptr ? errOBJECT_NOT_FOUND : Do(*pEntry->pSegment);
+}
+
+ResultCode SegmentManager::Flush() {
+  if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
+  const std::lock_guard Hold(m_Lock);
+  for (const tSEGMENT_ENTRY& Entry : m_Segments)
+    Entry.pSegment->Flush();
+  return errOK;
+}
+
+ResultCode SegmentManager::Check(StoreChoice Choice) {
+  if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
+  const std::lock_guard Hold(m_Lock);
+  return m_Segments.empty() ? errUNEXPECTED : m_Segments.back().pSegment->Check(Choice);
+}
+
+ResultCode SegmentManager::FindObject(StoreChoice Choice, const ObjectQuery& Query, std::uint64_t* pnId) {
+  if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
+  const std::lock_guard Hold(m_Lock);
+  return m_Segments.empty() ? errUNEXPECTED : m_Segments.back().pSegment->FindObject(Choice, Query, pnId);
+}
+
+ResultCode SegmentManager::GetObjectName(std::uint64_t nId, void* pBuffer, std::uint32_t nBufferSize,
+                                         std::uint32_t* pnNeeded, std::uint32_t nFlagsOverride,
+                                         std::uint8_t* pnType) {
+  return OnSegment(StoreNumberOf(nId), [&](Segment& Found) {
+    return Found.GetObjectName(nId, pBuffer, nBufferSize, pnNeeded, nFlagsOverride, pnType);
+  });
+}
+
+ResultCode SegmentManager::GetObjectParent(std::uint64_t nId, std::uint64_t* pnParentId,
+                                           std::uint64_t* pnHash, std::uint8_t* pnType) {
+  return OnSegment(StoreNumberOf(nId),
+                   [&](Segment& Found) { return Found.GetObjectParent(nId, pnParentId, pnHash, pnType); });
+}
+
+ResultCode SegmentManager::GetObjectData(std::uint64_t nId, void* pBuffer, std::uint32_t nBufferSize,
+                                         std::uint32_t* pnSize, std::uint32_t nTag) {
+  return OnSegment(StoreNumberOf(nId), [&](Segment& Found) {
+    return Found.GetObjectData(nId, pBuffer, nBufferSize, pnSize, nTag);
+  });
+}
+
+ResultCode SegmentManager::SetObjectData(std::uint64_t nId, const void* pData, std::uint32_t nSize,
+                                         std::uint32_t nTag) {
+  return OnSegment(StoreNumberOf(nId),
+                   [&](Segment& Found) { return Found.SetObjectData(nId, pData, nSize, nTag); });
+}
+
+ResultCode SegmentManager::RemoveAllObjectData(std::uint64_t nId) {
+  return OnSegment(StoreNumberOf(nId), [&](Segment& Found) { return Found.RemoveAllObjectData(nId); });
+}
+
+ResultCode SegmentManager::EnumFirstObject() {
+  if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
+  const std::lock_guard Hold(m_Lock);
+  for (const tSEGMENT_ENTRY& Entry : m_Segments) {
+    const ResultCode nCode = Entry.pSegment->EnumObjects();
+    if (nCode != errOBJECT_NOT_FOUND) return nCode;
+  }
+  return errOBJECT_NOT_FOUND;
+}
+
+ResultCode SegmentManager::EnumNextObject(std::uint32_t nSegment) {
+  if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
+  const std::lock_guard Hold(m_Lock);
+  tSEGMENT_ENTRY* const pEntry = FindEntry(nSegment);
+  return pEntry == nullptr ? errPARAMETER_INVALID : pEntry->pSegment->EnumObjects();
+}
+
+}  // namespace lumbra

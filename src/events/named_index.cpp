@@ -1,0 +1,281 @@
+#include "events/named_index.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <new>
+
+#include "platform/file.h"
+#include "platform/trace.h"
+
+namespace lumbra {
+namespace {
+
+constexpr std::uint32_t kFirstNamedId = 48;
+
+using Block = std::array<char, kIndexBlockSize>;
+
+Block MakeBlock(std::string_view Text) {
+  Block Filled{};
+  std::copy_n(Text.begin(), std::min<std::size_t>(Text.size(), kIndexBlockSize), Filled.begin());
+  return Filled;
+}
+
+Block PlainSignature() {
+  return MakeBlock("The file contains indexes of named databases. Ver 1.0");
+}
+Block CorruptedSignature() {
+  return MakeBlock("The file contains indexes of named databases. Ver 1.0 Corrupted");
+}
+
+// Codes stand as plain numbers in the lines of these files.
+std::uint32_t Number(ResultCode nCode) {
+  return static_cast<std::uint32_t>(nCode);
+}
+
+// What one transfer came to: a short one has the code of success and is a failure all the same.
+struct Transfer {
+  ResultCode nCode = errOK;
+  std::uint32_t nBytes = 0;
+
+  bool Complete(std::size_t nWanted) const { return Succeeded(nCode) && nBytes == nWanted; }
+};
+
+Transfer ReadSome(File& From, void* pBuffer, std::size_t nSize) {
+  Transfer Done;
+  Done.nCode = From.Read(pBuffer, static_cast<std::uint32_t>(nSize), &Done.nBytes);
+  return Done;
+}
+
+Transfer WriteAll(File& To, const void* pData, std::size_t nSize) {
+  Transfer Done;
+  Done.nCode = To.Write(pData, static_cast<std::uint32_t>(nSize), &Done.nBytes);
+  return Done;
+}
+
+// ---- The index
+// ---------------------------------------------------------------------------------------------
+
+bool ReadSignature(File& Index, const std::u16string& Path, bool* pbCorrupted) {
+  Block Signature{};
+  const Transfer Done = ReadSome(Index, Signature.data(), Signature.size());
+  if (!Done.Complete(Signature.size())) {
+    Trace(kHostRoot, traceDamage,
+          "lmb\tTryLoadPersistentIndexes: failed to read signature from file, ulo res = %u, bytesRead = %u",
+          Number(Done.nCode), Done.nBytes);
+    return false;
+  }
+  *pbCorrupted = Signature == CorruptedSignature();
+  if (*pbCorrupted || Signature == PlainSignature()) return true;
+  Index.Close();
+  Trace(kHostRoot, traceDamage, "lmb\tTryLoadPersistentIndexes: file signature is not valid");
+  Trace(kHostRoot, traceDamage,
+        "lmb\tTryLoadPersistentIndexes: corrupted persistent index file (%S) content: %S", Path.c_str(),
+        u"none");
+  return false;
+}
+
+bool TryLoadPersistentIndexes(const std::u16string& Path, PersistentIndex* pNames, bool* pbCorrupted) {
+  File Index;
+  const ResultCode nOpened = Index.OpenWithFlags(Path, fileRead, openExisting);
+  if (Failed(nOpened)) {
+    Trace(kHostRoot, traceNotable, "lmb\tTryLoadPersistentIndexes: failed to open file, ulo res = %u",
+          Number(nOpened));
+    return false;
+  }
+  if (!ReadSignature(Index, Path, pbCorrupted)) return false;
+
+  std::vector<Block> Items(kMaxIndexNames);
+  const Transfer Done = ReadSome(Index, Items.data(), Items.size() * kIndexBlockSize);
+  if (Failed(Done.nCode) || Done.nBytes % kIndexBlockSize != 0) {
+    Trace(kHostRoot, traceDamage,
+          "lmb\tTryLoadPersistentIndexes: failed to read data from file, ulo res = %u, bytesRead = %u",
+          Number(Done.nCode), Done.nBytes);
+    return false;
+  }
+  Items.resize(Done.nBytes / kIndexBlockSize);
+  for (const Block& Item : Items)
+    pNames->emplace_back(Item.data(), strnlen(Item.data(), kMaxIndexNameLength));
+  Trace(kHostRoot, traceRoutine, "lmb\tTryLoadPersistentIndexes: successful, %u items read, %s",
+        static_cast<std::uint32_t>(pNames->size()), *pbCorrupted ? "DB Corrupted" : "DB Ok");
+  return true;
+}
+
+bool TryCreatePersistentIndexesFile(const std::u16string& Path) {
+  File Index;
+  const ResultCode nOpened = Index.OpenWithFlags(Path, fileWrite, createAlways);
+  if (Failed(nOpened)) {
+    Trace(kHostRoot, traceFailure, "lmb\tTryCreatePersistentIndexesFile: failed to open file, ulo res = %u",
+          Number(nOpened));
+    return false;
+  }
+  const Block Signature = PlainSignature();
+  const Transfer Done = WriteAll(Index, Signature.data(), Signature.size());
+  if (!Done.Complete(Signature.size())) {
+    Trace(kHostRoot, traceFailure,
+          "lmb\tTryCreatePersistentIndexesFile: failed to write signature to file, ulo res = %u, "
+          "bytesWritten = %u",
+          Number(Done.nCode), Done.nBytes);
+    return false;
+  }
+  const ResultCode nFlushed = Index.Flush();
+  if (Failed(nFlushed)) {
+    Trace(kHostRoot, traceFailure, "lmb\tTryCreatePersistentIndexesFile: failed to flush file, ulo res = %u",
+          Number(nFlushed));
+    return false;
+  }
+  Trace(kHostRoot, traceRoutine, "lmb\tTryCreatePersistentIndexesFile: successful");
+  return true;
+}
+
+}  // namespace
+
+ResultCode LoadPersistentIndexes(const std::u16string& Path, PersistentIndex* pNames, bool* pbCorrupted) {
+  pNames->clear();
+  try {
+    if (TryLoadPersistentIndexes(Path, pNames, pbCorrupted)) return errOK;
+    Trace(kHostRoot, traceNotable,
+          "lmb\tLoadPersistentIndexes: file is absent or invalid, creating new one..");
+    if (!TryCreatePersistentIndexesFile(Path)) {
+      Trace(kHostRoot, traceFailure, "lmb\tLoadPersistentIndexes: failed to create index file");
+      return errUNSPECIFIED;
+    }
+    *pbCorrupted = false;
+    return errOK;
+  } catch (const std::bad_alloc&) {
+    Trace(kHostRoot, traceFailure, "lmb\tLoadPersistentIndexes: not enough memory");
+    return errOUT_OF_MEMORY;
+  }
+}
+
+ResultCode SavePersistentIndex(const std::u16string& Path, std::uint32_t nIndex, std::string_view Name) {
+  File Index;
+  ResultCode nCode = Index.OpenWithFlags(Path, fileWrite, openExisting);
+  if (Failed(nCode)) {
+    Trace(kHostRoot, traceFailure, "lmb\tSavePersistentIndex(%u): File Create failed, ulo result = %u",
+          nIndex, Number(nCode));
+    return nCode;
+  }
+  constexpr std::uint32_t kFromEnd = 2;
+  std::uint64_t nPosition = 0;
+  nCode = Index.Seek(kFromEnd, 0, &nPosition);
+  if (Failed(nCode)) {
+    Trace(kHostRoot, traceFailure, "lmb\tSavePersistentIndex(%u): File Seek(end, 0) failed, ulo result = %u",
+          nIndex, Number(nCode));
+    return nCode;
+  }
+  // A name never lands at a position that would give it another id.
+  const std::uint64_t nExpected = std::uint64_t{kIndexBlockSize} * (std::uint64_t{nIndex} + 1);
+  if (nPosition != nExpected) {
+    Trace(kHostRoot, traceFailure,
+          "lmb\tSavePersistentIndex(%u): currentPos = %u (file size) is not equal to expected write pos = %u",
+          nIndex, static_cast<std::uint32_t>(nPosition), static_cast<std::uint32_t>(nExpected));
+    return errUNSPECIFIED;
+  }
+  const Block Item = MakeBlock(Name);
+  const Transfer Done = WriteAll(Index, Item.data(), Item.size());
+  if (!Done.Complete(Item.size())) {
+    Trace(kHostRoot, traceFailure,
+          "lmb\tSavePersistentIndex(%u): File Write failed, ulo result = %u, bytesWritten = %u", nIndex,
+          Number(Done.nCode), Done.nBytes);
+    return Failed(Done.nCode) ? Done.nCode : errWRITE_FAILED;
+  }
+  nCode = Index.Flush();
+  if (Failed(nCode)) {
+    Trace(kHostRoot, traceFailure, "lmb\tSavePersistentIndex(%u): File flush failed, ulo result = %u", nIndex,
+          Number(nCode));
+    return nCode;
+  }
+  Index.Close();
+  Trace(kHostRoot, traceRoutine, "lmb\tSavePersistentIndex: successful");
+  return errOK;
+}
+
+void SaveCorruptedFlag(const std::u16string& Path) {
+  File Index;
+  const ResultCode nOpened = Index.OpenWithFlags(Path, fileWrite | fileShareRead, openExisting);
+  if (Failed(nOpened)) {
+    Trace(kHostRoot, traceFailure, "lmb\tSaveCorruptedFlag: failed to open file, ulo res = %u",
+          Number(nOpened));
+    return;
+  }
+  const Block Signature = CorruptedSignature();
+  const Transfer Done = WriteAll(Index, Signature.data(), Signature.size());
+  if (!Done.Complete(Signature.size())) {
+    Trace(kHostRoot, traceFailure,
+          "lmb\tSaveCorruptedFlag: failed to write signature to file, ulo res = %u, bytesWritten = %u",
+          Number(Done.nCode), Done.nBytes);
+    return;
+  }
+  Trace(kHostRoot, traceRoutine, "lmb\tSaveCorruptedFlag: successful");
+}
+
+bool FindPersistentIndex(const PersistentIndex& Names, std::string_view Name, std::uint32_t* pnPosition) {
+  const auto Found = std::find(Names.begin(), Names.end(), Name);
+  if (Found == Names.end()) return false;
+  *pnPosition = static_cast<std::uint32_t>(Found - Names.begin());
+  return true;
+}
+
+bool IsPersistentIndexFull(const PersistentIndex& Names) {
+  return Names.size() >= kMaxIndexNames;
+}
+
+// ---- The identity file
+// -------------------------------------------------------------------------------------
+
+namespace {
+
+bool TryReadDatabaseId(const std::u16string& Path, std::uint32_t* pnId) {
+  File Identity;
+  if (Failed(Identity.OpenWithFlags(Path, fileRead, openExisting))) return false;
+  std::uint8_t Bytes[4];
+  if (!ReadSome(Identity, Bytes, sizeof(Bytes)).Complete(sizeof(Bytes))) return false;
+  *pnId = (std::uint32_t{Bytes[0]} << 24) | (std::uint32_t{Bytes[1]} << 16) | (std::uint32_t{Bytes[2]} << 8) |
+          Bytes[3];
+  Identity.Close();
+  if (*pnId >= kFirstNamedId) return true;
+  Trace(kHostRoot, traceFailure,
+        "lmb\tTryReadDatabaseId: read index (%u) from file is less, than minimum named db index (%u)", *pnId,
+        kFirstNamedId);
+  if (*pnId != 0) {
+    Trace(kHostRoot, traceDamage, "lmb\tTryReadDatabaseId: corrupted index file (%S) content: %S",
+          Path.c_str(), u"none");
+  }
+  return false;
+}
+
+bool TrySaveDatabaseId(const std::u16string& Path, std::uint32_t nId) {
+  Trace(kHostRoot, traceRoutine, "lmb\tTrySaveDatabaseId: indexFilePath = '%S', databaseId = %u",
+        Path.c_str(), nId);
+  File Identity;
+  if (Failed(Identity.OpenWithFlags(Path, fileWrite, createAlways))) return false;
+  const auto Byte = [nId](int nShift) {
+    return static_cast<std::uint8_t>(nId >> nShift);
+  };
+  const std::uint8_t Bytes[4] = {Byte(24), Byte(16), Byte(8), Byte(0)};
+  if (!WriteAll(Identity, Bytes, sizeof(Bytes)).Complete(sizeof(Bytes))) return false;
+  return Succeeded(Identity.Flush()) && Succeeded(Identity.Close());
+}
+
+}  // namespace
+
+void ValidateDatabaseId(std::u16string_view Folder, std::u16string_view FileName, std::uint32_t nAssigned) {
+  std::u16string Path(Folder);
+  if (!Path.empty() && !Path.ends_with(u'\\') && !Path.ends_with(u'/')) Path += u'\\';
+  Path += FileName;
+  std::uint32_t nPrevious = 0;
+  if (TryReadDatabaseId(Path, &nPrevious)) {
+    Trace(kHostRoot, traceRoutine,
+          "lmb\tValidateDatabaseId: indexFilePath = '%S', previousDatabaseId = %u, assignedDatabaseId = %u",
+          Path.c_str(), nPrevious, nAssigned);
+    return;
+  }
+  const bool bSaved = TrySaveDatabaseId(Path, nAssigned);
+  const char* const pOutcome = bSaved ? "succeeded" : "failed";
+  Trace(kHostRoot, bSaved ? traceNotable : traceFailure,
+        "lmb\tValidateDatabaseId: indexFilePath = '%S', assignedDatabaseId = %u, TrySaveDatabaseIndex %s",
+        Path.c_str(), nAssigned, pOutcome);
+}
+
+}  // namespace lumbra

@@ -1,0 +1,48 @@
+// The two small files that tie database names to database ids across restarts.
+//
+// "g_db_id.dat" in the report folder: a signature block of 64 bytes, then one block of 64 bytes per name,
+// zero-padded, whose position gives the id (48 + position). Names are only ever appended, and compared byte
+// for byte. The signature has two forms; the second says that damaged object data was met at some time.
+//
+// "g_db_id_val.log" in a named database's folder: the id the folder was made for, 4 bytes, big-endian.
+//
+// The files are opened and closed within each operation and not shared, so that a second process which holds
+// one makes the operation fail. There is no lock here: the component calls these under its own. Each outcome
+// is traced.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "lumbra/result_code.h"
+
+namespace lumbra {
+
+// The names, in order of their ids.
+using PersistentIndex = std::vector<std::string>;
+
+inline constexpr std::uint32_t kIndexBlockSize = 64;  // of the signature and of each name
+inline constexpr std::uint32_t kMaxIndexNames = 207;  // ids 48 to 254
+inline constexpr std::uint32_t kMaxIndexNameLength = 63;
+
+// Loads the names, and whether the file is marked corrupted. A file that is missing or damaged is replaced by
+// an empty one; errUNSPECIFIED when that fails, too.
+ResultCode LoadPersistentIndexes(const std::u16string& Path, PersistentIndex* pNames, bool* pbCorrupted);
+
+// Appends a name (at most 63 bytes) as item nIndex. Refused with errUNSPECIFIED unless the file ends exactly
+// there.
+ResultCode SavePersistentIndex(const std::u16string& Path, std::uint32_t nIndex, std::string_view Name);
+
+// Marks the file corrupted; the names stay. Failures are traced only.
+void SaveCorruptedFlag(const std::u16string& Path);
+
+bool FindPersistentIndex(const PersistentIndex& Names, std::string_view Name, std::uint32_t* pnPosition);
+bool IsPersistentIndexFull(const PersistentIndex& Names);
+
+// Compares the id in a folder's identity file with the assigned one, for the trace alone; writes it where the
+// file is missing or invalid.
+void ValidateDatabaseId(std::u16string_view Folder, std::u16string_view FileName, std::uint32_t nAssigned);
+
+}  // namespace lumbra

@@ -1,0 +1,353 @@
+#include "events/object_names.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+
+#include "events/failed_step.h"
+#include "events/object_hash.h"
+#include "events/object_types.h"
+#include "events/path_root.h"
+#include "platform/scratch_buffer.h"
+#include "platform/storage_environment.h"
+
+namespace lumbra {
+namespace {
+
+constexpr std::uint32_t kUnit = sizeof(char16_t);
+
+// The most objects that one name is made of: a path of the longest size, 32,767 units, has no more
+// components. A chain that is longer, or runs in a circle, is damage.
+constexpr std::uint32_t kMaxChain = 16384;
+
+// Room without an allocation for the components of most paths.
+using ComponentBuffer = ScratchBuffer<512>;
+
+bool IsSeparator(char16_t c) {
+  return c == u'\\' || c == u'/';
+}
+
+std::uint32_t ZeroTerminatedSize(const void* pName, std::uint32_t nSize, std::uint32_t nMode) {
+  if (nSize == kByteZeroTerminated)
+    return static_cast<std::uint32_t>(std::strlen(static_cast<const char*>(pName)));
+  const bool bMeasure = nSize == kWideZeroTerminated || (nSize == 0 && nMode == findOnly);
+  if (!bMeasure) return nSize;
+  const std::u16string_view Name(static_cast<const char16_t*>(pName));
+  return static_cast<std::uint32_t>(Name.size()) * kUnit;
+}
+
+// ---- One object
+// --------------------------------------------------------------------------------------------
+
+// A name in the form in which it is stored.
+struct StoredName {
+  const void* pBytes;
+  std::uint32_t nSize;
+  std::uint32_t nFlags;  // fObjUtf8 only where the name really is UTF-8
+};
+
+// UTF-8 where the flags ask for it and it is shorter.
+ResultCode ToStoredForm(const void* pName, std::uint32_t nSize, std::uint32_t nFlags,
+                        ComponentBuffer* pScratch, StoredName* pStored) {
+  constexpr std::uint32_t kSpareBytes = 8;
+  *pStored = {pName, nSize, nFlags & ~std::uint32_t{fObjUtf8}};
+  if ((nFlags & fObjUtf8) == 0) return errOK;
+  const auto* const pWide = static_cast<const char16_t*>(pName);
+  std::uint32_t nUtf8 = 0;
+  if (!StorageEnvironment::WideToUtf8(pWide, nSize, nullptr, 0, &nUtf8) || nUtf8 >= nSize) return errOK;
+  if (!pScratch->Resize(nUtf8 + kSpareBytes)) return errOUT_OF_MEMORY;
+  auto* const pUtf8 = reinterpret_cast<char*>(pScratch->Get());
+  if (!StorageEnvironment::WideToUtf8(pWide, nSize, pUtf8, nUtf8, &nUtf8)) return errCONVERSION_FAILED;
+  *pStored = {pUtf8, nUtf8, nFlags};
+  return errOK;
+}
+
+// Finds or creates one object, without regard to paths.
+ResultCode FindSingleObject(ObjectDB& Store, std::uint8_t nType, std::uint32_t nFlags, const void* pName,
+                            std::uint32_t nSize, std::uint64_t nParentId, std::uint32_t nMode,
+                            std::uint64_t* pnId) {
+  if (pnId != nullptr) *pnId = 0;
+  if (pName == nullptr) {
+    if (nSize != 0 || nParentId != 0 || pnId == nullptr || nMode == findOnly) return errPARAMETER_INVALID;
+    return Store.FindOrCreateObject(0, 0, static_cast<std::uint8_t>(nFlags), nType, nullptr, 0, false, pnId,
+                                    nullptr);
+  }
+  if (nSize == 0 || pnId == nullptr) return errPARAMETER_INVALID;
+
+  std::uint64_t nParentHash = 0;
+  if (nParentId != 0) {
+    nParentHash = Store.GetObjectHash(nParentId);
+    if (nParentHash == 0) return FAILED_STEP(errOBJECT_NOT_FOUND);
+  }
+  const std::uint64_t nHash = ObjectHash(nType, pName, nSize, nParentHash, nFlags);
+  if (nHash == 0) return errHASH_ZERO;
+
+  ComponentBuffer Scratch;
+  StoredName Stored{};
+  ResultCode nCode = ToStoredForm(pName, nSize, nFlags, &Scratch, &Stored);
+  if (Failed(nCode)) return nCode;
+  if (nMode == findOnly) return Store.FindObject(nHash, pnId);
+
+  const auto Create = [&](bool bForce) {
+    return Store.FindOrCreateObject(nHash, nParentId, static_cast<std::uint8_t>(Stored.nFlags), nType,
+                                    Stored.pBytes, Stored.nSize, bForce, pnId, nullptr);
+  };
+  nCode = Create(false);
+  if (nCode != errDATA_CORRUPTED || nMode != findOrCreateRepairing) return nCode;
+  nCode = Create(true);
+  return nCode == errOK ? errDATA_REPAIRED : nCode;
+}
+
+// ---- Paths
+// -------------------------------------------------------------------------------------------------
+
+// The object that this one links to, 0 when there is none or it cannot be read.
+std::uint64_t LinkOf(ObjectDB& Store, std::uint64_t nId) {
+  std::uint64_t nLink = 0;
+  std::uint32_t nSize = 0;
+  const ResultCode nCode = Store.GetObjectData(nId, &nLink, sizeof(nLink), &nSize, kObjectLinkTag);
+  return Succeeded(nCode) && nSize == sizeof(nLink) ? nLink : 0;
+}
+
+bool FollowsLinkTo(std::uint8_t nType, std::uint32_t nFlags) {
+  switch (nType) {
+    case typeFolder:
+    case typeRegistryKey:
+      return (nFlags & fObjFollowLinks) != 0;
+    case typeVolumeRoot:
+      return (nFlags & fObjFollowVolumeLinks) != 0;
+    case typeRegistryRoot:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// Finds or creates the object of a path's root, and goes on to what it links to.
+ResultCode FindRoot(const ObjectStores& Stores, ObjectDB& Store, const PathRoot& Root,
+                    std::u16string_view Path, std::uint32_t nFlags, std::uint64_t* pnId) {
+  const ResultCode nCode =
+      FindSingleObject(Store, Root.nType, nFlags | fObjNoCase, Path.data() + Root.nStart,
+                       static_cast<std::uint32_t>(Root.nLength) * kUnit, 0, findOrCreate, pnId);
+  if (Failed(nCode)) return nCode;
+  const std::uint64_t nLink = LinkOf(Store, *pnId);
+  if (nLink == 0) return nCode;
+  std::uint8_t nLinkedType = 0;
+  const ResultCode nLinked = BuildObjectName(Stores, nLink, nullptr, 0, nullptr, 0, &nLinkedType);
+  if (Succeeded(nLinked) && FollowsLinkTo(nLinkedType, nFlags)) *pnId = nLink;
+  return nCode;
+}
+
+struct Component {
+  std::u16string_view Name;
+  bool bMoreFollows;
+};
+
+// Takes the next component off a path. A '/' before it is part of it, a '\' is not.
+bool NextComponent(std::u16string_view Path, std::size_t* pnPosition, Component* pComponent) {
+  std::size_t nStart = *pnPosition;
+  while (nStart < Path.size() && IsSeparator(Path[nStart]))
+    ++nStart;
+  if (nStart == Path.size()) return false;
+  const std::size_t nEnd = std::min(Path.find_first_of(u"\\/", nStart), Path.size());
+  if (nStart > 0 && Path[nStart - 1] == u'/') --nStart;
+  *pComponent = {Path.substr(nStart, nEnd - nStart), nEnd < Path.size()};
+  *pnPosition = nEnd;
+  return true;
+}
+
+ResultCode FindPath(const ObjectStores& Stores, ObjectDB& Store, const ObjectQuery& Query,
+                    std::uint32_t nFlags, std::u16string_view Path, std::uint64_t* pnId) {
+  std::uint64_t nCurrent = Query.nParentId;
+  std::size_t nPosition = 0;
+  ResultCode nLast = errUNSPECIFIED;
+  if (nCurrent == 0) {
+    const PathRoot Root = FindPathRoot(Query.nType, Path);
+    nPosition = Root.nStart;
+    if (Root.nLength != 0) {
+      nLast = FindRoot(Stores, Store, Root, Path, nFlags, &nCurrent);
+      if (Failed(nLast)) return nLast;
+      nPosition += Root.nLength;
+      nFlags |= fObjNoCase;  // below a root the whole path is case-insensitive
+    }
+  }
+  for (Component Next; NextComponent(Path, &nPosition, &Next);) {
+    const std::uint8_t nType = Next.bMoreFollows ? ContainerType(Query.nType) : Query.nType;
+    nLast = FindSingleObject(Store, nType, nFlags, Next.Name.data(),
+                             static_cast<std::uint32_t>(Next.Name.size()) * kUnit, nCurrent, Query.nMode,
+                             &nCurrent);
+    if (Failed(nLast)) return nLast;
+  }
+  if (pnId != nullptr) *pnId = nCurrent;
+  return nLast;
+}
+
+}  // namespace
+
+ObjectDB* ObjectStores::OfId(std::uint64_t nId) const {
+  const std::uint32_t nStore = StoreNumberOf(nId);
+  if (nStore == 0) return pGlobal;
+  return nStore == nNumber ? pOwn : nullptr;
+}
+
+ResultCode FindObjectByName(const ObjectStores& Stores, StoreChoice Choice, const ObjectQuery& Query,
+                            std::uint64_t* pnId) {
+  ObjectDB& Store = Choice == StoreChoice::Global ? *Stores.pGlobal : *Stores.pOwn;
+  const std::uint32_t nFlags = EffectiveFlags(Query.nType, Query.nFlagsOverride);
+  if (Query.nNameSize == 0 && Query.nMode != findOnly) {
+    return FindSingleObject(Store, Query.nType, nFlags, nullptr, 0, Query.nParentId, Query.nMode, pnId);
+  }
+  if (Query.pName == nullptr && Query.nNameSize != 0) return errPARAMETER_INVALID;
+  const std::uint32_t nSize =
+      Query.pName == nullptr ? 0 : ZeroTerminatedSize(Query.pName, Query.nNameSize, Query.nMode);
+  if ((nFlags & fObjSplitPath) == 0 || Query.pName == nullptr) {
+    return FindSingleObject(Store, Query.nType, nFlags, Query.pName, nSize, Query.nParentId, Query.nMode,
+                            pnId);
+  }
+  const std::u16string_view Path(static_cast<const char16_t*>(Query.pName), nSize / kUnit);
+  return FindPath(Stores, Store, Query, nFlags, Path, pnId);
+}
+
+// ---- From an object to its name
+// ----------------------------------------------------------------------------
+
+namespace {
+
+// A name that grows at its front, in a buffer that may be too small: then its end is dropped.
+class NameBuilder {
+ public:
+  NameBuilder(void* pBuffer, std::uint32_t nBufferSize)
+      : m_pBuffer(static_cast<std::uint8_t*>(pBuffer)), m_nBufferSize(pBuffer == nullptr ? 0 : nBufferSize) {}
+
+  void Prepend(const void* pText, std::uint32_t nSize) {
+    const std::uint32_t nShift = std::min(nSize, m_nBufferSize);
+    const std::uint32_t nKept = std::min(m_nTotal, m_nBufferSize - nShift);
+    if (nKept != 0) std::memmove(m_pBuffer + nShift, m_pBuffer, nKept);
+    if (nShift != 0) std::memcpy(m_pBuffer, pText, nShift);
+    m_nTotal += nSize;
+  }
+
+  // Each byte of the terminating zero only where it lies inside the buffer.
+  void Terminate() {
+    for (std::uint32_t i = 0; i < kUnit && m_nTotal + i < m_nBufferSize; ++i)
+      m_pBuffer[m_nTotal + i] = 0;
+  }
+
+  bool IsTruncated() const { return m_pBuffer != nullptr && m_nBufferSize < m_nTotal; }
+  std::uint32_t Total() const { return m_nTotal; }
+
+ private:
+  std::uint8_t* m_pBuffer;
+  std::uint32_t m_nBufferSize;
+  std::uint32_t m_nTotal = 0;
+};
+
+// What the walk from an object to its root needs of each object.
+struct NamedObject {
+  std::uint32_t nNameSize;
+  std::uint64_t nParentId;
+  std::uint8_t nFlags;
+  std::uint8_t nType;
+};
+
+ResultCode ReadObject(ObjectDB& Store, std::uint64_t nId, NamedObject* pObject) {
+  return Store.GetObjectName(nId, nullptr, 0, &pObject->nNameSize, &pObject->nParentId, &pObject->nFlags,
+                             &pObject->nType, nullptr);
+}
+
+// Reads the stored name and gives it as UTF-16: *pnSize bytes at *ppText, inside one of the buffers.
+ResultCode ReadComponent(ObjectDB& Store, std::uint64_t nId, const NamedObject& Object,
+                         ComponentBuffer* pStored, ComponentBuffer* pWide, const std::uint8_t** ppText,
+                         std::uint32_t* pnSize) {
+  *pnSize = 0;
+  if (Object.nNameSize == 0) return errOK;
+  if (!pStored->Resize(Object.nNameSize)) return errOUT_OF_MEMORY;
+  const ResultCode nCode =
+      Store.GetObjectName(nId, pStored->Get(), Object.nNameSize, nullptr, nullptr, nullptr, nullptr, nullptr);
+  if (Failed(nCode)) return nCode;
+  *ppText = pStored->Get();
+  *pnSize = Object.nNameSize;
+  if ((Object.nFlags & fObjUtf8) == 0) return errOK;
+
+  const auto* const pUtf8 = reinterpret_cast<const char*>(pStored->Get());
+  if (!StorageEnvironment::Utf8ToWide(pUtf8, Object.nNameSize, nullptr, 0, pnSize))
+    return errCONVERSION_FAILED;
+  if (!pWide->Resize(*pnSize)) return errOUT_OF_MEMORY;
+  auto* const pText = reinterpret_cast<char16_t*>(pWide->Get());
+  if (!StorageEnvironment::Utf8ToWide(pUtf8, Object.nNameSize, pText, *pnSize / kUnit, pnSize)) {
+    return errCONVERSION_FAILED;
+  }
+  *ppText = pWide->Get();
+  return errOK;
+}
+
+bool StartsWithSeparator(const std::uint8_t* pText, std::uint32_t nSize) {
+  if (nSize < kUnit) return false;
+  char16_t cFirst = 0;
+  std::memcpy(&cFirst, pText, kUnit);
+  return IsSeparator(cFirst);
+}
+
+// Puts an object's own name, and the separator between it and its parent, in front of what the builder holds.
+ResultCode PrependObject(ObjectDB& Store, std::uint64_t nId, const NamedObject& Object, NameBuilder* pName) {
+  ComponentBuffer Stored;
+  ComponentBuffer Wide;
+  const std::uint8_t* pText = nullptr;
+  std::uint32_t nSize = 0;
+  const ResultCode nCode = ReadComponent(Store, nId, Object, &Stored, &Wide, &pText, &nSize);
+  if (Failed(nCode)) return nCode;
+  pName->Prepend(pText, nSize);
+  if (Object.nParentId != 0 && !StartsWithSeparator(pText, nSize)) {
+    const char16_t cSeparator = Object.nType == typeRegistryValue ? u'/' : u'\\';
+    pName->Prepend(&cSeparator, kUnit);
+  }
+  return errOK;
+}
+
+// The objects that stand for another one when a name is built.
+bool StandsForLink(const NamedObject& Object, std::uint32_t nFlags) {
+  return Object.nType == typeRegistryKey ||
+         (Object.nType == typeVolumeRoot && (nFlags & fObjFollowVolumeLinks) != 0);
+}
+
+}  // namespace
+
+ResultCode BuildObjectName(const ObjectStores& Stores, std::uint64_t nId, void* pBuffer,
+                           std::uint32_t nBufferSize, std::uint32_t* pnNeeded, std::uint32_t nFlagsOverride,
+                           std::uint8_t* pnType) {
+  ObjectDB* const pStore = Stores.OfId(nId);
+  if (pStore == nullptr) return errOBJECT_NOT_FOUND;
+  if (pBuffer == nullptr && nBufferSize != 0) return errPARAMETER_INVALID;
+  if (pBuffer == nullptr && pnNeeded == nullptr && pnType == nullptr) return errPARAMETER_INVALID;
+
+  NameBuilder Name(pBuffer, nBufferSize);
+  std::uint32_t nFlags = 0;
+  bool bFirst = true;
+  std::uint32_t nSteps = 0;
+  for (std::uint64_t nCurrent = nId; nCurrent != 0;) {
+    if (++nSteps > kMaxChain) return errDATA_CORRUPTED;
+    NamedObject Object{};
+    const ResultCode nCode = ReadObject(*pStore, nCurrent, &Object);
+    if (Failed(nCode)) return nCode;
+    if (bFirst) nFlags = EffectiveFlags(Object.nType, nFlagsOverride);
+    if (StandsForLink(Object, nFlags)) {
+      if (const std::uint64_t nLink = LinkOf(*pStore, nCurrent); nLink != 0) {
+        nCurrent = nLink;
+        continue;
+      }
+    }
+    if (bFirst) {
+      bFirst = false;
+      if (pnType != nullptr) *pnType = Object.nType;
+      if (pBuffer == nullptr && pnNeeded == nullptr) return errOK;
+    }
+    const ResultCode nPrepended = PrependObject(*pStore, nCurrent, Object, &Name);
+    if (Failed(nPrepended)) return nPrepended;
+    nCurrent = Object.nParentId;
+  }
+  Name.Terminate();
+  if (pnNeeded != nullptr) *pnNeeded = Name.Total();
+  return Name.IsTruncated() ? errBUFFER_TOO_SMALL : errOK;
+}
+
+}  // namespace lumbra
