@@ -49,6 +49,8 @@ class SegmentManager {
   // Deletes every file of the folder and starts the first segment, with the same event size.
   ResultCode Clear();
 
+  bool IsInitialized() const { return m_bInitialized; }
+
   // Closes every file; none is deleted. Init opens the database again.
   void TearDown();
 

@@ -1,0 +1,131 @@
+// The component: adding, reading and rewriting events.
+#include <cstring>
+#include <mutex>
+
+#include "component/lumbra.h"
+#include "platform/trace.h"
+
+namespace lumbra {
+
+// ---- Adding
+// ------------------------------------------------------------------------------------------------
+
+ResultCode Lumbra::AddEvent(std::uint32_t nDatabase, const void* pData, std::uint32_t nSize,
+                            std::uint64_t* pnEventId) {
+  Trace(&Handle, traceDetail, "lmb\tLumbra::AddEvent Database - %X", nDatabase);
+  if (nDatabase == kSystemDatabase) return errNOT_SUPPORTED;
+  if (nDatabase >= kFirstNamedDatabase) return AddEventNamed(nDatabase, pData, nSize, pnEventId);
+  const SharedHold Hold(m_Lock);
+  if (m_nWritesSuspended != 0) return errREAD_ONLY;
+  return Append(m_Slots[nDatabase].Manager, nDatabase, pData, nSize, pnEventId);
+}
+
+ResultCode Lumbra::AddEventNamed(std::uint32_t nDatabase, const void* pData, std::uint32_t nSize,
+                                 std::uint64_t* pnEventId) {
+  const SharedHold Hold(m_Lock);
+  if (m_nWritesSuspended != 0) return errREAD_ONLY;
+  const NamedDatabaseRef Named = FindNamed(nDatabase);
+  if (Named.Get() == nullptr) return errPARAMETER_INVALID;
+  return Append(Named->Manager, nDatabase, pData, nSize, pnEventId);
+}
+
+// Under the main lock from the size that is taken out of the total to the limit that is checked: so the total
+// never sees a half-done add.
+ResultCode Lumbra::Append(SegmentManager& Manager, std::uint32_t nDatabase, const void* pData,
+                          std::uint32_t nSize, std::uint64_t* pnEventId) {
+  const std::lock_guard Hold(m_MainLock);
+  const bool bCountsInTotal = Manager.GetDbMaxSize() == 0;
+  if (bCountsInTotal) m_nSizeTotal -= Manager.GetTotalSize();
+  std::uint64_t nEventId = 0;
+  const ResultCode nCode = Manager.AddEvent(pData, nSize, &nEventId);
+  if (bCountsInTotal) {
+    m_nSizeTotal += Manager.GetTotalSize();
+    CheckLimits();
+  }
+  nEventId = WithDatabase(nEventId, nDatabase);
+  if (pnEventId != nullptr) *pnEventId = nEventId;
+  if (nDatabase < kFirstNamedDatabase) {
+    Trace(&Handle, traceRoutine, "lmb\tAddEvent(%X,%d,%I64X) = %terr", nDatabase, nSize, nEventId, nCode);
+  } else {
+    Trace(&Handle, traceRoutine, "lmb\tAddEventNamed(%X,%d,%I64X) = %terr", nDatabase, nSize, nEventId,
+          nCode);
+  }
+  return nCode;
+}
+
+// ---- Reading
+// -----------------------------------------------------------------------------------------------
+
+ResultCode Lumbra::GetEvents(std::uint32_t nDatabase, std::uint64_t nStart, void* pBuffer,
+                             std::uint32_t nBufferSize, std::uint32_t nCount, std::uint32_t* pnRead,
+                             HostObject* pParents) {
+  const SharedHold Hold(m_Lock);
+  // A top byte of 0xFF belongs to a position counted from the end, not to a database.
+  if (const std::uint32_t nNamed = DatabaseOfId(nStart); nNamed != 0 && nNamed != kAllDatabases) {
+    nDatabase = nNamed;
+    nStart = WithoutDatabase(nStart);
+  }
+  const Database Found = FindDatabase(nDatabase);
+  if (!Found.IsOpen()) return errPARAMETER_INVALID;
+  std::uint32_t nRead = 0;
+  const ResultCode nCode =
+      Found.Manager().GetEvents(static_cast<std::uint32_t>(nStart), static_cast<std::int32_t>(nStart >> 32),
+                                pBuffer, nCount, nBufferSize, &nRead);
+  if (pnRead != nullptr) *pnRead = nRead;
+  MarkCorruptedOn(nCode);
+  if (Succeeded(nCode) && pnRead != nullptr && binding::IsContainer(pParents)) {
+    AppendParents(pBuffer, nRead, Found.Manager().GetEventSize(), pParents);
+  }
+  Trace(&Handle, traceRoutine, "lmb\tGetEvents(%X,%I64X,%d,%d,%d) = %terr", nDatabase, nStart, nBufferSize,
+        nCount, pnRead == nullptr ? 0 : nRead, nCode);
+  return nCode;
+}
+
+// One value for each event: the parent of the object that the event names, or 0.
+void Lumbra::AppendParents(const void* pEvents, std::uint32_t nCount, std::uint32_t nEventSize,
+                           HostObject* pParents) {
+  constexpr std::uint32_t kObjectIdOffset = 8;
+  constexpr std::uint32_t kList = 0;
+  const auto* pEvent = static_cast<const std::uint8_t*>(pEvents);
+  const bool bHasObjectId = nEventSize >= kObjectIdOffset + sizeof(std::uint64_t);
+  for (std::uint32_t i = 0; i < nCount; ++i, pEvent += nEventSize) {
+    std::uint64_t nObjectId = 0;
+    if (bHasObjectId) std::memcpy(&nObjectId, pEvent + kObjectIdOffset, sizeof(nObjectId));
+    binding::AppendToContainer(pParents, kList, ParentOf(nObjectId));
+  }
+}
+
+std::uint64_t Lumbra::ParentOf(std::uint64_t nObjectId) {
+  const std::uint32_t nDatabase = DatabaseOfId(nObjectId);
+  const std::uint64_t nLocalId = WithoutDatabase(nObjectId);
+  const Database Found = FindDatabase(nDatabase);
+  if (!Found.IsOpen()) return 0;
+  std::uint64_t nParent = 0;
+  const ResultCode nCode = Found.Manager().GetObjectParent(nLocalId, &nParent, nullptr, nullptr);
+  if (Failed(nCode) || nParent == 0 || nParent == nLocalId) return 0;
+  return WithDatabase(nParent, nDatabase);
+}
+
+// Damaged data marks the whole store, once: the property, and the index file for the next start.
+void Lumbra::MarkCorruptedOn(ResultCode nCode) {
+  if (nCode != errDATA_CORRUPTED || m_nCorrupted.exchange(1) != 0) return;
+  const std::lock_guard Hold(m_MainLock);  // which every use of the index file holds
+  SaveCorruptedFlag(std::u16string(m_IndexPath.View()));
+}
+
+// ---- Rewriting
+// ---------------------------------------------------------------------------------------------
+
+ResultCode Lumbra::UpdateEvent(std::uint64_t nEventId, const void* pData, std::uint32_t nSize) {
+  const SharedHold Hold(m_Lock);
+  if (m_nWritesSuspended != 0) return errREAD_ONLY;
+  const Database Found = FindDatabase(DatabaseOfId(nEventId));
+  if (!Found.IsOpen()) return errPARAMETER_INVALID;
+  const std::uint64_t nLocalId = WithoutDatabase(nEventId);
+  const ResultCode nCode =
+      Found.Manager().UpdateEvent(static_cast<std::uint32_t>(nLocalId), SegmentOfId(nEventId), pData, nSize);
+  Trace(&Handle, traceRoutine, "lmb\tUpdateEvent(%I64X,%u) = %terr", nLocalId, nSize, nCode);
+  return nCode;
+}
+
+}  // namespace lumbra

@@ -1,0 +1,82 @@
+#include "component/shared_objects.h"
+
+#include <memory>
+#include <mutex>
+
+#include "component/host_binding.h"
+#include "platform/os.h"
+#include "platform/result.h"
+#include "platform/storage_environment.h"
+
+namespace lumbra {
+namespace {
+
+// The environment outlives the instance that opened it, and sums no file sizes.
+class NoOwner final : public StorageOwner {
+  bool ExactFileSizes() override { return false; }
+};
+
+struct SharedStore {
+  os::CriticalSection Lock;  // an instance that comes second waits until the first has opened the store
+  std::uint32_t nUsers = 0;
+  NoOwner Owner;
+  std::unique_ptr<StorageEnvironment> pEnvironment;
+  std::unique_ptr<ObjectDB> pStore;
+
+  ResultCode Open(const char16_t* pFolder, bool bCheckMode, bool bEnvironmentFlag);
+  void Close();
+};
+
+SharedStore& Shared() {
+  static SharedStore Instance;
+  return Instance;
+}
+
+ResultCode SharedStore::Open(const char16_t* pFolder, bool bCheckMode, bool bEnvironmentFlag) {
+  pEnvironment = std::make_unique<StorageEnvironment>();
+  if (!pEnvironment->Init(&Owner, pFolder, FolderContent::Keep, bEnvironmentFlag)) return errOPEN_FAILED;
+  pStore = std::make_unique<ObjectDB>(bCheckMode);
+  ObjectFiles Files;
+  // A file that cannot be opened is handed on as absent: the store refuses it.
+  pEnvironment->OpenFile(u"g_objbt.dat", 0, true, true, &Files.pTree);
+  pEnvironment->OpenFile(u"g_objid.dat", 0, true, true, &Files.pIds);
+  pEnvironment->OpenFile(u"g_objdt.dat", 0, true, true, &Files.pData);
+  return Succeeded(pStore->Open(0, Files, TreeHead::Large)) ? errOK : errOPEN_FAILED;
+}
+
+void SharedStore::Close() {
+  pStore.reset();
+  pEnvironment.reset();
+}
+
+}  // namespace
+
+ResultCode SharedObjects::AddUser(const char16_t* pFolder, bool bCheckMode, bool bEnvironmentFlag) {
+  SharedStore& Now = Shared();
+  const std::lock_guard Hold(Now.Lock);
+  if (binding::AtomicIncrement(&Now.nUsers) != 1) return errOK;
+  ResultCode nCode = errOK;
+  try {
+    nCode = Now.Open(pFolder, bCheckMode, bEnvironmentFlag);
+  } catch (...) {
+    nCode = ResultFromCurrentException();
+  }
+  if (Succeeded(nCode)) return errOK;
+  Now.Close();
+  binding::AtomicDecrement(&Now.nUsers);
+  return errOPEN_FAILED;
+}
+
+void SharedObjects::RemoveUser() {
+  SharedStore& Now = Shared();
+  const std::lock_guard Hold(Now.Lock);
+  if (binding::AtomicDecrement(&Now.nUsers) == 0) Now.Close();
+}
+
+ObjectDB* SharedObjects::Store() {
+  SharedStore& Now = Shared();
+  const std::lock_guard Hold(Now.Lock);
+  return Now.pStore.get();
+}
+
+}  // namespace lumbra

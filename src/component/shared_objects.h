@@ -1,0 +1,23 @@
+// The object store that all databases and all instances of the process share: opened for its first user,
+// closed after its last.
+#pragma once
+
+#include <cstdint>
+
+#include "lumbra/result_code.h"
+#include "objects/objdb.h"
+
+namespace lumbra {
+
+class SharedObjects {
+ public:
+  // Adds a user. The first one has the store opened in its folder, with its check mode; every later one uses
+  // what is there. errOPEN_FAILED, with nothing added, when the store cannot be opened.
+  static ResultCode AddUser(const char16_t* pFolder, bool bCheckMode, bool bEnvironmentFlag);
+  static void RemoveUser();
+
+  // Null without users.
+  static ObjectDB* Store();
+};
+
+}  // namespace lumbra
