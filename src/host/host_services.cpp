@@ -1,0 +1,287 @@
+#include "host/host_services.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cassert>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "host/standalone_host.h"
+#include "host/string_object.h"
+#include "host/text.h"
+
+namespace lumbra::host {
+namespace {
+
+std::atomic<StandaloneHost*> g_pHost{nullptr};
+
+LumbraInstance* InstanceOf(HostObject* pHandle) {
+  return reinterpret_cast<LumbraInstance*>(reinterpret_cast<std::byte*>(pHandle) -
+                                           offsetof(LumbraInstance, Handle));
+}
+
+ResultCode NotSupported(HostObject*) {
+  return errNOT_SUPPORTED;
+}
+
+// What the host exports, by number.
+struct Export {
+  std::uint32_t nExporter;
+  std::uint32_t nFunctionId;
+  void* pFunction;
+};
+
+void* FindExport(std::uint32_t nExporter, std::uint32_t nFunctionId) {
+  static const Export kExports[] = {
+      {kExporterAtomic, kFunctionAtomicIncrement, reinterpret_cast<void*>(&HostServices::AtomicIncrement)},
+      {kExporterAtomic, kFunctionAtomicDecrement, reinterpret_cast<void*>(&HostServices::AtomicDecrement)},
+      {kExporterTrace, kFunctionTrace, reinterpret_cast<void*>(&HostServices::Trace)},
+      {kExporterString, kFunctionStringAppend, reinterpret_cast<void*>(&HostServices::StringAppend)},
+      {kExporterString, kFunctionStringFindLastOf, reinterpret_cast<void*>(&HostServices::StringFindLastOf)},
+      {kExporterString, kFunctionStringCompare, reinterpret_cast<void*>(&HostServices::StringCompare)},
+  };
+  for (const Export& Known : kExports) {
+    if (Known.nExporter == nExporter && Known.nFunctionId == nFunctionId) return Known.pFunction;
+  }
+  return nullptr;
+}
+
+// Replaces every occurrence; true when there was one.
+bool ReplaceAll(std::u16string* pText, std::u16string_view What, std::u16string_view By) {
+  bool bReplaced = false;
+  for (std::size_t nAt = 0; (nAt = pText->find(What, nAt)) != std::u16string::npos; nAt += By.size()) {
+    pText->replace(nAt, What.size(), By);
+    bReplaced = true;
+  }
+  return bReplaced;
+}
+
+}  // namespace
+
+void HostServices::Enter(StandaloneHost* pHost) {
+  [[maybe_unused]] StandaloneHost* pNone = nullptr;
+  [[maybe_unused]] const bool bFirst = g_pHost.compare_exchange_strong(pNone, pHost);
+  assert(bFirst && "one host in a process at a time");
+}
+
+void HostServices::Leave(StandaloneHost* pHost) {
+  g_pHost.compare_exchange_strong(pHost, nullptr);
+}
+
+const HostRootOperations* HostServices::RootOperations() {
+  static constexpr HostRootOperations kOperations = {ResolveImports, RegisterInterface, BindFunction};
+  return &kOperations;
+}
+
+const HostSystemOperations* HostServices::SystemOperations() {
+  static constexpr HostSystemOperations kOperations = {
+      .Reserved0 = NotSupported,
+      .ReadProperty = ReadProperty,
+      .Allocate = Allocate,
+      .Free = Free,
+      .CreateObject = CreateObject,
+      .CloseObject = CloseObject,
+      .Send = Send,
+      .RegisterMessageHandler = RegisterMessageHandler,
+      .UnregisterMessageHandler = UnregisterMessageHandler,
+      .Reserved9To15 = {NotSupported, NotSupported, NotSupported, NotSupported, NotSupported, NotSupported,
+                        NotSupported},
+      .ReferenceShared = ReferenceShared,
+  };
+  return &kOperations;
+}
+
+// ---- Root operations
+// ---------------------------------------------------------------------------------------
+
+ResultCode HostServices::ResolveImports(HostObject* pRoot, std::uint32_t /*nReserved*/, HostImport* pTable,
+                                        std::uint32_t /*nPluginId*/) {
+  for (; pTable->ppSlot != nullptr; ++pTable) {
+    const ResultCode nCode = BindFunction(pRoot, pTable->ppSlot, pTable->nExporter, pTable->nFunctionId, 0);
+    if (Failed(nCode)) return nCode;
+  }
+  return errOK;
+}
+
+ResultCode HostServices::RegisterInterface(HostObject* /*pRoot*/, std::uint32_t nInterfaceId,
+                                           std::uint32_t /*nPluginId*/, std::uint32_t /*nReserved1*/,
+                                           std::uint32_t /*nReserved2*/, HostFactory pFactory) {
+  StandaloneHost& Host = *g_pHost;
+  const std::lock_guard Hold(Host.m_Lock);
+  Host.m_Factories[nInterfaceId] = pFactory;
+  return errOK;
+}
+
+ResultCode HostServices::BindFunction(HostObject* /*pRoot*/, void** ppSlot, std::uint32_t nExporter,
+                                      std::uint32_t nFunctionId, std::uint32_t /*nOption*/) {
+  void* const pFunction = FindExport(nExporter, nFunctionId);
+  if (pFunction == nullptr) return errNOT_FOUND;
+  *ppSlot = pFunction;
+  return errOK;
+}
+
+// ---- System operations
+// -------------------------------------------------------------------------------------
+
+std::uint32_t HostServices::ReadProperty(HostObject* pObject, std::uint32_t nPropertyId) {
+  StandaloneHost& Host = *g_pHost;
+  LumbraInstance* const pInstance = InstanceOf(pObject);
+  {
+    const std::lock_guard Hold(Host.m_Lock);
+    if (!Host.m_Instances.contains(pInstance)) return 0;
+  }
+  std::uint32_t nValue = 0;
+  PropertyAccessRecord Record{&nValue, sizeof(nValue), 0, 0, propertyGet};
+  pInstance->pLifecycle->PropertyAccess(pInstance, nPropertyId, &Record);
+  return nValue;
+}
+
+void* HostServices::Allocate(HostObject* /*pObject*/, std::uint32_t nSize) {
+  return std::malloc(nSize);
+}
+
+void HostServices::Free(HostObject* /*pObject*/, void* pBlock) {
+  std::free(pBlock);
+}
+
+ResultCode HostServices::CreateObject(HostObject* /*pParent*/, std::uint32_t nInterfaceId,
+                                      std::uint32_t /*nReserved1*/, std::uint32_t /*nReserved2*/,
+                                      HostObject** ppObject) {
+  if (nInterfaceId != kHostStringInterface) return errINTERFACE_NOT_SUPPORTED;
+  auto* const pString = new (std::nothrow) StringObject(SystemOperations());
+  if (pString == nullptr) return errOUT_OF_MEMORY;
+  *ppObject = &pString->Handle;
+  return errOK;
+}
+
+ResultCode HostServices::CloseObject(HostObject* pObject) {
+  delete StringObject::Of(pObject);
+  return errOK;
+}
+
+ResultCode HostServices::Send(HostObject* pSender, std::uint32_t nClass, std::uint32_t nMessageId,
+                              HostObject* pArgument, std::uint32_t /*nReserved1*/,
+                              std::uint32_t /*nReserved2*/) {
+  StandaloneHost& Host = *g_pHost;
+  try {
+    if (nClass == kExpandMessageClass && nMessageId == kExpandMessageId) {
+      StringObject* const pString = StringObject::Of(pArgument != nullptr ? pArgument : pSender);
+      if (pString == nullptr) return errPARAMETER_INVALID;
+      const std::lock_guard Hold(Host.m_Lock);
+      bool bExpanded = false;
+      for (const auto& [Placeholder, Value] : Host.m_Placeholders) {
+        bExpanded |= ReplaceAll(&pString->Text, Placeholder, Value);
+      }
+      return bExpanded ? 1 : 0;
+    }
+    std::vector<StandaloneHost::Handler> Handlers;
+    {
+      const std::lock_guard Hold(Host.m_Lock);
+      Handlers = Host.m_Handlers;
+    }
+    for (const StandaloneHost::Handler& Known : Handlers) {
+      if (Known.nClass != nClass) continue;
+      LumbraInstance* const pInstance = InstanceOf(Known.pObject);
+      pInstance->pLifecycle->MessageReceive(pInstance, nClass, nMessageId);
+    }
+    return errOK;
+  } catch (const std::bad_alloc&) {
+    return errOUT_OF_MEMORY;
+  }
+}
+
+ResultCode HostServices::RegisterMessageHandler(HostObject* pObject, std::uint32_t nClass,
+                                                std::uint32_t /*nReserved1*/, HostObject* /*pSender*/,
+                                                std::uint32_t /*nReserved2*/, std::uint32_t /*nReserved3*/,
+                                                std::uint32_t /*nReserved4*/, std::uint32_t /*nReserved5*/) {
+  StandaloneHost& Host = *g_pHost;
+  try {
+    const std::lock_guard Hold(Host.m_Lock);
+    Host.m_Handlers.push_back({nClass, pObject});
+    return errOK;
+  } catch (const std::bad_alloc&) {
+    return errOUT_OF_MEMORY;
+  }
+}
+
+ResultCode HostServices::UnregisterMessageHandler(HostObject* pObject, std::uint32_t nClass,
+                                                  HostObject* /*pSender*/) {
+  StandaloneHost& Host = *g_pHost;
+  const std::lock_guard Hold(Host.m_Lock);
+  std::erase_if(Host.m_Handlers, [&](const StandaloneHost::Handler& Known) {
+    return Known.nClass == nClass && Known.pObject == pObject;
+  });
+  return errOK;
+}
+
+std::uint32_t HostServices::ReferenceShared(HostObject* pObject, std::uint32_t /*nReserved1*/,
+                                            std::uint32_t /*nReserved2*/) {
+  StandaloneHost& Host = *g_pHost;
+  const std::lock_guard Hold(Host.m_Lock);
+  const auto Found = Host.m_Instances.find(InstanceOf(pObject));
+  return Found == Host.m_Instances.end() ? 0 : ++Found->second;
+}
+
+// ---- Functions bound by number
+// -----------------------------------------------------------------------------
+
+std::uint32_t HostServices::AtomicIncrement(std::uint32_t* pnValue) {
+  return std::atomic_ref(*pnValue).fetch_add(1) + 1;
+}
+
+std::uint32_t HostServices::AtomicDecrement(std::uint32_t* pnValue) {
+  return std::atomic_ref(*pnValue).fetch_sub(1) - 1;
+}
+
+ResultCode HostServices::Trace(HostObject* /*pObject*/, std::uint32_t nLevel, const char* pFormat,
+                               std::va_list Arguments) {
+  StandaloneHost* const pHost = g_pHost;
+  if (pHost == nullptr || nLevel > pHost->m_nTraceLevel.load(std::memory_order_relaxed)) return errOK;
+  try {
+    pHost->WriteLine(nLevel, pFormat, Arguments);
+    return errOK;
+  } catch (...) {
+    return errUNEXPECTED;  // a line is lost, and nothing else
+  }
+}
+
+ResultCode HostServices::StringAppend(HostString* pTarget, const void* pText, std::uint32_t nSize,
+                                      std::uint32_t nCodePage) {
+  try {
+    std::u16string Text;
+    if (!DecodeText(pText, nSize, nCodePage, &Text)) return errNOT_SUPPORTED;
+    const auto nLength = static_cast<std::uint32_t>(pTarget->nLength + Text.size());
+    if (nLength + 1 > pTarget->nCapacity) {
+      const std::uint32_t nCapacity = std::max(nLength + 1, pTarget->nCapacity * 2);
+      void* const pGrown = std::realloc(pTarget->pText, nCapacity * sizeof(char16_t));
+      if (pGrown == nullptr) return errOUT_OF_MEMORY;
+      pTarget->pText = static_cast<char16_t*>(pGrown);
+      pTarget->nCapacity = nCapacity;
+    }
+    std::memcpy(pTarget->pText + pTarget->nLength, Text.data(), Text.size() * sizeof(char16_t));
+    pTarget->nLength = nLength;
+    pTarget->pText[nLength] = 0;
+    return errOK;
+  } catch (const std::bad_alloc&) {
+    return errOUT_OF_MEMORY;
+  }
+}
+
+std::uint32_t HostServices::StringFindLastOf(const HostString* pString, const char16_t* pSet) {
+  if (pString->pText == nullptr) return kHostStringNoPosition;
+  const std::size_t nFound = std::u16string_view(pString->pText, pString->nLength).find_last_of(pSet);
+  return nFound == std::u16string_view::npos ? kHostStringNoPosition : static_cast<std::uint32_t>(nFound);
+}
+
+ResultCode HostServices::StringCompare(const HostString* pString, const void* pText, std::uint32_t nCodePage,
+                                       std::uint32_t /*nFlags*/) {
+  if (nCodePage != kCodePageUtf16) return errNOT_SUPPORTED;
+  const std::u16string_view Own = pString->pText == nullptr
+                                      ? std::u16string_view()
+                                      : std::u16string_view(pString->pText, pString->nLength);
+  return Own == static_cast<const char16_t*>(pText) ? errOK : errNOT_MATCHED;
+}
+
+}  // namespace lumbra::host

@@ -1,0 +1,151 @@
+#include "host/standalone_host.h"
+
+#include <algorithm>
+#include <cassert>
+#include <utility>
+
+#include "host/host_services.h"
+#include "host/trace_format.h"
+
+namespace lumbra::host {
+
+// ---- Store
+// -------------------------------------------------------------------------------------------------
+
+Store::Store(Store&& Other) noexcept
+    : m_pHost(Other.m_pHost), m_pInstance(std::exchange(Other.m_pInstance, nullptr)) {}
+
+Store& Store::operator=(Store&& Other) noexcept {
+  std::swap(m_pHost, Other.m_pHost);
+  std::swap(m_pInstance, Other.m_pInstance);
+  return *this;
+}
+
+Store::~Store() {
+  if (m_pInstance != nullptr) m_pHost->Release(m_pInstance);
+}
+
+ResultCode Store::Init() {
+  return m_pInstance->pLifecycle->ObjectInitDone(m_pInstance);
+}
+
+ResultCode Store::SetNumber(std::uint32_t nPropertyId, std::uint32_t nValue) {
+  PropertyAccessRecord Record{&nValue, sizeof(nValue), 0, 0, propertySet};
+  return m_pInstance->pLifecycle->PropertyAccess(m_pInstance, nPropertyId, &Record);
+}
+
+ResultCode Store::GetNumber(std::uint32_t nPropertyId, std::uint32_t* pnValue) const {
+  PropertyAccessRecord Record{pnValue, sizeof(*pnValue), 0, 0, propertyGet};
+  return m_pInstance->pLifecycle->PropertyAccess(m_pInstance, nPropertyId, &Record);
+}
+
+ResultCode Store::SetReportFolder(std::u16string_view Folder) {
+  std::u16string Text(Folder);
+  const auto nSize = static_cast<std::uint32_t>(Text.size() * sizeof(char16_t));
+  PropertyAccessRecord Record{Text.data(), nSize, 0, kCodePageUtf16, propertySet};
+  return m_pInstance->pLifecycle->PropertyAccess(m_pInstance, propREPORT_FOLDER, &Record);
+}
+
+// ---- IdContainer
+// -------------------------------------------------------------------------------------------
+
+const HostContainerOperations IdContainer::kOperations = {
+    .Base = {.Reserved0 = [](HostObject*) -> ResultCode { return errNOT_SUPPORTED; },
+             .IsOfType = [](HostObject*, std::uint32_t nTypeId) -> std::uint32_t {
+               return nTypeId == kHostContainerType ? 1 : 0;
+             }},
+    .Append = &IdContainer::Append,
+};
+
+IdContainer::IdContainer() : m_Handle{&kOperations, HostServices::SystemOperations()} {}
+
+ResultCode IdContainer::Append(HostObject* pContainer, std::uint32_t nList, std::uint64_t nValue) {
+  if (nList != 0) return errINDEX_INVALID;
+  try {
+    reinterpret_cast<IdContainer*>(pContainer)->m_List.push_back(nValue);
+    return errOK;
+  } catch (const std::bad_alloc&) {
+    return errOUT_OF_MEMORY;
+  }
+}
+
+// ---- StandaloneHost
+// ----------------------------------------------------------------------------------------
+
+StandaloneHost::StandaloneHost(ModuleEntry pEntry)
+    : m_pEntry(pEntry), m_Root{HostServices::RootOperations(), HostServices::SystemOperations()} {
+  HostServices::Enter(this);
+  m_pEntry(&m_Root, kModuleLoad, &m_nLoadResult);
+}
+
+StandaloneHost::~StandaloneHost() {
+  assert(m_Instances.empty() && "stores end before their host");
+  m_pEntry(&m_Root, kModuleUnload, nullptr);
+  HostServices::Leave(this);
+}
+
+void StandaloneHost::SetPlaceholder(std::u16string_view Placeholder, std::u16string_view Value) {
+  const std::lock_guard Hold(m_Lock);
+  m_Placeholders.insert_or_assign(std::u16string(Placeholder), std::u16string(Value));
+}
+
+// ---- Trace ---
+
+void StandaloneHost::TraceToStream(std::uint32_t nLevel, std::FILE* pStream) {
+  TraceToCallback(nLevel, [pStream](std::uint32_t nLineLevel, std::string_view Line) {
+    std::fprintf(pStream, "%u %.*s\n", nLineLevel, static_cast<int>(Line.size()), Line.data());
+    std::fflush(pStream);
+  });
+}
+
+bool StandaloneHost::TraceToFile(std::uint32_t nLevel, const std::string& Path) {
+  std::FILE* const pFile = std::fopen(Path.c_str(), "w");
+  if (pFile == nullptr) return false;
+  TraceToStream(nLevel, pFile);
+  const std::lock_guard Hold(m_TraceLock);
+  m_pTraceFile.reset(pFile);
+  return true;
+}
+
+void StandaloneHost::TraceToCallback(std::uint32_t nLevel, TraceCallback Callback) {
+  const std::lock_guard Hold(m_TraceLock);
+  m_TraceCallback = std::move(Callback);
+  m_nTraceLevel = nLevel;
+}
+
+void StandaloneHost::WriteLine(std::uint32_t nLevel, const char* pFormat, std::va_list Arguments) {
+  const std::string Line = FormatTraceLine(pFormat, Arguments);
+  const std::lock_guard Hold(m_TraceLock);
+  if (m_TraceCallback) m_TraceCallback(nLevel, Line);
+}
+
+// ---- Instances ---
+
+Store StandaloneHost::Create(std::uint32_t nInterfaceId) {
+  const std::lock_guard Hold(m_Lock);
+  const auto Factory = m_Factories.find(nInterfaceId);
+  if (Factory == m_Factories.end()) return {};
+  auto* const pInstance = static_cast<LumbraInstance*>(Factory->second(0, &m_Root, nInterfaceId));
+  if (pInstance == nullptr) return {};
+  // A shared instance that is known already has counted this request itself.
+  if (m_Instances.emplace(pInstance, 1).second) pInstance->Handle.pSystem = HostServices::SystemOperations();
+  return Store(this, pInstance);
+}
+
+void StandaloneHost::Release(LumbraInstance* pInstance) {
+  {
+    const std::lock_guard Hold(m_Lock);
+    const auto Found = m_Instances.find(pInstance);
+    if (--Found->second != 0) return;
+  }
+  pInstance->pLifecycle->ObjectShutdown(pInstance);
+  pInstance->pLifecycle->ObjectFree(pInstance);
+  const std::lock_guard Hold(m_Lock);
+  m_Instances.erase(pInstance);
+}
+
+void StandaloneHost::SendFlush() {
+  HostServices::SystemOperations()->Send(&m_Root, kFlushMessageClass, kFlushMessageId, nullptr, 0, 0);
+}
+
+}  // namespace lumbra::host

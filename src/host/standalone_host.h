@@ -1,0 +1,139 @@
+// A host of its own: everything that the store expects of the program it is loaded into, so that any program
+// can embed it. The example that comes with the project, examples/embed.cpp, is the shortest complete use.
+//
+// One StandaloneHost lives in a process at a time. It must outlive the Stores it opened. Its functions may be
+// called from any thread once it is set up.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+#include "lumbra/lumbra.h"
+
+namespace lumbra::host {
+
+class StandaloneHost;
+
+// One use of a store instance; ends with ObjectShutdown and ObjectFree, for the shared instance when its last
+// user ends. A Store that holds no instance converts to false.
+class Store {
+ public:
+  Store() = default;
+  Store(Store&& Other) noexcept;
+  Store& operator=(Store&& Other) noexcept;
+  ~Store();
+
+  explicit operator bool() const { return m_pInstance != nullptr; }
+
+  // Opens the store (ObjectInitDone). Properties that concern opening are set before.
+  ResultCode Init();
+
+  // Calls one of the 19 operations: Call(&LumbraOperations::InitDB, 1, 64).
+  template <class... Parameters>
+  ResultCode Call(ResultCode (*LumbraOperations::*pOperation)(HostObject*, Parameters...),
+                  std::type_identity_t<Parameters>... Arguments) const {
+    return (OperationsOf(m_pInstance->Handle).*pOperation)(&m_pInstance->Handle, Arguments...);
+  }
+
+  ResultCode SetNumber(std::uint32_t nPropertyId, std::uint32_t nValue);
+  ResultCode GetNumber(std::uint32_t nPropertyId, std::uint32_t* pnValue) const;
+
+  // propREPORT_FOLDER; without it the host's placeholder "%Report%" names the folder.
+  ResultCode SetReportFolder(std::u16string_view Folder);
+
+  LumbraInstance* Instance() const { return m_pInstance; }
+
+ private:
+  friend class StandaloneHost;
+  Store(StandaloneHost* pHost, LumbraInstance* pInstance) : m_pHost(pHost), m_pInstance(pInstance) {}
+
+  StandaloneHost* m_pHost = nullptr;
+  LumbraInstance* m_pInstance = nullptr;
+};
+
+// A container that an operation fills with lists of ids.
+class IdContainer {
+ public:
+  IdContainer();
+  IdContainer(const IdContainer&) = delete;
+  IdContainer& operator=(const IdContainer&) = delete;
+
+  HostObject* Handle() { return &m_Handle; }
+  const std::vector<std::uint64_t>& List() const { return m_List; }
+  void Clear() { m_List.clear(); }
+
+ private:
+  static ResultCode Append(HostObject* pContainer, std::uint32_t nList, std::uint64_t nValue);
+  static const HostContainerOperations kOperations;
+
+  HostObject m_Handle;  // first, so that the handle leads to its container
+  std::vector<std::uint64_t> m_List;
+};
+
+class StandaloneHost {
+ public:
+  using TraceCallback = std::function<void(std::uint32_t nLevel, std::string_view Line)>;
+  using ModuleEntry = int (*)(void* pRoot, std::uint32_t nReason, void* pError);
+
+  // Loads the module. LoadResult tells how that went; without success no store can be opened.
+  explicit StandaloneHost(ModuleEntry pEntry = &LumbraModuleEntry);
+  ~StandaloneHost();
+  StandaloneHost(const StandaloneHost&) = delete;
+  StandaloneHost& operator=(const StandaloneHost&) = delete;
+
+  ResultCode LoadResult() const { return m_nLoadResult; }
+
+  // Gives a placeholder ("%Report%", "%LumbraCheckData%", "%host%") its value.
+  void SetPlaceholder(std::u16string_view Placeholder, std::u16string_view Value);
+
+  // Sends the trace lines up to a level (300 failures ... 600 every detail; 0 none) to a file that stays
+  // open, to a file that is created, or to a callback, which must bear calls from any thread, one at a time.
+  // A line that the level drops is not formatted.
+  void TraceToStream(std::uint32_t nLevel, std::FILE* pStream);
+  bool TraceToFile(std::uint32_t nLevel, const std::string& Path);
+  void TraceToCallback(std::uint32_t nLevel, TraceCallback Callback);
+
+  // An instance of one of the three interfaces; not initialised yet.
+  Store Create(std::uint32_t nInterfaceId = kSeparateInstance);
+
+  // Makes every initialised instance flush its databases to the disk.
+  void SendFlush();
+
+ private:
+  friend class Store;
+  friend struct HostServices;  // the functions behind the tables
+
+  void Release(LumbraInstance* pInstance);
+  void WriteLine(std::uint32_t nLevel, const char* pFormat, std::va_list Arguments);
+
+  struct Handler {
+    std::uint32_t nClass;
+    HostObject* pObject;
+  };
+
+  ModuleEntry m_pEntry;
+  HostObject m_Root;
+  ResultCode m_nLoadResult = errOK;
+
+  std::recursive_mutex m_Lock;  // guards what follows, up to the trace
+  std::map<std::uint32_t, HostFactory> m_Factories;
+  std::map<LumbraInstance*, std::uint32_t> m_Instances;  // with their users
+  std::vector<Handler> m_Handlers;
+  std::map<std::u16string, std::u16string> m_Placeholders;
+
+  std::atomic<std::uint32_t> m_nTraceLevel{0};
+  std::mutex m_TraceLock;  // guards the sink, and keeps lines whole
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> m_pTraceFile{nullptr, &std::fclose};
+  TraceCallback m_TraceCallback;
+};
+
+}  // namespace lumbra::host
