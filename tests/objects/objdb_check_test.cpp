@@ -1,0 +1,190 @@
+// The quick check of an object store, and the repair of a tree that lost its newest objects.
+#include <cstring>
+
+#include "objects/objdb_fixture.h"
+
+namespace lumbra::test {
+namespace {
+
+class ObjectDbCheckTest : public ObjectDbTest {
+ protected:
+  // Hashes that all differ in the lowest byte: each has its slot in the root.
+  void CreateMany(std::uint32_t nCount) {
+    for (std::uint32_t i = 0; i < nCount; ++i)
+      ASSERT_NE(0u, Create(0x1000 + i, "object " + std::to_string(i)));
+  }
+
+  // Takes the slots of the newest objects out of the tree, by giving the tree of before they were created
+  // back.
+  void CreateManyAndLoseSlots(std::uint32_t nKept, std::uint32_t nLost) {
+    CreateMany(nKept);
+    Close();
+    const Bytes Tree = ReadFile("bt");
+    ASSERT_CODE(errOK, Open(true));
+    CreateMany(nKept + nLost);
+    Close();
+    WriteFile("bt", Tree);
+    ASSERT_CODE(errOK, Open(true));
+    TakeTrace();
+  }
+
+  using Lines = std::vector<std::string>;
+};
+
+TEST_F(ObjectDbCheckTest, LooksAtNothingWithoutCrcs) {
+  ASSERT_CODE(errOK, Open(false));
+  CreateMany(2);
+  Close();
+  Patch("dt", 5, {'?', '?', '?'});
+  std::filesystem::resize_file(Folder() / "id", FileSize("id") - 1);
+  ASSERT_CODE(errOK, Open(false));
+  TakeTrace();
+  EXPECT_CODE(errOK, m_pDb->FastConsistencyCheck());
+  EXPECT_TRUE(TakeTrace().empty());
+}
+
+TEST_F(ObjectDbCheckTest, PutsALostObjectBack) {
+  ASSERT_CODE(errOK, Open(true));
+  EXPECT_CODE(errOK, m_pDb->FastConsistencyCheck());  // of an empty store
+  CreateManyAndLoseSlots(0, 1);
+  EXPECT_CODE(errOK, m_pDb->FastConsistencyCheck());
+  EXPECT_EQ((Lines{"350 Object 0 - hash not found in BT",
+                   "350 Hash wasn't found for 1 objects, trying to repair BT",
+                   "350 Object 1 - hash not found in BT", "350 BT was repaired, 1 object hashes were added"}),
+            TakeTrace(400));
+  EXPECT_EQ(Id(1), Find(0x1000));
+  EXPECT_CODE(errOK, m_pDb->FastConsistencyCheck());
+  EXPECT_TRUE(TakeTrace(400).empty());
+}
+
+TEST_F(ObjectDbCheckTest, StopsAfterSixObjectsThatAreThere) {
+  ASSERT_CODE(errOK, Open(true));
+  CreateManyAndLoseSlots(97, 3);
+  EXPECT_CODE(errOK, m_pDb->FastConsistencyCheck());
+  EXPECT_EQ(
+      (Lines{"350 Object 98 - hash not found in BT", "350 Object 99 - hash not found in BT",
+             "350 Hash wasn't found for 2 objects, trying to repair BT",
+             "350 Object 100 - hash not found in BT", "350 Object 99 - hash not found in BT",
+             "350 Object 98 - hash not found in BT", "350 BT was repaired, 3 object hashes were added"}),
+      TakeTrace(400));
+  for (std::uint32_t i = 0; i < 100; ++i)
+    EXPECT_EQ(Id(i + 1), Find(0x1000 + i));
+}
+
+// A tree that is gone altogether comes back whole, with splits, from the id records.
+TEST_F(ObjectDbCheckTest, RebuildsALostTree) {
+  ASSERT_CODE(errOK, Open(true));
+  for (std::uint64_t i = 0; i < 500; ++i)
+    ASSERT_NE(0u, Create(i * 0x9E3779B97F4A7C15 | 1, "x"));
+  Close();
+  std::filesystem::remove(Folder() / "bt");
+  ASSERT_CODE(errOK, Open(true));
+  TakeTrace();
+  EXPECT_CODE(errOK, m_pDb->FastConsistencyCheck());
+  EXPECT_EQ("350 BT was repaired, 500 object hashes were added", TakeTrace(400).back());
+  for (std::uint64_t i = 0; i < 500; ++i)
+    ASSERT_EQ(Id(static_cast<std::uint32_t>(i + 1)), Find(i * 0x9E3779B97F4A7C15 | 1));
+}
+
+TEST_F(ObjectDbCheckTest, FindsDamageInTheNewestObjects) {
+  ASSERT_CODE(errOK, Open(true));
+  ASSERT_EQ(Id(1), Create(0x0101, "old"));
+  ASSERT_EQ(Id(2), Create(0x0002, "new"));
+  ASSERT_EQ(Id(3), Create(0x0003, "newest"));
+  ASSERT_CODE(errOK, SetData(Id(3), 1, {'d', 'a', 't', 'a'}));
+  Close();
+  // Names with CRCs at 4 (old), 11 (new) and 18 (newest); its block at 28, its array at 36.
+  const Bytes Data = ReadFile("dt");
+  const Bytes Ids = ReadFile("id");
+  const auto Check = [&](const char* pFile, Bytes Content, std::size_t nOffset, ResultCode nCode,
+                         std::string Line) {
+    WriteFile("dt", Data);
+    WriteFile("id", Ids);
+    if (nOffset < Content.size())
+      Content[nOffset] ^= 1;
+    else
+      Content.pop_back();
+    WriteFile(pFile, Content);
+    ASSERT_CODE(errOK, Open(true));
+    TakeTrace();
+    EXPECT_CODE(nCode, m_pDb->FastConsistencyCheck());
+    const Lines Traced = TakeTrace(400);
+    EXPECT_EQ(Line, Traced.empty() ? "" : Traced.back());
+    Close();
+  };
+  constexpr std::size_t kCutOff = 100000;
+  Check("dt", Data, 5, errOK, "");  // an old object's name: not looked at
+  const std::string kName =
+      "ValidDataCrc(objectEntry.nObjectHash, buffer.Get(), objectEntry.nNameSize, buffer.Get() + "
+      "objectEntry.nNameSize)";
+  Check("dt", Data, 12, errDATA_CORRUPTED, FailedCheck(kName, errDATA_CORRUPTED));
+  Check("dt", Data, 20, errDATA_CORRUPTED, FailedCheck(kName, errDATA_CORRUPTED));
+  Check("dt", Data, 29, errDATA_CORRUPTED,
+        FailedCheck("ValidDataCrc(nObjectId + 1, buffer.Get(), userDataSize, buffer.Get() + userDataSize)",
+                    errDATA_CORRUPTED));
+  Check(
+      "dt", Data, 40, errDATA_CORRUPTED,
+      FailedCheck(
+          "ValidDataCrc(nObjectId + 1, dataEntries, objectEntry.nDataEntriesCount * sizeof(tODB_DATA_ENTRY), "
+          "dataEntries + objectEntry.nDataEntriesCount)",
+          errDATA_CORRUPTED));
+  Check(
+      "dt", Data, kCutOff, errDATA_CORRUPTED,
+      FailedCheck("objectEntry.nDataEntriesOffset + dataEntriesBytesCount <= m_nSizeDT", errDATA_CORRUPTED));
+  Check("id", Ids, kCutOff, errDATA_CORRUPTED,
+        FailedCheck("Succeeded(m_IdDB.FastConsistencyCheck())", errDATA_CORRUPTED));
+  Check("id", Ids, 12 + 33 + 3, errDATA_CORRUPTED,
+        FailedCheck("m_IdDB.GetRecord(nObjectId, &objectEntry, sizeof(tODB_ID_ENTRY), &bytesRead)",
+                    errDATA_CORRUPTED));
+}
+
+TEST_F(ObjectDbCheckTest, FindsTwoRecordsWithOneHash) {
+  ASSERT_CODE(errOK, Open(true));
+  ASSERT_EQ(Id(1), Create(0x0101, "one"));
+  ASSERT_EQ(Id(2), Create(0x0101, "one", true));
+  Close();
+  std::uint32_t nOld = 1;
+  Bytes Slot(4);
+  std::memcpy(Slot.data(), &nOld, 4);
+  // The root slot of both leads to the older one again; the CRC of the root is made to fit.
+  Bytes Tree = ReadFile("bt");
+  std::memcpy(Tree.data() + 16 + 4, Slot.data(), 4);
+  const std::uint32_t nCrc = Crc32(0, Tree.data() + 16, 1024);
+  std::memcpy(Tree.data() + 1040, &nCrc, 4);
+  WriteFile("bt", Tree);
+  ASSERT_CODE(errOK, Open(true));
+  TakeTrace();
+  EXPECT_CODE(errDATA_CORRUPTED, m_pDb->FastConsistencyCheck());
+  EXPECT_EQ((Lines{FailedCheck("MAKE_SHORT_OBJECT_ID(idFromBt) == nObjectId + 1", errDATA_CORRUPTED)}),
+            TakeTrace(400));
+}
+
+// Objects without a name have no name block that could be damaged.
+TEST_F(ObjectDbCheckTest, AcceptsAnonymousObjects) {
+  ASSERT_CODE(errOK, Open(true));
+  ASSERT_EQ(Id(1), Create(0x0101, "one"));
+  tObjectId id = 0;
+  ASSERT_CODE(errOK, m_pDb->FindOrCreateObject(0, 0, 0, 0, nullptr, 0, false, &id, nullptr));
+  EXPECT_CODE(errOK, m_pDb->FastConsistencyCheck());
+}
+
+// Feature sets with fewer CRCs are checked as far as they have them.
+TEST_F(ObjectDbCheckTest, ChecksWhatAFeatureSetHas) {
+  for (const char* const pMagic : {"4f444251", "4f444252"}) {
+    Close();
+    for (const char* const pName : {"bt", "id"})
+      std::filesystem::remove(Folder() / pName);
+    WriteFile("dt", FromHex(pMagic));
+    ASSERT_CODE(errOK, Open(true));
+    ASSERT_EQ(Id(1), Create(0x0101, "one"));
+    ASSERT_CODE(errOK, SetData(Id(1), 1, {'d', 'a', 't', 'a'}));
+    EXPECT_CODE(errOK, m_pDb->FastConsistencyCheck());
+    Close();
+    Patch("dt", 8, {'?'});  // the block, after the magic and the name without a CRC
+    ASSERT_CODE(errOK, Open(true));
+    EXPECT_CODE(errDATA_CORRUPTED, m_pDb->FastConsistencyCheck());
+  }
+}
+
+}  // namespace
+}  // namespace lumbra::test

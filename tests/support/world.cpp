@@ -1,0 +1,125 @@
+#include "support/world.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <mutex>
+#include <regex>
+
+#include "host/trace_format.h"
+#include "platform/trace.h"
+#include "support/system_calls.h"
+
+namespace lumbra::test {
+namespace {
+
+std::mutex g_TraceLock;
+std::vector<std::pair<std::uint32_t, std::string>> g_Lines;
+
+ResultCode Capture(HostObject*, std::uint32_t nLevel, const char* pFormat, std::va_list Arguments) {
+  NoteTraceLine(nLevel, host::FormatTraceLine(pFormat, Arguments));
+  return errOK;
+}
+
+std::filesystem::path MakeFolder() {
+  std::string Pattern = (std::filesystem::temp_directory_path() / "lumbra-test-XXXXXX").string();
+  if (mkdtemp(Pattern.data()) == nullptr) throw std::runtime_error("no folder for a test");
+  return Pattern;
+}
+
+}  // namespace
+
+std::string Name(ResultCode nCode) {
+  return host::DescribeCode(nCode);
+}
+
+Bytes FromHex(std::string_view Digits) {
+  Bytes Data;
+  std::string Pair;
+  for (const char c : Digits) {
+    if (c == ' ' || c == '\n') continue;
+    Pair += c;
+    if (Pair.size() < 2) continue;
+    Data.push_back(static_cast<std::uint8_t>(std::stoi(Pair, nullptr, 16)));
+    Pair.clear();
+  }
+  return Data;
+}
+
+std::string ToHex(const Bytes& Data) {
+  std::string Digits;
+  for (const std::uint8_t n : Data) {
+    Digits += "0123456789abcdef"[n >> 4];
+    Digits += "0123456789abcdef"[n & 15];
+  }
+  return Digits;
+}
+
+void NoteTraceLine(std::uint32_t nLevel, std::string_view Line) {
+  if (Line.starts_with("lmb\t")) Line.remove_prefix(4);
+  // Where a check stands moves with the source; that it names a file of the source tree stays.
+  static const std::regex kCheckPlace(R"(, file: src/[a-z_/]+\.cpp, line: \d+\.)");
+  static const std::regex kStepPlace(R"(in \d+ line, file src/[a-z_/]+\.cpp\.)");
+  std::string Text = std::regex_replace(std::string(Line), kCheckPlace, ".");
+  Text = std::regex_replace(Text, kStepPlace, "step.");
+  const std::lock_guard Hold(g_TraceLock);
+  g_Lines.emplace_back(nLevel, Text);
+}
+
+World::World() : m_Folder(MakeFolder()) {
+  ResetSystem();
+  g_Lines.clear();
+  SetTraceSink(&Capture);
+  EXPECT_TRUE(m_Environment.Init(this, m_Folder.u16string().c_str(), FolderContent::Keep, false));
+}
+
+World::~World() {
+  SetTraceSink(nullptr);
+  ResetSystem();
+  std::filesystem::remove_all(m_Folder);
+}
+
+Bytes World::ReadFile(const std::filesystem::path& Name) const {
+  std::ifstream File(m_Folder / Name, std::ios::binary);
+  EXPECT_TRUE(File.is_open()) << Name;
+  return Bytes(std::istreambuf_iterator<char>(File), std::istreambuf_iterator<char>());
+}
+
+void World::WriteFile(const std::filesystem::path& Name, const Bytes& Content) const {
+  std::filesystem::create_directories((m_Folder / Name).parent_path());
+  std::ofstream File(m_Folder / Name, std::ios::binary | std::ios::trunc);
+  File.write(reinterpret_cast<const char*>(Content.data()), static_cast<std::streamsize>(Content.size()));
+}
+
+std::uint64_t World::FileSize(const std::filesystem::path& Name) const {
+  return std::filesystem::file_size(m_Folder / Name);
+}
+
+void World::Patch(const std::filesystem::path& Name, std::size_t nOffset, const Bytes& Content) const {
+  Bytes Whole = ReadFile(Name);
+  ASSERT_LE(nOffset + Content.size(), Whole.size());
+  std::copy(Content.begin(), Content.end(), Whole.begin() + static_cast<std::ptrdiff_t>(nOffset));
+  WriteFile(Name, Whole);
+}
+
+std::unique_ptr<StorageFile> World::OpenFile(const char16_t* pName) {
+  std::unique_ptr<StorageFile> pFile;
+  EXPECT_CODE(errOK, m_Environment.OpenFile(pName, 0, true, true, &pFile));
+  return pFile;
+}
+
+std::vector<std::string> World::TakeTrace() {
+  return TakeTrace(UINT32_MAX);
+}
+
+std::vector<std::string> World::TakeTrace(std::uint32_t nLevel) {
+  const std::lock_guard Hold(g_TraceLock);
+  std::vector<std::string> Lines;
+  for (const auto& [nLineLevel, Line] : g_Lines) {
+    if (nLineLevel <= nLevel) Lines.push_back(std::to_string(nLineLevel) + ' ' + Line);
+  }
+  g_Lines.clear();
+  return Lines;
+}
+
+}  // namespace lumbra::test

@@ -1,0 +1,69 @@
+// The world of a test: a fresh folder, the trace lines that were written, and the boundary to the system
+// reset.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "lumbra/result_code.h"
+#include "platform/storage_environment.h"
+#include "platform/storage_file.h"
+
+namespace lumbra::test {
+
+using Bytes = std::vector<std::uint8_t>;
+
+// A code by its name, so that a failed comparison reads well.
+std::string Name(ResultCode nCode);
+
+#define EXPECT_CODE(expected, actual) EXPECT_EQ(::lumbra::test::Name(expected), ::lumbra::test::Name(actual))
+#define ASSERT_CODE(expected, actual) ASSERT_EQ(::lumbra::test::Name(expected), ::lumbra::test::Name(actual))
+
+// Bytes from the digits of a hex dump; blanks do not count.
+Bytes FromHex(std::string_view Digits);
+std::string ToHex(const Bytes& Data);
+
+class World : public ::testing::Test, public StorageOwner {
+ protected:
+  World();
+  ~World() override;
+
+  bool ExactFileSizes() override { return m_bExactSizes; }
+
+  const std::filesystem::path& Folder() const { return m_Folder; }
+  std::u16string WideFolder() const { return m_Folder.u16string(); }
+
+  Bytes ReadFile(const std::filesystem::path& Name) const;
+  void WriteFile(const std::filesystem::path& Name, const Bytes& Content) const;
+  std::uint64_t FileSize(const std::filesystem::path& Name) const;
+  // Changes bytes in place, from an offset on.
+  void Patch(const std::filesystem::path& Name, std::size_t nOffset, const Bytes& Content) const;
+
+  // Opens a file of the folder for reading and writing, creating it where it is missing.
+  std::unique_ptr<StorageFile> OpenFile(const char16_t* pName);
+
+  // The lines that were traced since the last call, "LEVEL text", without the "lmb\t" in front and without
+  // the place of a failed check in the source.
+  std::vector<std::string> TakeTrace();
+
+  // What was traced at a level up to nLevel since the last call.
+  std::vector<std::string> TakeTrace(std::uint32_t nLevel);
+
+  StorageEnvironment m_Environment;  // on the folder
+  bool m_bExactSizes = false;
+
+ private:
+  std::filesystem::path m_Folder;
+};
+
+// Adds a line to what TakeTrace gives; for tests whose lines come through a host.
+void NoteTraceLine(std::uint32_t nLevel, std::string_view Line);
+
+}  // namespace lumbra::test
