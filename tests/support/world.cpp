@@ -4,7 +4,6 @@
 #include <fstream>
 #include <iterator>
 #include <mutex>
-#include <regex>
 
 #include "host/trace_format.h"
 #include "platform/trace.h"
@@ -57,11 +56,13 @@ std::string ToHex(const Bytes& Data) {
 
 void NoteTraceLine(std::uint32_t nLevel, std::string_view Line) {
   if (Line.starts_with("lmb\t")) Line.remove_prefix(4);
+  std::string Text(Line);
   // Where a check stands moves with the source; that it names a file of the source tree stays.
-  static const std::regex kCheckPlace(R"(, file: src/[a-z_/]+\.cpp, line: \d+\.)");
-  static const std::regex kStepPlace(R"(in \d+ line, file src/[a-z_/]+\.cpp\.)");
-  std::string Text = std::regex_replace(std::string(Line), kCheckPlace, ".");
-  Text = std::regex_replace(Text, kStepPlace, "step.");
+  for (const auto& [pFrom, pBy] : {std::pair{", file: src/", ""}, {"Failed in ", "Failed step"}}) {
+    const std::size_t nFrom = Text.find(pFrom);
+    const std::size_t nTo = Text.find(". Err: ");
+    if (nFrom != std::string::npos && nTo != std::string::npos) Text.replace(nFrom, nTo - nFrom, pBy);
+  }
   const std::lock_guard Hold(g_TraceLock);
   g_Lines.emplace_back(nLevel, Text);
 }

@@ -1,0 +1,21 @@
+// Times of events: FILETIME values (100 ns since 1601-01-01 UTC), shown and read as RFC 3339.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace lumbra::tool {
+
+std::uint64_t Now();
+
+// From a time since 1970; what lies before 1601 becomes 0.
+std::uint64_t FileTimeOf(std::int64_t nSeconds, std::int64_t nNanoseconds);
+
+// "2026-11-24T13:34:00.1234567Z"
+std::string FormatTime(std::uint64_t nFileTime);
+
+// "2026-11-24T13:34:00Z", with a fraction, or with an offset; nothing for any other text.
+std::optional<std::uint64_t> ParseTime(const std::string& Text);
+
+}  // namespace lumbra::tool

@@ -1,0 +1,55 @@
+#include "failure.h"
+
+#include "host/trace_format.h"
+
+namespace lumbra::tool {
+namespace {
+
+const char* MeaningOf(ResultCode nCode) {
+  switch (nCode) {
+    case errSHARING_VIOLATION:
+      return "another process holds the store; try again when it is done";
+    case errOPEN_FAILED:
+      return "the files cannot be opened or created; see --trace 300 for the step that failed";
+    case errOBJECT_NOT_FOUND:
+    case errFILE_NOT_FOUND:
+    case errPATH_NOT_FOUND:
+      return "there is no such thing";
+    case errACCESS_DENIED:
+      return "the file system does not let you do this";
+    case errOUT_OF_SPACE:
+      return "the disk, or what the store can number, is full";
+    case errWRITE_FAILED:
+      return "a write failed; is the disk full? What was recorded before is safe";
+    case errREAD_FAILED:
+      return "the disk did not deliver what was written";
+    case errDATA_CORRUPTED:
+      return "stored data is damaged; the rest of the store can still be read";
+    case errINDEX_INVALID:
+      return "the store holds 207 named databases already, and no more than that";
+    case errSIZE_INVALID:
+      return "the name is too long";
+    case errUNSPECIFIED:
+    case errHASH_ZERO:
+      return "the name has nothing in it that can be recorded";
+    case errOUT_OF_MEMORY:
+      return "there is not enough memory";
+    case errREAD_ONLY:
+      return "the store takes no writes at the moment";
+    default:
+      return "an unexpected answer of the store; --trace 500 shows what led to it";
+  }
+}
+
+}  // namespace
+
+Failure::Failure(const std::string& What, ResultCode nCode) : Failure(What, nCode, MeaningOf(nCode)) {}
+
+Failure::Failure(const std::string& What, ResultCode nCode, const std::string& Meaning)
+    : std::runtime_error(What + ": " + host::DescribeCode(nCode) + ": " + Meaning) {}
+
+void Check(ResultCode nCode, const std::string& What) {
+  if (Failed(nCode)) throw Failure(What, nCode);
+}
+
+}  // namespace lumbra::tool

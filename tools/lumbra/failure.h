@@ -1,0 +1,21 @@
+// What ends a command: one line that says what failed, with which code, and what that means for the user.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+#include "lumbra/result_code.h"
+
+namespace lumbra::tool {
+
+// "what failed: errNAME (0x...): what it means for the user"
+class Failure : public std::runtime_error {
+ public:
+  Failure(const std::string& What, ResultCode nCode);
+  Failure(const std::string& What, ResultCode nCode, const std::string& Meaning);
+};
+
+// Throws a Failure for a failing code.
+void Check(ResultCode nCode, const std::string& What);
+
+}  // namespace lumbra::tool

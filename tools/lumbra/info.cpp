@@ -1,0 +1,82 @@
+// lumbra info: every database of a store.
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+#include "commands.h"
+#include "event_time.h"
+#include "failure.h"
+
+namespace lumbra::tool {
+namespace {
+
+struct DatabaseInfo {
+  std::uint32_t nId;
+  DatabaseName Name;
+  std::uint32_t nEventSize;
+  std::uint32_t nRecords;
+  std::uint64_t nBytes;
+  std::size_t nSegments;
+  std::uint64_t nOldest;  // FILETIME, 0 without a segment
+};
+
+DatabaseInfo Describe(Session& Store, const DatabaseName& Database) {
+  DatabaseInfo Info{};
+  Info.Name = Database;
+  Info.nId = Store.OpenDatabase(Database, Missing::Refuse);
+  const DatabaseFiles Files = *Store.Files().Read(Database);
+  Info.nEventSize = Files.nEventSize;
+  Info.nSegments = Files.Segments.size();
+  Check(Store.Call(&LumbraOperations::GetDBInfo, Info.nId, &Info.nRecords, &Info.nBytes, &Info.nOldest),
+        "describe " + Database.Describe());
+  return Info;
+}
+
+void PrintJson(const Session& Store, const std::vector<DatabaseInfo>& Databases) {
+  nlohmann::ordered_json Listed = nlohmann::ordered_json::array();
+  for (const DatabaseInfo& Info : Databases) {
+    nlohmann::ordered_json One = {{"id", Info.nId}, {"name", nullptr}, {"folder", Info.Name.Folder()}};
+    if (!Info.Name.Number) One["name"] = Info.Name.Name;
+    One["event_size"] = Info.nEventSize;
+    One["records"] = Info.nRecords;
+    One["bytes"] = Info.nBytes;
+    One["segments"] = Info.nSegments;
+    One["oldest"] = nullptr;
+    if (Info.nOldest != 0) One["oldest"] = FormatTime(Info.nOldest);
+    Listed.push_back(One);
+  }
+  const nlohmann::ordered_json All = {
+      {"store", Store.Files().Folder().string()}, {"corrupted", Store.IsCorrupted()}, {"databases", Listed}};
+  std::puts(All.dump().c_str());
+}
+
+void PrintText(const Session& Store, const std::vector<DatabaseInfo>& Databases) {
+  std::printf("%s%s\n\n", Store.Files().Folder().c_str(), Store.IsCorrupted() ? "  (marked corrupted)" : "");
+  std::printf("%3s  %-16s  %-16s  %10s  %10s  %14s  %8s  %s\n", "id", "name", "folder", "event size",
+              "records", "bytes", "segments", "oldest segment");
+  for (const DatabaseInfo& Info : Databases) {
+    std::printf("%3u  %-16s  %-16s  %10u  %10u  %14llu  %8zu  %s\n", Info.nId,
+                Info.Name.Number ? "-" : Info.Name.Name.c_str(), Info.Name.Folder().c_str(), Info.nEventSize,
+                Info.nRecords, static_cast<unsigned long long>(Info.nBytes), Info.nSegments,
+                Info.nOldest != 0 ? FormatTime(Info.nOldest).c_str() : "-");
+  }
+}
+
+}  // namespace
+
+int Info(const CommonOptions& Common, bool bJson) {
+  Session Store(Common, Missing::Refuse);
+  std::vector<DatabaseInfo> Databases;
+  int nStatus = kExitOk;
+  for (const DatabaseName& Database : Store.Files().Databases()) {
+    try {
+      Databases.push_back(Describe(Store, Database));
+    } catch (const Failure& Reason) {  // one that cannot be opened does not hide the others
+      std::fprintf(stderr, "lumbra: %s\n", Reason.what());
+      nStatus = kExitFailed;
+    }
+  }
+  bJson ? PrintJson(Store, Databases) : PrintText(Store, Databases);
+  return nStatus;
+}
+
+}  // namespace lumbra::tool

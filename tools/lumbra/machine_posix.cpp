@@ -1,0 +1,71 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstring>
+
+#include "event_time.h"
+#include "machine.h"
+
+namespace lumbra::tool {
+namespace {
+
+volatile std::sig_atomic_t g_bInterrupted = 0;
+
+EntryKind KindOf(mode_t nMode) {
+  if (S_ISREG(nMode)) return EntryKind::File;
+  if (S_ISDIR(nMode)) return EntryKind::Folder;
+  return S_ISLNK(nMode) ? EntryKind::Link : EntryKind::Other;
+}
+
+}  // namespace
+
+std::string MachineName() {
+  char Name[HOST_NAME_MAX + 1] = {};
+  return gethostname(Name, sizeof(Name) - 1) == 0 ? Name : "localhost";
+}
+
+bool ErrorsGoToTerminal() {
+  return isatty(STDERR_FILENO) != 0;
+}
+
+void WatchForInterrupt() {
+  struct sigaction Action {};
+  Action.sa_handler = [](int) {
+    g_bInterrupted = 1;
+  };
+  // Without SA_RESTART: a read that waits for input ends.
+  sigaction(SIGINT, &Action, nullptr);
+  sigaction(SIGTERM, &Action, nullptr);
+}
+
+bool Interrupted() {
+  return g_bInterrupted != 0;
+}
+
+bool IsHeld(const std::filesystem::path& File) {
+  const int nDescriptor = open(File.c_str(), O_RDONLY | O_CLOEXEC);
+  if (nDescriptor < 0) return false;
+  const bool bHeld = flock(nDescriptor, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  close(nDescriptor);
+  return bHeld;
+}
+
+bool Look(const std::filesystem::path& Path, Entry* pEntry, std::string* pReason) {
+  struct stat Status {};
+  if (lstat(Path.c_str(), &Status) != 0) {
+    *pReason = std::strerror(errno);
+    return false;
+  }
+  pEntry->Kind = KindOf(Status.st_mode);
+  pEntry->nSize = static_cast<std::uint64_t>(Status.st_size);
+  pEntry->nModified = FileTimeOf(Status.st_mtim.tv_sec, Status.st_mtim.tv_nsec);
+  return true;
+}
+
+}  // namespace lumbra::tool

@@ -1,0 +1,116 @@
+// lumbra scan: one event for each entry of real folders.
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+
+#include "commands.h"
+#include "failure.h"
+#include "host/text.h"
+#include "machine.h"
+#include "recorder.h"
+
+namespace lumbra::tool {
+namespace {
+
+namespace fs = std::filesystem;
+
+class Scanner {
+ public:
+  explicit Scanner(Recorder* pRecorder) : m_pRecorder(pRecorder), m_bShowsProgress(ErrorsGoToTerminal()) {}
+
+  // Walks an entry and what is below it, in the order of names. Links are not followed.
+  void Walk(const fs::path& Top) {
+    std::vector<fs::path> Pending{Top};
+    while (!Pending.empty() && !Interrupted()) {
+      const fs::path Path = std::move(Pending.back());
+      Pending.pop_back();
+      Entry Found{};
+      std::string Reason;
+      if (!Look(Path, &Found, &Reason)) {
+        Report(Path, Reason);
+        continue;
+      }
+      RecordEntry(Path, Found);
+      if (Found.Kind == EntryKind::Folder) ListInto(&Pending, Path);
+    }
+  }
+
+  std::uint64_t Unreadable() const { return m_nUnreadable; }
+
+  void EndProgress() const {
+    if (m_bShowsProgress) std::fputs("\r\033[K", stderr);
+  }
+
+ private:
+  void ListInto(std::vector<fs::path>* pPending, const fs::path& Folder) {
+    const std::size_t nBefore = pPending->size();
+    std::error_code Refused;
+    fs::directory_iterator Listing(Folder, Refused);
+    for (; !Refused && Listing != fs::directory_iterator(); Listing.increment(Refused)) {
+      pPending->push_back(Listing->path());
+    }
+    if (Refused) Report(Folder, Refused.message());
+    std::sort(pPending->begin() + static_cast<std::ptrdiff_t>(nBefore), pPending->end(), std::greater<>());
+  }
+
+  void RecordEntry(const fs::path& Path, const Entry& Found) {
+    const std::string Name = Path.string();
+    if (host::ToUtf8(host::ToUtf16(Name)) != Name)
+      Warn(Path, "its name is not UTF-8 and is recorded with U+FFFD");
+    const std::uint32_t nType = Found.Kind == EntryKind::Folder ? typeFolder : typeFile;
+    const Event Recorded{Found.nModified, 0, Found.nSize, static_cast<std::uint32_t>(Found.Kind), 0};
+    std::string Reason;
+    if (!m_pRecorder->Record(Recorded, nType, Name, &Reason)) Report(Path, Reason);
+    if (m_bShowsProgress && m_pRecorder->Count() % 1000 == 0) {
+      std::fprintf(stderr, "\r%llu events", static_cast<unsigned long long>(m_pRecorder->Count()));
+    }
+  }
+
+  void Report(const fs::path& Path, const std::string& Reason) {
+    ++m_nUnreadable;
+    Warn(Path, Reason);
+  }
+
+  void Warn(const fs::path& Path, const std::string& Reason) const {
+    EndProgress();
+    std::fprintf(stderr, "lumbra: %s: %s\n", Path.c_str(), Reason.c_str());
+  }
+
+  Recorder* m_pRecorder;
+  bool m_bShowsProgress;
+  std::uint64_t m_nUnreadable = 0;
+};
+
+// The full path, without a separator at its end.
+fs::path FullPath(const std::string& Path) {
+  const fs::path Full = fs::absolute(Path).lexically_normal();
+  return Full.has_filename() || Full == Full.root_path() ? Full : Full.parent_path();
+}
+
+}  // namespace
+
+int Scan(const CommonOptions& Common, const ScanOptions& Options) {
+  Session Store(Common, Missing::Create);
+  const std::uint32_t nDatabase = Store.OpenEventDatabase(Options.Database, Missing::Create);
+  Store.SetLimits(nDatabase, Options.Limits);
+  WatchForInterrupt();
+  Recorder Records(&Store, nDatabase);
+  Scanner Walker(&Records);
+  try {
+    for (const std::string& Path : Options.Paths)
+      Walker.Walk(FullPath(Path));
+  } catch (const Failure&) {
+    Walker.EndProgress();
+    Records.PrintSummary();
+    throw;
+  }
+  Walker.EndProgress();
+  if (Walker.Unreadable() != 0) {
+    std::fprintf(stderr, "lumbra: %llu entries could not be read\n",
+                 static_cast<unsigned long long>(Walker.Unreadable()));
+  }
+  Records.PrintSummary();
+  return Interrupted() ? kExitInterrupted : kExitOk;
+}
+
+}  // namespace lumbra::tool

@@ -1,0 +1,124 @@
+#include "store_files.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+
+#include "host/text.h"
+#include "lumbra/lumbra.h"
+#include "machine.h"
+
+namespace lumbra::tool {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t kMaxNameLength = 63;  // UTF-16 units
+constexpr std::uint64_t kEventFileHeader = 12;
+
+std::string FormatHex(const char* pFormat, std::uint32_t nValue) {
+  char Text[32];
+  std::snprintf(Text, sizeof(Text), pFormat, nValue);
+  return Text;
+}
+
+// The number of the database whose folder has this name, in upper or lower case.
+std::optional<std::uint32_t> NumberOfFolder(const std::string& Name) {
+  if (Name.size() != 2 || Name.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) return {};
+  const auto nNumber = static_cast<std::uint32_t>(std::stoul(Name, nullptr, 16));
+  return nNumber < kFirstNamedDatabase ? std::optional(nNumber) : std::nullopt;
+}
+
+bool IsSeparatorOrControl(char c) {
+  return c == '/' || c == '\\' || (c >= 0 && c < 0x20) || c == 0x7F;
+}
+
+}  // namespace
+
+std::string DatabaseName::Folder() const {
+  return Number ? FormatHex("%02X", *Number) : Name;
+}
+
+std::string DatabaseName::Describe() const {
+  return "database " + (Number ? std::to_string(*Number) : '"' + Name + '"');
+}
+
+std::optional<DatabaseName> ParseDatabaseName(const std::string& Text, std::string* pReason) {
+  const auto Refuse = [pReason](const char* pWhy) {
+    *pReason = pWhy;
+    return std::nullopt;
+  };
+  if (Text.empty()) return Refuse("a database has a number or a name");
+  if (Text.find_first_not_of("0123456789") == std::string::npos) {
+    const unsigned long nNumber = Text.size() > 4 ? 0 : std::stoul(Text);
+    if (nNumber < 1 || nNumber >= kFirstNamedDatabase) return Refuse("numbered databases are 1 to 47");
+    return DatabaseName{static_cast<std::uint32_t>(nNumber), {}};
+  }
+  if (Text == "." || Text == "..") return Refuse("a name must not be . or ..");
+  if (std::any_of(Text.begin(), Text.end(), IsSeparatorOrControl)) {
+    return Refuse("a name must not hold a separator or a control character");
+  }
+  if (NumberOfFolder(Text)) return Refuse("the folder of that name belongs to a numbered database");
+  const std::u16string Wide = host::ToUtf16(Text);
+  if (host::ToUtf8(Wide) != Text) return Refuse("a name must be UTF-8");
+  if (Wide.size() > kMaxNameLength) return Refuse("a name has at most 63 characters");
+  return DatabaseName{{}, Text};
+}
+
+bool StoreFiles::Exists() const {
+  return fs::exists(m_Folder / "g_objid.dat");
+}
+
+bool StoreFiles::IsHeldByAnotherProcess() const {
+  return IsHeld(m_Folder / "g_objid.dat");
+}
+
+bool StoreFiles::Has(const DatabaseName& Database) const {
+  return fs::exists(m_Folder / Database.Folder() / "segments.dat");
+}
+
+std::optional<DatabaseFiles> StoreFiles::Read(const DatabaseName& Database) const {
+  struct {
+    char Magic[4];
+    std::uint32_t nFirstSegment;
+    std::uint32_t nEventSize;
+  } Header{};
+  static_assert(sizeof(Header) == 12);
+  const fs::path Folder = m_Folder / Database.Folder();
+  std::ifstream File(Folder / "segments.dat", std::ios::binary);
+  if (!File.read(reinterpret_cast<char*>(&Header), sizeof(Header))) return {};
+  if (std::memcmp(Header.Magic, "SDBH", 4) != 0 || Header.nEventSize == 0) return {};
+
+  DatabaseFiles Found{Header.nEventSize, {}};
+  if (Header.nFirstSegment == 0) return Found;
+  for (std::uint32_t nNumber = Header.nFirstSegment;; ++nNumber) {
+    std::error_code Missing;
+    const std::uint64_t nSize = fs::file_size(Folder / FormatHex("%08X_events.dat", nNumber), Missing);
+    if (Missing) return Found;
+    const std::uint64_t nBytes = nSize < kEventFileHeader ? 0 : nSize - kEventFileHeader;
+    Found.Segments.push_back({nNumber, nBytes / Header.nEventSize});
+  }
+}
+
+std::vector<DatabaseName> StoreFiles::Databases() const {
+  std::vector<DatabaseName> Numbered;
+  std::vector<DatabaseName> Named;
+  for (const fs::directory_entry& Entry : fs::directory_iterator(m_Folder)) {
+    const std::string Name = Entry.path().filename().string();
+    if (!Entry.is_directory() || !fs::exists(Entry.path() / "segments.dat")) continue;
+    const std::optional<std::uint32_t> Number = NumberOfFolder(Name);
+    if (Number && FormatHex("%02X", *Number) == Name) {
+      Numbered.push_back({Number, {}});
+    } else {
+      Named.push_back({{}, Name});
+    }
+  }
+  std::sort(Numbered.begin(), Numbered.end(),
+            [](const auto& a, const auto& b) { return a.Number < b.Number; });
+  std::sort(Named.begin(), Named.end(), [](const auto& a, const auto& b) { return a.Name < b.Name; });
+  Numbered.insert(Numbered.end(), Named.begin(), Named.end());
+  return Numbered;
+}
+
+}  // namespace lumbra::tool

@@ -1,0 +1,56 @@
+// What the tool reads of a store's folder by itself: which databases there are, their event sizes and
+// segments. A database must be opened with the event size that it has: with another one it would start anew.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace lumbra::tool {
+
+// A database as the user names it: by number (1 to 47; 0 is the system database) or by name.
+struct DatabaseName {
+  std::optional<std::uint32_t> Number;
+  std::string Name;  // UTF-8; empty for a numbered one
+
+  std::string Folder() const;    // within the store
+  std::string Describe() const;  // for messages
+};
+
+// Reads "--db"; nothing, with the reason, for what names no database.
+std::optional<DatabaseName> ParseDatabaseName(const std::string& Text, std::string* pReason);
+
+struct SegmentFile {
+  std::uint32_t nNumber;
+  std::uint64_t nEvents;
+};
+
+struct DatabaseFiles {
+  std::uint32_t nEventSize = 0;
+  std::vector<SegmentFile> Segments;  // oldest first
+};
+
+class StoreFiles {
+ public:
+  explicit StoreFiles(std::filesystem::path Folder) : m_Folder(std::move(Folder)) {}
+
+  const std::filesystem::path& Folder() const { return m_Folder; }
+  bool Exists() const;
+  bool IsHeldByAnotherProcess() const;
+
+  // Whether the database has a "segments.dat".
+  bool Has(const DatabaseName& Database) const;
+
+  // Reads the header of a database that is there, and lists its segments; nothing when the header is damaged.
+  std::optional<DatabaseFiles> Read(const DatabaseName& Database) const;
+
+  // Every database of the store, the numbered ones first.
+  std::vector<DatabaseName> Databases() const;
+
+ private:
+  std::filesystem::path m_Folder;
+};
+
+}  // namespace lumbra::tool
