@@ -36,6 +36,14 @@ ResultCode Segment::Init(StorageEnvironment* pEnv, std::uint32_t nEventSize, Fil
   return Open();
 }
 
+bool Segment::IsUnfinished() {
+  const auto IsMissing = [this](const char16_t* pName) {
+    std::uint64_t nSize = 0;
+    return m_pEnv->GetFileSize(pName, m_nNumber, &nSize) == errNOT_FOUND;
+  };
+  return IsMissing(u"objbt.dat") || IsMissing(u"objid.dat") || IsMissing(u"objdt.dat");
+}
+
 // ---- Opening
 // -----------------------------------------------------------------------------------------------
 

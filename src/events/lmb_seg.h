@@ -36,6 +36,9 @@ class Segment {
   ResultCode Init(StorageEnvironment* pEnv, std::uint32_t nEventSize, Files Which, std::uint32_t nNumber,
                   ObjectDB* pGlobalObjects);
 
+  // Whether a crash ended the creation of an existing segment: its object store lacks files.
+  bool IsUnfinished();
+
   // Opens the files; errOK when they are open. A segment whose object store cannot be opened is deleted:
   // events without their names are worth nothing.
   ResultCode Open();

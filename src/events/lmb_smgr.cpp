@@ -76,7 +76,19 @@ ResultCode SegmentManager::ListSegments() {
     const ResultCode nAppended = AppendEntry(std::move(pSegment), nEvents);
     if (Failed(nAppended)) return nAppended;
   }
+  LeaveOutUnfinished();
   return errOK;
+}
+
+// A newest segment without events whose creation a crash cut short could not be opened, and no event could be
+// added until the next start. Its number is taken again instead, and what there is of it deleted.
+void SegmentManager::LeaveOutUnfinished() {
+  if (m_Segments.empty()) return;
+  const tSEGMENT_ENTRY& Newest = m_Segments.back();
+  if (Newest.nEventCount != 0 || !Newest.pSegment->IsUnfinished()) return;
+  m_nTotalSize -= Newest.nDataSize;
+  m_nNextNumber = Newest.nNumber;
+  m_Segments.pop_back();
 }
 
 ResultCode SegmentManager::Clear() {

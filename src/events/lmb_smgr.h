@@ -140,6 +140,7 @@ class SegmentManager {
   ResultCode OpenChain(std::uint32_t nEventSize);
   ResultCode OpenHeader(std::uint32_t nEventSize);
   ResultCode ListSegments();
+  void LeaveOutUnfinished();
   ResultCode NewSegment();
   ResultCode AppendEntry(std::unique_ptr<Segment> pSegment, std::uint64_t nEvents);
   std::unique_ptr<Segment> MakeSegment() const;

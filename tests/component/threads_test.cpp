@@ -1,0 +1,100 @@
+// Many threads on one instance, doing everything at once. What each was promised is there in the end; the
+// thread sanitizer looks for the rest.
+#include <atomic>
+#include <functional>
+#include <thread>
+
+#include "component/component_fixture.h"
+
+namespace lumbra::test {
+namespace {
+
+class ThreadsTest : public ComponentTest {};
+
+TEST_F(ThreadsTest, DoEverythingAtOnce) {
+  m_Host->TraceToCallback(300, &NoteTraceLine);
+  ASSERT_CODE(errOK, Open());
+  ASSERT_CODE(errOK, Call(&Ops::InitDB, 1, 16));
+  ASSERT_CODE(errOK, Call(&Ops::SetDBParams, 1, limitSegmentEvents, 50));
+  const std::uint32_t nNamed = OpenNamed(u"named");
+  std::atomic<std::uint32_t> nAdded{0};
+  std::atomic<std::uint32_t> nAddedNamed{0};
+  std::atomic<bool> bStrange{false};
+  const auto Expect = [&bStrange](bool bGood) {
+    if (!bGood) bStrange = true;
+  };
+  constexpr std::uint64_t kRounds = 300;
+
+  const auto AddTo = [&](std::uint32_t nDb, std::atomic<std::uint32_t>* pnCount) {
+    const Event Added{1, 0};
+    const ResultCode nCode = Call(&Ops::AddEvent, nDb, &Added, sizeof(Added), nullptr);
+    if (nCode == errOK) ++*pnCount;
+    Expect(nCode == errOK || nCode == errREAD_ONLY);
+  };
+  const std::function<void(std::uint64_t)> kWork[] = {
+      [&](std::uint64_t) { AddTo(1, &nAdded); },
+      [&](std::uint64_t) { AddTo(nNamed, &nAddedNamed); },
+      [&](std::uint64_t i) {
+        Event Read[20];
+        std::uint32_t nRead = 0;
+        Call(&Ops::GetEvents, i % 2 == 0 ? 1 : nNamed, i, Read, sizeof(Read), 20, &nRead, nullptr);
+        Expect(nRead <= 20);
+      },
+      [&](std::uint64_t i) {
+        std::uint64_t nId = 0;
+        const std::u16string Path = u"C:\\shared\\" + std::u16string(1, static_cast<char16_t>(u'a' + i % 26));
+        const std::uint32_t nDb = i % 3 == 0 ? 0 : i % 3 == 1 ? 1 : nNamed;
+        const ResultCode nCode =
+            Call(&Ops::FindObject, nDb, typeFile, Path.c_str(), kZeroTerminated, 1, 0, 0, &nId);
+        Expect(nCode == errOK || nCode == errREAD_ONLY);
+        char16_t Text[100] = {};
+        if (nCode == errOK)
+          Expect(Call(&Ops::GetObjectName, nId, Text, sizeof(Text), nullptr, 0, nullptr) == errOK &&
+                 Path == Text);
+      },
+      [&](std::uint64_t i) {
+        if (i % 10 == 0) m_Host->SendFlush();
+        std::uint32_t nRecords = 0;
+        Expect(Call(&Ops::GetDBInfo, i % 2 == 0 ? kAllDatabases : 1, &nRecords, nullptr, nullptr) == errOK);
+      },
+      [&](std::uint64_t i) {
+        m_Store.SetNumber(propWRITES_SUSPENDED, i % 2);
+        if (i + 1 == kRounds) m_Store.SetNumber(propWRITES_SUSPENDED, 0);
+      },
+      [&](std::uint64_t i) {
+        Call(&Ops::InitDB, static_cast<std::uint32_t>(2 + i % 40), 16);
+        std::uint32_t nDb = 0;
+        const std::u16string NewName(1, static_cast<char16_t>(u'a' + i % 20));
+        Call(&Ops::InitDBByName, NewName.c_str(), 16, &nDb);
+        Call(&Ops::ClearDB, static_cast<std::uint32_t>(2 + i % 40));
+        Call(&Ops::SetDBParams, 1, limitSegmentSize, 1000000 + i);
+      },
+      [&](std::uint64_t i) {
+        if (i % 10 != 0) return;
+        host::Store Other = m_Host->Create();  // comes and goes, and shares the object store with the first
+        Expect(Other.SetReportFolder(WideFolder() + u"/other") == errOK && Other.Init() == errOK);
+        std::uint64_t nId = 0;
+        const char16_t* const pName = u"C:\\shared\\a";
+        Expect(Other.Call(&Ops::FindObject, 0, typeFile, pName, kZeroTerminated, 1, 0, 0, &nId) == errOK);
+      },
+  };
+  std::vector<std::thread> Threads;
+  for (const auto& Work : kWork) {
+    Threads.emplace_back([&Work] {
+      for (std::uint64_t i = 0; i < kRounds; ++i)
+        Work(i);
+    });
+  }
+  for (std::thread& One : Threads)
+    One.join();
+  EXPECT_FALSE(bStrange);
+  std::uint32_t nRecords = 0;
+  EXPECT_CODE(errOK, Call(&Ops::GetDBInfo, 1, &nRecords, nullptr, nullptr));
+  EXPECT_EQ(nAdded, nRecords);
+  EXPECT_CODE(errOK, Call(&Ops::GetDBInfo, nNamed, &nRecords, nullptr, nullptr));
+  EXPECT_EQ(nAddedNamed, nRecords);
+  EXPECT_LT(0u, nRecords);
+}
+
+}  // namespace
+}  // namespace lumbra::test

@@ -1,0 +1,233 @@
+// The command-line tool, run as a user runs it.
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "support/world.h"
+
+namespace lumbra::test {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using Strings = std::vector<std::string>;
+
+class ToolTest : public World {
+ protected:
+  // Runs the tool on the test's store; what it wrote to standard output.
+  std::string Run(const std::string& Arguments, int nStatus = 0, const std::string& Input = "") {
+    std::ofstream(Folder() / "in") << Input;
+    const std::string Command = std::string(LUMBRA_TOOL) + " --store " + (Folder() / "store").string() +
+                                " --host h " + Arguments + " <" + (Folder() / "in").string() + " 2>" +
+                                (Folder() / "err").string();
+    std::FILE* const pPipe = popen(Command.c_str(), "r");
+    std::string Output;
+    for (int c = 0; (c = std::getc(pPipe)) != EOF;)
+      Output += static_cast<char>(c);
+    EXPECT_EQ(nStatus, WEXITSTATUS(pclose(pPipe))) << Arguments << '\n' << Errors();
+    return Output;
+  }
+  std::string Errors() {
+    const Bytes Text = ReadFile("err");
+    return {Text.begin(), Text.end()};
+  }
+
+  std::vector<json> Events(const std::string& Options) {
+    std::istringstream Lines(Run("events --json " + Options));
+    std::vector<json> Parsed;
+    for (std::string Line; std::getline(Lines, Line);)
+      Parsed.push_back(json::parse(Line));
+    return Parsed;
+  }
+  static Strings Names(const std::vector<json>& Shown) {
+    Strings Found;
+    for (const json& One : Shown)
+      Found.push_back(One["name"]);
+    return Found;
+  }
+
+  // A folder with what makes trouble: case, links, names that are no paths of this store, and nothing at all.
+  fs::path MakeTree() {
+    const fs::path Tree = Folder() / "tree";
+    for (const char* const pName : {"Makefile", "makefile", "a/deep/er/file", "a/back\\\\slash\\",
+                                    "\xC3\xA9t\xC3\xA9", "two  spaces", "a.b/c.d/\\x"}) {
+      fs::create_directories((Tree / pName).parent_path());
+      std::ofstream(Tree / pName) << pName;
+    }
+    fs::create_directory(Tree / "empty");
+    fs::create_symlink("makefile", Tree / "link");
+    fs::create_symlink("nowhere", Tree / "dangling");
+    return Tree;
+  }
+};
+
+TEST_F(ToolTest, ScanThenEventsGivesTheFolder) {
+  const fs::path Tree = MakeTree();
+  Strings Expected{Tree};
+  for (const fs::directory_entry& Entry : fs::recursive_directory_iterator(Tree))
+    Expected.push_back(Entry.path());
+  std::sort(Expected.begin(), Expected.end());
+  for (const char* const pOptions :
+       {"--db 1", "--db named", "--db 2 --check-mode", "--db 3 --segment-events 2"}) {
+    const std::string Database = std::string(pOptions).substr(0, std::string(pOptions).find(' ', 5));
+    EXPECT_TRUE(Run(std::string("scan ") + pOptions + ' ' + (Folder() / "tree/").string())
+                    .starts_with("recorded 16 events in "));
+    const std::vector<json> Shown = Events(Database);
+    Strings Found = Names(Shown);
+    std::sort(Found.begin(), Found.end());
+    EXPECT_EQ(Expected, Found) << pOptions;
+    for (const json& One : Shown) {
+      const fs::path Path = One["name"].get<std::string>();
+      const bool bLink = fs::is_symlink(Path);
+      EXPECT_EQ(bLink ? 3 : fs::is_directory(Path) ? 2 : 1, One["kind"].get<int>()) << Path;
+      EXPECT_EQ(!bLink && fs::is_directory(Path) ? 2 : 1, One["type"].get<int>()) << Path;
+      if (!bLink && !fs::is_directory(Path)) {
+        EXPECT_EQ(fs::file_size(Path), One["value"].get<std::uint64_t>()) << Path;
+      }
+    }
+  }
+  const json Info = json::parse(Run("info --json"));
+  EXPECT_FALSE(Info["corrupted"].get<bool>());
+  Strings Databases;
+  for (const json& One : Info["databases"]) {
+    Databases.push_back(One["folder"].get<std::string>() + ' ' + std::to_string(One["id"].get<int>()) + ' ' +
+                        std::to_string(One["event_size"].get<int>()) + ' ' +
+                        std::to_string(One["records"].get<int>()) + ' ' +
+                        std::to_string(One["segments"].get<int>()));
+  }
+  EXPECT_EQ((Strings{"00 0 1 0 1", "01 1 32 16 1", "02 2 32 16 1", "03 3 32 16 8", "named 48 32 16 1"}),
+            Databases);
+}
+
+TEST_F(ToolTest, KeepsNamesWithTheirEvents) {
+  MakeTree();
+  Run("scan --db 1 --segment-events 2 --max-events 4 " + (Folder() / "tree").string());
+  const std::vector<json> Shown = Events("--db 1");
+  EXPECT_GE(4u, Shown.size());
+  for (const json& One : Shown)
+    EXPECT_TRUE(One["name"].is_string()) << One;
+}
+
+TEST_F(ToolTest, RecordsLinesAndShowsThem) {
+  EXPECT_TRUE(Run("record --db notes", 1,
+                  "{\"name\":\"C:\\\\Dir\\\\f\",\"time\":\"2026-11-24T13:34:00.1234567Z\",\"kind\":7,"
+                  "\"value\":18446744073709551615}\n"
+                  "nonsense\n\n{\"name\":\"\"}\n{\"type\":\"file\"}\n"
+                  "{\"name\":\"HKLM\\\\Key\",\"type\":\"key\",\"time\":\"2026-11-24T15:04:00+01:30\"}\n"
+                  "{\"name\":\"x\",\"time\":\"yesterday\"}\n{\"name\":\"x\",\"kind\":-1}\n{\"name\":\"x\","
+                  "\"type\":256}\n{\"name\":\"x\",\"type\":\"thing\"}\n"
+                  "{\"name\":\"/\"}\n{\"name\":\"plain\",\"type\":32}")
+                  .starts_with("recorded 4 events in "));
+  const std::string Problems = Errors();
+  for (const char* const pLine :
+       {"line 2: not a JSON object\n", "line 4: \"name\"", "line 5: \"name\"", "line 7: \"time\"",
+        "line 8: \"kind\"", "line 9: \"type\"", "line 10: \"type\""}) {
+    EXPECT_NE(std::string::npos, Problems.find(pLine)) << pLine << Problems;
+  }
+  const std::vector<json> Shown = Events("--db notes");
+  EXPECT_EQ((Strings{"C:\\Dir\\f", "HKLM\\Key", "/", "plain"}), Names(Shown));
+  EXPECT_EQ("2026-11-24T13:34:00.1234567Z", Shown[0]["time"]);
+  EXPECT_EQ("2026-11-24T13:34:00.0000000Z", Shown[1]["time"]);
+  EXPECT_EQ(7, Shown[0]["kind"].get<int>());
+  EXPECT_EQ(UINT64_MAX, Shown[0]["value"].get<std::uint64_t>());
+  EXPECT_EQ(3, Shown[1]["type"].get<int>());
+  EXPECT_EQ("0x3000000100000003", Shown[3]["id"]);
+}
+
+TEST_F(ToolTest, ChoosesEvents) {
+  std::string Input;
+  for (int i = 0; i < 25; ++i)
+    Input += "{\"name\":\"n" + std::to_string(i) + "\",\"type\":\"name\"}\n";
+  Run("record --db 1 --segment-events 10", 0, Input);
+  const auto Count = [this](const std::string& Options) {
+    return Events("--db 1 " + Options);
+  };
+  EXPECT_EQ(25u, Count("").size());
+  EXPECT_EQ((Strings{"n18", "n19", "n20"}), Names(Count("--last 7 --count 3")));
+  EXPECT_EQ((Strings{"n23", "n24"}), Names(Count("--from 0x0100000300000003")));
+  EXPECT_EQ((Strings{"n20", "n21"}),
+            Names(Count("--from 0100000200000063 --count 2")));  // behind a segment's last
+  EXPECT_EQ(25u, Count("--last 100").size());
+  EXPECT_EQ(0u, Count("--last 0").size());
+  Run("events --db 1 --from 0x0200000100000000", 1);
+  EXPECT_NE(std::string::npos, Errors().find("this is no event of database 1"));
+}
+
+TEST_F(ToolTest, SaysWhatFailed) {
+  EXPECT_EQ("", Run("info", 1));
+  EXPECT_EQ("lumbra: open " + (Folder() / "store").string() +
+                ": errOBJECT_NOT_FOUND (0x800000C5): there is no store here\n",
+            Errors());
+  for (const char* const pUsage :
+       {"", "frob", "events", "events --db 0", "events --db 48", "events --db 12345", "events --db ..",
+        "events --db a/b", "events --db 2f", "events --db 1 --from xyz", "events --db 1 --last 1 --from 1",
+        "scan --db 1", "scan --db 1 --max-size x /"}) {
+    Run(pUsage, 2);
+  }
+  Run("record --db 1", 0, "{\"name\":\"x\"}");
+  Run("events --db 2", 1);
+  EXPECT_EQ(
+      "lumbra: open database 2: errOBJECT_NOT_FOUND (0x800000C5): there is no such database in this store\n",
+      Errors());
+  Run("record --db 1 /does/not/exist", 1);
+
+  // A database that would start anew if it were opened is not opened.
+  const Bytes kHeader = ReadFile("store/01/segments.dat");
+  WriteFile("store/01/segments.dat", {1, 2, 3});
+  for (const char* const pCommand : {"events --db 1", "record --db 1", "scan --db 1 /dev/null"})
+    Run(pCommand, 1);
+  EXPECT_NE(std::string::npos, Errors().find("errDATA_CORRUPTED"));
+  EXPECT_EQ((Bytes{1, 2, 3}), ReadFile("store/01/segments.dat"));
+  Run("info", 1);
+  WriteFile("store/01/segments.dat", kHeader);
+  EXPECT_EQ(1u, Events("--db 1").size());
+
+  const auto pHeld = OpenFile(u"store/g_objid.dat");
+  Run("info", 1);
+  EXPECT_NE(std::string::npos,
+            Errors().find("errSHARING_VIOLATION (0x80010104): another process holds the store"));
+}
+
+TEST_F(ToolTest, EndsCleanlyOnInterrupt) {
+  int Pipe[2];
+  ASSERT_EQ(0, pipe(Pipe));
+  const pid_t nChild = fork();
+  if (nChild == 0) {
+    dup2(Pipe[0], 0);
+    close(Pipe[1]);
+    std::freopen((Folder() / "out").c_str(), "w", stdout);
+    execl(LUMBRA_TOOL, LUMBRA_TOOL, "--store", (Folder() / "store").c_str(), "record", "--db", "1", nullptr);
+    _exit(99);
+  }
+  close(Pipe[0]);
+  const std::string_view Line = "{\"name\":\"C:\\\\a\"}\n";
+  ASSERT_EQ(static_cast<ssize_t>(Line.size()), write(Pipe[1], Line.data(), Line.size()));
+  while (!fs::exists(Folder() / "store/01/00000001_events.dat") ||
+         FileSize("store/01/00000001_events.dat") < 44)
+    usleep(1000);
+  kill(nChild, SIGINT);
+  int nStatus = 0;
+  ASSERT_EQ(nChild, waitpid(nChild, &nStatus, 0));
+  close(Pipe[1]);
+  EXPECT_EQ(130, WEXITSTATUS(nStatus));
+  const Bytes Output = ReadFile("out");
+  EXPECT_TRUE(std::string(Output.begin(), Output.end()).starts_with("recorded 1 events in "));
+  EXPECT_EQ(Strings{"C:\\a"}, Names(Events("--db 1")));
+}
+
+TEST(Example, EmbedsTheStore) {
+  std::FILE* const pPipe = popen("cd \"$(mktemp -d)\" && " LUMBRA_EMBED " && rm -r embed-store", "r");
+  char Line[100] = {};
+  EXPECT_NE(nullptr, std::fgets(Line, sizeof(Line), pPipe));
+  EXPECT_STREQ("event 42 is about C:\\Reports\\today.txt\n", Line);
+  EXPECT_EQ(0, pclose(pPipe));
+}
+
+}  // namespace
+}  // namespace lumbra::test
