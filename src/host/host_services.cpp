@@ -176,14 +176,8 @@ ResultCode HostServices::Send(HostObject* pSender, std::uint32_t nClass, std::ui
       }
       return bExpanded ? 1 : 0;
     }
-    std::vector<StandaloneHost::Handler> Handlers;
-    {
-      const std::lock_guard Hold(Host.m_Lock);
-      Handlers = Host.m_Handlers;
-    }
-    for (const StandaloneHost::Handler& Known : Handlers) {
-      if (Known.nClass != nClass) continue;
-      LumbraInstance* const pInstance = InstanceOf(Known.pObject);
+    for (const Store& Receiver : Host.HandlersOf(nClass)) {
+      LumbraInstance* const pInstance = Receiver.Instance();
       pInstance->pLifecycle->MessageReceive(pInstance, nClass, nMessageId);
     }
     return errOK;
@@ -199,7 +193,7 @@ ResultCode HostServices::RegisterMessageHandler(HostObject* pObject, std::uint32
   StandaloneHost& Host = *g_pHost;
   try {
     const std::lock_guard Hold(Host.m_Lock);
-    Host.m_Handlers.push_back({nClass, pObject});
+    Host.m_Handlers.push_back({nClass, InstanceOf(pObject)});
     return errOK;
   } catch (const std::bad_alloc&) {
     return errOUT_OF_MEMORY;
@@ -211,7 +205,7 @@ ResultCode HostServices::UnregisterMessageHandler(HostObject* pObject, std::uint
   StandaloneHost& Host = *g_pHost;
   const std::lock_guard Hold(Host.m_Lock);
   std::erase_if(Host.m_Handlers, [&](const StandaloneHost::Handler& Known) {
-    return Known.nClass == nClass && Known.pObject == pObject;
+    return Known.nClass == nClass && Known.pInstance == InstanceOf(pObject);
   });
   return errOK;
 }

@@ -132,6 +132,19 @@ Store StandaloneHost::Create(std::uint32_t nInterfaceId) {
   return Store(this, pInstance);
 }
 
+std::vector<Store> StandaloneHost::HandlersOf(std::uint32_t nClass) {
+  const std::lock_guard Hold(m_Lock);
+  std::vector<Store> Users;
+  for (const Handler& Known : m_Handlers) {
+    const auto Instance = m_Instances.find(Known.pInstance);
+    if (Known.nClass != nClass || Instance == m_Instances.end() || Instance->second == 0)
+      continue;  // about to go
+    Users.push_back(Store(this, Known.pInstance));
+    ++Instance->second;
+  }
+  return Users;
+}
+
 void StandaloneHost::Release(LumbraInstance* pInstance) {
   {
     const std::lock_guard Hold(m_Lock);

@@ -112,12 +112,14 @@ class StandaloneHost {
   friend class Store;
   friend struct HostServices;  // the functions behind the tables
 
+  // Those that handle a class of messages, as users of the instances: none goes while it handles one.
+  std::vector<Store> HandlersOf(std::uint32_t nClass);
   void Release(LumbraInstance* pInstance);
   void WriteLine(std::uint32_t nLevel, const char* pFormat, std::va_list Arguments);
 
   struct Handler {
     std::uint32_t nClass;
-    HostObject* pObject;
+    LumbraInstance* pInstance;
   };
 
   ModuleEntry m_pEntry;

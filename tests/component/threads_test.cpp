@@ -72,7 +72,8 @@ TEST_F(ThreadsTest, DoEverythingAtOnce) {
       [&](std::uint64_t i) {
         if (i % 10 != 0) return;
         host::Store Other = m_Host->Create();  // comes and goes, and shares the object store with the first
-        Expect(Other.SetReportFolder(WideFolder() + u"/other") == errOK && Other.Init() == errOK);
+        const std::u16string Own = WideFolder() + u"/other" + static_cast<char16_t>(u'a' + i / 10);
+        Expect(Other.SetReportFolder(Own) == errOK && Other.Init() == errOK);
         std::uint64_t nId = 0;
         const char16_t* const pName = u"C:\\shared\\a";
         Expect(Other.Call(&Ops::FindObject, 0, typeFile, pName, kZeroTerminated, 1, 0, 0, &nId) == errOK);
