@@ -149,7 +149,8 @@ bool NextComponent(std::u16string_view Path, std::size_t* pnPosition, Component*
   while (nStart < Path.size() && IsSeparator(Path[nStart]))
     ++nStart;
   if (nStart == Path.size()) return false;
-  const std::size_t nEnd = std::min(Path.find_first_of(u"\\/", nStart), Path.size());
+  std::size_t nEnd = nStart;
+  while (nEnd < Path.size() && !IsSeparator(Path[nEnd])) ++nEnd;
   if (nStart > 0 && Path[nStart - 1] == u'/') --nStart;
   *pComponent = {Path.substr(nStart, nEnd - nStart), nEnd < Path.size()};
   *pnPosition = nEnd;
