@@ -1,0 +1,20 @@
+#!/bin/sh
+# Installs what the project is built and tested with, from Debian's packages (Debian 12). Does nothing when all of it
+# is there. With "dev": also what contributors need.
+set -eu
+
+packages="g++ cmake ninja-build libcli11-dev nlohmann-json3-dev libutfcpp-dev libhowardhinnant-date-dev
+          libgtest-dev libgmock-dev libbenchmark-dev"
+[ "${1:-}" = dev ] && packages="$packages clang-format"
+
+missing=""
+for package in $packages; do
+  dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing="$missing $package"
+done
+[ -z "$missing" ] && exit 0
+
+as_root=""
+[ "$(id -u)" -eq 0 ] || as_root=sudo
+$as_root apt-get update
+# shellcheck disable=SC2086  # one word a package
+$as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends $missing
