@@ -150,7 +150,8 @@ bool NextComponent(std::u16string_view Path, std::size_t* pnPosition, Component*
     ++nStart;
   if (nStart == Path.size()) return false;
   std::size_t nEnd = nStart;
-  while (nEnd < Path.size() && !IsSeparator(Path[nEnd])) ++nEnd;
+  while (nEnd < Path.size() && !IsSeparator(Path[nEnd]))
+    ++nEnd;
   if (nStart > 0 && Path[nStart - 1] == u'/') --nStart;
   *pComponent = {Path.substr(nStart, nEnd - nStart), nEnd < Path.size()};
   *pnPosition = nEnd;
