@@ -18,15 +18,14 @@ struct Counted {
 template <class Operation>
 Counted Count(std::uint64_t nRounds, Operation Do) {
   test::ResetSystem();
-  for (std::uint64_t i = 0; i < nRounds; ++i)
-    Do(i);
+  for (std::uint64_t i = 0; i < nRounds; ++i) Do(i);
   return {nRounds, test::AllCalls(), test::Allocations()};
 }
 
 void Print(const char* pWhat, const Counted& Found) {
   const auto nRounds = static_cast<double>(Found.nRounds);
-  std::printf("%-44s %8.2f system calls  %8.2f allocations\n", pWhat,
-              static_cast<double>(Found.nCalls) / nRounds, static_cast<double>(Found.nAllocations) / nRounds);
+  std::printf("%-44s %8.2f system calls  %8.2f allocations\n", pWhat, static_cast<double>(Found.nCalls) / nRounds,
+              static_cast<double>(Found.nAllocations) / nRounds);
 }
 
 void Run() {
@@ -39,8 +38,8 @@ void Run() {
   Print("AddEvent", Count(1000, [&](std::uint64_t) { Store.Add(1); }));
   Event Buffer[100];
   Print("GetEvents of 100", Count(10, [&](std::uint64_t) {
-          Store.Call(&LumbraOperations::GetEvents, BenchStore::kDatabase, 0, Buffer, sizeof(Buffer), 100,
-                     nullptr, nullptr);
+          Store.Call(&LumbraOperations::GetEvents, BenchStore::kDatabase, 0, Buffer, sizeof(Buffer), 100, nullptr,
+                     nullptr);
         }));
   Print("FindObject of 5 components, cached", Count(1000, [&](std::uint64_t) { Store.Find(Path); }));
   Path = kFolder + u"aaa";
@@ -50,8 +49,7 @@ void Run() {
           Path[kFolder.size() + 2] = static_cast<char16_t>(u'a' + i / 676);
           Store.Find(Path);
         }));
-  BenchStore::Require(
-      Store.Call(&LumbraOperations::SetDBParams, BenchStore::kDatabase, limitSegmentEvents, 1));
+  BenchStore::Require(Store.Call(&LumbraOperations::SetDBParams, BenchStore::kDatabase, limitSegmentEvents, 1));
   Store.Add(1000);
   Store.Open();
   const Counted Opened = Count(1, [&](std::uint64_t) { Store.Open(); });

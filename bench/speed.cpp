@@ -35,8 +35,7 @@ int OpenRaw(const char* pName, int nFlags) {
 // ------------------------------------------------------------------------------------------------
 
 void AddEvent(benchmark::State& State) {
-  for (auto _ : State)
-    g_Store->Add(1);
+  for (auto _ : State) g_Store->Add(1);
 }
 
 void AddRaw(benchmark::State& State) {
@@ -55,8 +54,8 @@ void GetBatch(benchmark::State& State) {
   std::vector<Event> Buffer(kBatch);
   std::uint32_t nStart = 0;
   for (auto _ : State) {
-    g_Store->Call(&LumbraOperations::GetEvents, BenchStore::kDatabase, nStart, Buffer.data(),
-                  kBatch * sizeof(Event), kBatch, nullptr, nullptr);
+    g_Store->Call(&LumbraOperations::GetEvents, BenchStore::kDatabase, nStart, Buffer.data(), kBatch * sizeof(Event),
+                  kBatch, nullptr, nullptr);
     nStart = (nStart + kBatch) % kStored;
   }
 }
@@ -76,8 +75,8 @@ void GetRandom(benchmark::State& State) {
   Event Read;
   for (auto _ : State) {
     const std::uint64_t nStart = Random() % kStored;
-    g_Store->Call(&LumbraOperations::GetEvents, BenchStore::kDatabase, nStart, &Read, sizeof(Read), 1,
-                  nullptr, nullptr);
+    g_Store->Call(&LumbraOperations::GetEvents, BenchStore::kDatabase, nStart, &Read, sizeof(Read), 1, nullptr,
+                  nullptr);
   }
 }
 
@@ -96,8 +95,7 @@ void ReadRandomRaw(benchmark::State& State) {
 const std::u16string kPath = u"C:\\Program Files\\Component\\Reports\\today.txt";
 
 void FindCached(benchmark::State& State) {
-  for (auto _ : State)
-    benchmark::DoNotOptimize(g_Store->Find(kPath));
+  for (auto _ : State) benchmark::DoNotOptimize(g_Store->Find(kPath));
 }
 
 // The five hashes that such a lookup cannot do without.
@@ -118,8 +116,7 @@ void FindNew(benchmark::State& State) {
   std::uint64_t nNext = 0;
   for (auto _ : State) {
     std::u16string Path = u"C:\\Program Files\\Component\\Reports\\";
-    for (std::uint64_t n = ++nNext; n != 0; n /= 26)
-      Path += static_cast<char16_t>(u'a' + n % 26);
+    for (std::uint64_t n = ++nNext; n != 0; n /= 26) Path += static_cast<char16_t>(u'a' + n % 26);
     benchmark::DoNotOptimize(g_Store->Find(Path));
   }
 }
@@ -130,8 +127,7 @@ void FindNew(benchmark::State& State) {
 constexpr std::uint32_t kSegments = 1000;
 
 void OpenThousandSegments(benchmark::State& State) {
-  for (auto _ : State)
-    g_Store->Open();
+  for (auto _ : State) g_Store->Open();
 }
 
 // The least that tells what a segment holds: a look at each of its four files.
@@ -194,8 +190,7 @@ void RunAll() {
   g_Store->Add(kStored);
   g_nRaw = OpenRaw(kEventFile, O_RDONLY);
   RunPair("GetEvents(1000)", GetBatch, "pread of 1000", ReadBatchRaw, " (at least 0.9)", &Summary);
-  RunPair("GetEvents(1), random", GetRandom, "pread of 1, random", ReadRandomRaw, " (at least 0.7)",
-          &Summary);
+  RunPair("GetEvents(1), random", GetRandom, "pread of 1, random", ReadRandomRaw, " (at least 0.7)", &Summary);
   close(g_nRaw);
   RunPair("FindObject, cached", FindCached, "hashing 5 components", HashComponents,
           " (at least 0.67, 1.5 times the cost)", &Summary);
@@ -203,8 +198,7 @@ void RunAll() {
 
   g_Store.reset();
   g_Store.emplace();
-  BenchStore::Require(
-      g_Store->Call(&LumbraOperations::SetDBParams, BenchStore::kDatabase, limitSegmentEvents, 1));
+  BenchStore::Require(g_Store->Call(&LumbraOperations::SetDBParams, BenchStore::kDatabase, limitSegmentEvents, 1));
   g_Store->Add(kSegments);
   RunPair("open 1000 segments", OpenThousandSegments, "statx of 4000 files", LookAtFilesRaw, "", &Summary);
   g_Store.reset();

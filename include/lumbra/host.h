@@ -47,15 +47,14 @@ struct HostSystemOperations {
 
   // Sends a message to the handlers that are registered for its class, on the caller's thread. pArgument may
   // be null: then the sender itself is what the message is about. Answers 1 when a handler dealt with it.
-  ResultCode (*Send)(HostObject* pSender, std::uint32_t nClass, std::uint32_t nMessageId,
-                     HostObject* pArgument, std::uint32_t nReserved1, std::uint32_t nReserved2);
+  ResultCode (*Send)(HostObject* pSender, std::uint32_t nClass, std::uint32_t nMessageId, HostObject* pArgument,
+                     std::uint32_t nReserved1, std::uint32_t nReserved2);
 
   // From here on (until unregistered) messages of the class that come from pSender reach pObject's
   // MessageReceive.
   ResultCode (*RegisterMessageHandler)(HostObject* pObject, std::uint32_t nClass, std::uint32_t nReserved1,
-                                       HostObject* pSender, std::uint32_t nReserved2,
-                                       std::uint32_t nReserved3, std::uint32_t nReserved4,
-                                       std::uint32_t nReserved5);
+                                       HostObject* pSender, std::uint32_t nReserved2, std::uint32_t nReserved3,
+                                       std::uint32_t nReserved4, std::uint32_t nReserved5);
   ResultCode (*UnregisterMessageHandler)(HostObject* pObject, std::uint32_t nClass, HostObject* pSender);
 
   Reserved Reserved9To15[7];
@@ -129,16 +128,15 @@ using HostFactory = void* (*)(std::uint32_t nIgnored, HostObject* pRequester, st
 // The operations of the host's root object, which a module receives when it is loaded.
 struct HostRootOperations {
   // Fills every slot of the table. The second argument is 0.
-  ResultCode (*ResolveImports)(HostObject* pRoot, std::uint32_t nReserved, HostImport* pTable,
-                               std::uint32_t nPluginId);
+  ResultCode (*ResolveImports)(HostObject* pRoot, std::uint32_t nReserved, HostImport* pTable, std::uint32_t nPluginId);
 
   // From here on requests for the interface id reach the factory. The two u32 before it are 0.
   ResultCode (*RegisterInterface)(HostObject* pRoot, std::uint32_t nInterfaceId, std::uint32_t nPluginId,
                                   std::uint32_t nReserved1, std::uint32_t nReserved2, HostFactory pFactory);
 
   // Stores the address of one host function in *ppSlot. nOption is 0, or 2 for the trace function.
-  ResultCode (*BindFunction)(HostObject* pRoot, void** ppSlot, std::uint32_t nExporter,
-                             std::uint32_t nFunctionId, std::uint32_t nOption);
+  ResultCode (*BindFunction)(HostObject* pRoot, void** ppSlot, std::uint32_t nExporter, std::uint32_t nFunctionId,
+                             std::uint32_t nOption);
 };
 
 // The host functions that the store binds, by exporter and id.
@@ -163,8 +161,8 @@ using HostStringFindLastOf = std::uint32_t (*)(const HostString* pString, const 
 
 // Compares with a zero-terminated text; nFlags is 0. A success code when they are equal.
 inline constexpr std::uint32_t kFunctionStringCompare = 0xCB15477B;
-using HostStringCompare = ResultCode (*)(const HostString* pString, const void* pText,
-                                         std::uint32_t nCodePage, std::uint32_t nFlags);
+using HostStringCompare = ResultCode (*)(const HostString* pString, const void* pText, std::uint32_t nCodePage,
+                                         std::uint32_t nFlags);
 
 // Writes one trace line on behalf of an object. nLevel: 300 failure, 350 damage found and handled, 400
 // notable condition, 500 routine outcome, 600 per-call detail. The format is printf's with these conversions,

@@ -86,18 +86,16 @@ enum LumbraLimit : std::uint32_t {
   limitSegmentSize = 4,     // a new segment is started when the newest reaches this size
   limitSegmentAge = 5,      // ... when it is this old
   limitSegmentEvents = 6,   // ... when it holds this many events
-  limitGlobalSize = 7,  // database 255 only: one limit for all databases without a size limit of their own
+  limitGlobalSize = 7,      // database 255 only: one limit for all databases without a size limit of their own
 };
 
 // Properties of an instance (LumbraLifecycle::PropertyAccess).
-inline constexpr std::uint32_t propCHECK_MODE = 0x30600001;        // u32: new files get every CRC
-inline constexpr std::uint32_t propENVIRONMENT_FLAG = 0x30600002;  // u32: recorded; frozen by initialisation
-inline constexpr std::uint32_t propCORRUPTED = 0x30600003;         // u32, read only: damage was met
-inline constexpr std::uint32_t propEXACT_FILE_SIZES =
-    0x30600004;  // u32: measure files, not directory entries
-inline constexpr std::uint32_t propWRITES_SUSPENDED =
-    0x30600005;                                                 // u32: writing operations answer errREAD_ONLY
-inline constexpr std::uint32_t propREPORT_FOLDER = 0x20900044;  // UTF-16 text: the folder of the store
+inline constexpr std::uint32_t propCHECK_MODE = 0x30600001;          // u32: new files get every CRC
+inline constexpr std::uint32_t propENVIRONMENT_FLAG = 0x30600002;    // u32: recorded; frozen by initialisation
+inline constexpr std::uint32_t propCORRUPTED = 0x30600003;           // u32, read only: damage was met
+inline constexpr std::uint32_t propEXACT_FILE_SIZES = 0x30600004;    // u32: measure files, not directory entries
+inline constexpr std::uint32_t propWRITES_SUSPENDED = 0x30600005;    // u32: writing operations answer errREAD_ONLY
+inline constexpr std::uint32_t propREPORT_FOLDER = 0x20900044;       // UTF-16 text: the folder of the store
 inline constexpr std::uint32_t propINTERFACE_COMMENT = 0x20900083;   // 8-bit text "Lumbra"
 inline constexpr std::uint32_t propINTERFACE_CONSTANT = 0x21A00082;  // u32, read only: 1
 
@@ -142,33 +140,28 @@ struct LumbraOperations {
   // stands in the event's bytes 8 to 15, or 0. Answers errNO_MORE_EVENTS, a success, when fewer than nCount
   // events are there.
   ResultCode (*GetEvents)(HostObject* pSelf, std::uint32_t nDatabase, std::uint64_t nStart, void* pBuffer,
-                          std::uint32_t nBufferSize, std::uint32_t nCount, std::uint32_t* pnRead,
-                          HostObject* pParents);
+                          std::uint32_t nBufferSize, std::uint32_t nCount, std::uint32_t* pnRead, HostObject* pParents);
 
   // Rewrites an event in place.
-  ResultCode (*UpdateEvent)(HostObject* pSelf, std::uint64_t nEventId, const void* pData,
-                            std::uint32_t nSize);
+  ResultCode (*UpdateEvent)(HostObject* pSelf, std::uint64_t nEventId, const void* pData, std::uint32_t nSize);
 
   // FindObject without a parent.
-  ResultCode (*FindObjectSimple)(HostObject* pSelf, std::uint32_t nDatabase, std::uint32_t nType,
-                                 const char16_t* pName, std::int32_t nNameSize, std::uint32_t nCreate,
-                                 std::uint32_t nFlagsOverride, std::uint64_t* pnObjectId);
+  ResultCode (*FindObjectSimple)(HostObject* pSelf, std::uint32_t nDatabase, std::uint32_t nType, const char16_t* pName,
+                                 std::int32_t nNameSize, std::uint32_t nCreate, std::uint32_t nFlagsOverride,
+                                 std::uint64_t* pnObjectId);
 
   // The full name of an object, and its type. pBuffer may be null with nBufferSize 0. *pnNameSize (may be
   // null) receives the size in bytes without the terminating zero, which is written when it fits. Answers
   // errBUFFER_TOO_SMALL when the name does not fit; the buffer's content is then undefined.
-  ResultCode (*GetObjectName)(HostObject* pSelf, std::uint64_t nObjectId, char16_t* pBuffer,
-                              std::uint32_t nBufferSize, std::uint32_t* pnNameSize,
-                              std::uint32_t nFlagsOverride, std::uint32_t* pnType);
+  ResultCode (*GetObjectName)(HostObject* pSelf, std::uint64_t nObjectId, char16_t* pBuffer, std::uint32_t nBufferSize,
+                              std::uint32_t* pnNameSize, std::uint32_t nFlagsOverride, std::uint32_t* pnType);
 
-  ResultCode (*GetObjectData)(HostObject* pSelf, std::uint64_t nObjectId, void* pBuffer,
-                              std::uint32_t nBufferSize, std::uint32_t* pnDataSize, std::uint32_t nTag);
-  ResultCode (*SetObjectData)(HostObject* pSelf, std::uint64_t nObjectId, const void* pData,
-                              std::uint32_t nSize, std::uint32_t nTag);
-  ResultCode (*GetObjectDataInto)(HostObject* pSelf, std::uint64_t nObjectId, HostObject* pTarget,
-                                  std::uint32_t nTag);
-  ResultCode (*SetObjectDataFrom)(HostObject* pSelf, std::uint64_t nObjectId, HostObject* pSource,
-                                  std::uint32_t nTag);
+  ResultCode (*GetObjectData)(HostObject* pSelf, std::uint64_t nObjectId, void* pBuffer, std::uint32_t nBufferSize,
+                              std::uint32_t* pnDataSize, std::uint32_t nTag);
+  ResultCode (*SetObjectData)(HostObject* pSelf, std::uint64_t nObjectId, const void* pData, std::uint32_t nSize,
+                              std::uint32_t nTag);
+  ResultCode (*GetObjectDataInto)(HostObject* pSelf, std::uint64_t nObjectId, HostObject* pTarget, std::uint32_t nTag);
+  ResultCode (*SetObjectDataFrom)(HostObject* pSelf, std::uint64_t nObjectId, HostObject* pSource, std::uint32_t nTag);
 
   // Events and bytes held, and the creation time of the oldest segment (a FILETIME, 0 when there is none).
   // Each output may be null. For kAllDatabases: the sums over databases 1 to 254, and the greatest age in
@@ -177,8 +170,7 @@ struct LumbraOperations {
                           std::uint64_t* pnDataSize, std::uint64_t* pnTime);
 
   // Sets one limit (LumbraLimit) of a database, which need not be open yet, or of all.
-  ResultCode (*SetDBParams)(HostObject* pSelf, std::uint32_t nDatabase, std::uint32_t nKind,
-                            std::uint64_t nValue);
+  ResultCode (*SetDBParams)(HostObject* pSelf, std::uint32_t nDatabase, std::uint32_t nKind, std::uint64_t nValue);
 
   // Opens a numbered database (1 to 47), creating it where it is missing. A database whose recorded event
   // size differs is restarted empty. errALREADY_DONE when it is open.
@@ -189,9 +181,9 @@ struct LumbraOperations {
 
   // Finds an object by type, name and parent, or with nCreate != 0 creates it; nCreate 2 also repairs what
   // stands in the way (errDATA_REPAIRED, a success). *pnObjectId (may be null) receives the id, 0 on failure.
-  ResultCode (*FindObject)(HostObject* pSelf, std::uint32_t nDatabase, std::uint32_t nType,
-                           const char16_t* pName, std::int32_t nNameSize, std::uint32_t nCreate,
-                           std::uint32_t nFlagsOverride, std::uint64_t nParentId, std::uint64_t* pnObjectId);
+  ResultCode (*FindObject)(HostObject* pSelf, std::uint32_t nDatabase, std::uint32_t nType, const char16_t* pName,
+                           std::int32_t nNameSize, std::uint32_t nCreate, std::uint32_t nFlagsOverride,
+                           std::uint64_t nParentId, std::uint64_t* pnObjectId);
 
   // Opens or creates a database by name (at most 63 characters, which also name its folder). *pnDatabase
   // receives its id, 48 to 254, which the name keeps across restarts.
@@ -231,8 +223,7 @@ struct LumbraLifecycle {
   ResultCode (*MessageReceive)(LumbraInstance* pInstance, std::uint32_t nClass, std::uint32_t nMessageId);
 
   // Reads or writes one property.
-  ResultCode (*PropertyAccess)(LumbraInstance* pInstance, std::uint32_t nPropertyId,
-                               PropertyAccessRecord* pRecord);
+  ResultCode (*PropertyAccess)(LumbraInstance* pInstance, std::uint32_t nPropertyId, PropertyAccessRecord* pRecord);
 
   // Destroys the instance; with nFree != 0 also gives its memory back, as ObjectFree does.
   void (*Destructor)(LumbraInstance* pInstance, std::uint32_t nFree);

@@ -80,8 +80,7 @@ bool Lumbra::InitEnvironment(StorageEnvironment* pEnvironment, const HostText& F
   return pEnvironment->Init(&m_Owner, Folder.Text(), FolderContent::Keep, m_nEnvironmentFlag != 0);
 }
 
-ResultCode Lumbra::InitManager(SegmentManager* pManager, StorageEnvironment* pEnvironment,
-                               std::uint32_t nEventSize) {
+ResultCode Lumbra::InitManager(SegmentManager* pManager, StorageEnvironment* pEnvironment, std::uint32_t nEventSize) {
   return pManager->Init(pEnvironment, nEventSize, SharedObjects::Store(), m_nCheckMode != 0);
 }
 
@@ -100,24 +99,22 @@ ResultCode Lumbra::InitDB(std::uint32_t nDatabase, std::uint32_t nEventSize) {
   }
   const bool bCounts = nDatabase != kSystemDatabase && CountsInTotal(Slot.Manager);
   if (Succeeded(nCode) && bCounts) m_nSizeTotal += Slot.Manager.GetTotalSize();
-  Trace(&Handle, traceRoutine, "lmb\tLumbra::InitDB(%X, %d) = %terr, events/size/time: %u/%I64u/%I64u",
-        nDatabase, nEventSize, nCode, static_cast<std::uint32_t>(Slot.Manager.GetTotalEvents()),
-        Slot.Manager.GetTotalSize(), Slot.Manager.GetOldestCreationTime());
+  Trace(&Handle, traceRoutine, "lmb\tLumbra::InitDB(%X, %d) = %terr, events/size/time: %u/%I64u/%I64u", nDatabase,
+        nEventSize, nCode, static_cast<std::uint32_t>(Slot.Manager.GetTotalEvents()), Slot.Manager.GetTotalSize(),
+        Slot.Manager.GetOldestCreationTime());
   return nCode;
 }
 
 ResultCode Lumbra::InitDBByName(const char16_t* pName, std::uint32_t nEventSize, std::uint32_t* pnDatabase) {
   Trace(&Handle, traceRoutine, "lmb\tLumbra::InitDBByName method: name = %ws", pName);
   if (pName == nullptr || pName[0] == 0 || pnDatabase == nullptr) return errPARAMETER_INVALID;
-  if (std::char_traits<char16_t>::find(pName, kMaxNameLength + 1, u'\0') == nullptr)
-    return errPARAMETER_INVALID;
+  if (std::char_traits<char16_t>::find(pName, kMaxNameLength + 1, u'\0') == nullptr) return errPARAMETER_INVALID;
   const SharedHold Hold(m_Lock);
   if (m_nWritesSuspended != 0) return errREAD_ONLY;
   const std::lock_guard MainHold(m_MainLock);
   if (const NamedDatabaseRef Open = FindNamed(pName); Open.Get() != nullptr) {
     *pnDatabase = Open->nId;
-    Trace(&Handle, traceRoutine, "lmb\tLumbra::InitDBByName method: db already initialized, dbId = %d",
-          Open->nId);
+    Trace(&Handle, traceRoutine, "lmb\tLumbra::InitDBByName method: db already initialized, dbId = %d", Open->nId);
     return errOK;
   }
   return OpenNamed(pName, nEventSize, pnDatabase);
@@ -156,8 +153,8 @@ ResultCode Lumbra::KeepNamed(const NamedDatabaseRef& Named, const std::string* p
     m_Index.reserve(m_Index.size() + 1);
     std::string Key = *pNewKey;
     const auto nPosition = static_cast<std::uint32_t>(m_Index.size());
-    Trace(&Handle, traceRoutine, "lmb\tInitDBByName: trying to save persistent index(%u), to file '%S'",
-          nPosition, m_IndexPath.Text());
+    Trace(&Handle, traceRoutine, "lmb\tInitDBByName: trying to save persistent index(%u), to file '%S'", nPosition,
+          m_IndexPath.Text());
     const ResultCode nCode = SavePersistentIndex(std::u16string(m_IndexPath.View()), nPosition, Key);
     if (Failed(nCode)) return ToHostResult(nCode);
     m_Index.push_back(std::move(Key));
@@ -233,10 +230,8 @@ void Lumbra::RecomputeSizeTotal() {
   const auto Add = [this](SegmentManager& Manager) {
     if (CountsInTotal(Manager)) m_nSizeTotal += Manager.GetTotalSize();
   };
-  for (std::uint32_t nDatabase = 1; nDatabase < kSlots; ++nDatabase)
-    Add(m_Slots[nDatabase].Manager);
-  for (const NamedDatabaseRef& Named : m_NamedDatabases)
-    Add(Named->Manager);
+  for (std::uint32_t nDatabase = 1; nDatabase < kSlots; ++nDatabase) Add(m_Slots[nDatabase].Manager);
+  for (const NamedDatabaseRef& Named : m_NamedDatabases) Add(Named->Manager);
 }
 
 namespace {
@@ -270,8 +265,8 @@ ResultCode Lumbra::CheckLimits() {
     if (Search.Offer(m_Slots[nDatabase].Manager)) nChosen = nDatabase;
   }
   if (nChosen == 0) return CheckLimitsNamed();
-  Trace(&Handle, traceRoutine, "lmb\tCheckLimits: going to delete a segment (%X,%I64X,%I64X)", nChosen,
-        m_nSizeTotal, m_nGlobalSizeLimit);
+  Trace(&Handle, traceRoutine, "lmb\tCheckLimits: going to delete a segment (%X,%I64X,%I64X)", nChosen, m_nSizeTotal,
+        m_nGlobalSizeLimit);
   return DropOldestSegment(m_Slots[nChosen].Manager);
 }
 
@@ -283,8 +278,8 @@ ResultCode Lumbra::CheckLimitsNamed() {
     if (Search.Offer(Named->Manager)) Chosen = Named;
   }
   if (Chosen.Get() == nullptr) return errUNSPECIFIED;
-  Trace(&Handle, traceRoutine, "lmb\tCheckLimitsNamed: going to delete a segment (%X,%I64X,%I64X)",
-        Chosen->nId, m_nSizeTotal, m_nGlobalSizeLimit);
+  Trace(&Handle, traceRoutine, "lmb\tCheckLimitsNamed: going to delete a segment (%X,%I64X,%I64X)", Chosen->nId,
+        m_nSizeTotal, m_nGlobalSizeLimit);
   return DropOldestSegment(Chosen->Manager);
 }
 
@@ -317,9 +312,8 @@ ResultCode Lumbra::GetDBInfo(std::uint32_t nDatabase, std::uint32_t* pnRecords, 
     nRecords = static_cast<std::uint32_t>(Found.Manager().GetTotalEvents());
     nDataSize = Found.Manager().GetTotalSize();
     nTime = Found.Manager().GetOldestCreationTime();
-    Trace(&Handle, traceRoutine,
-          "lmb\tLumbra::GetDBInfo method: records = %u, datasize = %I64u, timestamp = %I64u", nRecords,
-          nDataSize, nTime);
+    Trace(&Handle, traceRoutine, "lmb\tLumbra::GetDBInfo method: records = %u, datasize = %I64u, timestamp = %I64u",
+          nRecords, nDataSize, nTime);
   }
   if (pnRecords != nullptr) *pnRecords = nRecords;
   if (pnDataSize != nullptr) *pnDataSize = nDataSize;
@@ -334,19 +328,16 @@ void Lumbra::GetTotals(std::uint32_t* pnRecords, std::uint64_t* pnDataSize, std:
     *pnDataSize += Manager.GetTotalSize();
     *pnTime = std::max(*pnTime, Manager.GetOldestAge());
   };
-  for (std::uint32_t nDatabase = 1; nDatabase < kSlots; ++nDatabase)
-    Add(m_Slots[nDatabase].Manager);
+  for (std::uint32_t nDatabase = 1; nDatabase < kSlots; ++nDatabase) Add(m_Slots[nDatabase].Manager);
   const std::lock_guard Hold(m_MainLock);
-  for (const NamedDatabaseRef& Named : m_NamedDatabases)
-    Add(Named->Manager);
+  for (const NamedDatabaseRef& Named : m_NamedDatabases) Add(Named->Manager);
 }
 
 ResultCode Lumbra::ClearDB(std::uint32_t nDatabase) {
   const SharedHold Hold(m_Lock);
   if (m_nWritesSuspended != 0) return errREAD_ONLY;
   if (nDatabase == kSystemDatabase) return errPARAMETER_INVALID;
-  if (nDatabase == kAllDatabases)
-    return OnEveryDatabase([this](std::uint32_t nOne) { return ClearOneDB(nOne); });
+  if (nDatabase == kAllDatabases) return OnEveryDatabase([this](std::uint32_t nOne) { return ClearOneDB(nOne); });
   return ClearOneDB(nDatabase);
 }
 

@@ -10,8 +10,7 @@ namespace lumbra {
 // ---- Adding
 // ------------------------------------------------------------------------------------------------
 
-ResultCode Lumbra::AddEvent(std::uint32_t nDatabase, const void* pData, std::uint32_t nSize,
-                            std::uint64_t* pnEventId) {
+ResultCode Lumbra::AddEvent(std::uint32_t nDatabase, const void* pData, std::uint32_t nSize, std::uint64_t* pnEventId) {
   Trace(&Handle, traceDetail, "lmb\tLumbra::AddEvent Database - %X", nDatabase);
   if (nDatabase == kSystemDatabase) return errNOT_SUPPORTED;
   if (nDatabase >= kFirstNamedDatabase) return AddEventNamed(nDatabase, pData, nSize, pnEventId);
@@ -31,8 +30,8 @@ ResultCode Lumbra::AddEventNamed(std::uint32_t nDatabase, const void* pData, std
 
 // Under the main lock from the size that is taken out of the total to the limit that is checked: so the total
 // never sees a half-done add.
-ResultCode Lumbra::Append(SegmentManager& Manager, std::uint32_t nDatabase, const void* pData,
-                          std::uint32_t nSize, std::uint64_t* pnEventId) {
+ResultCode Lumbra::Append(SegmentManager& Manager, std::uint32_t nDatabase, const void* pData, std::uint32_t nSize,
+                          std::uint64_t* pnEventId) {
   const std::lock_guard Hold(m_MainLock);
   const bool bCountsInTotal = Manager.GetDbMaxSize() == 0;
   if (bCountsInTotal) m_nSizeTotal -= Manager.GetTotalSize();
@@ -47,8 +46,7 @@ ResultCode Lumbra::Append(SegmentManager& Manager, std::uint32_t nDatabase, cons
   if (nDatabase < kFirstNamedDatabase) {
     Trace(&Handle, traceRoutine, "lmb\tAddEvent(%X,%d,%I64X) = %terr", nDatabase, nSize, nEventId, nCode);
   } else {
-    Trace(&Handle, traceRoutine, "lmb\tAddEventNamed(%X,%d,%I64X) = %terr", nDatabase, nSize, nEventId,
-          nCode);
+    Trace(&Handle, traceRoutine, "lmb\tAddEventNamed(%X,%d,%I64X) = %terr", nDatabase, nSize, nEventId, nCode);
   }
   return nCode;
 }
@@ -56,9 +54,8 @@ ResultCode Lumbra::Append(SegmentManager& Manager, std::uint32_t nDatabase, cons
 // ---- Reading
 // -----------------------------------------------------------------------------------------------
 
-ResultCode Lumbra::GetEvents(std::uint32_t nDatabase, std::uint64_t nStart, void* pBuffer,
-                             std::uint32_t nBufferSize, std::uint32_t nCount, std::uint32_t* pnRead,
-                             HostObject* pParents) {
+ResultCode Lumbra::GetEvents(std::uint32_t nDatabase, std::uint64_t nStart, void* pBuffer, std::uint32_t nBufferSize,
+                             std::uint32_t nCount, std::uint32_t* pnRead, HostObject* pParents) {
   const SharedHold Hold(m_Lock);
   // A top byte of 0xFF belongs to a position counted from the end, not to a database.
   if (const std::uint32_t nNamed = DatabaseOfId(nStart); nNamed != 0 && nNamed != kAllDatabases) {
@@ -69,21 +66,20 @@ ResultCode Lumbra::GetEvents(std::uint32_t nDatabase, std::uint64_t nStart, void
   if (!Found.IsOpen()) return errPARAMETER_INVALID;
   std::uint32_t nRead = 0;
   const ResultCode nCode =
-      Found.Manager().GetEvents(static_cast<std::uint32_t>(nStart), static_cast<std::int32_t>(nStart >> 32),
-                                pBuffer, nCount, nBufferSize, &nRead);
+      Found.Manager().GetEvents(static_cast<std::uint32_t>(nStart), static_cast<std::int32_t>(nStart >> 32), pBuffer,
+                                nCount, nBufferSize, &nRead);
   if (pnRead != nullptr) *pnRead = nRead;
   MarkCorruptedOn(nCode);
   if (Succeeded(nCode) && pnRead != nullptr && binding::IsContainer(pParents)) {
     AppendParents(pBuffer, nRead, Found.Manager().GetEventSize(), pParents);
   }
-  Trace(&Handle, traceRoutine, "lmb\tGetEvents(%X,%I64X,%d,%d,%d) = %terr", nDatabase, nStart, nBufferSize,
-        nCount, pnRead == nullptr ? 0 : nRead, nCode);
+  Trace(&Handle, traceRoutine, "lmb\tGetEvents(%X,%I64X,%d,%d,%d) = %terr", nDatabase, nStart, nBufferSize, nCount,
+        pnRead == nullptr ? 0 : nRead, nCode);
   return nCode;
 }
 
 // One value for each event: the parent of the object that the event names, or 0.
-void Lumbra::AppendParents(const void* pEvents, std::uint32_t nCount, std::uint32_t nEventSize,
-                           HostObject* pParents) {
+void Lumbra::AppendParents(const void* pEvents, std::uint32_t nCount, std::uint32_t nEventSize, HostObject* pParents) {
   constexpr std::uint32_t kObjectIdOffset = 8;
   constexpr std::uint32_t kList = 0;
   const auto* pEvent = static_cast<const std::uint8_t*>(pEvents);

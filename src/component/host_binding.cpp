@@ -62,8 +62,7 @@ HostImport g_Imports[] = {
 
 // Where the trace lines of all rooms go: to the host's trace function, on behalf of the root unless a line
 // has an object of its own.
-ResultCode TraceToHost(HostObject* pObject, std::uint32_t nLevel, const char* pFormat,
-                       std::va_list Arguments) {
+ResultCode TraceToHost(HostObject* pObject, std::uint32_t nLevel, const char* pFormat, std::va_list Arguments) {
   const HostTraceFunction pTrace = g_Trace.Get();
   if (pTrace == nullptr) return errUNEXPECTED;
   return pTrace(pObject == kHostRoot ? Root() : pObject, nLevel, pFormat, Arguments);
@@ -114,14 +113,15 @@ const HostSystemOperations* DefaultSystemOperations() {
       .ReadProperty = [](HostObject*, std::uint32_t) -> std::uint32_t { return 0; },
       .Allocate = [](HostObject*, std::uint32_t) -> void* { return nullptr; },
       .Free = [](HostObject*, void*) {},
-      .CreateObject = [](HostObject*, std::uint32_t, std::uint32_t, std::uint32_t,
-                         HostObject**) -> ResultCode { return errSTORE_NOT_INITIALIZED; },
+      .CreateObject = [](HostObject*, std::uint32_t, std::uint32_t, std::uint32_t, HostObject**) -> ResultCode {
+        return errSTORE_NOT_INITIALIZED;
+      },
       .CloseObject = kReserved,
-      .Send = [](HostObject*, std::uint32_t, std::uint32_t, HostObject*, std::uint32_t,
-                 std::uint32_t) -> ResultCode { return errSTORE_NOT_INITIALIZED; },
-      .RegisterMessageHandler = [](HostObject*, std::uint32_t, std::uint32_t, HostObject*, std::uint32_t,
-                                   std::uint32_t, std::uint32_t,
-                                   std::uint32_t) -> ResultCode { return errSTORE_NOT_INITIALIZED; },
+      .Send = [](HostObject*, std::uint32_t, std::uint32_t, HostObject*, std::uint32_t, std::uint32_t) -> ResultCode {
+        return errSTORE_NOT_INITIALIZED;
+      },
+      .RegisterMessageHandler = [](HostObject*, std::uint32_t, std::uint32_t, HostObject*, std::uint32_t, std::uint32_t,
+                                   std::uint32_t, std::uint32_t) -> ResultCode { return errSTORE_NOT_INITIALIZED; },
       .UnregisterMessageHandler = [](HostObject*, std::uint32_t, HostObject*) -> ResultCode {
         return errSTORE_NOT_INITIALIZED;
       },
@@ -165,13 +165,11 @@ void ReferenceShared(HostObject* pInstance) {
 
 bool IsContainer(HostObject* pObject) {
   if (pObject == nullptr) return false;
-  return static_cast<const HostObjectOperations*>(pObject->pOperations)
-             ->IsOfType(pObject, kHostContainerType) != 0;
+  return static_cast<const HostObjectOperations*>(pObject->pOperations)->IsOfType(pObject, kHostContainerType) != 0;
 }
 
 ResultCode AppendToContainer(HostObject* pContainer, std::uint32_t nList, std::uint64_t nValue) {
-  return static_cast<const HostContainerOperations*>(pContainer->pOperations)
-      ->Append(pContainer, nList, nValue);
+  return static_cast<const HostContainerOperations*>(pContainer->pOperations)->Append(pContainer, nList, nValue);
 }
 
 // ---- Text
@@ -208,8 +206,7 @@ const HostStringOperations& StringOperationsOf(HostObject* pString) {
 
 StringObject::StringObject(HostObject* pParent, std::u16string_view Text) {
   constexpr std::uint32_t kCopyText = 0x10000;
-  if (pParent == nullptr ||
-      Failed(SystemOf(pParent).CreateObject(pParent, kHostStringInterface, 0, 0, &m_pObject))) {
+  if (pParent == nullptr || Failed(SystemOf(pParent).CreateObject(pParent, kHostStringInterface, 0, 0, &m_pObject))) {
     m_pObject = nullptr;
     return;
   }

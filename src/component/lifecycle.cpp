@@ -98,8 +98,7 @@ ResultCode Lumbra::OpenStore() {
   m_IndexPath.Join(u"g_db_id.dat");
   ReadCheckMode();
 
-  const ResultCode nShared =
-      SharedObjects::AddUser(Folder.Text(), m_nCheckMode != 0, m_nEnvironmentFlag != 0);
+  const ResultCode nShared = SharedObjects::AddUser(Folder.Text(), m_nCheckMode != 0, m_nEnvironmentFlag != 0);
   if (Failed(nShared)) return errOPEN_FAILED;
   m_bUsesSharedObjects = true;
 
@@ -130,8 +129,7 @@ ResultCode Lumbra::LoadIndexAndCheck() {
   Trace(&Handle, traceRoutine, "lmb\tObjectInitDone: trying to load persistent indexes, from file '%S'",
         m_IndexPath.Text());
   bool bCorrupted = false;
-  if (Failed(LoadPersistentIndexes(std::u16string(m_IndexPath.View()), &m_Index, &bCorrupted)))
-    return errOPEN_FAILED;
+  if (Failed(LoadPersistentIndexes(std::u16string(m_IndexPath.View()), &m_Index, &bCorrupted))) return errOPEN_FAILED;
   if (!bCorrupted) {
     bCorrupted = m_Slots[kSystemDatabase].Manager.Check(StoreChoice::Global) == errDATA_CORRUPTED;
   }
@@ -147,8 +145,8 @@ void Lumbra::RegisterHostName() {
   Expanded.Append(Name);
   if (nSent != 1) return;
   std::uint64_t nHostObjectId = kNoHostObject;
-  const ResultCode nCode = FindObject(kSystemDatabase, typeFile, Expanded.Text(), kZeroTerminated,
-                                      findOrCreate, 0, 0, &nHostObjectId);
+  const ResultCode nCode =
+      FindObject(kSystemDatabase, typeFile, Expanded.Text(), kZeroTerminated, findOrCreate, 0, 0, &nHostObjectId);
   if (Succeeded(nCode)) m_nHostObjectId = nHostObjectId;
 }
 
@@ -164,11 +162,9 @@ void Lumbra::GiveBack() {
 ResultCode Lumbra::MessageReceive(std::uint32_t nClass, std::uint32_t nMessageId) {
   if (nClass != kFlushMessageClass || nMessageId != kFlushMessageId) return errOK;
   const SharedHold Hold(m_Lock);
-  for (DatabaseSlot& Slot : m_Slots)
-    Slot.Manager.Flush();
+  for (DatabaseSlot& Slot : m_Slots) Slot.Manager.Flush();
   // Without the main lock: a flush waits for the disk, and adds to other databases need not wait with it.
-  for (const NamedDatabaseRef& Named : NamedDatabases())
-    Named->Manager.Flush();
+  for (const NamedDatabaseRef& Named : NamedDatabases()) Named->Manager.Flush();
   return errOK;
 }
 
@@ -176,8 +172,7 @@ ResultCode Lumbra::ObjectShutdown() {
   ForgetSharedInstance(this);
   if (std::exchange(m_bHandlerRegistered, false)) binding::UnregisterFlushHandler(&Handle);
   if (std::exchange(m_bUsesSharedObjects, false)) SharedObjects::RemoveUser();
-  for (DatabaseSlot& Slot : m_Slots)
-    Slot.Manager.TearDown();
+  for (DatabaseSlot& Slot : m_Slots) Slot.Manager.TearDown();
   std::vector<NamedDatabaseRef> Dropped;
   {
     const std::lock_guard Hold(m_MainLock);

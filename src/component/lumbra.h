@@ -57,11 +57,9 @@ class Lumbra : public HostedInstance {
 
   // ---- Events (events.cpp) ----
 
-  ResultCode AddEvent(std::uint32_t nDatabase, const void* pData, std::uint32_t nSize,
-                      std::uint64_t* pnEventId);
-  ResultCode GetEvents(std::uint32_t nDatabase, std::uint64_t nStart, void* pBuffer,
-                       std::uint32_t nBufferSize, std::uint32_t nCount, std::uint32_t* pnRead,
-                       HostObject* pParents);
+  ResultCode AddEvent(std::uint32_t nDatabase, const void* pData, std::uint32_t nSize, std::uint64_t* pnEventId);
+  ResultCode GetEvents(std::uint32_t nDatabase, std::uint64_t nStart, void* pBuffer, std::uint32_t nBufferSize,
+                       std::uint32_t nCount, std::uint32_t* pnRead, HostObject* pParents);
   ResultCode UpdateEvent(std::uint64_t nEventId, const void* pData, std::uint32_t nSize);
 
   // ---- Objects (objects.cpp) ----
@@ -69,9 +67,9 @@ class Lumbra : public HostedInstance {
   ResultCode FindObjectSimple(std::uint32_t nDatabase, std::uint32_t nType, const char16_t* pName,
                               std::int32_t nNameSize, std::uint32_t nCreate, std::uint32_t nFlagsOverride,
                               std::uint64_t* pnObjectId);
-  ResultCode FindObject(std::uint32_t nDatabase, std::uint32_t nType, const char16_t* pName,
-                        std::int32_t nNameSize, std::uint32_t nCreate, std::uint32_t nFlagsOverride,
-                        std::uint64_t nParentId, std::uint64_t* pnObjectId);
+  ResultCode FindObject(std::uint32_t nDatabase, std::uint32_t nType, const char16_t* pName, std::int32_t nNameSize,
+                        std::uint32_t nCreate, std::uint32_t nFlagsOverride, std::uint64_t nParentId,
+                        std::uint64_t* pnObjectId);
   ResultCode GetObjectName(std::uint64_t nObjectId, char16_t* pBuffer, std::uint32_t nBufferSize,
                            std::uint32_t* pnNameSize, std::uint32_t nFlagsOverride, std::uint32_t* pnType);
 
@@ -138,8 +136,7 @@ class Lumbra : public HostedInstance {
   // databases.cpp
   HostText DatabaseFolder(std::u16string_view Name);
   bool InitEnvironment(StorageEnvironment* pEnvironment, const HostText& Folder);
-  ResultCode InitManager(SegmentManager* pManager, StorageEnvironment* pEnvironment,
-                         std::uint32_t nEventSize);
+  ResultCode InitManager(SegmentManager* pManager, StorageEnvironment* pEnvironment, std::uint32_t nEventSize);
   ResultCode OpenNamed(const char16_t* pName, std::uint32_t nEventSize, std::uint32_t* pnDatabase);
   ResultCode KeepNamed(const NamedDatabaseRef& Named, const std::string* pNewKey);
   ResultCode SetOneDBParam(std::uint32_t nDatabase, std::uint32_t nKind, std::uint64_t nValue);
@@ -153,12 +150,10 @@ class Lumbra : public HostedInstance {
   ResultCode DropOldestSegment(SegmentManager& Manager);
 
   // events.cpp
-  ResultCode AddEventNamed(std::uint32_t nDatabase, const void* pData, std::uint32_t nSize,
-                           std::uint64_t* pnEventId);
+  ResultCode AddEventNamed(std::uint32_t nDatabase, const void* pData, std::uint32_t nSize, std::uint64_t* pnEventId);
   ResultCode Append(SegmentManager& Manager, std::uint32_t nDatabase, const void* pData, std::uint32_t nSize,
                     std::uint64_t* pnEventId);
-  void AppendParents(const void* pEvents, std::uint32_t nCount, std::uint32_t nEventSize,
-                     HostObject* pParents);
+  void AppendParents(const void* pEvents, std::uint32_t nCount, std::uint32_t nEventSize, HostObject* pParents);
   std::uint64_t ParentOf(std::uint64_t nObjectId);
   void MarkCorruptedOn(ResultCode nCode);
 

@@ -14,8 +14,7 @@
 namespace lumbra {
 
 struct NamedDatabase {
-  NamedDatabase(HostText DatabaseName, std::uint32_t nDatabaseId)
-      : Name(std::move(DatabaseName)), nId(nDatabaseId) {}
+  NamedDatabase(HostText DatabaseName, std::uint32_t nDatabaseId) : Name(std::move(DatabaseName)), nId(nDatabaseId) {}
 
   HostText Name;  // at most 63 characters
   std::uint32_t nId;
@@ -29,15 +28,13 @@ class NamedDatabaseRef {
   NamedDatabaseRef() = default;
   explicit NamedDatabaseRef(NamedDatabase* pDatabase) : m_pDatabase(pDatabase) { AddReference(); }
   NamedDatabaseRef(const NamedDatabaseRef& Other) : m_pDatabase(Other.m_pDatabase) { AddReference(); }
-  NamedDatabaseRef(NamedDatabaseRef&& Other) noexcept
-      : m_pDatabase(std::exchange(Other.m_pDatabase, nullptr)) {}
+  NamedDatabaseRef(NamedDatabaseRef&& Other) noexcept : m_pDatabase(std::exchange(Other.m_pDatabase, nullptr)) {}
   NamedDatabaseRef& operator=(NamedDatabaseRef Other) noexcept {
     std::swap(m_pDatabase, Other.m_pDatabase);
     return *this;
   }
   ~NamedDatabaseRef() {
-    if (m_pDatabase != nullptr && binding::AtomicDecrement(&m_pDatabase->nReferences) == 0)
-      delete m_pDatabase;
+    if (m_pDatabase != nullptr && binding::AtomicDecrement(&m_pDatabase->nReferences) == 0) delete m_pDatabase;
   }
 
   NamedDatabase* operator->() const { return m_pDatabase; }

@@ -19,8 +19,8 @@ std::uint64_t Lumbra::WithoutAlias(std::uint64_t nObjectId) const {
 }
 
 ResultCode Lumbra::FindObjectSimple(std::uint32_t nDatabase, std::uint32_t nType, const char16_t* pName,
-                                    std::int32_t nNameSize, std::uint32_t nCreate,
-                                    std::uint32_t nFlagsOverride, std::uint64_t* pnObjectId) {
+                                    std::int32_t nNameSize, std::uint32_t nCreate, std::uint32_t nFlagsOverride,
+                                    std::uint64_t* pnObjectId) {
   return FindObject(nDatabase, nType, pName, nNameSize, nCreate, nFlagsOverride, 0, pnObjectId);
 }
 
@@ -54,8 +54,7 @@ ResultCode Lumbra::FindObject(std::uint32_t nDatabase, std::uint32_t nType, cons
 }
 
 ResultCode Lumbra::GetObjectName(std::uint64_t nObjectId, char16_t* pBuffer, std::uint32_t nBufferSize,
-                                 std::uint32_t* pnNameSize, std::uint32_t nFlagsOverride,
-                                 std::uint32_t* pnType) {
+                                 std::uint32_t* pnNameSize, std::uint32_t nFlagsOverride, std::uint32_t* pnType) {
   nObjectId = WithoutAlias(nObjectId);
   const SharedHold Hold(m_Lock);
   const IoPriorityGuard Guard;
@@ -78,8 +77,7 @@ ResultCode Lumbra::GetObjectName(std::uint64_t nObjectId, char16_t* pBuffer, std
     Trace(&Handle, traceRoutine, "lmb\tGetObjectName(%X:%I64X) => %*.*S", nDatabase, nLocalId, nUnits, nUnits,
           static_cast<const char16_t*>(pBuffer));
   } else if (pBuffer != nullptr) {
-    Trace(&Handle, traceRoutine, "lmb\tGetObjectName(%X:%I64X) => type %u", nDatabase, nLocalId,
-          std::uint32_t{nType});
+    Trace(&Handle, traceRoutine, "lmb\tGetObjectName(%X:%I64X) => type %u", nDatabase, nLocalId, std::uint32_t{nType});
   }
   if (pnType != nullptr) *pnType = nType;
   return nCode;

@@ -82,10 +82,8 @@ const LumbraLifecycle Lumbra::kLifecycle = {
     .Slot5 = NothingToDo,
     .MessageReceive = Lifecycle<&Lumbra::MessageReceive>::Call,
     .PropertyAccess = Lifecycle<&Lumbra::PropertyAccess>::Call,
-    .Destructor =
-        [](LumbraInstance* pInstance, std::uint32_t nFree) {
-          nFree != 0 ? DestroyAndFree(&Of(pInstance)) : Destroy(&Of(pInstance));
-        },
+    .Destructor = [](LumbraInstance* pInstance,
+                     std::uint32_t nFree) { nFree != 0 ? DestroyAndFree(&Of(pInstance)) : Destroy(&Of(pInstance)); },
 };
 
 }  // namespace lumbra

@@ -20,8 +20,8 @@ bool IsShortage(ResultCode nCode) {
 
 }  // namespace
 
-ResultCode Segment::Init(StorageEnvironment* pEnv, std::uint32_t nEventSize, Files Which,
-                         std::uint32_t nNumber, ObjectDB* pGlobalObjects) {
+ResultCode Segment::Init(StorageEnvironment* pEnv, std::uint32_t nEventSize, Files Which, std::uint32_t nNumber,
+                         ObjectDB* pGlobalObjects) {
   if (m_bOpened) return errALREADY_DONE;
   if (pEnv == nullptr) return errPARAMETER_INVALID;
   m_nEventSize = nEventSize;
@@ -120,8 +120,8 @@ ResultCode Segment::AddEvent(const void* pData, std::uint32_t nSize, std::uint64
   return errOK;
 }
 
-ResultCode Segment::GetEvents(std::uint32_t nIndexLow, std::uint32_t nIndexHigh, std::uint32_t nCount,
-                              void* pBuffer, std::uint32_t nBufferSize, std::uint32_t* pnDelivered) {
+ResultCode Segment::GetEvents(std::uint32_t nIndexLow, std::uint32_t nIndexHigh, std::uint32_t nCount, void* pBuffer,
+                              std::uint32_t nBufferSize, std::uint32_t* pnDelivered) {
   if (Failed(Open())) return errOPEN_FAILED;
   if (nIndexHigh != 0 && nIndexHigh != m_nNumber) return errOBJECT_NOT_FOUND;
   const std::uint64_t nWanted = std::uint64_t{nCount} * m_nEventSize;
@@ -197,9 +197,8 @@ ResultCode Segment::FindObject(StoreChoice Choice, const ObjectQuery& Query, std
   return FindObjectByName(Stores(), Choice, Query, pnId);
 }
 
-ResultCode Segment::GetObjectName(std::uint64_t nId, void* pBuffer, std::uint32_t nBufferSize,
-                                  std::uint32_t* pnNeeded, std::uint32_t nFlagsOverride,
-                                  std::uint8_t* pnType) {
+ResultCode Segment::GetObjectName(std::uint64_t nId, void* pBuffer, std::uint32_t nBufferSize, std::uint32_t* pnNeeded,
+                                  std::uint32_t nFlagsOverride, std::uint8_t* pnType) {
   if (Failed(Open())) return errOPEN_FAILED;
   return BuildObjectName(Stores(), nId, pBuffer, nBufferSize, pnNeeded, nFlagsOverride, pnType);
 }
@@ -211,14 +210,12 @@ ResultCode Segment::GetObjectParent(std::uint64_t nId, std::uint64_t* pnParentId
   });
 }
 
-ResultCode Segment::GetObjectData(std::uint64_t nId, void* pBuffer, std::uint32_t nBufferSize,
-                                  std::uint32_t* pnSize, std::uint32_t nTag) {
-  return OnStoreOf(
-      nId, [&](ObjectDB& Store) { return Store.GetObjectData(nId, pBuffer, nBufferSize, pnSize, nTag); });
+ResultCode Segment::GetObjectData(std::uint64_t nId, void* pBuffer, std::uint32_t nBufferSize, std::uint32_t* pnSize,
+                                  std::uint32_t nTag) {
+  return OnStoreOf(nId, [&](ObjectDB& Store) { return Store.GetObjectData(nId, pBuffer, nBufferSize, pnSize, nTag); });
 }
 
-ResultCode Segment::SetObjectData(std::uint64_t nId, const void* pData, std::uint32_t nSize,
-                                  std::uint32_t nTag) {
+ResultCode Segment::SetObjectData(std::uint64_t nId, const void* pData, std::uint32_t nSize, std::uint32_t nTag) {
   return OnStoreOf(nId, [&](ObjectDB& Store) { return Store.SetObjectData(nId, pData, nSize, nTag); });
 }
 

@@ -48,8 +48,7 @@ class Segment {
   ResultCode AddEvent(const void* pData, std::uint32_t nSize, std::uint64_t* pnId);
   ResultCode GetEvents(std::uint32_t nIndexLow, std::uint32_t nIndexHigh, std::uint32_t nCount, void* pBuffer,
                        std::uint32_t nBufferSize, std::uint32_t* pnDelivered);
-  ResultCode UpdateEvent(std::uint32_t nIndexLow, std::uint32_t nIndexHigh, const void* pData,
-                         std::uint32_t nSize);
+  ResultCode UpdateEvent(std::uint32_t nIndexLow, std::uint32_t nIndexHigh, const void* pData, std::uint32_t nSize);
 
   // Without opening anything: from the folder when the segment is not open.
   ResultCode GetEventCount(std::uint64_t* pnCount);
@@ -63,10 +62,9 @@ class Segment {
   // Objects. Ids lead by their high word to the shared store (0) or the segment's own (its number);
   // errOBJECT_NOT_FOUND for any other.
   ResultCode FindObject(StoreChoice Choice, const ObjectQuery& Query, std::uint64_t* pnId);
-  ResultCode GetObjectName(std::uint64_t nId, void* pBuffer, std::uint32_t nBufferSize,
-                           std::uint32_t* pnNeeded, std::uint32_t nFlagsOverride, std::uint8_t* pnType);
-  ResultCode GetObjectParent(std::uint64_t nId, std::uint64_t* pnParentId, std::uint64_t* pnHash,
-                             std::uint8_t* pnType);
+  ResultCode GetObjectName(std::uint64_t nId, void* pBuffer, std::uint32_t nBufferSize, std::uint32_t* pnNeeded,
+                           std::uint32_t nFlagsOverride, std::uint8_t* pnType);
+  ResultCode GetObjectParent(std::uint64_t nId, std::uint64_t* pnParentId, std::uint64_t* pnHash, std::uint8_t* pnType);
   ResultCode GetObjectData(std::uint64_t nId, void* pBuffer, std::uint32_t nBufferSize, std::uint32_t* pnSize,
                            std::uint32_t nTag);
   ResultCode SetObjectData(std::uint64_t nId, const void* pData, std::uint32_t nSize, std::uint32_t nTag);

@@ -53,8 +53,7 @@ ResultCode SegmentManager::OpenHeader(std::uint32_t nEventSize) {
   const ResultCode nCode = m_pEnv->OpenFile(u"segments.dat", 0, true, true, &m_pHeaderFile);
   if (Failed(nCode)) return nCode;
   std::uint32_t nRead = 0;
-  const bool bRead =
-      m_pHeaderFile->SeekRead(0, &m_Header, sizeof(m_Header), &nRead) && nRead == sizeof(m_Header);
+  const bool bRead = m_pHeaderFile->SeekRead(0, &m_Header, sizeof(m_Header), &nRead) && nRead == sizeof(m_Header);
   const bool bOurs = bRead && std::memcmp(m_Header.nMagic, kMagic, sizeof(kMagic)) == 0;
   if (bOurs && m_Header.nEventSize == nEventSize) return errOK;
   std::memcpy(m_Header.nMagic, kMagic, sizeof(kMagic));
@@ -69,8 +68,8 @@ ResultCode SegmentManager::ListSegments() {
   for (m_nNextNumber = m_Header.nFirstSegment; m_nNextNumber < kNumberLimit; ++m_nNextNumber) {
     std::unique_ptr<Segment> pSegment = MakeSegment();
     if (pSegment == nullptr) return errOUT_OF_MEMORY;
-    const ResultCode nCode = pSegment->Init(m_pEnv, m_Header.nEventSize, Segment::Files::Existing,
-                                            m_nNextNumber, m_pGlobalObjects);
+    const ResultCode nCode =
+        pSegment->Init(m_pEnv, m_Header.nEventSize, Segment::Files::Existing, m_nNextNumber, m_pGlobalObjects);
     std::uint64_t nEvents = 0;
     if (Failed(nCode) || Failed(pSegment->GetEventCount(&nEvents))) break;
     const ResultCode nAppended = AppendEntry(std::move(pSegment), nEvents);
@@ -117,8 +116,7 @@ ResultCode SegmentManager::NewSegment() {
   if (m_nNextNumber >= kNumberLimit) return errOUT_OF_SPACE;
   std::unique_ptr<Segment> pSegment = MakeSegment();
   if (pSegment == nullptr) return errOUT_OF_MEMORY;
-  ResultCode nCode =
-      pSegment->Init(m_pEnv, m_Header.nEventSize, Segment::Files::New, m_nNextNumber, m_pGlobalObjects);
+  ResultCode nCode = pSegment->Init(m_pEnv, m_Header.nEventSize, Segment::Files::New, m_nNextNumber, m_pGlobalObjects);
   if (Failed(nCode)) return nCode;
   nCode = WriteHeader();
   if (Failed(nCode)) return nCode;
@@ -151,9 +149,9 @@ ResultCode SegmentManager::WriteHeader() {
 SegmentManager::tSEGMENT_ENTRY* SegmentManager::FindEntry(std::uint32_t nSegment) {
   if (m_Segments.empty()) return nullptr;
   if (nSegment == 0 || nSegment == m_Segments.back().nNumber) return &m_Segments.back();
-  const auto Found = std::lower_bound(
-      m_Segments.begin(), m_Segments.end(), nSegment,
-      [](const tSEGMENT_ENTRY& Entry, std::uint32_t nNumber) { return Entry.nNumber < nNumber; });
+  const auto Found =
+      std::lower_bound(m_Segments.begin(), m_Segments.end(), nSegment,
+                       [](const tSEGMENT_ENTRY& Entry, std::uint32_t nNumber) { return Entry.nNumber < nNumber; });
   return Found != m_Segments.end() && Found->nNumber == nSegment ? &*Found : nullptr;
 }
 
@@ -232,8 +230,7 @@ ResultCode SegmentManager::AddEvent(const void* pData, std::uint32_t nSize, std:
 }
 
 ResultCode SegmentManager::GetEvents(std::uint32_t nStartLow, std::int32_t nStartHigh, void* pBuffer,
-                                     std::uint32_t nCount, std::uint32_t nBufferSize,
-                                     std::uint32_t* pnDelivered) {
+                                     std::uint32_t nCount, std::uint32_t nBufferSize, std::uint32_t* pnDelivered) {
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
   const std::lock_guard Hold(m_Lock);
   std::uint32_t nDelivered = 0;
@@ -253,8 +250,8 @@ ResultCode SegmentManager::GetEvents(std::uint32_t nStartLow, std::int32_t nStar
     const auto nWanted =
         static_cast<std::uint32_t>(std::min<std::uint64_t>(Entry.nEventCount - From.nPosition, nCount));
     std::uint32_t nGot = 0;
-    const ResultCode nRead = Entry.pSegment->GetEvents(static_cast<std::uint32_t>(From.nPosition), 0, nWanted,
-                                                       pCursor, nBufferSize, &nGot);
+    const ResultCode nRead =
+        Entry.pSegment->GetEvents(static_cast<std::uint32_t>(From.nPosition), 0, nWanted, pCursor, nBufferSize, &nGot);
     if (nRead != errOK) return nRead;
     if (nGot != nWanted) return errUNEXPECTED;
     const std::uint32_t nBytes = nGot * m_Header.nEventSize;
@@ -286,8 +283,7 @@ ResultCode SegmentManager::FindStart(std::uint32_t nStartLow, std::int32_t nStar
 
 ResultCode SegmentManager::UpdateEvent(std::uint32_t nIndexLow, std::uint32_t nSegment, const void* pData,
                                        std::uint32_t nSize) {
-  return OnSegment(nSegment,
-                   [&](Segment& Found) { return Found.UpdateEvent(nIndexLow, nSegment, pData, nSize); });
+  return OnSegment(nSegment, [&](Segment& Found) { return Found.UpdateEvent(nIndexLow, nSegment, pData, nSize); });
 }
 
 // ---- Totals
@@ -337,8 +333,7 @@ ResultCode SegmentManager::OnSegment(std::uint32_t nSegment, Operation Do) {
 ResultCode SegmentManager::Flush() {
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
   const std::lock_guard Hold(m_Lock);
-  for (const tSEGMENT_ENTRY& Entry : m_Segments)
-    Entry.pSegment->Flush();
+  for (const tSEGMENT_ENTRY& Entry : m_Segments) Entry.pSegment->Flush();
   return errOK;
 }
 
@@ -355,30 +350,27 @@ ResultCode SegmentManager::FindObject(StoreChoice Choice, const ObjectQuery& Que
 }
 
 ResultCode SegmentManager::GetObjectName(std::uint64_t nId, void* pBuffer, std::uint32_t nBufferSize,
-                                         std::uint32_t* pnNeeded, std::uint32_t nFlagsOverride,
-                                         std::uint8_t* pnType) {
+                                         std::uint32_t* pnNeeded, std::uint32_t nFlagsOverride, std::uint8_t* pnType) {
   return OnSegment(StoreNumberOf(nId), [&](Segment& Found) {
     return Found.GetObjectName(nId, pBuffer, nBufferSize, pnNeeded, nFlagsOverride, pnType);
   });
 }
 
-ResultCode SegmentManager::GetObjectParent(std::uint64_t nId, std::uint64_t* pnParentId,
-                                           std::uint64_t* pnHash, std::uint8_t* pnType) {
+ResultCode SegmentManager::GetObjectParent(std::uint64_t nId, std::uint64_t* pnParentId, std::uint64_t* pnHash,
+                                           std::uint8_t* pnType) {
   return OnSegment(StoreNumberOf(nId),
                    [&](Segment& Found) { return Found.GetObjectParent(nId, pnParentId, pnHash, pnType); });
 }
 
 ResultCode SegmentManager::GetObjectData(std::uint64_t nId, void* pBuffer, std::uint32_t nBufferSize,
                                          std::uint32_t* pnSize, std::uint32_t nTag) {
-  return OnSegment(StoreNumberOf(nId), [&](Segment& Found) {
-    return Found.GetObjectData(nId, pBuffer, nBufferSize, pnSize, nTag);
-  });
+  return OnSegment(StoreNumberOf(nId),
+                   [&](Segment& Found) { return Found.GetObjectData(nId, pBuffer, nBufferSize, pnSize, nTag); });
 }
 
 ResultCode SegmentManager::SetObjectData(std::uint64_t nId, const void* pData, std::uint32_t nSize,
                                          std::uint32_t nTag) {
-  return OnSegment(StoreNumberOf(nId),
-                   [&](Segment& Found) { return Found.SetObjectData(nId, pData, nSize, nTag); });
+  return OnSegment(StoreNumberOf(nId), [&](Segment& Found) { return Found.SetObjectData(nId, pData, nSize, nTag); });
 }
 
 ResultCode SegmentManager::RemoveAllObjectData(std::uint64_t nId) {

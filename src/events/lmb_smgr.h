@@ -25,10 +25,9 @@ namespace lumbra {
 
 // The whole content of "segments.dat".
 struct tSDB_HEADER {
-  char nMagic[4];  // 0: "SDBH"
-  std::uint32_t
-      nFirstSegment;         // 4: number of the oldest segment; the others follow without a gap. 0: none yet
-  std::uint32_t nEventSize;  // 8: bytes of every event of the database
+  char nMagic[4];               // 0: "SDBH"
+  std::uint32_t nFirstSegment;  // 4: number of the oldest segment; the others follow without a gap. 0: none yet
+  std::uint32_t nEventSize;     // 8: bytes of every event of the database
 };
 static_assert(sizeof(tSDB_HEADER) == 12);
 
@@ -43,8 +42,7 @@ class SegmentManager {
   // another event size, starts the database anew; the files of its segments are deleted as their numbers come
   // up again. errALREADY_DONE when initialised. The environment and the shared object store (which may be
   // null) must outlive the use. After a failure nothing is open.
-  ResultCode Init(StorageEnvironment* pEnv, std::uint32_t nEventSize, ObjectDB* pGlobalObjects,
-                  bool bCheckMode);
+  ResultCode Init(StorageEnvironment* pEnv, std::uint32_t nEventSize, ObjectDB* pGlobalObjects, bool bCheckMode);
 
   // Deletes every file of the folder and starts the first segment, with the same event size.
   ResultCode Clear();
@@ -68,8 +66,7 @@ class SegmentManager {
                        std::uint32_t nBufferSize, std::uint32_t* pnDelivered);
 
   // Segment number 0 means the newest. errOBJECT_NOT_FOUND when there is no such segment.
-  ResultCode UpdateEvent(std::uint32_t nIndexLow, std::uint32_t nSegment, const void* pData,
-                         std::uint32_t nSize);
+  ResultCode UpdateEvent(std::uint32_t nIndexLow, std::uint32_t nSegment, const void* pData, std::uint32_t nSize);
 
   // ---- Limits and totals (these work in any state) ----
 
@@ -106,10 +103,9 @@ class SegmentManager {
 
   // These find the segment from the id's high word, where 0 means the newest, which leads on to the shared
   // store. errOBJECT_NOT_FOUND when there is no such segment. Arguments as in Segment.
-  ResultCode GetObjectName(std::uint64_t nId, void* pBuffer, std::uint32_t nBufferSize,
-                           std::uint32_t* pnNeeded, std::uint32_t nFlagsOverride, std::uint8_t* pnType);
-  ResultCode GetObjectParent(std::uint64_t nId, std::uint64_t* pnParentId, std::uint64_t* pnHash,
-                             std::uint8_t* pnType);
+  ResultCode GetObjectName(std::uint64_t nId, void* pBuffer, std::uint32_t nBufferSize, std::uint32_t* pnNeeded,
+                           std::uint32_t nFlagsOverride, std::uint8_t* pnType);
+  ResultCode GetObjectParent(std::uint64_t nId, std::uint64_t* pnParentId, std::uint64_t* pnHash, std::uint8_t* pnType);
   ResultCode GetObjectData(std::uint64_t nId, void* pBuffer, std::uint32_t nBufferSize, std::uint32_t* pnSize,
                            std::uint32_t nTag);
   ResultCode SetObjectData(std::uint64_t nId, const void* pData, std::uint32_t nSize, std::uint32_t nTag);
@@ -155,11 +151,10 @@ class SegmentManager {
   ResultCode OnSegment(std::uint32_t nSegment, Operation Do);
 
   StorageEnvironment* m_pEnv = nullptr;
-  std::atomic<bool> m_bInitialized{false};  // looked at before the lock is taken
-  os::CriticalSection m_Lock;               // guards everything below, and every segment
-  std::vector<tSEGMENT_ENTRY> m_Segments;   // oldest first
-  std::atomic<std::uint64_t> m_nSegmentMaxEvents{
-      0};  // a limit is written under the lock, and read also without
+  std::atomic<bool> m_bInitialized{false};            // looked at before the lock is taken
+  os::CriticalSection m_Lock;                         // guards everything below, and every segment
+  std::vector<tSEGMENT_ENTRY> m_Segments;             // oldest first
+  std::atomic<std::uint64_t> m_nSegmentMaxEvents{0};  // a limit is written under the lock, and read also without
   std::atomic<std::uint64_t> m_nSegmentMaxSize{0};
   std::atomic<std::uint64_t> m_nSegmentMaxAge{0};
   std::atomic<std::uint64_t> m_nDbMaxEvents{0};

@@ -21,12 +21,10 @@ constexpr int kShifts[4][4] = {{7, 12, 17, 22}, {5, 9, 14, 20}, {4, 11, 16, 23},
 
 // One round of 16 steps: its mixing function, and the order in which it takes the words of the block.
 template <int nRound, class Mix>
-void Round(std::uint32_t (&State)[4], const std::uint32_t (&Words)[16], int nFirstWord, int nWordStep,
-           Mix Mixed) {
+void Round(std::uint32_t (&State)[4], const std::uint32_t (&Words)[16], int nFirstWord, int nWordStep, Mix Mixed) {
   for (int i = 0; i < 16; ++i) {
     const std::uint32_t nWord = Words[(nFirstWord + i * nWordStep) % 16];
-    const std::uint32_t nSum =
-        State[0] + Mixed(State[1], State[2], State[3]) + kSines[nRound * 16 + i] + nWord;
+    const std::uint32_t nSum = State[0] + Mixed(State[1], State[2], State[3]) + kSines[nRound * 16 + i] + nWord;
     const std::uint32_t nTurned = State[1] + std::rotl(nSum, kShifts[nRound][i % 4]);
     State[0] = State[3];
     State[3] = State[2];
@@ -46,8 +44,7 @@ void Md5::Transform(const std::uint8_t* pBlock) {
   Round<1>(State, Words, 1, 5, [](Word b, Word c, Word d) { return c ^ (d & (b ^ c)); });
   Round<2>(State, Words, 5, 3, [](Word b, Word c, Word d) { return b ^ c ^ d; });
   Round<3>(State, Words, 0, 7, [](Word b, Word c, Word d) { return c ^ (b | ~d); });
-  for (int i = 0; i < 4; ++i)
-    m_State[i] += State[i];
+  for (int i = 0; i < 4; ++i) m_State[i] += State[i];
 }
 
 void Md5::Update(const void* pData, std::size_t nSize) {

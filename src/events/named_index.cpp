@@ -69,9 +69,8 @@ bool ReadSignature(File& Index, const std::u16string& Path, bool* pbCorrupted) {
   if (*pbCorrupted || Signature == PlainSignature()) return true;
   Index.Close();
   Trace(kHostRoot, traceDamage, "lmb\tTryLoadPersistentIndexes: file signature is not valid");
-  Trace(kHostRoot, traceDamage,
-        "lmb\tTryLoadPersistentIndexes: corrupted persistent index file (%S) content: %S", Path.c_str(),
-        u"none");
+  Trace(kHostRoot, traceDamage, "lmb\tTryLoadPersistentIndexes: corrupted persistent index file (%S) content: %S",
+        Path.c_str(), u"none");
   return false;
 }
 
@@ -79,8 +78,7 @@ bool TryLoadPersistentIndexes(const std::u16string& Path, PersistentIndex* pName
   File Index;
   const ResultCode nOpened = Index.OpenWithFlags(Path, fileRead, openExisting);
   if (Failed(nOpened)) {
-    Trace(kHostRoot, traceNotable, "lmb\tTryLoadPersistentIndexes: failed to open file, ulo res = %u",
-          Number(nOpened));
+    Trace(kHostRoot, traceNotable, "lmb\tTryLoadPersistentIndexes: failed to open file, ulo res = %u", Number(nOpened));
     return false;
   }
   if (!ReadSignature(Index, Path, pbCorrupted)) return false;
@@ -94,8 +92,7 @@ bool TryLoadPersistentIndexes(const std::u16string& Path, PersistentIndex* pName
     return false;
   }
   Items.resize(Done.nBytes / kIndexBlockSize);
-  for (const Block& Item : Items)
-    pNames->emplace_back(Item.data(), strnlen(Item.data(), kMaxIndexNameLength));
+  for (const Block& Item : Items) pNames->emplace_back(Item.data(), strnlen(Item.data(), kMaxIndexNameLength));
   Trace(kHostRoot, traceRoutine, "lmb\tTryLoadPersistentIndexes: successful, %u items read, %s",
         static_cast<std::uint32_t>(pNames->size()), *pbCorrupted ? "DB Corrupted" : "DB Ok");
   return true;
@@ -134,8 +131,7 @@ ResultCode LoadPersistentIndexes(const std::u16string& Path, PersistentIndex* pN
   pNames->clear();
   try {
     if (TryLoadPersistentIndexes(Path, pNames, pbCorrupted)) return errOK;
-    Trace(kHostRoot, traceNotable,
-          "lmb\tLoadPersistentIndexes: file is absent or invalid, creating new one..");
+    Trace(kHostRoot, traceNotable, "lmb\tLoadPersistentIndexes: file is absent or invalid, creating new one..");
     if (!TryCreatePersistentIndexesFile(Path)) {
       Trace(kHostRoot, traceFailure, "lmb\tLoadPersistentIndexes: failed to create index file");
       return errUNSPECIFIED;
@@ -152,24 +148,24 @@ ResultCode SavePersistentIndex(const std::u16string& Path, std::uint32_t nIndex,
   File Index;
   ResultCode nCode = Index.OpenWithFlags(Path, fileWrite, openExisting);
   if (Failed(nCode)) {
-    Trace(kHostRoot, traceFailure, "lmb\tSavePersistentIndex(%u): File Create failed, ulo result = %u",
-          nIndex, Number(nCode));
+    Trace(kHostRoot, traceFailure, "lmb\tSavePersistentIndex(%u): File Create failed, ulo result = %u", nIndex,
+          Number(nCode));
     return nCode;
   }
   constexpr std::uint32_t kFromEnd = 2;
   std::uint64_t nPosition = 0;
   nCode = Index.Seek(kFromEnd, 0, &nPosition);
   if (Failed(nCode)) {
-    Trace(kHostRoot, traceFailure, "lmb\tSavePersistentIndex(%u): File Seek(end, 0) failed, ulo result = %u",
-          nIndex, Number(nCode));
+    Trace(kHostRoot, traceFailure, "lmb\tSavePersistentIndex(%u): File Seek(end, 0) failed, ulo result = %u", nIndex,
+          Number(nCode));
     return nCode;
   }
   // A name never lands at a position that would give it another id.
   const std::uint64_t nExpected = std::uint64_t{kIndexBlockSize} * (std::uint64_t{nIndex} + 1);
   if (nPosition != nExpected) {
     Trace(kHostRoot, traceFailure,
-          "lmb\tSavePersistentIndex(%u): currentPos = %u (file size) is not equal to expected write pos = %u",
-          nIndex, static_cast<std::uint32_t>(nPosition), static_cast<std::uint32_t>(nExpected));
+          "lmb\tSavePersistentIndex(%u): currentPos = %u (file size) is not equal to expected write pos = %u", nIndex,
+          static_cast<std::uint32_t>(nPosition), static_cast<std::uint32_t>(nExpected));
     return errUNSPECIFIED;
   }
   const Block Item = MakeBlock(Name);
@@ -195,8 +191,7 @@ void SaveCorruptedFlag(const std::u16string& Path) {
   File Index;
   const ResultCode nOpened = Index.OpenWithFlags(Path, fileWrite | fileShareRead, openExisting);
   if (Failed(nOpened)) {
-    Trace(kHostRoot, traceFailure, "lmb\tSaveCorruptedFlag: failed to open file, ulo res = %u",
-          Number(nOpened));
+    Trace(kHostRoot, traceFailure, "lmb\tSaveCorruptedFlag: failed to open file, ulo res = %u", Number(nOpened));
     return;
   }
   const Block Signature = CorruptedSignature();
@@ -231,23 +226,21 @@ bool TryReadDatabaseId(const std::u16string& Path, std::uint32_t* pnId) {
   if (Failed(Identity.OpenWithFlags(Path, fileRead, openExisting))) return false;
   std::uint8_t Bytes[4];
   if (!ReadSome(Identity, Bytes, sizeof(Bytes)).Complete(sizeof(Bytes))) return false;
-  *pnId = (std::uint32_t{Bytes[0]} << 24) | (std::uint32_t{Bytes[1]} << 16) | (std::uint32_t{Bytes[2]} << 8) |
-          Bytes[3];
+  *pnId = (std::uint32_t{Bytes[0]} << 24) | (std::uint32_t{Bytes[1]} << 16) | (std::uint32_t{Bytes[2]} << 8) | Bytes[3];
   Identity.Close();
   if (*pnId >= kFirstNamedId) return true;
   Trace(kHostRoot, traceFailure,
         "lmb\tTryReadDatabaseId: read index (%u) from file is less, than minimum named db index (%u)", *pnId,
         kFirstNamedId);
   if (*pnId != 0) {
-    Trace(kHostRoot, traceDamage, "lmb\tTryReadDatabaseId: corrupted index file (%S) content: %S",
-          Path.c_str(), u"none");
+    Trace(kHostRoot, traceDamage, "lmb\tTryReadDatabaseId: corrupted index file (%S) content: %S", Path.c_str(),
+          u"none");
   }
   return false;
 }
 
 bool TrySaveDatabaseId(const std::u16string& Path, std::uint32_t nId) {
-  Trace(kHostRoot, traceRoutine, "lmb\tTrySaveDatabaseId: indexFilePath = '%S', databaseId = %u",
-        Path.c_str(), nId);
+  Trace(kHostRoot, traceRoutine, "lmb\tTrySaveDatabaseId: indexFilePath = '%S', databaseId = %u", Path.c_str(), nId);
   File Identity;
   if (Failed(Identity.OpenWithFlags(Path, fileWrite, createAlways))) return false;
   const auto Byte = [nId](int nShift) {
@@ -274,8 +267,8 @@ void ValidateDatabaseId(std::u16string_view Folder, std::u16string_view FileName
   const bool bSaved = TrySaveDatabaseId(Path, nAssigned);
   const char* const pOutcome = bSaved ? "succeeded" : "failed";
   Trace(kHostRoot, bSaved ? traceNotable : traceFailure,
-        "lmb\tValidateDatabaseId: indexFilePath = '%S', assignedDatabaseId = %u, TrySaveDatabaseIndex %s",
-        Path.c_str(), nAssigned, pOutcome);
+        "lmb\tValidateDatabaseId: indexFilePath = '%S', assignedDatabaseId = %u, TrySaveDatabaseIndex %s", Path.c_str(),
+        nAssigned, pOutcome);
 }
 
 }  // namespace lumbra

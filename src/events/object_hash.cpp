@@ -34,8 +34,8 @@ void UpdateUpperCased(Md5* pDigest, const std::uint8_t* pName, std::uint32_t nSi
 
 }  // namespace
 
-std::uint64_t ObjectHash(std::uint8_t nType, const void* pName, std::uint32_t nSize,
-                         std::uint64_t nParentHash, std::uint32_t nFlags) {
+std::uint64_t ObjectHash(std::uint8_t nType, const void* pName, std::uint32_t nSize, std::uint64_t nParentHash,
+                         std::uint32_t nFlags) {
   if (pName == nullptr || nSize == 0) return 0;
   Md5 Digest;
   const std::uint32_t nWideType = nType;

@@ -28,8 +28,7 @@ bool IsSeparator(char16_t c) {
 }
 
 std::uint32_t ZeroTerminatedSize(const void* pName, std::uint32_t nSize, std::uint32_t nMode) {
-  if (nSize == kByteZeroTerminated)
-    return static_cast<std::uint32_t>(std::strlen(static_cast<const char*>(pName)));
+  if (nSize == kByteZeroTerminated) return static_cast<std::uint32_t>(std::strlen(static_cast<const char*>(pName)));
   const bool bMeasure = nSize == kWideZeroTerminated || (nSize == 0 && nMode == findOnly);
   if (!bMeasure) return nSize;
   const std::u16string_view Name(static_cast<const char16_t*>(pName));
@@ -47,8 +46,8 @@ struct StoredName {
 };
 
 // UTF-8 where the flags ask for it and it is shorter.
-ResultCode ToStoredForm(const void* pName, std::uint32_t nSize, std::uint32_t nFlags,
-                        ComponentBuffer* pScratch, StoredName* pStored) {
+ResultCode ToStoredForm(const void* pName, std::uint32_t nSize, std::uint32_t nFlags, ComponentBuffer* pScratch,
+                        StoredName* pStored) {
   constexpr std::uint32_t kSpareBytes = 8;
   *pStored = {pName, nSize, nFlags & ~std::uint32_t{fObjUtf8}};
   if ((nFlags & fObjUtf8) == 0) return errOK;
@@ -64,13 +63,11 @@ ResultCode ToStoredForm(const void* pName, std::uint32_t nSize, std::uint32_t nF
 
 // Finds or creates one object, without regard to paths.
 ResultCode FindSingleObject(ObjectDB& Store, std::uint8_t nType, std::uint32_t nFlags, const void* pName,
-                            std::uint32_t nSize, std::uint64_t nParentId, std::uint32_t nMode,
-                            std::uint64_t* pnId) {
+                            std::uint32_t nSize, std::uint64_t nParentId, std::uint32_t nMode, std::uint64_t* pnId) {
   if (pnId != nullptr) *pnId = 0;
   if (pName == nullptr) {
     if (nSize != 0 || nParentId != 0 || pnId == nullptr || nMode == findOnly) return errPARAMETER_INVALID;
-    return Store.FindOrCreateObject(0, 0, static_cast<std::uint8_t>(nFlags), nType, nullptr, 0, false, pnId,
-                                    nullptr);
+    return Store.FindOrCreateObject(0, 0, static_cast<std::uint8_t>(nFlags), nType, nullptr, 0, false, pnId, nullptr);
   }
   if (nSize == 0 || pnId == nullptr) return errPARAMETER_INVALID;
 
@@ -89,8 +86,8 @@ ResultCode FindSingleObject(ObjectDB& Store, std::uint8_t nType, std::uint32_t n
   if (nMode == findOnly) return Store.FindObject(nHash, pnId);
 
   const auto Create = [&](bool bForce) {
-    return Store.FindOrCreateObject(nHash, nParentId, static_cast<std::uint8_t>(Stored.nFlags), nType,
-                                    Stored.pBytes, Stored.nSize, bForce, pnId, nullptr);
+    return Store.FindOrCreateObject(nHash, nParentId, static_cast<std::uint8_t>(Stored.nFlags), nType, Stored.pBytes,
+                                    Stored.nSize, bForce, pnId, nullptr);
   };
   nCode = Create(false);
   if (nCode != errDATA_CORRUPTED || nMode != findOrCreateRepairing) return nCode;
@@ -124,11 +121,10 @@ bool FollowsLinkTo(std::uint8_t nType, std::uint32_t nFlags) {
 }
 
 // Finds or creates the object of a path's root, and goes on to what it links to.
-ResultCode FindRoot(const ObjectStores& Stores, ObjectDB& Store, const PathRoot& Root,
-                    std::u16string_view Path, std::uint32_t nFlags, std::uint64_t* pnId) {
-  const ResultCode nCode =
-      FindSingleObject(Store, Root.nType, nFlags | fObjNoCase, Path.data() + Root.nStart,
-                       static_cast<std::uint32_t>(Root.nLength) * kUnit, 0, findOrCreate, pnId);
+ResultCode FindRoot(const ObjectStores& Stores, ObjectDB& Store, const PathRoot& Root, std::u16string_view Path,
+                    std::uint32_t nFlags, std::uint64_t* pnId) {
+  const ResultCode nCode = FindSingleObject(Store, Root.nType, nFlags | fObjNoCase, Path.data() + Root.nStart,
+                                            static_cast<std::uint32_t>(Root.nLength) * kUnit, 0, findOrCreate, pnId);
   if (Failed(nCode)) return nCode;
   const std::uint64_t nLink = LinkOf(Store, *pnId);
   if (nLink == 0) return nCode;
@@ -146,20 +142,18 @@ struct Component {
 // Takes the next component off a path. A '/' before it is part of it, a '\' is not.
 bool NextComponent(std::u16string_view Path, std::size_t* pnPosition, Component* pComponent) {
   std::size_t nStart = *pnPosition;
-  while (nStart < Path.size() && IsSeparator(Path[nStart]))
-    ++nStart;
+  while (nStart < Path.size() && IsSeparator(Path[nStart])) ++nStart;
   if (nStart == Path.size()) return false;
   std::size_t nEnd = nStart;
-  while (nEnd < Path.size() && !IsSeparator(Path[nEnd]))
-    ++nEnd;
+  while (nEnd < Path.size() && !IsSeparator(Path[nEnd])) ++nEnd;
   if (nStart > 0 && Path[nStart - 1] == u'/') --nStart;
   *pComponent = {Path.substr(nStart, nEnd - nStart), nEnd < Path.size()};
   *pnPosition = nEnd;
   return true;
 }
 
-ResultCode FindPath(const ObjectStores& Stores, ObjectDB& Store, const ObjectQuery& Query,
-                    std::uint32_t nFlags, std::u16string_view Path, std::uint64_t* pnId) {
+ResultCode FindPath(const ObjectStores& Stores, ObjectDB& Store, const ObjectQuery& Query, std::uint32_t nFlags,
+                    std::u16string_view Path, std::uint64_t* pnId) {
   std::uint64_t nCurrent = Query.nParentId;
   std::size_t nPosition = 0;
   ResultCode nLast = errUNSPECIFIED;
@@ -176,8 +170,7 @@ ResultCode FindPath(const ObjectStores& Stores, ObjectDB& Store, const ObjectQue
   for (Component Next; NextComponent(Path, &nPosition, &Next);) {
     const std::uint8_t nType = Next.bMoreFollows ? ContainerType(Query.nType) : Query.nType;
     nLast = FindSingleObject(Store, nType, nFlags, Next.Name.data(),
-                             static_cast<std::uint32_t>(Next.Name.size()) * kUnit, nCurrent, Query.nMode,
-                             &nCurrent);
+                             static_cast<std::uint32_t>(Next.Name.size()) * kUnit, nCurrent, Query.nMode, &nCurrent);
     if (Failed(nLast)) return nLast;
   }
   if (pnId != nullptr) *pnId = nCurrent;
@@ -203,8 +196,7 @@ ResultCode FindObjectByName(const ObjectStores& Stores, StoreChoice Choice, cons
   const std::uint32_t nSize =
       Query.pName == nullptr ? 0 : ZeroTerminatedSize(Query.pName, Query.nNameSize, Query.nMode);
   if ((nFlags & fObjSplitPath) == 0 || Query.pName == nullptr) {
-    return FindSingleObject(Store, Query.nType, nFlags, Query.pName, nSize, Query.nParentId, Query.nMode,
-                            pnId);
+    return FindSingleObject(Store, Query.nType, nFlags, Query.pName, nSize, Query.nParentId, Query.nMode, pnId);
   }
   const std::u16string_view Path(static_cast<const char16_t*>(Query.pName), nSize / kUnit);
   return FindPath(Stores, Store, Query, nFlags, Path, pnId);
@@ -231,8 +223,7 @@ class NameBuilder {
 
   // Each byte of the terminating zero only where it lies inside the buffer.
   void Terminate() {
-    for (std::uint32_t i = 0; i < kUnit && m_nTotal + i < m_nBufferSize; ++i)
-      m_pBuffer[m_nTotal + i] = 0;
+    for (std::uint32_t i = 0; i < kUnit && m_nTotal + i < m_nBufferSize; ++i) m_pBuffer[m_nTotal + i] = 0;
   }
 
   bool IsTruncated() const { return m_pBuffer != nullptr && m_nBufferSize < m_nTotal; }
@@ -258,9 +249,8 @@ ResultCode ReadObject(ObjectDB& Store, std::uint64_t nId, NamedObject* pObject) 
 }
 
 // Reads the stored name and gives it as UTF-16: *pnSize bytes at *ppText, inside one of the buffers.
-ResultCode ReadComponent(ObjectDB& Store, std::uint64_t nId, const NamedObject& Object,
-                         ComponentBuffer* pStored, ComponentBuffer* pWide, const std::uint8_t** ppText,
-                         std::uint32_t* pnSize) {
+ResultCode ReadComponent(ObjectDB& Store, std::uint64_t nId, const NamedObject& Object, ComponentBuffer* pStored,
+                         ComponentBuffer* pWide, const std::uint8_t** ppText, std::uint32_t* pnSize) {
   *pnSize = 0;
   if (Object.nNameSize == 0) return errOK;
   if (!pStored->Resize(Object.nNameSize)) return errOUT_OF_MEMORY;
@@ -272,8 +262,7 @@ ResultCode ReadComponent(ObjectDB& Store, std::uint64_t nId, const NamedObject& 
   if ((Object.nFlags & fObjUtf8) == 0) return errOK;
 
   const auto* const pUtf8 = reinterpret_cast<const char*>(pStored->Get());
-  if (!StorageEnvironment::Utf8ToWide(pUtf8, Object.nNameSize, nullptr, 0, pnSize))
-    return errCONVERSION_FAILED;
+  if (!StorageEnvironment::Utf8ToWide(pUtf8, Object.nNameSize, nullptr, 0, pnSize)) return errCONVERSION_FAILED;
   if (!pWide->Resize(*pnSize)) return errOUT_OF_MEMORY;
   auto* const pText = reinterpret_cast<char16_t*>(pWide->Get());
   if (!StorageEnvironment::Utf8ToWide(pUtf8, Object.nNameSize, pText, *pnSize / kUnit, pnSize)) {
@@ -308,15 +297,13 @@ ResultCode PrependObject(ObjectDB& Store, std::uint64_t nId, const NamedObject& 
 
 // The objects that stand for another one when a name is built.
 bool StandsForLink(const NamedObject& Object, std::uint32_t nFlags) {
-  return Object.nType == typeRegistryKey ||
-         (Object.nType == typeVolumeRoot && (nFlags & fObjFollowVolumeLinks) != 0);
+  return Object.nType == typeRegistryKey || (Object.nType == typeVolumeRoot && (nFlags & fObjFollowVolumeLinks) != 0);
 }
 
 }  // namespace
 
-ResultCode BuildObjectName(const ObjectStores& Stores, std::uint64_t nId, void* pBuffer,
-                           std::uint32_t nBufferSize, std::uint32_t* pnNeeded, std::uint32_t nFlagsOverride,
-                           std::uint8_t* pnType) {
+ResultCode BuildObjectName(const ObjectStores& Stores, std::uint64_t nId, void* pBuffer, std::uint32_t nBufferSize,
+                           std::uint32_t* pnNeeded, std::uint32_t nFlagsOverride, std::uint8_t* pnType) {
   ObjectDB* const pStore = Stores.OfId(nId);
   if (pStore == nullptr) return errOBJECT_NOT_FOUND;
   if (pBuffer == nullptr && nBufferSize != 0) return errPARAMETER_INVALID;

@@ -29,9 +29,8 @@ enum class StoreChoice { Own, Global };
 // What a lookup does about an object that is not there.
 enum FindMode : std::uint32_t {
   findOnly = 0,
-  findOrCreate = 1,  // and every other value
-  findOrCreateRepairing =
-      2,  // the same, and when the store meets damage on the way, once more in its repairing mode
+  findOrCreate = 1,           // and every other value
+  findOrCreateRepairing = 2,  // the same, and when the store meets damage on the way, once more in its repairing mode
 };
 
 // The sizes that mean a name ends with a zero: of UTF-16 units, or of bytes.
@@ -55,8 +54,7 @@ ResultCode FindObjectByName(const ObjectStores& Stores, StoreChoice Choice, cons
 // The full name of an object. Without a buffer (and nBufferSize 0) *pnNeeded alone tells the size, in bytes
 // without the terminating zero; without both, only the type is looked up. errBUFFER_TOO_SMALL, with the size
 // in *pnNeeded, when the name does not fit; the buffer then holds an incomplete one.
-ResultCode BuildObjectName(const ObjectStores& Stores, std::uint64_t nId, void* pBuffer,
-                           std::uint32_t nBufferSize, std::uint32_t* pnNeeded, std::uint32_t nFlagsOverride,
-                           std::uint8_t* pnType);
+ResultCode BuildObjectName(const ObjectStores& Stores, std::uint64_t nId, void* pBuffer, std::uint32_t nBufferSize,
+                           std::uint32_t* pnNeeded, std::uint32_t nFlagsOverride, std::uint8_t* pnType);
 
 }  // namespace lumbra

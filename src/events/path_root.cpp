@@ -11,16 +11,15 @@ constexpr std::size_t kLongPrefix = 4;
 
 // \\?\ and \??\ .
 bool HasLongPrefix(std::u16string_view Path) {
-  return Path.size() >= kLongPrefix && Path[0] == u'\\' && (Path[1] == u'\\' || Path[1] == u'?') &&
-         Path[2] == u'?' && Path[3] == u'\\';
+  return Path.size() >= kLongPrefix && Path[0] == u'\\' && (Path[1] == u'\\' || Path[1] == u'?') && Path[2] == u'?' &&
+         Path[3] == u'\\';
 }
 
 // \\?\Volume{...}\ with 36 units between the braces, which are not looked at.
 std::size_t VolumeRootLength(std::u16string_view Path) {
   constexpr std::size_t kLength = 49;
   const bool bVolume = Path.size() >= kLength && HasLongPrefix(Path) &&
-                       Path.substr(kLongPrefix).starts_with(u"Volume{") && Path[47] == u'}' &&
-                       Path[48] == u'\\';
+                       Path.substr(kLongPrefix).starts_with(u"Volume{") && Path[47] == u'}' && Path[48] == u'\\';
   return bVolume ? kLength : 0;
 }
 
@@ -50,8 +49,8 @@ std::size_t RegistryRootLength(std::u16string_view Path) {
     if (Path.starts_with(Root)) return Root.size();
   }
   for (const std::u16string_view Root :
-       {u"HKEY_CLASSES_ROOT", u"HKEY_CURRENT_USER", u"HKEY_LOCAL_MACHINE", u"HKEY_USERS",
-        u"HKEY_PERFORMANCE_DATA", u"HKEY_CURRENT_CONFIG", u"HKEY_DYN_DATA"}) {
+       {u"HKEY_CLASSES_ROOT", u"HKEY_CURRENT_USER", u"HKEY_LOCAL_MACHINE", u"HKEY_USERS", u"HKEY_PERFORMANCE_DATA",
+        u"HKEY_CURRENT_CONFIG", u"HKEY_DYN_DATA"}) {
     if (Path.starts_with(Root)) return Root.size();
   }
   return 0;
@@ -66,8 +65,7 @@ PathRoot FindPathRoot(std::uint8_t nObjectType, std::u16string_view Path) {
   if (const std::size_t nLength = VolumeRootLength(Path); nLength != 0) return {typeVolumeRoot, 0, nLength};
   const std::size_t nStart = HasLongPrefix(Path) ? kLongPrefix : 0;
   const std::u16string_view Rest = Path.substr(nStart);
-  if (const std::size_t nLength = ServerRootLength(Rest); nLength != 0)
-    return {typeServerRoot, nStart, nLength};
+  if (const std::size_t nLength = ServerRootLength(Rest); nLength != 0) return {typeServerRoot, nStart, nLength};
   return {typeDriveRoot, nStart, DriveRootLength(Rest)};
 }
 

@@ -18,8 +18,7 @@ namespace {
 std::atomic<StandaloneHost*> g_pHost{nullptr};
 
 LumbraInstance* InstanceOf(HostObject* pHandle) {
-  return reinterpret_cast<LumbraInstance*>(reinterpret_cast<std::byte*>(pHandle) -
-                                           offsetof(LumbraInstance, Handle));
+  return reinterpret_cast<LumbraInstance*>(reinterpret_cast<std::byte*>(pHandle) - offsetof(LumbraInstance, Handle));
 }
 
 ResultCode NotSupported(HostObject*) {
@@ -146,9 +145,8 @@ void HostServices::Free(HostObject* /*pObject*/, void* pBlock) {
   std::free(pBlock);
 }
 
-ResultCode HostServices::CreateObject(HostObject* /*pParent*/, std::uint32_t nInterfaceId,
-                                      std::uint32_t /*nReserved1*/, std::uint32_t /*nReserved2*/,
-                                      HostObject** ppObject) {
+ResultCode HostServices::CreateObject(HostObject* /*pParent*/, std::uint32_t nInterfaceId, std::uint32_t /*nReserved1*/,
+                                      std::uint32_t /*nReserved2*/, HostObject** ppObject) {
   if (nInterfaceId != kHostStringInterface) return errINTERFACE_NOT_SUPPORTED;
   auto* const pString = new (std::nothrow) StringObject(SystemOperations());
   if (pString == nullptr) return errOUT_OF_MEMORY;
@@ -162,8 +160,7 @@ ResultCode HostServices::CloseObject(HostObject* pObject) {
 }
 
 ResultCode HostServices::Send(HostObject* pSender, std::uint32_t nClass, std::uint32_t nMessageId,
-                              HostObject* pArgument, std::uint32_t /*nReserved1*/,
-                              std::uint32_t /*nReserved2*/) {
+                              HostObject* pArgument, std::uint32_t /*nReserved1*/, std::uint32_t /*nReserved2*/) {
   StandaloneHost& Host = *g_pHost;
   try {
     if (nClass == kExpandMessageClass && nMessageId == kExpandMessageId) {
@@ -186,10 +183,10 @@ ResultCode HostServices::Send(HostObject* pSender, std::uint32_t nClass, std::ui
   }
 }
 
-ResultCode HostServices::RegisterMessageHandler(HostObject* pObject, std::uint32_t nClass,
-                                                std::uint32_t /*nReserved1*/, HostObject* /*pSender*/,
-                                                std::uint32_t /*nReserved2*/, std::uint32_t /*nReserved3*/,
-                                                std::uint32_t /*nReserved4*/, std::uint32_t /*nReserved5*/) {
+ResultCode HostServices::RegisterMessageHandler(HostObject* pObject, std::uint32_t nClass, std::uint32_t /*nReserved1*/,
+                                                HostObject* /*pSender*/, std::uint32_t /*nReserved2*/,
+                                                std::uint32_t /*nReserved3*/, std::uint32_t /*nReserved4*/,
+                                                std::uint32_t /*nReserved5*/) {
   StandaloneHost& Host = *g_pHost;
   try {
     const std::lock_guard Hold(Host.m_Lock);
@@ -200,8 +197,7 @@ ResultCode HostServices::RegisterMessageHandler(HostObject* pObject, std::uint32
   }
 }
 
-ResultCode HostServices::UnregisterMessageHandler(HostObject* pObject, std::uint32_t nClass,
-                                                  HostObject* /*pSender*/) {
+ResultCode HostServices::UnregisterMessageHandler(HostObject* pObject, std::uint32_t nClass, HostObject* /*pSender*/) {
   StandaloneHost& Host = *g_pHost;
   const std::lock_guard Hold(Host.m_Lock);
   std::erase_if(Host.m_Handlers, [&](const StandaloneHost::Handler& Known) {
@@ -272,9 +268,8 @@ std::uint32_t HostServices::StringFindLastOf(const HostString* pString, const ch
 ResultCode HostServices::StringCompare(const HostString* pString, const void* pText, std::uint32_t nCodePage,
                                        std::uint32_t /*nFlags*/) {
   if (nCodePage != kCodePageUtf16) return errNOT_SUPPORTED;
-  const std::u16string_view Own = pString->pText == nullptr
-                                      ? std::u16string_view()
-                                      : std::u16string_view(pString->pText, pString->nLength);
+  const std::u16string_view Own =
+      pString->pText == nullptr ? std::u16string_view() : std::u16string_view(pString->pText, pString->nLength);
   return Own == static_cast<const char16_t*>(pText) ? errOK : errNOT_MATCHED;
 }
 

@@ -19,10 +19,9 @@ struct HostServices {
   static ResultCode ResolveImports(HostObject* pRoot, std::uint32_t nReserved, HostImport* pTable,
                                    std::uint32_t nPluginId);
   static ResultCode RegisterInterface(HostObject* pRoot, std::uint32_t nInterfaceId, std::uint32_t nPluginId,
-                                      std::uint32_t nReserved1, std::uint32_t nReserved2,
-                                      HostFactory pFactory);
-  static ResultCode BindFunction(HostObject* pRoot, void** ppSlot, std::uint32_t nExporter,
-                                 std::uint32_t nFunctionId, std::uint32_t nOption);
+                                      std::uint32_t nReserved1, std::uint32_t nReserved2, HostFactory pFactory);
+  static ResultCode BindFunction(HostObject* pRoot, void** ppSlot, std::uint32_t nExporter, std::uint32_t nFunctionId,
+                                 std::uint32_t nOption);
 
   // System operations.
   static std::uint32_t ReadProperty(HostObject* pObject, std::uint32_t nPropertyId);
@@ -31,23 +30,19 @@ struct HostServices {
   static ResultCode CreateObject(HostObject* pParent, std::uint32_t nInterfaceId, std::uint32_t nReserved1,
                                  std::uint32_t nReserved2, HostObject** ppObject);
   static ResultCode CloseObject(HostObject* pObject);
-  static ResultCode Send(HostObject* pSender, std::uint32_t nClass, std::uint32_t nMessageId,
-                         HostObject* pArgument, std::uint32_t nReserved1, std::uint32_t nReserved2);
-  static ResultCode RegisterMessageHandler(HostObject* pObject, std::uint32_t nClass,
-                                           std::uint32_t nReserved1, HostObject* pSender,
-                                           std::uint32_t nReserved2, std::uint32_t nReserved3,
+  static ResultCode Send(HostObject* pSender, std::uint32_t nClass, std::uint32_t nMessageId, HostObject* pArgument,
+                         std::uint32_t nReserved1, std::uint32_t nReserved2);
+  static ResultCode RegisterMessageHandler(HostObject* pObject, std::uint32_t nClass, std::uint32_t nReserved1,
+                                           HostObject* pSender, std::uint32_t nReserved2, std::uint32_t nReserved3,
                                            std::uint32_t nReserved4, std::uint32_t nReserved5);
   static ResultCode UnregisterMessageHandler(HostObject* pObject, std::uint32_t nClass, HostObject* pSender);
-  static std::uint32_t ReferenceShared(HostObject* pObject, std::uint32_t nReserved1,
-                                       std::uint32_t nReserved2);
+  static std::uint32_t ReferenceShared(HostObject* pObject, std::uint32_t nReserved1, std::uint32_t nReserved2);
 
   // Functions bound by number.
   static std::uint32_t AtomicIncrement(std::uint32_t* pnValue);
   static std::uint32_t AtomicDecrement(std::uint32_t* pnValue);
-  static ResultCode Trace(HostObject* pObject, std::uint32_t nLevel, const char* pFormat,
-                          std::va_list Arguments);
-  static ResultCode StringAppend(HostString* pTarget, const void* pText, std::uint32_t nSize,
-                                 std::uint32_t nCodePage);
+  static ResultCode Trace(HostObject* pObject, std::uint32_t nLevel, const char* pFormat, std::va_list Arguments);
+  static ResultCode StringAppend(HostString* pTarget, const void* pText, std::uint32_t nSize, std::uint32_t nCodePage);
   static std::uint32_t StringFindLastOf(const HostString* pString, const char16_t* pSet);
   static ResultCode StringCompare(const HostString* pString, const void* pText, std::uint32_t nCodePage,
                                   std::uint32_t nFlags);

@@ -12,8 +12,7 @@ namespace lumbra::host {
 // ---- Store
 // -------------------------------------------------------------------------------------------------
 
-Store::Store(Store&& Other) noexcept
-    : m_pHost(Other.m_pHost), m_pInstance(std::exchange(Other.m_pInstance, nullptr)) {}
+Store::Store(Store&& Other) noexcept : m_pHost(Other.m_pHost), m_pInstance(std::exchange(Other.m_pInstance, nullptr)) {}
 
 Store& Store::operator=(Store&& Other) noexcept {
   std::swap(m_pHost, Other.m_pHost);
@@ -137,8 +136,7 @@ std::vector<Store> StandaloneHost::HandlersOf(std::uint32_t nClass) {
   std::vector<Store> Users;
   for (const Handler& Known : m_Handlers) {
     const auto Instance = m_Instances.find(Known.pInstance);
-    if (Known.nClass != nClass || Instance == m_Instances.end() || Instance->second == 0)
-      continue;  // about to go
+    if (Known.nClass != nClass || Instance == m_Instances.end() || Instance->second == 0) continue;  // about to go
     Users.push_back(Store(this, Known.pInstance));
     ++Instance->second;
   }

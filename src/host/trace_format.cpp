@@ -70,8 +70,7 @@ template <class Character>
 std::basic_string_view<Character> Cut(const Character* pText, const Layout& Use) {
   if (Use.nPrecision < 0) return pText;
   std::size_t nLength = 0;
-  while (nLength < static_cast<std::size_t>(Use.nPrecision) && pText[nLength] != 0)
-    ++nLength;
+  while (nLength < static_cast<std::size_t>(Use.nPrecision) && pText[nLength] != 0) ++nLength;
   return {pText, nLength};
 }
 

@@ -9,8 +9,7 @@ constexpr std::array<std::uint32_t, 256> MakeTable() {
   std::array<std::uint32_t, 256> Table{};
   for (std::uint32_t nByte = 0; nByte < 256; ++nByte) {
     std::uint32_t nValue = nByte;
-    for (int nBit = 0; nBit < 8; ++nBit)
-      nValue = (nValue >> 1) ^ ((nValue & 1) != 0 ? 0xEDB88320u : 0u);
+    for (int nBit = 0; nBit < 8; ++nBit) nValue = (nValue >> 1) ^ ((nValue & 1) != 0 ? 0xEDB88320u : 0u);
     Table[nByte] = nValue;
   }
   return Table;

@@ -15,13 +15,13 @@ struct CheckPlace {
 
 // Both answer the code they are given.
 inline ResultCode ObjectDbFailedCheck(const char* pText, CheckPlace Place, ResultCode nCode) {
-  Trace(kHostRoot, traceFailure, "lmb\tObjectDB failed check (%s), file: %s, line: %d. Err: %terr", pText,
-        Place.pFile, Place.nLine, nCode);
+  Trace(kHostRoot, traceFailure, "lmb\tObjectDB failed check (%s), file: %s, line: %d. Err: %terr", pText, Place.pFile,
+        Place.nLine, nCode);
   return nCode;
 }
 inline ResultCode PlainDbFailedCheck(const char* pText, CheckPlace Place, ResultCode nCode) {
-  Trace(kHostRoot, traceFailure, "lmb\tPlainDB failed check (%s), file: %s, line: %d. Err: %terr", pText,
-        Place.pFile, Place.nLine, nCode);
+  Trace(kHostRoot, traceFailure, "lmb\tPlainDB failed check (%s), file: %s, line: %d. Err: %terr", pText, Place.pFile,
+        Place.nLine, nCode);
   return nCode;
 }
 
@@ -29,10 +29,9 @@ inline ResultCode PlainDbFailedCheck(const char* pText, CheckPlace Place, Result
 
 // Leaves the function with the code when the expression is false. The _AS form gives the text apart, for
 // expressions whose arithmetic must be wider than their text.
-#define ODB_CHECK_AS(text, expression, code)                                                     \
-  do {                                                                                           \
-    if (!(expression))                                                                           \
-      return ::lumbra::ObjectDbFailedCheck("Failed check: " text, {__FILE__, __LINE__}, (code)); \
+#define ODB_CHECK_AS(text, expression, code)                                                                      \
+  do {                                                                                                            \
+    if (!(expression)) return ::lumbra::ObjectDbFailedCheck("Failed check: " text, {__FILE__, __LINE__}, (code)); \
   } while (false)
 #define ODB_CHECK(expression, code) ODB_CHECK_AS(#expression, expression, code)
 

@@ -80,21 +80,19 @@ ResultCode HashTree::AcceptFile(bool* pbAccepted) {
   std::uint64_t actualSize = 0;
   ODB_CHECK(pFileBT->GetSize(&actualSize), errREAD_FAILED);
   if (hdr.nDBSize != actualSize) {
-    Trace(kHostRoot, traceFailure, "lmb\tWrong BT size in header, actual: %I64X, from header: %I64X",
-          actualSize, hdr.nDBSize);
+    Trace(kHostRoot, traceFailure, "lmb\tWrong BT size in header, actual: %I64X, from header: %I64X", actualSize,
+          hdr.nDBSize);
     hdr.nDBSize = actualSize;
   }
   const std::uint64_t nMinimalSize = RootEnd();
   if (hdr.nDBSize < nMinimalSize) {
-    Trace(kHostRoot, traceFailure,
-          "lmb\tToo small BT size, rewrite it it. BT size: %I64X, minimal size: %I64X", hdr.nDBSize,
-          nMinimalSize);
+    Trace(kHostRoot, traceFailure, "lmb\tToo small BT size, rewrite it it. BT size: %I64X, minimal size: %I64X",
+          hdr.nDBSize, nMinimalSize);
     return errOK;
   }
   if (const std::uint64_t nUnaligned = hdr.nDBSize; nUnaligned % sizeof(tODB_BT_OFFSET) != 0) {
     hdr.nDBSize += sizeof(tODB_BT_OFFSET) - nUnaligned % sizeof(tODB_BT_OFFSET);
-    Trace(kHostRoot, traceFailure, "lmb\tBT file size unaligned: %I64X, after align: %I64X", nUnaligned,
-          hdr.nDBSize);
+    Trace(kHostRoot, traceFailure, "lmb\tBT file size unaligned: %I64X, after align: %I64X", nUnaligned, hdr.nDBSize);
   }
 
   bool bGoodRoot = true;
@@ -186,15 +184,13 @@ void HashTree::Descend(Place* pAt, tODB_BT_OFFSET nChild) {
   *pAt = {nChild & ~kChildBit, pAt->nNode, pAt->nParent, pAt->nLevel + 1};
 }
 
-ResultCode HashTree::Split(Place* pAt, std::uint64_t nHash, std::uint64_t nOtherHash,
-                           std::uint32_t nOtherShortId) {
+ResultCode HashTree::Split(Place* pAt, std::uint64_t nHash, std::uint64_t nOtherHash, std::uint32_t nOtherShortId) {
   const std::uint32_t nChildLevel = pAt->nLevel + 1;
   std::uint32_t nChild = 0;
   ResultCode nCode = BT_AddNode(nChildLevel, pAt->nNode, &nChild);
   if (Failed(nCode)) return nCode;
   // The object first, then the link: at no time does the tree lose it.
-  nCode =
-      BT_SetNodeEntry(nChild, pAt->nNode, nChildLevel, GetHashDigit(nOtherHash, nChildLevel), nOtherShortId);
+  nCode = BT_SetNodeEntry(nChild, pAt->nNode, nChildLevel, GetHashDigit(nOtherHash, nChildLevel), nOtherShortId);
   if (Failed(nCode)) return nCode;
   nCode = WriteSlot(*pAt, nHash, nChild | kChildBit);
   if (Succeeded(nCode)) Descend(pAt, nChild);
@@ -209,8 +205,8 @@ ResultCode HashTree::Detach(const Place& At, std::uint64_t nHash) {
 // ---- Nodes
 // -------------------------------------------------------------------------------------------------
 
-ResultCode HashTree::BT_GetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nPreviousOffset,
-                                     std::uint32_t nLevel, std::uint32_t nEntryNo, tODB_BT_OFFSET* pOffset) {
+ResultCode HashTree::BT_GetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nPreviousOffset, std::uint32_t nLevel,
+                                     std::uint32_t nEntryNo, tODB_BT_OFFSET* pOffset) {
   nNodeOffset &= ~kChildBit;
   nPreviousOffset &= ~kChildBit;
   if (nNodeOffset < FirstNodeOffset) return errDATA_CORRUPTED;
@@ -246,16 +242,15 @@ ResultCode HashTree::ReadEntry(std::uint32_t nNodeOffset, std::uint32_t nEntryNo
   return errOK;
 }
 
-ResultCode HashTree::ReadEntries(std::uint32_t nNodeOffset, std::uint32_t offsetsSize,
-                                 tODB_BT_OFFSET* offsets) {
+ResultCode HashTree::ReadEntries(std::uint32_t nNodeOffset, std::uint32_t offsetsSize, tODB_BT_OFFSET* offsets) {
   std::uint32_t bytes = 0;
   ODB_CHECK(BT_SeekRead(nNodeOffset, offsets, offsetsSize, &bytes), ReadErrorCode(nNodeOffset));
   ODB_CHECK(bytes == offsetsSize, ReadErrorCode(std::uint64_t{nNodeOffset} + bytes));
   return errOK;
 }
 
-ResultCode HashTree::BT_SetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nPreviousOffset,
-                                     std::uint32_t nLevel, std::uint32_t nEntryNo, tODB_BT_OFFSET nOffset) {
+ResultCode HashTree::BT_SetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nPreviousOffset, std::uint32_t nLevel,
+                                     std::uint32_t nEntryNo, tODB_BT_OFFSET nOffset) {
   nNodeOffset &= ~kChildBit;
   nPreviousOffset &= ~kChildBit;
   if (nNodeOffset < FirstNodeOffset) return errPARAMETER_INVALID;
@@ -280,8 +275,7 @@ ResultCode HashTree::BT_SetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nP
   return errOK;
 }
 
-ResultCode HashTree::BT_AddNode(std::uint32_t nLevel, std::uint32_t nPreviousOffset,
-                                std::uint32_t* pnNodeOffset) {
+ResultCode HashTree::BT_AddNode(std::uint32_t nLevel, std::uint32_t nPreviousOffset, std::uint32_t* pnNodeOffset) {
   const auto write_size = static_cast<std::uint32_t>(EntriesOf(nLevel) * sizeof(tODB_BT_OFFSET));
   std::uint64_t nOldSize = 0;
   const ResultCode nCode = BT_ExtendDB(write_size + CrcSize(), &nOldSize);
@@ -330,17 +324,14 @@ bool HashTree::BT_SeekRead(std::uint64_t nOffset, void* pBuffer, std::uint32_t n
     m_btHead.resize(nHeld);
   }
   const std::uint64_t nHeld = m_btHead.size();
-  *pnRead =
-      nOffset >= nHeld ? 0 : static_cast<std::uint32_t>(std::min<std::uint64_t>(nSize, nHeld - nOffset));
+  *pnRead = nOffset >= nHeld ? 0 : static_cast<std::uint32_t>(std::min<std::uint64_t>(nSize, nHeld - nOffset));
   if (*pnRead != 0) std::memcpy(pBuffer, m_btHead.data() + nOffset, *pnRead);
   return true;
 }
 
-bool HashTree::BT_SeekWrite(std::uint64_t nOffset, const void* pData, std::uint32_t nSize,
-                            std::uint32_t* pnWritten) {
+bool HashTree::BT_SeekWrite(std::uint64_t nOffset, const void* pData, std::uint32_t nSize, std::uint32_t* pnWritten) {
   if (!pFileBT->SeekWrite(nOffset, pData, nSize, pnWritten)) return false;
-  if (nOffset >= m_nBtHeadSize || m_btHead.empty())
-    return true;  // an unread head stays so: the next read fills it
+  if (nOffset >= m_nBtHeadSize || m_btHead.empty()) return true;  // an unread head stays so: the next read fills it
   const std::uint64_t nEnd = std::min<std::uint64_t>(nOffset + nSize, m_nBtHeadSize);
   if (m_btHead.size() < nEnd) m_btHead.resize(nEnd);
   std::memcpy(m_btHead.data() + nOffset, pData, nEnd - nOffset);

@@ -86,9 +86,7 @@ class HashTree {
 
   static std::uint32_t EntriesOf(std::uint32_t nLevel);
   std::uint32_t CrcSize() const { return m_bNodeCrcs ? sizeof(std::uint32_t) : 0; }
-  std::uint32_t RootEnd() const {
-    return FirstNodeOffset + kRootEntries * sizeof(tODB_BT_OFFSET) + CrcSize();
-  }
+  std::uint32_t RootEnd() const { return FirstNodeOffset + kRootEntries * sizeof(tODB_BT_OFFSET) + CrcSize(); }
 
   ResultCode AcceptFile(bool* pbAccepted);
   ResultCode CheckRoot(bool* pbGood);
@@ -108,8 +106,7 @@ class HashTree {
   ResultCode BT_AddNode(std::uint32_t nLevel, std::uint32_t nPreviousOffset, std::uint32_t* pnNodeOffset);
   ResultCode BT_ExtendDB(std::uint32_t nAdded, std::uint64_t* pnOldSize);
 
-  bool ValidDataCrc(std::uint64_t nSeed, const void* pBytes, std::size_t nSize,
-                    const void* pStoredCrc) const {
+  bool ValidDataCrc(std::uint64_t nSeed, const void* pBytes, std::size_t nSize, const void* pStoredCrc) const {
     return m_Crc.Valid(nSeed, pBytes, nSize, pStoredCrc);
   }
 
@@ -121,11 +118,10 @@ class HashTree {
   StorageFile* pFileBT = nullptr;
   DataCrc m_Crc;
   bool m_bNodeCrcs = false;
-  std::uint64_t m_nSizeBT = 0;         // used size of the file, as nDBSize
-  std::uint32_t m_nBtHeadSize = 0;     // how much of the file's head is held in memory
-  std::vector<std::uint8_t> m_btHead;  // what is held of it; empty until the first read through it
-  std::vector<std::uint8_t>
-      m_nodeChecked;  // per offset in the head: level + 1 of a node whose CRC was found good
+  std::uint64_t m_nSizeBT = 0;              // used size of the file, as nDBSize
+  std::uint32_t m_nBtHeadSize = 0;          // how much of the file's head is held in memory
+  std::vector<std::uint8_t> m_btHead;       // what is held of it; empty until the first read through it
+  std::vector<std::uint8_t> m_nodeChecked;  // per offset in the head: level + 1 of a node whose CRC was found good
 };
 
 }  // namespace lumbra

@@ -95,8 +95,7 @@ ResultCode ObjectDB::GetIdEntry(tObjectId id, tODB_ID_ENTRY* pEntry, TraceMiss M
     *pEntry = *pCached;
     return errOK;
   }
-  if (Miss == TraceMiss::Yes)
-    Trace(kHostRoot, traceRoutine, "lmb\tObject not found in cache by Id %I64X", id);
+  if (Miss == TraceMiss::Yes) Trace(kHostRoot, traceRoutine, "lmb\tObject not found in cache by Id %I64X", id);
   std::uint32_t bytesRead = 0;
   const std::uint64_t nIndex = std::uint64_t{MAKE_SHORT_OBJECT_ID(id)} - 1;
   const ResultCode nCode = m_IdDB.GetRecord(nIndex, pEntry, sizeof(tODB_ID_ENTRY), &bytesRead);
@@ -143,8 +142,8 @@ ResultCode ObjectDB::FindObject(std::uint64_t nHash, tObjectId* pId) {
 }
 
 ResultCode ObjectDB::FindOrCreateObject(std::uint64_t nHash, std::uint64_t nParentId, std::uint8_t nFlags,
-                                        std::uint8_t nType, const void* pName, std::uint32_t nNameSize,
-                                        bool bForce, tObjectId* pId, bool* pbExisted) {
+                                        std::uint8_t nType, const void* pName, std::uint32_t nNameSize, bool bForce,
+                                        tObjectId* pId, bool* pbExisted) {
   bool bExisted = false;
   bool& bReported = pbExisted != nullptr ? *pbExisted : bExisted;
   bReported = false;
@@ -204,8 +203,7 @@ ResultCode ObjectDB::WalkAndInsert(const NewObject& Object, bool bForce, tObject
 }
 
 // The slot last: until it is written the object is not there, and nothing points to what was begun.
-ResultCode ObjectDB::CreateInSlot(const HashTree::Place& At, const NewObject& Object, Cache Keep,
-                                  tObjectId* pId) {
+ResultCode ObjectDB::CreateInSlot(const HashTree::Place& At, const NewObject& Object, Cache Keep, tObjectId* pId) {
   tObjectId Created = 0;
   ResultCode nCode = AddObject(Object, &Created, Keep);
   if (Failed(nCode)) return nCode;
@@ -268,8 +266,8 @@ ResultCode ObjectDB::AppendData(const void* pData, std::uint32_t nDataSize, std:
 // -------------------------------------------------------------------------------------------------
 
 ResultCode ObjectDB::GetObjectName(tObjectId nObjectId, void* pBuffer, std::uint32_t nBufferSize,
-                                   std::uint32_t* pnNameSize, std::uint64_t* pnParentId,
-                                   std::uint8_t* pnFlags, std::uint8_t* pnType, std::uint64_t* pnHash) {
+                                   std::uint32_t* pnNameSize, std::uint64_t* pnParentId, std::uint8_t* pnFlags,
+                                   std::uint8_t* pnType, std::uint64_t* pnHash) {
   if (nObjectId == 0 || (nBufferSize > 0 && pBuffer == nullptr)) return errPARAMETER_INVALID;
   if (StoreNumberOf(nObjectId) != m_nNumber) return errOBJECT_NOT_FOUND;
   const std::lock_guard Hold(m_Lock);
@@ -298,8 +296,7 @@ ResultCode ObjectDB::GetObjectName(tObjectId nObjectId, void* pBuffer, std::uint
 // Reads the whole name and its CRC, and delivers the first nSize bytes, also those of a name that fails the
 // CRC.
 ResultCode ObjectDB::ReadCheckedName(const tODB_ID_ENTRY& object_entry, void* pBuffer, std::uint32_t nSize) {
-  const std::uint32_t bytesToRead =
-      object_entry.nNameSize + static_cast<std::uint32_t>(sizeof(std::uint32_t));
+  const std::uint32_t bytesToRead = object_entry.nNameSize + static_cast<std::uint32_t>(sizeof(std::uint32_t));
   NameBuffer buffer;
   if (!buffer.Resize(bytesToRead)) return errOUT_OF_MEMORY;
   std::uint32_t bytesRead = 0;

@@ -60,25 +60,24 @@ class ObjectDB {
   // neither compared nor changed when it exists. Hash 0 without a name makes an anonymous object, found by
   // its id alone. bForce replaces an object that is there and detaches broken parts of the tree. pbExisted
   // may be null.
-  ResultCode FindOrCreateObject(std::uint64_t nHash, std::uint64_t nParentId, std::uint8_t nFlags,
-                                std::uint8_t nType, const void* pName, std::uint32_t nNameSize, bool bForce,
-                                tObjectId* pId, bool* pbExisted);
+  ResultCode FindOrCreateObject(std::uint64_t nHash, std::uint64_t nParentId, std::uint8_t nFlags, std::uint8_t nType,
+                                const void* pName, std::uint32_t nNameSize, bool bForce, tObjectId* pId,
+                                bool* pbExisted);
 
   // What is stored of an object; every output may be null, and all but the name are set also when the name
   // fails. A buffer that is too small receives the name's first bytes and errBUFFER_TOO_SMALL.
-  ResultCode GetObjectName(tObjectId nObjectId, void* pBuffer, std::uint32_t nBufferSize,
-                           std::uint32_t* pnNameSize, std::uint64_t* pnParentId, std::uint8_t* pnFlags,
-                           std::uint8_t* pnType, std::uint64_t* pnHash);
+  ResultCode GetObjectName(tObjectId nObjectId, void* pBuffer, std::uint32_t nBufferSize, std::uint32_t* pnNameSize,
+                           std::uint64_t* pnParentId, std::uint8_t* pnFlags, std::uint8_t* pnType,
+                           std::uint64_t* pnHash);
 
   // The data block under a key; errNOT_FOUND when there is none. With nBufferSize 0 only its size is told. A
   // buffer that is too small: errBUFFER_TOO_SMALL, with the size in *pnDataSize (which may be null when there
   // is a buffer).
-  ResultCode GetObjectData(tObjectId nObjectId, void* pBuffer, std::uint32_t nBufferSize,
-                           std::uint32_t* pnDataSize, std::uint32_t nDataType);
+  ResultCode GetObjectData(tObjectId nObjectId, void* pBuffer, std::uint32_t nBufferSize, std::uint32_t* pnDataSize,
+                           std::uint32_t nDataType);
 
   // Stores a data block under a key, in place of the one that is there. errOUT_OF_SPACE for a 256th key.
-  ResultCode SetObjectData(tObjectId nObjectId, const void* pData, std::uint32_t nSize,
-                           std::uint32_t nDataType);
+  ResultCode SetObjectData(tObjectId nObjectId, const void* pData, std::uint32_t nSize, std::uint32_t nDataType);
 
   // Forgets every data block of the object; the space stays taken until the store is compacted.
   ResultCode RemoveAllObjectData(tObjectId nObjectId);
@@ -144,8 +143,7 @@ class ObjectDB {
   void SealDataEntries(tObjectId nObjectId, DataEntries* pEntries) const;
   ResultCode CheckBlockInFile(const tODB_DATA_ENTRY* pde, std::uint32_t nDataSize);
   ResultCode ReadPlainBlock(const tODB_DATA_ENTRY* pde, std::uint8_t* readBuf, std::uint32_t nDataSize);
-  ResultCode ReadCheckedBlock(tObjectId nObjectId, const tODB_DATA_ENTRY* pde, std::uint32_t nDataSize,
-                              void* pBuffer);
+  ResultCode ReadCheckedBlock(tObjectId nObjectId, const tODB_DATA_ENTRY* pde, std::uint32_t nDataSize, void* pBuffer);
   bool BuildBlock(tObjectId nObjectId, const void* pData, std::uint32_t nSize, BlockBuffer* pScratch,
                   ByteView* pBlock) const;
   ResultCode OverwriteBlock(const tODB_DATA_ENTRY* pde, ByteView dataToWrite);
@@ -160,8 +158,7 @@ class ObjectDB {
   ResultCode RepairTree(std::uint64_t nRecords);
   ResultCode InsertMissingHash(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry);
 
-  bool ValidDataCrc(std::uint64_t nSeed, const void* pBytes, std::size_t nSize,
-                    const void* pStoredCrc) const {
+  bool ValidDataCrc(std::uint64_t nSeed, const void* pBytes, std::size_t nSize, const void* pStoredCrc) const {
     return m_Crc.Valid(nSeed, pBytes, nSize, pStoredCrc);
   }
 

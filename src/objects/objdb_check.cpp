@@ -52,8 +52,7 @@ ResultCode ObjectDB::CheckNewestObject(std::uint64_t nObjectId, bool* pbHashMiss
     tObjectId idFromBt = 0;
     const ResultCode nFound = FindObject(objectEntry.nObjectHash, &idFromBt);
     if (nFound == errOBJECT_NOT_FOUND) {
-      Trace(kHostRoot, traceDamage, "lmb\tObject %lu - hash not found in BT",
-            static_cast<std::uint32_t>(nObjectId));
+      Trace(kHostRoot, traceDamage, "lmb\tObject %lu - hash not found in BT", static_cast<std::uint32_t>(nObjectId));
       *pbHashMissing = true;
     } else {
       ODB_CHECK_AS("FindObject(objectEntry.nObjectHash, &idFromBt)", Succeeded(nFound), errDATA_CORRUPTED);
@@ -71,8 +70,8 @@ ResultCode ObjectDB::ReadRecordForCheck(std::uint64_t nObjectId, tODB_ID_ENTRY* 
   const tODB_ID_ENTRY& objectEntry = *pEntry;
   std::uint32_t bytesRead = 0;
   const ResultCode nRead = m_IdDB.GetRecord(nObjectId, pEntry, sizeof(tODB_ID_ENTRY), &bytesRead);
-  ODB_CHECK_AS("m_IdDB.GetRecord(nObjectId, &objectEntry, sizeof(tODB_ID_ENTRY), &bytesRead)",
-               Succeeded(nRead), errDATA_CORRUPTED);
+  ODB_CHECK_AS("m_IdDB.GetRecord(nObjectId, &objectEntry, sizeof(tODB_ID_ENTRY), &bytesRead)", Succeeded(nRead),
+               errDATA_CORRUPTED);
   ODB_CHECK(bytesRead == sizeof(tODB_ID_ENTRY), errDATA_CORRUPTED);
   ODB_CHECK_AS("objectEntry.nName + objectEntry.nNameSize <= m_nSizeDT",
                std::uint64_t{objectEntry.nName} + objectEntry.nNameSize <= m_nSizeDT, errDATA_CORRUPTED);
@@ -99,8 +98,7 @@ ResultCode ObjectDB::CheckName(const tODB_ID_ENTRY& objectEntry) {
 ResultCode ObjectDB::CheckData(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry) {
   const std::uint32_t dataEntriesBytesCount = ArraySize(objectEntry.nDataEntriesCount);
   ODB_CHECK_AS("objectEntry.nDataEntriesOffset + dataEntriesBytesCount <= m_nSizeDT",
-               std::uint64_t{objectEntry.nDataEntriesOffset} + dataEntriesBytesCount <= m_nSizeDT,
-               errDATA_CORRUPTED);
+               std::uint64_t{objectEntry.nDataEntriesOffset} + dataEntriesBytesCount <= m_nSizeDT, errDATA_CORRUPTED);
   DataEntries Entries;
   tODB_DATA_ENTRY* const dataEntries = Entries.Items;
   std::uint32_t bytesRead = 0;
@@ -125,8 +123,7 @@ ResultCode ObjectDB::CheckData(std::uint64_t nObjectId, const tODB_ID_ENTRY& obj
     ODB_CHECK(bytesRead == bytesToRead, DataReadErrorCode(nOffset + bytesRead));
     if (Has(featureMask)) MaskDataBlock(buffer.Get(), bytesToRead);
     const std::uint32_t userDataSize = bytesToRead - kCrcSize;
-    ODB_CHECK(ValidDataCrc(nObjectId + 1, buffer.Get(), userDataSize, buffer.Get() + userDataSize),
-              errDATA_CORRUPTED);
+    ODB_CHECK(ValidDataCrc(nObjectId + 1, buffer.Get(), userDataSize, buffer.Get() + userDataSize), errDATA_CORRUPTED);
   }
   return errOK;
 }
@@ -148,10 +145,8 @@ ResultCode ObjectDB::RepairTree(std::uint64_t nRecords) {
       ++nFoundRun;
       continue;
     }
-    ODB_CHECK_AS("FindObject(objectEntry.nObjectHash, &idFromBt)", nFound == errOBJECT_NOT_FOUND,
-                 errDATA_CORRUPTED);
-    Trace(kHostRoot, traceDamage, "lmb\tObject %lu - hash not found in BT",
-          static_cast<std::uint32_t>(nObjectId + 1));
+    ODB_CHECK_AS("FindObject(objectEntry.nObjectHash, &idFromBt)", nFound == errOBJECT_NOT_FOUND, errDATA_CORRUPTED);
+    Trace(kHostRoot, traceDamage, "lmb\tObject %lu - hash not found in BT", static_cast<std::uint32_t>(nObjectId + 1));
     const ResultCode nInserted = InsertMissingHash(nObjectId, objectEntry);
     if (Failed(nInserted)) return nInserted;
     ++nAdded;
@@ -180,8 +175,7 @@ ResultCode ObjectDB::InsertMissingHash(std::uint64_t nObjectId, const tODB_ID_EN
     ODB_CHECK(Succeeded(m_Tree.Split(&At, nHash, object_entry.nObjectHash, next_offset)), errDATA_CORRUPTED);
   }
   ODB_CHECK(0 == next_offset, errDATA_CORRUPTED);
-  ODB_CHECK(Succeeded(m_Tree.WriteSlot(At, nHash, static_cast<std::uint32_t>(nObjectId + 1))),
-            errDATA_CORRUPTED);
+  ODB_CHECK(Succeeded(m_Tree.WriteSlot(At, nHash, static_cast<std::uint32_t>(nObjectId + 1))), errDATA_CORRUPTED);
   return errOK;
 }
 

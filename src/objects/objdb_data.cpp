@@ -67,16 +67,14 @@ std::uint32_t ObjectDB::ArraySize(std::uint32_t nCount) const {
   return nCount * static_cast<std::uint32_t>(sizeof(tODB_DATA_ENTRY)) + (Has(featureArrayCrc) ? kCrcSize : 0);
 }
 
-ResultCode ObjectDB::ReadDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry,
-                                     DataEntries* pEntries) {
+ResultCode ObjectDB::ReadDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries) {
   tODB_DATA_ENTRY* const data_entries = pEntries->Items;
   pEntries->nCount = object_entry.nDataEntriesCount;
   const std::uint32_t bytesToRead = ArraySize(object_entry.nDataEntriesCount);
   std::uint32_t bytesRead = 0;
   ODB_CHECK(m_pFileData->SeekRead(object_entry.nDataEntriesOffset, data_entries, bytesToRead, &bytesRead),
             DataReadErrorCode(object_entry.nDataEntriesOffset));
-  ODB_CHECK(bytesToRead == bytesRead,
-            DataReadErrorCode(std::uint64_t{object_entry.nDataEntriesOffset} + bytesRead));
+  ODB_CHECK(bytesToRead == bytesRead, DataReadErrorCode(std::uint64_t{object_entry.nDataEntriesOffset} + bytesRead));
   if (!Has(featureArrayCrc)) return errOK;
   // clang-format off
   ODB_CHECK(ValidDataCrc(nObjectId, data_entries, object_entry.nDataEntriesCount * sizeof(tODB_DATA_ENTRY), data_entries + object_entry.nDataEntriesCount),
@@ -96,8 +94,7 @@ ResultCode ObjectDB::CheckBlockInFile(const tODB_DATA_ENTRY* pde, std::uint32_t 
 }
 
 // Reads a block's stored bytes and takes the mask off.
-ResultCode ObjectDB::ReadPlainBlock(const tODB_DATA_ENTRY* pde, std::uint8_t* readBuf,
-                                    std::uint32_t nDataSize) {
+ResultCode ObjectDB::ReadPlainBlock(const tODB_DATA_ENTRY* pde, std::uint8_t* readBuf, std::uint32_t nDataSize) {
   std::uint32_t bytesRead = 0;
   ODB_CHECK(m_pFileData->SeekRead(pde->nDataOffset, readBuf, nDataSize, &bytesRead),
             DataReadErrorCode(pde->nDataOffset));
@@ -107,8 +104,8 @@ ResultCode ObjectDB::ReadPlainBlock(const tODB_DATA_ENTRY* pde, std::uint8_t* re
 }
 
 // The same for a block with a CRC, which is checked also when nobody wants the bytes (pBuffer null).
-ResultCode ObjectDB::ReadCheckedBlock(tObjectId nObjectId, const tODB_DATA_ENTRY* pde,
-                                      std::uint32_t nDataSize, void* pBuffer) {
+ResultCode ObjectDB::ReadCheckedBlock(tObjectId nObjectId, const tODB_DATA_ENTRY* pde, std::uint32_t nDataSize,
+                                      void* pBuffer) {
   BlockBuffer Scratch;
   if (!Scratch.Resize(nDataSize)) return errOUT_OF_MEMORY;
   std::uint8_t* const readBuf = Scratch.Get();
@@ -196,8 +193,8 @@ ResultCode ObjectDB::OverwriteBlock(const tODB_DATA_ENTRY* pde, ByteView dataToW
 }
 
 // Brings one changed or added entry to the disk.
-ResultCode ObjectDB::StoreDataEntry(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry,
-                                    DataEntries* pEntries, std::uint32_t nEntry) {
+ResultCode ObjectDB::StoreDataEntry(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries,
+                                    std::uint32_t nEntry) {
   if (pEntries->nCount != object_entry.nDataEntriesCount) {
     return AppendDataEntries(nObjectId, object_entry, pEntries);
   }
@@ -206,9 +203,8 @@ ResultCode ObjectDB::StoreDataEntry(tObjectId nObjectId, const tODB_ID_ENTRY& ob
     SealDataEntries(nObjectId, pEntries);
     const tODB_DATA_ENTRY* const data_entries = pEntries->Items;
     const std::uint32_t sizeToWrite = ArraySize(pEntries->nCount);
-    ODB_CHECK(
-        m_pFileData->SeekWrite(object_entry.nDataEntriesOffset, data_entries, sizeToWrite, &bytesWritten),
-        errWRITE_FAILED);
+    ODB_CHECK(m_pFileData->SeekWrite(object_entry.nDataEntriesOffset, data_entries, sizeToWrite, &bytesWritten),
+              errWRITE_FAILED);
     if (ChecksByteCounts()) ODB_CHECK(sizeToWrite == bytesWritten, errWRITE_FAILED);
     return errOK;
   }
@@ -222,8 +218,7 @@ ResultCode ObjectDB::StoreDataEntry(tObjectId nObjectId, const tODB_ID_ENTRY& ob
 }
 
 // A longer array goes to the end of the file; the record is led to it; then the old array is wiped.
-ResultCode ObjectDB::AppendDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry,
-                                       DataEntries* pEntries) {
+ResultCode ObjectDB::AppendDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries) {
   SealDataEntries(nObjectId, pEntries);
   std::uint32_t nOffset = 0;
   ResultCode nCode = AppendData(pEntries->Items, ArraySize(pEntries->nCount), &nOffset);
@@ -235,8 +230,7 @@ ResultCode ObjectDB::AppendDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY&
   if (Failed(nCode)) return nCode;
   const bool bHadArray = object_entry.nDataEntriesOffset != 0 && object_entry.nDataEntriesCount >= 1;
   if (!bHadArray) return errOK;
-  return ZeroFill(m_pFileData.get(), object_entry.nDataEntriesOffset,
-                  ArraySize(object_entry.nDataEntriesCount));
+  return ZeroFill(m_pFileData.get(), object_entry.nDataEntriesOffset, ArraySize(object_entry.nDataEntriesCount));
 }
 
 // Puts the CRC behind the last entry, when the feature set has one there.

@@ -40,8 +40,7 @@ enum StoreFeatures : std::uint32_t {
 
 // What new files get: everything under data checking, masked blocks without it.
 inline constexpr std::uint32_t kPlainFeatures = featureMask;
-inline constexpr std::uint32_t kCheckedFeatures =
-    featureMask | featureBlockCrc | featureArrayCrc | featureNameCrc;
+inline constexpr std::uint32_t kCheckedFeatures = featureMask | featureBlockCrc | featureArrayCrc | featureNameCrc;
 
 struct FeatureMagic {
   FILE_MAGIC Magic;
@@ -56,12 +55,12 @@ inline constexpr FeatureMagic kFeatureMagics[] = {
 
 // The id record, one per object, in a PlainDB with 29 user bytes.
 struct tODB_ID_ENTRY {
-  std::uint64_t nObjectHash;  //  0: 0 for an anonymous object; all ones for one that compaction made invalid
-  std::uint64_t nParentId;    //  8: the parent's object id, 0 for none
-  std::uint32_t nName;        // 16: offset of the name block, 0 without a name
-  std::uint16_t nNameSize;    // 20: bytes of the name
-  std::uint8_t nFlags;        // 22: bit 0: the name is UTF-8, otherwise UTF-16
-  std::uint8_t nType;         // 23
+  std::uint64_t nObjectHash;         //  0: 0 for an anonymous object; all ones for one that compaction made invalid
+  std::uint64_t nParentId;           //  8: the parent's object id, 0 for none
+  std::uint32_t nName;               // 16: offset of the name block, 0 without a name
+  std::uint16_t nNameSize;           // 20: bytes of the name
+  std::uint8_t nFlags;               // 22: bit 0: the name is UTF-8, otherwise UTF-16
+  std::uint8_t nType;                // 23
   std::uint32_t nDataEntriesOffset;  // 24: offset of the data entry array, 0 for none
   std::uint8_t nDataEntriesCount;    // 28
 };
@@ -91,8 +90,7 @@ struct DataSize {
 
   static constexpr DataSize Decode(std::uint32_t nDataSize) {
     const bool bSmall = (nDataSize & 0x80000000u) != 0;
-    return bSmall ? DataSize{nDataSize & kMaxSmall, (nDataSize >> 16) & kMaxSmall}
-                  : DataSize{nDataSize, nDataSize};
+    return bSmall ? DataSize{nDataSize & kMaxSmall, (nDataSize >> 16) & kMaxSmall} : DataSize{nDataSize, nDataSize};
   }
   constexpr std::uint32_t Encode() const {
     if (nStored > kMaxSmall) return nStored;
@@ -105,8 +103,7 @@ struct DataSize {
 // names and paths in data from standing readable in the file.
 inline void MaskDataBlock(std::uint8_t* pBlock, std::uint32_t nSize) {
   constexpr std::uint8_t kKey[4] = {0x27, 0x9E, 0x5C, 0x3A};  // 0x3A5C9E27, little-endian
-  for (std::uint32_t i = 0; i < nSize; ++i)
-    pBlock[i] ^= kKey[i % 4];
+  for (std::uint32_t i = 0; i < nSize; ++i) pBlock[i] ^= kKey[i % 4];
 }
 
 }  // namespace lumbra

@@ -24,11 +24,9 @@ std::uint32_t StoredCrc(const std::uint8_t* pCrc) {
 
 }  // namespace
 
-bool PlainDB::Open(std::unique_ptr<StorageFile>& pFile, std::uint32_t nUserRecordSize,
-                   bool bCheckedIfCreated) {
+bool PlainDB::Open(std::unique_ptr<StorageFile>& pFile, std::uint32_t nUserRecordSize, bool bCheckedIfCreated) {
   if (pFile == nullptr || nUserRecordSize == 0) return false;
-  if (!AcceptHeader(*pFile, nUserRecordSize) && !Recreate(*pFile, nUserRecordSize, bCheckedIfCreated))
-    return false;
+  if (!AcceptHeader(*pFile, nUserRecordSize) && !Recreate(*pFile, nUserRecordSize, bCheckedIfCreated)) return false;
   m_pFile = std::move(pFile);
   return true;
 }
@@ -41,8 +39,7 @@ bool PlainDB::AcceptHeader(StorageFile& File, std::uint32_t nUserRecordSize) {
   const bool bUnchecked = std::memcmp(Header.Magic, kUncheckedMagic, sizeof(Header.Magic)) == 0;
   const bool bChecked = std::memcmp(Header.Magic, kCheckedMagic, sizeof(Header.Magic)) == 0;
   if (!bUnchecked && !bChecked) return false;
-  if (std::uint64_t{Header.nRecordSize} !=
-      std::uint64_t{nUserRecordSize} + (bChecked ? CheckedAdditionSize : 0)) {
+  if (std::uint64_t{Header.nRecordSize} != std::uint64_t{nUserRecordSize} + (bChecked ? CheckedAdditionSize : 0)) {
     return false;
   }
   std::uint64_t nFileSize = 0;
@@ -122,8 +119,7 @@ ResultCode PlainDB::GetRecord(std::uint64_t nIndex, void* pDataBuff, std::uint32
   if (pnRecordSize != nullptr) *pnRecordSize = UserRecordSize();
   if (pDataBuff == nullptr || nDataBuffSize != UserRecordSize()) return errPARAMETER_INVALID;
   if (nIndex >= m_nRecordCount) return errNOT_FOUND;
-  return m_bChecked ? GetCheckedRecord(nIndex, pDataBuff)
-                    : GetUncheckedRecord(nIndex, pDataBuff, nDataBuffSize);
+  return m_bChecked ? GetCheckedRecord(nIndex, pDataBuff) : GetUncheckedRecord(nIndex, pDataBuff, nDataBuffSize);
 }
 
 ResultCode PlainDB::GetUncheckedRecord(std::uint64_t nIndex, void* pDataBuff, std::uint32_t nDataBuffSize) {

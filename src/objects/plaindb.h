@@ -19,8 +19,7 @@
 
 namespace lumbra {
 
-static_assert(std::endian::native == std::endian::little,
-              "the files are little-endian and are read as they stand");
+static_assert(std::endian::native == std::endian::little, "the files are little-endian and are read as they stand");
 
 // The head of the file. Record i stands at 12 + i * nRecordSize.
 struct tPLAINDB_HEADER {
@@ -47,9 +46,7 @@ class PlainDB {
   bool Flush();  // always true; a failure stays in the file object
 
   std::uint64_t GetRecordCount() const { return m_nRecordCount; }
-  std::uint64_t GetSize() const {
-    return m_nRecordCount * m_nRecordSize;
-  }  // of whole records, without the header
+  std::uint64_t GetSize() const { return m_nRecordCount * m_nRecordSize; }  // of whole records, without the header
   std::uint32_t UserRecordSize() const { return m_nRecordSize - (m_bChecked ? CheckedAdditionSize : 0); }
   std::uint32_t StoredRecordSize() const { return m_nRecordSize; }
 
@@ -64,13 +61,11 @@ class PlainDB {
 
   // Reads a record into a buffer of exactly UserRecordSize bytes, which is filled also when the CRC is wrong.
   // *pnRecordSize (may be null) is set whatever follows.
-  ResultCode GetRecord(std::uint64_t nIndex, void* pDataBuff, std::uint32_t nDataBuffSize,
-                       std::uint32_t* pnRecordSize);
+  ResultCode GetRecord(std::uint64_t nIndex, void* pDataBuff, std::uint32_t nDataBuffSize, std::uint32_t* pnRecordSize);
 
   // Reads as many whole records as fit, from nFirst on. Reaching the end of the file is errOK with fewer
   // records. A bad record in a checked file is an error, and leaves *pnCount (may be null) unwritten.
-  ResultCode GetRecords(std::uint64_t nFirst, void* pDataBuff, std::uint32_t nDataBuffSize,
-                        std::uint32_t* pnCount);
+  ResultCode GetRecords(std::uint64_t nFirst, void* pDataBuff, std::uint32_t nDataBuffSize, std::uint32_t* pnCount);
 
   // The records of a file of that size, without opening it.
   static std::uint64_t RecordCountOfSize(std::uint64_t nFileSize, std::uint32_t nStoredRecordSize);
@@ -79,9 +74,7 @@ class PlainDB {
   // At most 0xFFFFFFFF records.
   static constexpr std::uint64_t kMaxRecords = 0xFFFFFFFF;
 
-  std::uint64_t PositionOf(std::uint64_t nIndex) const {
-    return sizeof(tPLAINDB_HEADER) + nIndex * m_nRecordSize;
-  }
+  std::uint64_t PositionOf(std::uint64_t nIndex) const { return sizeof(tPLAINDB_HEADER) + nIndex * m_nRecordSize; }
   bool AcceptHeader(StorageFile& File, std::uint32_t nUserRecordSize);
   bool Recreate(StorageFile& File, std::uint32_t nUserRecordSize, bool bChecked);
   ResultCode WriteCheckedRecord(std::uint64_t nPosition, const void* pData, std::uint32_t nDataSize);

@@ -8,8 +8,7 @@ namespace lumbra {
 namespace {
 
 std::uint32_t AccessOf(std::uint32_t nFlags) {
-  return ((nFlags & fileRead) != 0 ? os::kGenericRead : 0u) |
-         ((nFlags & fileWrite) != 0 ? os::kGenericWrite : 0u) |
+  return ((nFlags & fileRead) != 0 ? os::kGenericRead : 0u) | ((nFlags & fileWrite) != 0 ? os::kGenericWrite : 0u) |
          ((nFlags & fileExecute) != 0 ? os::kGenericExecute : 0u);
 }
 
@@ -54,8 +53,7 @@ File::~File() {
 ResultCode File::Create(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t nShare,
                         os::Disposition nDisposition, std::uint32_t nFlags) {
   os::FileHandle Opened = nullptr;
-  const ResultCode nCode =
-      ResultFromSystemError(os::Open(Path, nAccess, nShare, nDisposition, nFlags, &Opened));
+  const ResultCode nCode = ResultFromSystemError(os::Open(Path, nAccess, nShare, nDisposition, nFlags, &Opened));
   Close();
   m_Handle = Opened;
   return nCode;

@@ -39,8 +39,8 @@ class File {
 
   // Opens with Win32's access, share mode, disposition and flags. A handle that was held is closed and
   // replaced, by nothing when the open fails.
-  ResultCode Create(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t nShare,
-                    os::Disposition nDisposition, std::uint32_t nFlags);
+  ResultCode Create(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t nShare, os::Disposition nDisposition,
+                    std::uint32_t nFlags);
 
   // Create with FileFlags and a FileDisposition.
   ResultCode OpenWithFlags(std::u16string_view Path, std::uint32_t nFlags, std::uint32_t nDisposition);

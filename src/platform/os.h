@@ -49,11 +49,7 @@ inline constexpr SystemError kCannotResolveName = 1921;
 struct OpenFile;  // the platform's own record of an open file
 using FileHandle = OpenFile*;
 
-enum Access : std::uint32_t {
-  kGenericRead = 0x80000000,
-  kGenericWrite = 0x40000000,
-  kGenericExecute = 0x20000000
-};
+enum Access : std::uint32_t { kGenericRead = 0x80000000, kGenericWrite = 0x40000000, kGenericExecute = 0x20000000 };
 enum Share : std::uint32_t { kShareRead = 1, kShareWrite = 2, kShareDelete = 4 };
 enum class Disposition : std::uint32_t {
   CreateNew = 1,
@@ -66,8 +62,8 @@ enum class Disposition : std::uint32_t {
 // Opens or creates a file. A file whose holder does not share what is asked for here, or that is held in a
 // way that nShare does not allow, is kSharingViolation: at once, and before anything in it changes. Stores
 // the handle on success only; the caller gives it back with Close.
-SystemError Open(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t nShare,
-                 Disposition nDisposition, std::uint32_t nFlags, FileHandle* pHandle);
+SystemError Open(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t nShare, Disposition nDisposition,
+                 std::uint32_t nFlags, FileHandle* pHandle);
 SystemError Close(FileHandle Handle);
 
 enum class SeekOrigin : std::uint32_t { Start = 0, Current = 1, End = 2 };
@@ -79,8 +75,7 @@ SystemError Seek(FileHandle Handle, SeekOrigin Origin, std::int64_t nDistance, s
 
 // Read and write at an offset from the start of the file; they may move the handle's position. *pnRead and
 // *pnWritten hold the bytes that were moved, also after a failure.
-SystemError ReadAt(FileHandle Handle, std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize,
-                   std::uint32_t* pnRead);
+SystemError ReadAt(FileHandle Handle, std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead);
 SystemError WriteAt(FileHandle Handle, std::uint64_t nOffset, const void* pData, std::uint32_t nSize,
                     std::uint32_t* pnWritten);
 

@@ -29,8 +29,7 @@ constexpr std::int64_t kFileTimeUnitsPerSecond = 10000000;
 // "%08X_"
 std::u16string NumberPrefix(std::uint32_t nId) {
   std::u16string Prefix;
-  for (int nShift = 28; nShift >= 0; nShift -= 4)
-    Prefix += u"0123456789ABCDEF"[(nId >> nShift) & 0xFu];
+  for (int nShift = 28; nShift >= 0; nShift -= 4) Prefix += u"0123456789ABCDEF"[(nId >> nShift) & 0xFu];
   return Prefix + u'_';
 }
 
@@ -109,8 +108,8 @@ std::uint64_t StorageEnvironment::GetCurrentTime() {
   return os::CurrentTime();
 }
 
-ResultCode StorageEnvironment::OpenFile(const char16_t* pName, std::uint32_t nId, bool bCreate,
-                                        bool bWritable, std::unique_ptr<StorageFile>* ppFile) {
+ResultCode StorageEnvironment::OpenFile(const char16_t* pName, std::uint32_t nId, bool bCreate, bool bWritable,
+                                        std::unique_ptr<StorageFile>* ppFile) {
   const ThreadTokenSuspension Suspension;
   if (m_Folder.empty()) return errSTORE_NOT_INITIALIZED;
   if (pName == nullptr || ppFile == nullptr) return errPARAMETER_INVALID;
@@ -118,8 +117,7 @@ ResultCode StorageEnvironment::OpenFile(const char16_t* pName, std::uint32_t nId
     std::u16string Path = PathOf(FileName(pName, nId));
     const std::uint32_t nFlags = fileRead | fileShareRead | (bWritable ? std::uint32_t{fileWrite} : 0u);
     File Opened;
-    const ResultCode nCode =
-        ToHostResult(Opened.OpenWithFlags(Path, nFlags, bCreate ? openAlways : openExisting));
+    const ResultCode nCode = ToHostResult(Opened.OpenWithFlags(Path, nFlags, bCreate ? openAlways : openExisting));
     if (Failed(nCode)) return nCode;
     // The handle is released only once nothing can fail any more.
     void* const pMemory = ::operator new(sizeof(StorageFile), std::nothrow);
@@ -135,14 +133,12 @@ ResultCode StorageEnvironment::DeleteFiles(const char16_t* /*pPattern*/, std::ui
   if (m_Folder.empty()) return errOK;
   try {
     if (nId != 0) {
-      for (const std::u16string_view Name : kSegmentFiles)
-        os::RemoveFile(PathOf(FileName(Name, nId)));
+      for (const std::u16string_view Name : kSegmentFiles) os::RemoveFile(PathOf(FileName(Name, nId)));
       return errOK;
     }
     std::vector<std::u16string> Names;
     os::ListPlainFiles(m_Folder, &Names);
-    for (const std::u16string& Name : Names)
-      os::RemoveFile(PathOf(Name));
+    for (const std::u16string& Name : Names) os::RemoveFile(PathOf(Name));
   } catch (const std::bad_alloc&) {
     // What was not reached stays, like any other file that could not be deleted.
   }
@@ -184,8 +180,7 @@ ResultCode StorageEnvironment::GetFileCreationTime(const char16_t* pName, std::u
     const PathBlock Path = BuildFilePath(m_Folder, pName, nId);
     if (Path == nullptr) return errOUT_OF_MEMORY;
     return ResultOfSearch(os::FindFiles(Path.get(), [pnTime](const os::FoundFile& Found) {
-      *pnTime =
-          static_cast<std::uint64_t>((Found.nCreationTimeSeconds + kSecondsTo1970) * kFileTimeUnitsPerSecond);
+      *pnTime = static_cast<std::uint64_t>((Found.nCreationTimeSeconds + kSecondsTo1970) * kFileTimeUnitsPerSecond);
       return false;  // the first match is enough
     }));
   } catch (const std::bad_alloc&) {
@@ -193,8 +188,7 @@ ResultCode StorageEnvironment::GetFileCreationTime(const char16_t* pName, std::u
   }
 }
 
-ResultCode StorageEnvironment::GetFileSize(const char16_t* pName, std::uint32_t nId,
-                                           std::uint64_t* pnSize) noexcept {
+ResultCode StorageEnvironment::GetFileSize(const char16_t* pName, std::uint32_t nId, std::uint64_t* pnSize) noexcept {
   if (m_Folder.empty()) return errSTORE_NOT_INITIALIZED;
   if (pName == nullptr || pnSize == nullptr) return errPARAMETER_INVALID;
   *pnSize = 0;

@@ -38,8 +38,7 @@ class StorageEnvironment {
 
   // Points the environment at a folder, which is created with its missing parents. True when it exists
   // afterwards. The owner must outlive the environment's use. May be called again, for another folder.
-  bool Init(StorageOwner* pOwner, const char16_t* pFolder, FolderContent Content,
-            bool bEnvironmentFlag) noexcept;
+  bool Init(StorageOwner* pOwner, const char16_t* pFolder, FolderContent Content, bool bEnvironmentFlag) noexcept;
 
   // Now, as a FILETIME (100 ns units since 1601-01-01 UTC).
   static std::uint64_t GetCurrentTime();
@@ -62,10 +61,10 @@ class StorageEnvironment {
   // Conversions between UTF-16 and UTF-8. A null buffer of size 0 measures; the out length may be null. False
   // when nothing came out: no input, or a buffer that is too small. Lengths are in bytes, except that the
   // capacity of Utf8ToWide counts UTF-16 units.
-  static bool WideToUtf8(const char16_t* pText, std::uint32_t nTextBytes, char* pBuffer,
-                         std::uint32_t nBufferBytes, std::uint32_t* pnLengthBytes) noexcept;
-  static bool Utf8ToWide(const char* pText, std::uint32_t nTextBytes, char16_t* pBuffer,
-                         std::uint32_t nBufferUnits, std::uint32_t* pnLengthBytes) noexcept;
+  static bool WideToUtf8(const char16_t* pText, std::uint32_t nTextBytes, char* pBuffer, std::uint32_t nBufferBytes,
+                         std::uint32_t* pnLengthBytes) noexcept;
+  static bool Utf8ToWide(const char* pText, std::uint32_t nTextBytes, char16_t* pBuffer, std::uint32_t nBufferUnits,
+                         std::uint32_t* pnLengthBytes) noexcept;
 
   // Upper-cases in place, each unit for itself; answers nUnits.
   static std::uint32_t UpperCase(char16_t* pText, std::uint32_t nUnits) noexcept;

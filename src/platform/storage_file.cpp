@@ -7,8 +7,7 @@
 
 namespace lumbra {
 
-StorageFile::StorageFile(os::FileHandle Handle, std::u16string Path)
-    : m_Handle(Handle), m_Path(std::move(Path)) {}
+StorageFile::StorageFile(os::FileHandle Handle, std::u16string Path) : m_Handle(Handle), m_Path(std::move(Path)) {}
 
 StorageFile::~StorageFile() {
   os::Close(m_Handle);
@@ -23,8 +22,7 @@ bool StorageFile::SeekRead(std::uint64_t nOffset, void* pBuffer, std::uint32_t n
   return true;
 }
 
-bool StorageFile::SeekWrite(std::uint64_t nOffset, const void* pData, std::uint32_t nSize,
-                            std::uint32_t* pnWritten) {
+bool StorageFile::SeekWrite(std::uint64_t nOffset, const void* pData, std::uint32_t nSize, std::uint32_t* pnWritten) {
   IoPriorityGuard::BeforeFileAccess();
   m_bModified = true;
   std::uint32_t nWritten = 0;

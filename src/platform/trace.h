@@ -118,17 +118,15 @@ consteval void CheckFormat(const char* pText) {
 template <class... Arguments>
 struct TraceFormat {
   // Implicit, so that a call of Trace takes a plain literal.
-  consteval TraceFormat(const char* pFormat) : pText(pFormat) {
-    trace_detail::CheckFormat<Arguments...>(pFormat);
-  }
+  consteval TraceFormat(const char* pFormat) : pText(pFormat) { trace_detail::CheckFormat<Arguments...>(pFormat); }
   const char* pText;
 };
 
 // Writes one line on behalf of pObject (kHostRoot, or an instance for the lines of its operations). From any
 // thread, at any time; callers ignore the answer, and no failure reaches them.
 template <class... Arguments>
-ResultCode Trace(HostObject* pObject, TraceLevel nLevel,
-                 TraceFormat<std::type_identity_t<Arguments>...> Format, Arguments... Values) noexcept {
+ResultCode Trace(HostObject* pObject, TraceLevel nLevel, TraceFormat<std::type_identity_t<Arguments>...> Format,
+                 Arguments... Values) noexcept {
   return TraceLine(pObject, nLevel, Format.pText, Values...);
 }
 

@@ -46,8 +46,7 @@ class ComponentTest : public World {
     return m_Store.Call(pOperation, Arguments...);
   }
 
-  ResultCode Add(std::uint32_t nDb, std::uint64_t nTime, std::uint64_t nObject = 0,
-                 std::uint64_t* pnId = nullptr) {
+  ResultCode Add(std::uint32_t nDb, std::uint64_t nTime, std::uint64_t nObject = 0, std::uint64_t* pnId = nullptr) {
     const Event Added{nTime, nObject};
     return Call(&Ops::AddEvent, nDb, &Added, sizeof(Added), pnId);
   }
@@ -58,8 +57,7 @@ class ComponentTest : public World {
     std::uint32_t nRead = 0;
     m_nLast = Call(&Ops::GetEvents, nDb, nStart, Read.data(), nCount * 16, nCount, &nRead, nullptr);
     std::vector<std::uint64_t> Result;
-    for (std::uint32_t i = 0; i < nRead; ++i)
-      Result.push_back(Read[i].nTime);
+    for (std::uint32_t i = 0; i < nRead; ++i) Result.push_back(Read[i].nTime);
     return Result;
   }
 

@@ -109,8 +109,7 @@ TEST_F(DatabasesTest, DoesNotKeepANameThatWasNotSaved) {
 TEST_F(DatabasesTest, SetsLimits) {
   ASSERT_CODE(errOK, Call(&Ops::SetDBParams, 5, limitSegmentEvents, 2));  // before it is open
   ASSERT_CODE(errOK, Call(&Ops::InitDB, 5, 16));
-  for (std::uint64_t i = 1; i <= 7; ++i)
-    ASSERT_CODE(errOK, Add(5, i));
+  for (std::uint64_t i = 1; i <= 7; ++i) ASSERT_CODE(errOK, Add(5, i));
   EXPECT_TRUE(exists(Folder() / "05/00000004_events.dat"));
   EXPECT_CODE(errOK, Call(&Ops::SetDBParams, 5, limitDatabaseEvents, 3));
   EXPECT_EQ(3u, Records(5));
@@ -131,8 +130,7 @@ TEST_F(DatabasesTest, SetsLimits) {
 TEST_F(DatabasesTest, DescribesAndClears) {
   ASSERT_CODE(errOK, Call(&Ops::InitDB, 1, 16));
   const std::uint32_t nNamed = OpenNamed(u"n");
-  for (int i = 0; i < 3; ++i)
-    ASSERT_CODE(errOK, Add(1, 1));
+  for (int i = 0; i < 3; ++i) ASSERT_CODE(errOK, Add(1, 1));
   ASSERT_CODE(errOK, Add(nNamed, 1));
   SetClock(SystemClock() + 500);
   const auto [nRecords, nSize, nAge] = Info(kAllDatabases);
@@ -162,8 +160,7 @@ TEST_F(DatabasesTest, HoldsAllWithinTheGlobalLimit) {
   ASSERT_CODE(errOK, Call(&Ops::SetDBParams, nNamed, limitSegmentEvents, 10));
   ASSERT_CODE(errOK, Call(&Ops::SetDBParams, 3, limitDatabaseSize, 1 << 30));  // has a limit of its own
   const auto Fill = [&](std::uint32_t nDb) {
-    for (int i = 0; i < 30; ++i)
-      ASSERT_CODE(errOK, Add(nDb, 1));
+    for (int i = 0; i < 30; ++i) ASSERT_CODE(errOK, Add(nDb, 1));
   };
   Fill(3);
   Fill(nNamed);
@@ -181,10 +178,8 @@ TEST_F(DatabasesTest, HoldsAllWithinTheGlobalLimit) {
   EXPECT_EQ(21u, Records(1));
   EXPECT_EQ(30u, Records(3));
   ASSERT_CODE(errOK, Call(&Ops::SetDBParams, kAllDatabases, limitGlobalSize, 1));
-  for (int i = 0; i < 12; ++i)
-    ASSERT_CODE(errOK, Add(1, 1));
-  for (const std::uint32_t nDb : {1u, 2u, nNamed})
-    EXPECT_GE(12u, Records(nDb)) << nDb;  // one segment each
+  for (int i = 0; i < 12; ++i) ASSERT_CODE(errOK, Add(1, 1));
+  for (const std::uint32_t nDb : {1u, 2u, nNamed}) EXPECT_GE(12u, Records(nDb)) << nDb;  // one segment each
   EXPECT_EQ(30u, Records(3));
   ASSERT_CODE(errOK, Call(&Ops::SetDBParams, kAllDatabases, limitGlobalSize, 0));
   Fill(2);

@@ -24,8 +24,7 @@ class EventsObjectsTest : public ComponentTest {
 TEST_F(EventsObjectsTest, IdsCarryTheirDatabase) {
   for (const std::uint32_t nDb : {5u, m_nNamed}) {
     std::uint64_t nId = 0;
-    for (std::uint64_t i = 10; i < 14; ++i)
-      ASSERT_CODE(errOK, Add(nDb, i, 0, &nId));
+    for (std::uint64_t i = 10; i < 14; ++i) ASSERT_CODE(errOK, Add(nDb, i, 0, &nId));
     EXPECT_EQ(WithDatabase(0x100000003, nDb), nId);
     EXPECT_EQ((TimeList{13}), Times(1, nId, 1));  // the id names the database, whatever the argument
     EXPECT_EQ((TimeList{11, 12}), Times(nDb, 1, 2));
@@ -63,8 +62,7 @@ TEST_F(EventsObjectsTest, GivesTheParentsOfTheirObjects) {
   const std::uint64_t nRoot = Find(5, u"C:", 1, typeDriveRoot);
   const std::uint64_t nShared = Find(0, u"D:\\shared");
   const std::uint64_t Objects[] = {nFile, nRoot, nShared, 0, WithDatabase(nFile, 200), nFile + 1000};
-  for (const std::uint64_t nObject : Objects)
-    ASSERT_CODE(errOK, Add(m_nNamed, 1, nObject));
+  for (const std::uint64_t nObject : Objects) ASSERT_CODE(errOK, Add(m_nNamed, 1, nObject));
   host::IdContainer Parents;
   Event Read[6];
   std::uint32_t nRead = 0;
@@ -98,14 +96,12 @@ TEST_F(EventsObjectsTest, NamesComeBackThroughTheirIds) {
               Call(&Ops::GetObjectName, WithDatabase(0x9900000001, 5), nullptr, 0, &nSize, 0, &nType));
   EXPECT_EQ(0u, nType);
   EXPECT_EQ("300 GetObjectName(5:9900000001) failed errOBJECT_NOT_FOUND (0x800000C5)", TakeTrace().back());
-  EXPECT_CODE(errPARAMETER_INVALID,
-              Call(&Ops::GetObjectName, WithDatabase(1, 200), nullptr, 0, &nSize, 0, &nType));
+  EXPECT_CODE(errPARAMETER_INVALID, Call(&Ops::GetObjectName, WithDatabase(1, 200), nullptr, 0, &nSize, 0, &nType));
   NameOf(nId);
   EXPECT_EQ("500 GetObjectName(5:100000003) => C:\\Dir\\file.txt", TakeTrace().back());
   EXPECT_EQ(99u, Find(200, u"C:\\x"));
   EXPECT_EQ(0u, Find(5, u"C:\\not there", 0));
-  EXPECT_EQ("500 FindObject(5,1,0,C:\\not there,-2,0,0,0) = errOBJECT_NOT_FOUND (0x800000C5)",
-            TakeTrace().back());
+  EXPECT_EQ("500 FindObject(5,1,0,C:\\not there,-2,0,0,0) = errOBJECT_NOT_FOUND (0x800000C5)", TakeTrace().back());
   Find(5, u"name", 1, typeName);
   EXPECT_EQ("500 FindObject(5,20,0,", TakeTrace().back().substr(0, 22));
 }
@@ -146,13 +142,11 @@ TEST_F(EventsObjectsTest, CostNoMoreThanTheyMust) {
   const std::uint64_t nId = Find(5, u"C:\\a\\b\\c\\d");
   bool bAdded = true;
   ResetSystem();
-  for (int i = 0; i < 100; ++i)
-    bAdded &= Add(5, 1) == errOK;
+  for (int i = 0; i < 100; ++i) bAdded &= Add(5, 1) == errOK;
   EXPECT_EQ((std::pair{100ul, 100ul}), (std::pair{CallsOf(SystemCall::Size), CallsOf(SystemCall::WriteAt)}));
   Event Read[50];
   ResetSystem();
-  for (int i = 0; i < 100; ++i)
-    bAdded &= Add(5, 1) == errOK;
+  for (int i = 0; i < 100; ++i) bAdded &= Add(5, 1) == errOK;
   const bool bFound = Find(5, u"C:\\a\\b\\c\\d", 0) == nId && Find(5, u"C:\\a\\b\\c\\d", 1) == nId;
   m_nLast = Call(&Ops::GetEvents, 5, 10, Read, sizeof(Read), 50, nullptr, nullptr);
   const std::uint64_t nAllocations = Allocations();

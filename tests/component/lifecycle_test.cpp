@@ -15,8 +15,7 @@ class LifecycleTest : public ComponentTest {};
 
 TEST_F(LifecycleTest, OpensTheStore) {
   ASSERT_CODE(errOK, Open());
-  for (const char* const pName :
-       {"g_objbt.dat", "g_objid.dat", "g_objdt.dat", "g_db_id.dat", "00/segments.dat"}) {
+  for (const char* const pName : {"g_objbt.dat", "g_objid.dat", "g_objdt.dat", "g_db_id.dat", "00/segments.dat"}) {
     EXPECT_TRUE(exists(Folder() / pName)) << pName;
   }
   EXPECT_EQ(u"System", NameOf(1));
@@ -68,8 +67,7 @@ TEST_F(LifecycleTest, GivesBackWhatAFailedStartTook) {
       FailCalls(Failing, ENOSPC, nSkip);
       const ResultCode nCode = m_Store.Init();
       ResetSystem();
-      EXPECT_TRUE(nCode == errOK || nCode == errOPEN_FAILED || nCode == errWRITE_FAILED ||
-                  nCode == errOUT_OF_SPACE)
+      EXPECT_TRUE(nCode == errOK || nCode == errOPEN_FAILED || nCode == errWRITE_FAILED || nCode == errOUT_OF_SPACE)
           << Name(nCode);
       EXPECT_CODE(errOK, m_Store.Init());
       EXPECT_CODE(errOK, Call(&Ops::InitDB, 1, 16));
@@ -88,15 +86,12 @@ TEST_F(LifecycleTest, SharesOneObjectStoreInTheProcess) {
   EXPECT_FALSE(exists(Folder() / "second/g_objbt.dat"));
   const std::uint64_t nId = Find(0, u"C:\\shared");
   std::uint64_t nSame = 0;
-  EXPECT_CODE(errOK,
-              Second.Call(&Ops::FindObjectSimple, 0, typeFile, u"C:\\SHARED", kZeroTerminated, 0, 0, &nSame));
+  EXPECT_CODE(errOK, Second.Call(&Ops::FindObjectSimple, 0, typeFile, u"C:\\SHARED", kZeroTerminated, 0, 0, &nSame));
   EXPECT_EQ(nId, nSame);
   m_Store = host::Store();  // the store stays open for the second
-  EXPECT_CODE(errOK,
-              Second.Call(&Ops::FindObjectSimple, 0, typeFile, u"C:\\after", kZeroTerminated, 1, 0, &nSame));
+  EXPECT_CODE(errOK, Second.Call(&Ops::FindObjectSimple, 0, typeFile, u"C:\\after", kZeroTerminated, 1, 0, &nSame));
   File Held;
-  EXPECT_CODE(errSHARING_VIOLATION,
-              Held.OpenWithFlags((Folder() / "g_objdt.dat").u16string(), fileRead, openExisting));
+  EXPECT_CODE(errSHARING_VIOLATION, Held.OpenWithFlags((Folder() / "g_objdt.dat").u16string(), fileRead, openExisting));
   Second = host::Store();
   EXPECT_CODE(errOK, Held.OpenWithFlags((Folder() / "g_objdt.dat").u16string(), fileRead, openExisting));
 }
@@ -183,8 +178,8 @@ TEST_F(LifecycleTest, AnswersForItsProperties) {
   char16_t Text[20] = {};
   EXPECT_CODE(errOK, Access(propREPORT_FOLDER, propertyGet, nullptr, 0, &nCount));
   EXPECT_EQ(0u, nCount);
-  EXPECT_CODE(errOK, Access(propREPORT_FOLDER, propertySet, const_cast<char*>("/t\xC3\xA9st"), 6, &nCount,
-                            kCodePageUtf8));
+  EXPECT_CODE(errOK,
+              Access(propREPORT_FOLDER, propertySet, const_cast<char*>("/t\xC3\xA9st"), 6, &nCount, kCodePageUtf8));
   EXPECT_CODE(errOK, Access(propREPORT_FOLDER, propertyGet, nullptr, 0, &nCount));
   EXPECT_EQ(12u, nCount);
   EXPECT_CODE(errBUFFER_TOO_SMALL, Access(propREPORT_FOLDER, propertyGet, Text, 11, &nCount));

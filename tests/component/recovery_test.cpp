@@ -53,8 +53,7 @@ class RecoveryTest : public ComponentTest {
   }
 
   static void ExpectAll(const std::vector<std::uint64_t>& Promised, const std::vector<std::uint64_t>& Found) {
-    for (const std::uint64_t n : Promised)
-      EXPECT_TRUE(std::binary_search(Found.begin(), Found.end(), n)) << n;
+    for (const std::uint64_t n : Promised) EXPECT_TRUE(std::binary_search(Found.begin(), Found.end(), n)) << n;
   }
 };
 
@@ -78,12 +77,10 @@ TEST_F(RecoveryTest, AKilledProcessLosesNothingItPromised) {
     if (nChild == 0) {
       Load();
       if (Failed(OpenAll(nCheckMode))) _exit(1);
-      while (AddNamed(*pPromised + 1))
-        ++*pPromised;
+      while (AddNamed(*pPromised + 1)) ++*pPromised;
       _exit(2);
     }
-    while (*pPromised < nBefore + 1 + Random() % 60)
-      usleep(static_cast<useconds_t>(Random() % 300));
+    while (*pPromised < nBefore + 1 + Random() % 60) usleep(static_cast<useconds_t>(Random() % 300));
     kill(nChild, SIGKILL);
     int nStatus = 0;
     waitpid(nChild, &nStatus, 0);
@@ -92,8 +89,7 @@ TEST_F(RecoveryTest, AKilledProcessLosesNothingItPromised) {
     Load();
     ASSERT_CODE(errOK, OpenAll(nCheckMode));
     const std::vector<std::uint64_t> Found = Surviving();
-    for (std::uint64_t n = 1; n <= *pPromised; ++n)
-      ASSERT_TRUE(std::binary_search(Found.begin(), Found.end(), n)) << n;
+    for (std::uint64_t n = 1; n <= *pPromised; ++n) ASSERT_TRUE(std::binary_search(Found.begin(), Found.end(), n)) << n;
     *pPromised = *pPromised + 1;  // what may have been under way is not added again
     ASSERT_TRUE(AddNamed(*pPromised)) << Name(m_nLast);
   }

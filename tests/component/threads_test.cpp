@@ -45,13 +45,11 @@ TEST_F(ThreadsTest, DoEverythingAtOnce) {
         std::uint64_t nId = 0;
         const std::u16string Path = u"C:\\shared\\" + std::u16string(1, static_cast<char16_t>(u'a' + i % 26));
         const std::uint32_t nDb = i % 3 == 0 ? 0 : i % 3 == 1 ? 1 : nNamed;
-        const ResultCode nCode =
-            Call(&Ops::FindObject, nDb, typeFile, Path.c_str(), kZeroTerminated, 1, 0, 0, &nId);
+        const ResultCode nCode = Call(&Ops::FindObject, nDb, typeFile, Path.c_str(), kZeroTerminated, 1, 0, 0, &nId);
         Expect(nCode == errOK || nCode == errREAD_ONLY);
         char16_t Text[100] = {};
         if (nCode == errOK)
-          Expect(Call(&Ops::GetObjectName, nId, Text, sizeof(Text), nullptr, 0, nullptr) == errOK &&
-                 Path == Text);
+          Expect(Call(&Ops::GetObjectName, nId, Text, sizeof(Text), nullptr, 0, nullptr) == errOK && Path == Text);
       },
       [&](std::uint64_t i) {
         if (i % 10 == 0) m_Host->SendFlush();
@@ -83,12 +81,10 @@ TEST_F(ThreadsTest, DoEverythingAtOnce) {
   std::vector<std::thread> Threads;
   for (const auto& Work : kWork) {
     Threads.emplace_back([&Work] {
-      for (std::uint64_t i = 0; i < kRounds; ++i)
-        Work(i);
+      for (std::uint64_t i = 0; i < kRounds; ++i) Work(i);
     });
   }
-  for (std::thread& One : Threads)
-    One.join();
+  for (std::thread& One : Threads) One.join();
   EXPECT_FALSE(bStrange);
   std::uint32_t nRecords = 0;
   EXPECT_CODE(errOK, Call(&Ops::GetDBInfo, 1, &nRecords, nullptr, nullptr));

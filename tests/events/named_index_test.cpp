@@ -48,12 +48,10 @@ TEST_F(NamedIndexTest, AppendsNamesInOrder) {
   TakeTrace();
   EXPECT_CODE(errUNSPECIFIED, SavePersistentIndex(Path(), 1, "again"));
   EXPECT_CODE(errUNSPECIFIED, SavePersistentIndex(Path(), 3, "too far"));
-  EXPECT_EQ(
-      (Lines{
-          "300 SavePersistentIndex(1): currentPos = 192 (file size) is not equal to expected write pos = 128",
-          "300 SavePersistentIndex(3): currentPos = 192 (file size) is not equal to expected write pos = "
-          "256"}),
-      TakeTrace());
+  EXPECT_EQ((Lines{"300 SavePersistentIndex(1): currentPos = 192 (file size) is not equal to expected write pos = 128",
+                   "300 SavePersistentIndex(3): currentPos = 192 (file size) is not equal to expected write pos = "
+                   "256"}),
+            TakeTrace());
   EXPECT_EQ(192u, FileSize("g_db_id.dat"));
   EXPECT_EQ(ToHex(Block("first")), ToHex(ReadFile("g_db_id.dat")).substr(128, 128));
   EXPECT_CODE(errOK, Load());
@@ -86,13 +84,10 @@ TEST_F(NamedIndexTest, StartsAnewWhenDamaged) {
   };
   Bytes Torn(64 + 100, 'a');
   std::copy(kGood.begin(), kGood.end(), Torn.begin());
-  EXPECT_EQ(
-      (Lines{"350 TryLoadPersistentIndexes: failed to read data from file, ulo res = 0, bytesRead = 100"}),
-      Load2(Torn));
-  EXPECT_EQ(
-      (Lines{
-          "350 TryLoadPersistentIndexes: failed to read signature from file, ulo res = 0, bytesRead = 10"}),
-      Load2(Bytes(10)));
+  EXPECT_EQ((Lines{"350 TryLoadPersistentIndexes: failed to read data from file, ulo res = 0, bytesRead = 100"}),
+            Load2(Torn));
+  EXPECT_EQ((Lines{"350 TryLoadPersistentIndexes: failed to read signature from file, ulo res = 0, bytesRead = 10"}),
+            Load2(Bytes(10)));
   Bytes Foreign = kGood;
   Foreign[60] = 1;
   EXPECT_EQ((Lines{"350 TryLoadPersistentIndexes: file signature is not valid",
@@ -148,13 +143,12 @@ TEST_F(NamedIndexTest, ChecksIdentityFiles) {
   WriteFile("id.log", {0, 0, 0, 5});
   const Lines Small = Validate(49);
   ASSERT_EQ(4u, Small.size());
-  EXPECT_EQ("300 TryReadDatabaseId: read index (5) from file is less, than minimum named db index (48)",
-            Small[0]);
+  EXPECT_EQ("300 TryReadDatabaseId: read index (5) from file is less, than minimum named db index (48)", Small[0]);
   EXPECT_EQ("350 TryReadDatabaseId: corrupted index file (" + kPath + ") content: none", Small[1]);
   FailCalls(SystemCall::Open, EACCES, 0, 2);
-  EXPECT_EQ("300 ValidateDatabaseId: indexFilePath = '" + kPath +
-                "', assignedDatabaseId = 49, TrySaveDatabaseIndex failed",
-            Validate(49).back());
+  EXPECT_EQ(
+      "300 ValidateDatabaseId: indexFilePath = '" + kPath + "', assignedDatabaseId = 49, TrySaveDatabaseIndex failed",
+      Validate(49).back());
 }
 
 }  // namespace

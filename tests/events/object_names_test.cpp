@@ -139,8 +139,7 @@ TEST_F(ObjectNamesTest, CaseCountsOnlyWithoutARootAndOnRequest) {
   EXPECT_NE(nLower, nUpper);
   EXPECT_EQ(u"/a/makefile", NameOf(nLower));
   EXPECT_EQ(u"/a/Makefile", NameOf(nUpper));
-  EXPECT_EQ(Find(1, u"C:\\y", findOrCreate, kCase),
-            Find(1, u"C:\\Y", findOrCreate, kCase));  // a root has its own way
+  EXPECT_EQ(Find(1, u"C:\\y", findOrCreate, kCase), Find(1, u"C:\\Y", findOrCreate, kCase));  // a root has its own way
   EXPECT_NE(Find(77, u"name"), Find(77, u"NAME"));
   EXPECT_EQ(Find(77, u"both", findOrCreate, fObjNoCase), Find(77, u"BOTH", findOrCreate, fObjNoCase));
 }
@@ -175,8 +174,7 @@ TEST_F(ObjectNamesTest, TakesSizesAndRefusesWhatIsWrong) {
   EXPECT_CODE(errPARAMETER_INVALID, Ask(u"name", 8, findOrCreate, 0, nullptr));
   TakeTrace();
   EXPECT_CODE(errOBJECT_NOT_FOUND, Ask(u"child", 10, findOrCreate, MakeObjectId(kNumber, 9999), &nId));
-  EXPECT_EQ((std::vector<std::string>{"300 Failed step. Err: errOBJECT_NOT_FOUND (0x800000C5)"}),
-            TakeTrace(300));
+  EXPECT_EQ((std::vector<std::string>{"300 Failed step. Err: errOBJECT_NOT_FOUND (0x800000C5)"}), TakeTrace(300));
 }
 
 TEST_F(ObjectNamesTest, StoresTheShorterForm) {
@@ -202,8 +200,7 @@ TEST_F(ObjectNamesTest, FillsBuffersOfEverySize) {
     EXPECT_EQ(Bytes(4, 0xEE), Bytes(Buffer.begin() + nSize, Buffer.end())) << "written past the end";
     if (nSize < nNeeded) continue;
     EXPECT_EQ(0, std::memcmp(Buffer.data(), kName.data(), nNeeded));
-    for (std::uint32_t i = nNeeded; i < nSize; ++i)
-      EXPECT_EQ(i < nNeeded + 2 ? 0 : 0xEE, Buffer[i]);
+    for (std::uint32_t i = nNeeded; i < nSize; ++i) EXPECT_EQ(i < nNeeded + 2 ? 0 : 0xEE, Buffer[i]);
   }
   std::uint8_t nType = 0;
   std::uint32_t nReported = 0;
@@ -213,8 +210,7 @@ TEST_F(ObjectNamesTest, FillsBuffersOfEverySize) {
   EXPECT_EQ(nNeeded, nReported);
   EXPECT_CODE(errPARAMETER_INVALID, m_pSegment->GetObjectName(nId, nullptr, 0, nullptr, 0, nullptr));
   EXPECT_CODE(errPARAMETER_INVALID, m_pSegment->GetObjectName(nId, nullptr, 2, &nReported, 0, nullptr));
-  EXPECT_CODE(errOBJECT_NOT_FOUND,
-              m_pSegment->GetObjectName(MakeObjectId(9, 1), nullptr, 0, &nReported, 0, nullptr));
+  EXPECT_CODE(errOBJECT_NOT_FOUND, m_pSegment->GetObjectName(MakeObjectId(9, 1), nullptr, 0, &nReported, 0, nullptr));
 }
 
 TEST_F(ObjectNamesTest, FollowsLinksAtRoots) {

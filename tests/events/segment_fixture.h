@@ -26,17 +26,14 @@ class SegmentTest : public World {
     return m_pSegment->Init(&m_Environment, kEventSize, Which, nNumber, m_pGlobal.get());
   }
 
-  ResultCode Add(std::uint32_t nValue, std::uint64_t* pnId = nullptr) {
-    return m_pSegment->AddEvent(&nValue, 4, pnId);
-  }
+  ResultCode Add(std::uint32_t nValue, std::uint64_t* pnId = nullptr) { return m_pSegment->AddEvent(&nValue, 4, pnId); }
 
   // Finds or creates an object; 0 on failure, with the code in m_nLast.
   std::uint64_t Find(std::uint8_t nType, std::u16string_view Name, std::uint32_t nMode = findOrCreate,
                      std::uint32_t nOverride = 0, std::uint64_t nParent = 0) {
     std::uint64_t nId = 0;
     const auto nSize = static_cast<std::uint32_t>(Name.size() * 2);
-    m_nLast = m_pSegment->FindObject(StoreChoice::Own, {nType, nOverride, Name.data(), nSize, nMode, nParent},
-                                     &nId);
+    m_nLast = m_pSegment->FindObject(StoreChoice::Own, {nType, nOverride, Name.data(), nSize, nMode, nParent}, &nId);
     return Succeeded(m_nLast) ? nId : 0;
   }
 

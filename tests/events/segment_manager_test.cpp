@@ -208,8 +208,8 @@ TEST_F(SegmentManagerTest, EndsTheChainAtAGap) {
 }
 
 TEST_F(SegmentManagerTest, StartsAnewOverADamagedHeader) {
-  for (const char* const pHeader : {"", "5344424801000000", "58444248 01000000 04000000",
-                                    "53444248 01000000 08000000", "53444248 63000000 04000000"}) {
+  for (const char* const pHeader : {"", "5344424801000000", "58444248 01000000 04000000", "53444248 01000000 08000000",
+                                    "53444248 63000000 04000000"}) {
     std::filesystem::remove(Folder() / "segments.dat");
     m_nLastAdded = 0;
     ASSERT_CODE(errOK, Init());

@@ -17,8 +17,7 @@ constexpr const char* kFiles[] = {"00000003_events.dat", "00000003_objbt.dat", "
 TEST_F(SegmentTest, KeepsEvents) {
   ASSERT_CODE(errOK, Start(Segment::Files::New));
   std::uint64_t nId = 0;
-  for (std::uint32_t i = 0; i < 8; ++i)
-    ASSERT_CODE(errOK, Add(100 + i, &nId));
+  for (std::uint32_t i = 0; i < 8; ++i) ASSERT_CODE(errOK, Add(100 + i, &nId));
   EXPECT_EQ((std::uint64_t{kNumber} << 32) | 7, nId);
   std::uint32_t Values[20] = {};
   std::uint32_t nGot = 0;
@@ -44,8 +43,7 @@ TEST_F(SegmentTest, KeepsEvents) {
 TEST_F(SegmentTest, IsKnownWithoutBeingOpen) {
   EXPECT_CODE(errNOT_FOUND, Start(Segment::Files::Existing));
   ASSERT_CODE(errOK, Start(Segment::Files::New));
-  for (std::uint32_t i = 0; i < 8; ++i)
-    ASSERT_CODE(errOK, Add(i));
+  for (std::uint32_t i = 0; i < 8; ++i) ASSERT_CODE(errOK, Add(i));
   const std::uint64_t nSizeOpen = m_pSegment->GetDataSize();
   ResetSystem();
   ASSERT_CODE(errOK, Start(Segment::Files::Existing));
@@ -107,8 +105,7 @@ TEST_F(SegmentTest, IsDeletedWithItsObjectStore) {
     EXPECT_CODE(errOPEN_FAILED, Add(2));
   }
   EXPECT_EQ((Lines{"300 Failed step. Err: errPARAMETER_INVALID (0x80000046)"}), TakeTrace());
-  for (const char* const pFile : kFiles)
-    EXPECT_FALSE(exists(Folder() / pFile)) << pFile;
+  for (const char* const pFile : kFiles) EXPECT_FALSE(exists(Folder() / pFile)) << pFile;
   EXPECT_CODE(errOPEN_FAILED, Add(2));
   std::uint64_t nCount = 0;
   EXPECT_CODE(errSTORE_NOT_INITIALIZED, m_pSegment->GetEventCount(&nCount));
@@ -151,8 +148,7 @@ TEST_F(SegmentTest, FailsOnceForAll) {
   FailCalls(SystemCall::Look, EIO);  // the creation time of the open file
   EXPECT_CODE(errOPEN_FAILED, Add(2));
   EXPECT_EQ((Lines{"300 Failed step. Err: errREAD_FAILED (0x800000CA)"}), TakeTrace());
-  for (const char* const pFile : kFiles)
-    EXPECT_TRUE(exists(Folder() / pFile)) << pFile;
+  for (const char* const pFile : kFiles) EXPECT_TRUE(exists(Folder() / pFile)) << pFile;
 }
 
 }  // namespace

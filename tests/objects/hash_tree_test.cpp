@@ -61,10 +61,9 @@ class HashTreeTest : public World {
 
 TEST_F(HashTreeTest, TakesDigitsOffTheHash) {
   constexpr std::uint64_t kHash = 0xFEDCBA9876543210u;
-  const std::pair<std::uint32_t, std::uint32_t> kDigits[] = {
-      {0, 0x10}, {1, 0x2}, {2, 0x3}, {3, 0}, {4, 0}, {5, 0}, {6, 0}, {7, 1}, {52, 1}, {53, 0}, {64, 0}};
-  for (const auto& [nLevel, nDigit] : kDigits)
-    EXPECT_EQ(nDigit, HashTree::GetHashDigit(kHash, nLevel)) << nLevel;
+  const std::pair<std::uint32_t, std::uint32_t> kDigits[] = {{0, 0x10}, {1, 0x2}, {2, 0x3}, {3, 0},  {4, 0}, {5, 0},
+                                                             {6, 0},    {7, 1},   {52, 1},  {53, 0}, {64, 0}};
+  for (const auto& [nLevel, nDigit] : kDigits) EXPECT_EQ(nDigit, HashTree::GetHashDigit(kHash, nLevel)) << nLevel;
 }
 
 TEST_F(HashTreeTest, NewFilesHoldAnEmptyRoot) {
@@ -97,8 +96,7 @@ TEST_F(HashTreeTest, SplitsWhereHashesPart) {
   EXPECT_EQ(3u, Slot(1168, 0));
   EXPECT_EQ(4u, Slot(1168, 1));
   EXPECT_EQ(1184u, FileSize("t"));
-  for (std::uint32_t nId = 1; nId <= 4; ++nId)
-    EXPECT_EQ(nId, Find(m_Hashes[nId]));
+  for (std::uint32_t nId = 1; nId <= 4; ++nId) EXPECT_EQ(nId, Find(m_Hashes[nId]));
   EXPECT_EQ(0u, Find(0x0301));
 
   // Hashes that differ in the last bit alone part at the deepest level.
@@ -115,14 +113,11 @@ TEST_F(HashTreeTest, FindsEverythingInEveryForm) {
       std::filesystem::remove(Folder() / "t");
       ASSERT_CODE(errOK, Open(bNodeCrcs, true, bLargeHead));
       std::mt19937_64 Random(1);
-      for (std::uint32_t nId = 1; nId <= 3000; ++nId)
-        ASSERT_CODE(errOK, Insert(Random(), nId));
+      for (std::uint32_t nId = 1; nId <= 3000; ++nId) ASSERT_CODE(errOK, Insert(Random(), nId));
       const auto Hashes = m_Hashes;
-      for (const auto& [nId, nHash] : Hashes)
-        ASSERT_EQ(nId, Find(nHash));
+      for (const auto& [nId, nHash] : Hashes) ASSERT_EQ(nId, Find(nHash));
       ASSERT_CODE(errOK, Open(false, true, bLargeHead));
-      for (const auto& [nId, nHash] : Hashes)
-        ASSERT_EQ(nId, Find(nHash));
+      for (const auto& [nId, nHash] : Hashes) ASSERT_EQ(nId, Find(nHash));
       EXPECT_EQ(m_Tree.Size(), FileSize("t"));
     }
   }

@@ -10,8 +10,7 @@ class ObjectDbCheckTest : public ObjectDbTest {
  protected:
   // Hashes that all differ in the lowest byte: each has its slot in the root.
   void CreateMany(std::uint32_t nCount) {
-    for (std::uint32_t i = 0; i < nCount; ++i)
-      ASSERT_NE(0u, Create(0x1000 + i, "object " + std::to_string(i)));
+    for (std::uint32_t i = 0; i < nCount; ++i) ASSERT_NE(0u, Create(0x1000 + i, "object " + std::to_string(i)));
   }
 
   // Takes the slots of the newest objects out of the tree, by giving the tree of before they were created
@@ -48,8 +47,7 @@ TEST_F(ObjectDbCheckTest, PutsALostObjectBack) {
   EXPECT_CODE(errOK, m_pDb->FastConsistencyCheck());  // of an empty store
   CreateManyAndLoseSlots(0, 1);
   EXPECT_CODE(errOK, m_pDb->FastConsistencyCheck());
-  EXPECT_EQ((Lines{"350 Object 0 - hash not found in BT",
-                   "350 Hash wasn't found for 1 objects, trying to repair BT",
+  EXPECT_EQ((Lines{"350 Object 0 - hash not found in BT", "350 Hash wasn't found for 1 objects, trying to repair BT",
                    "350 Object 1 - hash not found in BT", "350 BT was repaired, 1 object hashes were added"}),
             TakeTrace(400));
   EXPECT_EQ(Id(1), Find(0x1000));
@@ -61,21 +59,18 @@ TEST_F(ObjectDbCheckTest, StopsAfterSixObjectsThatAreThere) {
   ASSERT_CODE(errOK, Open(true));
   CreateManyAndLoseSlots(97, 3);
   EXPECT_CODE(errOK, m_pDb->FastConsistencyCheck());
-  EXPECT_EQ(
-      (Lines{"350 Object 98 - hash not found in BT", "350 Object 99 - hash not found in BT",
-             "350 Hash wasn't found for 2 objects, trying to repair BT",
-             "350 Object 100 - hash not found in BT", "350 Object 99 - hash not found in BT",
-             "350 Object 98 - hash not found in BT", "350 BT was repaired, 3 object hashes were added"}),
-      TakeTrace(400));
-  for (std::uint32_t i = 0; i < 100; ++i)
-    EXPECT_EQ(Id(i + 1), Find(0x1000 + i));
+  EXPECT_EQ((Lines{"350 Object 98 - hash not found in BT", "350 Object 99 - hash not found in BT",
+                   "350 Hash wasn't found for 2 objects, trying to repair BT", "350 Object 100 - hash not found in BT",
+                   "350 Object 99 - hash not found in BT", "350 Object 98 - hash not found in BT",
+                   "350 BT was repaired, 3 object hashes were added"}),
+            TakeTrace(400));
+  for (std::uint32_t i = 0; i < 100; ++i) EXPECT_EQ(Id(i + 1), Find(0x1000 + i));
 }
 
 // A tree that is gone altogether comes back whole, with splits, from the id records.
 TEST_F(ObjectDbCheckTest, RebuildsALostTree) {
   ASSERT_CODE(errOK, Open(true));
-  for (std::uint64_t i = 0; i < 500; ++i)
-    ASSERT_NE(0u, Create(i * 0x9E3779B97F4A7C15 | 1, "x"));
+  for (std::uint64_t i = 0; i < 500; ++i) ASSERT_NE(0u, Create(i * 0x9E3779B97F4A7C15 | 1, "x"));
   Close();
   std::filesystem::remove(Folder() / "bt");
   ASSERT_CODE(errOK, Open(true));
@@ -96,8 +91,7 @@ TEST_F(ObjectDbCheckTest, FindsDamageInTheNewestObjects) {
   // Names with CRCs at 4 (old), 11 (new) and 18 (newest); its block at 28, its array at 36.
   const Bytes Data = ReadFile("dt");
   const Bytes Ids = ReadFile("id");
-  const auto Check = [&](const char* pFile, Bytes Content, std::size_t nOffset, ResultCode nCode,
-                         std::string Line) {
+  const auto Check = [&](const char* pFile, Bytes Content, std::size_t nOffset, ResultCode nCode, std::string Line) {
     WriteFile("dt", Data);
     WriteFile("id", Ids);
     if (nOffset < Content.size())
@@ -122,20 +116,16 @@ TEST_F(ObjectDbCheckTest, FindsDamageInTheNewestObjects) {
   Check("dt", Data, 29, errDATA_CORRUPTED,
         FailedCheck("ValidDataCrc(nObjectId + 1, buffer.Get(), userDataSize, buffer.Get() + userDataSize)",
                     errDATA_CORRUPTED));
-  Check(
-      "dt", Data, 40, errDATA_CORRUPTED,
-      FailedCheck(
-          "ValidDataCrc(nObjectId + 1, dataEntries, objectEntry.nDataEntriesCount * sizeof(tODB_DATA_ENTRY), "
-          "dataEntries + objectEntry.nDataEntriesCount)",
-          errDATA_CORRUPTED));
-  Check(
-      "dt", Data, kCutOff, errDATA_CORRUPTED,
-      FailedCheck("objectEntry.nDataEntriesOffset + dataEntriesBytesCount <= m_nSizeDT", errDATA_CORRUPTED));
+  Check("dt", Data, 40, errDATA_CORRUPTED,
+        FailedCheck("ValidDataCrc(nObjectId + 1, dataEntries, objectEntry.nDataEntriesCount * sizeof(tODB_DATA_ENTRY), "
+                    "dataEntries + objectEntry.nDataEntriesCount)",
+                    errDATA_CORRUPTED));
+  Check("dt", Data, kCutOff, errDATA_CORRUPTED,
+        FailedCheck("objectEntry.nDataEntriesOffset + dataEntriesBytesCount <= m_nSizeDT", errDATA_CORRUPTED));
   Check("id", Ids, kCutOff, errDATA_CORRUPTED,
         FailedCheck("Succeeded(m_IdDB.FastConsistencyCheck())", errDATA_CORRUPTED));
   Check("id", Ids, 12 + 33 + 3, errDATA_CORRUPTED,
-        FailedCheck("m_IdDB.GetRecord(nObjectId, &objectEntry, sizeof(tODB_ID_ENTRY), &bytesRead)",
-                    errDATA_CORRUPTED));
+        FailedCheck("m_IdDB.GetRecord(nObjectId, &objectEntry, sizeof(tODB_ID_ENTRY), &bytesRead)", errDATA_CORRUPTED));
 }
 
 TEST_F(ObjectDbCheckTest, FindsTwoRecordsWithOneHash) {
@@ -155,8 +145,7 @@ TEST_F(ObjectDbCheckTest, FindsTwoRecordsWithOneHash) {
   ASSERT_CODE(errOK, Open(true));
   TakeTrace();
   EXPECT_CODE(errDATA_CORRUPTED, m_pDb->FastConsistencyCheck());
-  EXPECT_EQ((Lines{FailedCheck("MAKE_SHORT_OBJECT_ID(idFromBt) == nObjectId + 1", errDATA_CORRUPTED)}),
-            TakeTrace(400));
+  EXPECT_EQ((Lines{FailedCheck("MAKE_SHORT_OBJECT_ID(idFromBt) == nObjectId + 1", errDATA_CORRUPTED)}), TakeTrace(400));
 }
 
 // Objects without a name have no name block that could be damaged.
@@ -172,8 +161,7 @@ TEST_F(ObjectDbCheckTest, AcceptsAnonymousObjects) {
 TEST_F(ObjectDbCheckTest, ChecksWhatAFeatureSetHas) {
   for (const char* const pMagic : {"4f444251", "4f444252"}) {
     Close();
-    for (const char* const pName : {"bt", "id"})
-      std::filesystem::remove(Folder() / pName);
+    for (const char* const pName : {"bt", "id"}) std::filesystem::remove(Folder() / pName);
     WriteFile("dt", FromHex(pMagic));
     ASSERT_CODE(errOK, Open(true));
     ASSERT_EQ(Id(1), Create(0x0101, "one"));

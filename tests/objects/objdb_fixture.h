@@ -29,8 +29,8 @@ class ObjectDbTest : public World {
   // The object of a hash, created with a name where it is not there; 0 on failure.
   tObjectId Create(std::uint64_t nHash, std::string_view Name, bool bForce = false) {
     tObjectId id = 0;
-    m_nLast = m_pDb->FindOrCreateObject(nHash, 5, kFlags, kType, Name.data(),
-                                        static_cast<std::uint32_t>(Name.size()), bForce, &id, &m_bExisted);
+    m_nLast = m_pDb->FindOrCreateObject(nHash, 5, kFlags, kType, Name.data(), static_cast<std::uint32_t>(Name.size()),
+                                        bForce, &id, &m_bExisted);
     return Succeeded(m_nLast) ? id : 0;
   }
 
@@ -50,8 +50,8 @@ class ObjectDbTest : public World {
   }
 
   ResultCode SetData(tObjectId id, std::uint32_t nKey, const Bytes& Data) {
-    return m_pDb->SetObjectData(id, Data.empty() ? nullptr : Data.data(),
-                                static_cast<std::uint32_t>(Data.size()), nKey);
+    return m_pDb->SetObjectData(id, Data.empty() ? nullptr : Data.data(), static_cast<std::uint32_t>(Data.size()),
+                                nKey);
   }
 
   // The data, or the code of the failure as text.

@@ -17,8 +17,7 @@ TEST_F(ObjectDbTest, CreatesItsFilesByConfiguration) {
   ASSERT_CODE(errOK, Open(false));  // what is there keeps its kind
   EXPECT_EQ(1044u + 4 + 12, m_pDb->GetSize());
   Close();
-  for (const char* const pName : {"bt", "id", "dt"})
-    std::filesystem::remove(Folder() / pName);
+  for (const char* const pName : {"bt", "id", "dt"}) std::filesystem::remove(Folder() / pName);
   ASSERT_CODE(errOK, Open(false));
   EXPECT_EQ("4f44424f", ToHex(ReadFile("dt")));
   EXPECT_EQ(1040u, FileSize("bt"));
@@ -32,8 +31,7 @@ TEST_F(ObjectDbTest, CreatesItsFilesByConfiguration) {
 TEST_F(ObjectDbTest, FindsWhatItCreated) {
   for (const bool bCheckData : {false, true}) {
     Close();
-    for (const char* const pName : {"bt", "id", "dt"})
-      std::filesystem::remove(Folder() / pName);
+    for (const char* const pName : {"bt", "id", "dt"}) std::filesystem::remove(Folder() / pName);
     ASSERT_CODE(errOK, Open(bCheckData));
     EXPECT_EQ(0u, Find(0x0101));
     EXPECT_CODE(errOBJECT_NOT_FOUND, m_nLast);
@@ -59,8 +57,7 @@ TEST_F(ObjectDbTest, FindsWhatItCreated) {
     std::uint8_t nFlags = 0;
     std::uint8_t nType = 0;
     EXPECT_CODE(errOK, m_pDb->GetObjectName(Id(2), nullptr, 0, &nSize, &nParent, &nFlags, &nType, &nHash));
-    EXPECT_EQ((std::tuple{6u, 5ull, kFlags, kType, 0x0201ull}),
-              (std::tuple{nSize, nParent, nFlags, nType, nHash}));
+    EXPECT_EQ((std::tuple{6u, 5ull, kFlags, kType, 0x0201ull}), (std::tuple{nSize, nParent, nFlags, nType, nHash}));
   }
 }
 
@@ -107,10 +104,8 @@ TEST_F(ObjectDbTest, RefusesWrongArguments) {
               m_pDb->GetObjectName(kForeign, nullptr, 0, nullptr, nullptr, nullptr, nullptr, nullptr));
   EXPECT_CODE(errPARAMETER_INVALID,
               m_pDb->GetObjectName(Id(1), nullptr, 1, nullptr, nullptr, nullptr, nullptr, nullptr));
-  EXPECT_CODE(errNOT_FOUND,
-              m_pDb->GetObjectName(Id(2), nullptr, 0, &nSize, nullptr, nullptr, nullptr, nullptr));
-  EXPECT_CODE(errNOT_FOUND,
-              m_pDb->GetObjectName(Id(0), nullptr, 0, &nSize, nullptr, nullptr, nullptr, nullptr));
+  EXPECT_CODE(errNOT_FOUND, m_pDb->GetObjectName(Id(2), nullptr, 0, &nSize, nullptr, nullptr, nullptr, nullptr));
+  EXPECT_CODE(errNOT_FOUND, m_pDb->GetObjectName(Id(0), nullptr, 0, &nSize, nullptr, nullptr, nullptr, nullptr));
   EXPECT_CODE(errPARAMETER_INVALID, m_pDb->GetObjectData(Id(1), nullptr, 0, nullptr, 1));
   EXPECT_CODE(errPARAMETER_INVALID, m_pDb->GetObjectData(Id(1), nullptr, 4, &nSize, 1));
   EXPECT_CODE(errNOT_FOUND, m_pDb->GetObjectData(Id(1), nullptr, 0, &nSize, 1));
@@ -126,8 +121,7 @@ TEST_F(ObjectDbTest, DeliversWhatFitsOfAName) {
     const tObjectId id = Create(0x99 + bCheckData, "0123456789");
     char Buffer[5] = "????";
     std::uint32_t nSize = 0;
-    EXPECT_CODE(errBUFFER_TOO_SMALL,
-                m_pDb->GetObjectName(id, Buffer, 4, &nSize, nullptr, nullptr, nullptr, nullptr));
+    EXPECT_CODE(errBUFFER_TOO_SMALL, m_pDb->GetObjectName(id, Buffer, 4, &nSize, nullptr, nullptr, nullptr, nullptr));
     EXPECT_EQ(10u, nSize);
     EXPECT_STREQ("0123", Buffer);
   }
@@ -168,8 +162,7 @@ TEST_F(ObjectDbTest, RewritesDataInPlaceWhileItFits) {
 TEST_F(ObjectDbTest, KeepsBlocksUnderManyKeysAndSizes) {
   for (const bool bCheckData : {false, true}) {
     Close();
-    for (const char* const pName : {"bt", "id", "dt"})
-      std::filesystem::remove(Folder() / pName);
+    for (const char* const pName : {"bt", "id", "dt"}) std::filesystem::remove(Folder() / pName);
     ASSERT_CODE(errOK, Open(bCheckData));
     ASSERT_EQ(Id(1), Create(1, "n"));
     ASSERT_EQ(Id(2), Create(2, "m"));
@@ -218,8 +211,7 @@ TEST_F(ObjectDbTest, ServesEveryFeatureSet) {
   for (const char* const pMagic : {"4f444244", "4f44424f", "4f444251", "4f444252", "4f444253"}) {
     for (const bool bCheckData : {false, true}) {
       Close();
-      for (const char* const pName : {"bt", "id"})
-        std::filesystem::remove(Folder() / pName);
+      for (const char* const pName : {"bt", "id"}) std::filesystem::remove(Folder() / pName);
       WriteFile("dt", FromHex(pMagic));
       ASSERT_CODE(errOK, Open(bCheckData));
       ASSERT_EQ(Id(1), Create(0x0101, "name"));
@@ -255,18 +247,15 @@ TEST_F(ObjectDbTest, RefusesDamagedData) {
   };
   With(5);
   EXPECT_EQ(Name(errDATA_CORRUPTED), NameOf(Id(1)));
-  EXPECT_EQ(FailedCheck(
-                "ValidDataCrc(object_entry.nObjectHash, buffer.Get(), object_entry.nNameSize, buffer.Get() + "
-                "object_entry.nNameSize)",
-                errDATA_CORRUPTED),
+  EXPECT_EQ(FailedCheck("ValidDataCrc(object_entry.nObjectHash, buffer.Get(), object_entry.nNameSize, buffer.Get() + "
+                        "object_entry.nNameSize)",
+                        errDATA_CORRUPTED),
             TakeTrace(300).back());
   EXPECT_EQ("data", DataOf(Id(1), 1));
   With(13);
   std::uint32_t nSize = 0;
-  EXPECT_CODE(errDATA_CORRUPTED,
-              m_pDb->GetObjectData(Id(1), nullptr, 0, &nSize, 1));  // also for the size alone
-  EXPECT_EQ(FailedCheck("ValidDataCrc(nObjectId, readBuf, userDataSize, readBuf + userDataSize)",
-                        errDATA_CORRUPTED),
+  EXPECT_CODE(errDATA_CORRUPTED, m_pDb->GetObjectData(Id(1), nullptr, 0, &nSize, 1));  // also for the size alone
+  EXPECT_EQ(FailedCheck("ValidDataCrc(nObjectId, readBuf, userDataSize, readBuf + userDataSize)", errDATA_CORRUPTED),
             TakeTrace(300).back());
   EXPECT_EQ("name", NameOf(Id(1)));
   With(21);

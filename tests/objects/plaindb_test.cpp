@@ -22,9 +22,7 @@ class PlainDbTest : public World {
   }
 
   // A record of 4 bytes, and the records read from nFirst on.
-  ResultCode Add(std::uint32_t nValue, std::uint64_t* pnIndex = nullptr) {
-    return m_Db.AddRecord(&nValue, 4, pnIndex);
-  }
+  ResultCode Add(std::uint32_t nValue, std::uint64_t* pnIndex = nullptr) { return m_Db.AddRecord(&nValue, 4, pnIndex); }
   Values GetAll(std::uint64_t nFirst = 0) {
     Values Read(10);
     std::uint32_t nCount = 77;
@@ -145,14 +143,13 @@ TEST_F(PlainDbTest, ReportsFailingReadsAndWrites) {
   EXPECT_EQ(Line("m_pFile->GetSize(&pos)", "errREAD_FAILED (0x800000CA)"), TakeTrace());
   FailCalls(SystemCall::WriteAt, ENOSPC);
   EXPECT_CODE(errWRITE_FAILED, Add(2));
-  EXPECT_EQ(Line("m_pFile->SeekWrite(pos + sizeof(tPLAINDB_HEADER), pData, nDataSize, 0)",
-                 "errWRITE_FAILED (0x800000CB)"),
-            TakeTrace());
+  EXPECT_EQ(
+      Line("m_pFile->SeekWrite(pos + sizeof(tPLAINDB_HEADER), pData, nDataSize, 0)", "errWRITE_FAILED (0x800000CB)"),
+      TakeTrace());
   FailCalls(SystemCall::ReadAt, EIO);
   EXPECT_CODE(errREAD_FAILED, m_Db.GetRecord(0, &nValue, 4, nullptr));
-  EXPECT_EQ(
-      Line("m_pFile->SeekRead(pos, pDataBuff, nDataBuffSize, &bytesRead)", "errREAD_FAILED (0x800000CA)"),
-      TakeTrace());
+  EXPECT_EQ(Line("m_pFile->SeekRead(pos, pDataBuff, nDataBuffSize, &bytesRead)", "errREAD_FAILED (0x800000CA)"),
+            TakeTrace());
   EXPECT_EQ(1u, m_Db.GetRecordCount());
   FailCalls(SystemCall::ReadAt, EIO);
   EXPECT_EQ(Values{}, GetAll());

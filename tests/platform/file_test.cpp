@@ -54,8 +54,7 @@ TEST_F(FileTest, FlushesOnlyWhatWasWritten) {
 TEST_F(FileTest, SurvivesInterruptedAndShortTransfers) {
   const auto pFile = OpenFile(u"a");
   Bytes Data(1000);
-  for (std::size_t i = 0; i < Data.size(); ++i)
-    Data[i] = static_cast<std::uint8_t>(i * 7);
+  for (std::size_t i = 0; i < Data.size(); ++i) Data[i] = static_cast<std::uint8_t>(i * 7);
   MakeTransfersRagged(true);
   std::uint32_t nDone = 0;
   EXPECT_TRUE(pFile->SeekWrite(3, Data.data(), 1000, &nDone));
@@ -67,14 +66,13 @@ TEST_F(FileTest, SurvivesInterruptedAndShortTransfers) {
 
 TEST_F(FileTest, KeepsTheReasonOfAFailure) {
   const auto pFile = OpenFile(u"a");
-  const std::tuple<int, std::uint32_t, ResultCode> kCases[] = {
-      {ENOSPC, 112, errOUT_OF_SPACE},
-      {EDQUOT, 112, errOUT_OF_SPACE},
-      {EACCES, 5, errACCESS_DENIED},
-      {ENOMEM, 8, errOUT_OF_MEMORY},
-      {EINVAL, 87, errPARAMETER_INVALID},
-      {EPROTO, 31, errUNSPECIFIED},
-      {EIO, 1117, static_cast<ResultCode>(0x8007045Du)}};
+  const std::tuple<int, std::uint32_t, ResultCode> kCases[] = {{ENOSPC, 112, errOUT_OF_SPACE},
+                                                               {EDQUOT, 112, errOUT_OF_SPACE},
+                                                               {EACCES, 5, errACCESS_DENIED},
+                                                               {ENOMEM, 8, errOUT_OF_MEMORY},
+                                                               {EINVAL, 87, errPARAMETER_INVALID},
+                                                               {EPROTO, 31, errUNSPECIFIED},
+                                                               {EIO, 1117, static_cast<ResultCode>(0x8007045Du)}};
   for (const auto& [nErrno, nError, nCode] : kCases) {
     FailCalls(SystemCall::WriteAt, nErrno);
     EXPECT_FALSE(pFile->SeekWrite(0, "x", 1, nullptr));
@@ -122,11 +120,9 @@ TEST_F(FileTest, OpensByDisposition) {
   };
   for (const auto& [nDisposition, nMissing, nExisting, nSize] : kCases) {
     std::filesystem::remove(Folder() / "a");
-    EXPECT_CODE(nMissing, File().OpenWithFlags(Path("a"), fileRead | fileWrite, nDisposition))
-        << nDisposition;
+    EXPECT_CODE(nMissing, File().OpenWithFlags(Path("a"), fileRead | fileWrite, nDisposition)) << nDisposition;
     WriteFile("a", {1, 2, 3});
-    EXPECT_CODE(nExisting, File().OpenWithFlags(Path("a"), fileRead | fileWrite, nDisposition))
-        << nDisposition;
+    EXPECT_CODE(nExisting, File().OpenWithFlags(Path("a"), fileRead | fileWrite, nDisposition)) << nDisposition;
     EXPECT_EQ(nSize, FileSize("a")) << nDisposition;
   }
   EXPECT_CODE(errPATH_NOT_FOUND, File().OpenWithFlags(Path("none/a"), fileWrite, createAlways));

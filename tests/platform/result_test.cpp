@@ -36,11 +36,9 @@ TEST(ResultCodes, SystemErrorsBecomeCodes) {
 }
 
 TEST(ResultCodes, HaveTheirMessagesAndHostForms) {
-  EXPECT_EQ(u"Cannot open an anonymous level security token",
-            std::u16string(ResultCodeMessage(errANONYMOUS_TOKEN)));
+  EXPECT_EQ(u"Cannot open an anonymous level security token", std::u16string(ResultCodeMessage(errANONYMOUS_TOKEN)));
   EXPECT_EQ(u"No error", std::u16string(ResultCodeMessage(errOK)));
-  EXPECT_EQ(u"Unknown platform result code",
-            std::u16string(ResultCodeMessage(static_cast<ResultCode>(0x8001010Au))));
+  EXPECT_EQ(u"Unknown platform result code", std::u16string(ResultCodeMessage(static_cast<ResultCode>(0x8001010Au))));
   for (const ResultCode nPlain : {errOBJECT_NOT_FOUND, errNO_MORE_EVENTS, ResultCode{2}}) {
     EXPECT_EQ(u"Unknown result code", std::u16string(ResultCodeMessage(nPlain)));
   }
@@ -72,8 +70,7 @@ TEST(ResultCodes, ExceptionsBecomeCodes) {
   const ulo::ResultCodeException Failure("f.cpp", 3, u"no folder", errPATH_NOT_FOUND);
   EXPECT_STREQ("ResultCodeException", Failure.what());
   EXPECT_EQ(u"no folder: 0x80010103 (Path not found)", Failure.Description());
-  EXPECT_EQ(u"0x80000041 (Out of memory)",
-            ulo::CheckResultFailedException("", 0, errOUT_OF_MEMORY).Description());
+  EXPECT_EQ(u"0x80000041 (Out of memory)", ulo::CheckResultFailedException("", 0, errOUT_OF_MEMORY).Description());
 }
 
 TEST(Trace, WithoutASinkDropsTheLine) {

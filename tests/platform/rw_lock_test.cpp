@@ -25,8 +25,7 @@ class LockTest : public ::testing::Test {
     ASSERT_EQ(errOK, m_Lock.Create());
   }
   void TearDown() override {
-    for (std::thread& One : m_Threads)
-      One.join();
+    for (std::thread& One : m_Threads) One.join();
   }
 
   // Starts a thread that is to be admitted, or one that is to wait, and lets it come so far.
@@ -38,8 +37,7 @@ class LockTest : public ::testing::Test {
   void Waits(char cName, void (ReaderWriterLock::*pTake)()) {
     const std::uint64_t nWaiting = CallsOf(SystemCall::Wait);
     Start(cName, pTake);
-    while (CallsOf(SystemCall::Wait) == nWaiting)
-      std::this_thread::yield();
+    while (CallsOf(SystemCall::Wait) == nWaiting) std::this_thread::yield();
   }
 
   void Release(char cName) {
@@ -96,8 +94,7 @@ TEST_F(LockTest, AWriterHandsOnToTheNextWriterAndThenToAllReaders) {
   Enters('a', kShared);
   Waits('V', kExclusive);
   Waits('W', kExclusive);
-  for (const char cName : {'1', '2', '3', '4', '5'})
-    Waits(cName, kShared);
+  for (const char cName : {'1', '2', '3', '4', '5'}) Waits(cName, kShared);
   Release('a');
   const char cFirst = Entered(2)[1];
   const char cSecond = cFirst == 'V' ? 'W' : 'V';
@@ -105,8 +102,7 @@ TEST_F(LockTest, AWriterHandsOnToTheNextWriterAndThenToAllReaders) {
   EXPECT_EQ(cSecond, Entered(3)[2]);
   Release(cSecond);
   EXPECT_EQ(8u, Entered(8).size());  // all five readers hold it at once
-  for (const char cName : {'1', '2', '3', '4', '5'})
-    Release(cName);
+  for (const char cName : {'1', '2', '3', '4', '5'}) Release(cName);
 }
 
 TEST_F(LockTest, AWaitThatFailsIsAnException) {

@@ -64,24 +64,18 @@ TEST_F(EnvironmentTest, CreatesFoldersWithTheirParents) {
 }
 
 TEST_F(EnvironmentTest, DeletesTheFilesOfANumber) {
-  const char* const kOwn[] = {"00000005_objbt.dat", "00000005_objid.dat", "00000005_objdt.dat",
-                              "00000005_events.dat"};
+  const char* const kOwn[] = {"00000005_objbt.dat", "00000005_objid.dat", "00000005_objdt.dat", "00000005_events.dat"};
   const char* const kOthers[] = {"00000006_events.dat", "00000005_more.dat", "segments.dat"};
-  for (const char* const pName : kOwn)
-    WriteFile(pName, {});
-  for (const char* const pName : kOthers)
-    WriteFile(pName, {});
+  for (const char* const pName : kOwn) WriteFile(pName, {});
+  for (const char* const pName : kOthers) WriteFile(pName, {});
   EXPECT_CODE(errOK, m_Environment.DeleteFiles(u"*.*", 5));
-  for (const char* const pName : kOwn)
-    EXPECT_FALSE(exists(Folder() / pName)) << pName;
-  for (const char* const pName : kOthers)
-    EXPECT_TRUE(exists(Folder() / pName)) << pName;
+  for (const char* const pName : kOwn) EXPECT_FALSE(exists(Folder() / pName)) << pName;
+  for (const char* const pName : kOthers) EXPECT_TRUE(exists(Folder() / pName)) << pName;
 
   std::filesystem::create_directory(Folder() / "sub");
   std::filesystem::create_symlink("sub", Folder() / "link");
   EXPECT_CODE(errOK, m_Environment.DeleteFiles(u"*.*", 0));
-  for (const char* const pName : kOthers)
-    EXPECT_FALSE(exists(Folder() / pName)) << pName;
+  for (const char* const pName : kOthers) EXPECT_FALSE(exists(Folder() / pName)) << pName;
   EXPECT_TRUE(exists(Folder() / "sub") && exists(Folder() / "link"));
 }
 

@@ -14,8 +14,7 @@ std::string Utf8(std::u16string_view Text) {
   if (!StorageEnvironment::WideToUtf8(Text.data(), nBytes, nullptr, 0, &nLength)) return "nothing";
   std::string Result(nLength, '?');
   EXPECT_TRUE(StorageEnvironment::WideToUtf8(Text.data(), nBytes, Result.data(), nLength, &nLength));
-  EXPECT_FALSE(StorageEnvironment::WideToUtf8(Text.data(), nBytes, Result.data(), nLength - 1, nullptr) &&
-               nLength > 1);
+  EXPECT_FALSE(StorageEnvironment::WideToUtf8(Text.data(), nBytes, Result.data(), nLength - 1, nullptr) && nLength > 1);
   return Result;
 }
 

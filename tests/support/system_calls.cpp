@@ -74,8 +74,7 @@ std::uint64_t CallsOf(SystemCall Call) {
 
 std::uint64_t AllCalls() {
   std::uint64_t nSum = 0;
-  for (const Gauge& One : g_Gauges)
-    nSum += One.nCalls;
+  for (const Gauge& One : g_Gauges) nSum += One.nCalls;
   return nSum;
 }
 

@@ -23,13 +23,11 @@ class ToolTest : public World {
   // Runs the tool on the test's store; what it wrote to standard output.
   std::string Run(const std::string& Arguments, int nStatus = 0, const std::string& Input = "") {
     std::ofstream(Folder() / "in") << Input;
-    const std::string Command = std::string(LUMBRA_TOOL) + " --store " + (Folder() / "store").string() +
-                                " --host h " + Arguments + " <" + (Folder() / "in").string() + " 2>" +
-                                (Folder() / "err").string();
+    const std::string Command = std::string(LUMBRA_TOOL) + " --store " + (Folder() / "store").string() + " --host h " +
+                                Arguments + " <" + (Folder() / "in").string() + " 2>" + (Folder() / "err").string();
     std::FILE* const pPipe = popen(Command.c_str(), "r");
     std::string Output;
-    for (int c = 0; (c = std::getc(pPipe)) != EOF;)
-      Output += static_cast<char>(c);
+    for (int c = 0; (c = std::getc(pPipe)) != EOF;) Output += static_cast<char>(c);
     EXPECT_EQ(nStatus, WEXITSTATUS(pclose(pPipe))) << Arguments << '\n' << Errors();
     return Output;
   }
@@ -41,22 +39,20 @@ class ToolTest : public World {
   std::vector<json> Events(const std::string& Options) {
     std::istringstream Lines(Run("events --json " + Options));
     std::vector<json> Parsed;
-    for (std::string Line; std::getline(Lines, Line);)
-      Parsed.push_back(json::parse(Line));
+    for (std::string Line; std::getline(Lines, Line);) Parsed.push_back(json::parse(Line));
     return Parsed;
   }
   static Strings Names(const std::vector<json>& Shown) {
     Strings Found;
-    for (const json& One : Shown)
-      Found.push_back(One["name"]);
+    for (const json& One : Shown) Found.push_back(One["name"]);
     return Found;
   }
 
   // A folder with what makes trouble: case, links, names that are no paths of this store, and nothing at all.
   fs::path MakeTree() {
     const fs::path Tree = Folder() / "tree";
-    for (const char* const pName : {"Makefile", "makefile", "a/deep/er/file", "a/back\\\\slash\\",
-                                    "\xC3\xA9t\xC3\xA9", "two  spaces", "a.b/c.d/\\x"}) {
+    for (const char* const pName : {"Makefile", "makefile", "a/deep/er/file", "a/back\\\\slash\\", "\xC3\xA9t\xC3\xA9",
+                                    "two  spaces", "a.b/c.d/\\x"}) {
       fs::create_directories((Tree / pName).parent_path());
       std::ofstream(Tree / pName) << pName;
     }
@@ -70,11 +66,9 @@ class ToolTest : public World {
 TEST_F(ToolTest, ScanThenEventsGivesTheFolder) {
   const fs::path Tree = MakeTree();
   Strings Expected{Tree};
-  for (const fs::directory_entry& Entry : fs::recursive_directory_iterator(Tree))
-    Expected.push_back(Entry.path());
+  for (const fs::directory_entry& Entry : fs::recursive_directory_iterator(Tree)) Expected.push_back(Entry.path());
   std::sort(Expected.begin(), Expected.end());
-  for (const char* const pOptions :
-       {"--db 1", "--db named", "--db 2 --check-mode", "--db 3 --segment-events 2"}) {
+  for (const char* const pOptions : {"--db 1", "--db named", "--db 2 --check-mode", "--db 3 --segment-events 2"}) {
     const std::string Database = std::string(pOptions).substr(0, std::string(pOptions).find(' ', 5));
     EXPECT_TRUE(Run(std::string("scan ") + pOptions + ' ' + (Folder() / "tree/").string())
                     .starts_with("recorded 16 events in "));
@@ -97,12 +91,10 @@ TEST_F(ToolTest, ScanThenEventsGivesTheFolder) {
   Strings Databases;
   for (const json& One : Info["databases"]) {
     Databases.push_back(One["folder"].get<std::string>() + ' ' + std::to_string(One["id"].get<int>()) + ' ' +
-                        std::to_string(One["event_size"].get<int>()) + ' ' +
-                        std::to_string(One["records"].get<int>()) + ' ' +
-                        std::to_string(One["segments"].get<int>()));
+                        std::to_string(One["event_size"].get<int>()) + ' ' + std::to_string(One["records"].get<int>()) +
+                        ' ' + std::to_string(One["segments"].get<int>()));
   }
-  EXPECT_EQ((Strings{"00 0 1 0 1", "01 1 32 16 1", "02 2 32 16 1", "03 3 32 16 8", "named 48 32 16 1"}),
-            Databases);
+  EXPECT_EQ((Strings{"00 0 1 0 1", "01 1 32 16 1", "02 2 32 16 1", "03 3 32 16 8", "named 48 32 16 1"}), Databases);
 }
 
 TEST_F(ToolTest, KeepsNamesWithTheirEvents) {
@@ -110,8 +102,7 @@ TEST_F(ToolTest, KeepsNamesWithTheirEvents) {
   Run("scan --db 1 --segment-events 2 --max-events 4 " + (Folder() / "tree").string());
   const std::vector<json> Shown = Events("--db 1");
   EXPECT_GE(4u, Shown.size());
-  for (const json& One : Shown)
-    EXPECT_TRUE(One["name"].is_string()) << One;
+  for (const json& One : Shown) EXPECT_TRUE(One["name"].is_string()) << One;
 }
 
 TEST_F(ToolTest, RecordsLinesAndShowsThem) {
@@ -125,9 +116,8 @@ TEST_F(ToolTest, RecordsLinesAndShowsThem) {
                   "{\"name\":\"/\"}\n{\"name\":\"plain\",\"type\":32}")
                   .starts_with("recorded 4 events in "));
   const std::string Problems = Errors();
-  for (const char* const pLine :
-       {"line 2: not a JSON object\n", "line 4: \"name\"", "line 5: \"name\"", "line 7: \"time\"",
-        "line 8: \"kind\"", "line 9: \"type\"", "line 10: \"type\""}) {
+  for (const char* const pLine : {"line 2: not a JSON object\n", "line 4: \"name\"", "line 5: \"name\"",
+                                  "line 7: \"time\"", "line 8: \"kind\"", "line 9: \"type\"", "line 10: \"type\""}) {
     EXPECT_NE(std::string::npos, Problems.find(pLine)) << pLine << Problems;
   }
   const std::vector<json> Shown = Events("--db notes");
@@ -142,8 +132,7 @@ TEST_F(ToolTest, RecordsLinesAndShowsThem) {
 
 TEST_F(ToolTest, ChoosesEvents) {
   std::string Input;
-  for (int i = 0; i < 25; ++i)
-    Input += "{\"name\":\"n" + std::to_string(i) + "\",\"type\":\"name\"}\n";
+  for (int i = 0; i < 25; ++i) Input += "{\"name\":\"n" + std::to_string(i) + "\",\"type\":\"name\"}\n";
   Run("record --db 1 --segment-events 10", 0, Input);
   const auto Count = [this](const std::string& Options) {
     return Events("--db 1 " + Options);
@@ -161,27 +150,24 @@ TEST_F(ToolTest, ChoosesEvents) {
 
 TEST_F(ToolTest, SaysWhatFailed) {
   EXPECT_EQ("", Run("info", 1));
-  EXPECT_EQ("lumbra: open " + (Folder() / "store").string() +
-                ": errOBJECT_NOT_FOUND (0x800000C5): there is no store here\n",
-            Errors());
-  for (const char* const pUsage :
-       {"", "frob", "events", "events --db 0", "events --db 48", "events --db 12345", "events --db ..",
-        "events --db a/b", "events --db 2f", "events --db 1 --from xyz", "events --db 1 --last 1 --from 1",
-        "scan --db 1", "scan --db 1 --max-size x /"}) {
+  EXPECT_EQ(
+      "lumbra: open " + (Folder() / "store").string() + ": errOBJECT_NOT_FOUND (0x800000C5): there is no store here\n",
+      Errors());
+  for (const char* const pUsage : {"", "frob", "events", "events --db 0", "events --db 48", "events --db 12345",
+                                   "events --db ..", "events --db a/b", "events --db 2f", "events --db 1 --from xyz",
+                                   "events --db 1 --last 1 --from 1", "scan --db 1", "scan --db 1 --max-size x /"}) {
     Run(pUsage, 2);
   }
   Run("record --db 1", 0, "{\"name\":\"x\"}");
   Run("events --db 2", 1);
-  EXPECT_EQ(
-      "lumbra: open database 2: errOBJECT_NOT_FOUND (0x800000C5): there is no such database in this store\n",
-      Errors());
+  EXPECT_EQ("lumbra: open database 2: errOBJECT_NOT_FOUND (0x800000C5): there is no such database in this store\n",
+            Errors());
   Run("record --db 1 /does/not/exist", 1);
 
   // A database that would start anew if it were opened is not opened.
   const Bytes kHeader = ReadFile("store/01/segments.dat");
   WriteFile("store/01/segments.dat", {1, 2, 3});
-  for (const char* const pCommand : {"events --db 1", "record --db 1", "scan --db 1 /dev/null"})
-    Run(pCommand, 1);
+  for (const char* const pCommand : {"events --db 1", "record --db 1", "scan --db 1 /dev/null"}) Run(pCommand, 1);
   EXPECT_NE(std::string::npos, Errors().find("errDATA_CORRUPTED"));
   EXPECT_EQ((Bytes{1, 2, 3}), ReadFile("store/01/segments.dat"));
   Run("info", 1);
@@ -190,8 +176,7 @@ TEST_F(ToolTest, SaysWhatFailed) {
 
   const auto pHeld = OpenFile(u"store/g_objid.dat");
   Run("info", 1);
-  EXPECT_NE(std::string::npos,
-            Errors().find("errSHARING_VIOLATION (0x80010104): another process holds the store"));
+  EXPECT_NE(std::string::npos, Errors().find("errSHARING_VIOLATION (0x80010104): another process holds the store"));
 }
 
 TEST_F(ToolTest, EndsCleanlyOnInterrupt) {
@@ -208,8 +193,7 @@ TEST_F(ToolTest, EndsCleanlyOnInterrupt) {
   close(Pipe[0]);
   const std::string_view Line = "{\"name\":\"C:\\\\a\"}\n";
   ASSERT_EQ(static_cast<ssize_t>(Line.size()), write(Pipe[1], Line.data(), Line.size()));
-  while (!fs::exists(Folder() / "store/01/00000001_events.dat") ||
-         FileSize("store/01/00000001_events.dat") < 44)
+  while (!fs::exists(Folder() / "store/01/00000001_events.dat") || FileSize("store/01/00000001_events.dat") < 44)
     usleep(1000);
   kill(nChild, SIGINT);
   int nStatus = 0;

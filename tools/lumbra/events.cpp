@@ -35,8 +35,7 @@ struct Run {
 std::vector<Run> ChooseRuns(const std::vector<SegmentFile>& Segments, const EventsOptions& Options) {
   std::vector<Run> Runs;
   std::uint64_t nTotal = 0;
-  for (const SegmentFile& Segment : Segments)
-    nTotal += Segment.nEvents;
+  for (const SegmentFile& Segment : Segments) nTotal += Segment.nEvents;
   std::uint64_t nSkip = Options.Last && *Options.Last < nTotal ? nTotal - *Options.Last : 0;
   std::uint64_t nLeft = Options.Count.value_or(UINT64_MAX);
   for (const SegmentFile& Segment : Segments) {
@@ -101,12 +100,11 @@ int Events(const CommonOptions& Common, const EventsOptions& Options) {
           WithDatabase((std::uint64_t{Wanted.nSegment} << 32) | (Wanted.nFirst + nDone), nDatabase);
       const auto nCount = static_cast<std::uint32_t>(std::min<std::uint64_t>(Wanted.nCount - nDone, kBatch));
       std::uint32_t nRead = 0;
-      Check(Store.Call(&LumbraOperations::GetEvents, nDatabase, nId, Batch.data(), kBatch * sizeof(Event),
-                       nCount, &nRead, nullptr),
+      Check(Store.Call(&LumbraOperations::GetEvents, nDatabase, nId, Batch.data(), kBatch * sizeof(Event), nCount,
+                       &nRead, nullptr),
             "read events");
       if (nRead == 0) break;
-      for (std::uint32_t i = 0; i < nRead; ++i)
-        Output.Print(nId + i, Batch[i]);
+      for (std::uint32_t i = 0; i < nRead; ++i) Output.Print(nId + i, Batch[i]);
       nDone += nRead;
     }
   }

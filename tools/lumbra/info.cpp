@@ -51,8 +51,8 @@ void PrintJson(const Session& Store, const std::vector<DatabaseInfo>& Databases)
 
 void PrintText(const Session& Store, const std::vector<DatabaseInfo>& Databases) {
   std::printf("%s%s\n\n", Store.Files().Folder().c_str(), Store.IsCorrupted() ? "  (marked corrupted)" : "");
-  std::printf("%3s  %-16s  %-16s  %10s  %10s  %14s  %8s  %s\n", "id", "name", "folder", "event size",
-              "records", "bytes", "segments", "oldest segment");
+  std::printf("%3s  %-16s  %-16s  %10s  %10s  %14s  %8s  %s\n", "id", "name", "folder", "event size", "records",
+              "bytes", "segments", "oldest segment");
   for (const DatabaseInfo& Info : Databases) {
     std::printf("%3u  %-16s  %-16s  %10u  %10u  %14llu  %8zu  %s\n", Info.nId,
                 Info.Name.Number ? "-" : Info.Name.Name.c_str(), Info.Name.Folder().c_str(), Info.nEventSize,

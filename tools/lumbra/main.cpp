@@ -20,9 +20,7 @@ void AddDatabaseOption(CLI::App* pCommand, DatabaseName* pDatabase) {
     *pDatabase = *Parsed;
     return true;
   };
-  pCommand->add_option("--db", Take, "Database: a number from 1 to 47, or a name")
-      ->required()
-      ->type_name("DB");
+  pCommand->add_option("--db", Take, "Database: a number from 1 to 47, or a name")->required()->type_name("DB");
 }
 
 void AddLimitOptions(CLI::App* pCommand, LimitOptions* pLimits) {
@@ -34,18 +32,16 @@ void AddLimitOptions(CLI::App* pCommand, LimitOptions* pLimits) {
   pCommand->add_option("--max-events", pLimits->MaxEvents, "Drop the oldest segments above so many events")
       ->group("Limits");
   pCommand->add_option("--max-size", pLimits->MaxSize, "... above so many bytes")->group("Limits");
-  pCommand->add_option("--max-age", pLimits->MaxAge, "... when they are older than so many seconds")
-      ->group("Limits");
-  pCommand
-      ->add_option("--global-size", pLimits->GlobalSize, "Keep all databases together below so many bytes")
+  pCommand->add_option("--max-age", pLimits->MaxAge, "... when they are older than so many seconds")->group("Limits");
+  pCommand->add_option("--global-size", pLimits->GlobalSize, "Keep all databases together below so many bytes")
       ->group("Limits");
 }
 
 // An event id as it is printed, with or without "0x" in front.
 std::uint64_t ParseId(const std::string& Text) {
   const std::string Digits = Text.starts_with("0x") || Text.starts_with("0X") ? Text.substr(2) : Text;
-  const bool bHex = !Digits.empty() && Digits.size() <= 16 &&
-                    Digits.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+  const bool bHex =
+      !Digits.empty() && Digits.size() <= 16 && Digits.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
   if (!bHex) throw CLI::ValidationError("--from", "an event id has up to 16 hexadecimal digits");
   return std::stoull(Digits, nullptr, 16);
 }
@@ -56,9 +52,7 @@ int Run(int nCount, char** ppArguments) {
   App.fallthrough();  // the common options may stand behind a command, too
 
   CommonOptions Common;
-  App.add_option("--store", Common.Store, "Folder of the store")
-      ->envname("LUMBRA_STORE")
-      ->capture_default_str();
+  App.add_option("--store", Common.Store, "Folder of the store")->envname("LUMBRA_STORE")->capture_default_str();
   App.add_flag("--check-mode", Common.bCheckMode, "Create new files with every kind of CRC");
   App.add_option("--host", Common.Host, "Name of the host in the store (default: this machine's)");
   App.add_option("--trace", Common.nTraceLevel,

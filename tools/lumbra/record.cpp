@@ -31,8 +31,7 @@ template <class Number>
 Number NumberOf(const json& Object, const char* pKey, Number nDefault) {
   const auto Found = Object.find(pKey);
   if (Found == Object.end()) return nDefault;
-  const bool bFits =
-      Found->is_number_unsigned() && Found->get<std::uint64_t>() <= std::numeric_limits<Number>::max();
+  const bool bFits = Found->is_number_unsigned() && Found->get<std::uint64_t>() <= std::numeric_limits<Number>::max();
   if (!bFits)
     throw BadLine(std::string("\"") + pKey + "\" must be a whole number from 0 to " +
                   std::to_string(std::numeric_limits<Number>::max()));
@@ -43,9 +42,9 @@ std::uint32_t TypeOf(const json& Object) {
   const auto Found = Object.find("type");
   if (Found == Object.end()) return typeFile;
   if (Found->is_number()) return NumberOf<std::uint8_t>(Object, "type", 0);
-  constexpr std::pair<const char*, std::uint32_t> kNames[] = {
-      {"file", typeFile},           {"folder", typeFolder},     {"key", typeRegistryKey},
-      {"value", typeRegistryValue}, {"volume", typeVolumeRoot}, {"name", typeName}};
+  constexpr std::pair<const char*, std::uint32_t> kNames[] = {{"file", typeFile},         {"folder", typeFolder},
+                                                              {"key", typeRegistryKey},   {"value", typeRegistryValue},
+                                                              {"volume", typeVolumeRoot}, {"name", typeName}};
   for (const auto& [pName, nType] : kNames) {
     if (*Found == pName) return nType;
   }
@@ -55,8 +54,7 @@ std::uint32_t TypeOf(const json& Object) {
 std::uint64_t TimeOf(const json& Object) {
   const auto Found = Object.find("time");
   if (Found == Object.end()) return Now();
-  const std::optional<std::uint64_t> Time =
-      Found->is_string() ? ParseTime(Found->get<std::string>()) : std::nullopt;
+  const std::optional<std::uint64_t> Time = Found->is_string() ? ParseTime(Found->get<std::string>()) : std::nullopt;
   if (!Time) throw BadLine("\"time\" must be a time like 2026-11-24T13:34:00Z");
   return *Time;
 }
@@ -76,11 +74,9 @@ Line ParseLine(const std::string& Text) {
 // The lines of a file or of standard input. An interrupt ends them.
 class LineReader {
  public:
-  explicit LineReader(const std::string& Path)
-      : m_pFile(Path.empty() ? stdin : std::fopen(Path.c_str(), "rb")) {
+  explicit LineReader(const std::string& Path) : m_pFile(Path.empty() ? stdin : std::fopen(Path.c_str(), "rb")) {
     if (m_pFile == nullptr)
-      throw Failure("read " + Path, errno == ENOENT ? errFILE_NOT_FOUND : errACCESS_DENIED,
-                    std::strerror(errno));
+      throw Failure("read " + Path, errno == ENOENT ? errFILE_NOT_FOUND : errACCESS_DENIED, std::strerror(errno));
   }
   ~LineReader() {
     if (m_pFile != stdin) std::fclose(m_pFile);
@@ -91,8 +87,7 @@ class LineReader {
   bool Next(std::string* pLine) {
     pLine->clear();
     int c = EOF;
-    while (!Interrupted() && (c = std::getc(m_pFile)) != EOF && c != '\n')
-      *pLine += static_cast<char>(c);
+    while (!Interrupted() && (c = std::getc(m_pFile)) != EOF && c != '\n') *pLine += static_cast<char>(c);
     return !Interrupted() && (c != EOF || !pLine->empty());
   }
 

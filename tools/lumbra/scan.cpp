@@ -55,8 +55,7 @@ class Scanner {
 
   void RecordEntry(const fs::path& Path, const Entry& Found) {
     const std::string Name = Path.string();
-    if (host::ToUtf8(host::ToUtf16(Name)) != Name)
-      Warn(Path, "its name is not UTF-8 and is recorded with U+FFFD");
+    if (host::ToUtf8(host::ToUtf16(Name)) != Name) Warn(Path, "its name is not UTF-8 and is recorded with U+FFFD");
     const std::uint32_t nType = Found.Kind == EntryKind::Folder ? typeFolder : typeFile;
     const Event Recorded{Found.nModified, 0, Found.nSize, static_cast<std::uint32_t>(Found.Kind), 0};
     std::string Reason;
@@ -97,8 +96,7 @@ int Scan(const CommonOptions& Common, const ScanOptions& Options) {
   Recorder Records(&Store, nDatabase);
   Scanner Walker(&Records);
   try {
-    for (const std::string& Path : Options.Paths)
-      Walker.Walk(FullPath(Path));
+    for (const std::string& Path : Options.Paths) Walker.Walk(FullPath(Path));
   } catch (const Failure&) {
     Walker.EndProgress();
     Records.PrintSummary();

@@ -13,8 +13,7 @@ fs::path StoreFolder(const CommonOptions& Options) {
   const fs::path Folder = fs::absolute(Options.Store).lexically_normal();
   const std::string Text = Folder.generic_string();
   if (host::ToUtf8(host::ToUtf16(Text)) != Text || Text.find('\\') != std::string::npos) {
-    throw Failure("open " + Options.Store, errPATH_NAME_INVALID,
-                  "the store's path must be UTF-8 without backslashes");
+    throw Failure("open " + Options.Store, errPATH_NAME_INVALID, "the store's path must be UTF-8 without backslashes");
   }
   return Folder;
 }
@@ -23,8 +22,7 @@ fs::path StoreFolder(const CommonOptions& Options) {
 
 Session::Session(const CommonOptions& Options, Missing Store) : m_Files(StoreFolder(Options)) {
   const std::string What = "open " + m_Files.Folder().string();
-  if (Store == Missing::Refuse && !m_Files.Exists())
-    throw Failure(What, errOBJECT_NOT_FOUND, "there is no store here");
+  if (Store == Missing::Refuse && !m_Files.Exists()) throw Failure(What, errOBJECT_NOT_FOUND, "there is no store here");
   if (Options.nTraceLevel != 0) m_Host.TraceToStream(Options.nTraceLevel, stderr);
   m_Host.SetPlaceholder(u"%host%", host::ToUtf16(Options.Host.empty() ? MachineName() : Options.Host));
   m_Store = m_Host.Create();
@@ -42,8 +40,7 @@ std::uint32_t Session::OpenDatabase(const DatabaseName& Database, Missing IfMiss
   if (m_Files.Has(Database)) {
     const std::optional<DatabaseFiles> Found = m_Files.Read(Database);
     if (!Found) {
-      throw Failure(What, errDATA_CORRUPTED,
-                    "its segments.dat is damaged, and opening it would start it anew, empty");
+      throw Failure(What, errDATA_CORRUPTED, "its segments.dat is damaged, and opening it would start it anew, empty");
     }
     nEventSize = Found->nEventSize;
   } else if (IfMissing == Missing::Refuse) {
@@ -55,8 +52,7 @@ std::uint32_t Session::OpenDatabase(const DatabaseName& Database, Missing IfMiss
     Check(Call(&LumbraOperations::InitDBByName, Name.c_str(), nEventSize, &nId), What);
     return nId;
   }
-  if (*Database.Number != kSystemDatabase)
-    Check(Call(&LumbraOperations::InitDB, *Database.Number, nEventSize), What);
+  if (*Database.Number != kSystemDatabase) Check(Call(&LumbraOperations::InitDB, *Database.Number, nEventSize), What);
   return *Database.Number;
 }
 
@@ -70,8 +66,7 @@ std::uint32_t Session::OpenEventDatabase(const DatabaseName& Database, Missing I
 }
 
 void Session::SetLimits(std::uint32_t nDatabase, const LimitOptions& Limits) {
-  const auto Set = [this](std::uint32_t nOne, std::uint32_t nKind,
-                          const std::optional<std::uint64_t>& Value) {
+  const auto Set = [this](std::uint32_t nOne, std::uint32_t nKind, const std::optional<std::uint64_t>& Value) {
     if (Value) Check(Call(&LumbraOperations::SetDBParams, nOne, nKind, *Value), "set a limit");
   };
   Set(nDatabase, limitSegmentEvents, Limits.SegmentEvents);
@@ -89,8 +84,7 @@ std::optional<ObjectName> Session::NameOf(std::uint64_t nObject) {
     std::uint32_t nType = 0;
     std::uint32_t nBytes = 0;
     const auto nRoom = static_cast<std::uint32_t>(Name.size() * sizeof(char16_t));
-    const ResultCode nCode =
-        Call(&LumbraOperations::GetObjectName, nObject, Name.data(), nRoom, &nBytes, 0, &nType);
+    const ResultCode nCode = Call(&LumbraOperations::GetObjectName, nObject, Name.data(), nRoom, &nBytes, 0, &nType);
     if (nCode != errBUFFER_TOO_SMALL) {
       if (Failed(nCode)) return {};
       return ObjectName{nType, host::ToUtf8(std::u16string_view(Name).substr(0, nBytes / sizeof(char16_t)))};

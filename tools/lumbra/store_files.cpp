@@ -114,8 +114,7 @@ std::vector<DatabaseName> StoreFiles::Databases() const {
       Named.push_back({{}, Name});
     }
   }
-  std::sort(Numbered.begin(), Numbered.end(),
-            [](const auto& a, const auto& b) { return a.Number < b.Number; });
+  std::sort(Numbered.begin(), Numbered.end(), [](const auto& a, const auto& b) { return a.Number < b.Number; });
   std::sort(Named.begin(), Named.end(), [](const auto& a, const auto& b) { return a.Name < b.Name; });
   Numbered.insert(Numbered.end(), Named.begin(), Named.end());
   return Numbered;

@@ -141,8 +141,7 @@ bool IsPosition(std::uint64_t nOffset, std::uint32_t nSize) {
 }
 
 std::int64_t FileTimeOf(const statx_timestamp& Time) {
-  return (Time.tv_sec + kSecondsTo1970) * kFileTimeUnitsPerSecond +
-         Time.tv_nsec / kNanosecondsPerFileTimeUnit;
+  return (Time.tv_sec + kSecondsTo1970) * kFileTimeUnitsPerSecond + Time.tv_nsec / kNanosecondsPerFileTimeUnit;
 }
 
 }  // namespace
@@ -152,8 +151,8 @@ std::int64_t CreationFileTime(const struct statx& Status) {
   return std::min({FileTimeOf(Status.stx_atime), FileTimeOf(Status.stx_mtime), FileTimeOf(Status.stx_ctime)});
 }
 
-SystemError Open(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t nShare,
-                 Disposition nDisposition, std::uint32_t /*nFlags*/, FileHandle* pHandle) try {
+SystemError Open(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t nShare, Disposition nDisposition,
+                 std::uint32_t /*nFlags*/, FileHandle* pHandle) try {
   const std::string Native = NativePath(Path);
   std::unique_ptr<OpenFile> Opened(new OpenFile{-1, {}});
   bool bCreated = false;
@@ -164,8 +163,7 @@ SystemError Open(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t 
   }
   SystemError nError = RefuseUnlessRegular(Opened->nDescriptor);
   if (nError == kSuccess && flock(Opened->nDescriptor, LockOf(nAccess, nShare)) != 0) nError = LastError();
-  const bool bCut =
-      nDisposition == Disposition::CreateAlways || nDisposition == Disposition::TruncateExisting;
+  const bool bCut = nDisposition == Disposition::CreateAlways || nDisposition == Disposition::TruncateExisting;
   if (nError == kSuccess && bCut) nError = Truncate(Opened->nDescriptor, 0);
   if (nError != kSuccess) {
     close(Opened->nDescriptor);
@@ -200,9 +198,7 @@ SystemError Write(FileHandle Handle, const void* pData, std::uint32_t nSize, std
 
 SystemError Seek(FileHandle Handle, SeekOrigin Origin, std::int64_t nDistance, std::uint64_t* pnPosition) {
   if (Handle == nullptr) return kInvalidHandle;
-  const int nWhence = Origin == SeekOrigin::Start     ? SEEK_SET
-                      : Origin == SeekOrigin::Current ? SEEK_CUR
-                                                      : SEEK_END;
+  const int nWhence = Origin == SeekOrigin::Start ? SEEK_SET : Origin == SeekOrigin::Current ? SEEK_CUR : SEEK_END;
   const off_t nPosition = lseek(Handle->nDescriptor, nDistance, nWhence);
   if (nPosition < 0) return errno == EINVAL ? kNegativeSeek : LastError();
   *pnPosition = static_cast<std::uint64_t>(nPosition);
@@ -213,8 +209,7 @@ SystemError ReadAt(FileHandle Handle, std::uint64_t nOffset, void* pBuffer, std:
                    std::uint32_t* pnRead) {
   if (!IsPosition(nOffset, nSize)) return kNegativeSeek;
   return TransferAll(nSize, pnRead, [&](std::uint32_t nDone, std::uint32_t nLeft) {
-    return pread(Handle->nDescriptor, static_cast<char*>(pBuffer) + nDone, nLeft,
-                 static_cast<off_t>(nOffset + nDone));
+    return pread(Handle->nDescriptor, static_cast<char*>(pBuffer) + nDone, nLeft, static_cast<off_t>(nOffset + nDone));
   });
 }
 

@@ -34,9 +34,8 @@ SystemError ForEachEntry(const std::string& Folder, VisitEntry Visit) {
 }
 
 SystemError List(const std::string& Folder, std::vector<std::string>* pNames) {
-  const SystemError nError = ForEachEntry(Folder.empty() ? "." : Folder, [pNames](const dirent& Entry, int) {
-    pNames->emplace_back(Entry.d_name);
-  });
+  const SystemError nError = ForEachEntry(Folder.empty() ? "." : Folder,
+                                          [pNames](const dirent& Entry, int) { pNames->emplace_back(Entry.d_name); });
   std::sort(pNames->begin(), pNames->end());
   return nError;
 }

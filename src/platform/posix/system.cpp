@@ -72,8 +72,7 @@ SystemError WaitForSemaphore(Semaphore* pSemaphore) {
 
 void ReleaseSemaphoreBy(Semaphore* pSemaphore, std::uint32_t nCount) {
   if (pSemaphore == nullptr) return;
-  for (std::uint32_t i = 0; i < nCount; ++i)
-    sem_post(&pSemaphore->Native);
+  for (std::uint32_t i = 0; i < nCount; ++i) sem_post(&pSemaphore->Native);
 }
 
 void CloseSemaphore(Semaphore* pSemaphore) {

@@ -88,8 +88,7 @@ std::uint32_t Encode(char32_t nPoint, char16_t* pUnits) {
 template <class Unit>
 bool IsAscii(const Unit* pText, std::uint32_t nText) {
   std::make_unsigned_t<Unit> nBits = 0;
-  for (std::uint32_t i = 0; i < nText; ++i)
-    nBits |= static_cast<std::make_unsigned_t<Unit>>(pText[i]);
+  for (std::uint32_t i = 0; i < nText; ++i) nBits |= static_cast<std::make_unsigned_t<Unit>>(pText[i]);
   return nBits < 0x80;
 }
 
@@ -97,8 +96,7 @@ template <class From, class To>
 std::uint32_t ConvertAscii(const From* pText, std::uint32_t nText, To* pBuffer, std::uint32_t nCapacity) {
   if (nCapacity == 0) return nText;
   if (nText > nCapacity) return 0;
-  for (std::uint32_t i = 0; i < nText; ++i)
-    pBuffer[i] = static_cast<To>(pText[i]);
+  for (std::uint32_t i = 0; i < nText; ++i) pBuffer[i] = static_cast<To>(pText[i]);
   return nText;
 }
 
@@ -112,8 +110,7 @@ std::uint32_t Convert(const From* pText, std::uint32_t nText, To* pBuffer, std::
     const std::uint32_t nUnits = Encode(Decode(&pText, pEnd), Units);
     if (nCapacity != 0) {
       if (nLength + nUnits > nCapacity) return 0;
-      for (std::uint32_t i = 0; i < nUnits; ++i)
-        pBuffer[nLength + i] = Units[i];
+      for (std::uint32_t i = 0; i < nUnits; ++i) pBuffer[nLength + i] = Units[i];
     }
     nLength += nUnits;
   }
