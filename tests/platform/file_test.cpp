@@ -136,12 +136,10 @@ TEST_F(FileTest, SeeksAndCloses) {
   EXPECT_CODE(errOK, Opened.Close());
   ASSERT_CODE(errOK, Opened.OpenWithFlags(Path("a"), fileRead | fileWrite, openExisting));
   std::uint64_t nPosition = 0;
-  EXPECT_CODE(errOK, Opened.Seek(2, -1, &nPosition));
-  EXPECT_EQ(3u, nPosition);
-  EXPECT_CODE(errOK, Opened.Seek(1, -2, &nPosition));
-  EXPECT_EQ(1u, nPosition);
-  EXPECT_CODE(errOK, Opened.Seek(7, 2, &nPosition));  // an unknown origin is the start
-  EXPECT_EQ(2u, nPosition);
+  for (const auto& [nOrigin, nDistance, nReached] : {std::tuple{2u, -1, 3u}, {1u, -2, 1u}, {7u, 2, 2u}}) {
+    EXPECT_CODE(errOK, Opened.Seek(nOrigin, nDistance, &nPosition));  // an unknown origin is the start
+    EXPECT_EQ(nReached, nPosition);
+  }
   std::uint8_t nByte = 0;
   std::uint32_t nRead = 0;
   EXPECT_CODE(errOK, Opened.Read(&nByte, 1, &nRead));

@@ -36,16 +36,18 @@ TEST(ResultCodes, SystemErrorsBecomeCodes) {
 }
 
 TEST(ResultCodes, HaveTheirMessagesAndHostForms) {
-  EXPECT_EQ(u"Cannot open an anonymous level security token", std::u16string(ResultCodeMessage(errANONYMOUS_TOKEN)));
-  EXPECT_EQ(u"No error", std::u16string(ResultCodeMessage(errOK)));
-  EXPECT_EQ(u"Unknown platform result code", std::u16string(ResultCodeMessage(static_cast<ResultCode>(0x8001010Au))));
-  for (const ResultCode nPlain : {errOBJECT_NOT_FOUND, errNO_MORE_EVENTS, ResultCode{2}}) {
-    EXPECT_EQ(u"Unknown result code", std::u16string(ResultCodeMessage(nPlain)));
-  }
-  EXPECT_CODE(errOBJECT_NOT_FOUND, ToHostResult(errPATH_NOT_FOUND));
-  EXPECT_CODE(errSTORE_NOT_INITIALIZED, ToHostResult(errNOT_INITIALIZED));
-  EXPECT_CODE(errHOST_FALSE, ToHostResult(errFALSE));
-  EXPECT_CODE(errPARAMETER_INVALID, ToHostResult(errPARAMETER_INVALID));
+  const auto Message = [](std::uint32_t nCode) {
+    return std::u16string(ResultCodeMessage(static_cast<ResultCode>(nCode)));
+  };
+  EXPECT_EQ(u"Cannot open an anonymous level security token", Message(0x80010110));
+  EXPECT_EQ(u"No error", Message(0));
+  EXPECT_EQ(u"Unknown platform result code", Message(0x8001010A));
+  for (const std::uint32_t nPlain : {0x800000C5u, 0x41u, 2u}) EXPECT_EQ(u"Unknown result code", Message(nPlain));
+  const std::pair<ResultCode, ResultCode> kHostForms[] = {{errPATH_NOT_FOUND, errOBJECT_NOT_FOUND},
+                                                          {errNOT_INITIALIZED, errSTORE_NOT_INITIALIZED},
+                                                          {errFALSE, errHOST_FALSE},
+                                                          {errPARAMETER_INVALID, errPARAMETER_INVALID}};
+  for (const auto& [nCode, nHostForm] : kHostForms) EXPECT_CODE(nHostForm, ToHostResult(nCode));
 }
 
 template <class Thrown>

@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdlib>
 #include <new>
 
@@ -104,108 +103,57 @@ bool AllocationFailed() {
   return bFailed;
 }
 
+// A detour of one call: __real_ is the system's, __wrap_ what the code under test reaches.
+#define DETOUR(type, name, parameters, arguments, call)            \
+  type __real_##name parameters;                                   \
+  type __wrap_##name parameters {                                  \
+    return Fails(SystemCall::call) ? -1 : __real_##name arguments; \
+  }
+#define RAGGED_DETOUR(name, parameters, arguments, call)     \
+  ssize_t __real_##name parameters;                          \
+  ssize_t __wrap_##name parameters {                         \
+    if (Fails(SystemCall::call) || Interrupted()) return -1; \
+    n = Cut(n);                                              \
+    return __real_##name arguments;                          \
+  }
+
 extern "C" {
 
-int __real_open(const char*, int, ...);
-int __real_close(int);
-ssize_t __real_read(int, void*, size_t);
-ssize_t __real_write(int, const void*, size_t);
-ssize_t __real_pread(int, void*, size_t, off_t);
-ssize_t __real_pwrite(int, const void*, size_t, off_t);
-off_t __real_lseek(int, off_t, int);
-int __real_fstat(int, struct stat*);
-int __real_ftruncate(int, off_t);
-int __real_fsync(int);
-int __real_flock(int, int);
-int __real_stat(const char*, struct stat*);
-int __real_statx(int, const char*, int, unsigned, struct statx*);
-int __real_unlink(const char*);
-int __real_mkdir(const char*, mode_t);
-long __real_syscall(long, ...);
-int __real_sem_wait(sem_t*);
-int __real_clock_gettime(clockid_t, struct timespec*);
-void* __real_malloc(size_t);
-void* __real_calloc(size_t, size_t);
+RAGGED_DETOUR(read, (int f, void* p, size_t n), (f, p, n), Read)
+RAGGED_DETOUR(write, (int f, const void* p, size_t n), (f, p, n), Write)
+RAGGED_DETOUR(pread, (int f, void* p, size_t n, off_t o), (f, p, n, o), ReadAt)
+RAGGED_DETOUR(pwrite, (int f, const void* p, size_t n, off_t o), (f, p, n, o), WriteAt)
+DETOUR(off_t, lseek, (int f, off_t o, int w), (f, o, w), Seek)
+DETOUR(int, fstat, (int f, struct stat* s), (f, s), Size)
+DETOUR(int, ftruncate, (int f, off_t n), (f, n), SetSize)
+DETOUR(int, fsync, (int f), (f), Sync)
+DETOUR(int, flock, (int f, int o), (f, o), Lock)
+DETOUR(int, stat, (const char* p, struct stat* s), (p, s), Look)
+DETOUR(int, statx, (int f, const char* p, int g, unsigned m, struct statx* s), (f, p, g, m, s), Look)
+DETOUR(int, unlink, (const char* p), (p), Remove)
+DETOUR(int, mkdir, (const char* p, mode_t m), (p, m), MakeFolder)
+DETOUR(int, sem_wait, (sem_t * s), (s), Wait)
 
-int __wrap_open(const char* pPath, int nFlags, ...) {
-  std::va_list Arguments;
-  va_start(Arguments, nFlags);
-  const mode_t nMode = (nFlags & O_CREAT) != 0 ? static_cast<mode_t>(va_arg(Arguments, int)) : 0;
-  va_end(Arguments);
+int __real_open(const char*, int, ...);
+int __wrap_open(const char* pPath, int nFlags, mode_t nMode) {
   return Fails(SystemCall::Open) ? -1 : __real_open(pPath, nFlags, nMode);
 }
-int __wrap_close(int nFile) {
-  const bool bFails = Fails(SystemCall::Close);
-  const int nError = errno;
-  const int nAnswer = __real_close(nFile);  // the descriptor goes in any case, as it does with a failing disk
-  errno = nError;
-  return bFails ? -1 : nAnswer;
-}
-ssize_t __wrap_read(int nFile, void* pBuffer, size_t nSize) {
-  if (Fails(SystemCall::Read) || Interrupted()) return -1;
-  return __real_read(nFile, pBuffer, Cut(nSize));
-}
-ssize_t __wrap_write(int nFile, const void* pData, size_t nSize) {
-  if (Fails(SystemCall::Write) || Interrupted()) return -1;
-  return __real_write(nFile, pData, Cut(nSize));
-}
-ssize_t __wrap_pread(int nFile, void* pBuffer, size_t nSize, off_t nOffset) {
-  if (Fails(SystemCall::ReadAt) || Interrupted()) return -1;
-  return __real_pread(nFile, pBuffer, Cut(nSize), nOffset);
-}
-ssize_t __wrap_pwrite(int nFile, const void* pData, size_t nSize, off_t nOffset) {
-  if (Fails(SystemCall::WriteAt) || Interrupted()) return -1;
-  return __real_pwrite(nFile, pData, Cut(nSize), nOffset);
-}
-off_t __wrap_lseek(int nFile, off_t nOffset, int nOrigin) {
-  return Fails(SystemCall::Seek) ? -1 : __real_lseek(nFile, nOffset, nOrigin);
-}
-int __wrap_fstat(int nFile, struct stat* pStatus) {
-  return Fails(SystemCall::Size) ? -1 : __real_fstat(nFile, pStatus);
-}
-int __wrap_ftruncate(int nFile, off_t nSize) {
-  return Fails(SystemCall::SetSize) ? -1 : __real_ftruncate(nFile, nSize);
-}
-int __wrap_fsync(int nFile) {
-  return Fails(SystemCall::Sync) ? -1 : __real_fsync(nFile);
-}
-int __wrap_flock(int nFile, int nOperation) {
-  return Fails(SystemCall::Lock) ? -1 : __real_flock(nFile, nOperation);
-}
-int __wrap_stat(const char* pPath, struct stat* pStatus) {
-  return Fails(SystemCall::Look) ? -1 : __real_stat(pPath, pStatus);
-}
-int __wrap_statx(int nFolder, const char* pPath, int nFlags, unsigned nMask, struct statx* pStatus) {
-  return Fails(SystemCall::Look) ? -1 : __real_statx(nFolder, pPath, nFlags, nMask, pStatus);
-}
-int __wrap_unlink(const char* pPath) {
-  return Fails(SystemCall::Remove) ? -1 : __real_unlink(pPath);
-}
-int __wrap_mkdir(const char* pPath, mode_t nMode) {
-  return Fails(SystemCall::MakeFolder) ? -1 : __real_mkdir(pPath, nMode);
-}
-long __wrap_syscall(long nNumber, ...) {
-  std::va_list Arguments;
-  va_start(Arguments, nNumber);
-  const long nFirst = va_arg(Arguments, long);
-  const long nSecond = va_arg(Arguments, long);
-  const long nThird = va_arg(Arguments, long);
-  va_end(Arguments);
+long __real_syscall(long, ...);
+long __wrap_syscall(long nNumber, long a, long b, long c) {
   const bool bPriority = nNumber == SYS_ioprio_get || nNumber == SYS_ioprio_set;
-  if (bPriority && Fails(SystemCall::Priority)) return -1;
-  return __real_syscall(nNumber, nFirst, nSecond, nThird);
+  return bPriority && Fails(SystemCall::Priority) ? -1 : __real_syscall(nNumber, a, b, c);
 }
-int __wrap_sem_wait(sem_t* pSemaphore) {
-  return Fails(SystemCall::Wait) ? -1 : __real_sem_wait(pSemaphore);
-}
+int __real_clock_gettime(clockid_t, struct timespec*);
 int __wrap_clock_gettime(clockid_t nClock, struct timespec* pTime) {
   if (nClock != CLOCK_REALTIME || g_nClock == 0) return __real_clock_gettime(nClock, pTime);
   *pTime = {g_nClock, 0};
   return 0;
 }
+void* __real_malloc(size_t);
 void* __wrap_malloc(size_t nSize) {
   return AllocationFails() ? nullptr : __real_malloc(nSize);
 }
+void* __real_calloc(size_t, size_t);
 void* __wrap_calloc(size_t nCount, size_t nSize) {
   return AllocationFails() ? nullptr : __real_calloc(nCount, nSize);
 }

@@ -10,7 +10,6 @@ namespace lumbra::test {
 
 enum class SystemCall {
   Open,
-  Close,
   Read,
   Write,
   ReadAt,
