@@ -31,8 +31,7 @@ int OpenRaw(const char* pName, int nFlags) {
   return open(g_Store->File(pName).c_str(), nFlags | O_CLOEXEC, 0666);
 }
 
-// ---- Adding
-// ------------------------------------------------------------------------------------------------
+// ---- Adding -----------------------------------------------------------------------------------------------
 
 void AddEvent(benchmark::State& State) {
   for (auto _ : State) g_Store->Add(1);
@@ -47,8 +46,7 @@ void AddRaw(benchmark::State& State) {
   }
 }
 
-// ---- Reading
-// -----------------------------------------------------------------------------------------------
+// ---- Reading ----------------------------------------------------------------------------------------------
 
 void GetBatch(benchmark::State& State) {
   std::vector<Event> Buffer(kBatch);
@@ -89,8 +87,7 @@ void ReadRandomRaw(benchmark::State& State) {
   }
 }
 
-// ---- Objects
-// -----------------------------------------------------------------------------------------------
+// ---- Objects ----------------------------------------------------------------------------------------------
 
 const std::u16string kPath = u"C:\\Program Files\\Component\\Reports\\today.txt";
 
@@ -121,8 +118,7 @@ void FindNew(benchmark::State& State) {
   }
 }
 
-// ---- Start-up
-// ----------------------------------------------------------------------------------------------
+// ---- Start-up ---------------------------------------------------------------------------------------------
 
 constexpr std::uint32_t kSegments = 1000;
 
@@ -145,8 +141,7 @@ void LookAtFilesRaw(benchmark::State& State) {
   }
 }
 
-// ---- The run
-// -----------------------------------------------------------------------------------------------
+// ---- The run ----------------------------------------------------------------------------------------------
 
 // Prints what was measured as usual and keeps the median of each benchmark.
 class Medians : public benchmark::ConsoleReporter {

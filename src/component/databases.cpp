@@ -37,8 +37,7 @@ std::string IndexKey(std::u16string_view Name) {
 
 }  // namespace
 
-// ---- Which database
-// ----------------------------------------------------------------------------------------
+// ---- Which database ---------------------------------------------------------------------------------------
 
 Lumbra::Database Lumbra::FindDatabase(std::uint32_t nDatabase) {
   if (nDatabase < kFirstNamedDatabase) return Database(&m_Slots[nDatabase].Manager);
@@ -66,8 +65,7 @@ std::vector<NamedDatabaseRef> Lumbra::NamedDatabases() {
   return m_NamedDatabases;
 }
 
-// ---- Opening
-// -----------------------------------------------------------------------------------------------
+// ---- Opening ----------------------------------------------------------------------------------------------
 
 HostText Lumbra::DatabaseFolder(std::u16string_view Name) {
   HostText Folder = ReportFolder();
@@ -164,8 +162,7 @@ ResultCode Lumbra::KeepNamed(const NamedDatabaseRef& Named, const std::string* p
   return errOK;
 }
 
-// ---- Limits
-// ------------------------------------------------------------------------------------------------
+// ---- Limits -----------------------------------------------------------------------------------------------
 
 // Runs an operation on the databases 1 to 47, and then on the named ones from 48 on up to the first that is
 // not open. Answers the failure of the last database that failed.
@@ -290,8 +287,7 @@ ResultCode Lumbra::DropOldestSegment(SegmentManager& Manager) {
   return nCode;
 }
 
-// ---- Information and clearing
-// ------------------------------------------------------------------------------
+// ---- Information and clearing -----------------------------------------------------------------------------
 
 ResultCode Lumbra::GetDBInfo(std::uint32_t nDatabase, std::uint32_t* pnRecords, std::uint64_t* pnDataSize,
                              std::uint64_t* pnTime) {

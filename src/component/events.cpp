@@ -7,8 +7,7 @@
 
 namespace lumbra {
 
-// ---- Adding
-// ------------------------------------------------------------------------------------------------
+// ---- Adding -----------------------------------------------------------------------------------------------
 
 ResultCode Lumbra::AddEvent(std::uint32_t nDatabase, const void* pData, std::uint32_t nSize, std::uint64_t* pnEventId) {
   Trace(&Handle, traceDetail, "lmb\tLumbra::AddEvent Database - %X", nDatabase);
@@ -51,8 +50,7 @@ ResultCode Lumbra::Append(SegmentManager& Manager, std::uint32_t nDatabase, cons
   return nCode;
 }
 
-// ---- Reading
-// -----------------------------------------------------------------------------------------------
+// ---- Reading ----------------------------------------------------------------------------------------------
 
 ResultCode Lumbra::GetEvents(std::uint32_t nDatabase, std::uint64_t nStart, void* pBuffer, std::uint32_t nBufferSize,
                              std::uint32_t nCount, std::uint32_t* pnRead, HostObject* pParents) {
@@ -109,8 +107,7 @@ void Lumbra::MarkCorruptedOn(ResultCode nCode) {
   SaveCorruptedFlag(std::u16string(m_IndexPath.View()));
 }
 
-// ---- Rewriting
-// ---------------------------------------------------------------------------------------------
+// ---- Rewriting --------------------------------------------------------------------------------------------
 
 ResultCode Lumbra::UpdateEvent(std::uint64_t nEventId, const void* pData, std::uint32_t nSize) {
   const SharedHold Hold(m_Lock);

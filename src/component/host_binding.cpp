@@ -70,8 +70,7 @@ ResultCode TraceToHost(HostObject* pObject, std::uint32_t nLevel, const char* pF
 
 }  // namespace
 
-// ---- Loading
-// -----------------------------------------------------------------------------------------------
+// ---- Loading ----------------------------------------------------------------------------------------------
 
 void SetRoot(HostObject* pRoot) {
   g_pRoot.store(pRoot, std::memory_order_release);
@@ -90,8 +89,7 @@ ResultCode RegisterInterface(HostObject* pRoot, std::uint32_t nInterfaceId, Host
   return RootOperationsOf(pRoot).RegisterInterface(pRoot, nInterfaceId, kLumbraPluginId, 0, 0, pFactory);
 }
 
-// ---- Counters
-// ----------------------------------------------------------------------------------------------
+// ---- Counters ---------------------------------------------------------------------------------------------
 
 std::uint32_t AtomicIncrement(std::uint32_t* pnValue) {
   return reinterpret_cast<HostAtomicFunction>(g_pAtomicIncrement)(pnValue);
@@ -101,8 +99,7 @@ std::uint32_t AtomicDecrement(std::uint32_t* pnValue) {
   return reinterpret_cast<HostAtomicFunction>(g_pAtomicDecrement)(pnValue);
 }
 
-// ---- System operations of an object
-// ------------------------------------------------------------------------
+// ---- System operations of an object -----------------------------------------------------------------------
 
 const HostSystemOperations* DefaultSystemOperations() {
   static constexpr auto kReserved = [](HostObject*) -> ResultCode {
@@ -160,8 +157,7 @@ void ReferenceShared(HostObject* pInstance) {
   SystemOf(pInstance).ReferenceShared(pInstance, 0, 0);
 }
 
-// ---- Containers
-// --------------------------------------------------------------------------------------------
+// ---- Containers -------------------------------------------------------------------------------------------
 
 bool IsContainer(HostObject* pObject) {
   if (pObject == nullptr) return false;
@@ -172,8 +168,7 @@ ResultCode AppendToContainer(HostObject* pContainer, std::uint32_t nList, std::u
   return static_cast<const HostContainerOperations*>(pContainer->pOperations)->Append(pContainer, nList, nValue);
 }
 
-// ---- Text
-// --------------------------------------------------------------------------------------------------
+// ---- Text -------------------------------------------------------------------------------------------------
 
 ResultCode AppendText(HostString* pTarget, const void* pText, std::uint32_t nSize, std::uint32_t nCodePage) {
   const HostStringAppend pAppend = g_StringAppend.Get();

@@ -14,8 +14,7 @@
 
 namespace lumbra::binding {
 
-// ---- Loading
-// -----------------------------------------------------------------------------------------------
+// ---- Loading ----------------------------------------------------------------------------------------------
 
 // Remembers the root and lets trace lines through to it; null forgets it.
 void SetRoot(HostObject* pRoot);
@@ -24,15 +23,13 @@ HostObject* Root();
 ResultCode ResolveImports(HostObject* pRoot);
 ResultCode RegisterInterface(HostObject* pRoot, std::uint32_t nInterfaceId, HostFactory pFactory);
 
-// ---- Counters
-// ----------------------------------------------------------------------------------------------
+// ---- Counters ---------------------------------------------------------------------------------------------
 
 // Answer the new value.
 std::uint32_t AtomicIncrement(std::uint32_t* pnValue);
 std::uint32_t AtomicDecrement(std::uint32_t* pnValue);
 
-// ---- System operations of an object
-// ------------------------------------------------------------------------
+// ---- System operations of an object -----------------------------------------------------------------------
 
 // What an instance's handle holds until the host installs its own operations: they answer
 // errSTORE_NOT_INITIALIZED, 0 or nothing.
@@ -46,14 +43,12 @@ ResultCode RegisterFlushHandler(HostObject* pInstance);
 ResultCode UnregisterFlushHandler(HostObject* pInstance);
 void ReferenceShared(HostObject* pInstance);
 
-// ---- Containers
-// --------------------------------------------------------------------------------------------
+// ---- Containers -------------------------------------------------------------------------------------------
 
 bool IsContainer(HostObject* pObject);  // false for null
 ResultCode AppendToContainer(HostObject* pContainer, std::uint32_t nList, std::uint64_t nValue);
 
-// ---- Text
-// --------------------------------------------------------------------------------------------------
+// ---- Text -------------------------------------------------------------------------------------------------
 
 // Appends to a host string; errUNEXPECTED when the host offers no such function.
 ResultCode AppendText(HostString* pTarget, const void* pText, std::uint32_t nSize, std::uint32_t nCodePage);

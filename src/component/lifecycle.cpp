@@ -28,8 +28,7 @@ bool Lumbra::Owner::ExactFileSizes() {
   return binding::ReadProperty(m_pHandle, propEXACT_FILE_SIZES) != 0;
 }
 
-// ---- Texts from the host
-// -----------------------------------------------------------------------------------
+// ---- Texts from the host ----------------------------------------------------------------------------------
 
 // The value that the host's handlers give for a placeholder; the placeholder itself when none knows it.
 // *pnSent is 1 when one did.
@@ -57,8 +56,7 @@ void Lumbra::ReadCheckMode() {
   if (m_nCheckMode != 0) Trace(&Handle, traceNotable, "lmb\t Lumbra check mode on");
 }
 
-// ---- Initialisation
-// ----------------------------------------------------------------------------------------
+// ---- Initialisation ---------------------------------------------------------------------------------------
 
 // One attempt to initialise: unless it is kept, everything that it took is given back when it ends.
 class InitAttempt {
@@ -156,8 +154,7 @@ void Lumbra::GiveBack() {
   if (std::exchange(m_bHandlerRegistered, false)) binding::UnregisterFlushHandler(&Handle);
 }
 
-// ---- Messages and shutdown
-// ---------------------------------------------------------------------------------
+// ---- Messages and shutdown --------------------------------------------------------------------------------
 
 ResultCode Lumbra::MessageReceive(std::uint32_t nClass, std::uint32_t nMessageId) {
   if (nClass != kFlushMessageClass || nMessageId != kFlushMessageId) return errOK;

@@ -44,8 +44,7 @@ bool Segment::IsUnfinished() {
   return IsMissing(u"objbt.dat") || IsMissing(u"objid.dat") || IsMissing(u"objdt.dat");
 }
 
-// ---- Opening
-// -----------------------------------------------------------------------------------------------
+// ---- Opening ----------------------------------------------------------------------------------------------
 
 ResultCode Segment::Open() {
   if (m_bOpened) return errOK;
@@ -108,8 +107,7 @@ void Segment::Discard() {
   m_pEnv->DeleteFiles(u"*.*", m_nNumber);
 }
 
-// ---- Events
-// ------------------------------------------------------------------------------------------------
+// ---- Events -----------------------------------------------------------------------------------------------
 
 ResultCode Segment::AddEvent(const void* pData, std::uint32_t nSize, std::uint64_t* pnId) {
   if (Failed(Open())) return errOPEN_FAILED;
@@ -140,8 +138,7 @@ ResultCode Segment::UpdateEvent(std::uint32_t nIndexLow, std::uint32_t nIndexHig
   return m_pEvents->SetRecord(nIndexLow, pData, nSize);
 }
 
-// ---- Counts, sizes, age
-// ------------------------------------------------------------------------------------
+// ---- Counts, sizes, age -----------------------------------------------------------------------------------
 
 ResultCode Segment::GetEventCount(std::uint64_t* pnCount) {
   if (m_bOpened) {
@@ -182,8 +179,7 @@ ResultCode Segment::Check(StoreChoice Choice) {
   return (Choice == StoreChoice::Global ? m_pGlobalObjects : m_pObjects.get())->FastConsistencyCheck();
 }
 
-// ---- Objects
-// -----------------------------------------------------------------------------------------------
+// ---- Objects ----------------------------------------------------------------------------------------------
 
 template <class Operation>
 ResultCode Segment::OnStoreOf(std::uint64_t nId, Operation Do) {

@@ -15,8 +15,7 @@ constexpr char kMagic[4] = {'S', 'D', 'B', 'H'};
 
 }  // namespace
 
-// ---- Opening and closing
-// -----------------------------------------------------------------------------------
+// ---- Opening and closing ----------------------------------------------------------------------------------
 
 ResultCode SegmentManager::Init(StorageEnvironment* pEnv, std::uint32_t nEventSize, ObjectDB* pGlobalObjects,
                                 bool bCheckMode) {
@@ -105,8 +104,7 @@ void SegmentManager::TearDown() {
   m_pHeaderFile.reset();
 }
 
-// ---- The chain
-// ---------------------------------------------------------------------------------------------
+// ---- The chain --------------------------------------------------------------------------------------------
 
 std::unique_ptr<Segment> SegmentManager::MakeSegment() const {
   return std::unique_ptr<Segment>(new (std::nothrow) Segment(m_bCheckMode));
@@ -155,8 +153,7 @@ SegmentManager::tSEGMENT_ENTRY* SegmentManager::FindEntry(std::uint32_t nSegment
   return Found != m_Segments.end() && Found->nNumber == nSegment ? &*Found : nullptr;
 }
 
-// ---- Limits
-// ------------------------------------------------------------------------------------------------
+// ---- Limits -----------------------------------------------------------------------------------------------
 
 void SegmentManager::SetLimit(std::atomic<std::uint64_t>* pLimit, std::uint64_t nLimit) {
   const std::lock_guard Hold(m_Lock);
@@ -209,8 +206,7 @@ ResultCode SegmentManager::DeleteOldest(bool bForced) {
   return errOK;
 }
 
-// ---- Events
-// ------------------------------------------------------------------------------------------------
+// ---- Events -----------------------------------------------------------------------------------------------
 
 ResultCode SegmentManager::AddEvent(const void* pData, std::uint32_t nSize, std::uint64_t* pnId) {
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
@@ -286,8 +282,7 @@ ResultCode SegmentManager::UpdateEvent(std::uint32_t nIndexLow, std::uint32_t nS
   return OnSegment(nSegment, [&](Segment& Found) { return Found.UpdateEvent(nIndexLow, nSegment, pData, nSize); });
 }
 
-// ---- Totals
-// ------------------------------------------------------------------------------------------------
+// ---- Totals -----------------------------------------------------------------------------------------------
 
 std::uint64_t SegmentManager::GetTotalEvents() {
   const std::lock_guard Hold(m_Lock);
@@ -319,8 +314,7 @@ std::uint64_t SegmentManager::GetOldestCreationTime() {
   return m_Segments.empty() ? 0 : m_Segments.front().pSegment->GetCreationTime();
 }
 
-// ---- Objects
-// -----------------------------------------------------------------------------------------------
+// ---- Objects ----------------------------------------------------------------------------------------------
 
 template <class Operation>
 ResultCode SegmentManager::OnSegment(std::uint32_t nSegment, Operation Do) {

@@ -53,8 +53,7 @@ Transfer WriteAll(File& To, const void* pData, std::size_t nSize) {
   return Done;
 }
 
-// ---- The index
-// ---------------------------------------------------------------------------------------------
+// ---- The index --------------------------------------------------------------------------------------------
 
 bool ReadSignature(File& Index, const std::u16string& Path, bool* pbCorrupted) {
   Block Signature{};
@@ -216,8 +215,7 @@ bool IsPersistentIndexFull(const PersistentIndex& Names) {
   return Names.size() >= kMaxIndexNames;
 }
 
-// ---- The identity file
-// -------------------------------------------------------------------------------------
+// ---- The identity file ------------------------------------------------------------------------------------
 
 namespace {
 

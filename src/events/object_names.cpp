@@ -35,8 +35,7 @@ std::uint32_t ZeroTerminatedSize(const void* pName, std::uint32_t nSize, std::ui
   return static_cast<std::uint32_t>(Name.size()) * kUnit;
 }
 
-// ---- One object
-// --------------------------------------------------------------------------------------------
+// ---- One object -------------------------------------------------------------------------------------------
 
 // A name in the form in which it is stored.
 struct StoredName {
@@ -95,8 +94,7 @@ ResultCode FindSingleObject(ObjectDB& Store, std::uint8_t nType, std::uint32_t n
   return nCode == errOK ? errDATA_REPAIRED : nCode;
 }
 
-// ---- Paths
-// -------------------------------------------------------------------------------------------------
+// ---- Paths ------------------------------------------------------------------------------------------------
 
 // The object that this one links to, 0 when there is none or it cannot be read.
 std::uint64_t LinkOf(ObjectDB& Store, std::uint64_t nId) {
@@ -202,8 +200,7 @@ ResultCode FindObjectByName(const ObjectStores& Stores, StoreChoice Choice, cons
   return FindPath(Stores, Store, Query, nFlags, Path, pnId);
 }
 
-// ---- From an object to its name
-// ----------------------------------------------------------------------------
+// ---- From an object to its name ---------------------------------------------------------------------------
 
 namespace {
 

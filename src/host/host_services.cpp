@@ -92,8 +92,7 @@ const HostSystemOperations* HostServices::SystemOperations() {
   return &kOperations;
 }
 
-// ---- Root operations
-// ---------------------------------------------------------------------------------------
+// ---- Root operations --------------------------------------------------------------------------------------
 
 ResultCode HostServices::ResolveImports(HostObject* pRoot, std::uint32_t /*nReserved*/, HostImport* pTable,
                                         std::uint32_t /*nPluginId*/) {
@@ -121,8 +120,7 @@ ResultCode HostServices::BindFunction(HostObject* /*pRoot*/, void** ppSlot, std:
   return errOK;
 }
 
-// ---- System operations
-// -------------------------------------------------------------------------------------
+// ---- System operations ------------------------------------------------------------------------------------
 
 std::uint32_t HostServices::ReadProperty(HostObject* pObject, std::uint32_t nPropertyId) {
   StandaloneHost& Host = *g_pHost;
@@ -214,8 +212,7 @@ std::uint32_t HostServices::ReferenceShared(HostObject* pObject, std::uint32_t /
   return Found == Host.m_Instances.end() ? 0 : ++Found->second;
 }
 
-// ---- Functions bound by number
-// -----------------------------------------------------------------------------
+// ---- Functions bound by number ----------------------------------------------------------------------------
 
 std::uint32_t HostServices::AtomicIncrement(std::uint32_t* pnValue) {
   return std::atomic_ref(*pnValue).fetch_add(1) + 1;

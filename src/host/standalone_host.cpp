@@ -9,8 +9,7 @@
 
 namespace lumbra::host {
 
-// ---- Store
-// -------------------------------------------------------------------------------------------------
+// ---- Store ------------------------------------------------------------------------------------------------
 
 Store::Store(Store&& Other) noexcept : m_pHost(Other.m_pHost), m_pInstance(std::exchange(Other.m_pInstance, nullptr)) {}
 
@@ -45,8 +44,7 @@ ResultCode Store::SetReportFolder(std::u16string_view Folder) {
   return m_pInstance->pLifecycle->PropertyAccess(m_pInstance, propREPORT_FOLDER, &Record);
 }
 
-// ---- IdContainer
-// -------------------------------------------------------------------------------------------
+// ---- IdContainer ------------------------------------------------------------------------------------------
 
 const HostContainerOperations IdContainer::kOperations = {
     .Base = {.Reserved0 = [](HostObject*) -> ResultCode { return errNOT_SUPPORTED; },
@@ -68,8 +66,7 @@ ResultCode IdContainer::Append(HostObject* pContainer, std::uint32_t nList, std:
   }
 }
 
-// ---- StandaloneHost
-// ----------------------------------------------------------------------------------------
+// ---- StandaloneHost ---------------------------------------------------------------------------------------
 
 StandaloneHost::StandaloneHost(ModuleEntry pEntry)
     : m_pEntry(pEntry), m_Root{HostServices::RootOperations(), HostServices::SystemOperations()} {

@@ -35,8 +35,7 @@ std::uint32_t HashTree::GetHashDigit(std::uint64_t nHash, std::uint32_t nLevel) 
   return static_cast<std::uint32_t>(nHash >> nShift) & (EntriesOf(nLevel) - 1);
 }
 
-// ---- Opening
-// -----------------------------------------------------------------------------------------------
+// ---- Opening ----------------------------------------------------------------------------------------------
 
 ResultCode HashTree::Open(StorageFile* pFile, const Options& Use) {
   Close();
@@ -154,8 +153,7 @@ ResultCode HashTree::WriteEmptyTree() {
   return BT_AddNode(0, 0, &nRoot);
 }
 
-// ---- Walks
-// -------------------------------------------------------------------------------------------------
+// ---- Walks ------------------------------------------------------------------------------------------------
 
 ResultCode HashTree::Find(std::uint64_t nHash, std::uint32_t* pnShortId) {
   for (Place At; At.nLevel <= kMaxLevel;) {
@@ -202,8 +200,7 @@ ResultCode HashTree::Detach(const Place& At, std::uint64_t nHash) {
   return BT_SetNodeEntry(At.nParent, At.nGrandparent, nParentLevel, GetHashDigit(nHash, nParentLevel), 0);
 }
 
-// ---- Nodes
-// -------------------------------------------------------------------------------------------------
+// ---- Nodes ------------------------------------------------------------------------------------------------
 
 ResultCode HashTree::BT_GetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nPreviousOffset, std::uint32_t nLevel,
                                      std::uint32_t nEntryNo, tODB_BT_OFFSET* pOffset) {
@@ -309,8 +306,7 @@ ResultCode HashTree::BT_ExtendDB(std::uint32_t nAdded, std::uint64_t* pnOldSize)
   return errOK;
 }
 
-// ---- The head in memory
-// ------------------------------------------------------------------------------------
+// ---- The head in memory -----------------------------------------------------------------------------------
 
 bool HashTree::BT_SeekRead(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead) {
   if (nOffset + nSize > m_nBtHeadSize) return pFileBT->SeekRead(nOffset, pBuffer, nSize, pnRead);

@@ -13,8 +13,7 @@ namespace lumbra {
 ObjectDB::ObjectDB(bool bCheckData)
     : m_nConfigFlags(bCheckData ? kCheckedFeatures : kPlainFeatures), m_bConfigNodeCrcs(bCheckData) {}
 
-// ---- Opening and closing
-// -----------------------------------------------------------------------------------
+// ---- Opening and closing ----------------------------------------------------------------------------------
 
 ResultCode ObjectDB::Open(std::uint32_t nNumber, ObjectFiles& Files, TreeHead Head) {
   const std::lock_guard Hold(m_Lock);
@@ -85,8 +84,7 @@ std::uint64_t ObjectDB::GetSize() {
   return m_Tree.Size() + m_nSizeID + m_nSizeDT;
 }
 
-// ---- Id records
-// --------------------------------------------------------------------------------------------
+// ---- Id records -------------------------------------------------------------------------------------------
 
 ResultCode ObjectDB::GetIdEntry(tObjectId id, tODB_ID_ENTRY* pEntry, TraceMiss Miss) {
   if (pEntry == nullptr) return errPARAMETER_INVALID;
@@ -115,8 +113,7 @@ ResultCode ObjectDB::SetIdEntry(tObjectId id, const tODB_ID_ENTRY* pEntry) {
   return errOK;
 }
 
-// ---- Finding and creating
-// ----------------------------------------------------------------------------------
+// ---- Finding and creating ---------------------------------------------------------------------------------
 
 ResultCode ObjectDB::FindObject(std::uint64_t nHash, tObjectId* pId) {
   if (nHash == 0 || pId == nullptr) return errPARAMETER_INVALID;
@@ -262,8 +259,7 @@ ResultCode ObjectDB::AppendData(const void* pData, std::uint32_t nDataSize, std:
   return errOK;
 }
 
-// ---- Names
-// -------------------------------------------------------------------------------------------------
+// ---- Names ------------------------------------------------------------------------------------------------
 
 ResultCode ObjectDB::GetObjectName(tObjectId nObjectId, void* pBuffer, std::uint32_t nBufferSize,
                                    std::uint32_t* pnNameSize, std::uint64_t* pnParentId, std::uint8_t* pnFlags,

@@ -40,8 +40,7 @@ ResultCode ObjectDB::FastConsistencyCheck() {
   return RepairTree(nRecords);
 }
 
-// ---- The check
-// ---------------------------------------------------------------------------------------------
+// ---- The check --------------------------------------------------------------------------------------------
 
 // nObjectId is the index of the object's record here, one less than its short id.
 ResultCode ObjectDB::CheckNewestObject(std::uint64_t nObjectId, bool* pbHashMissing) {
@@ -128,8 +127,7 @@ ResultCode ObjectDB::CheckData(std::uint64_t nObjectId, const tODB_ID_ENTRY& obj
   return errOK;
 }
 
-// ---- The repair
-// --------------------------------------------------------------------------------------------
+// ---- The repair -------------------------------------------------------------------------------------------
 
 ResultCode ObjectDB::RepairTree(std::uint64_t nRecords) {
   std::uint32_t nAdded = 0;

@@ -18,8 +18,7 @@ constexpr std::uint32_t kCrcSize = sizeof(std::uint32_t);
 
 }  // namespace
 
-// ---- Reading
-// -----------------------------------------------------------------------------------------------
+// ---- Reading ----------------------------------------------------------------------------------------------
 
 ResultCode ObjectDB::GetObjectData(tObjectId nObjectId, void* pBuffer, std::uint32_t nBufferSize,
                                    std::uint32_t* pnDataSize, std::uint32_t nDataType) {
@@ -117,8 +116,7 @@ ResultCode ObjectDB::ReadCheckedBlock(tObjectId nObjectId, const tODB_DATA_ENTRY
   return errOK;
 }
 
-// ---- Writing
-// -----------------------------------------------------------------------------------------------
+// ---- Writing ----------------------------------------------------------------------------------------------
 
 ResultCode ObjectDB::SetObjectData(tObjectId nObjectId, const void* pData, std::uint32_t nSize,
                                    std::uint32_t nDataType) {

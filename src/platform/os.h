@@ -43,8 +43,7 @@ inline constexpr SystemError kIoDevice = 1117;
 inline constexpr SystemError kTimeout = 1460;
 inline constexpr SystemError kCannotResolveName = 1921;
 
-// ---- Files
-// -------------------------------------------------------------------------------------------------
+// ---- Files ------------------------------------------------------------------------------------------------
 
 struct OpenFile;  // the platform's own record of an open file
 using FileHandle = OpenFile*;
@@ -90,8 +89,7 @@ SystemError GetCreationTime(FileHandle Handle, std::uint64_t* pnTime);
 
 SystemError RemoveFile(std::u16string_view Path);
 
-// ---- Folders and searches
-// ----------------------------------------------------------------------------------
+// ---- Folders and searches ---------------------------------------------------------------------------------
 
 // The path made absolute and long, in the platform's form, from which ParentOf takes names away.
 SystemError MakeAbsolute(std::u16string_view Path, std::u16string* pAbsolute);
@@ -131,8 +129,7 @@ SystemError ListPlainFiles(std::u16string_view Folder, std::vector<std::u16strin
 // The size of a file that others may hold open in any way.
 SystemError MeasureFile(std::u16string_view Path, std::uint64_t* pnSize);
 
-// ---- Time and text
-// -----------------------------------------------------------------------------------------
+// ---- Time and text ----------------------------------------------------------------------------------------
 
 // Now, in UTC, as a FILETIME.
 std::uint64_t CurrentTime();
@@ -146,8 +143,7 @@ std::uint32_t Utf8ToWide(const char* pText, std::uint32_t nBytes, char16_t* pBuf
 // every machine and in every locale, for ever.
 std::uint32_t UpperCase(char16_t* pText, std::uint32_t nUnits);
 
-// ---- Threads
-// -----------------------------------------------------------------------------------------------
+// ---- Threads ----------------------------------------------------------------------------------------------
 
 // A recursive mutual exclusion, usable with std::lock_guard.
 class CriticalSection {

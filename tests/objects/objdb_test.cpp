@@ -138,8 +138,7 @@ TEST_F(ObjectDbTest, AnonymousObjectsAreReachedByIdAlone) {
   EXPECT_EQ(1040u, FileSize("bt"));
 }
 
-// ---- Data
-// --------------------------------------------------------------------------------------------------
+// ---- Data -------------------------------------------------------------------------------------------------
 
 TEST_F(ObjectDbTest, RewritesDataInPlaceWhileItFits) {
   ASSERT_CODE(errOK, Open(false));
@@ -227,8 +226,7 @@ TEST_F(ObjectDbTest, ServesEveryFeatureSet) {
   }
 }
 
-// ---- Damage and failures
-// -----------------------------------------------------------------------------------
+// ---- Damage and failures ----------------------------------------------------------------------------------
 
 TEST_F(ObjectDbTest, RefusesDamagedData) {
   ASSERT_CODE(errOK, Open(true));

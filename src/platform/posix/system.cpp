@@ -20,8 +20,7 @@ std::uint64_t CurrentTime() {
                                     Now.tv_nsec / kNanosecondsPerFileTimeUnit);
 }
 
-// ---- Locks
-// -------------------------------------------------------------------------------------------------
+// ---- Locks ------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -81,8 +80,7 @@ void CloseSemaphore(Semaphore* pSemaphore) {
   delete pSemaphore;
 }
 
-// ---- The calling thread
-// ------------------------------------------------------------------------------------
+// ---- The calling thread -----------------------------------------------------------------------------------
 
 // Threads do not borrow identities here.
 SystemError SuspendImpersonation(void** ppToken) {
