@@ -86,90 +86,59 @@ TEST_F(ObjectDbCheckTest, FindsDamageInTheNewestObjects) {
   ASSERT_EQ(Id(1), Create(0x0101, "old"));
   ASSERT_EQ(Id(2), Create(0x0002, "new"));
   ASSERT_EQ(Id(3), Create(0x0003, "newest"));
-  ASSERT_CODE(errOK, SetData(Id(3), 1, {'d', 'a', 't', 'a'}));
-  Close();
-  // Names with CRCs at 4 (old), 11 (new) and 18 (newest); its block at 28, its array at 36.
-  const Bytes Data = ReadFile("dt");
-  const Bytes Ids = ReadFile("id");
-  const auto Check = [&](const char* pFile, Bytes Content, std::size_t nOffset, ResultCode nCode, std::string Line) {
-    WriteFile("dt", Data);
-    WriteFile("id", Ids);
-    if (nOffset < Content.size())
-      Content[nOffset] ^= 1;
-    else
-      Content.pop_back();
-    WriteFile(pFile, Content);
-    ASSERT_CODE(errOK, Open(true));
-    TakeTrace();
-    EXPECT_CODE(nCode, m_pDb->FastConsistencyCheck());
-    const Lines Traced = TakeTrace(400);
-    EXPECT_EQ(Line, Traced.empty() ? "" : Traced.back());
-    Close();
-  };
-  constexpr std::size_t kCutOff = 100000;
-  Check("dt", Data, 5, errOK, "");  // an old object's name: not looked at
+  ASSERT_CODE(errOK, SetData(Id(3), 1, "data"));
   const std::string kName =
       "ValidDataCrc(objectEntry.nObjectHash, buffer.Get(), objectEntry.nNameSize, buffer.Get() + "
       "objectEntry.nNameSize)";
-  Check("dt", Data, 12, errDATA_CORRUPTED, FailedCheck(kName, errDATA_CORRUPTED));
-  Check("dt", Data, 20, errDATA_CORRUPTED, FailedCheck(kName, errDATA_CORRUPTED));
-  Check("dt", Data, 29, errDATA_CORRUPTED,
-        FailedCheck("ValidDataCrc(nObjectId + 1, buffer.Get(), userDataSize, buffer.Get() + userDataSize)",
-                    errDATA_CORRUPTED));
-  Check("dt", Data, 40, errDATA_CORRUPTED,
-        FailedCheck("ValidDataCrc(nObjectId + 1, dataEntries, objectEntry.nDataEntriesCount * sizeof(tODB_DATA_ENTRY), "
-                    "dataEntries + objectEntry.nDataEntriesCount)",
-                    errDATA_CORRUPTED));
-  Check("dt", Data, kCutOff, errDATA_CORRUPTED,
-        FailedCheck("objectEntry.nDataEntriesOffset + dataEntriesBytesCount <= m_nSizeDT", errDATA_CORRUPTED));
-  Check("id", Ids, kCutOff, errDATA_CORRUPTED,
-        FailedCheck("Succeeded(m_IdDB.FastConsistencyCheck())", errDATA_CORRUPTED));
-  Check("id", Ids, 12 + 33 + 3, errDATA_CORRUPTED,
-        FailedCheck("m_IdDB.GetRecord(nObjectId, &objectEntry, sizeof(tODB_ID_ENTRY), &bytesRead)", errDATA_CORRUPTED));
+  constexpr std::size_t kCutOff = 0;
+  // Names with CRCs at 4 (old), 11 (new) and 18 (newest), its block at 28, its array at 36; records of 33 bytes.
+  const std::tuple<const char*, std::size_t, std::string> kDamage[] = {
+      {"dt", 5, ""},  // an old object's name: not looked at
+      {"dt", 12, kName},
+      {"dt", 20, kName},
+      {"dt", 29, "ValidDataCrc(nObjectId + 1, buffer.Get(), userDataSize, buffer.Get() + userDataSize)"},
+      {"dt", 40,
+       "ValidDataCrc(nObjectId + 1, dataEntries, objectEntry.nDataEntriesCount * sizeof(tODB_DATA_ENTRY), "
+       "dataEntries + objectEntry.nDataEntriesCount)"},
+      {"dt", kCutOff, "objectEntry.nDataEntriesOffset + dataEntriesBytesCount <= m_nSizeDT"},
+      {"id", kCutOff, "Succeeded(m_IdDB.FastConsistencyCheck())"},
+      {"id", 12 + 33 + 3, "m_IdDB.GetRecord(nObjectId, &objectEntry, sizeof(tODB_ID_ENTRY), &bytesRead)"}};
+  for (const auto& [pFile, nOffset, Check] : kDamage) {
+    const Bytes kGood = ReadFile(pFile);
+    ASSERT_CODE(errOK, Reopen(pFile, [n = nOffset](Bytes& Content) {
+                  if (n == kCutOff) return Content.pop_back();
+                  Content[n] ^= 1;
+                }));
+    EXPECT_CODE(Check.empty() ? errOK : errDATA_CORRUPTED, m_pDb->FastConsistencyCheck()) << Check;
+    const Lines Traced = TakeTrace(400);
+    EXPECT_EQ(Check.empty() ? "" : FailedCheck(Check, errDATA_CORRUPTED), Traced.empty() ? "" : Traced.back());
+    Close();
+    WriteFile(pFile, kGood);
+  }
 }
 
 TEST_F(ObjectDbCheckTest, FindsTwoRecordsWithOneHash) {
   ASSERT_CODE(errOK, Open(true));
   ASSERT_EQ(Id(1), Create(0x0101, "one"));
   ASSERT_EQ(Id(2), Create(0x0101, "one", true));
-  Close();
-  std::uint32_t nOld = 1;
-  Bytes Slot(4);
-  std::memcpy(Slot.data(), &nOld, 4);
   // The root slot of both leads to the older one again; the CRC of the root is made to fit.
-  Bytes Tree = ReadFile("bt");
-  std::memcpy(Tree.data() + 16 + 4, Slot.data(), 4);
-  const std::uint32_t nCrc = Crc32(0, Tree.data() + 16, 1024);
-  std::memcpy(Tree.data() + 1040, &nCrc, 4);
-  WriteFile("bt", Tree);
-  ASSERT_CODE(errOK, Open(true));
-  TakeTrace();
+  ASSERT_CODE(errOK, Reopen("bt", [](Bytes& Content) {
+                Content[16 + 4] = 1;
+                const std::uint32_t nCrc = Crc32(0, Content.data() + 16, 1024);
+                std::memcpy(Content.data() + 1040, &nCrc, 4);
+              }));
   EXPECT_CODE(errDATA_CORRUPTED, m_pDb->FastConsistencyCheck());
   EXPECT_EQ((Lines{FailedCheck("MAKE_SHORT_OBJECT_ID(idFromBt) == nObjectId + 1", errDATA_CORRUPTED)}), TakeTrace(400));
-}
-
-// Objects without a name have no name block that could be damaged.
-TEST_F(ObjectDbCheckTest, AcceptsAnonymousObjects) {
-  ASSERT_CODE(errOK, Open(true));
-  ASSERT_EQ(Id(1), Create(0x0101, "one"));
-  tObjectId id = 0;
-  ASSERT_CODE(errOK, m_pDb->FindOrCreateObject(0, 0, 0, 0, nullptr, 0, false, &id, nullptr));
-  EXPECT_CODE(errOK, m_pDb->FastConsistencyCheck());
 }
 
 // Feature sets with fewer CRCs are checked as far as they have them.
 TEST_F(ObjectDbCheckTest, ChecksWhatAFeatureSetHas) {
   for (const char* const pMagic : {"4f444251", "4f444252"}) {
-    Close();
-    for (const char* const pName : {"bt", "id"}) std::filesystem::remove(Folder() / pName);
-    WriteFile("dt", FromHex(pMagic));
-    ASSERT_CODE(errOK, Open(true));
+    ASSERT_CODE(errOK, Fresh(true, pMagic));
     ASSERT_EQ(Id(1), Create(0x0101, "one"));
-    ASSERT_CODE(errOK, SetData(Id(1), 1, {'d', 'a', 't', 'a'}));
+    ASSERT_CODE(errOK, SetData(Id(1), 1, "data"));
     EXPECT_CODE(errOK, m_pDb->FastConsistencyCheck());
-    Close();
-    Patch("dt", 8, {'?'});  // the block, after the magic and the name without a CRC
-    ASSERT_CODE(errOK, Open(true));
+    ASSERT_CODE(errOK, Reopen("dt", [](Bytes& Content) { Content[8] = '?'; }));  // the block, after an unchecked name
     EXPECT_CODE(errDATA_CORRUPTED, m_pDb->FastConsistencyCheck());
   }
 }

@@ -24,6 +24,26 @@ class ObjectDbTest : public World {
   }
   void Close() { m_pDb.reset(); }
 
+  // A store of its own, with nothing in it.
+  ResultCode Fresh(bool bCheckData, const char* pMagic = "") {
+    Close();
+    for (const char* const pName : {"bt", "id"}) std::filesystem::remove(Folder() / pName);
+    WriteFile("dt", FromHex(pMagic));
+    return Open(bCheckData);
+  }
+
+  // The same store again, with changes made to the bytes of a file meanwhile.
+  template <class Change>
+  ResultCode Reopen(const char* pFile, Change Do) {
+    Close();
+    Bytes Content = ReadFile(pFile);
+    Do(Content);
+    WriteFile(pFile, Content);
+    const ResultCode nCode = Open(true);
+    TakeTrace();
+    return nCode;
+  }
+
   static tObjectId Id(std::uint32_t nShortId) { return MakeObjectId(kNumber, nShortId); }
 
   // The object of a hash, created with a name where it is not there; 0 on failure.
@@ -49,7 +69,7 @@ class ObjectDbTest : public World {
     return Succeeded(nCode) ? std::string(Buffer, nSize) : Name(nCode);
   }
 
-  ResultCode SetData(tObjectId id, std::uint32_t nKey, const Bytes& Data) {
+  ResultCode SetData(tObjectId id, std::uint32_t nKey, std::string_view Data) {
     return m_pDb->SetObjectData(id, Data.empty() ? nullptr : Data.data(), static_cast<std::uint32_t>(Data.size()),
                                 nKey);
   }
