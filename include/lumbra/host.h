@@ -65,7 +65,8 @@ struct HostSystemOperations {
 static_assert(offsetof(HostSystemOperations, ReadProperty) == 1 * sizeof(void*));
 static_assert(offsetof(HostSystemOperations, ReferenceShared) == 16 * sizeof(void*));
 
-// Bytes at the head of the tables of those objects that can be asked for their kind.
+// The head of the table of every object that the host hands to an operation (containers, targets and sources of data):
+// they can be asked for their kind.
 struct HostObjectOperations {
   HostSystemOperations::Reserved Reserved0;
 
@@ -97,13 +98,17 @@ struct HostStringOperations {
   ResultCode (*GetText)(HostObject* pString, void* pBuffer, std::uint32_t nSize, std::uint32_t nCodePage);
 };
 
-// The type that GetEvents asks its container for (HostObjectOperations::IsOfType).
+// The type of the containers that GetEvents and GetObjectDataInto fill (HostObjectOperations::IsOfType).
 inline constexpr std::uint32_t kHostContainerType = 0xBF8E0400;
 
-// A container of lists of u64 values. GetEvents appends to list 0.
+// A container of two lists of u64 values: ids of parents, and hashes. GetEvents appends to the first alone.
+inline constexpr std::uint32_t kParentList = 0;
+inline constexpr std::uint32_t kHashList = 1;
+
 struct HostContainerOperations {
   HostObjectOperations Base;
   ResultCode (*Append)(HostObject* pContainer, std::uint32_t nList, std::uint64_t nValue);
+  ResultCode (*Clear)(HostObject* pContainer, std::uint32_t nList);
 };
 
 // A string that lives inside the store while its text belongs to the host: only the host's string functions
@@ -137,6 +142,15 @@ struct HostRootOperations {
   // Stores the address of one host function in *ppSlot. nOption is 0, or 2 for the trace function.
   ResultCode (*BindFunction)(HostObject* pRoot, void** ppSlot, std::uint32_t nExporter, std::uint32_t nFunctionId,
                              std::uint32_t nOption);
+
+  // Saves an object's state as bytes, from which LoadFromBytes makes it again. *pnNeeded receives their number; a
+  // buffer of fewer than that many answers errBUFFER_TOO_SMALL. The third argument is -1, the last one 3.
+  ResultCode (*SaveToBytes)(HostObject* pRoot, HostObject* pSource, std::int32_t nReserved, void* pBuffer,
+                            std::uint32_t nBufferSize, std::uint32_t* pnNeeded, std::uint32_t nOptions);
+
+  // Gives an object the state that the bytes hold. The last argument is 0.
+  ResultCode (*LoadFromBytes)(HostObject* pRoot, HostObject* pTarget, const void* pData, std::uint32_t nSize,
+                              std::uint32_t nReserved);
 };
 
 // The host functions that the store binds, by exporter and id.
@@ -168,8 +182,8 @@ using HostStringCompare = ResultCode (*)(const HostString* pString, const void* 
 // notable condition, 500 routine outcome, 600 per-call detail. The format is printf's with these conversions,
 // each taking width, precision and flags as usual:
 //   %d %u %X %lu     a 32-bit number          %I64d %I64u %I64X   a 64-bit number
-//   %s               8-bit text               %S %ws              UTF-16 text; a negative precision means
-//   none %p               a pointer                %terr               a ResultCode
+//   %s               8-bit text               %S %ws              UTF-16 text; a negative precision means none
+//   %p               a pointer                %terr               a ResultCode
 inline constexpr std::uint32_t kExporterTrace = 1;
 inline constexpr std::uint32_t kFunctionTrace = 0x5EC5256C;
 inline constexpr std::uint32_t kTraceBindOption = 2;

@@ -156,11 +156,24 @@ struct LumbraOperations {
   ResultCode (*GetObjectName)(HostObject* pSelf, std::uint64_t nObjectId, char16_t* pBuffer, std::uint32_t nBufferSize,
                               std::uint32_t* pnNameSize, std::uint32_t nFlagsOverride, std::uint32_t* pnType);
 
+  // Reads the data block that an object has under a tag. *pnDataSize (may be null when there is a buffer) receives the
+  // block's size in bytes. With nBufferSize 0 only the size is told; a buffer that is too small answers
+  // errBUFFER_TOO_SMALL and stays as it is. errNOT_FOUND when the object has nothing under the tag.
   ResultCode (*GetObjectData)(HostObject* pSelf, std::uint64_t nObjectId, void* pBuffer, std::uint32_t nBufferSize,
                               std::uint32_t* pnDataSize, std::uint32_t nTag);
+
+  // Stores a data block under a tag, in place of the one that is there. A block of no bytes has a null pData. An object
+  // has blocks under at most 255 tags: errOUT_OF_SPACE for one more.
   ResultCode (*SetObjectData)(HostObject* pSelf, std::uint64_t nObjectId, const void* pData, std::uint32_t nSize,
                               std::uint32_t nTag);
+
+  // Loads a host object from the data block under a tag (HostRootOperations::LoadFromBytes). A container
+  // (kHostContainerType) receives something else, for each object from the one given up to its root: the id of its
+  // parent in kParentList, if it has one, and its hash in kHashList. An object of type typeFile empties both lists
+  // instead.
   ResultCode (*GetObjectDataInto)(HostObject* pSelf, std::uint64_t nObjectId, HostObject* pTarget, std::uint32_t nTag);
+
+  // Stores what a host object saves of itself (HostRootOperations::SaveToBytes) as the data block under a tag.
   ResultCode (*SetObjectDataFrom)(HostObject* pSelf, std::uint64_t nObjectId, HostObject* pSource, std::uint32_t nTag);
 
   // Events and bytes held, and the creation time of the oldest segment (a FILETIME, 0 when there is none).
@@ -190,9 +203,18 @@ struct LumbraOperations {
   ResultCode (*InitDBByName)(HostObject* pSelf, const char16_t* pName, std::uint32_t nEventSize,
                              std::uint32_t* pnDatabase);
 
+  // Enumeration of objects is not offered: errNOT_IMPLEMENTED for an open database.
   ResultCode (*EnumFirstObject)(HostObject* pSelf, std::uint32_t nDatabase, std::uint64_t* pnObjectId);
   ResultCode (*EnumNextObject)(HostObject* pSelf, std::uint64_t nObjectId, std::uint64_t* pnNextId);
+
+  // Removes every data block of an object. Their bytes stay in the file until it is compacted.
   ResultCode (*RemoveAllObjectData)(HostObject* pSelf, std::uint64_t nObjectId);
+
+  // Writes the shared object database without its holes into "g_objidcompacted.dat" and "g_objdtcompacted.dat" beside
+  // it. nDatabase must be 0. The live files stay in use and are not touched; every object keeps its id, so that the
+  // pair may replace them, with the same tree file, while no process has the store open. Objects whose names are
+  // damaged lose name and data, those with damaged data entries or unreadable blocks their data; each is traced at
+  // level 350. All other operations on shared objects wait until it is done.
   ResultCode (*Compact)(HostObject* pSelf, std::uint32_t nDatabase);
 };
 static_assert(sizeof(LumbraOperations) == 19 * sizeof(void*));

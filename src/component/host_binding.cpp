@@ -157,7 +157,15 @@ void ReferenceShared(HostObject* pInstance) {
   SystemOf(pInstance).ReferenceShared(pInstance, 0, 0);
 }
 
-// ---- Containers -------------------------------------------------------------------------------------------
+// ---- Containers, and objects that are saved and loaded ----------------------------------------------------
+
+namespace {
+
+const HostContainerOperations& ContainerOperationsOf(HostObject* pContainer) {
+  return *static_cast<const HostContainerOperations*>(pContainer->pOperations);
+}
+
+}  // namespace
 
 bool IsContainer(HostObject* pObject) {
   if (pObject == nullptr) return false;
@@ -165,7 +173,26 @@ bool IsContainer(HostObject* pObject) {
 }
 
 ResultCode AppendToContainer(HostObject* pContainer, std::uint32_t nList, std::uint64_t nValue) {
-  return static_cast<const HostContainerOperations*>(pContainer->pOperations)->Append(pContainer, nList, nValue);
+  return ContainerOperationsOf(pContainer).Append(pContainer, nList, nValue);
+}
+
+ResultCode ClearContainer(HostObject* pContainer) {
+  const ResultCode nCode = ContainerOperationsOf(pContainer).Clear(pContainer, kParentList);
+  return Failed(nCode) ? nCode : ContainerOperationsOf(pContainer).Clear(pContainer, kHashList);
+}
+
+ResultCode SaveToBytes(HostObject* pSource, void* pBuffer, std::uint32_t nBufferSize, std::uint32_t* pnNeeded) {
+  constexpr std::int32_t kReserved = -1;
+  constexpr std::uint32_t kOptions = 3;
+  HostObject* const pRoot = Root();
+  if (pRoot == nullptr) return errNO_HOST_OBJECT;
+  return RootOperationsOf(pRoot).SaveToBytes(pRoot, pSource, kReserved, pBuffer, nBufferSize, pnNeeded, kOptions);
+}
+
+ResultCode LoadFromBytes(HostObject* pTarget, const void* pData, std::uint32_t nSize) {
+  HostObject* const pRoot = Root();
+  if (pRoot == nullptr) return errNO_HOST_OBJECT;
+  return RootOperationsOf(pRoot).LoadFromBytes(pRoot, pTarget, pData, nSize, 0);
 }
 
 // ---- Text -------------------------------------------------------------------------------------------------

@@ -43,10 +43,15 @@ ResultCode RegisterFlushHandler(HostObject* pInstance);
 ResultCode UnregisterFlushHandler(HostObject* pInstance);
 void ReferenceShared(HostObject* pInstance);
 
-// ---- Containers -------------------------------------------------------------------------------------------
+// ---- Containers, and objects that are saved and loaded ----------------------------------------------------
 
 bool IsContainer(HostObject* pObject);  // false for null
 ResultCode AppendToContainer(HostObject* pContainer, std::uint32_t nList, std::uint64_t nValue);
+ResultCode ClearContainer(HostObject* pContainer);  // both lists
+
+// As HostRootOperations has them; errNO_HOST_OBJECT without a root.
+ResultCode SaveToBytes(HostObject* pSource, void* pBuffer, std::uint32_t nBufferSize, std::uint32_t* pnNeeded);
+ResultCode LoadFromBytes(HostObject* pTarget, const void* pData, std::uint32_t nSize);
 
 // ---- Text -------------------------------------------------------------------------------------------------
 

@@ -62,7 +62,7 @@ class Lumbra : public HostedInstance {
                        std::uint32_t nCount, std::uint32_t* pnRead, HostObject* pParents);
   ResultCode UpdateEvent(std::uint64_t nEventId, const void* pData, std::uint32_t nSize);
 
-  // ---- Objects (objects.cpp) ----
+  // ---- Objects (objects.cpp) and their data (object_data.cpp) ----
 
   ResultCode FindObjectSimple(std::uint32_t nDatabase, std::uint32_t nType, const char16_t* pName,
                               std::int32_t nNameSize, std::uint32_t nCreate, std::uint32_t nFlagsOverride,
@@ -72,6 +72,15 @@ class Lumbra : public HostedInstance {
                         std::uint64_t* pnObjectId);
   ResultCode GetObjectName(std::uint64_t nObjectId, char16_t* pBuffer, std::uint32_t nBufferSize,
                            std::uint32_t* pnNameSize, std::uint32_t nFlagsOverride, std::uint32_t* pnType);
+  ResultCode GetObjectData(std::uint64_t nObjectId, void* pBuffer, std::uint32_t nBufferSize, std::uint32_t* pnDataSize,
+                           std::uint32_t nTag);
+  ResultCode SetObjectData(std::uint64_t nObjectId, const void* pData, std::uint32_t nSize, std::uint32_t nTag);
+  ResultCode GetObjectDataInto(std::uint64_t nObjectId, HostObject* pTarget, std::uint32_t nTag);
+  ResultCode SetObjectDataFrom(std::uint64_t nObjectId, HostObject* pSource, std::uint32_t nTag);
+  ResultCode RemoveAllObjectData(std::uint64_t nObjectId);
+  ResultCode EnumFirstObject(std::uint32_t nDatabase, std::uint64_t* pnObjectId);
+  ResultCode EnumNextObject(std::uint64_t nObjectId, std::uint64_t* pnNextId);
+  ResultCode Compact(std::uint32_t nDatabase);
 
   // ---- The tables that the host calls (tables.cpp) ----
 
@@ -157,8 +166,9 @@ class Lumbra : public HostedInstance {
   std::uint64_t ParentOf(std::uint64_t nObjectId);
   void MarkCorruptedOn(ResultCode nCode);
 
-  // objects.cpp
+  // objects.cpp, object_data.cpp
   std::uint64_t WithoutAlias(std::uint64_t nObjectId) const;
+  static ResultCode ListAncestors(SegmentManager& Manager, std::uint64_t nObjectId, HostObject* pContainer);
 
   // In the order in which they are destroyed, last to first.
   Owner m_Owner{&Handle};

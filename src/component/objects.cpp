@@ -1,5 +1,9 @@
-// The component: finding, creating and naming objects.
+// The component: finding, creating, naming and enumerating objects, and compacting the shared ones.
+#include <memory>
+#include <mutex>
+
 #include "component/lumbra.h"
+#include "component/shared_objects.h"
 #include "platform/io_priority.h"
 #include "platform/trace.h"
 
@@ -81,6 +85,56 @@ ResultCode Lumbra::GetObjectName(std::uint64_t nObjectId, char16_t* pBuffer, std
   }
   if (pnType != nullptr) *pnType = nType;
   return nCode;
+}
+
+// ---- Enumeration ------------------------------------------------------------------------------------------
+
+ResultCode Lumbra::EnumFirstObject(std::uint32_t nDatabase, std::uint64_t* pnObjectId) {
+  if (pnObjectId == nullptr) return errPARAMETER_INVALID;
+  const SharedHold Hold(m_Lock);
+  const Database Found = FindDatabase(nDatabase);
+  if (!Found.IsOpen()) return errPARAMETER_INVALID;
+  const ResultCode nCode = Found.Manager().EnumFirstObject();
+  if (Succeeded(nCode)) *pnObjectId = WithDatabase(*pnObjectId, nDatabase);
+  return nCode;
+}
+
+ResultCode Lumbra::EnumNextObject(std::uint64_t nObjectId, std::uint64_t* pnNextId) {
+  nObjectId = WithoutAlias(nObjectId);
+  const SharedHold Hold(m_Lock);
+  const std::uint32_t nDatabase = DatabaseOfId(nObjectId);
+  const Database Found = FindDatabase(nDatabase);
+  if (!Found.IsOpen()) return errPARAMETER_INVALID;
+  const ResultCode nCode = Found.Manager().EnumNextObject(SegmentOfId(nObjectId));
+  if (Succeeded(nCode) && pnNextId != nullptr) *pnNextId = WithDatabase(*pnNextId, nDatabase);
+  return nCode;
+}
+
+// ---- Compaction -------------------------------------------------------------------------------------------
+
+// Beside the live store, which goes on with its own files: nothing is renamed, so a pass that ends early costs nothing.
+ResultCode Lumbra::Compact(std::uint32_t nDatabase) {
+  if (nDatabase != kSystemDatabase) return errPARAMETER_INVALID;
+  const SharedHold Hold(m_Lock);
+  if (m_nWritesSuspended != 0) return errREAD_ONLY;
+  const std::lock_guard MainHold(m_MainLock);
+  if (!m_bUsesSharedObjects) return errSTORE_NOT_INITIALIZED;
+  std::unique_ptr<StorageFile> pNewIds;
+  std::unique_ptr<StorageFile> pNewData;
+  StorageEnvironment& Environment = *SharedObjects::Environment();
+  const bool bReady = Succeeded(Environment.OpenFile(u"g_objidcompacted.dat", 0, true, true, &pNewIds)) &&
+                      Succeeded(Environment.OpenFile(u"g_objdtcompacted.dat", 0, true, true, &pNewData)) &&
+                      pNewIds->SetSize(0) && pNewData->SetSize(0);
+  if (!bReady) return errWRITE_FAILED;
+
+  Trace(&Handle, traceNotable, "lmb\tAbout to begin compacting global database");
+  const ResultCode nCode = SharedObjects::Store()->Compact(pNewIds, *pNewData);
+  if (Failed(nCode)) {
+    Trace(&Handle, traceFailure, "lmb\tCompact finished with error %terr", nCode);
+    return nCode;
+  }
+  Trace(&Handle, traceNotable, "lmb\tCompact finished successfully (without renaming)");
+  return errOK;
 }
 
 }  // namespace lumbra

@@ -6,7 +6,6 @@
 #include "component/host_binding.h"
 #include "platform/os.h"
 #include "platform/result.h"
-#include "platform/storage_environment.h"
 
 namespace lumbra {
 namespace {
@@ -77,6 +76,12 @@ ObjectDB* SharedObjects::Store() {
   SharedStore& Now = Shared();
   const std::lock_guard Hold(Now.Lock);
   return Now.pStore.get();
+}
+
+StorageEnvironment* SharedObjects::Environment() {
+  SharedStore& Now = Shared();
+  const std::lock_guard Hold(Now.Lock);
+  return Now.pEnvironment.get();
 }
 
 }  // namespace lumbra

@@ -6,6 +6,7 @@
 
 #include "lumbra/result_code.h"
 #include "objects/objdb.h"
+#include "platform/storage_environment.h"
 
 namespace lumbra {
 
@@ -18,6 +19,7 @@ class SharedObjects {
 
   // Null without users.
   static ObjectDB* Store();
+  static StorageEnvironment* Environment();  // of the store's folder
 };
 
 }  // namespace lumbra

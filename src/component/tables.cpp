@@ -36,12 +36,6 @@ struct Lifecycle<pMember> {
   }
 };
 
-// An operation that is not offered yet.
-template <class... Arguments>
-ResultCode NotImplemented(HostObject*, Arguments...) noexcept {
-  return errNOT_IMPLEMENTED;
-}
-
 ResultCode NothingToDo(LumbraInstance*) noexcept {
   return errOK;
 }
@@ -54,20 +48,20 @@ const LumbraOperations Lumbra::kOperations = {
     .UpdateEvent = Operation<&Lumbra::UpdateEvent>::Call,
     .FindObjectSimple = Operation<&Lumbra::FindObjectSimple>::Call,
     .GetObjectName = Operation<&Lumbra::GetObjectName>::Call,
-    .GetObjectData = NotImplemented,
-    .SetObjectData = NotImplemented,
-    .GetObjectDataInto = NotImplemented,
-    .SetObjectDataFrom = NotImplemented,
+    .GetObjectData = Operation<&Lumbra::GetObjectData>::Call,
+    .SetObjectData = Operation<&Lumbra::SetObjectData>::Call,
+    .GetObjectDataInto = Operation<&Lumbra::GetObjectDataInto>::Call,
+    .SetObjectDataFrom = Operation<&Lumbra::SetObjectDataFrom>::Call,
     .GetDBInfo = Operation<&Lumbra::GetDBInfo>::Call,
     .SetDBParams = Operation<&Lumbra::SetDBParams>::Call,
     .InitDB = Operation<&Lumbra::InitDB>::Call,
     .ClearDB = Operation<&Lumbra::ClearDB>::Call,
     .FindObject = Operation<&Lumbra::FindObject>::Call,
     .InitDBByName = Operation<&Lumbra::InitDBByName>::Call,
-    .EnumFirstObject = NotImplemented,
-    .EnumNextObject = NotImplemented,
-    .RemoveAllObjectData = NotImplemented,
-    .Compact = NotImplemented,
+    .EnumFirstObject = Operation<&Lumbra::EnumFirstObject>::Call,
+    .EnumNextObject = Operation<&Lumbra::EnumNextObject>::Call,
+    .RemoveAllObjectData = Operation<&Lumbra::RemoveAllObjectData>::Call,
+    .Compact = Operation<&Lumbra::Compact>::Call,
 };
 
 const LumbraLifecycle Lumbra::kLifecycle = {

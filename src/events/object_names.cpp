@@ -16,10 +16,6 @@ namespace {
 
 constexpr std::uint32_t kUnit = sizeof(char16_t);
 
-// The most objects that one name is made of: a path of the longest size, 32,767 units, has no more
-// components. A chain that is longer, or runs in a circle, is damage.
-constexpr std::uint32_t kMaxChain = 16384;
-
 // Room without an allocation for the components of most paths.
 using ComponentBuffer = ScratchBuffer<512>;
 

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <new>
 
+#include "host/host_objects.h"
 #include "host/standalone_host.h"
 #include "host/string_object.h"
 #include "host/text.h"
@@ -47,6 +48,13 @@ void* FindExport(std::uint32_t nExporter, std::uint32_t nFunctionId) {
   return nullptr;
 }
 
+// Null for an object that cannot be saved and loaded.
+const SavableOperations* SavableOperationsOf(HostObject* pObject) {
+  const auto* const pBase = static_cast<const HostObjectOperations*>(pObject->pOperations);
+  if (pBase->IsOfType(pObject, kSavableType) == 0) return nullptr;
+  return static_cast<const SavableOperations*>(pObject->pOperations);
+}
+
 // Replaces every occurrence; true when there was one.
 bool ReplaceAll(std::u16string* pText, std::u16string_view What, std::u16string_view By) {
   bool bReplaced = false;
@@ -70,7 +78,8 @@ void HostServices::Leave(StandaloneHost* pHost) {
 }
 
 const HostRootOperations* HostServices::RootOperations() {
-  static constexpr HostRootOperations kOperations = {ResolveImports, RegisterInterface, BindFunction};
+  static constexpr HostRootOperations kOperations = {ResolveImports, RegisterInterface, BindFunction, SaveToBytes,
+                                                     LoadFromBytes};
   return &kOperations;
 }
 
@@ -118,6 +127,20 @@ ResultCode HostServices::BindFunction(HostObject* /*pRoot*/, void** ppSlot, std:
   if (pFunction == nullptr) return errNOT_FOUND;
   *ppSlot = pFunction;
   return errOK;
+}
+
+ResultCode HostServices::SaveToBytes(HostObject* /*pRoot*/, HostObject* pSource, std::int32_t /*nReserved*/,
+                                     void* pBuffer, std::uint32_t nBufferSize, std::uint32_t* pnNeeded,
+                                     std::uint32_t /*nOptions*/) {
+  const SavableOperations* const pOperations = SavableOperationsOf(pSource);
+  return pOperations == nullptr ? errINTERFACE_NOT_SUPPORTED
+                                : pOperations->Save(pSource, pBuffer, nBufferSize, pnNeeded);
+}
+
+ResultCode HostServices::LoadFromBytes(HostObject* /*pRoot*/, HostObject* pTarget, const void* pData,
+                                       std::uint32_t nSize, std::uint32_t /*nReserved*/) {
+  const SavableOperations* const pOperations = SavableOperationsOf(pTarget);
+  return pOperations == nullptr ? errINTERFACE_NOT_SUPPORTED : pOperations->Load(pTarget, pData, nSize);
 }
 
 // ---- System operations ------------------------------------------------------------------------------------

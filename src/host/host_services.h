@@ -22,6 +22,10 @@ struct HostServices {
                                       std::uint32_t nReserved1, std::uint32_t nReserved2, HostFactory pFactory);
   static ResultCode BindFunction(HostObject* pRoot, void** ppSlot, std::uint32_t nExporter, std::uint32_t nFunctionId,
                                  std::uint32_t nOption);
+  static ResultCode SaveToBytes(HostObject* pRoot, HostObject* pSource, std::int32_t nReserved, void* pBuffer,
+                                std::uint32_t nBufferSize, std::uint32_t* pnNeeded, std::uint32_t nOptions);
+  static ResultCode LoadFromBytes(HostObject* pRoot, HostObject* pTarget, const void* pData, std::uint32_t nSize,
+                                  std::uint32_t nReserved);
 
   // System operations.
   static std::uint32_t ReadProperty(HostObject* pObject, std::uint32_t nPropertyId);

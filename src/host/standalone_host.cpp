@@ -44,28 +44,6 @@ ResultCode Store::SetReportFolder(std::u16string_view Folder) {
   return m_pInstance->pLifecycle->PropertyAccess(m_pInstance, propREPORT_FOLDER, &Record);
 }
 
-// ---- IdContainer ------------------------------------------------------------------------------------------
-
-const HostContainerOperations IdContainer::kOperations = {
-    .Base = {.Reserved0 = [](HostObject*) -> ResultCode { return errNOT_SUPPORTED; },
-             .IsOfType = [](HostObject*, std::uint32_t nTypeId) -> std::uint32_t {
-               return nTypeId == kHostContainerType ? 1 : 0;
-             }},
-    .Append = &IdContainer::Append,
-};
-
-IdContainer::IdContainer() : m_Handle{&kOperations, HostServices::SystemOperations()} {}
-
-ResultCode IdContainer::Append(HostObject* pContainer, std::uint32_t nList, std::uint64_t nValue) {
-  if (nList != 0) return errINDEX_INVALID;
-  try {
-    reinterpret_cast<IdContainer*>(pContainer)->m_List.push_back(nValue);
-    return errOK;
-  } catch (const std::bad_alloc&) {
-    return errOUT_OF_MEMORY;
-  }
-}
-
 // ---- StandaloneHost ---------------------------------------------------------------------------------------
 
 StandaloneHost::StandaloneHost(ModuleEntry pEntry)

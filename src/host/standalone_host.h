@@ -17,6 +17,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "host/host_objects.h"
 #include "lumbra/lumbra.h"
 
 namespace lumbra::host {
@@ -58,25 +59,6 @@ class Store {
 
   StandaloneHost* m_pHost = nullptr;
   LumbraInstance* m_pInstance = nullptr;
-};
-
-// A container that an operation fills with lists of ids.
-class IdContainer {
- public:
-  IdContainer();
-  IdContainer(const IdContainer&) = delete;
-  IdContainer& operator=(const IdContainer&) = delete;
-
-  HostObject* Handle() { return &m_Handle; }
-  const std::vector<std::uint64_t>& List() const { return m_List; }
-  void Clear() { m_List.clear(); }
-
- private:
-  static ResultCode Append(HostObject* pContainer, std::uint32_t nList, std::uint64_t nValue);
-  static const HostContainerOperations kOperations;
-
-  HostObject m_Handle;  // first, so that the handle leads to its container
-  std::vector<std::uint64_t> m_List;
 };
 
 class StandaloneHost {

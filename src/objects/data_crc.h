@@ -9,6 +9,9 @@
 
 namespace lumbra {
 
+// Bytes of a stored CRC.
+inline constexpr std::uint32_t kCrcSize = sizeof(std::uint32_t);
+
 class DataCrc {
  public:
   DataCrc() = default;

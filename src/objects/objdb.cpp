@@ -49,10 +49,7 @@ ResultCode ObjectDB::OpenDataFile(StorageFile& File) {
       return errOK;
     }
   }
-  const FeatureMagic* const pConfigured =
-      std::find_if(std::begin(kFeatureMagics), std::end(kFeatureMagics),
-                   [this](const FeatureMagic& Known) { return Known.nFeatures == m_nConfigFlags; });
-  const FILE_MAGIC& newFileMagic = pConfigured->Magic;
+  const FILE_MAGIC& newFileMagic = MagicOf(m_nConfigFlags);
   StorageFile* const pFileData = &File;
   std::uint32_t bytesWritten = 0;
   ODB_CHECK(pFileData->SeekWrite(0, newFileMagic, sizeof(FILE_MAGIC), &bytesWritten), errWRITE_FAILED);
@@ -240,18 +237,17 @@ ResultCode ObjectDB::AppendName(const NewObject& Object, std::uint32_t* pnOffset
   if (!Has(featureNameCrc)) return AppendData(Object.pName, Object.nNameSize, pnOffset);
   const std::uint32_t nCrc = m_Crc.Of(Object.nHash, Object.pName, Object.nNameSize);
   NameBuffer Block;
-  if (!Block.Resize(Object.nNameSize + static_cast<std::uint32_t>(sizeof(nCrc)))) return errOUT_OF_MEMORY;
+  if (!Block.Resize(Object.nNameSize + kCrcSize)) return errOUT_OF_MEMORY;
   std::memcpy(Block.Get(), Object.pName, Object.nNameSize);
   std::memcpy(Block.Get() + Object.nNameSize, &nCrc, sizeof(nCrc));
   return AppendData(Block.Get(), Block.size(), pnOffset);
 }
 
 ResultCode ObjectDB::AppendData(const void* pData, std::uint32_t nDataSize, std::uint32_t* pnOffset) {
-  constexpr std::uint64_t kMaxFileSize = std::uint64_t{1} << 32;
   std::uint64_t nOffset = 0;
   std::uint32_t bytesWritten = 0;
   ODB_CHECK(m_pFileData->GetSize(&nOffset), errWRITE_FAILED);
-  if (nOffset + nDataSize > kMaxFileSize) return errOUT_OF_SPACE;  // the records have 32 bits for an offset
+  if (nOffset + nDataSize > kMaxDataFileSize) return errOUT_OF_SPACE;
   ODB_CHECK(m_pFileData->SeekWrite(nOffset, pData, nDataSize, &bytesWritten), errWRITE_FAILED);
   if (ChecksByteCounts()) ODB_CHECK(nDataSize == bytesWritten, errWRITE_FAILED);
   m_nSizeDT += nDataSize;
@@ -292,7 +288,7 @@ ResultCode ObjectDB::GetObjectName(tObjectId nObjectId, void* pBuffer, std::uint
 // Reads the whole name and its CRC, and delivers the first nSize bytes, also those of a name that fails the
 // CRC.
 ResultCode ObjectDB::ReadCheckedName(const tODB_ID_ENTRY& object_entry, void* pBuffer, std::uint32_t nSize) {
-  const std::uint32_t bytesToRead = object_entry.nNameSize + static_cast<std::uint32_t>(sizeof(std::uint32_t));
+  const std::uint32_t bytesToRead = object_entry.nNameSize + kCrcSize;
   NameBuffer buffer;
   if (!buffer.Resize(bytesToRead)) return errOUT_OF_MEMORY;
   std::uint32_t bytesRead = 0;

@@ -89,7 +89,14 @@ class ObjectDB {
   // failed check. Newest objects that the tree does not know are put back into it.
   ResultCode FastConsistencyCheck();
 
+  // Writes the store's records and the blocks that they reach into two empty files, without the holes. Every object
+  // keeps its id, so the tree fits the new files as it is. Takes the id file over and closes it at the end, unless it
+  // answers errOPEN_FAILED; the data file stays the caller's. The store itself is only read, under its lock.
+  ResultCode Compact(std::unique_ptr<StorageFile>& pNewIds, StorageFile& NewData);
+
  private:
+  class Compaction;
+
   using NameBuffer = ScratchBuffer<64>;
   using BlockBuffer = ScratchBuffer<64>;
 

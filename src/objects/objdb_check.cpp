@@ -18,8 +18,6 @@ constexpr std::uint64_t kCheckedObjects = 2;
 // So many objects in a row that the tree finds end the repair: older ones were written long before the crash.
 constexpr std::uint32_t kFoundRunEndsRepair = 6;
 
-constexpr std::uint32_t kCrcSize = sizeof(std::uint32_t);
-
 }  // namespace
 
 ResultCode ObjectDB::FastConsistencyCheck() {

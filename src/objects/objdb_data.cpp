@@ -14,8 +14,6 @@ constexpr std::uint32_t kLargeBlock = 4096;
 // Sizes have 31 bits on disk.
 constexpr std::uint32_t kSizeLimit = 0x80000000;
 
-constexpr std::uint32_t kCrcSize = sizeof(std::uint32_t);
-
 }  // namespace
 
 // ---- Reading ----------------------------------------------------------------------------------------------

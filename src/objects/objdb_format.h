@@ -1,14 +1,13 @@
 // The id and data files of an object store, field by field. (The tree file: hash_tree.h.)
 //
-// Data file: a 4-byte magic that names the feature set, then blocks, each appended at what was then the end
-// of the file and found only through the record or entry that points to it. A block that is replaced is
-// overwritten with zeros and stays as a hole until the store is compacted. Offsets are 32 bits.
+// Data file: a 4-byte magic that names the feature set, then blocks, each appended at what was then the end of the file
+// and found only through the record or entry that points to it. A block that is replaced is overwritten with zeros and
+// stays as a hole until the store is compacted. Offsets are 32 bits.
 //
 //   name block         the name's bytes, then with featureNameCrc a u32 CRC of them, seed: the object's hash
-//   data entry array   tODB_DATA_ENTRY per data block, then with featureArrayCrc a u32 CRC, seed: the
-//   object's id data block         the user's bytes, then with featureBlockCrc a u32 CRC of them, seed: the
-//   object's id; the whole
-//                      block, CRC included, masked with featureMask
+//   data entry array   a tODB_DATA_ENTRY per data block, then with featureArrayCrc a u32 CRC, seed: the object's id
+//   data block         the user's bytes, then with featureBlockCrc a u32 CRC of them, seed: the object's id;
+//                      the whole block, CRC included, masked with featureMask
 #pragma once
 
 #include <cstddef>
@@ -50,6 +49,16 @@ inline constexpr FeatureMagic kFeatureMagics[] = {
     {{'O', 'D', 'B', 'D'}, 0}, {{'O', 'D', 'B', 'O'}, 1},  {{'O', 'D', 'B', 'Q'}, 3},
     {{'O', 'D', 'B', 'R'}, 7}, {{'O', 'D', 'B', 'S'}, 15},
 };
+
+// The magic of one of the feature sets above.
+constexpr const FILE_MAGIC& MagicOf(std::uint32_t nFeatures) {
+  const FeatureMagic* pKnown = kFeatureMagics;
+  while (pKnown->nFeatures != nFeatures) ++pKnown;
+  return pKnown->Magic;
+}
+
+// Offsets have 32 bits.
+inline constexpr std::uint64_t kMaxDataFileSize = std::uint64_t{1} << 32;
 
 #pragma pack(push, 1)
 

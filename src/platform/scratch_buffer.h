@@ -11,6 +11,8 @@ namespace lumbra {
 template <std::uint32_t nInline>
 class ScratchBuffer {
  public:
+  static constexpr std::uint32_t kInline = nInline;
+
   ScratchBuffer() = default;
   ~ScratchBuffer() { std::free(m_pHeap); }
   ScratchBuffer(const ScratchBuffer&) = delete;

@@ -54,7 +54,6 @@ TEST_F(EventsObjectsTest, RefusesWhatIsWrong) {
   EXPECT_EQ("500 GetEvents(5,0,16,1,0) = errPARAMETER_INVALID (0x80000046)", TakeTrace().back());
   EXPECT_CODE(errPARAMETER_INVALID, Call(&Ops::GetEvents, 99, 0, &nId, 16, 1, nullptr, nullptr));
   EXPECT_CODE(errSTORE_NOT_INITIALIZED, Call(&Ops::GetEvents, 6, 0, &nId, 16, 1, nullptr, nullptr));
-  EXPECT_CODE(errNOT_IMPLEMENTED, Call(&Ops::Compact, 0));
 }
 
 TEST_F(EventsObjectsTest, GivesTheParentsOfTheirObjects) {
@@ -68,10 +67,10 @@ TEST_F(EventsObjectsTest, GivesTheParentsOfTheirObjects) {
   std::uint32_t nRead = 0;
   EXPECT_CODE(errOK, Call(&Ops::GetEvents, m_nNamed, 0, Read, sizeof(Read), 6, &nRead, Parents.Handle()));
   EXPECT_EQ((TimeList{Find(5, u"C:\\Dir", 0, typeFolder), 0, Find(0, u"D:", 0, typeDriveRoot), 0, 0, 0}),
-            Parents.List());
+            Parents.Parents());
   Parents.Clear();
   EXPECT_CODE(errOK, Call(&Ops::GetEvents, m_nNamed, 0, Read, sizeof(Read), 6, nullptr, Parents.Handle()));
-  EXPECT_TRUE(Parents.List().empty());
+  EXPECT_TRUE(Parents.Parents().empty());
 }
 
 TEST_F(EventsObjectsTest, NamesComeBackThroughTheirIds) {
