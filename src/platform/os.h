@@ -40,6 +40,7 @@ inline constexpr SystemError kNameTooLong = 206;
 inline constexpr SystemError kFileTooLarge = 223;
 inline constexpr SystemError kOperationAborted = 995;
 inline constexpr SystemError kIoDevice = 1117;
+inline constexpr SystemError kNoSystemResources = 1450;
 inline constexpr SystemError kTimeout = 1460;
 inline constexpr SystemError kCannotResolveName = 1921;
 
@@ -91,7 +92,7 @@ SystemError RemoveFile(std::u16string_view Path);
 
 // ---- Folders and searches ---------------------------------------------------------------------------------
 
-// The path made absolute and long, in the platform's form, from which ParentOf takes names away.
+// The path made absolute and long, without "." and "..", in the platform's form, from which ParentOf takes names away.
 SystemError MakeAbsolute(std::u16string_view Path, std::u16string* pAbsolute);
 
 // The path without its last name; a root is its own parent.
@@ -99,6 +100,8 @@ std::u16string_view ParentOf(std::u16string_view Absolute);
 
 // Whether the path is a folder (or a link to one). Missing: kFileNotFound or kPathNotFound.
 SystemError IsFolder(std::u16string_view Path, bool* pbFolder);
+
+// Makes a folder, whose name is on the disk when this returns.
 SystemError MakeFolder(std::u16string_view Path);
 
 struct FoundFile {
@@ -123,8 +126,8 @@ class SearchScope {
   SearchScope& operator=(const SearchScope&) = delete;
 };
 
-// The names of the entries of a folder that are neither folders nor links.
-SystemError ListPlainFiles(std::u16string_view Folder, std::vector<std::u16string>* pNames);
+// Deletes the entries of a folder that are neither folders nor links. What cannot be deleted stays.
+SystemError RemovePlainFiles(std::u16string_view Folder);
 
 // The size of a file that others may hold open in any way.
 SystemError MeasureFile(std::u16string_view Path, std::uint64_t* pnSize);

@@ -26,8 +26,7 @@ ResultCode ReaderWriterLock::Create() {
     return ResultFromSystemError(nError);
   }
   m_pReaders = pReaders;
-  m_nWaitingReaders = m_nWaitingWriters = m_nState = 0;
-  return errOK;
+  return errOK;  // the counters are 0, or count those who have come meanwhile
 }
 
 void ReaderWriterLock::Destroy() {

@@ -4,7 +4,6 @@
 #include <cstring>
 #include <new>
 #include <utility>
-#include <vector>
 
 #include "platform/exception.h"
 #include "platform/file.h"
@@ -136,9 +135,7 @@ ResultCode StorageEnvironment::DeleteFiles(const char16_t* /*pPattern*/, std::ui
       for (const std::u16string_view Name : kSegmentFiles) os::RemoveFile(PathOf(FileName(Name, nId)));
       return errOK;
     }
-    std::vector<std::u16string> Names;
-    os::ListPlainFiles(m_Folder, &Names);
-    for (const std::u16string& Name : Names) os::RemoveFile(PathOf(Name));
+    os::RemovePlainFiles(m_Folder);
   } catch (const std::bad_alloc&) {
     // What was not reached stays, like any other file that could not be deleted.
   }

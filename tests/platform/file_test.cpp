@@ -128,6 +128,11 @@ TEST_F(FileTest, OpensByDisposition) {
   EXPECT_CODE(errPATH_NOT_FOUND, File().OpenWithFlags(Path("none/a"), fileWrite, createAlways));
   std::filesystem::create_directory(Folder() / "d");
   EXPECT_CODE(errACCESS_DENIED, File().OpenWithFlags(Path("d"), fileRead, openExisting));
+  std::filesystem::create_symlink("none/x", Folder() / "nowhere");
+  std::filesystem::create_symlink("made", Folder() / "link");
+  EXPECT_CODE(errFILE_NOT_FOUND, File().OpenWithFlags(Path("nowhere"), fileRead, openAlways));
+  EXPECT_CODE(errOK, File().OpenWithFlags(Path("link"), fileRead | fileWrite, openAlways));
+  EXPECT_EQ(0u, FileSize("made"));
 }
 
 TEST_F(FileTest, SeeksAndCloses) {
@@ -144,6 +149,10 @@ TEST_F(FileTest, SeeksAndCloses) {
   std::uint32_t nRead = 0;
   EXPECT_CODE(errOK, Opened.Read(&nByte, 1, &nRead));
   EXPECT_EQ(3, nByte);
+  EXPECT_CODE(errOK, Opened.Close());
+  ASSERT_CODE(errOK, Opened.OpenWithFlags(Path("a"), fileRead, openExisting));
+  EXPECT_CODE(errACCESS_DENIED, Opened.Write(&nByte, 1, &nRead));
+  EXPECT_CODE(errACCESS_DENIED, Opened.SetSize(0));
   EXPECT_CODE(errOK, Opened.Close());
   EXPECT_CODE(errHANDLE_INVALID, Opened.Read(&nByte, 1, &nRead));
 }

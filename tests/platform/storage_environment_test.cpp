@@ -48,6 +48,8 @@ TEST_F(EnvironmentTest, CreatesFoldersWithTheirParents) {
   StorageEnvironment Deep;
   EXPECT_TRUE(Deep.Init(this, (Folder() / "a/b\\c/").u16string().c_str(), FolderContent::Keep, false));
   EXPECT_TRUE(exists(Folder() / "a/b/c"));
+  EXPECT_TRUE(Deep.Init(this, (Folder() / "n/./x/../y/.").u16string().c_str(), FolderContent::Keep, false));
+  EXPECT_TRUE(exists(Folder() / "n/y") && !exists(Folder() / "n/x"));
   WriteFile("file", {});
   EXPECT_FALSE(Deep.Init(this, (Folder() / "file").u16string().c_str(), FolderContent::Keep, false));
   EXPECT_FALSE(Deep.Init(this, (Folder() / "file/x").u16string().c_str(), FolderContent::Keep, false));
@@ -60,23 +62,23 @@ TEST_F(EnvironmentTest, CreatesFoldersWithTheirParents) {
   EXPECT_FALSE(exists(Folder() / "a/b/c/old"));
   EXPECT_TRUE(exists(Folder() / "a/b/c/d"));
   FailCalls(SystemCall::MakeFolder, ENOSPC);
-  EXPECT_FALSE(Deep.Init(this, (Folder() / "n/m").u16string().c_str(), FolderContent::Keep, false));
+  EXPECT_FALSE(Deep.Init(this, (Folder() / "o/m").u16string().c_str(), FolderContent::Keep, false));
 }
 
 TEST_F(EnvironmentTest, DeletesTheFilesOfANumber) {
   const char* const kOwn[] = {"00000005_objbt.dat", "00000005_objid.dat", "00000005_objdt.dat", "00000005_events.dat"};
-  const char* const kOthers[] = {"00000006_events.dat", "00000005_more.dat", "segments.dat"};
+  const char* const kOthers[] = {"00000006_events.dat", "00000005_more.dat", "segments.dat", "sub\\in"};
   for (const char* const pName : kOwn) WriteFile(pName, {});
   for (const char* const pName : kOthers) WriteFile(pName, {});
   EXPECT_CODE(errOK, m_Environment.DeleteFiles(u"*.*", 5));
   for (const char* const pName : kOwn) EXPECT_FALSE(exists(Folder() / pName)) << pName;
   for (const char* const pName : kOthers) EXPECT_TRUE(exists(Folder() / pName)) << pName;
 
-  std::filesystem::create_directory(Folder() / "sub");
+  WriteFile("sub/in", {});
   std::filesystem::create_symlink("sub", Folder() / "link");
   EXPECT_CODE(errOK, m_Environment.DeleteFiles(u"*.*", 0));
   for (const char* const pName : kOthers) EXPECT_FALSE(exists(Folder() / pName)) << pName;
-  EXPECT_TRUE(exists(Folder() / "sub") && exists(Folder() / "link"));
+  EXPECT_TRUE(exists(Folder() / "sub/in") && exists(Folder() / "link"));
 }
 
 TEST_F(EnvironmentTest, SumsFileSizes) {

@@ -136,7 +136,8 @@ DETOUR(int, sem_wait, (sem_t * s), (s), Wait)
 
 int __real_open(const char*, int, ...);
 int __wrap_open(const char* pPath, int nFlags, mode_t nMode) {
-  return Fails(SystemCall::Open) ? -1 : __real_open(pPath, nFlags, nMode);
+  const bool bFolder = (nFlags & O_DIRECTORY) != 0;  // a look, not a file that is opened
+  return !bFolder && Fails(SystemCall::Open) ? -1 : __real_open(pPath, nFlags, nMode);
 }
 long __real_syscall(long, ...);
 long __wrap_syscall(long nNumber, long a, long b, long c) {

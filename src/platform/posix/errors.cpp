@@ -24,6 +24,8 @@ SystemError ErrorFromErrno(int nErrno) {
     case ENOMEM:
     case ENOBUFS:
       return kNotEnoughMemory;
+    case ENOLCK:
+      return kNoSystemResources;
     case EROFS:
       return kWriteProtect;
     case EWOULDBLOCK:  // a lock that somebody holds

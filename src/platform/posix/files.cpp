@@ -7,17 +7,25 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <limits>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "platform/posix/posix.h"
 
 namespace lumbra::os {
 
 struct OpenFile {
-  int nDescriptor;
+  int nDescriptor = -1;
+  std::uint32_t nAccess = 0;
   std::string FolderToSync;  // of a file that was created here and not flushed yet; empty otherwise
+
+  ~OpenFile() {
+    if (nDescriptor >= 0) close(nDescriptor);
+  }
+  bool Allows(Access Wanted) const { return (nAccess & Wanted) != 0; }
 };
 
 namespace {
@@ -27,11 +35,11 @@ SystemError LastError() {
   return errno == 0 ? kGeneralFailure : ErrorFromErrno(errno);
 }
 
-int OpenFlagsOf(std::uint32_t nAccess) {
-  const bool bWrite = (nAccess & kGenericWrite) != 0;
-  const bool bRead = (nAccess & kGenericRead) != 0;
-  const int nMode = bWrite ? (bRead ? O_RDWR : O_WRONLY) : O_RDONLY;
-  return nMode | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;  // not to wait for the other end of a pipe
+constexpr int kOpenFlags = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;  // not to wait for the other end of a pipe
+
+int OpenModeOf(std::uint32_t nAccess) {
+  if ((nAccess & kGenericWrite) == 0) return O_RDONLY;
+  return (nAccess & kGenericRead) != 0 ? O_RDWR : O_WRONLY;
 }
 
 // An open segment holds four files and a database may have hundreds of segments, which the usual soft limit
@@ -42,16 +50,6 @@ bool LiftDescriptorLimit() {
   if (getrlimit(RLIMIT_NOFILE, &Limit) != 0 || Limit.rlim_cur >= Limit.rlim_max) return false;
   Limit.rlim_cur = Limit.rlim_max;
   return setrlimit(RLIMIT_NOFILE, &Limit) == 0;
-}
-
-int OpenDescriptor(const std::string& Path, int nFlags) {
-  constexpr mode_t kMode = 0666;  // the process's umask takes from it
-  for (;;) {
-    const int nDescriptor = open(Path.c_str(), nFlags, kMode);
-    if (nDescriptor >= 0) return nDescriptor;
-    if (errno == EINTR) continue;
-    if (errno != EMFILE || !LiftDescriptorLimit()) return -1;
-  }
 }
 
 // Opens as the disposition says, except that nothing is cut yet. *pbCreated tells whether the file is new.
@@ -68,21 +66,18 @@ int OpenByDisposition(const std::string& Path, int nFlags, Disposition nDisposit
     case Disposition::OpenAlways:
       break;
   }
-  for (;;) {  // ends unless others create and delete the file between our two looks, again and again
-    int nDescriptor = OpenDescriptor(Path, nFlags);
-    if (nDescriptor >= 0 || errno != ENOENT) return nDescriptor;
-    nDescriptor = OpenDescriptor(Path, nFlags | O_CREAT | O_EXCL);
-    if (nDescriptor >= 0 || errno != EEXIST) {
-      *pbCreated = nDescriptor >= 0;
-      return nDescriptor;
-    }
-  }
+  int nDescriptor = OpenDescriptor(Path, nFlags);
+  if (nDescriptor >= 0 || errno != ENOENT) return nDescriptor;
+  nDescriptor = OpenDescriptor(Path, nFlags | O_CREAT | O_EXCL);
+  *pbCreated = nDescriptor >= 0;
+  if (nDescriptor >= 0 || errno != EEXIST) return nDescriptor;
+  // Somebody has made it since our first look, or it is a link to a file that is missing.
+  return OpenDescriptor(Path, nFlags | O_CREAT);
 }
 
 // Only "reads, lets others read" is shared with others; every other combination holds the file alone.
-int LockOf(std::uint32_t nAccess, std::uint32_t nShare) {
-  const bool bShared = (nAccess & kGenericWrite) == 0 && (nShare & kShareRead) != 0;
-  return (bShared ? LOCK_SH : LOCK_EX) | LOCK_NB;
+bool IsShared(std::uint32_t nAccess, std::uint32_t nShare) {
+  return (nAccess & kGenericWrite) == 0 && (nShare & kShareRead) != 0;
 }
 
 SystemError RefuseUnlessRegular(int nDescriptor) {
@@ -106,18 +101,9 @@ SystemError ErrorOfMissing(std::u16string_view Path, SystemError nError) {
   return nError == kFileNotFound && !bParentThere ? kPathNotFound : nError;
 }
 
+// Absolute, so that it is still the same folder when the current one has changed.
 std::string FolderOf(const std::string& Path) {
-  const std::size_t nSlash = Path.rfind('/');
-  if (nSlash == std::string::npos) return ".";
-  return nSlash == 0 ? "/" : Path.substr(0, nSlash);
-}
-
-SystemError SyncFolder(const std::string& Folder) {
-  const int nDescriptor = OpenDescriptor(Folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (nDescriptor < 0) return LastError();
-  const SystemError nError = fsync(nDescriptor) == 0 ? kSuccess : LastError();
-  close(nDescriptor);
-  return nError;
+  return std::filesystem::absolute(Path).parent_path();
 }
 
 // Calls Transfer until all bytes are moved, it moves none (the end of the file), or it fails.
@@ -146,6 +132,28 @@ std::int64_t FileTimeOf(const statx_timestamp& Time) {
 
 }  // namespace
 
+int OpenDescriptor(const std::string& Path, int nFlags) {
+  constexpr mode_t kMode = 0666;  // the process's umask takes from it
+  for (;;) {
+    const int nDescriptor = open(Path.c_str(), nFlags, kMode);
+    if (nDescriptor >= 0) return nDescriptor;
+    if (errno == EINTR) continue;
+    if (errno != EMFILE) return -1;
+    if (!LiftDescriptorLimit()) {
+      errno = EMFILE;
+      return -1;
+    }
+  }
+}
+
+SystemError SyncFolder(const std::string& Folder) {
+  const int nDescriptor = OpenDescriptor(Folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (nDescriptor < 0) return LastError();
+  const SystemError nError = fsync(nDescriptor) == 0 ? kSuccess : LastError();
+  close(nDescriptor);
+  return nError;
+}
+
 std::int64_t CreationFileTime(const struct statx& Status) {
   if ((Status.stx_mask & STATX_BTIME) != 0) return FileTimeOf(Status.stx_btime);
   return std::min({FileTimeOf(Status.stx_atime), FileTimeOf(Status.stx_mtime), FileTimeOf(Status.stx_ctime)});
@@ -154,21 +162,29 @@ std::int64_t CreationFileTime(const struct statx& Status) {
 SystemError Open(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t nShare, Disposition nDisposition,
                  std::uint32_t /*nFlags*/, FileHandle* pHandle) try {
   const std::string Native = NativePath(Path);
-  std::unique_ptr<OpenFile> Opened(new OpenFile{-1, {}});
+  const bool bCut = nDisposition == Disposition::CreateAlways || nDisposition == Disposition::TruncateExisting;
+  const bool bShared = IsShared(nAccess, nShare);
+  const int nMode = OpenModeOf(nAccess);
+  std::unique_ptr<OpenFile> Opened(new OpenFile);
+  Opened->nAccess = nAccess;
   bool bCreated = false;
-  Opened->nDescriptor = OpenByDisposition(Native, OpenFlagsOf(nAccess), nDisposition, &bCreated);
+  const auto OpenAs = [&](int nOpenMode) {
+    Opened->nDescriptor = OpenByDisposition(Native, nOpenMode | kOpenFlags, nDisposition, &bCreated);
+  };
+  // To cut a file, and on network file systems to hold one alone, takes a descriptor for writing.
+  const bool bWiden = nMode == O_RDONLY && (bCut || !bShared);
+  OpenAs(bWiden ? O_RDWR : nMode);
+  const bool bRefused = Opened->nDescriptor < 0 && (errno == EACCES || errno == EROFS);
+  if (bRefused && bWiden && !bCut) OpenAs(nMode);
   if (Opened->nDescriptor < 0) {
     const SystemError nError = errno == EEXIST ? kFileExists : LastError();
     return ErrorOfMissing(Path, nError);
   }
   SystemError nError = RefuseUnlessRegular(Opened->nDescriptor);
-  if (nError == kSuccess && flock(Opened->nDescriptor, LockOf(nAccess, nShare)) != 0) nError = LastError();
-  const bool bCut = nDisposition == Disposition::CreateAlways || nDisposition == Disposition::TruncateExisting;
+  if (nError == kSuccess && flock(Opened->nDescriptor, (bShared ? LOCK_SH : LOCK_EX) | LOCK_NB) != 0)
+    nError = LastError();
   if (nError == kSuccess && bCut) nError = Truncate(Opened->nDescriptor, 0);
-  if (nError != kSuccess) {
-    close(Opened->nDescriptor);
-    return nError;
-  }
+  if (nError != kSuccess) return nError;
   if (bCreated) Opened->FolderToSync = FolderOf(Native);
   *pHandle = Opened.release();
   return kSuccess;
@@ -179,11 +195,12 @@ SystemError Open(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t 
 SystemError Close(FileHandle Handle) {
   const std::unique_ptr<OpenFile> Closed(Handle);
   // After EINTR the descriptor is gone as well, so there is nothing to try again.
-  return close(Closed->nDescriptor) == 0 || errno == EINTR ? kSuccess : LastError();
+  return close(std::exchange(Closed->nDescriptor, -1)) == 0 || errno == EINTR ? kSuccess : LastError();
 }
 
 SystemError Read(FileHandle Handle, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead) {
   if (Handle == nullptr) return kInvalidHandle;
+  if (!Handle->Allows(kGenericRead)) return kAccessDenied;
   return TransferAll(nSize, pnRead, [&](std::uint32_t nDone, std::uint32_t nLeft) {
     return read(Handle->nDescriptor, static_cast<char*>(pBuffer) + nDone, nLeft);
   });
@@ -191,6 +208,7 @@ SystemError Read(FileHandle Handle, void* pBuffer, std::uint32_t nSize, std::uin
 
 SystemError Write(FileHandle Handle, const void* pData, std::uint32_t nSize, std::uint32_t* pnWritten) {
   if (Handle == nullptr) return kInvalidHandle;
+  if (!Handle->Allows(kGenericWrite)) return kAccessDenied;
   return TransferAll(nSize, pnWritten, [&](std::uint32_t nDone, std::uint32_t nLeft) {
     return write(Handle->nDescriptor, static_cast<const char*>(pData) + nDone, nLeft);
   });
@@ -207,6 +225,7 @@ SystemError Seek(FileHandle Handle, SeekOrigin Origin, std::int64_t nDistance, s
 
 SystemError ReadAt(FileHandle Handle, std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize,
                    std::uint32_t* pnRead) {
+  if (!Handle->Allows(kGenericRead)) return kAccessDenied;
   if (!IsPosition(nOffset, nSize)) return kNegativeSeek;
   return TransferAll(nSize, pnRead, [&](std::uint32_t nDone, std::uint32_t nLeft) {
     return pread(Handle->nDescriptor, static_cast<char*>(pBuffer) + nDone, nLeft, static_cast<off_t>(nOffset + nDone));
@@ -215,6 +234,7 @@ SystemError ReadAt(FileHandle Handle, std::uint64_t nOffset, void* pBuffer, std:
 
 SystemError WriteAt(FileHandle Handle, std::uint64_t nOffset, const void* pData, std::uint32_t nSize,
                     std::uint32_t* pnWritten) {
+  if (!Handle->Allows(kGenericWrite)) return kAccessDenied;
   if (!IsPosition(nOffset, nSize)) return kNegativeSeek;
   return TransferAll(nSize, pnWritten, [&](std::uint32_t nDone, std::uint32_t nLeft) {
     return pwrite(Handle->nDescriptor, static_cast<const char*>(pData) + nDone, nLeft,
@@ -231,7 +251,7 @@ SystemError GetSize(FileHandle Handle, std::uint64_t* pnSize) {
 
 SystemError SetSize(FileHandle Handle, std::uint64_t nSize) {
   if (Handle == nullptr) return kInvalidHandle;
-  return Truncate(Handle->nDescriptor, nSize);
+  return Handle->Allows(kGenericWrite) ? Truncate(Handle->nDescriptor, nSize) : kAccessDenied;
 }
 
 SystemError Flush(FileHandle Handle) {

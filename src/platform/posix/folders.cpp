@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <filesystem>
 #include <memory>
 #include <optional>
 
@@ -22,8 +23,13 @@ struct FolderCloser {
 // Calls Visit with each entry of a folder but "." and "..".
 template <class VisitEntry>
 SystemError ForEachEntry(const std::string& Folder, VisitEntry Visit) {
-  const std::unique_ptr<DIR, FolderCloser> Listing(opendir(Folder.c_str()));
-  if (Listing == nullptr) return ErrorFromErrno(errno);
+  const int nDescriptor = OpenDescriptor(Folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (nDescriptor < 0) return ErrorFromErrno(errno);
+  const std::unique_ptr<DIR, FolderCloser> Listing(fdopendir(nDescriptor));
+  if (Listing == nullptr) {
+    close(nDescriptor);
+    return kNotEnoughMemory;
+  }
   for (;;) {
     errno = 0;
     const dirent* const pEntry = readdir(Listing.get());
@@ -95,10 +101,10 @@ SystemError MakeAbsolute(std::u16string_view Path, std::u16string* pAbsolute) {
     if (NativePath(WideName(Current)) != Current) return kInvalidName;  // not UTF-8: it cannot be named here
     Native = std::string(Current) + '/' + Native;
   }
-  std::string Clean;
-  for (const char c : Native) {
-    if (c != '/' || !Clean.ends_with('/')) Clean += c;
-  }
+  // What exists is followed through its links; what is yet to be made follows the names.
+  std::error_code Unreadable;
+  std::string Clean = std::filesystem::weakly_canonical(Native, Unreadable);
+  if (Unreadable) Clean = std::filesystem::path(Native).lexically_normal();
   if (Clean.size() > 1 && Clean.ends_with('/')) Clean.pop_back();
   *pAbsolute = WideName(Clean);
   return kSuccess;
@@ -119,7 +125,12 @@ SystemError IsFolder(std::u16string_view Path, bool* pbFolder) {
 
 SystemError MakeFolder(std::u16string_view Path) {
   constexpr mode_t kMode = 0777;  // the process's umask takes from it
-  return mkdir(NativePath(Path).c_str(), kMode) == 0 ? kSuccess : ErrorFromErrno(errno);
+  const std::string Native = NativePath(Path);
+  if (mkdir(Native.c_str(), kMode) != 0) return ErrorFromErrno(errno);
+  // Files in it will be flushed, which is worth nothing while the folder's own name is not on the disk. A parent that
+  // may not be read cannot be synced; the folder is there all the same.
+  SyncFolder(std::filesystem::path(Native).parent_path());
+  return kSuccess;
 }
 
 SearchScope::SearchScope() {
@@ -163,12 +174,16 @@ SystemError FindFiles(std::u16string_view PathPattern, const std::function<bool(
   return bFound ? kSuccess : kFileNotFound;
 }
 
-SystemError ListPlainFiles(std::u16string_view Folder, std::vector<std::u16string>* pNames) {
-  return ForEachEntry(NativePath(Folder), [pNames](const dirent& Entry, int nFolder) {
+SystemError RemovePlainFiles(std::u16string_view Folder) {
+  const std::string Native = NativePath(Folder);
+  std::vector<std::string> Names;  // first all of them: what a listing shows while its entries go is not settled
+  const SystemError nError = ForEachEntry(Native, [&Names](const dirent& Entry, int nFolder) {
     struct stat Status {};
     if (fstatat(nFolder, Entry.d_name, &Status, AT_SYMLINK_NOFOLLOW) != 0) return;
-    if (!S_ISDIR(Status.st_mode) && !S_ISLNK(Status.st_mode)) pNames->push_back(WideName(Entry.d_name));
+    if (!S_ISDIR(Status.st_mode) && !S_ISLNK(Status.st_mode)) Names.emplace_back(Entry.d_name);
   });
+  for (const std::string& Name : Names) unlink((Native + '/' + Name).c_str());
+  return nError;
 }
 
 }  // namespace lumbra::os

@@ -20,6 +20,12 @@ std::string NativePath(std::u16string_view Path);
 // A name that the system gave, as UTF-16; bytes that are not UTF-8 become U+FFFD.
 std::u16string WideName(std::string_view Name);
 
+// open() that survives EINTR, and a soft limit of descriptors that can be lifted.
+int OpenDescriptor(const std::string& Path, int nFlags);
+
+// Brings the names in a folder to the disk.
+SystemError SyncFolder(const std::string& Folder);
+
 // Seconds from 1601-01-01, where file times start, to 1970-01-01, and the file time units of 100 ns in a
 // second.
 inline constexpr std::int64_t kSecondsTo1970 = 11644473600;

@@ -120,10 +120,12 @@ std::uint32_t Convert(const From* pText, std::uint32_t nText, To* pBuffer, std::
 }  // namespace
 
 std::uint32_t WideToUtf8(const char16_t* pText, std::uint32_t nUnits, char* pBuffer, std::uint32_t nSize) {
+  if (pBuffer == nullptr && nSize != 0) return 0;
   return Convert(pText, nUnits, pBuffer, nSize);
 }
 
 std::uint32_t Utf8ToWide(const char* pText, std::uint32_t nBytes, char16_t* pBuffer, std::uint32_t nUnits) {
+  if (pBuffer == nullptr && nUnits != 0) return 0;
   return Convert(pText, nBytes, pBuffer, nUnits);
 }
 
