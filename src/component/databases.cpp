@@ -25,6 +25,29 @@ std::u16string NumberedFolder(std::uint32_t nDatabase) {
   return {kDigits[nDatabase >> 4], kDigits[nDatabase & 0xFu]};
 }
 
+// Sets one of the limits that do not decide whether the database counts in the size total.
+ResultCode SetLimit(SegmentManager& Manager, std::uint32_t nKind, std::uint64_t nValue) {
+  switch (nKind) {
+    case limitDatabaseAge:
+      Manager.SetDbMaxAge(nValue);
+      return errOK;
+    case limitDatabaseEvents:
+      Manager.SetDbMaxEvents(nValue);
+      return errOK;
+    case limitSegmentSize:
+      Manager.SetSegmentMaxSize(nValue);
+      return errOK;
+    case limitSegmentAge:
+      Manager.SetSegmentMaxAge(nValue);
+      return errOK;
+    case limitSegmentEvents:
+      Manager.SetSegmentMaxEvents(nValue);
+      return errOK;
+    default:
+      return errNOT_SUPPORTED;
+  }
+}
+
 // The form in which the index keeps a name: the low 7 bits of each unit.
 std::string IndexKey(std::u16string_view Name) {
   std::string Key;
@@ -60,15 +83,16 @@ NamedDatabaseRef Lumbra::FindNamed(const char16_t* pName) {
   return {};
 }
 
-std::vector<NamedDatabaseRef> Lumbra::NamedDatabases() {
+NamedDatabaseRef Lumbra::NamedAt(std::size_t nPosition) {
   const std::lock_guard Hold(m_MainLock);
-  return m_NamedDatabases;
+  return nPosition < m_NamedDatabases.size() ? m_NamedDatabases[nPosition] : NamedDatabaseRef();
 }
 
 // ---- Opening ----------------------------------------------------------------------------------------------
 
 HostText Lumbra::DatabaseFolder(std::u16string_view Name) {
   HostText Folder = ReportFolder();
+  if (Folder.Empty()) return Folder;  // nowhere, rather than in the current folder of the process
   Folder.Append(Name);
   Folder.EnsureTrailingSeparator();
   return Folder;
@@ -110,7 +134,7 @@ ResultCode Lumbra::InitDBByName(const char16_t* pName, std::uint32_t nEventSize,
   const SharedHold Hold(m_Lock);
   if (m_nWritesSuspended != 0) return errREAD_ONLY;
   const std::lock_guard MainHold(m_MainLock);
-  if (const NamedDatabaseRef Open = FindNamed(pName); Open.Get() != nullptr) {
+  if (const NamedDatabaseRef Open = FindNamed(pName); Open.Get() != nullptr && Open->Manager.IsInitialized()) {
     *pnDatabase = Open->nId;
     Trace(&Handle, traceRoutine, "lmb\tLumbra::InitDBByName method: db already initialized, dbId = %d", Open->nId);
     return errOK;
@@ -124,6 +148,12 @@ ResultCode Lumbra::OpenNamed(const char16_t* pName, std::uint32_t nEventSize, st
   const bool bKnown = FindPersistentIndex(m_Index, Key, &nPosition);
   if (!bKnown && IsPersistentIndexFull(m_Index)) return errINDEX_INVALID;
   const std::uint32_t nId = kFirstNamedDatabase + nPosition;
+  if (const NamedDatabaseRef Open = FindNamed(nId); Open.Get() != nullptr) {
+    // The index knows both names by one key: their events could not be told apart.
+    if (!Open->Name.Equals(pName)) return errOBJECT_ALREADY_EXISTS;
+    // A clearing that failed has left it without its files: it is opened anew.
+    std::erase_if(m_NamedDatabases, [nId](const NamedDatabaseRef& Named) { return Named->nId == nId; });
+  }
   // The one reference; if nobody else takes another, the database closes when this function ends.
   const NamedDatabaseRef Named(new NamedDatabase(HostText(pName), nId));
 
@@ -152,8 +182,8 @@ ResultCode Lumbra::KeepNamed(const NamedDatabaseRef& Named, const std::string* p
     std::string Key = *pNewKey;
     const auto nPosition = static_cast<std::uint32_t>(m_Index.size());
     Trace(&Handle, traceRoutine, "lmb\tInitDBByName: trying to save persistent index(%u), to file '%S'", nPosition,
-          m_IndexPath.Text());
-    const ResultCode nCode = SavePersistentIndex(std::u16string(m_IndexPath.View()), nPosition, Key);
+          m_IndexPath.c_str());
+    const ResultCode nCode = SavePersistentIndex(m_IndexPath, nPosition, Key);
     if (Failed(nCode)) return ToHostResult(nCode);
     m_Index.push_back(std::move(Key));
   }
@@ -171,7 +201,8 @@ ResultCode Lumbra::OnEveryDatabase(Operation Do) {
   ResultCode nAnswer = errOK;
   for (std::uint32_t nDatabase = 1; nDatabase <= kLastNamedDatabase; ++nDatabase) {
     const ResultCode nCode = Do(nDatabase);
-    if (nDatabase >= kFirstNamedDatabase && FindNamed(nDatabase).Get() == nullptr) break;
+    const bool bMissing = nDatabase >= kFirstNamedDatabase && nCode == errPARAMETER_INVALID;
+    if (bMissing) break;
     if (Failed(nCode)) nAnswer = nCode;
   }
   return nAnswer;
@@ -195,29 +226,19 @@ ResultCode Lumbra::SetOneDBParam(std::uint32_t nDatabase, std::uint32_t nKind, s
   Trace(&Handle, traceRoutine, "lmb\tLumbra::SetDBParams(%X, %u, %I64u)", nDatabase, nKind, nValue);
   const Database Found = FindDatabase(nDatabase);
   if (!Found.IsOpen()) return errPARAMETER_INVALID;
-  switch (nKind) {
-    case limitDatabaseSize:
-      Found.Manager().SetDbMaxSize(nValue);
-      RecomputeSizeTotal();
-      return errOK;
-    case limitDatabaseAge:
-      Found.Manager().SetDbMaxAge(nValue);
-      return errOK;
-    case limitDatabaseEvents:
-      Found.Manager().SetDbMaxEvents(nValue);
-      return errOK;
-    case limitSegmentSize:
-      Found.Manager().SetSegmentMaxSize(nValue);
-      return errOK;
-    case limitSegmentAge:
-      Found.Manager().SetSegmentMaxAge(nValue);
-      return errOK;
-    case limitSegmentEvents:
-      Found.Manager().SetSegmentMaxEvents(nValue);
-      return errOK;
-    default:
-      return errNOT_SUPPORTED;
+  SegmentManager& Manager = Found.Manager();
+  if (nKind == limitDatabaseSize) {
+    Manager.SetDbMaxSize(nValue);
+    RecomputeSizeTotal();
+    return errOK;
   }
+  // A limit starts and drops segments at once, so the size total changes with it.
+  const std::lock_guard Hold(m_MainLock);
+  const bool bCounts = nDatabase != kSystemDatabase && CountsInTotal(Manager);
+  if (bCounts) m_nSizeTotal -= Manager.GetTotalSize();
+  const ResultCode nCode = SetLimit(Manager, nKind, nValue);
+  if (bCounts) m_nSizeTotal += Manager.GetTotalSize();
+  return nCode;
 }
 
 void Lumbra::RecomputeSizeTotal() {

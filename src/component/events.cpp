@@ -103,8 +103,8 @@ std::uint64_t Lumbra::ParentOf(std::uint64_t nObjectId) {
 // Damaged data marks the whole store, once: the property, and the index file for the next start.
 void Lumbra::MarkCorruptedOn(ResultCode nCode) {
   if (nCode != errDATA_CORRUPTED || m_nCorrupted.exchange(1) != 0) return;
-  const std::lock_guard Hold(m_MainLock);  // which every use of the index file holds
-  SaveCorruptedFlag(std::u16string(m_IndexPath.View()));
+  const std::lock_guard Hold(m_MainLock);  // which every use of the index file by an operation holds
+  SaveCorruptedFlag(m_IndexPath);
 }
 
 // ---- Rewriting --------------------------------------------------------------------------------------------

@@ -28,13 +28,12 @@ class LateFunction {
       : m_nExporter(nExporter), m_nFunctionId(nFunctionId), m_nOption(nOption) {}
 
   // Null when the host is not known or does not offer it.
-  Function Get() {
-    HostObject* const pRoot = Root();
+  Function Get(HostObject* pRoot = Root()) {
     if (pRoot == nullptr) return nullptr;
     void* pFunction = m_pFunction.load(std::memory_order_acquire);
     if (pFunction == nullptr) {
       RootOperationsOf(pRoot).BindFunction(pRoot, &pFunction, m_nExporter, m_nFunctionId, m_nOption);
-      m_pFunction.store(pFunction, std::memory_order_release);
+      if (pFunction != nullptr) m_pFunction.store(pFunction, std::memory_order_release);
     }
     return reinterpret_cast<Function>(pFunction);
   }
@@ -63,9 +62,10 @@ HostImport g_Imports[] = {
 // Where the trace lines of all rooms go: to the host's trace function, on behalf of the root unless a line
 // has an object of its own.
 ResultCode TraceToHost(HostObject* pObject, std::uint32_t nLevel, const char* pFormat, std::va_list Arguments) {
-  const HostTraceFunction pTrace = g_Trace.Get();
+  HostObject* const pRoot = Root();
+  const HostTraceFunction pTrace = g_Trace.Get(pRoot);
   if (pTrace == nullptr) return errUNEXPECTED;
-  return pTrace(pObject == kHostRoot ? Root() : pObject, nLevel, pFormat, Arguments);
+  return pTrace(pObject == kHostRoot ? pRoot : pObject, nLevel, pFormat, Arguments);
 }
 
 }  // namespace
@@ -228,12 +228,16 @@ const HostStringOperations& StringOperationsOf(HostObject* pString) {
 
 StringObject::StringObject(HostObject* pParent, std::u16string_view Text) {
   constexpr std::uint32_t kCopyText = 0x10000;
-  if (pParent == nullptr || Failed(SystemOf(pParent).CreateObject(pParent, kHostStringInterface, 0, 0, &m_pObject))) {
-    m_pObject = nullptr;
+  if (pParent == nullptr) return;
+  HostObject* pObject = nullptr;
+  if (Failed(SystemOf(pParent).CreateObject(pParent, kHostStringInterface, 0, 0, &pObject)) || pObject == nullptr)
+    return;
+  const auto nSize = static_cast<std::uint32_t>(Text.size() * sizeof(char16_t));
+  if (Failed(StringOperationsOf(pObject).SetText(pObject, Text.data(), nSize, kCodePageUtf16, kCopyText))) {
+    SystemOf(pObject).CloseObject(pObject);
     return;
   }
-  const auto nSize = static_cast<std::uint32_t>(Text.size() * sizeof(char16_t));
-  StringOperationsOf(m_pObject).SetText(m_pObject, Text.data(), nSize, kCodePageUtf16, kCopyText);
+  m_pObject = pObject;
 }
 
 StringObject::~StringObject() {

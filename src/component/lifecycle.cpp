@@ -92,8 +92,9 @@ ResultCode Lumbra::ObjectInitDone() {
 
 ResultCode Lumbra::OpenStore() {
   HostText Folder = ReportFolder();
-  m_IndexPath = Folder.Copy();
-  m_IndexPath.Join(u"g_db_id.dat");
+  HostText IndexPath = Folder.Copy();
+  IndexPath.Join(u"g_db_id.dat");
+  m_IndexPath = IndexPath.View();
   ReadCheckMode();
 
   const ResultCode nShared = SharedObjects::AddUser(Folder.Text(), m_nCheckMode != 0, m_nEnvironmentFlag != 0);
@@ -125,9 +126,9 @@ void Lumbra::RegisterWellKnownObjects() {
 
 ResultCode Lumbra::LoadIndexAndCheck() {
   Trace(&Handle, traceRoutine, "lmb\tObjectInitDone: trying to load persistent indexes, from file '%S'",
-        m_IndexPath.Text());
+        m_IndexPath.c_str());
   bool bCorrupted = false;
-  if (Failed(LoadPersistentIndexes(std::u16string(m_IndexPath.View()), &m_Index, &bCorrupted))) return errOPEN_FAILED;
+  if (Failed(LoadPersistentIndexes(m_IndexPath, &m_Index, &bCorrupted))) return errOPEN_FAILED;
   if (!bCorrupted) {
     bCorrupted = m_Slots[kSystemDatabase].Manager.Check(StoreChoice::Global) == errDATA_CORRUPTED;
   }
@@ -138,10 +139,9 @@ ResultCode Lumbra::LoadIndexAndCheck() {
 void Lumbra::RegisterHostName() {
   // Here the string object itself is what the message is sent about.
   const binding::StringObject Name(&Handle, u"%host%");
-  const ResultCode nSent = binding::Send(Name.Get(), kExpandMessageClass, kExpandMessageId, nullptr);
+  if (binding::Send(Name.Get(), kExpandMessageClass, kExpandMessageId, nullptr) != 1) return;
   HostText Expanded;
   Expanded.Append(Name);
-  if (nSent != 1) return;
   std::uint64_t nHostObjectId = kNoHostObject;
   const ResultCode nCode =
       FindObject(kSystemDatabase, typeFile, Expanded.Text(), kZeroTerminated, findOrCreate, 0, 0, &nHostObjectId);
@@ -160,9 +160,13 @@ ResultCode Lumbra::MessageReceive(std::uint32_t nClass, std::uint32_t nMessageId
   if (nClass != kFlushMessageClass || nMessageId != kFlushMessageId) return errOK;
   const SharedHold Hold(m_Lock);
   for (DatabaseSlot& Slot : m_Slots) Slot.Manager.Flush();
-  // Without the main lock: a flush waits for the disk, and adds to other databases need not wait with it.
-  for (const NamedDatabaseRef& Named : NamedDatabases()) Named->Manager.Flush();
-  return errOK;
+  // One at a time, and without the main lock: a flush waits for the disk, and adds to other databases need not wait
+  // with it.
+  for (std::size_t i = 0;; ++i) {
+    const NamedDatabaseRef Named = NamedAt(i);
+    if (Named.Get() == nullptr) return errOK;
+    Named->Manager.Flush();
+  }
 }
 
 ResultCode Lumbra::ObjectShutdown() {

@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "component/host_text.h"
@@ -123,7 +124,7 @@ class Lumbra : public HostedInstance {
   Database FindDatabase(std::uint32_t nDatabase);
   NamedDatabaseRef FindNamed(std::uint32_t nDatabase);
   NamedDatabaseRef FindNamed(const char16_t* pName);
-  std::vector<NamedDatabaseRef> NamedDatabases();
+  NamedDatabaseRef NamedAt(std::size_t nPosition);  // in the list; null behind its end
 
   // lifecycle.cpp
   ResultCode OpenStore();
@@ -182,13 +183,13 @@ class Lumbra : public HostedInstance {
   std::atomic<std::uint32_t> m_nEnvironmentFlag{0};
   std::atomic<std::uint32_t> m_nCorrupted{0};
   std::atomic<std::uint32_t> m_nExactFileSizes{0};
-  std::atomic<std::uint32_t> m_nWritesSuspended{0};  // changed under the exclusive lock alone
+  std::atomic<std::uint32_t> m_nWritesSuspended{0};  // set under the exclusive lock
   ReaderWriterLock m_Lock;
   std::atomic<bool> m_bInitialized{false};  // never cleared
   bool m_bHandlerRegistered = false;
   bool m_bUsesSharedObjects = false;
   std::vector<NamedDatabaseRef> m_NamedDatabases;  // in order of opening
-  HostText m_IndexPath;                            // of "g_db_id.dat"
+  std::u16string m_IndexPath;                      // of "g_db_id.dat"
   PersistentIndex m_Index;                         // what that file holds
 };
 

@@ -7,39 +7,37 @@
 namespace lumbra {
 namespace {
 
-// Each failing call ends the loading: its code is the answer, and what follows is not attempted.
-ResultCode Load(HostObject* pRoot) {
+// Each failing call ends the loading: its code, in *pnError before anything is traced, is the outcome, and what follows
+// is not attempted.
+bool Load(HostObject* pRoot, ResultCode* pnError) {
+  *pnError = errOK;
   binding::SetRoot(pRoot);
-  ResultCode nCode = binding::ResolveImports(pRoot);
-  if (Failed(nCode)) {
+  *pnError = binding::ResolveImports(pRoot);
+  if (Failed(*pnError)) {
     Trace(pRoot, traceFailure, "cannot resolve import table for ...");
-    return nCode;
+    return false;
   }
-  nCode = binding::RegisterInterface(pRoot, kSharedInstance, &LumbraFactory);
-  if (Failed(nCode)) {
+  *pnError = binding::RegisterInterface(pRoot, kSharedInstance, &LumbraFactory);
+  if (Failed(*pnError)) {
     Trace(pRoot, traceFailure, "cannot register \"Lumbra\" interface");
-    return nCode;
+    return false;
   }
   for (const std::uint32_t nInterfaceId : {kSeparateInstance, kNewSharedInstance}) {
-    nCode = binding::RegisterInterface(pRoot, nInterfaceId, &LumbraFactory);
-    if (Failed(nCode)) {
+    *pnError = binding::RegisterInterface(pRoot, nInterfaceId, &LumbraFactory);
+    if (Failed(*pnError)) {
       Trace(pRoot, traceFailure, "cannot register multiple instance \"Lumbra\" interface");
-      return nCode;
+      return false;
     }
   }
-  return nCode;
+  return true;
 }
 
 }  // namespace
 
 extern "C" int LumbraModuleEntry(void* pRoot, std::uint32_t nReason, void* pError) {
   switch (nReason) {
-    case kModuleLoad: {
-      auto* const pnError = static_cast<ResultCode*>(pError);
-      *pnError = errOK;
-      *pnError = Load(static_cast<HostObject*>(pRoot));
-      return Failed(*pnError) ? 0 : 1;
-    }
+    case kModuleLoad:
+      return Load(static_cast<HostObject*>(pRoot), static_cast<ResultCode*>(pError)) ? 1 : 0;
     case kModuleUnload:
       binding::SetRoot(nullptr);
       return 1;

@@ -1,5 +1,6 @@
 // The component: data blocks of objects, as bytes and as objects of the host.
 #include "component/lumbra.h"
+#include "events/circle_watch.h"
 #include "platform/io_priority.h"
 #include "platform/scratch_buffer.h"
 #include "platform/trace.h"
@@ -86,8 +87,8 @@ ResultCode Lumbra::GetObjectDataInto(std::uint64_t nObjectId, HostObject* pTarge
 ResultCode Lumbra::ListAncestors(SegmentManager& Manager, std::uint64_t nObjectId, HostObject* pContainer) {
   const std::uint32_t nDatabase = DatabaseOfId(nObjectId);
   std::uint64_t nCurrent = WithoutDatabase(nObjectId);
-  for (std::uint32_t nSteps = 0; nCurrent != 0; ++nSteps) {
-    if (nSteps == kMaxChain) return errDATA_CORRUPTED;
+  for (CircleWatch Circle; nCurrent != 0;) {
+    if (Circle.WasHere(nCurrent)) return errDATA_CORRUPTED;
     std::uint64_t nParent = 0;
     std::uint64_t nHash = 0;
     std::uint8_t nType = 0;

@@ -107,6 +107,7 @@ ResultCode Lumbra::TransferReportFolder(PropertyAccessRecord* pRecord) {
       Folder.AppendConverted(pRecord->pBuffer, pRecord->nSize, pRecord->nCodePage);
       m_ReportFolder = std::move(Folder);
       pRecord->nCount += pRecord->nSize;
+      pRecord->pBuffer = static_cast<char*>(pRecord->pBuffer) + pRecord->nSize;
       return errOK;
     }
     default:

@@ -40,7 +40,11 @@ ResultCode SharedStore::Open(const char16_t* pFolder, bool bCheckMode, bool bEnv
   pEnvironment->OpenFile(u"g_objbt.dat", 0, true, true, &Files.pTree);
   pEnvironment->OpenFile(u"g_objid.dat", 0, true, true, &Files.pIds);
   pEnvironment->OpenFile(u"g_objdt.dat", 0, true, true, &Files.pData);
-  return Succeeded(pStore->Open(0, Files, TreeHead::Large)) ? errOK : errOPEN_FAILED;
+  if (Failed(pStore->Open(0, Files, TreeHead::Large))) return errOPEN_FAILED;
+  // At once, and not only when the first instance has created its well-known objects: those would be the newest, known
+  // to the tree, and the objects before them would stay lost. What else is found is found again, and reported, then.
+  if (pStore->TreeWasStartedAnew()) pStore->FastConsistencyCheck();
+  return errOK;
 }
 
 void SharedStore::Close() {

@@ -49,15 +49,16 @@ bool Segment::IsUnfinished() {
 ResultCode Segment::Open() {
   if (m_bOpened) return errOK;
   if (m_bFailed) return errOPEN_FAILED;
+  m_bFailed = true;  // unless all goes well; so it stays also when something is thrown on the way
   ResultCode nCode = OpenEvents();
   if (Succeeded(nCode)) nCode = OpenObjects();
   if (Failed(nCode)) {
     m_pObjects.reset();
     m_pEvents.reset();
-    m_bFailed = true;
     return nCode;
   }
   if (m_pGlobalObjects == nullptr) m_pGlobalObjects = m_pObjects.get();
+  m_bFailed = false;
   m_bOpened = true;
   return errOK;
 }

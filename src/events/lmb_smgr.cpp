@@ -52,8 +52,9 @@ ResultCode SegmentManager::OpenHeader(std::uint32_t nEventSize) {
   const ResultCode nCode = m_pEnv->OpenFile(u"segments.dat", 0, true, true, &m_pHeaderFile);
   if (Failed(nCode)) return nCode;
   std::uint32_t nRead = 0;
-  const bool bRead = m_pHeaderFile->SeekRead(0, &m_Header, sizeof(m_Header), &nRead) && nRead == sizeof(m_Header);
-  const bool bOurs = bRead && std::memcmp(m_Header.nMagic, kMagic, sizeof(kMagic)) == 0;
+  // A read that fails says nothing about the database, which must not start anew for it.
+  if (!m_pHeaderFile->SeekRead(0, &m_Header, sizeof(m_Header), &nRead)) return FAILED_STEP(errREAD_FAILED);
+  const bool bOurs = nRead == sizeof(m_Header) && std::memcmp(m_Header.nMagic, kMagic, sizeof(kMagic)) == 0;
   if (bOurs && m_Header.nEventSize == nEventSize) return errOK;
   std::memcpy(m_Header.nMagic, kMagic, sizeof(kMagic));
   m_Header.nFirstSegment = 0;
@@ -67,12 +68,14 @@ ResultCode SegmentManager::ListSegments() {
   for (m_nNextNumber = m_Header.nFirstSegment; m_nNextNumber < kNumberLimit; ++m_nNextNumber) {
     std::unique_ptr<Segment> pSegment = MakeSegment();
     if (pSegment == nullptr) return errOUT_OF_MEMORY;
-    const ResultCode nCode =
+    ResultCode nCode =
         pSegment->Init(m_pEnv, m_Header.nEventSize, Segment::Files::Existing, m_nNextNumber, m_pGlobalObjects);
     std::uint64_t nEvents = 0;
-    if (Failed(nCode) || Failed(pSegment->GetEventCount(&nEvents))) break;
-    const ResultCode nAppended = AppendEntry(std::move(pSegment), nEvents);
-    if (Failed(nAppended)) return nAppended;
+    if (Succeeded(nCode)) nCode = pSegment->GetEventCount(&nEvents);
+    if (nCode == errNOT_FOUND) break;
+    // Any other failure: whether the segment is there is not known, and its number must not be taken again.
+    if (Succeeded(nCode)) nCode = AppendEntry(std::move(pSegment), nEvents);
+    if (Failed(nCode)) return nCode;
   }
   LeaveOutUnfinished();
   return errOK;
@@ -237,7 +240,7 @@ ResultCode SegmentManager::GetEvents(std::uint32_t nStartLow, std::int32_t nStar
   if (Failed(nCode)) return nCode;
 
   auto* pCursor = static_cast<std::uint8_t*>(pBuffer);
-  for (; From.nEntry < m_Segments.size() && nCount > 0; ++From.nEntry) {
+  for (; From.nEntry < m_Segments.size(); ++From.nEntry) {
     const tSEGMENT_ENTRY& Entry = m_Segments[From.nEntry];
     if (From.nPosition >= Entry.nEventCount) {
       From.nPosition -= Entry.nEventCount;
@@ -255,9 +258,10 @@ ResultCode SegmentManager::GetEvents(std::uint32_t nStartLow, std::int32_t nStar
     nBufferSize -= nBytes;
     nReported += nGot;
     nCount -= nGot;
+    if (nCount == 0) return errOK;
     From.nPosition = 0;
   }
-  return nCount == 0 ? errOK : errNO_MORE_EVENTS;
+  return errNO_MORE_EVENTS;
 }
 
 ResultCode SegmentManager::FindStart(std::uint32_t nStartLow, std::int32_t nStartHigh, Start* pStart) {

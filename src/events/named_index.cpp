@@ -170,6 +170,7 @@ ResultCode SavePersistentIndex(const std::u16string& Path, std::uint32_t nIndex,
   const Block Item = MakeBlock(Name);
   const Transfer Done = WriteAll(Index, Item.data(), Item.size());
   if (!Done.Complete(Item.size())) {
+    Index.SetSize(nExpected);  // so that the next attempt finds the file as this one did
     Trace(kHostRoot, traceFailure,
           "lmb\tSavePersistentIndex(%u): File Write failed, ulo result = %u, bytesWritten = %u", nIndex,
           Number(Done.nCode), Done.nBytes);
@@ -177,6 +178,7 @@ ResultCode SavePersistentIndex(const std::u16string& Path, std::uint32_t nIndex,
   }
   nCode = Index.Flush();
   if (Failed(nCode)) {
+    Index.SetSize(nExpected);
     Trace(kHostRoot, traceFailure, "lmb\tSavePersistentIndex(%u): File flush failed, ulo result = %u", nIndex,
           Number(nCode));
     return nCode;

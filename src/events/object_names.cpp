@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "events/circle_watch.h"
 #include "events/failed_step.h"
 #include "events/object_hash.h"
 #include "events/object_types.h"
@@ -305,9 +306,9 @@ ResultCode BuildObjectName(const ObjectStores& Stores, std::uint64_t nId, void* 
   NameBuilder Name(pBuffer, nBufferSize);
   std::uint32_t nFlags = 0;
   bool bFirst = true;
-  std::uint32_t nSteps = 0;
+  CircleWatch Circle;
   for (std::uint64_t nCurrent = nId; nCurrent != 0;) {
-    if (++nSteps > kMaxChain) return errDATA_CORRUPTED;
+    if (Circle.WasHere(nCurrent)) return errDATA_CORRUPTED;
     NamedObject Object{};
     const ResultCode nCode = ReadObject(*pStore, nCurrent, &Object);
     if (Failed(nCode)) return nCode;

@@ -33,10 +33,6 @@ enum FindMode : std::uint32_t {
   findOrCreateRepairing = 2,  // the same, and when the store meets damage on the way, once more in its repairing mode
 };
 
-// The most objects that one name is made of: a path of the longest size, 32,767 units, has no more components. A chain
-// of parents that is longer, or runs in a circle, is damage.
-inline constexpr std::uint32_t kMaxChain = 16384;
-
 // The sizes that mean a name ends with a zero: of UTF-16 units, or of bytes.
 inline constexpr std::uint32_t kWideZeroTerminated = 0xFFFFFFFE;
 inline constexpr std::uint32_t kByteZeroTerminated = 0xFFFFFFFF;

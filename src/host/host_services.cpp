@@ -180,6 +180,19 @@ ResultCode HostServices::CloseObject(HostObject* pObject) {
   return errOK;
 }
 
+// A text that cannot be expanded for want of memory is left empty: half of one would name a wrong folder.
+bool HostServices::ExpandPlaceholders(StandaloneHost& Host, std::u16string* pText) {
+  const std::lock_guard Hold(Host.m_Lock);
+  bool bExpanded = false;
+  try {
+    for (const auto& [Placeholder, Value] : Host.m_Placeholders) bExpanded |= ReplaceAll(pText, Placeholder, Value);
+  } catch (const std::bad_alloc&) {
+    pText->clear();
+    throw;
+  }
+  return bExpanded;
+}
+
 ResultCode HostServices::Send(HostObject* pSender, std::uint32_t nClass, std::uint32_t nMessageId,
                               HostObject* pArgument, std::uint32_t /*nReserved1*/, std::uint32_t /*nReserved2*/) {
   StandaloneHost& Host = *g_pHost;
@@ -187,12 +200,7 @@ ResultCode HostServices::Send(HostObject* pSender, std::uint32_t nClass, std::ui
     if (nClass == kExpandMessageClass && nMessageId == kExpandMessageId) {
       StringObject* const pString = StringObject::Of(pArgument != nullptr ? pArgument : pSender);
       if (pString == nullptr) return errPARAMETER_INVALID;
-      const std::lock_guard Hold(Host.m_Lock);
-      bool bExpanded = false;
-      for (const auto& [Placeholder, Value] : Host.m_Placeholders) {
-        bExpanded |= ReplaceAll(&pString->Text, Placeholder, Value);
-      }
-      return bExpanded ? 1 : 0;
+      return ExpandPlaceholders(Host, &pString->Text) ? 1 : 0;
     }
     for (const Store& Receiver : Host.HandlersOf(nClass)) {
       LumbraInstance* const pInstance = Receiver.Instance();

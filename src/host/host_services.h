@@ -1,6 +1,8 @@
 // The function tables of the stand-alone host.
 #pragma once
 
+#include <string>
+
 #include "lumbra/host.h"
 
 namespace lumbra::host {
@@ -36,6 +38,7 @@ struct HostServices {
   static ResultCode CloseObject(HostObject* pObject);
   static ResultCode Send(HostObject* pSender, std::uint32_t nClass, std::uint32_t nMessageId, HostObject* pArgument,
                          std::uint32_t nReserved1, std::uint32_t nReserved2);
+  static bool ExpandPlaceholders(StandaloneHost& Host, std::u16string* pText);
   static ResultCode RegisterMessageHandler(HostObject* pObject, std::uint32_t nClass, std::uint32_t nReserved1,
                                            HostObject* pSender, std::uint32_t nReserved2, std::uint32_t nReserved3,
                                            std::uint32_t nReserved4, std::uint32_t nReserved5);

@@ -109,25 +109,25 @@ Store StandaloneHost::Create(std::uint32_t nInterfaceId) {
 std::vector<Store> StandaloneHost::HandlersOf(std::uint32_t nClass) {
   const std::lock_guard Hold(m_Lock);
   std::vector<Store> Users;
+  Users.reserve(m_Handlers.size());
   for (const Handler& Known : m_Handlers) {
     const auto Instance = m_Instances.find(Known.pInstance);
     if (Known.nClass != nClass || Instance == m_Instances.end() || Instance->second == 0) continue;  // about to go
-    Users.push_back(Store(this, Known.pInstance));
     ++Instance->second;
+    Users.push_back(Store(this, Known.pInstance));
   }
   return Users;
 }
 
+// Under the lock from the last user's end until the memory is free: meanwhile nobody may be given the instance again,
+// nor another one at its address.
 void StandaloneHost::Release(LumbraInstance* pInstance) {
-  {
-    const std::lock_guard Hold(m_Lock);
-    const auto Found = m_Instances.find(pInstance);
-    if (--Found->second != 0) return;
-  }
+  const std::lock_guard Hold(m_Lock);
+  const auto Found = m_Instances.find(pInstance);
+  if (--Found->second != 0) return;
   pInstance->pLifecycle->ObjectShutdown(pInstance);
   pInstance->pLifecycle->ObjectFree(pInstance);
-  const std::lock_guard Hold(m_Lock);
-  m_Instances.erase(pInstance);
+  m_Instances.erase(Found);
 }
 
 void StandaloneHost::SendFlush() {

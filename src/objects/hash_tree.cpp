@@ -55,6 +55,7 @@ ResultCode HashTree::Open(StorageFile* pFile, const Options& Use) {
     return nCode;
   }
   pFileBT->GetSize(&m_nSizeBT);
+  m_bStartedAnew = !bAccepted;
   return errOK;
 }
 
@@ -75,13 +76,14 @@ ResultCode HashTree::AcceptFile(bool* pbAccepted) {
   m_bNodeCrcs = std::memcmp(hdr.Magic, kCheckedMagic, sizeof(hdr.Magic)) == 0;
   if (!m_bNodeCrcs && std::memcmp(hdr.Magic, kPlainMagic, sizeof(hdr.Magic)) != 0) return errOK;
 
-  const std::uint64_t nRecordedSize = hdr.nDBSize;
+  bool bChanged = false;
   std::uint64_t actualSize = 0;
   ODB_CHECK(pFileBT->GetSize(&actualSize), errREAD_FAILED);
   if (hdr.nDBSize != actualSize) {
     Trace(kHostRoot, traceFailure, "lmb\tWrong BT size in header, actual: %I64X, from header: %I64X", actualSize,
           hdr.nDBSize);
     hdr.nDBSize = actualSize;
+    bChanged = true;
   }
   const std::uint64_t nMinimalSize = RootEnd();
   if (hdr.nDBSize < nMinimalSize) {
@@ -91,6 +93,7 @@ ResultCode HashTree::AcceptFile(bool* pbAccepted) {
   }
   if (const std::uint64_t nUnaligned = hdr.nDBSize; nUnaligned % sizeof(tODB_BT_OFFSET) != 0) {
     hdr.nDBSize += sizeof(tODB_BT_OFFSET) - nUnaligned % sizeof(tODB_BT_OFFSET);
+    bChanged = true;
     Trace(kHostRoot, traceFailure, "lmb\tBT file size unaligned: %I64X, after align: %I64X", nUnaligned, hdr.nDBSize);
   }
 
@@ -100,7 +103,8 @@ ResultCode HashTree::AcceptFile(bool* pbAccepted) {
     if (Failed(nCode)) return nCode;
   }
   if (!bGoodRoot) return errOK;
-  const ResultCode nCode = StoreHeader(hdr, hdr.nDBSize != nRecordedSize, actualSize);
+  const ResultCode nCode = StoreHeader(hdr, bChanged, actualSize);
+  m_nSizeBT = hdr.nDBSize;
   *pbAccepted = Succeeded(nCode);
   return nCode;
 }
@@ -220,7 +224,7 @@ ResultCode HashTree::BT_GetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nP
   if (Failed(nCode)) return nCode;
   std::uint32_t crc32 = 0;
   std::uint32_t bytes = 0;
-  ODB_CHECK(BT_SeekRead(nCrcOffset, &crc32, sizeof(crc32), &bytes), ReadErrorCode(nCrcOffset));
+  ODB_CHECK(BT_SeekRead(nCrcOffset, &crc32, sizeof(crc32), &bytes), ReadErrorCode(nNodeOffset));
   ODB_CHECK(bytes == sizeof(crc32), ReadErrorCode(nCrcOffset + bytes));
   ODB_CHECK(ValidDataCrc(nPreviousOffset, offsets, offsetsSize, &crc32), errDATA_CORRUPTED);
   *pOffset = offsets[nEntryNo];
@@ -233,7 +237,7 @@ ResultCode HashTree::ReadEntry(std::uint32_t nNodeOffset, std::uint32_t nEntryNo
   std::uint32_t bytes = 0;
   // clang-format off
   ODB_CHECK(BT_SeekRead(nNodeOffset+nEntryNo*sizeof(tODB_BT_OFFSET), pOffset, sizeof(tODB_BT_OFFSET), &bytes),
-            ReadErrorCode(nPosition));
+            ReadErrorCode(nNodeOffset));
   // clang-format on
   ODB_CHECK(bytes == sizeof(tODB_BT_OFFSET), ReadErrorCode(nPosition + bytes));
   return errOK;

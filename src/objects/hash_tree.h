@@ -61,6 +61,9 @@ class HashTree {
 
   std::uint64_t Size() const { return m_nSizeBT; }
 
+  // Whether Open found no tree that it could use.
+  bool WasStartedAnew() const { return m_bStartedAnew; }
+
   // The short id in the slot that the hash leads to; errOBJECT_NOT_FOUND for an empty one. The caller
   // compares the object's hash: another object with a hash that shares the prefix may own the slot.
   ResultCode Find(std::uint64_t nHash, std::uint32_t* pnShortId);
@@ -118,6 +121,7 @@ class HashTree {
   StorageFile* pFileBT = nullptr;
   DataCrc m_Crc;
   bool m_bNodeCrcs = false;
+  bool m_bStartedAnew = false;
   std::uint64_t m_nSizeBT = 0;              // used size of the file, as nDBSize
   std::uint32_t m_nBtHeadSize = 0;          // how much of the file's head is held in memory
   std::vector<std::uint8_t> m_btHead;       // what is held of it; empty until the first read through it

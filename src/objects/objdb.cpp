@@ -81,6 +81,11 @@ std::uint64_t ObjectDB::GetSize() {
   return m_Tree.Size() + m_nSizeID + m_nSizeDT;
 }
 
+bool ObjectDB::TreeWasStartedAnew() {
+  const std::lock_guard Hold(m_Lock);
+  return m_Tree.WasStartedAnew();
+}
+
 // ---- Id records -------------------------------------------------------------------------------------------
 
 ResultCode ObjectDB::GetIdEntry(tObjectId id, tODB_ID_ENTRY* pEntry, TraceMiss Miss) {
@@ -250,7 +255,7 @@ ResultCode ObjectDB::AppendData(const void* pData, std::uint32_t nDataSize, std:
   if (nOffset + nDataSize > kMaxDataFileSize) return errOUT_OF_SPACE;
   ODB_CHECK(m_pFileData->SeekWrite(nOffset, pData, nDataSize, &bytesWritten), errWRITE_FAILED);
   if (ChecksByteCounts()) ODB_CHECK(nDataSize == bytesWritten, errWRITE_FAILED);
-  m_nSizeDT += nDataSize;
+  m_nSizeDT = nOffset + nDataSize;  // from the file: a write that failed may have left bytes before this one
   *pnOffset = static_cast<std::uint32_t>(nOffset);
   return errOK;
 }

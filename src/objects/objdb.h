@@ -1,10 +1,10 @@
 // The object store: names with a type and a parent, found by a 64-bit hash that the caller computes, and from
 // then on addressed by a 64-bit id; each with up to 255 data blocks under 32-bit keys.
 //
-// Three files: the tree that finds hashes (hash_tree.h), the id records and the data file (objdb_format.h).
-// Objects are never deleted; what is stored of them is written new block first, then the entry or array, then
-// the id record, then zeros over what was replaced, so that an interruption leaves the old or the new data
-// reachable and at worst unreferenced bytes.
+// Three files: the tree that finds hashes (hash_tree.h), the id records and the data file (objdb_format.h). Objects are
+// never deleted. What needs more room than it had is written new block first, then the entry or array, then the id
+// record, then zeros over what was replaced, so that an interruption leaves the old or the new data reachable and at
+// worst unreferenced bytes. A block that fits its room is rewritten in place; if that is interrupted, its CRC tells.
 //
 // Any thread may call any operation: one lock per store is held for each operation's whole run. No operation
 // throws. A failed check writes one trace line and answers the code named in it; damage is answered with
@@ -76,7 +76,8 @@ class ObjectDB {
   ResultCode GetObjectData(tObjectId nObjectId, void* pBuffer, std::uint32_t nBufferSize, std::uint32_t* pnDataSize,
                            std::uint32_t nDataType);
 
-  // Stores a data block under a key, in place of the one that is there. errOUT_OF_SPACE for a 256th key.
+  // Stores a data block under a key, in place of the one that is there. errOUT_OF_SPACE for a 256th key. A block of no
+  // bytes (pData null) under a new key is kept only where blocks have CRCs.
   ResultCode SetObjectData(tObjectId nObjectId, const void* pData, std::uint32_t nSize, std::uint32_t nDataType);
 
   // Forgets every data block of the object; the space stays taken until the store is compacted.
@@ -84,6 +85,9 @@ class ObjectDB {
 
   // The object's hash, 0 when it cannot be read.
   std::uint64_t GetObjectHash(tObjectId nObjectId);
+
+  // Whether Open had to start the tree anew, so that it knows no objects.
+  bool TreeWasStartedAnew();
 
   // A cheap check of the two newest objects, where a crash leaves its marks: errOK or the code of the first
   // failed check. Newest objects that the tree does not know are put back into it.
@@ -146,6 +150,9 @@ class ObjectDB {
   ResultCode ReadCheckedName(const tODB_ID_ENTRY& object_entry, void* pBuffer, std::uint32_t nSize);
 
   std::uint32_t ArraySize(std::uint32_t nCount) const;
+  bool IsAmongBlocks(std::uint64_t nOffset, std::uint32_t nSize) const {
+    return nOffset >= sizeof(FILE_MAGIC) && nOffset + nSize <= m_nSizeDT;
+  }
   ResultCode ReadDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries);
   void SealDataEntries(tObjectId nObjectId, DataEntries* pEntries) const;
   ResultCode CheckBlockInFile(const tODB_DATA_ENTRY* pde, std::uint32_t nDataSize);

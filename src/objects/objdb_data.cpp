@@ -1,4 +1,5 @@
 // The object store: data blocks under keys.
+#include <algorithm>
 #include <cstring>
 #include <mutex>
 
@@ -11,7 +12,7 @@ namespace {
 // Blocks of this size and less are read without a look at the file's size, unless everything is checked.
 constexpr std::uint32_t kLargeBlock = 4096;
 
-// Sizes have 31 bits on disk.
+// Sizes have 31 bits on disk, and a block's CRC counts, too.
 constexpr std::uint32_t kSizeLimit = 0x80000000;
 
 }  // namespace
@@ -119,7 +120,7 @@ ResultCode ObjectDB::ReadCheckedBlock(tObjectId nObjectId, const tODB_DATA_ENTRY
 ResultCode ObjectDB::SetObjectData(tObjectId nObjectId, const void* pData, std::uint32_t nSize,
                                    std::uint32_t nDataType) {
   if (nObjectId == 0 || (pData == nullptr) != (nSize == 0)) return errPARAMETER_INVALID;
-  if (nSize >= kSizeLimit) return errSIZE_INVALID;
+  if (nSize >= kSizeLimit - (Has(featureBlockCrc) ? kCrcSize : 0)) return errSIZE_INVALID;
   if (StoreNumberOf(nObjectId) != m_nNumber) return errOBJECT_NOT_FOUND;
   const std::lock_guard Hold(m_Lock);
   tODB_ID_ENTRY object_entry{};
@@ -127,8 +128,11 @@ ResultCode ObjectDB::SetObjectData(tObjectId nObjectId, const void* pData, std::
   if (Failed(nCode)) return nCode;
   DataEntries Entries;
   Entries.nCount = 0;
-  if (object_entry.nDataEntriesCount != 0) nCode = ReadDataEntries(nObjectId, object_entry, &Entries);
-  if (Failed(nCode)) return nCode;
+  if (object_entry.nDataEntriesCount != 0) {
+    nCode = ReadDataEntries(nObjectId, object_entry, &Entries);
+    if (Failed(nCode)) return nCode;
+    ODB_CHECK(IsAmongBlocks(object_entry.nDataEntriesOffset, ArraySize(Entries.nCount)), errDATA_CORRUPTED);
+  }
   std::uint32_t nEntry = Entries.Find(nDataType);
   if (nEntry == DataEntries::kNone) {
     if (Entries.nCount == kMaxDataEntries) return errOUT_OF_SPACE;
@@ -139,6 +143,9 @@ ResultCode ObjectDB::SetObjectData(tObjectId nObjectId, const void* pData, std::
   tODB_DATA_ENTRY* const pde = &Entries.Items[nEntry];
   const DataSize Old = DataSize::Decode(pde->nDataSize);
   const std::uint32_t nOldOffset = pde->nDataOffset;
+  // Where no CRC has vouched for the entry: what is about to be overwritten lies among the blocks, at least.
+  const std::uint32_t nOldRoom = std::max(Old.nStored, Old.nCapacity);
+  ODB_CHECK(nOldRoom == 0 || IsAmongBlocks(nOldOffset, nOldRoom), errDATA_CORRUPTED);
   BlockBuffer Scratch;
   ByteView Block{};
   if (!BuildBlock(nObjectId, pData, nSize, &Scratch, &Block)) return errOUT_OF_MEMORY;

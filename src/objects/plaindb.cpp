@@ -25,7 +25,8 @@ std::uint32_t StoredCrc(const std::uint8_t* pCrc) {
 }  // namespace
 
 bool PlainDB::Open(std::unique_ptr<StorageFile>& pFile, std::uint32_t nUserRecordSize, bool bCheckedIfCreated) {
-  if (pFile == nullptr || nUserRecordSize == 0) return false;
+  constexpr std::uint32_t kMaxUserSize = UINT32_MAX - CheckedAdditionSize;
+  if (pFile == nullptr || nUserRecordSize == 0 || nUserRecordSize > kMaxUserSize) return false;
   if (!AcceptHeader(*pFile, nUserRecordSize) && !Recreate(*pFile, nUserRecordSize, bCheckedIfCreated)) return false;
   m_pFile = std::move(pFile);
   return true;

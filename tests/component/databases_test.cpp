@@ -54,12 +54,18 @@ TEST_F(DatabasesTest, KeepsTheIdsOfNames) {
                    "500 Lumbra::InitDBByName method: db already initialized, dbId = 48"}),
             TakeTrace());
   EXPECT_CODE(errOK, Add(49, 7));
+  OpenNamed(u"\u00E6irst");  // of the same key in the index
+  EXPECT_CODE(errOBJECT_ALREADY_EXISTS, m_nLast);
   ASSERT_CODE(errOK, Open());
   EXPECT_EQ(49u, OpenNamed(u"second"));
   EXPECT_EQ(1u, Records(49));
   EXPECT_CODE(errOK, Call(&Ops::ClearDB, 49));
   EXPECT_FALSE(exists(Folder() / "second/g_db_id_val.log"));
   EXPECT_EQ(0u, Records(49));
+  FailCalls(SystemCall::Open, EIO);
+  EXPECT_TRUE(Failed(Call(&Ops::ClearDB, 49)));
+  EXPECT_EQ(49u, OpenNamed(u"second"));  // opened anew
+  EXPECT_CODE(errOK, Add(49, 8));
   EXPECT_EQ(0u, Records(48));
   EXPECT_CODE(errPARAMETER_INVALID, m_nLast);
   for (const auto& [pName, nCode] :
@@ -148,6 +154,20 @@ TEST_F(DatabasesTest, DescribesAndClears) {
   EXPECT_EQ(0u, Records(1));
   EXPECT_CODE(errSTORE_NOT_INITIALIZED, Call(&Ops::ClearDB, kAllDatabases));  // most are not open
   EXPECT_EQ(0u, Records(nNamed));
+}
+
+// What a limit starts or drops at once is in the size total at once, too.
+TEST_F(DatabasesTest, CountsWhatALimitDrops) {
+  for (const std::uint32_t nDb : {1u, 2u}) {
+    ASSERT_CODE(errOK, Call(&Ops::InitDB, nDb, 16));
+    ASSERT_CODE(errOK, Call(&Ops::SetDBParams, nDb, limitSegmentEvents, 10));
+    for (int i = 0; i < 60; ++i) ASSERT_CODE(errOK, Add(nDb, 1));
+  }
+  ASSERT_CODE(errOK, Call(&Ops::SetDBParams, kAllDatabases, limitGlobalSize, Size(1) + Size(2) + 1));
+  ASSERT_CODE(errOK, Call(&Ops::SetDBParams, 1, limitDatabaseEvents, 10));
+  SetClock(SystemClock() + 100);
+  for (int i = 0; i < 30; ++i) ASSERT_CODE(errOK, Add(2, 1));
+  EXPECT_EQ((std::pair{10u, 90u}), (std::pair{Records(1), Records(2)}));
 }
 
 // One limit for all: the oldest segment anywhere goes, one with each event that is added.

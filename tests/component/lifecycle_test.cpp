@@ -139,6 +139,17 @@ TEST_F(LifecycleTest, MarksDamageForGood) {
   EXPECT_EQ(1u, Number(propCORRUPTED));
 }
 
+TEST_F(LifecycleTest, RebuildsALostTree) {
+  ASSERT_CODE(errOK, Open(1));
+  const std::uint64_t nId = Find(0, u"C:\\kept");
+  m_Store = host::Store();
+  Patch("g_objbt.dat", 1040, {1, 2, 3, 4});  // the CRC of its root
+  ASSERT_CODE(errOK, Open(1));
+  EXPECT_EQ(nId, Find(0, u"C:\\kept", 0));
+  EXPECT_EQ(u"System", NameOf(1));
+  EXPECT_EQ(0u, Number(propCORRUPTED));
+}
+
 TEST_F(LifecycleTest, AnswersForItsProperties) {
   m_Store = m_Host->Create();
   const auto Access = [this](std::uint32_t nProperty, std::uint32_t nMode, void* pBuffer, std::uint32_t nSize,

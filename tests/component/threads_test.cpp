@@ -33,8 +33,14 @@ TEST_F(ThreadsTest, DoEverythingAtOnce) {
     Expect(nCode == errOK);
   };
   const std::function<void(std::uint64_t)> kWork[] = {
-      [&](std::uint64_t) { AddTo(1); },
-      [&](std::uint64_t) { AddTo(nNamed); },
+      [&](std::uint64_t) {
+        AddTo(1);
+        Expect(m_Host->Create(kSharedInstance) ? true : false);
+      },
+      [&](std::uint64_t) {
+        AddTo(nNamed);
+        Expect(m_Host->Create(kSharedInstance) ? true : false);
+      },
       [&](std::uint64_t i) {
         Event Read[20];
         std::uint32_t nRead = 0;

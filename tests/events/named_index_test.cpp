@@ -106,6 +106,8 @@ TEST_F(NamedIndexTest, ReportsFailures) {
   EXPECT_EQ((Lines{"300 SavePersistentIndex(0): File Write failed, ulo result = 2147483746, bytesWritten = 0",
                    "300 SavePersistentIndex(0): File flush failed, ulo result = 2147943517"}),
             TakeTrace());
+  EXPECT_CODE(errOK, SavePersistentIndex(Path(), 0, "a"));  // what the failed attempts wrote does not stand in the way
+  TakeTrace();
   // Another process has the file: it is neither read nor replaced.
   File Holder;
   ASSERT_CODE(errOK, Holder.OpenWithFlags(Path(), fileRead, openExisting));
@@ -145,7 +147,7 @@ TEST_F(NamedIndexTest, ChecksIdentityFiles) {
   ASSERT_EQ(4u, Small.size());
   EXPECT_EQ("300 TryReadDatabaseId: read index (5) from file is less, than minimum named db index (48)", Small[0]);
   EXPECT_EQ("350 TryReadDatabaseId: corrupted index file (" + kPath + ") content: none", Small[1]);
-  FailCalls(SystemCall::Open, EACCES, 0, 2);
+  FailCalls(SystemCall::Open, EIO, 0, 2);
   EXPECT_EQ(
       "300 ValidateDatabaseId: indexFilePath = '" + kPath + "', assignedDatabaseId = 49, TrySaveDatabaseIndex failed",
       Validate(49).back());

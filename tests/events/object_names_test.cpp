@@ -246,6 +246,12 @@ TEST_F(ObjectNamesTest, FollowsLinksAtRoots) {
   ASSERT_CODE(errOK, Link(nKey, nKey));
   EXPECT_EQ(u"", NameOf(nKey));
   EXPECT_CODE(errDATA_CORRUPTED, m_nLast);
+  std::u16string Deep = u"D:";  // as long as a chain may be, it is no circle
+  for (int i = 0; i < 20000; ++i) Deep += u"\\d";
+  const std::uint64_t nDeep = Find(1, Deep.c_str());
+  std::uint32_t nNeeded = 0;
+  EXPECT_CODE(errOK, m_pSegment->GetObjectName(nDeep, nullptr, 0, &nNeeded, 0, nullptr));
+  EXPECT_EQ(Deep.size() * 2, nNeeded);
 }
 
 TEST_F(ObjectNamesTest, RepairsOnRequest) {

@@ -36,7 +36,7 @@ class SegmentManagerTest : public World {
   }
 
   Values Get(std::uint32_t nLow, std::int32_t nHigh, std::uint32_t nCount, ResultCode nExpected = errOK) {
-    Values Read(nCount);
+    Values Read(nCount + 1);  // never empty: a null buffer is refused
     std::uint32_t nGot = 99;
     EXPECT_CODE(nExpected, m_pManager->GetEvents(nLow, nHigh, Read.data(), nCount, nCount * 4, &nGot));
     Read.resize(nGot);
@@ -205,6 +205,25 @@ TEST_F(SegmentManagerTest, EndsTheChainAtAGap) {
   Add(10);
   EXPECT_EQ(3u, SegmentOfLast());
   EXPECT_EQ(From(36, 10), Get(20, 0, 10));
+}
+
+// Only what is known to be missing ends the chain: a failure that passes must not cost the segments that were not seen.
+TEST_F(SegmentManagerTest, DoesNotStartAnewOverAPassingFailure) {
+  ASSERT_CODE(errOK, Init());
+  m_pManager->SetSegmentMaxEvents(10);
+  Add(35);
+  for (const SystemCall Failing : {SystemCall::Look, SystemCall::ReadAt, SystemCall::Open}) {
+    for (std::uint64_t nSkip = 0; nSkip < 16; ++nSkip) {
+      m_pManager.reset();
+      FailCalls(Failing, EIO, nSkip);
+      const ResultCode nCode = Init();
+      ResetSystem();
+      if (Failed(nCode)) {
+        ASSERT_CODE(errOK, Init());
+      }
+      ASSERT_EQ(35u, m_pManager->GetTotalEvents()) << static_cast<int>(Failing) << ' ' << nSkip;
+    }
+  }
 }
 
 TEST_F(SegmentManagerTest, StartsAnewOverADamagedHeader) {

@@ -184,6 +184,29 @@ TEST_F(ObjectDbTest, ChecksLargeBlocksAgainstTheFile) {
   }
 }
 
+// An entry that leads to no block: where no CRC tells, at least nothing else is overwritten.
+TEST_F(ObjectDbTest, WritesBlocksOverBlocksAlone) {
+  ASSERT_CODE(errOK, Fresh(false));
+  ASSERT_EQ(Id(1), Create(0x0101, "n"));
+  ASSERT_CODE(errOK, SetData(Id(1), 1, "data!"));
+  for (const std::uint32_t nOffset : {0u, 3u, 30u}) {
+    ASSERT_CODE(errOK, Reopen("dt", [&](Bytes& Content) { std::memcpy(Content.data() + 4 + 1 + 5 + 4, &nOffset, 4); }));
+    const Bytes kBefore = ReadFile("dt");
+    for (const char* const pData : {"other", "longer data"}) EXPECT_CODE(errDATA_CORRUPTED, SetData(Id(1), 1, pData));
+    EXPECT_EQ(kBefore, ReadFile("dt"));
+  }
+}
+
+// What a failed write left behind is stepped over, and does not look like damage later.
+TEST_F(ObjectDbTest, GoesOnBehindStrayBytes) {
+  ASSERT_CODE(errOK, Fresh(true));
+  ASSERT_EQ(Id(1), Create(0x0101, "one"));
+  std::filesystem::resize_file(Folder() / "dt", FileSize("dt") + 50);
+  ASSERT_EQ(Id(2), Create(0x0201, "two"));
+  EXPECT_EQ(FileSize("bt") + FileSize("id") + FileSize("dt"), m_pDb->GetSize());
+  EXPECT_CODE(errOK, m_pDb->FastConsistencyCheck());
+}
+
 TEST_F(ObjectDbTest, ForcesItsWayThroughABrokenNode) {
   ASSERT_CODE(errOK, Fresh(true));
   ASSERT_EQ(Id(1), Create(0x0101, "one"));
