@@ -67,9 +67,13 @@ void StandaloneHost::SetPlaceholder(std::u16string_view Placeholder, std::u16str
 
 void StandaloneHost::TraceToStream(std::uint32_t nLevel, std::FILE* pStream) {
   TraceToCallback(nLevel, [pStream](std::uint32_t nLineLevel, std::string_view Line) {
-    std::fprintf(pStream, "%u %.*s\n", nLineLevel, static_cast<int>(Line.size()), Line.data());
-    std::fflush(pStream);
+    WriteTraceLine(pStream, nLineLevel, Line);
   });
+}
+
+void WriteTraceLine(std::FILE* pStream, std::uint32_t nLevel, std::string_view Line) {
+  std::fprintf(pStream, "%u %.*s\n", nLevel, static_cast<int>(Line.size()), Line.data());
+  std::fflush(pStream);
 }
 
 bool StandaloneHost::TraceToFile(std::uint32_t nLevel, const std::string& Path) {

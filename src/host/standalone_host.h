@@ -61,6 +61,9 @@ class Store {
   LumbraInstance* m_pInstance = nullptr;
 };
 
+// Writes a trace line as TraceToStream does: its level, and the line.
+void WriteTraceLine(std::FILE* pStream, std::uint32_t nLevel, std::string_view Line);
+
 class StandaloneHost {
  public:
   using TraceCallback = std::function<void(std::uint32_t nLevel, std::string_view Line)>;

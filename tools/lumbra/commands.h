@@ -15,6 +15,8 @@ inline constexpr int kExitFailed = 1;
 inline constexpr int kExitUsage = 2;
 inline constexpr int kExitInterrupted = 130;
 
+// ---- Events -----------------------------------------------------------------------------------------------
+
 struct ScanOptions {
   DatabaseName Database;
   std::vector<std::string> Paths;
@@ -34,10 +36,57 @@ struct EventsOptions {
   std::optional<std::uint64_t> Last;
   std::optional<std::uint64_t> From;  // an event id
   std::optional<std::uint64_t> Count;
+  bool bParents = false;
   bool bJson = false;
 };
 int Events(const CommonOptions& Common, const EventsOptions& Options);
 
-int Info(const CommonOptions& Common, bool bJson);
+// ---- Objects ----------------------------------------------------------------------------------------------
+
+struct FindOptions {
+  DatabaseName Database;  // also 0, the shared objects
+  std::uint32_t nType = typeFile;
+  std::uint64_t nParent = 0;  // an object id; 0 for none
+  bool bCreate = false;
+  std::vector<std::string> Names;
+};
+int Find(const CommonOptions& Common, const FindOptions& Options);
+
+struct NameOptions {
+  std::vector<std::uint64_t> Ids;
+};
+int Name(const CommonOptions& Common, const NameOptions& Options);
+
+struct LinkOptions {
+  std::uint64_t nId = 0;
+  std::uint64_t nTarget = 0;
+};
+int Link(const CommonOptions& Common, const LinkOptions& Options);
+
+struct DataOptions {
+  std::uint64_t nId = 0;
+  std::uint32_t nKey = 0;
+  std::string File;  // empty: standard output or input
+};
+int GetData(const CommonOptions& Common, const DataOptions& Options);
+int SetData(const CommonOptions& Common, const DataOptions& Options);
+int ClearData(const CommonOptions& Common, const DataOptions& Options);
+
+// ---- The store --------------------------------------------------------------------------------------------
+
+struct InfoOptions {
+  bool bJson = false;
+};
+int Info(const CommonOptions& Common, const InfoOptions& Options);
+
+struct NoOptions {};
+int CheckStore(const CommonOptions& Common, const NoOptions& Options);
+int Compact(const CommonOptions& Common, const NoOptions& Options);
+
+struct ClearOptions {
+  DatabaseName Database;
+  bool bYes = false;
+};
+int Clear(const CommonOptions& Common, const ClearOptions& Options);
 
 }  // namespace lumbra::tool

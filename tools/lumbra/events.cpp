@@ -7,17 +7,12 @@
 #include "commands.h"
 #include "event_time.h"
 #include "failure.h"
+#include "ids.h"
 
 namespace lumbra::tool {
 namespace {
 
 constexpr std::uint32_t kBatch = 1000;
-
-std::string FormatId(std::uint64_t nId) {
-  char Text[24];
-  std::snprintf(Text, sizeof(Text), "0x%016llx", static_cast<unsigned long long>(nId));
-  return Text;
-}
 
 std::string FormatKind(std::uint32_t nKind) {
   constexpr const char* kNames[] = {"-", "file", "folder", "link", "other"};
@@ -56,30 +51,34 @@ std::vector<Run> ChooseRuns(const std::vector<SegmentFile>& Segments, const Even
 
 class Printer {
  public:
-  Printer(Session* pSession, bool bJson) : m_pSession(pSession), m_bJson(bJson) {}
+  Printer(Session* pSession, const EventsOptions& Options) : m_pSession(pSession), m_Options(Options) {}
 
-  void Print(std::uint64_t nId, const Event& Shown) {
-    const std::optional<ObjectName> Object = m_pSession->NameOf(Shown.nObject);
-    if (m_bJson) {
+  // nParent is the parent of the event's object, 0 when it has none.
+  void Print(std::uint64_t nId, const Event& Shown, std::uint64_t nParent) {
+    ObjectName Object;
+    const bool bNamed = Succeeded(m_pSession->ReadName(Shown.nObject, &Object));
+    if (m_Options.bJson) {
       nlohmann::ordered_json Line = {
           {"id", FormatId(nId)},   {"time", FormatTime(Shown.nTime)},   {"kind", Shown.nKind},
           {"value", Shown.nValue}, {"object", FormatId(Shown.nObject)}, {"type", nullptr},
           {"name", nullptr}};
-      if (Object) {
-        Line["type"] = Object->nType;
-        Line["name"] = Object->Name;
+      if (bNamed) {
+        Line["type"] = Object.nType;
+        Line["name"] = Object.Name;
       }
+      if (m_Options.bParents) Line["parent"] = nParent == 0 ? nlohmann::json() : nlohmann::json(FormatId(nParent));
       std::puts(Line.dump().c_str());
-    } else {
-      std::printf("%s  %s  %-6s  %12llu  %s\n", FormatId(nId).c_str(), FormatTime(Shown.nTime).c_str(),
-                  FormatKind(Shown.nKind).c_str(), static_cast<unsigned long long>(Shown.nValue),
-                  Object ? Object->Name.c_str() : "(its name is gone)");
+      return;
     }
+    std::printf("%s  %s  %-6s  %12llu  ", FormatId(nId).c_str(), FormatTime(Shown.nTime).c_str(),
+                FormatKind(Shown.nKind).c_str(), static_cast<unsigned long long>(Shown.nValue));
+    if (m_Options.bParents) std::printf("%-18s  ", nParent == 0 ? "-" : FormatId(nParent).c_str());
+    std::puts(bNamed ? Object.Name.c_str() : "(its name is gone)");
   }
 
  private:
   Session* m_pSession;
-  bool m_bJson;
+  const EventsOptions& m_Options;
 };
 
 }  // namespace
@@ -92,19 +91,24 @@ int Events(const CommonOptions& Common, const EventsOptions& Options) {
                   "this is no event of " + Options.Database.Describe());
   }
   const std::optional<DatabaseFiles> Files = Store.Files().Read(Options.Database);
-  Printer Output(&Store, Options.bJson);
+  if (!Files) throw Failure("list " + Options.Database.Describe(), errREAD_FAILED);
+  Printer Output(&Store, Options);
   std::vector<Event> Batch(kBatch);
+  host::IdContainer Parents;
   for (const Run& Wanted : ChooseRuns(Files->Segments, Options)) {
     for (std::uint64_t nDone = 0; nDone < Wanted.nCount;) {
       const std::uint64_t nId =
           WithDatabase((std::uint64_t{Wanted.nSegment} << 32) | (Wanted.nFirst + nDone), nDatabase);
       const auto nCount = static_cast<std::uint32_t>(std::min<std::uint64_t>(Wanted.nCount - nDone, kBatch));
       std::uint32_t nRead = 0;
+      Parents.Clear();
       Check(Store.Call(&LumbraOperations::GetEvents, nDatabase, nId, Batch.data(), kBatch * sizeof(Event), nCount,
-                       &nRead, nullptr),
+                       &nRead, Options.bParents ? Parents.Handle() : nullptr),
             "read events");
       if (nRead == 0) break;
-      for (std::uint32_t i = 0; i < nRead; ++i) Output.Print(nId + i, Batch[i]);
+      for (std::uint32_t i = 0; i < nRead; ++i) {
+        Output.Print(nId + i, Batch[i], i < Parents.Parents().size() ? Parents.Parents()[i] : 0);
+      }
       nDone += nRead;
     }
   }

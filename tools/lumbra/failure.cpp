@@ -15,6 +15,8 @@ const char* MeaningOf(ResultCode nCode) {
     case errFILE_NOT_FOUND:
     case errPATH_NOT_FOUND:
       return "there is no such thing";
+    case errNOT_FOUND:
+      return "there is nothing under this id or key";
     case errACCESS_DENIED:
       return "the file system does not let you do this";
     case errOUT_OF_SPACE:
@@ -28,12 +30,14 @@ const char* MeaningOf(ResultCode nCode) {
     case errINDEX_INVALID:
       return "the store holds 207 named databases already, and no more than that";
     case errSIZE_INVALID:
-      return "the name is too long";
+      return "the name or the data is too long";
     case errUNSPECIFIED:
     case errHASH_ZERO:
       return "the name has nothing in it that can be recorded";
     case errOUT_OF_MEMORY:
       return "there is not enough memory";
+    case errOBJECT_ALREADY_EXISTS:
+      return "another name, which the store cannot tell from this one, is open";
     case errREAD_ONLY:
       return "the store takes no writes at the moment";
     default:

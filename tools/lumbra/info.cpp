@@ -23,9 +23,10 @@ DatabaseInfo Describe(Session& Store, const DatabaseName& Database) {
   DatabaseInfo Info{};
   Info.Name = Database;
   Info.nId = Store.OpenDatabase(Database, Missing::Refuse);
-  const DatabaseFiles Files = *Store.Files().Read(Database);
-  Info.nEventSize = Files.nEventSize;
-  Info.nSegments = Files.Segments.size();
+  const std::optional<DatabaseFiles> Files = Store.Files().Read(Database);
+  if (!Files) throw Failure("list " + Database.Describe(), errREAD_FAILED);
+  Info.nEventSize = Files->nEventSize;
+  Info.nSegments = Files->Segments.size();
   Check(Store.Call(&LumbraOperations::GetDBInfo, Info.nId, &Info.nRecords, &Info.nBytes, &Info.nOldest),
         "describe " + Database.Describe());
   return Info;
@@ -63,7 +64,7 @@ void PrintText(const Session& Store, const std::vector<DatabaseInfo>& Databases)
 
 }  // namespace
 
-int Info(const CommonOptions& Common, bool bJson) {
+int Info(const CommonOptions& Common, const InfoOptions& Options) {
   Session Store(Common, Missing::Refuse);
   std::vector<DatabaseInfo> Databases;
   int nStatus = kExitOk;
@@ -75,7 +76,7 @@ int Info(const CommonOptions& Common, bool bJson) {
       nStatus = kExitFailed;
     }
   }
-  bJson ? PrintJson(Store, Databases) : PrintText(Store, Databases);
+  Options.bJson ? PrintJson(Store, Databases) : PrintText(Store, Databases);
   return nStatus;
 }
 

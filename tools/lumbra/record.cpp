@@ -8,6 +8,7 @@
 #include "commands.h"
 #include "event_time.h"
 #include "failure.h"
+#include "ids.h"
 #include "machine.h"
 #include "recorder.h"
 
@@ -42,11 +43,8 @@ std::uint32_t TypeOf(const json& Object) {
   const auto Found = Object.find("type");
   if (Found == Object.end()) return typeFile;
   if (Found->is_number()) return NumberOf<std::uint8_t>(Object, "type", 0);
-  constexpr std::pair<const char*, std::uint32_t> kNames[] = {{"file", typeFile},         {"folder", typeFolder},
-                                                              {"key", typeRegistryKey},   {"value", typeRegistryValue},
-                                                              {"volume", typeVolumeRoot}, {"name", typeName}};
-  for (const auto& [pName, nType] : kNames) {
-    if (*Found == pName) return nType;
+  if (Found->is_string()) {
+    if (const std::optional<std::uint32_t> Type = TypeOfName(Found->get<std::string>())) return *Type;
   }
   throw BadLine("\"type\" must be file, folder, key, value, volume, name or a number from 0 to 255");
 }

@@ -4,13 +4,9 @@
 #include <cstdio>
 
 #include "failure.h"
-#include "host/text.h"
 
 namespace lumbra::tool {
 namespace {
-
-// Finds or creates, and clears away what stands in the way of that.
-constexpr std::uint32_t kCreateRepairing = 2;
 
 // Failures that lie in the name and not in the store.
 bool IsFaultOfName(ResultCode nCode) {
@@ -19,24 +15,10 @@ bool IsFaultOfName(ResultCode nCode) {
 
 }  // namespace
 
-std::uint32_t FlagsFor(std::uint32_t nType, const std::string& Name) {
-  const bool bPath = nType == typeFile || nType == typeFolder;
-  if (!bPath || !Name.starts_with('/')) return 0;
-  const bool bSplits = Name != "/" && Name.find('\\') == std::string::npos;
-  return RemoveObjectFlags(bSplits ? fObjNoCase : fObjNoCase | fObjSplitPath);
-}
-
 Recorder::Recorder(Session* pSession, std::uint32_t nDatabase) : m_pSession(pSession), m_nDatabase(nDatabase) {}
 
-ResultCode Recorder::FindObject(std::uint32_t nType, const std::string& Name, std::uint64_t* pnObject) {
-  const std::u16string Wide = host::ToUtf16(Name);
-  const auto nSize = static_cast<std::int32_t>(Wide.size() * sizeof(char16_t));
-  return m_pSession->Call(&LumbraOperations::FindObject, m_nDatabase, nType, Wide.c_str(), nSize, kCreateRepairing,
-                          FlagsFor(nType, Name), 0, pnObject);
-}
-
 bool Recorder::Record(Event Recorded, std::uint32_t nType, const std::string& Name, std::string* pReason) {
-  const ResultCode nFound = FindObject(nType, Name, &Recorded.nObject);
+  const ResultCode nFound = m_pSession->FindObject(m_nDatabase, nType, Name, true, 0, &Recorded.nObject);
   if (Failed(nFound)) {
     const Failure Reason("name it", nFound);
     if (!IsFaultOfName(nFound)) throw Reason;
@@ -50,7 +32,7 @@ bool Recorder::Record(Event Recorded, std::uint32_t nType, const std::string& Na
   if (SegmentOfId(nEvent) == SegmentOfId(Recorded.nObject)) return true;
   // The event began a new segment while its name is in the one before, and would go with that: name it here,
   // too.
-  Check(FindObject(nType, Name, &Recorded.nObject), "name an event's object");
+  Check(m_pSession->FindObject(m_nDatabase, nType, Name, true, 0, &Recorded.nObject), "name an event's object");
   Check(m_pSession->Call(&LumbraOperations::UpdateEvent, nEvent, &Recorded, sizeof(Recorded)), "update an event");
   return true;
 }

@@ -23,17 +23,10 @@ class Recorder {
   std::uint64_t Count() const { return m_nCount; }
 
  private:
-  ResultCode FindObject(std::uint32_t nType, const std::string& Name, std::uint64_t* pnObject);
-
   Session* m_pSession;
   std::uint32_t m_nDatabase;
   std::uint64_t m_nCount = 0;
   std::chrono::steady_clock::time_point m_Start = std::chrono::steady_clock::now();
 };
-
-// The flags override with which an object of that type and name is looked up, so that it comes back as it
-// went in. A path that starts with '/' is one of a system where case counts; one that the store's way of
-// splitting paths would change, with a backslash in a name or nothing but the root, is kept whole.
-std::uint32_t FlagsFor(std::uint32_t nType, const std::string& Name);
 
 }  // namespace lumbra::tool

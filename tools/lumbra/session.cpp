@@ -1,7 +1,11 @@
 #include "session.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "failure.h"
 #include "host/text.h"
+#include "ids.h"
 #include "machine.h"
 
 namespace lumbra::tool {
@@ -20,10 +24,10 @@ fs::path StoreFolder(const CommonOptions& Options) {
 
 }  // namespace
 
-Session::Session(const CommonOptions& Options, Missing Store) : m_Files(StoreFolder(Options)) {
+Session::Session(const CommonOptions& Options, Missing Store, DamageListener Listener) : m_Files(StoreFolder(Options)) {
   const std::string What = "open " + m_Files.Folder().string();
   if (Store == Missing::Refuse && !m_Files.Exists()) throw Failure(What, errOBJECT_NOT_FOUND, "there is no store here");
-  if (Options.nTraceLevel != 0) m_Host.TraceToStream(Options.nTraceLevel, stderr);
+  Trace(Options.nTraceLevel, std::move(Listener));
   m_Host.SetPlaceholder(u"%host%", host::ToUtf16(Options.Host.empty() ? MachineName() : Options.Host));
   m_Store = m_Host.Create();
   if (!m_Store) throw Failure(What, errOUT_OF_MEMORY);
@@ -32,6 +36,21 @@ Session::Session(const CommonOptions& Options, Missing Store) : m_Files(StoreFol
   const ResultCode nCode = m_Store.Init();
   if (Failed(nCode) && m_Files.IsHeldByAnotherProcess()) throw Failure(What, errSHARING_VIOLATION);
   Check(nCode, What);
+}
+
+// The user's level goes to stderr; what the listener is told does not depend on it.
+void Session::Trace(std::uint32_t nLevel, DamageListener Listener) {
+  if (!Listener) {
+    if (nLevel != 0) m_Host.TraceToStream(nLevel, stderr);
+    return;
+  }
+  constexpr std::uint32_t kDamageLevel = 350;
+  m_Host.TraceToCallback(std::max(nLevel, kDamageLevel),
+                         [nLevel, Listener = std::move(Listener)](std::uint32_t nLineLevel, std::string_view Line) {
+                           if (nLineLevel <= nLevel) host::WriteTraceLine(stderr, nLineLevel, Line);
+                           if (Line.starts_with("lmb\t")) Line.remove_prefix(4);
+                           if (nLineLevel <= kDamageLevel) Listener(Line);
+                         });
 }
 
 std::uint32_t Session::OpenDatabase(const DatabaseName& Database, Missing IfMissing) {
@@ -52,8 +71,20 @@ std::uint32_t Session::OpenDatabase(const DatabaseName& Database, Missing IfMiss
     Check(Call(&LumbraOperations::InitDBByName, Name.c_str(), nEventSize, &nId), What);
     return nId;
   }
-  if (*Database.Number != kSystemDatabase) Check(Call(&LumbraOperations::InitDB, *Database.Number, nEventSize), What);
+  if (*Database.Number != kSystemDatabase && m_Open.insert(*Database.Number).second) {
+    Check(Call(&LumbraOperations::InitDB, *Database.Number, nEventSize), What);
+  }
   return *Database.Number;
+}
+
+void Session::OpenDatabaseOf(std::uint64_t nObject) {
+  const std::uint32_t nDatabase = DatabaseOfId(nObject);
+  const std::optional<DatabaseName> Database = m_Files.DatabaseOfNumber(nDatabase);
+  if (!Database) {
+    throw Failure("open the database of " + FormatId(nObject), errOBJECT_NOT_FOUND,
+                  "there is no database " + std::to_string(nDatabase) + " in this store");
+  }
+  OpenDatabase(*Database, Missing::Refuse);
 }
 
 std::uint32_t Session::OpenEventDatabase(const DatabaseName& Database, Missing IfMissing) {
@@ -78,17 +109,25 @@ void Session::SetLimits(std::uint32_t nDatabase, const LimitOptions& Limits) {
   Set(kAllDatabases, limitGlobalSize, Limits.GlobalSize);
 }
 
-std::optional<ObjectName> Session::NameOf(std::uint64_t nObject) {
+ResultCode Session::FindObject(std::uint32_t nDatabase, std::uint32_t nType, const std::string& Name, bool bCreate,
+                               std::uint64_t nParent, std::uint64_t* pnObject) {
+  constexpr std::uint32_t kFindOnly = 0;
+  constexpr std::uint32_t kCreateRepairing = 2;
+  const std::u16string Wide = host::ToUtf16(Name);
+  const auto nSize = static_cast<std::int32_t>(Wide.size() * sizeof(char16_t));
+  return Call(&LumbraOperations::FindObject, nDatabase, nType, Wide.c_str(), nSize,
+              bCreate ? kCreateRepairing : kFindOnly, FlagsFor(nType, Name), nParent, pnObject);
+}
+
+ResultCode Session::ReadName(std::uint64_t nObject, ObjectName* pName) {
   std::u16string Name(256, u'\0');
   for (;;) {
-    std::uint32_t nType = 0;
     std::uint32_t nBytes = 0;
     const auto nRoom = static_cast<std::uint32_t>(Name.size() * sizeof(char16_t));
-    const ResultCode nCode = Call(&LumbraOperations::GetObjectName, nObject, Name.data(), nRoom, &nBytes, 0, &nType);
-    if (nCode != errBUFFER_TOO_SMALL) {
-      if (Failed(nCode)) return {};
-      return ObjectName{nType, host::ToUtf8(std::u16string_view(Name).substr(0, nBytes / sizeof(char16_t)))};
-    }
+    const ResultCode nCode =
+        Call(&LumbraOperations::GetObjectName, nObject, Name.data(), nRoom, &nBytes, 0, &pName->nType);
+    if (Succeeded(nCode)) pName->Name = host::ToUtf8(std::u16string_view(Name).substr(0, nBytes / sizeof(char16_t)));
+    if (nCode != errBUFFER_TOO_SMALL) return nCode;
     Name.resize(nBytes / sizeof(char16_t));
   }
 }
@@ -97,6 +136,13 @@ bool Session::IsCorrupted() const {
   std::uint32_t nCorrupted = 0;
   Check(m_Store.GetNumber(propCORRUPTED, &nCorrupted), "read the store's state");
   return nCorrupted != 0;
+}
+
+std::uint32_t FlagsFor(std::uint32_t nType, const std::string& Name) {
+  const bool bPath = nType == typeFile || nType == typeFolder;
+  if (!bPath || !Name.starts_with('/')) return 0;
+  const bool bSplits = Name != "/" && Name.find('\\') == std::string::npos;
+  return RemoveObjectFlags(bSplits ? fObjNoCase : fObjNoCase | fObjSplitPath);
 }
 
 }  // namespace lumbra::tool

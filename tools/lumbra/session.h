@@ -2,8 +2,11 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
+#include <set>
 #include <string>
+#include <string_view>
 
 #include "host/standalone_host.h"
 #include "store_files.h"
@@ -46,23 +49,33 @@ struct ObjectName {
 
 enum class Missing { Create, Refuse };
 
+// Told what the store traces about failures and damage, without the "lmb\t" in front.
+using DamageListener = std::function<void(std::string_view Line)>;
+
 class Session {
  public:
   // Opens the store, or throws a Failure. Missing::Refuse: a store that is not there is one.
-  Session(const CommonOptions& Options, Missing Store);
+  Session(const CommonOptions& Options, Missing Store, DamageListener Listener = {});
 
   const StoreFiles& Files() const { return m_Files; }
 
   // Opens a database with the event size that it has, a new one with the size of Event. Answers its id.
   std::uint32_t OpenDatabase(const DatabaseName& Database, Missing IfMissing);
 
+  // Opens the database that an object id names.
+  void OpenDatabaseOf(std::uint64_t nObject);
+
   // The same for a command that works with the tool's own events; throws a Failure for a database of others.
   std::uint32_t OpenEventDatabase(const DatabaseName& Database, Missing IfMissing);
 
   void SetLimits(std::uint32_t nDatabase, const LimitOptions& Limits);
 
-  // The name and type of an object; nothing when it is not there any more.
-  std::optional<ObjectName> NameOf(std::uint64_t nObject);
+  // Finds an object by name, or (with nCreate) creates it, clearing away damage that stands in the way.
+  ResultCode FindObject(std::uint32_t nDatabase, std::uint32_t nType, const std::string& Name, bool bCreate,
+                        std::uint64_t nParent, std::uint64_t* pnObject);
+
+  // The name and type of an object. Its database must be open.
+  ResultCode ReadName(std::uint64_t nObject, ObjectName* pName);
 
   bool IsCorrupted() const;
 
@@ -74,9 +87,17 @@ class Session {
   }
 
  private:
+  void Trace(std::uint32_t nLevel, DamageListener Listener);
+
   StoreFiles m_Files;
   host::StandaloneHost m_Host;
   host::Store m_Store;
+  std::set<std::uint32_t> m_Open;  // the numbered databases that are open
 };
+
+// The flags override with which an object of that type and name is looked up, so that it comes back as it went in. A
+// path that starts with '/' is one of a system where case counts; one that the store's way of splitting paths would
+// change, with a backslash in a name or nothing but the root, is kept whole.
+std::uint32_t FlagsFor(std::uint32_t nType, const std::string& Name);
 
 }  // namespace lumbra::tool

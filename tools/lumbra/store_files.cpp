@@ -15,7 +15,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::size_t kMaxNameLength = 63;  // UTF-16 units
-constexpr std::uint64_t kEventFileHeader = 12;
+constexpr std::uint64_t kRecordFileHeader = 12;
 
 std::string FormatHex(const char* pFormat, std::uint32_t nValue) {
   char Text[32];
@@ -28,6 +28,16 @@ std::optional<std::uint32_t> NumberOfFolder(const std::string& Name) {
   if (Name.size() != 2 || Name.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) return {};
   const auto nNumber = static_cast<std::uint32_t>(std::stoul(Name, nullptr, 16));
   return nNumber < kFirstNamedDatabase ? std::optional(nNumber) : std::nullopt;
+}
+
+// The form in which the index of names keeps a name: the low 7 bits of each UTF-16 unit, up to a zero.
+std::string IndexKey(const std::string& Name) {
+  std::string Key;
+  for (const char16_t c : host::ToUtf16(Name)) {
+    if ((c & 0x7F) == 0) break;
+    Key += static_cast<char>(c & 0x7F);
+  }
+  return Key;
 }
 
 bool IsSeparatorOrControl(char c) {
@@ -96,7 +106,7 @@ std::optional<DatabaseFiles> StoreFiles::Read(const DatabaseName& Database) cons
     std::error_code Missing;
     const std::uint64_t nSize = fs::file_size(Folder / FormatHex("%08X_events.dat", nNumber), Missing);
     if (Missing) return Found;
-    const std::uint64_t nBytes = nSize < kEventFileHeader ? 0 : nSize - kEventFileHeader;
+    const std::uint64_t nBytes = nSize < kRecordFileHeader ? 0 : nSize - kRecordFileHeader;
     Found.Segments.push_back({nNumber, nBytes / Header.nEventSize});
   }
 }
@@ -118,6 +128,49 @@ std::vector<DatabaseName> StoreFiles::Databases() const {
   std::sort(Named.begin(), Named.end(), [](const auto& a, const auto& b) { return a.Name < b.Name; });
   Numbered.insert(Numbered.end(), Named.begin(), Named.end());
   return Numbered;
+}
+
+std::optional<DatabaseName> StoreFiles::DatabaseOfNumber(std::uint32_t nId) const {
+  if (nId < kFirstNamedDatabase) return DatabaseName{nId, {}};
+  const std::string Item = ReadBlock("g_db_id.dat", std::uint64_t{nId - kFirstNamedDatabase} + 1);
+  if (Item.empty()) return {};
+  const std::string Key = Item.substr(0, Item.find('\0'));
+  for (const DatabaseName& Candidate : Databases()) {
+    if (!Candidate.Number && IndexKey(Candidate.Name) == Key) return Candidate;
+  }
+  return {};
+}
+
+bool StoreFiles::IsMarkedCorrupted() const {
+  return ReadBlock("g_db_id.dat", 0).find("Ver 1.0 Corrupted") != std::string::npos;
+}
+
+bool StoreFiles::SharedObjectsHaveCrcs() const {
+  const std::string Magic = ReadBlock("g_objdt.dat", 0).substr(0, 4);
+  return Magic == "ODBQ" || Magic == "ODBR" || Magic == "ODBS";
+}
+
+std::uint64_t StoreFiles::SharedObjectCount() const {
+  const std::uint64_t nSize = SizeOf("g_objid.dat");
+  const std::uint32_t nRecord = ReadBlock("g_objid.dat", 0).starts_with("PLDP") ? 33 : 29;
+  return nSize < kRecordFileHeader ? 0 : (nSize - kRecordFileHeader) / nRecord;
+}
+
+std::uint64_t StoreFiles::SizeOf(const char* pName) const {
+  std::error_code Missing;
+  const std::uint64_t nSize = fs::file_size(m_Folder / pName, Missing);
+  return Missing ? 0 : nSize;
+}
+
+// Up to 64 bytes of one of the store's own files.
+std::string StoreFiles::ReadBlock(const char* pName, std::uint64_t nBlock) const {
+  constexpr std::size_t kBlockSize = 64;
+  std::string Block(kBlockSize, '\0');
+  std::ifstream File(m_Folder / pName, std::ios::binary);
+  File.seekg(static_cast<std::streamoff>(nBlock * kBlockSize));
+  File.read(Block.data(), kBlockSize);
+  Block.resize(static_cast<std::size_t>(std::max<std::streamsize>(File.gcount(), 0)));
+  return Block;
 }
 
 }  // namespace lumbra::tool

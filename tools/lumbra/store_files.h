@@ -49,7 +49,22 @@ class StoreFiles {
   // Every database of the store, the numbered ones first.
   std::vector<DatabaseName> Databases() const;
 
+  // The database with an id, by the index of names; nothing when there is none.
+  std::optional<DatabaseName> DatabaseOfNumber(std::uint32_t nId) const;
+
+  // Whether damaged data was met at some time, as the index of names has it.
+  bool IsMarkedCorrupted() const;
+
+  // Whether the shared objects have CRCs, and how many there are.
+  bool SharedObjectsHaveCrcs() const;
+  std::uint64_t SharedObjectCount() const;
+
+  // Bytes of one of the store's own files; 0 when it is not there.
+  std::uint64_t SizeOf(const char* pName) const;
+
  private:
+  std::string ReadBlock(const char* pName, std::uint64_t nBlock) const;
+
   std::filesystem::path m_Folder;
 };
 

@@ -1,0 +1,81 @@
+// lumbra check: what the store's quick check of the shared objects finds. It runs whenever a store is opened that is
+// not marked corrupted; this command listens to its trace and says in words what happened.
+#include <cstdio>
+
+#include "commands.h"
+
+namespace lumbra::tool {
+namespace {
+
+// What a line of the trace means; the first whose start or part fits. The check looks at the two newest objects.
+struct Meaning {
+  std::string_view Part;
+  const char* pWords;
+};
+constexpr Meaning kMeanings[] = {
+    {"Wrong BT size", "a tree of hashes recorded another size than its file has; the file's was taken"},
+    {"Too small BT size", "a tree of hashes was too small to be one and was started anew"},
+    {"BT file size unaligned", "a tree of hashes ended within a slot and was filled up"},
+    {"hash not found in BT", nullptr},  // the lines about the repair as a whole say it
+    {"trying to repair BT", nullptr},
+    {"object hashes were added", "objects were missing from the tree of hashes and have been put back"},
+    {"Succeeded(m_IdDB.FastConsistencyCheck())", "the last id record is torn; the next new object takes its place"},
+    {"ValidDataCrc(objectEntry.nObjectHash", "the name of one of the newest objects is damaged"},
+    {"ValidDataCrc(nObjectId + 1, dataEntries", "the data of one of the newest objects is damaged"},
+    {"ValidDataCrc(nObjectId + 1, buffer", "the data of one of the newest objects is damaged"},
+    {"idFromBt", "two objects claim one hash"},
+    {"file signature is not valid", nullptr},
+    {"corrupted persistent index", "the index of named databases was damaged and has been replaced by an empty one"},
+    {"TryLoadPersistentIndexes: failed to read",
+     "the index of named databases was cut off and has been replaced by an "
+     "empty one"},
+    {"failed check", "one of the newest objects, or what leads to it, is damaged"},
+};
+
+class Findings {
+ public:
+  void Note(std::string_view Line) {
+    for (const Meaning& Known : kMeanings) {
+      if (Line.find(Known.Part) == std::string_view::npos) continue;
+      if (Known.pWords != nullptr) Print(Known.pWords, Line);
+      return;
+    }
+    Print("something else was reported", Line);
+  }
+
+  bool Any() const { return m_bAny; }
+
+ private:
+  void Print(const char* pWords, std::string_view Line) {
+    m_bAny = true;
+    std::printf("- %s\n    (%.*s)\n", pWords, static_cast<int>(Line.size()), Line.data());
+  }
+
+  bool m_bAny = false;
+};
+
+}  // namespace
+
+int CheckStore(const CommonOptions& Common, const NoOptions& /*Options*/) {
+  Findings Found;
+  Session Store(Common, Missing::Refuse, [&Found](std::string_view Line) { Found.Note(Line); });
+  const StoreFiles& Files = Store.Files();
+  std::printf("%s: %llu shared objects\n", Files.Folder().c_str(),
+              static_cast<unsigned long long>(Files.SharedObjectCount()));
+  if (Files.IsMarkedCorrupted()) {
+    std::puts("The store is marked corrupted: damaged data was met at some time. The quick check is not run on it.");
+    return kExitFailed;
+  }
+  if (Store.IsCorrupted()) {
+    std::puts("The quick check found damage. What is damaged is refused; the rest can be read.");
+    return kExitFailed;
+  }
+  if (!Files.SharedObjectsHaveCrcs()) {
+    std::puts("The shared objects have no CRCs (their files were not created in check mode): nothing to check.");
+    return kExitOk;
+  }
+  std::puts(Found.Any() ? "The newest objects are sound now." : "The newest objects are sound.");
+  return kExitOk;
+}
+
+}  // namespace lumbra::tool

@@ -1,0 +1,217 @@
+#include "command_line.h"
+
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "commands.h"
+#include "ids.h"
+
+namespace lumbra::tool {
+namespace {
+
+// What the arguments come to.
+struct Request {
+  CommonOptions Common;
+  std::function<int()> Run;
+};
+
+// ---- Options of several commands --------------------------------------------------------------------------
+
+// An option whose text is turned into a value, or refused with a reason.
+template <class Value, class ParseText>
+CLI::Option* AddParsed(CLI::App* pCommand, const std::string& Name, Value* pValue, const std::string& Description,
+                       ParseText Parse) {
+  const auto Take = [=](const CLI::results_t& Texts) {
+    std::string Reason;
+    const auto Parsed = Parse(Texts.front(), &Reason);
+    if (!Parsed) throw CLI::ValidationError(Name, Reason);
+    *pValue = static_cast<Value>(*Parsed);
+    return true;
+  };
+  return pCommand->add_option(Name, Take, Description);
+}
+
+std::optional<std::uint64_t> IdOrReason(const std::string& Text, std::string* pReason) {
+  *pReason = "an id has up to 16 hexadecimal digits";
+  return ParseId(Text);
+}
+
+std::optional<std::uint64_t> KeyOrReason(const std::string& Text, std::string* pReason) {
+  *pReason = "a key is a number of 32 bits, decimal or 0x...";
+  return ParseNumber(Text, UINT32_MAX);
+}
+
+std::optional<std::uint64_t> TypeOrReason(const std::string& Text, std::string* pReason) {
+  *pReason = "a type is file, folder, key, value, volume, name or a number from 0 to 255";
+  if (const std::optional<std::uint32_t> Named = TypeOfName(Text)) return *Named;
+  return ParseNumber(Text, UINT8_MAX);
+}
+
+std::optional<DatabaseName> DatabaseOrShared(const std::string& Text, std::string* pReason) {
+  return Text == "0" ? DatabaseName{kSystemDatabase, {}} : ParseDatabaseName(Text, pReason);
+}
+
+CLI::Option* AddId(CLI::App* pCommand, const std::string& Name, std::uint64_t* pnId, const std::string& Description) {
+  return AddParsed(pCommand, Name, pnId, Description, IdOrReason)->type_name("ID");
+}
+
+void AddDatabase(CLI::App* pCommand, DatabaseName* pDatabase) {
+  AddParsed(pCommand, "--db", pDatabase, "Database: a number from 1 to 47, or a name", ParseDatabaseName)
+      ->required()
+      ->type_name("DB");
+}
+
+void AddLimits(CLI::App* pCommand, LimitOptions* pLimits) {
+  const auto Add = [pCommand](const char* pName, std::optional<std::uint64_t>* pLimit, const char* pDescription) {
+    pCommand->add_option(pName, *pLimit, pDescription)->group("Limits");
+  };
+  Add("--segment-events", &pLimits->SegmentEvents, "Start a new segment at so many events");
+  Add("--segment-size", &pLimits->SegmentSize, "... at so many bytes");
+  Add("--segment-age", &pLimits->SegmentAge, "... when the newest is so many seconds old");
+  Add("--max-events", &pLimits->MaxEvents, "Drop the oldest segments above so many events");
+  Add("--max-size", &pLimits->MaxSize, "... above so many bytes");
+  Add("--max-age", &pLimits->MaxAge, "... when they are older than so many seconds");
+  Add("--global-size", &pLimits->GlobalSize, "Keep all databases together below so many bytes");
+}
+
+void AddCommon(CLI::App* pApp, CommonOptions* pCommon) {
+  pApp->add_option("--store", pCommon->Store, "Folder of the store")->envname("LUMBRA_STORE")->capture_default_str();
+  pApp->add_flag("--check-mode", pCommon->bCheckMode, "Create new files with every kind of CRC");
+  pApp->add_option("--host", pCommon->Host, "Name of the host in the store (default: this machine's)");
+  pApp->add_option("--trace", pCommon->nTraceLevel,
+                   "Write trace lines up to this level to stderr: 300 failures, 350 damage, 400 notable, 500 routine, "
+                   "600 all");
+}
+
+// ---- The commands -----------------------------------------------------------------------------------------
+
+// A command with its options, which live as long as the parser.
+template <class Options>
+struct Command {
+  CLI::App* pApp;
+  Options* pOptions;
+};
+
+template <class Options>
+Command<Options> AddCommand(CLI::App* pParent, Request* pRequest, const char* pName, const char* pDescription,
+                            int (*pRun)(const CommonOptions&, const Options&)) {
+  CLI::App* const pApp = pParent->add_subcommand(pName, pDescription);
+  const auto pOptions = std::make_shared<Options>();
+  pApp->callback([=] {
+    pRequest->Run = [=] {
+      return pRun(pRequest->Common, *pOptions);
+    };
+  });
+  return {pApp, pOptions.get()};
+}
+
+void AddEventCommands(CLI::App* pApp, Request* pRequest) {
+  const auto [pScan, pScanWith] =
+      AddCommand(pApp, pRequest, "scan", "Record an event for each entry of real folders", Scan);
+  AddDatabase(pScan, &pScanWith->Database);
+  pScan->add_option("PATH", pScanWith->Paths, "What to walk, with all that is below it")->required();
+  AddLimits(pScan, &pScanWith->Limits);
+
+  const auto [pRecord, pRecordWith] = AddCommand(pApp, pRequest, "record", "Record events from JSON Lines", Record);
+  AddDatabase(pRecord, &pRecordWith->Database);
+  pRecord->add_option("FILE", pRecordWith->File, "Where the lines are (default: standard input)");
+  AddLimits(pRecord, &pRecordWith->Limits);
+
+  const auto [pEvents, pEventsWith] = AddCommand(pApp, pRequest, "events", "Show events, oldest to newest", Events);
+  AddDatabase(pEvents, &pEventsWith->Database);
+  CLI::Option* const pLast = pEvents->add_option("--last", pEventsWith->Last, "The newest N events");
+  AddParsed(pEvents, "--from", &pEventsWith->From, "Events from this id on", IdOrReason)
+      ->type_name("ID")
+      ->excludes(pLast);
+  pEvents->add_option("--count", pEventsWith->Count, "At most N events");
+  pEvents->add_flag("--parents", pEventsWith->bParents, "Also the parent of each event's object");
+  pEvents->add_flag("--json", pEventsWith->bJson, "One JSON object a line");
+}
+
+void AddObjectCommands(CLI::App* pApp, Request* pRequest) {
+  const auto [pFind, pFindWith] = AddCommand(pApp, pRequest, "find", "Find objects by name", Find);
+  AddParsed(pFind, "--db", &pFindWith->Database, "Database: a number from 1 to 47, a name, or 0 for the shared objects",
+            DatabaseOrShared)
+      ->required()
+      ->type_name("DB");
+  AddParsed(pFind, "--type", &pFindWith->nType, "file, folder, key, value, volume, name or a number (default: file)",
+            TypeOrReason)
+      ->type_name("T");
+  AddId(pFind, "--parent", &pFindWith->nParent, "The object below which the names are");
+  pFind->add_flag("--create", pFindWith->bCreate, "Create what is not there");
+  pFind->add_option("NAME", pFindWith->Names, "Names of objects")->required();
+
+  const auto [pName, pNameWith] = AddCommand(pApp, pRequest, "name", "Show the names and types of objects", Name);
+  const auto TakeIds = [pIds = &pNameWith->Ids](const std::vector<std::string>& Texts) {
+    for (const std::string& Text : Texts) {
+      const std::optional<std::uint64_t> Id = ParseId(Text);
+      if (!Id) throw CLI::ValidationError("ID", Text + ": an id has up to 16 hexadecimal digits");
+      pIds->push_back(*Id);
+    }
+  };
+  pName->add_option_function<std::vector<std::string>>("ID", TakeIds, "Ids of objects")->required();
+
+  const auto [pLink, pLinkWith] =
+      AddCommand(pApp, pRequest, "link", "Let an object stand for another when names are followed", Link);
+  AddId(pLink, "ID", &pLinkWith->nId, "The object that gets the link")->required();
+  AddId(pLink, "TARGET", &pLinkWith->nTarget, "The object that it stands for")->required();
+}
+
+void AddDataCommands(CLI::App* pApp, Request* pRequest) {
+  CLI::App* const pData = pApp->add_subcommand("data", "Read and write the data of an object");
+  pData->require_subcommand(1);
+  pData->fallthrough();
+  const auto Add = [&](const char* pName, const char* pDescription, auto pRun) {
+    const auto [pCommand, pOptions] = AddCommand(pData, pRequest, pName, pDescription, pRun);
+    AddId(pCommand, "ID", &pOptions->nId, "The object")->required();
+    return Command<DataOptions>{pCommand, pOptions};
+  };
+  const auto AddKey = [](const Command<DataOptions>& To, const char* pFile) {
+    AddParsed(To.pApp, "KEY", &To.pOptions->nKey, "The key of the block, decimal or 0x...", KeyOrReason)
+        ->required()
+        ->type_name("KEY");
+    To.pApp->add_option("FILE", To.pOptions->File, pFile);
+  };
+  AddKey(Add("get", "Write a block's bytes", GetData), "Where to (default: standard output)");
+  AddKey(Add("set", "Store bytes as a block", SetData), "Where from (default: standard input)");
+  Add("clear", "Remove every block", ClearData);
+}
+
+void AddStoreCommands(CLI::App* pApp, Request* pRequest) {
+  const auto [pInfo, pInfoWith] = AddCommand(pApp, pRequest, "info", "Describe every database of the store", Info);
+  pInfo->add_flag("--json", pInfoWith->bJson, "As a JSON object");
+
+  AddCommand(pApp, pRequest, "check", "Say what the quick check of the shared objects finds and repairs", CheckStore);
+  AddCommand(pApp, pRequest, "compact", "Write the shared objects without the holes between them", Compact);
+
+  const auto [pClear, pClearWith] = AddCommand(pApp, pRequest, "clear", "Delete everything in a database", Clear);
+  AddDatabase(pClear, &pClearWith->Database);
+  pClear->add_flag("--yes", pClearWith->bYes, "Really")->required();
+}
+
+}  // namespace
+
+std::function<int()> ParseCommandLine(int nCount, char** ppArguments) {
+  CLI::App App("Records events about files and other named objects, and shows them again.", "lumbra");
+  App.require_subcommand(1);
+  App.fallthrough();  // the common options may stand behind a command, too
+  const auto pRequest = std::make_shared<Request>();
+  AddCommon(&App, &pRequest->Common);
+  AddEventCommands(&App, pRequest.get());
+  AddObjectCommands(&App, pRequest.get());
+  AddDataCommands(&App, pRequest.get());
+  AddStoreCommands(&App, pRequest.get());
+  try {
+    App.parse(nCount, ppArguments);
+  } catch (const CLI::ParseError& Error) {
+    const int nStatus = App.exit(Error) == 0 ? kExitOk : kExitUsage;
+    return [nStatus] {
+      return nStatus;
+    };
+  }
+  return [pRequest] {
+    return pRequest->Run();
+  };
+}
+
+}  // namespace lumbra::tool

@@ -1,0 +1,88 @@
+// lumbra compact, lumbra clear: giving space back.
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <filesystem>
+#include <mutex>
+#include <thread>
+
+#include "commands.h"
+#include "failure.h"
+#include "machine.h"
+
+namespace lumbra::tool {
+namespace {
+
+constexpr const char* kLiveIds = "g_objid.dat";
+constexpr const char* kLiveData = "g_objdt.dat";
+constexpr const char* kNewIds = "g_objidcompacted.dat";
+constexpr const char* kNewData = "g_objdtcompacted.dat";
+
+void PrintSizes(const char* pWhen, const StoreFiles& Files, const char* pIds, const char* pData) {
+  std::printf("%-7s %-22s %14llu bytes   %-22s %14llu bytes\n", pWhen, pIds,
+              static_cast<unsigned long long>(Files.SizeOf(pIds)), pData,
+              static_cast<unsigned long long>(Files.SizeOf(pData)));
+}
+
+// A line that shows on a terminal how far the new id file has come, while a large store is compacted.
+class Progress {
+ public:
+  explicit Progress(const StoreFiles& Files) {
+    constexpr std::uint64_t kLarge = 10000;  // objects: what takes long enough to be looked at
+    if (ErrorsGoToTerminal() && Files.SharedObjectCount() >= kLarge) m_Thread = std::jthread(Show, std::cref(Files));
+  }
+
+ private:
+  static void Show(std::stop_token Stop, const StoreFiles& Files) {
+    constexpr auto kInterval = std::chrono::milliseconds(200);
+    std::mutex Lock;
+    std::condition_variable_any Stopped;
+    std::unique_lock Hold(Lock);
+    while (!Stopped.wait_for(Hold, Stop, kInterval, [&Stop] { return Stop.stop_requested(); })) {
+      const double nPart = static_cast<double>(Files.SizeOf(kNewIds)) / static_cast<double>(Files.SizeOf(kLiveIds));
+      std::fprintf(stderr, "\r%3.0f %% of the objects", 100 * nPart);
+    }
+    std::fputs("\r\033[K", stderr);
+  }
+
+  std::jthread m_Thread;
+};
+
+}  // namespace
+
+int Compact(const CommonOptions& Common, const NoOptions& /*Options*/) {
+  std::uint64_t nLosses = 0;
+  const auto Note = [&nLosses](std::string_view Line) {
+    if (!Line.starts_with("Compact: ")) return;
+    ++nLosses;
+    std::printf("%.*s\n", static_cast<int>(Line.size()), Line.data());
+  };
+  Session Store(Common, Missing::Refuse, Note);
+  const StoreFiles& Files = Store.Files();
+  PrintSizes("before", Files, kLiveIds, kLiveData);
+  {
+    const Progress Shown(Files);
+    Check(Store.Call(&LumbraOperations::Compact, kSystemDatabase), "compact the shared objects");
+  }
+  PrintSizes("after", Files, kNewIds, kNewData);
+  if (nLosses != 0) {
+    std::printf("%llu times a name or data was damaged and has been left out of the compacted files\n",
+                static_cast<unsigned long long>(nLosses));
+  }
+  std::printf(
+      "The compacted pair lies beside the live one, which stays in use. To put it in its place, rename both files "
+      "over\n"
+      "%s and %s while nothing has the store open; the other files stay as they are.\n",
+      kLiveIds, kLiveData);
+  return kExitOk;
+}
+
+int Clear(const CommonOptions& Common, const ClearOptions& Options) {
+  Session Store(Common, Missing::Refuse);
+  const std::uint32_t nDatabase = Store.OpenDatabase(Options.Database, Missing::Refuse);
+  Check(Store.Call(&LumbraOperations::ClearDB, nDatabase), "clear " + Options.Database.Describe());
+  std::printf("cleared %s\n", Options.Database.Describe().c_str());
+  return kExitOk;
+}
+
+}  // namespace lumbra::tool

@@ -1,0 +1,91 @@
+// lumbra data: the blocks of bytes that objects have under keys.
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "commands.h"
+#include "failure.h"
+#include "ids.h"
+
+namespace lumbra::tool {
+namespace {
+
+using Bytes = std::vector<char>;
+
+struct FileCloser {
+  void operator()(std::FILE* pFile) const { std::fclose(pFile); }
+};
+using FilePointer = std::unique_ptr<std::FILE, FileCloser>;
+
+std::string BlockOf(const DataOptions& Options) {
+  char Key[16];
+  std::snprintf(Key, sizeof(Key), "0x%08x", Options.nKey);
+  return "the data of " + FormatId(Options.nId) + " under " + Key;
+}
+
+// Opens a file; none for an empty name, which stands for one of the standard streams.
+FilePointer OpenFile(const std::string& Path, const char* pMode, const char* pWhat) {
+  if (Path.empty()) return nullptr;
+  FilePointer File(std::fopen(Path.c_str(), pMode));
+  if (File == nullptr) {
+    throw Failure(pWhat + Path, errno == ENOENT ? errFILE_NOT_FOUND : errACCESS_DENIED, std::strerror(errno));
+  }
+  return File;
+}
+
+Bytes ReadAll(const std::string& Path) {
+  const FilePointer Opened = OpenFile(Path, "rb", "read ");
+  std::FILE* const pFile = Opened ? Opened.get() : stdin;
+  Bytes Content;
+  char Piece[65536];
+  while (const std::size_t nRead = std::fread(Piece, 1, sizeof(Piece), pFile)) {
+    Content.insert(Content.end(), Piece, Piece + nRead);
+    if (Content.size() > INT32_MAX) throw Failure("store what is read", errSIZE_INVALID);
+  }
+  if (std::ferror(pFile) != 0) throw Failure("read " + Path, errREAD_FAILED, std::strerror(errno));
+  return Content;
+}
+
+void WriteAll(const std::string& Path, const Bytes& Content) {
+  FilePointer Opened = OpenFile(Path, "wb", "write ");
+  std::FILE* const pFile = Opened ? Opened.get() : stdout;
+  bool bWritten = std::fwrite(Content.data(), 1, Content.size(), pFile) == Content.size();
+  if (Opened) bWritten &= std::fclose(Opened.release()) == 0;
+  if (!bWritten) throw Failure("write " + Path, errWRITE_FAILED, std::strerror(errno));
+}
+
+}  // namespace
+
+int GetData(const CommonOptions& Common, const DataOptions& Options) {
+  Session Store(Common, Missing::Refuse);
+  Store.OpenDatabaseOf(Options.nId);
+  const std::string What = "read " + BlockOf(Options);
+  std::uint32_t nSize = 0;
+  Check(Store.Call(&LumbraOperations::GetObjectData, Options.nId, nullptr, 0, &nSize, Options.nKey), What);
+  Bytes Content(nSize);
+  if (nSize != 0) {
+    Check(Store.Call(&LumbraOperations::GetObjectData, Options.nId, Content.data(), nSize, &nSize, Options.nKey), What);
+  }
+  WriteAll(Options.File, Content);
+  return kExitOk;
+}
+
+int SetData(const CommonOptions& Common, const DataOptions& Options) {
+  const Bytes Content = ReadAll(Options.File);
+  Session Store(Common, Missing::Refuse);
+  Store.OpenDatabaseOf(Options.nId);
+  Check(Store.Call(&LumbraOperations::SetObjectData, Options.nId, Content.empty() ? nullptr : Content.data(),
+                   static_cast<std::uint32_t>(Content.size()), Options.nKey),
+        "store " + BlockOf(Options));
+  return kExitOk;
+}
+
+int ClearData(const CommonOptions& Common, const DataOptions& Options) {
+  Session Store(Common, Missing::Refuse);
+  Store.OpenDatabaseOf(Options.nId);
+  Check(Store.Call(&LumbraOperations::RemoveAllObjectData, Options.nId), "clear the data of " + FormatId(Options.nId));
+  return kExitOk;
+}
+
+}  // namespace lumbra::tool

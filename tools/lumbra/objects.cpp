@@ -1,0 +1,112 @@
+// lumbra find, name, link: objects by their names and ids.
+#include <cstdio>
+#include <set>
+
+#include "commands.h"
+#include "failure.h"
+#include "ids.h"
+
+namespace lumbra::tool {
+namespace {
+
+bool IsMissing(ResultCode nCode) {
+  return nCode == errOBJECT_NOT_FOUND || nCode == errNOT_FOUND;
+}
+
+// The store that an object is in: its database and segment.
+std::uint64_t StoreOf(std::uint64_t nId) {
+  return nId >> 32;
+}
+
+void RequireObject(Session& Store, std::uint64_t nId, ObjectName* pName) {
+  Store.OpenDatabaseOf(nId);
+  Check(Store.ReadName(nId, pName), "find " + FormatId(nId));
+}
+
+// Where the store goes from an object while it builds a name: to what it links to, or to its parent; 0 at the end.
+std::uint64_t NextOf(Session& Store, std::uint64_t nId) {
+  std::uint64_t nLink = 0;
+  const bool bLinked =
+      Store.Call(&LumbraOperations::GetObjectData, nId, &nLink, sizeof(nLink), nullptr, kObjectLinkTag) == errOK;
+  if (bLinked && nLink != 0) return WithDatabase(nLink, DatabaseOfId(nId));
+  host::IdContainer Ancestors;
+  Check(Store.Call(&LumbraOperations::GetObjectDataInto, nId, Ancestors.Handle(), 0), "follow " + FormatId(nId));
+  return Ancestors.Parents().empty() ? 0 : Ancestors.Parents().front();
+}
+
+bool LeadsTo(Session& Store, std::uint64_t nFrom, std::uint64_t nTo) {
+  std::set<std::uint64_t> Seen;
+  for (std::uint64_t nId = nFrom; nId != 0 && Seen.insert(nId).second; nId = NextOf(Store, nId)) {
+    if (nId == nTo) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+int Find(const CommonOptions& Common, const FindOptions& Options) {
+  const Missing IfMissing = Options.bCreate ? Missing::Create : Missing::Refuse;
+  Session Store(Common, IfMissing);
+  const std::uint32_t nDatabase = Store.OpenDatabase(Options.Database, IfMissing);
+  if (Options.nParent != 0 && DatabaseOfId(Options.nParent) != nDatabase) {
+    throw Failure("look below " + FormatId(Options.nParent), errPARAMETER_INVALID,
+                  "this is no object of " + Options.Database.Describe());
+  }
+  int nStatus = kExitOk;
+  for (const std::string& Name : Options.Names) {
+    std::uint64_t nId = 0;
+    const ResultCode nCode = Store.FindObject(nDatabase, Options.nType, Name, Options.bCreate, Options.nParent, &nId);
+    if (IsMissing(nCode)) {
+      std::puts("not found");
+      nStatus = kExitFailed;
+      continue;
+    }
+    Check(nCode, "find \"" + Name + '"');
+    std::puts(FormatId(nId).c_str());
+  }
+  return nStatus;
+}
+
+int Name(const CommonOptions& Common, const NameOptions& Options) {
+  Session Store(Common, Missing::Refuse);
+  int nStatus = kExitOk;
+  for (const std::uint64_t nId : Options.Ids) {
+    Store.OpenDatabaseOf(nId);
+    ObjectName Object;
+    const ResultCode nCode = Store.ReadName(nId, &Object);
+    if (Failed(nCode)) {  // one that cannot be shown does not hide the others
+      nStatus = kExitFailed;
+      if (IsMissing(nCode)) {
+        std::printf("%s  not found\n", FormatId(nId).c_str());
+      } else {
+        std::fprintf(stderr, "lumbra: %s\n", Failure("read the name of " + FormatId(nId), nCode).what());
+      }
+      continue;
+    }
+    std::printf("%s  %-6s  %s\n", FormatId(nId).c_str(), FormatType(Object.nType).c_str(), Object.Name.c_str());
+  }
+  return nStatus;
+}
+
+int Link(const CommonOptions& Common, const LinkOptions& Options) {
+  Session Store(Common, Missing::Refuse);
+  const std::string What = "link " + FormatId(Options.nId) + " to " + FormatId(Options.nTarget);
+  ObjectName Object;
+  RequireObject(Store, Options.nId, &Object);
+  RequireObject(Store, Options.nTarget, &Object);
+  if (StoreOf(Options.nId) != StoreOf(Options.nTarget)) {
+    throw Failure(What, errPARAMETER_INVALID, "they are in two stores, and a link leads to an object of its own store");
+  }
+  if (Options.nTarget == kHostObjectAlias) {
+    throw Failure(What, errPARAMETER_INVALID, "2 stands for the host's name, whose own id is not known");
+  }
+  if (LeadsTo(Store, Options.nTarget, Options.nId)) {
+    throw Failure(What, errPARAMETER_INVALID, "the target leads back to the object, and names would run in a circle");
+  }
+  const std::uint64_t nLink = WithoutDatabase(Options.nTarget);
+  Check(Store.Call(&LumbraOperations::SetObjectData, Options.nId, &nLink, sizeof(nLink), kObjectLinkTag), What);
+  std::printf("%s stands for %s\n", FormatId(Options.nId).c_str(), FormatId(Options.nTarget).c_str());
+  return kExitOk;
+}
+
+}  // namespace lumbra::tool
