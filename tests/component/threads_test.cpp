@@ -58,6 +58,23 @@ TEST_F(ThreadsTest, DoEverythingAtOnce) {
           Expect(Call(&Ops::GetObjectName, nId, Text, sizeof(Text), nullptr, 0, nullptr) == errOK && Path == Text);
       },
       [&](std::uint64_t i) {
+        // Objects of the shared store change while it is compacted.
+        std::uint64_t nId = 0;
+        const std::u16string Path = u"C:\\data\\" + std::u16string(1, static_cast<char16_t>(u'a' + i % 26));
+        ResultCode nCode = Call(&Ops::FindObject, 0, typeFile, Path.c_str(), kZeroTerminated, 1, 0, 0, &nId);
+        if (nCode == errOK) nCode = Call(&Ops::SetObjectData, nId, &i, 1 + i % 8, 1);
+        Expect(nCode == errOK || nCode == errREAD_ONLY);
+        std::uint64_t nRead = 0;
+        Call(&Ops::GetObjectData, nId, &nRead, sizeof(nRead), nullptr, 1);
+        if (nCode == errOK) Expect(nRead % 256 == i % 256);
+        if (i % 30 == 0) Call(&Ops::RemoveAllObjectData, nId);
+      },
+      [&](std::uint64_t i) {
+        if (i % 10 != 0) return;
+        const ResultCode nCode = Call(&Ops::Compact, 0);
+        Expect(nCode == errOK || nCode == errREAD_ONLY);
+      },
+      [&](std::uint64_t i) {
         if (i % 10 == 0) m_Host->SendFlush();
         std::uint32_t nRecords = 0;
         Expect(Call(&Ops::GetDBInfo, i % 2 == 0 ? kAllDatabases : 1, &nRecords, nullptr, nullptr) == errOK);

@@ -148,6 +148,72 @@ TEST_F(ToolTest, ChoosesEvents) {
   EXPECT_NE(std::string::npos, Errors().find("this is no event of database 1"));
 }
 
+TEST_F(ToolTest, FindsNamesAndLinksObjects) {
+  const fs::path Tree = MakeTree();
+  Run("scan --db 1 " + Tree.string());
+  const std::string Folder = Run("find --db 1 --type folder " + (Tree / "a").string());
+  const std::string File = Run("find --db 1 " + (Tree / "a/deep/er/file").string() + ' ' + (Tree / "none").string(), 1);
+  EXPECT_EQ("not found\n", File.substr(19));
+  const std::string Id = File.substr(0, 18);
+  EXPECT_EQ(Id + "  file    " + (Tree / "a/deep/er/file").string() + '\n', Run("name " + Id));
+  const std::string Deep = Run("find --db 1 --type folder --parent " + Folder.substr(0, 18) + " /deep");
+  EXPECT_EQ((Tree / "a/deep").string() + '\n', Run("name " + Deep.substr(2, 16)).substr(28));
+  EXPECT_EQ("0x0000000000000002  file    h\n0x0100000100009999  not found\n", Run("name 2 100000100009999", 1));
+  Run("find --db 1 --parent 2 x", 1);
+  Run("find --db other x", 1);
+  const std::vector<json> Shown = Events("--db 1 --parents --last 1");
+  EXPECT_EQ(fs::path(Shown[0]["name"].get<std::string>()).parent_path().string() + '\n',
+            Run("name " + Shown[0]["parent"].get<std::string>()).substr(28));
+
+  const std::string Key = Run("find --db keys --create --type key 'HKLM\\One'").substr(0, 18);
+  const std::string Other = Run("find --db keys --create --type 3 'HKLM\\Two'").substr(0, 18);
+  EXPECT_EQ("0x30", Key.substr(0, 4));
+  Run("link " + Key + ' ' + Other);
+  EXPECT_EQ(Key + "  key     HKLM\\Two\n", Run("name " + Key));
+  for (const std::string& Wrong : {Other + ' ' + Key, Key + ' ' + Key, Key + ' ' + Id, Key + " 2"})
+    Run("link " + Wrong, 1);
+}
+
+TEST_F(ToolTest, KeepsDataOfObjects) {
+  const std::string Id = Run("find --db 0 --create thing").substr(0, 18);
+  const std::string kBytes("a\0b\n\xFF", 5);
+  Run("data set " + Id + " 0x10", 0, kBytes);
+  EXPECT_EQ(kBytes, Run("data get " + Id + " 16"));
+  Run("data set " + Id + " 7 " + (Folder() / "in").string(), 0, "from a file");
+  Run("data get " + Id + " 7 " + (Folder() / "out").string());
+  const Bytes Copy = ReadFile("out");
+  EXPECT_EQ("from a file", std::string(Copy.begin(), Copy.end()));
+  Run("data clear " + Id);
+  Run("data get " + Id + " 7", 1);
+  EXPECT_NE(std::string::npos, Errors().find("errNOT_FOUND (0x8000004C): there is nothing under this id or key"));
+  Run("data set 0100000100000001 1", 1);
+  EXPECT_NE(std::string::npos, Errors().find("there is no such database in this store"));
+  for (const char* const pUsage : {"data", "data get 1", "data get 1 x", "data set 1 4294967296", "data clear", "name",
+                                   "name 0x", "link 1", "find --db 1", "find --db 1 --type 256 x", "clear --db 1"}) {
+    Run(pUsage, 2);
+  }
+}
+
+TEST_F(ToolTest, ChecksCompactsAndClears) {
+  EXPECT_TRUE(Run("find --db 0 --create a b c --check-mode").starts_with("0x"));
+  EXPECT_NE(std::string::npos, Run("check").find("6 shared objects\nThe newest objects are sound.\n"));
+  Patch("store/g_objbt.dat", 1040, {1, 2, 3, 4});
+  EXPECT_NE(std::string::npos,
+            Run("check").find("have been put back\n    (BT was repaired, 6 object hashes were added)"));
+  Patch("store/g_objdt.dat", 4, {'?'});  // the oldest name: no matter of the quick check
+  Run("check");
+  const std::string Told = Run("compact");
+  EXPECT_NE(std::string::npos,
+            Told.find("Compact: name crc mismatch, entry id: 0, offset: 4, the object is marked as"));
+  EXPECT_NE(std::string::npos, Told.find("g_objidcompacted.dat " + std::string(12, ' ') + "210 bytes"));
+  EXPECT_NE(std::string::npos, Told.find("beside the live one"));
+  Run("name 1", 1);  // met, and marked
+  EXPECT_NE(std::string::npos, Run("check", 1).find("The store is marked corrupted"));
+  Run("record --db 1", 0, "{\"name\":\"x\"}");
+  Run("clear --db 1 --yes");
+  EXPECT_EQ(0u, Events("--db 1").size());
+}
+
 TEST_F(ToolTest, SaysWhatFailed) {
   EXPECT_EQ("", Run("info", 1));
   EXPECT_EQ(
