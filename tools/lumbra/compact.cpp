@@ -57,7 +57,9 @@ int Compact(const CommonOptions& Common, const NoOptions& /*Options*/) {
     ++nLosses;
     std::printf("%.*s\n", static_cast<int>(Line.size()), Line.data());
   };
-  Session Store(Common, Missing::Refuse, Note);
+  CommonOptions Alike = Common;
+  if (FilesOf(Common).SharedRecordsHaveCrcs()) Alike.bCheckMode = true;  // for new files of the kind of the live ones
+  Session Store(Alike, Missing::Refuse, Note);
   const StoreFiles& Files = Store.Files();
   PrintSizes("before", Files, kLiveIds, kLiveData);
   {

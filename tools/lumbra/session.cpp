@@ -9,22 +9,16 @@
 #include "machine.h"
 
 namespace lumbra::tool {
-namespace {
-
-namespace fs = std::filesystem;
-
-fs::path StoreFolder(const CommonOptions& Options) {
-  const fs::path Folder = fs::absolute(Options.Store).lexically_normal();
+StoreFiles FilesOf(const CommonOptions& Options) {
+  const std::filesystem::path Folder = std::filesystem::absolute(Options.Store).lexically_normal();
   const std::string Text = Folder.generic_string();
   if (host::ToUtf8(host::ToUtf16(Text)) != Text || Text.find('\\') != std::string::npos) {
     throw Failure("open " + Options.Store, errPATH_NAME_INVALID, "the store's path must be UTF-8 without backslashes");
   }
-  return Folder;
+  return StoreFiles(Folder);
 }
 
-}  // namespace
-
-Session::Session(const CommonOptions& Options, Missing Store, DamageListener Listener) : m_Files(StoreFolder(Options)) {
+Session::Session(const CommonOptions& Options, Missing Store, DamageListener Listener) : m_Files(FilesOf(Options)) {
   const std::string What = "open " + m_Files.Folder().string();
   if (Store == Missing::Refuse && !m_Files.Exists()) throw Failure(What, errOBJECT_NOT_FOUND, "there is no store here");
   Trace(Options.nTraceLevel, std::move(Listener));

@@ -47,6 +47,9 @@ struct ObjectName {
   std::string Name;  // UTF-8
 };
 
+// The files of the store that the options name; throws a Failure for a folder that cannot be one.
+StoreFiles FilesOf(const CommonOptions& Options);
+
 enum class Missing { Create, Refuse };
 
 // Told what the store traces about failures and damage, without the "lmb\t" in front.

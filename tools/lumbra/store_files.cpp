@@ -150,9 +150,13 @@ bool StoreFiles::SharedObjectsHaveCrcs() const {
   return Magic == "ODBQ" || Magic == "ODBR" || Magic == "ODBS";
 }
 
+bool StoreFiles::SharedRecordsHaveCrcs() const {
+  return ReadBlock("g_objid.dat", 0).starts_with("PLDP");
+}
+
 std::uint64_t StoreFiles::SharedObjectCount() const {
   const std::uint64_t nSize = SizeOf("g_objid.dat");
-  const std::uint32_t nRecord = ReadBlock("g_objid.dat", 0).starts_with("PLDP") ? 33 : 29;
+  const std::uint32_t nRecord = SharedRecordsHaveCrcs() ? 33 : 29;
   return nSize < kRecordFileHeader ? 0 : (nSize - kRecordFileHeader) / nRecord;
 }
 

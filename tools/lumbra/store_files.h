@@ -55,8 +55,9 @@ class StoreFiles {
   // Whether damaged data was met at some time, as the index of names has it.
   bool IsMarkedCorrupted() const;
 
-  // Whether the shared objects have CRCs, and how many there are.
+  // Whether the names or data of the shared objects have CRCs, whether their id records do, and how many there are.
   bool SharedObjectsHaveCrcs() const;
+  bool SharedRecordsHaveCrcs() const;
   std::uint64_t SharedObjectCount() const;
 
   // Bytes of one of the store's own files; 0 when it is not there.
