@@ -100,7 +100,8 @@ void StandaloneHost::WriteLine(std::uint32_t nLevel, const char* pFormat, std::v
 // ---- Instances ---
 
 Store StandaloneHost::Create(std::uint32_t nInterfaceId) {
-  const std::lock_guard Hold(m_Lock);
+  std::unique_lock Hold(m_Lock);
+  m_Ended.wait(Hold, [this] { return m_nEnding == 0; });
   const auto Factory = m_Factories.find(nInterfaceId);
   if (Factory == m_Factories.end()) return {};
   auto* const pInstance = static_cast<LumbraInstance*>(Factory->second(0, &m_Root, nInterfaceId));
@@ -123,15 +124,22 @@ std::vector<Store> StandaloneHost::HandlersOf(std::uint32_t nClass) {
   return Users;
 }
 
-// Under the lock from the last user's end until the memory is free: meanwhile nobody may be given the instance again,
-// nor another one at its address.
+// The lock is not held while an instance ends, which takes locks of its own; instead nobody is given an instance from
+// its last user's end until its memory is free: not this one again, nor another one at its address.
 void StandaloneHost::Release(LumbraInstance* pInstance) {
-  const std::lock_guard Hold(m_Lock);
-  const auto Found = m_Instances.find(pInstance);
-  if (--Found->second != 0) return;
+  {
+    const std::lock_guard Hold(m_Lock);
+    if (--m_Instances.at(pInstance) != 0) return;
+    ++m_nEnding;
+  }
   pInstance->pLifecycle->ObjectShutdown(pInstance);
   pInstance->pLifecycle->ObjectFree(pInstance);
-  m_Instances.erase(Found);
+  {
+    const std::lock_guard Hold(m_Lock);
+    m_Instances.erase(pInstance);
+    --m_nEnding;
+  }
+  m_Ended.notify_all();
 }
 
 void StandaloneHost::SendFlush() {

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -114,6 +115,8 @@ class StandaloneHost {
   std::recursive_mutex m_Lock;  // guards what follows, up to the trace
   std::map<std::uint32_t, HostFactory> m_Factories;
   std::map<LumbraInstance*, std::uint32_t> m_Instances;  // with their users
+  std::uint32_t m_nEnding = 0;                           // instances without users whose memory is not free yet
+  std::condition_variable_any m_Ended;
   std::vector<Handler> m_Handlers;
   std::map<std::u16string, std::u16string> m_Placeholders;
 

@@ -205,7 +205,7 @@ TEST_F(ToolTest, ChecksCompactsAndClears) {
   const std::string Told = Run("compact");
   EXPECT_NE(std::string::npos,
             Told.find("Compact: name crc mismatch, entry id: 0, offset: 4, the object is marked as"));
-  EXPECT_NE(std::string::npos, Told.find("g_objidcompacted.dat " + std::string(12, ' ') + "210 bytes"));
+  EXPECT_NE(std::string::npos, Told.find("g_objidcompacted.dat " + std::string(13, ' ') + "210 bytes"));
   EXPECT_NE(std::string::npos, Told.find("beside the live one"));
   Run("name 1", 1);  // met, and marked
   EXPECT_NE(std::string::npos, Run("check", 1).find("The store is marked corrupted"));
