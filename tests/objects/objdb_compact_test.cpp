@@ -102,10 +102,10 @@ TEST_F(ObjectDbCompactTest, LeavesTheHolesOut) {
     // Name, blocks and entries of each object follow one another without a gap.
     std::uint64_t nEnd = 4;
     for (const tODB_ID_ENTRY& Entry : Records("new id")) {
-      EXPECT_EQ(nEnd, Entry.nName);
+      EXPECT_EQ(nEnd, std::uint64_t{Entry.nName});
       nEnd += Entry.nNameSize + (bNameCrc ? 4u : 0u);
       if (Entry.nDataEntriesCount == 0) continue;
-      EXPECT_LT(nEnd, Entry.nDataEntriesOffset);
+      EXPECT_LT(nEnd, std::uint64_t{Entry.nDataEntriesOffset});
       nEnd = Entry.nDataEntriesOffset + Entry.nDataEntriesCount * 12 + (bArrayCrc ? 4u : 0u);
     }
     EXPECT_EQ(FileSize("new dt"), nEnd);
