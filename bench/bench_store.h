@@ -21,6 +21,8 @@ static_assert(sizeof(Event) == 64);
 class BenchStore {
  public:
   static constexpr std::uint32_t kDatabase = 1;
+  static constexpr std::uint32_t kNameLength = 20;  // characters, and bytes as UTF-8
+  static constexpr std::uint32_t kBlockSize = 100;
 
   BenchStore() : m_Folder(MakeFolder()) {
     m_Host.SetPlaceholder(u"%Report%", m_Folder.u16string());
@@ -58,6 +60,22 @@ class BenchStore {
     std::uint64_t nId = 0;
     const auto nSize = static_cast<std::int32_t>(Path.size() * sizeof(char16_t));
     Require(Call(&LumbraOperations::FindObjectSimple, kDatabase, typeFile, Path.data(), nSize, 1, 0, &nId));
+    return nId;
+  }
+
+  // Creates shared objects with names of their own, and gives every other one a block of 100 bytes under the key 1.
+  // Answers the id of the last.
+  std::uint64_t AddSharedObjects(std::uint32_t nCount) const {
+    const std::string Block(kBlockSize, 'd');
+    std::uint64_t nId = 0;
+    for (std::uint32_t i = 0; i < nCount; ++i) {
+      std::u16string Name(kNameLength, u'0');
+      for (std::uint32_t n = i, nAt = kNameLength; n != 0; n /= 10) Name[--nAt] = static_cast<char16_t>(u'0' + n % 10);
+      Require(Call(&LumbraOperations::FindObjectSimple, kSystemDatabase, typeName, Name.c_str(), kZeroTerminated, 1, 0,
+                   &nId));
+      if (i % 2 == 0) continue;
+      Require(Call(&LumbraOperations::SetObjectData, nId, Block.data(), kBlockSize, 1));
+    }
     return nId;
   }
 

@@ -49,6 +49,25 @@ void Run() {
           Path[kFolder.size() + 2] = static_cast<char16_t>(u'a' + i / 676);
           Store.Find(Path);
         }));
+  const std::uint64_t nObject = Store.AddSharedObjects(2);
+  char Block[BenchStore::kBlockSize] = {};
+  Print("GetObjectData of 100 bytes", Count(1000, [&](std::uint64_t) {
+          Store.Call(&LumbraOperations::GetObjectData, nObject, Block, sizeof(Block), nullptr, 1);
+        }));
+  std::printf("%-44s %8llu reads in 1,000, and a look at the thread's priority each\n", "",
+              static_cast<unsigned long long>(test::CallsOf(SystemCall::ReadAt)));
+  Print("SetObjectData of 100 bytes, in place", Count(1000, [&](std::uint64_t) {
+          Store.Call(&LumbraOperations::SetObjectData, nObject, Block, sizeof(Block), 1);
+        }));
+  std::printf("%-44s %8llu reads and %llu writes in 1,000, and a look at the priority each\n", "",
+              static_cast<unsigned long long>(test::CallsOf(SystemCall::ReadAt)),
+              static_cast<unsigned long long>(test::CallsOf(SystemCall::WriteAt)));
+  for (const std::uint32_t nObjects : {1000u, 20000u}) {
+    Store.AddSharedObjects(nObjects);
+    const Counted Pass = Count(1, [&](std::uint64_t) { Store.Call(&LumbraOperations::Compact, kSystemDatabase); });
+    std::printf("Compact of %6u objects %20s %8llu system calls  %8llu allocations\n", nObjects, "",
+                static_cast<unsigned long long>(Pass.nCalls), static_cast<unsigned long long>(Pass.nAllocations));
+  }
   BenchStore::Require(Store.Call(&LumbraOperations::SetDBParams, BenchStore::kDatabase, limitSegmentEvents, 1));
   Store.Add(1000);
   Store.Open();

@@ -118,6 +118,55 @@ void FindNew(benchmark::State& State) {
   }
 }
 
+// ---- Compaction ---
+
+constexpr std::uint32_t kSharedObjects = 200000;
+
+void CompactShared(benchmark::State& State) {
+  for (auto _ : State) BenchStore::Require(g_Store->Call(&LumbraOperations::Compact, kSystemDatabase));
+}
+
+// One file copied into another, piece by piece.
+class Copier {
+ public:
+  Copier(const char* pFrom, const char* pTo)
+      : m_nFrom(OpenRaw(pFrom, O_RDONLY)), m_nTo(OpenRaw(pTo, O_RDWR | O_CREAT)) {}
+  ~Copier() {
+    close(m_nFrom);
+    close(m_nTo);
+  }
+
+  void Copy(std::size_t nSize) {
+    char Buffer[128];
+    benchmark::DoNotOptimize(pread(m_nFrom, Buffer, nSize, m_nOffset));
+    benchmark::DoNotOptimize(pwrite(m_nTo, Buffer, nSize, m_nOffset));
+    m_nOffset += static_cast<off_t>(nSize);
+  }
+
+ private:
+  int m_nFrom;
+  int m_nTo;
+  off_t m_nOffset = 0;
+};
+
+// The same pieces read and written: names, and for every other object a block and its entry; records.
+void CopyBothFilesRaw(benchmark::State& State) {
+  constexpr std::size_t kRecord = 29;
+  constexpr std::size_t kEntry = 12;
+  for (auto _ : State) {
+    Copier Ids("g_objid.dat", "raw id");
+    Copier Data("g_objdt.dat", "raw dt");
+    for (std::uint32_t i = 0; i < kSharedObjects; ++i) {
+      Data.Copy(BenchStore::kNameLength);
+      if (i % 2 != 0) {
+        Data.Copy(BenchStore::kBlockSize);
+        Data.Copy(kEntry);
+      }
+      Ids.Copy(kRecord);
+    }
+  }
+}
+
 // ---- Start-up ---------------------------------------------------------------------------------------------
 
 constexpr std::uint32_t kSegments = 1000;
@@ -190,6 +239,11 @@ void RunAll() {
   RunPair("FindObject, cached", FindCached, "hashing 5 components", HashComponents,
           " (at least 0.67, 1.5 times the cost)", &Summary);
   RunPair("FindObject, new", FindNew, "hashing 5 components", HashComponents, "", &Summary);
+
+  g_Store.reset();
+  g_Store.emplace();
+  g_Store->AddSharedObjects(kSharedObjects);
+  RunPair("Compact", CompactShared, "pread+pwrite, copying", CopyBothFilesRaw, " (at least 0.3)", &Summary);
 
   g_Store.reset();
   g_Store.emplace();
