@@ -193,13 +193,16 @@ struct LumbraOperations {
   ResultCode (*ClearDB)(HostObject* pSelf, std::uint32_t nDatabase);
 
   // Finds an object by type, name and parent, or with nCreate != 0 creates it; nCreate 2 also repairs what
-  // stands in the way (errDATA_REPAIRED, a success). *pnObjectId (may be null) receives the id, 0 on failure.
+  // stands in the way (errDATA_REPAIRED, a success). *pnObjectId (may be null) receives the id, 0 on failure;
+  // it is untouched by errREAD_ONLY and by the id of a named database that is not open.
   ResultCode (*FindObject)(HostObject* pSelf, std::uint32_t nDatabase, std::uint32_t nType, const char16_t* pName,
                            std::int32_t nNameSize, std::uint32_t nCreate, std::uint32_t nFlagsOverride,
                            std::uint64_t nParentId, std::uint64_t* pnObjectId);
 
-  // Opens or creates a database by name (at most 63 characters, which also name its folder). *pnDatabase
-  // receives its id, 48 to 254, which the name keeps across restarts.
+  // Opens or creates a database by name: at most 63 characters, which also name its folder (the store does not look
+  // whether a folder can have that name). *pnDatabase receives its id, 48 to 254, which the name keeps across restarts.
+  // The store tells names apart by the low 7 bits of their characters: errOBJECT_ALREADY_EXISTS while another one with
+  // the same is open.
   ResultCode (*InitDBByName)(HostObject* pSelf, const char16_t* pName, std::uint32_t nEventSize,
                              std::uint32_t* pnDatabase);
 
