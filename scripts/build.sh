@@ -1,7 +1,9 @@
 #!/bin/sh
-# Builds one preset (release, debug, asan or tsan; see CMakePresets.json) on as many cores as there are.
+# Builds one preset (release, debug, asan or tsan; see CMakePresets.json) on as many cores as there are: all of it, or
+# the targets that are named behind it.
 set -eu
 cd "$(dirname "$0")/.."
 preset=${1:-release}
+[ $# -eq 0 ] || shift
 cmake --preset "$preset"
-cmake --build --preset "$preset" -j "$(nproc)"
+cmake --build --preset "$preset" -j "$(nproc)" ${1:+--target} "$@"

@@ -6,7 +6,7 @@ here=$(cd "$(dirname "$0")/.." && pwd)
 folder=${1:-/usr/share}
 
 "$here/scripts/setup.sh"
-"$here/scripts/build.sh" release
+"$here/scripts/build.sh" release lumbra
 
 LUMBRA_STORE="$here/build/demo-store"
 export LUMBRA_STORE
