@@ -45,7 +45,7 @@ ResultCode ObjectDB::CheckNewestObject(std::uint64_t nObjectId, bool* pbHashMiss
   tODB_ID_ENTRY objectEntry{};
   const ResultCode nCode = ReadRecordForCheck(nObjectId, &objectEntry);
   if (Failed(nCode)) return nCode;
-  if (objectEntry.nObjectHash != 0) {
+  if (IsInTree(objectEntry)) {
     tObjectId idFromBt = 0;
     const ResultCode nFound = FindObject(objectEntry.nObjectHash, &idFromBt);
     if (nFound == errOBJECT_NOT_FOUND) {
@@ -134,7 +134,7 @@ ResultCode ObjectDB::RepairTree(std::uint64_t nRecords) {
     tODB_ID_ENTRY objectEntry{};
     const ResultCode nCode = ReadRecordForCheck(nObjectId, &objectEntry);
     if (Failed(nCode)) return nCode;
-    if (objectEntry.nObjectHash == 0) continue;
+    if (!IsInTree(objectEntry)) continue;
     tObjectId idFromBt = 0;
     const ResultCode nFound = FindObject(objectEntry.nObjectHash, &idFromBt);
     if (Succeeded(nFound)) {

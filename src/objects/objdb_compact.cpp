@@ -13,9 +13,6 @@
 namespace lumbra {
 namespace {
 
-// The hash of an object whose name is lost: no lookup asks for it, so the object is found by its id alone.
-constexpr std::uint64_t kInvalidHash = UINT64_MAX;
-
 // Where no CRC protects the entries, a size above this is taken for damage rather than for a block.
 constexpr std::uint32_t kMaxUnprotectedSize = 0xA00000;
 

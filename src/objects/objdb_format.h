@@ -64,12 +64,12 @@ inline constexpr std::uint64_t kMaxDataFileSize = std::uint64_t{1} << 32;
 
 // The id record, one per object, in a PlainDB with 29 user bytes.
 struct tODB_ID_ENTRY {
-  std::uint64_t nObjectHash;         //  0: 0 for an anonymous object; all ones for one that compaction made invalid
-  std::uint64_t nParentId;           //  8: the parent's object id, 0 for none
-  std::uint32_t nName;               // 16: offset of the name block, 0 without a name
-  std::uint16_t nNameSize;           // 20: bytes of the name
-  std::uint8_t nFlags;               // 22: bit 0: the name is UTF-8, otherwise UTF-16
-  std::uint8_t nType;                // 23
+  std::uint64_t nObjectHash;  //  0: 0 for an anonymous object, kInvalidHash for one that compaction left nameless
+  std::uint64_t nParentId;    //  8: the parent's object id, 0 for none
+  std::uint32_t nName;        // 16: offset of the name block, 0 without a name
+  std::uint16_t nNameSize;    // 20: bytes of the name
+  std::uint8_t nFlags;        // 22: bit 0: the name is UTF-8, otherwise UTF-16
+  std::uint8_t nType;         // 23
   std::uint32_t nDataEntriesOffset;  // 24: offset of the data entry array, 0 for none
   std::uint8_t nDataEntriesCount;    // 28
 };
@@ -84,6 +84,14 @@ struct tODB_DATA_ENTRY {
 static_assert(sizeof(tODB_DATA_ENTRY) == 12);
 
 #pragma pack(pop)
+
+// The hash of an object that compaction left nameless: the tree does not know it, and no lookup asks for it.
+inline constexpr std::uint64_t kInvalidHash = UINT64_MAX;
+
+// Whether the tree must lead to an object.
+constexpr bool IsInTree(const tODB_ID_ENTRY& Entry) {
+  return Entry.nObjectHash != 0 && Entry.nObjectHash != kInvalidHash;
+}
 
 // More names than this do not fit nNameSize; more entries not nDataEntriesCount.
 inline constexpr std::uint32_t kMaxNameSize = 65535;

@@ -180,6 +180,23 @@ TEST_F(ObjectDbCompactTest, LeavesDamageOut) {
   }
 }
 
+// Objects that lost their names are no damage to the compacted store.
+TEST_F(ObjectDbCompactTest, LeavesASoundStore) {
+  ASSERT_CODE(errOK, Fresh(true));
+  Fill(10);
+  const std::vector<tODB_ID_ENTRY> Live = Records();
+  ASSERT_CODE(errOK, Reopen("dt", [&](Bytes& Content) {
+                for (const std::size_t nIndex : {8u, 9u}) Content[Live[nIndex].nName] ^= 1;
+              }));
+  ASSERT_CODE(errOK, Compact());
+  for (int nRound = 0; nRound < 2; ++nRound) {
+    ASSERT_CODE(errOK, nRound == 0 ? UseCompacted() : Open(true));
+    TakeTrace();
+    EXPECT_CODE(errOK, m_pDb->FastConsistencyCheck());
+    EXPECT_TRUE(TakeTrace().empty());
+  }
+}
+
 // What cannot be read, is too large to be true, or ends before it should.
 TEST_F(ObjectDbCompactTest, LeavesOutWhatCannotBeRead) {
   ASSERT_CODE(errOK, Fresh(false));

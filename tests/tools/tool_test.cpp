@@ -113,7 +113,7 @@ TEST_F(ToolTest, RecordsLinesAndShowsThem) {
                   "{\"name\":\"HKLM\\\\Key\",\"type\":\"key\",\"time\":\"2026-11-24T15:04:00+01:30\"}\n"
                   "{\"name\":\"x\",\"time\":\"yesterday\"}\n{\"name\":\"x\",\"kind\":-1}\n{\"name\":\"x\","
                   "\"type\":256}\n{\"name\":\"x\",\"type\":\"thing\"}\n"
-                  "{\"name\":\"/\"}\n{\"name\":\"plain\",\"type\":32}")
+                  "{\"name\":\"/\"}\n{\"name\":\"plain\",\"type\":32,\"time\":\"2026-12-31t23:59:60.123456789z\"}")
                   .starts_with("recorded 4 events in "));
   const std::string Problems = Errors();
   for (const char* const pLine : {"line 2: not a JSON object\n", "line 4: \"name\"", "line 5: \"name\"",
@@ -124,6 +124,7 @@ TEST_F(ToolTest, RecordsLinesAndShowsThem) {
   EXPECT_EQ((Strings{"C:\\Dir\\f", "HKLM\\Key", "/", "plain"}), Names(Shown));
   EXPECT_EQ("2026-11-24T13:34:00.1234567Z", Shown[0]["time"]);
   EXPECT_EQ("2026-11-24T13:34:00.0000000Z", Shown[1]["time"]);
+  EXPECT_EQ("2027-01-01T00:00:00.1234567Z", Shown[3]["time"]);
   EXPECT_EQ(7, Shown[0]["kind"].get<int>());
   EXPECT_EQ(UINT64_MAX, Shown[0]["value"].get<std::uint64_t>());
   EXPECT_EQ(3, Shown[1]["type"].get<int>());
@@ -189,7 +190,8 @@ TEST_F(ToolTest, KeepsDataOfObjects) {
   Run("data set 0100000100000001 1", 1);
   EXPECT_NE(std::string::npos, Errors().find("there is no such database in this store"));
   for (const char* const pUsage : {"data", "data get 1", "data get 1 x", "data set 1 4294967296", "data clear", "name",
-                                   "name 0x", "link 1", "find --db 1", "find --db 1 --type 256 x", "clear --db 1"}) {
+                                   "name 0x", "link 1", "find --db 1", "find --db 1 --type 256 x", "clear --db 1",
+                                   "clear --db 1 --yes=false", "name 0", "find --db 1 ''", "events --db 1 --last -1"}) {
     Run(pUsage, 2);
   }
 }
@@ -232,6 +234,8 @@ TEST_F(ToolTest, SaysWhatFailed) {
 
   // A database that would start anew if it were opened is not opened.
   const Bytes kHeader = ReadFile("store/01/segments.dat");
+  fs::remove(Folder() / "store/01/segments.dat");
+  Run("record --db 1", 1);
   WriteFile("store/01/segments.dat", {1, 2, 3});
   for (const char* const pCommand : {"events --db 1", "record --db 1", "scan --db 1 /dev/null"}) Run(pCommand, 1);
   EXPECT_NE(std::string::npos, Errors().find("errDATA_CORRUPTED"));
@@ -239,6 +243,12 @@ TEST_F(ToolTest, SaysWhatFailed) {
   Run("info", 1);
   WriteFile("store/01/segments.dat", kHeader);
   EXPECT_EQ(1u, Events("--db 1").size());
+  Run("record --db a", 0, "{\"name\":\"x\"}");
+  Run("record --db \xC3\xA1", 1);  // of the same key in the index
+  EXPECT_NE(std::string::npos, Errors().find("the store cannot tell it from database \"a\""));
+  const Bytes kTree = ReadFile("store/g_objbt.dat");
+  Run("events --db 1 >&-", 1);  // what it cannot print does not land in a file of the store
+  EXPECT_EQ(kTree, ReadFile("store/g_objbt.dat"));
 
   const auto pHeld = OpenFile(u"store/g_objid.dat");
   Run("info", 1);

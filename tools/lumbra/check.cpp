@@ -58,7 +58,8 @@ class Findings {
 
 int CheckStore(const CommonOptions& Common, const NoOptions& /*Options*/) {
   Findings Found;
-  Session Store(Common, Missing::Refuse, [&Found](std::string_view Line) { Found.Note(Line); });
+  const bool bTreeWasSound = FilesOf(Common).SharedTreeIsSound();
+  Session Store(InModeOfStore(Common), Missing::Refuse, [&Found](std::string_view Line) { Found.Note(Line); });
   const StoreFiles& Files = Store.Files();
   std::printf("%s: %llu shared objects\n", Files.Folder().c_str(),
               static_cast<unsigned long long>(Files.SharedObjectCount()));
@@ -68,6 +69,12 @@ int CheckStore(const CommonOptions& Common, const NoOptions& /*Options*/) {
   }
   if (Store.IsCorrupted()) {
     std::puts("The quick check found damage. What is damaged is refused; the rest can be read.");
+    return kExitFailed;
+  }
+  if (!bTreeWasSound && !Files.SharedObjectsHaveCrcs()) {
+    std::puts(
+        "The tree of hashes was damaged and has been started anew. Without CRCs it cannot be filled again: objects\n"
+        "that were there are found by their ids alone.");
     return kExitFailed;
   }
   if (!Files.SharedObjectsHaveCrcs()) {

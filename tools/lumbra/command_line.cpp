@@ -1,6 +1,7 @@
 #include "command_line.h"
 
 #include <CLI/CLI.hpp>
+#include <cstdio>
 #include <memory>
 
 #include "commands.h"
@@ -16,6 +17,10 @@ struct Request {
 };
 
 // ---- Options of several commands --------------------------------------------------------------------------
+
+CLI::Validator NotEmpty() {
+  return CLI::Validator([](const std::string& Text) { return Text.empty() ? "must not be empty" : ""; }, "");
+}
 
 // An option whose text is turned into a value, or refused with a reason.
 template <class Value, class ParseText>
@@ -36,6 +41,18 @@ std::optional<std::uint64_t> IdOrReason(const std::string& Text, std::string* pR
   return ParseId(Text);
 }
 
+std::optional<std::uint64_t> ObjectOrReason(const std::string& Text, std::string* pReason) {
+  const std::optional<std::uint64_t> Id = IdOrReason(Text, pReason);
+  if (Id != 0) return Id;
+  *pReason = "no object has the id 0";
+  return {};
+}
+
+std::optional<std::uint64_t> CountOrReason(const std::string& Text, std::string* pReason) {
+  *pReason = "a whole number from 0 on";
+  return ParseNumber(Text, UINT64_MAX);
+}
+
 std::optional<std::uint64_t> KeyOrReason(const std::string& Text, std::string* pReason) {
   *pReason = "a key is a number of 32 bits, decimal or 0x...";
   return ParseNumber(Text, UINT32_MAX);
@@ -52,7 +69,7 @@ std::optional<DatabaseName> DatabaseOrShared(const std::string& Text, std::strin
 }
 
 CLI::Option* AddId(CLI::App* pCommand, const std::string& Name, std::uint64_t* pnId, const std::string& Description) {
-  return AddParsed(pCommand, Name, pnId, Description, IdOrReason)->type_name("ID");
+  return AddParsed(pCommand, Name, pnId, Description, ObjectOrReason)->type_name("ID");
 }
 
 void AddDatabase(CLI::App* pCommand, DatabaseName* pDatabase) {
@@ -63,7 +80,7 @@ void AddDatabase(CLI::App* pCommand, DatabaseName* pDatabase) {
 
 void AddLimits(CLI::App* pCommand, LimitOptions* pLimits) {
   const auto Add = [pCommand](const char* pName, std::optional<std::uint64_t>* pLimit, const char* pDescription) {
-    pCommand->add_option(pName, *pLimit, pDescription)->group("Limits");
+    AddParsed(pCommand, pName, pLimit, pDescription, CountOrReason)->type_name("N")->group("Limits");
   };
   Add("--segment-events", &pLimits->SegmentEvents, "Start a new segment at so many events");
   Add("--segment-size", &pLimits->SegmentSize, "... at so many bytes");
@@ -75,7 +92,10 @@ void AddLimits(CLI::App* pCommand, LimitOptions* pLimits) {
 }
 
 void AddCommon(CLI::App* pApp, CommonOptions* pCommon) {
-  pApp->add_option("--store", pCommon->Store, "Folder of the store")->envname("LUMBRA_STORE")->capture_default_str();
+  pApp->add_option("--store", pCommon->Store, "Folder of the store")
+      ->envname("LUMBRA_STORE")
+      ->capture_default_str()
+      ->check(NotEmpty());
   pApp->add_flag("--check-mode", pCommon->bCheckMode, "Create new files with every kind of CRC");
   pApp->add_option("--host", pCommon->Host, "Name of the host in the store (default: this machine's)");
   pApp->add_option("--trace", pCommon->nTraceLevel,
@@ -109,7 +129,7 @@ void AddEventCommands(CLI::App* pApp, Request* pRequest) {
   const auto [pScan, pScanWith] =
       AddCommand(pApp, pRequest, "scan", "Record an event for each entry of real folders", Scan);
   AddDatabase(pScan, &pScanWith->Database);
-  pScan->add_option("PATH", pScanWith->Paths, "What to walk, with all that is below it")->required();
+  pScan->add_option("PATH", pScanWith->Paths, "What to walk, with all that is below it")->required()->check(NotEmpty());
   AddLimits(pScan, &pScanWith->Limits);
 
   const auto [pRecord, pRecordWith] = AddCommand(pApp, pRequest, "record", "Record events from JSON Lines", Record);
@@ -119,11 +139,12 @@ void AddEventCommands(CLI::App* pApp, Request* pRequest) {
 
   const auto [pEvents, pEventsWith] = AddCommand(pApp, pRequest, "events", "Show events, oldest to newest", Events);
   AddDatabase(pEvents, &pEventsWith->Database);
-  CLI::Option* const pLast = pEvents->add_option("--last", pEventsWith->Last, "The newest N events");
+  CLI::Option* const pLast = AddParsed(pEvents, "--last", &pEventsWith->Last, "The newest N events", CountOrReason);
+  pLast->type_name("N");
   AddParsed(pEvents, "--from", &pEventsWith->From, "Events from this id on", IdOrReason)
       ->type_name("ID")
       ->excludes(pLast);
-  pEvents->add_option("--count", pEventsWith->Count, "At most N events");
+  AddParsed(pEvents, "--count", &pEventsWith->Count, "At most N events", CountOrReason)->type_name("N");
   pEvents->add_flag("--parents", pEventsWith->bParents, "Also the parent of each event's object");
   pEvents->add_flag("--json", pEventsWith->bJson, "One JSON object a line");
 }
@@ -139,13 +160,14 @@ void AddObjectCommands(CLI::App* pApp, Request* pRequest) {
       ->type_name("T");
   AddId(pFind, "--parent", &pFindWith->nParent, "The object below which the names are");
   pFind->add_flag("--create", pFindWith->bCreate, "Create what is not there");
-  pFind->add_option("NAME", pFindWith->Names, "Names of objects")->required();
+  pFind->add_option("NAME", pFindWith->Names, "Names of objects")->required()->check(NotEmpty());
 
   const auto [pName, pNameWith] = AddCommand(pApp, pRequest, "name", "Show the names and types of objects", Name);
   const auto TakeIds = [pIds = &pNameWith->Ids](const std::vector<std::string>& Texts) {
     for (const std::string& Text : Texts) {
-      const std::optional<std::uint64_t> Id = ParseId(Text);
-      if (!Id) throw CLI::ValidationError("ID", Text + ": an id has up to 16 hexadecimal digits");
+      std::string Reason;
+      const std::optional<std::uint64_t> Id = ObjectOrReason(Text, &Reason);
+      if (!Id) throw CLI::ValidationError("ID", Reason);
       pIds->push_back(*Id);
     }
   };
@@ -186,7 +208,7 @@ void AddStoreCommands(CLI::App* pApp, Request* pRequest) {
 
   const auto [pClear, pClearWith] = AddCommand(pApp, pRequest, "clear", "Delete everything in a database", Clear);
   AddDatabase(pClear, &pClearWith->Database);
-  pClear->add_flag("--yes", pClearWith->bYes, "Really")->required();
+  pClear->add_flag("--yes", pClearWith->bYes, "Really")->required()->disable_flag_override();
 }
 
 }  // namespace
@@ -194,6 +216,7 @@ void AddStoreCommands(CLI::App* pApp, Request* pRequest) {
 std::function<int()> ParseCommandLine(int nCount, char** ppArguments) {
   CLI::App App("Records events about files and other named objects, and shows them again.", "lumbra");
   App.require_subcommand(1);
+  App.set_version_flag("--version", "lumbra " LUMBRA_VERSION);
   App.fallthrough();  // the common options may stand behind a command, too
   const auto pRequest = std::make_shared<Request>();
   AddCommon(&App, &pRequest->Common);
@@ -203,10 +226,15 @@ std::function<int()> ParseCommandLine(int nCount, char** ppArguments) {
   AddStoreCommands(&App, pRequest.get());
   try {
     App.parse(nCount, ppArguments);
+  } catch (const CLI::Success& Asked) {  // for help, or the version
+    App.exit(Asked);
+    return [] {
+      return kExitOk;
+    };
   } catch (const CLI::ParseError& Error) {
-    const int nStatus = App.exit(Error) == 0 ? kExitOk : kExitUsage;
-    return [nStatus] {
-      return nStatus;
+    std::fprintf(stderr, "lumbra: %s\nRun with --help for more information.\n", Error.what());
+    return [] {
+      return kExitUsage;
     };
   }
   return [pRequest] {

@@ -54,27 +54,29 @@ int Compact(const CommonOptions& Common, const NoOptions& /*Options*/) {
   std::uint64_t nLosses = 0;
   const auto Note = [&nLosses](std::string_view Line) {
     if (!Line.starts_with("Compact: ")) return;
-    ++nLosses;
-    std::printf("%.*s\n", static_cast<int>(Line.size()), Line.data());
+    if (nLosses++ == 0) std::puts("left out (the id of an object is its entry id and 1 more):");
+    std::printf("  %.*s\n", static_cast<int>(Line.size()), Line.data());
   };
-  CommonOptions Alike = Common;
-  if (FilesOf(Common).SharedRecordsHaveCrcs()) Alike.bCheckMode = true;  // for new files of the kind of the live ones
-  Session Store(Alike, Missing::Refuse, Note);
+  Session Store(InModeOfStore(Common), Missing::Refuse, Note);
   const StoreFiles& Files = Store.Files();
   PrintSizes("before", Files, kLiveIds, kLiveData);
-  {
+  try {
     const Progress Shown(Files);
     Check(Store.Call(&LumbraOperations::Compact, kSystemDatabase), "compact the shared objects");
+  } catch (const Failure&) {
+    for (const char* const pName : {kNewIds, kNewData}) {  // half a pair must not be put in place
+      std::error_code Ignored;
+      std::filesystem::remove(Files.Folder() / pName, Ignored);
+    }
+    throw;
   }
   PrintSizes("after", Files, kNewIds, kNewData);
-  if (nLosses != 0) {
-    std::printf("%llu times a name or data was damaged and has been left out of the compacted files\n",
-                static_cast<unsigned long long>(nLosses));
-  }
+  if (nLosses != 0) std::puts("What was left out is still in the live files, as far as it can be read there.");
   std::printf(
-      "The compacted pair lies beside the live one, which stays in use. To put it in its place, rename both files "
-      "over\n"
-      "%s and %s while nothing has the store open; the other files stay as they are.\n",
+      "The compacted pair lies beside the live one, which stays in use. To put it in its place, before any other "
+      "command\n"
+      "and while nothing has the store open: keep copies of %s and %s, and rename the pair over them. All other\n"
+      "files stay as they are.\n",
       kLiveIds, kLiveData);
   return kExitOk;
 }

@@ -43,7 +43,9 @@ Bytes ReadAll(const std::string& Path) {
     Content.insert(Content.end(), Piece, Piece + nRead);
     if (Content.size() > INT32_MAX) throw Failure("store what is read", errSIZE_INVALID);
   }
-  if (std::ferror(pFile) != 0) throw Failure("read " + Path, errREAD_FAILED, std::strerror(errno));
+  if (std::ferror(pFile) != 0) {
+    throw Failure("read " + (Path.empty() ? "standard input" : Path), errREAD_FAILED, std::strerror(errno));
+  }
   return Content;
 }
 
@@ -52,7 +54,9 @@ void WriteAll(const std::string& Path, const Bytes& Content) {
   std::FILE* const pFile = Opened ? Opened.get() : stdout;
   bool bWritten = std::fwrite(Content.data(), 1, Content.size(), pFile) == Content.size();
   if (Opened) bWritten &= std::fclose(Opened.release()) == 0;
-  if (!bWritten) throw Failure("write " + Path, errWRITE_FAILED, std::strerror(errno));
+  if (!bWritten) {
+    throw Failure("write " + (Path.empty() ? "standard output" : Path), errWRITE_FAILED, std::strerror(errno));
+  }
 }
 
 }  // namespace
@@ -78,6 +82,12 @@ int SetData(const CommonOptions& Common, const DataOptions& Options) {
   Check(Store.Call(&LumbraOperations::SetObjectData, Options.nId, Content.empty() ? nullptr : Content.data(),
                    static_cast<std::uint32_t>(Content.size()), Options.nKey),
         "store " + BlockOf(Options));
+  std::uint32_t nSize = 0;
+  if (Content.empty() &&
+      Store.Call(&LumbraOperations::GetObjectData, Options.nId, nullptr, 0, &nSize, Options.nKey) == errNOT_FOUND) {
+    throw Failure("store " + BlockOf(Options), errNOT_SUPPORTED,
+                  "this store keeps no block of no bytes under a new key");
+  }
   return kExitOk;
 }
 

@@ -3,8 +3,10 @@
 #include <date/date.h>
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
-#include <sstream>
+#include <regex>
+#include <string_view>
 
 namespace lumbra::tool {
 namespace {
@@ -18,13 +20,28 @@ std::uint64_t FileTimeOf(Instant Time) {
   return static_cast<std::uint64_t>(std::max<std::int64_t>(Since1601.count(), 0));
 }
 
-// Reads all of a text in one format.
-std::optional<Instant> Parse(const std::string& Text, const char* pFormat) {
-  std::istringstream Stream(Text);
-  Instant Time;
-  Stream >> date::parse(pFormat, Time);
-  const bool bAll = !Stream.fail() && Stream.peek() == std::istringstream::traits_type::eof();
-  return bAll ? std::optional(Time) : std::nullopt;
+bool IsDigit(char c) {
+  return c >= '0' && c <= '9';
+}
+
+// The next digits of a text as a number.
+int TakeNumber(std::string_view* pText, std::size_t nDigits) {
+  int nNumber = 0;
+  std::from_chars(pText->data(), pText->data() + nDigits, nNumber);
+  pText->remove_prefix(nDigits);
+  return nNumber;
+}
+
+// What stands behind the point of the seconds, if there is one, as units of 100 ns; finer digits are dropped.
+std::int64_t TakeFraction(std::string_view* pText) {
+  if (!pText->starts_with('.')) return 0;
+  pText->remove_prefix(1);
+  std::int64_t nUnits = 0;
+  for (std::int64_t nWorth = 1000000; !pText->empty() && IsDigit(pText->front()); nWorth /= 10) {
+    nUnits += (pText->front() - '0') * nWorth;
+    pText->remove_prefix(1);
+  }
+  return nUnits;
 }
 
 }  // namespace
@@ -34,8 +51,9 @@ std::uint64_t Now() {
 }
 
 std::uint64_t FileTimeOf(std::int64_t nSeconds, std::int64_t nNanoseconds) {
+  constexpr std::int64_t kLast = 900000000000;  // some 28,000 years on: what lies behind does not fit
   const auto Fraction = date::floor<FileTimeUnits>(std::chrono::nanoseconds(nNanoseconds));
-  return FileTimeOf(Instant(std::chrono::seconds(nSeconds) + Fraction));
+  return FileTimeOf(Instant(std::chrono::seconds(std::min(nSeconds, kLast)) + Fraction));
 }
 
 std::string FormatTime(std::uint64_t nFileTime) {
@@ -44,12 +62,41 @@ std::string FormatTime(std::uint64_t nFileTime) {
 }
 
 std::optional<std::uint64_t> ParseTime(const std::string& Text) {
-  std::string Upper = Text;  // RFC 3339 lets 't' and 'z' stand for 'T' and 'Z'
-  std::transform(Upper.begin(), Upper.end(), Upper.begin(),
-                 [](char c) { return c == 't' || c == 'z' ? static_cast<char>(c - 32) : c; });
-  const char* const pFormat = Upper.ends_with('Z') ? "%FT%TZ" : "%FT%T%Ez";
-  const std::optional<Instant> Time = Parse(Upper, pFormat);
-  return Time ? std::optional(FileTimeOf(*Time)) : std::nullopt;
+  static const std::regex kForm(R"(\d{4}-\d\d-\d\d[Tt]\d\d:\d\d:\d\d(\.\d+)?([Zz]|[+-]\d\d:\d\d))");
+  if (!std::regex_match(Text, kForm)) return {};
+  std::string_view Rest(Text);
+  const auto Take = [&Rest](std::size_t nDigits) {
+    const int nNumber = TakeNumber(&Rest, nDigits);
+    return nNumber;
+  };
+  const auto SkipOne = [&Rest] {
+    Rest.remove_prefix(1);
+  };
+  const date::year Year(Take(4));
+  SkipOne();
+  const date::month Month(static_cast<unsigned>(Take(2)));
+  SkipOne();
+  const date::year_month_day Day(Year, Month, date::day(static_cast<unsigned>(Take(2))));
+  SkipOne();
+  const int nHour = Take(2);
+  SkipOne();
+  const int nMinute = Take(2);
+  SkipOne();
+  const int nSecond = Take(2);  // 60 is a leap second
+  const FileTimeUnits Fraction(TakeFraction(&Rest));
+  const bool bEast = Rest.front() == '+';
+  const bool bZone = bEast || Rest.front() == '-';
+  SkipOne();
+  const int nZoneHour = bZone ? Take(2) : 0;
+  if (bZone) SkipOne();
+  const int nZoneMinute = bZone ? Take(2) : 0;
+  if (!Day.ok() || nHour > 23 || nMinute > 59 || nSecond > 60 || nZoneHour > 23 || nZoneMinute > 59) return {};
+
+  const auto Zone = std::chrono::hours(nZoneHour) + std::chrono::minutes(nZoneMinute);
+  const Instant Time = date::sys_days(Day) + std::chrono::hours(nHour) + std::chrono::minutes(nMinute) +
+                       std::chrono::seconds(nSecond) + Fraction - (bEast ? Zone : -Zone);
+  if (Time.time_since_epoch() + kTo1970 < FileTimeUnits::zero()) return {};  // before 1601
+  return FileTimeOf(Time);
 }
 
 }  // namespace lumbra::tool

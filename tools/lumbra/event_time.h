@@ -9,7 +9,7 @@ namespace lumbra::tool {
 
 std::uint64_t Now();
 
-// From a time since 1970; what lies before 1601 becomes 0.
+// From a time since 1970; what lies before 1601 becomes 0, and what does not fit the latest time that does.
 std::uint64_t FileTimeOf(std::int64_t nSeconds, std::int64_t nNanoseconds);
 
 // "2026-11-24T13:34:00.1234567Z"

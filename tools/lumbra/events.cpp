@@ -56,7 +56,10 @@ class Printer {
   // nParent is the parent of the event's object, 0 when it has none.
   void Print(std::uint64_t nId, const Event& Shown, std::uint64_t nParent) {
     ObjectName Object;
-    const bool bNamed = Succeeded(m_pSession->ReadName(Shown.nObject, &Object));
+    const ResultCode nCode = m_pSession->ReadName(Shown.nObject, &Object);
+    const bool bNamed = Succeeded(nCode);
+    const bool bGone = nCode == errOBJECT_NOT_FOUND || nCode == errNOT_FOUND;
+    if (!bNamed && !bGone) m_nFailed = nCode;
     if (m_Options.bJson) {
       nlohmann::ordered_json Line = {
           {"id", FormatId(nId)},   {"time", FormatTime(Shown.nTime)},   {"kind", Shown.nKind},
@@ -73,10 +76,14 @@ class Printer {
     std::printf("%s  %s  %-6s  %12llu  ", FormatId(nId).c_str(), FormatTime(Shown.nTime).c_str(),
                 FormatKind(Shown.nKind).c_str(), static_cast<unsigned long long>(Shown.nValue));
     if (m_Options.bParents) std::printf("%-18s  ", nParent == 0 ? "-" : FormatId(nParent).c_str());
-    std::puts(bNamed ? Object.Name.c_str() : "(its name is gone)");
+    std::puts(bNamed ? Printable(Object.Name).c_str() : bGone ? "(its name is gone)" : "(its name cannot be read)");
   }
 
+  // The code of the last name that could not be read.
+  ResultCode Failed() const { return m_nFailed; }
+
  private:
+  ResultCode m_nFailed = errOK;
   Session* m_pSession;
   const EventsOptions& m_Options;
 };
@@ -112,6 +119,7 @@ int Events(const CommonOptions& Common, const EventsOptions& Options) {
       nDone += nRead;
     }
   }
+  Check(Output.Failed(), "read the names of some events");
   return kExitOk;
 }
 

@@ -1,5 +1,7 @@
 #include "failure.h"
 
+#include <cstdio>
+
 #include "host/trace_format.h"
 
 namespace lumbra::tool {
@@ -10,7 +12,9 @@ const char* MeaningOf(ResultCode nCode) {
     case errSHARING_VIOLATION:
       return "another process holds the store; try again when it is done";
     case errOPEN_FAILED:
-      return "the files cannot be opened or created; see --trace 300 for the step that failed";
+      return "the files cannot be opened or created; is the disk full, or are they somebody else's?";
+    case static_cast<ResultCode>(0x80070004):
+      return "this process may not have so many files open";
     case errOBJECT_NOT_FOUND:
     case errFILE_NOT_FOUND:
     case errPATH_NOT_FOUND:
@@ -38,6 +42,8 @@ const char* MeaningOf(ResultCode nCode) {
       return "there is not enough memory";
     case errOBJECT_ALREADY_EXISTS:
       return "another name, which the store cannot tell from this one, is open";
+    case errPARAMETER_INVALID:
+      return "the store does not take this";
     case errREAD_ONLY:
       return "the store takes no writes at the moment";
     default:
@@ -50,7 +56,22 @@ const char* MeaningOf(ResultCode nCode) {
 Failure::Failure(const std::string& What, ResultCode nCode) : Failure(What, nCode, MeaningOf(nCode)) {}
 
 Failure::Failure(const std::string& What, ResultCode nCode, const std::string& Meaning)
-    : std::runtime_error(What + ": " + host::DescribeCode(nCode) + ": " + Meaning) {}
+    : std::runtime_error(Printable(What) + ": " + host::DescribeCode(nCode) + ": " + Meaning) {}
+
+std::string Printable(const std::string& Text) {
+  std::string Shown;
+  for (const char c : Text) {
+    const auto n = static_cast<unsigned char>(c);
+    if (n >= 0x20 && n != 0x7F) {
+      Shown += c;
+      continue;
+    }
+    char Escaped[8];
+    std::snprintf(Escaped, sizeof(Escaped), "\\x%02X", n);
+    Shown += Escaped;
+  }
+  return Shown;
+}
 
 void Check(ResultCode nCode, const std::string& What) {
   if (Failed(nCode)) throw Failure(What, nCode);

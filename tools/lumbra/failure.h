@@ -15,6 +15,9 @@ class Failure : public std::runtime_error {
   Failure(const std::string& What, ResultCode nCode, const std::string& Meaning);
 };
 
+// A text as it can be shown on a line of a terminal: control characters stand as \\xNN.
+std::string Printable(const std::string& Text);
+
 // Throws a Failure for a failing code.
 void Check(ResultCode nCode, const std::string& What);
 

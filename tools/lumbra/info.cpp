@@ -10,7 +10,7 @@ namespace lumbra::tool {
 namespace {
 
 struct DatabaseInfo {
-  std::uint32_t nId;
+  std::optional<std::uint32_t> Id;  // none for a folder whose name the store does not know yet
   DatabaseName Name;
   std::uint32_t nEventSize;
   std::uint32_t nRecords;
@@ -22,20 +22,28 @@ struct DatabaseInfo {
 DatabaseInfo Describe(Session& Store, const DatabaseName& Database) {
   DatabaseInfo Info{};
   Info.Name = Database;
-  Info.nId = Store.OpenDatabase(Database, Missing::Refuse);
+  const bool bHasId = Store.Files().HasId(Database);
+  if (bHasId) Info.Id = Store.OpenDatabase(Database, Missing::Refuse);
   const std::optional<DatabaseFiles> Files = Store.Files().Read(Database);
-  if (!Files) throw Failure("list " + Database.Describe(), errREAD_FAILED);
+  if (!Files) throw Failure("list " + Database.Describe(), errDATA_CORRUPTED, "its segments.dat is damaged");
   Info.nEventSize = Files->nEventSize;
   Info.nSegments = Files->Segments.size();
-  Check(Store.Call(&LumbraOperations::GetDBInfo, Info.nId, &Info.nRecords, &Info.nBytes, &Info.nOldest),
-        "describe " + Database.Describe());
+  if (bHasId) {
+    Check(Store.Call(&LumbraOperations::GetDBInfo, *Info.Id, &Info.nRecords, &Info.nBytes, &Info.nOldest),
+          "describe " + Database.Describe());
+    return Info;
+  }
+  // To open it would give its name one of the ids for ever; its files tell enough.
+  for (const SegmentFile& Segment : Files->Segments) Info.nRecords += static_cast<std::uint32_t>(Segment.nEvents);
+  Info.nBytes = Store.Files().SizeOf(Database);
   return Info;
 }
 
 void PrintJson(const Session& Store, const std::vector<DatabaseInfo>& Databases) {
   nlohmann::ordered_json Listed = nlohmann::ordered_json::array();
   for (const DatabaseInfo& Info : Databases) {
-    nlohmann::ordered_json One = {{"id", Info.nId}, {"name", nullptr}, {"folder", Info.Name.Folder()}};
+    nlohmann::ordered_json One = {{"id", nullptr}, {"name", nullptr}, {"folder", Info.Name.Folder()}};
+    if (Info.Id) One["id"] = *Info.Id;
     if (!Info.Name.Number) One["name"] = Info.Name.Name;
     One["event_size"] = Info.nEventSize;
     One["records"] = Info.nRecords;
@@ -47,15 +55,15 @@ void PrintJson(const Session& Store, const std::vector<DatabaseInfo>& Databases)
   }
   const nlohmann::ordered_json All = {
       {"store", Store.Files().Folder().string()}, {"corrupted", Store.IsCorrupted()}, {"databases", Listed}};
-  std::puts(All.dump().c_str());
+  std::puts(All.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
 }
 
 void PrintText(const Session& Store, const std::vector<DatabaseInfo>& Databases) {
-  std::printf("%s%s\n\n", Store.Files().Folder().c_str(), Store.IsCorrupted() ? "  (marked corrupted)" : "");
+  std::printf("%s%s\n\n", Store.Files().Folder().c_str(), Store.IsCorrupted() ? "  (damaged; see lumbra check)" : "");
   std::printf("%3s  %-16s  %-16s  %10s  %10s  %14s  %8s  %s\n", "id", "name", "folder", "event size", "records",
               "bytes", "segments", "oldest segment");
   for (const DatabaseInfo& Info : Databases) {
-    std::printf("%3u  %-16s  %-16s  %10u  %10u  %14llu  %8zu  %s\n", Info.nId,
+    std::printf("%3s  %-16s  %-16s  %10u  %10u  %14llu  %8zu  %s\n", Info.Id ? std::to_string(*Info.Id).c_str() : "-",
                 Info.Name.Number ? "-" : Info.Name.Name.c_str(), Info.Name.Folder().c_str(), Info.nEventSize,
                 Info.nRecords, static_cast<unsigned long long>(Info.nBytes), Info.nSegments,
                 Info.nOldest != 0 ? FormatTime(Info.nOldest).c_str() : "-");

@@ -16,6 +16,9 @@ bool ErrorsGoToTerminal();
 void WatchForInterrupt();
 bool Interrupted();
 
+// Why a store's folder or its files cannot be used for reading and writing; empty when they can, as far as can be seen.
+std::string WhyNotUsable(const std::filesystem::path& Folder);
+
 // Whether another process has the file open in a way that shuts us out.
 bool IsHeld(const std::filesystem::path& File);
 

@@ -42,10 +42,25 @@ void WatchForInterrupt() {
   // Without SA_RESTART: a read that waits for input ends.
   sigaction(SIGINT, &Action, nullptr);
   sigaction(SIGTERM, &Action, nullptr);
+  signal(SIGXFSZ, SIG_IGN);  // a limit on file sizes makes writes fail, like a full disk
 }
 
 bool Interrupted() {
   return g_bInterrupted != 0;
+}
+
+std::string WhyNotUsable(const std::filesystem::path& Folder) {
+  struct stat Status {};
+  if (stat(Folder.c_str(), &Status) != 0) {
+    if (errno != ENOENT) return std::strerror(errno);
+    return Folder.has_relative_path() ? WhyNotUsable(Folder.parent_path()) : std::string();
+  }
+  if (!S_ISDIR(Status.st_mode)) return Folder.string() + " is no folder";
+  for (const char* const pName : {"", "g_objbt.dat", "g_objid.dat", "g_objdt.dat", "g_db_id.dat", "00"}) {
+    const std::filesystem::path Path = Folder / pName;
+    if (access(Path.c_str(), R_OK | W_OK) != 0 && errno != ENOENT) return Path.string() + ": " + std::strerror(errno);
+  }
+  return {};
 }
 
 bool IsHeld(const std::filesystem::path& File) {

@@ -1,18 +1,40 @@
 // lumbra: the command-line tool.
 #include <cstdio>
 #include <exception>
+#include <filesystem>
+#include <new>
 
 #include "command_line.h"
 #include "commands.h"
+#include "failure.h"
+
+using lumbra::tool::Failure;
+
+namespace {
+
+int Report(const std::string& Problem) {
+  std::fflush(stdout);
+  std::fprintf(stderr, "lumbra: %s\n", Problem.c_str());
+  return lumbra::tool::kExitFailed;
+}
+
+lumbra::ResultCode CodeOf(const std::error_code& Error) {
+  if (Error == std::errc::permission_denied) return lumbra::errACCESS_DENIED;
+  return Error == std::errc::no_such_file_or_directory ? lumbra::errPATH_NOT_FOUND : lumbra::errUNSPECIFIED;
+}
+
+}  // namespace
 
 int main(int nCount, char** ppArguments) {
   try {
     const int nStatus = lumbra::tool::ParseCommandLine(nCount, ppArguments)();
-    if (std::fflush(stdout) == 0) return nStatus;
-    std::fputs("lumbra: standard output cannot be written\n", stderr);
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return nStatus;
+    return Report(Failure("write standard output", lumbra::errWRITE_FAILED, "what it said is incomplete").what());
+  } catch (const std::filesystem::filesystem_error& Error) {
+    return Report(Failure("look at " + Error.path1().string(), CodeOf(Error.code()), Error.code().message()).what());
+  } catch (const std::bad_alloc&) {
+    return Report(Failure("go on", lumbra::errOUT_OF_MEMORY).what());
   } catch (const std::exception& Error) {
-    std::fflush(stdout);
-    std::fprintf(stderr, "lumbra: %s\n", Error.what());
+    return Report(Error.what());
   }
-  return lumbra::tool::kExitFailed;
 }

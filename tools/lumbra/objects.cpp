@@ -9,6 +9,10 @@
 namespace lumbra::tool {
 namespace {
 
+void ReportFailure(const Failure& Reason) {
+  std::fprintf(stderr, "lumbra: %s\n", Reason.what());
+}
+
 bool IsMissing(ResultCode nCode) {
   return nCode == errOBJECT_NOT_FOUND || nCode == errNOT_FOUND;
 }
@@ -56,13 +60,16 @@ int Find(const CommonOptions& Common, const FindOptions& Options) {
   for (const std::string& Name : Options.Names) {
     std::uint64_t nId = 0;
     const ResultCode nCode = Store.FindObject(nDatabase, Options.nType, Name, Options.bCreate, Options.nParent, &nId);
-    if (IsMissing(nCode)) {
-      std::puts("not found");
-      nStatus = kExitFailed;
+    if (Succeeded(nCode)) {
+      std::puts(FormatId(nId).c_str());
       continue;
     }
-    Check(nCode, "find \"" + Name + '"');
-    std::puts(FormatId(nId).c_str());
+    nStatus = kExitFailed;  // one that cannot be had does not hide the others
+    if (IsMissing(nCode) && !Options.bCreate) {
+      std::puts("not found");
+    } else {
+      ReportFailure(Failure((Options.bCreate ? "create \"" : "find \"") + Name + '"', nCode));
+    }
   }
   return nStatus;
 }
@@ -71,19 +78,22 @@ int Name(const CommonOptions& Common, const NameOptions& Options) {
   Session Store(Common, Missing::Refuse);
   int nStatus = kExitOk;
   for (const std::uint64_t nId : Options.Ids) {
-    Store.OpenDatabaseOf(nId);
-    ObjectName Object;
-    const ResultCode nCode = Store.ReadName(nId, &Object);
-    if (Failed(nCode)) {  // one that cannot be shown does not hide the others
-      nStatus = kExitFailed;
+    try {
+      Store.OpenDatabaseOf(nId);
+      ObjectName Object;
+      const ResultCode nCode = Store.ReadName(nId, &Object);
       if (IsMissing(nCode)) {
         std::printf("%s  not found\n", FormatId(nId).c_str());
-      } else {
-        std::fprintf(stderr, "lumbra: %s\n", Failure("read the name of " + FormatId(nId), nCode).what());
+        nStatus = kExitFailed;
+        continue;
       }
-      continue;
+      Check(nCode, "read the name of " + FormatId(nId));
+      std::printf("%s  %-6s  %s\n", FormatId(nId).c_str(), FormatType(Object.nType).c_str(),
+                  Printable(Object.Name).c_str());
+    } catch (const Failure& Reason) {  // one that cannot be shown does not hide the others
+      ReportFailure(Reason);
+      nStatus = kExitFailed;
     }
-    std::printf("%s  %-6s  %s\n", FormatId(nId).c_str(), FormatType(Object.nType).c_str(), Object.Name.c_str());
   }
   return nStatus;
 }

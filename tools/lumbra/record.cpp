@@ -72,7 +72,8 @@ Line ParseLine(const std::string& Text) {
 // The lines of a file or of standard input. An interrupt ends them.
 class LineReader {
  public:
-  explicit LineReader(const std::string& Path) : m_pFile(Path.empty() ? stdin : std::fopen(Path.c_str(), "rb")) {
+  explicit LineReader(const std::string& Path)
+      : m_Name(Path.empty() ? "standard input" : Path), m_pFile(Path.empty() ? stdin : std::fopen(Path.c_str(), "rb")) {
     if (m_pFile == nullptr)
       throw Failure("read " + Path, errno == ENOENT ? errFILE_NOT_FOUND : errACCESS_DENIED, std::strerror(errno));
   }
@@ -86,10 +87,13 @@ class LineReader {
     pLine->clear();
     int c = EOF;
     while (!Interrupted() && (c = std::getc(m_pFile)) != EOF && c != '\n') *pLine += static_cast<char>(c);
-    return !Interrupted() && (c != EOF || !pLine->empty());
+    if (Interrupted()) return false;
+    if (std::ferror(m_pFile) != 0) throw Failure("read " + m_Name, errREAD_FAILED, std::strerror(errno));
+    return c != EOF || !pLine->empty();
   }
 
  private:
+  std::string m_Name;
   std::FILE* m_pFile;
 };
 

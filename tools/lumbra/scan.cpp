@@ -72,7 +72,7 @@ class Scanner {
 
   void Warn(const fs::path& Path, const std::string& Reason) const {
     EndProgress();
-    std::fprintf(stderr, "lumbra: %s: %s\n", Path.c_str(), Reason.c_str());
+    std::fprintf(stderr, "lumbra: %s: %s\n", Printable(Path.string()).c_str(), Reason.c_str());
   }
 
   Recorder* m_pRecorder;
@@ -108,7 +108,8 @@ int Scan(const CommonOptions& Common, const ScanOptions& Options) {
                  static_cast<unsigned long long>(Walker.Unreadable()));
   }
   Records.PrintSummary();
-  return Interrupted() ? kExitInterrupted : kExitOk;
+  if (Interrupted()) return kExitInterrupted;
+  return Walker.Unreadable() == 0 ? kExitOk : kExitFailed;
 }
 
 }  // namespace lumbra::tool

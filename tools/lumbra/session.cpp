@@ -18,6 +18,12 @@ StoreFiles FilesOf(const CommonOptions& Options) {
   return StoreFiles(Folder);
 }
 
+CommonOptions InModeOfStore(const CommonOptions& Options) {
+  CommonOptions Alike = Options;
+  if (FilesOf(Options).SharedRecordsHaveCrcs()) Alike.bCheckMode = true;
+  return Alike;
+}
+
 Session::Session(const CommonOptions& Options, Missing Store, DamageListener Listener) : m_Files(FilesOf(Options)) {
   const std::string What = "open " + m_Files.Folder().string();
   if (Store == Missing::Refuse && !m_Files.Exists()) throw Failure(What, errOBJECT_NOT_FOUND, "there is no store here");
@@ -27,8 +33,12 @@ Session::Session(const CommonOptions& Options, Missing Store, DamageListener Lis
   if (!m_Store) throw Failure(What, errOUT_OF_MEMORY);
   Check(m_Store.SetReportFolder(m_Files.Folder().u16string()), What);
   Check(m_Store.SetNumber(propCHECK_MODE, Options.bCheckMode ? 1 : 0), What);
-  const ResultCode nCode = m_Store.Init();
+  ResultCode nCode = m_Store.Init();
   if (Failed(nCode) && m_Files.IsHeldByAnotherProcess()) throw Failure(What, errSHARING_VIOLATION);
+  if (nCode == errOPEN_FAILED) nCode = m_Store.Init();  // another process may have ended between the two looks
+  if (const std::string Reason = WhyNotUsable(m_Files.Folder()); nCode == errOPEN_FAILED && !Reason.empty()) {
+    throw Failure(What, nCode, Reason);
+  }
   Check(nCode, What);
 }
 
@@ -49,6 +59,12 @@ void Session::Trace(std::uint32_t nLevel, DamageListener Listener) {
 
 std::uint32_t Session::OpenDatabase(const DatabaseName& Database, Missing IfMissing) {
   const std::string What = "open " + Database.Describe();
+  if (const std::optional<DatabaseName> Other = m_Files.Namesake(Database)) {
+    throw Failure(What, errOBJECT_ALREADY_EXISTS, "the store cannot tell it from " + Other->Describe());
+  }
+  if (m_Files.HasLostEvents(Database)) {
+    throw Failure(What, errDATA_CORRUPTED, "its segments.dat is missing, and opening it would start it anew, empty");
+  }
   std::uint32_t nEventSize = sizeof(Event);
   if (m_Files.Has(Database)) {
     const std::optional<DatabaseFiles> Found = m_Files.Read(Database);

@@ -50,6 +50,9 @@ struct ObjectName {
 // The files of the store that the options name; throws a Failure for a folder that cannot be one.
 StoreFiles FilesOf(const CommonOptions& Options);
 
+// The options with the check mode of the store's shared objects: for commands whose new files must be of the same kind.
+CommonOptions InModeOfStore(const CommonOptions& Options);
+
 enum class Missing { Create, Refuse };
 
 // Told what the store traces about failures and damage, without the "lmb\t" in front.

@@ -81,7 +81,10 @@ bool StoreFiles::Exists() const {
 }
 
 bool StoreFiles::IsHeldByAnotherProcess() const {
-  return IsHeld(m_Folder / "g_objid.dat");
+  for (const char* const pName : {"g_objbt.dat", "g_objid.dat", "g_objdt.dat", "00/segments.dat"}) {
+    if (IsHeld(m_Folder / pName)) return true;
+  }
+  return false;
 }
 
 bool StoreFiles::Has(const DatabaseName& Database) const {
@@ -130,6 +133,41 @@ std::vector<DatabaseName> StoreFiles::Databases() const {
   return Numbered;
 }
 
+bool StoreFiles::HasLostEvents(const DatabaseName& Database) const {
+  std::error_code NoFolder;
+  for (const fs::directory_entry& Entry : fs::directory_iterator(m_Folder / Database.Folder(), NoFolder)) {
+    if (Entry.path().filename().string().ends_with("_events.dat")) return !Has(Database);
+  }
+  return false;
+}
+
+std::optional<DatabaseName> StoreFiles::Namesake(const DatabaseName& Database) const {
+  if (Database.Number || !Exists()) return {};
+  for (const DatabaseName& Other : Databases()) {
+    const bool bAlike = !Other.Number && Other.Name != Database.Name && IndexKey(Other.Name) == IndexKey(Database.Name);
+    if (bAlike) return Other;
+  }
+  return {};
+}
+
+bool StoreFiles::HasId(const DatabaseName& Database) const {
+  if (Database.Number) return true;
+  for (std::uint64_t nBlock = 1;; ++nBlock) {
+    const std::string Item = ReadBlock("g_db_id.dat", nBlock);
+    if (Item.empty()) return false;
+    if (Item.substr(0, Item.find('\0')) == IndexKey(Database.Name)) return true;
+  }
+}
+
+bool StoreFiles::SharedTreeIsSound() const {
+  constexpr std::string_view kFirstNode("\x10\0\0\0", 4);
+  constexpr std::uint64_t kSmallest = 16 + 1024;  // the header and the root
+  const std::string Header = ReadBlock("g_objbt.dat", 0);
+  const bool bMagic = Header.starts_with("ODBT") || Header.starts_with("ODBC");
+  return SharedObjectCount() == 0 ||
+         (bMagic && Header.substr(4, 4) == kFirstNode && SizeOf("g_objbt.dat") >= kSmallest);
+}
+
 std::optional<DatabaseName> StoreFiles::DatabaseOfNumber(std::uint32_t nId) const {
   if (nId < kFirstNamedDatabase) return DatabaseName{nId, {}};
   const std::string Item = ReadBlock("g_db_id.dat", std::uint64_t{nId - kFirstNamedDatabase} + 1);
@@ -164,6 +202,16 @@ std::uint64_t StoreFiles::SizeOf(const char* pName) const {
   std::error_code Missing;
   const std::uint64_t nSize = fs::file_size(m_Folder / pName, Missing);
   return Missing ? 0 : nSize;
+}
+
+std::uint64_t StoreFiles::SizeOf(const DatabaseName& Database) const {
+  std::uint64_t nSize = 0;
+  std::error_code Gone;
+  for (const fs::directory_entry& Entry : fs::directory_iterator(m_Folder / Database.Folder(), Gone)) {
+    const std::uint64_t nOne = Entry.is_regular_file(Gone) ? Entry.file_size(Gone) : 0;
+    if (!Gone) nSize += nOne;
+  }
+  return nSize;
 }
 
 // Up to 64 bytes of one of the store's own files.

@@ -46,11 +46,20 @@ class StoreFiles {
   // Reads the header of a database that is there, and lists its segments; nothing when the header is damaged.
   std::optional<DatabaseFiles> Read(const DatabaseName& Database) const;
 
+  // Whether its folder holds events without the header that leads to them.
+  bool HasLostEvents(const DatabaseName& Database) const;
+
+  // A named database that the store cannot tell from this one, of another name; nothing when there is none.
+  std::optional<DatabaseName> Namesake(const DatabaseName& Database) const;
+
   // Every database of the store, the numbered ones first.
   std::vector<DatabaseName> Databases() const;
 
   // The database with an id, by the index of names; nothing when there is none.
   std::optional<DatabaseName> DatabaseOfNumber(std::uint32_t nId) const;
+
+  // Whether the database has an id already: every numbered one, and the named ones that are in the index.
+  bool HasId(const DatabaseName& Database) const;
 
   // Whether damaged data was met at some time, as the index of names has it.
   bool IsMarkedCorrupted() const;
@@ -60,8 +69,12 @@ class StoreFiles {
   bool SharedRecordsHaveCrcs() const;
   std::uint64_t SharedObjectCount() const;
 
-  // Bytes of one of the store's own files; 0 when it is not there.
+  // Whether the tree of the shared objects' hashes starts as one does; a store without objects may have none.
+  bool SharedTreeIsSound() const;
+
+  // Bytes of one of the store's own files, and of all files of a database; 0 when there are none.
   std::uint64_t SizeOf(const char* pName) const;
+  std::uint64_t SizeOf(const DatabaseName& Database) const;
 
  private:
   std::string ReadBlock(const char* pName, std::uint64_t nBlock) const;

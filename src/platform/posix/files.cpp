@@ -52,6 +52,17 @@ bool LiftDescriptorLimit() {
   return setrlimit(RLIMIT_NOFILE, &Limit) == 0;
 }
 
+// In a process that was started with a standard stream closed, a file would get its descriptor, and what the process
+// prints would land in the file.
+int OffStandardStreams(int nDescriptor) {
+  if (nDescriptor > STDERR_FILENO) return nDescriptor;
+  const int nMoved = fcntl(nDescriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  const int nErrno = errno;
+  close(nDescriptor);
+  errno = nErrno;
+  return nMoved;
+}
+
 // Opens as the disposition says, except that nothing is cut yet. *pbCreated tells whether the file is new.
 int OpenByDisposition(const std::string& Path, int nFlags, Disposition nDisposition, bool* pbCreated) {
   *pbCreated = false;
@@ -136,7 +147,7 @@ int OpenDescriptor(const std::string& Path, int nFlags) {
   constexpr mode_t kMode = 0666;  // the process's umask takes from it
   for (;;) {
     const int nDescriptor = open(Path.c_str(), nFlags, kMode);
-    if (nDescriptor >= 0) return nDescriptor;
+    if (nDescriptor >= 0) return OffStandardStreams(nDescriptor);
     if (errno == EINTR) continue;
     if (errno != EMFILE) return -1;
     if (!LiftDescriptorLimit()) {
