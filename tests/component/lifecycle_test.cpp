@@ -152,54 +152,54 @@ TEST_F(LifecycleTest, RebuildsALostTree) {
 
 TEST_F(LifecycleTest, AnswersForItsProperties) {
   m_Store = m_Host->Create();
-  const auto Access = [this](std::uint32_t nProperty, std::uint32_t nMode, void* pBuffer, std::uint32_t nSize,
-                             std::uint32_t* pnCount, std::uint32_t nCodePage = kCodePageUtf16) {
+  std::uint32_t nCount = 0;
+  std::uint32_t nCodePage = 0;
+  const auto Access = [&](std::uint32_t nProperty, std::uint32_t nMode, void* pBuffer, std::uint32_t nSize) {
     PropertyAccessRecord Record{pBuffer, nSize, 0, nCodePage, nMode};
     LumbraInstance* const pInstance = m_Store.Instance();
     const ResultCode nCode = pInstance->pLifecycle->PropertyAccess(pInstance, nProperty, &Record);
-    *pnCount = nMode == propertyCodePage ? Record.nCodePage : Record.nCount;
+    nCodePage = Record.nCodePage;
+    nCount = Record.nCount;
     return nCode;
   };
-  std::uint32_t nCount = 0;
   std::uint32_t nValue = 7;
   for (const std::uint32_t nProperty :
        {propCHECK_MODE, propENVIRONMENT_FLAG, propEXACT_FILE_SIZES, propWRITES_SUSPENDED}) {
-    nValue = 7;
-    EXPECT_CODE(errOK, Access(nProperty, propertyProbe, nullptr, 0, &nCount));
-    EXPECT_CODE(errOK, Access(nProperty, propertySet, &nValue, 4, &nCount));
-    EXPECT_CODE(errBUFFER_TOO_SMALL, Access(nProperty, propertyGet, &nValue, 3, &nCount));
-    EXPECT_EQ(4u, nCount);
-    nValue = 0;
-    EXPECT_CODE(errOK, Access(nProperty, propertyGet, &nValue, 4, &nCount));
-    EXPECT_EQ(7u, nValue);
-    nValue = 0;
-    EXPECT_CODE(errOK, Access(nProperty, propertySet, &nValue, 4, &nCount));
+    for (const std::uint32_t nSet : {7u, 0u}) {
+      nValue = nSet;
+      EXPECT_CODE(errOK, Access(nProperty, propertyProbe, nullptr, 0));
+      EXPECT_CODE(errOK, Access(nProperty, propertySet, &nValue, 4));
+      EXPECT_CODE(errBUFFER_TOO_SMALL, Access(nProperty, propertyGet, &nValue, 3));
+      nValue = 99;
+      EXPECT_CODE(errOK, Access(nProperty, propertyGet, &nValue, 4));
+      EXPECT_EQ((std::pair{nSet, 4u}), (std::pair{nValue, nCount}));
+    }
   }
-  EXPECT_CODE(errPROPERTY_NOT_HANDLED, Access(propCORRUPTED, propertySet, &nValue, 4, &nCount));
-  EXPECT_CODE(errPROPERTY_NOT_HANDLED, Access(0x12345678, propertyGet, &nValue, 4, &nCount));
-  EXPECT_CODE(errOK, Access(propINTERFACE_CONSTANT, propertyGet, &nValue, 4, &nCount));
+  EXPECT_CODE(errPROPERTY_NOT_HANDLED, Access(propCORRUPTED, propertySet, &nValue, 4));
+  EXPECT_CODE(errPROPERTY_NOT_HANDLED, Access(0x12345678, propertyGet, &nValue, 4));
+  EXPECT_CODE(errOK, Access(propINTERFACE_CONSTANT, propertyGet, &nValue, 4));
   EXPECT_EQ(1u, nValue);
   char Comment[8] = "abcdefg";
-  EXPECT_CODE(errOK, Access(propINTERFACE_COMMENT, propertySet, Comment, 8, &nCount));
-  EXPECT_CODE(errOK, Access(propINTERFACE_COMMENT, propertyGet, Comment, 8, &nCount));
+  EXPECT_CODE(errOK, Access(propINTERFACE_COMMENT, propertySet, Comment, 8));
+  EXPECT_CODE(errOK, Access(propINTERFACE_COMMENT, propertyGet, Comment, 8));
   EXPECT_STREQ("Lumbra", Comment);
-  EXPECT_CODE(errOK, Access(propINTERFACE_COMMENT, propertyCodePage, nullptr, 0, &nCount));
-  EXPECT_EQ(kCodePage8Bit, nCount);
+  EXPECT_CODE(errOK, Access(propINTERFACE_COMMENT, propertyCodePage, nullptr, 0));
+  EXPECT_EQ(kCodePage8Bit, nCodePage);
 
   char16_t Text[20] = {};
-  EXPECT_CODE(errOK, Access(propREPORT_FOLDER, propertyGet, nullptr, 0, &nCount));
+  EXPECT_CODE(errOK, Access(propREPORT_FOLDER, propertyGet, nullptr, 0));
   EXPECT_EQ(0u, nCount);
-  EXPECT_CODE(errOK,
-              Access(propREPORT_FOLDER, propertySet, const_cast<char*>("/t\xC3\xA9st"), 6, &nCount, kCodePageUtf8));
-  EXPECT_CODE(errOK, Access(propREPORT_FOLDER, propertyGet, nullptr, 0, &nCount));
+  nCodePage = kCodePageUtf8;
+  EXPECT_CODE(errOK, Access(propREPORT_FOLDER, propertySet, const_cast<char*>("/t\xC3\xA9st"), 6));
+  EXPECT_CODE(errOK, Access(propREPORT_FOLDER, propertyGet, nullptr, 0));
   EXPECT_EQ(12u, nCount);
-  EXPECT_CODE(errBUFFER_TOO_SMALL, Access(propREPORT_FOLDER, propertyGet, Text, 11, &nCount));
-  EXPECT_CODE(errOK, Access(propREPORT_FOLDER, propertyGet, Text, sizeof(Text), &nCount));
+  EXPECT_CODE(errBUFFER_TOO_SMALL, Access(propREPORT_FOLDER, propertyGet, Text, 11));
+  EXPECT_CODE(errOK, Access(propREPORT_FOLDER, propertyGet, Text, sizeof(Text)));
   EXPECT_EQ(u"/t\u00E9st", std::u16string(Text));
 
   ASSERT_CODE(errOK, Open());
-  EXPECT_CODE(errPROPERTY_READ_ONLY, Access(propENVIRONMENT_FLAG, propertySet, &nValue, 4, &nCount));
-  EXPECT_CODE(errOK, Access(propENVIRONMENT_FLAG, propertyGet, &nValue, 4, &nCount));
+  EXPECT_CODE(errPROPERTY_READ_ONLY, Access(propENVIRONMENT_FLAG, propertySet, &nValue, 4));
+  EXPECT_CODE(errOK, Access(propENVIRONMENT_FLAG, propertyGet, &nValue, 4));
 }
 
 TEST_F(LifecycleTest, FlushesOnTheHostsMessage) {

@@ -5,7 +5,6 @@
 #include <stdexcept>
 
 #include "platform/exception.h"
-#include "platform/trace.h"
 #include "support/world.h"
 
 namespace lumbra::test {
@@ -73,11 +72,6 @@ TEST(ResultCodes, ExceptionsBecomeCodes) {
   EXPECT_STREQ("ResultCodeException", Failure.what());
   EXPECT_EQ(u"no folder: 0x80010103 (Path not found)", Failure.Description());
   EXPECT_EQ(u"0x80000041 (Out of memory)", ulo::CheckResultFailedException("", 0, errOUT_OF_MEMORY).Description());
-}
-
-TEST(Trace, WithoutASinkDropsTheLine) {
-  SetTraceSink(nullptr);
-  EXPECT_CODE(errUNEXPECTED, Trace(kHostRoot, traceFailure, "lmb\t%X", 1));
 }
 
 }  // namespace
