@@ -122,10 +122,10 @@ inline constexpr std::uint32_t kExpandMessageId = 0x4EED86CA;
 inline constexpr std::uint32_t kFlushMessageClass = 0x828F2F82;
 inline constexpr std::uint32_t kFlushMessageId = 0x6D649E90;
 
-// The 19 operations. pSelf is the handle of the instance. "Name, size in bytes" pairs are UTF-16; the size
-// may be kZeroTerminated. Pointers marked "may be null" are optional. While propWRITES_SUSPENDED is set,
-// operations that write answer errREAD_ONLY. An id of a named database that is not open answers
-// errPARAMETER_INVALID.
+// The 19 operations. pSelf is the handle of the instance. "Name, size in bytes" pairs are UTF-16; the size may be
+// kZeroTerminated, or -1 for 8-bit text that ends with a zero. Pointers marked "may be null" are optional. While
+// propWRITES_SUSPENDED is set, operations that write answer errREAD_ONLY (a FindObject that only finds may still create
+// the root of a path). An id of a named database that is not open answers errPARAMETER_INVALID.
 struct LumbraOperations {
   // Appends one event; nSize must be the event size of the database. *pnEventId (may be null) receives the
   // id. Database 0 takes no events: errNOT_SUPPORTED.
@@ -150,9 +150,10 @@ struct LumbraOperations {
                                  std::int32_t nNameSize, std::uint32_t nCreate, std::uint32_t nFlagsOverride,
                                  std::uint64_t* pnObjectId);
 
-  // The full name of an object, and its type. pBuffer may be null with nBufferSize 0. *pnNameSize (may be
-  // null) receives the size in bytes without the terminating zero, which is written when it fits. Answers
-  // errBUFFER_TOO_SMALL when the name does not fit; the buffer's content is then undefined.
+  // The full name of an object, and its type. *pnNameSize (may be null) receives the size in bytes without the
+  // terminating zero, which is written when it fits. Answers errBUFFER_TOO_SMALL when the name does not fit; the
+  // buffer's content is then undefined. pBuffer may be null with nBufferSize 0, to ask for the type, and for the size
+  // beside it; where pnType is null as well, nothing is asked for and nothing is stored.
   ResultCode (*GetObjectName)(HostObject* pSelf, std::uint64_t nObjectId, char16_t* pBuffer, std::uint32_t nBufferSize,
                               std::uint32_t* pnNameSize, std::uint32_t nFlagsOverride, std::uint32_t* pnType);
 
@@ -162,15 +163,17 @@ struct LumbraOperations {
   ResultCode (*GetObjectData)(HostObject* pSelf, std::uint64_t nObjectId, void* pBuffer, std::uint32_t nBufferSize,
                               std::uint32_t* pnDataSize, std::uint32_t nTag);
 
-  // Stores a data block under a tag, in place of the one that is there. A block of no bytes has a null pData. An object
-  // has blocks under at most 255 tags: errOUT_OF_SPACE for one more.
+  // Stores a data block under a tag, in place of the one that is there. A block of no bytes has a null pData; under a
+  // new tag it is kept only in files of check mode. An object has blocks under at most 255 tags: errOUT_OF_SPACE for
+  // one more.
   ResultCode (*SetObjectData)(HostObject* pSelf, std::uint64_t nObjectId, const void* pData, std::uint32_t nSize,
                               std::uint32_t nTag);
 
   // Loads a host object from the data block under a tag (HostRootOperations::LoadFromBytes). A container
-  // (kHostContainerType) receives something else, for each object from the one given up to its root: the id of its
-  // parent in kParentList, if it has one, and its hash in kHashList. An object of type typeFile empties both lists
-  // instead.
+  // (kHostContainerType) receives something else, behind what it holds: for each object from the one given up to its
+  // root, the id of its parent in kParentList, if it has one, and its hash in kHashList. An object of type typeFile
+  // empties both lists instead; one that cannot be read has the hash 0 and ends the way. errDATA_CORRUPTED for a way
+  // that runs in a circle; a failure of the container ends the listing and is answered.
   ResultCode (*GetObjectDataInto)(HostObject* pSelf, std::uint64_t nObjectId, HostObject* pTarget, std::uint32_t nTag);
 
   // Stores what a host object saves of itself (HostRootOperations::SaveToBytes) as the data block under a tag.

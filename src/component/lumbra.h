@@ -169,7 +169,7 @@ class Lumbra : public HostedInstance {
 
   // objects.cpp, object_data.cpp
   std::uint64_t WithoutAlias(std::uint64_t nObjectId) const;
-  static ResultCode ListAncestors(SegmentManager& Manager, std::uint64_t nObjectId, HostObject* pContainer);
+  ResultCode ListAncestors(SegmentManager& Manager, std::uint64_t nObjectId, HostObject* pContainer);
 
   // In the order in which they are destroyed, last to first.
   Owner m_Owner{&Handle};

@@ -64,11 +64,7 @@ ResultCode Lumbra::GetObjectDataInto(std::uint64_t nObjectId, HostObject* pTarge
   const SharedHold Hold(m_Lock);
   const Database Found = FindDatabase(DatabaseOfId(nObjectId));
   if (!Found.IsOpen()) return errPARAMETER_INVALID;
-  if (binding::IsContainer(pTarget)) {
-    const ResultCode nListed = ListAncestors(Found.Manager(), nObjectId, pTarget);
-    MarkCorruptedOn(nListed);
-    return nListed;
-  }
+  if (binding::IsContainer(pTarget)) return ListAncestors(Found.Manager(), nObjectId, pTarget);
 
   const std::uint64_t nLocalId = WithoutDatabase(nObjectId);
   ObjectBuffer Buffer;
@@ -88,12 +84,17 @@ ResultCode Lumbra::ListAncestors(SegmentManager& Manager, std::uint64_t nObjectI
   const std::uint32_t nDatabase = DatabaseOfId(nObjectId);
   std::uint64_t nCurrent = WithoutDatabase(nObjectId);
   for (CircleWatch Circle; nCurrent != 0;) {
-    if (Circle.WasHere(nCurrent)) return errDATA_CORRUPTED;
+    if (Circle.WasHere(nCurrent)) {
+      MarkCorruptedOn(errDATA_CORRUPTED);
+      return errDATA_CORRUPTED;
+    }
     std::uint64_t nParent = 0;
     std::uint64_t nHash = 0;
     std::uint8_t nType = 0;
-    if (Failed(Manager.GetObjectParent(nCurrent, &nParent, &nHash, &nType))) nParent = nHash = nType = 0;
-    ResultCode nCode = errOK;
+    ResultCode nCode = Manager.GetObjectParent(nCurrent, &nParent, &nHash, &nType);
+    MarkCorruptedOn(nCode);
+    if (Failed(nCode)) nParent = nHash = nType = 0;
+    nCode = errOK;
     if (nType == typeFile) {
       nCode = binding::ClearContainer(pContainer);
     } else {

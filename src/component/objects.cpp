@@ -36,6 +36,10 @@ ResultCode Lumbra::FindObject(std::uint32_t nDatabase, std::uint32_t nType, cons
   const IoPriorityGuard Guard;
   const Database Found = FindDatabase(nDatabase);
   if (!Found.IsOpen()) return errPARAMETER_INVALID;
+  if (nNameSize < kZeroTerminated) {  // no size at all, which could not even be traced
+    if (pnObjectId != nullptr) *pnObjectId = 0;
+    return errPARAMETER_INVALID;
+  }
 
   const StoreChoice Choice = nDatabase == kSystemDatabase ? StoreChoice::Global : StoreChoice::Own;
   const ObjectQuery Query{

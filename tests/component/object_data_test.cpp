@@ -223,7 +223,8 @@ TEST_F(ObjectDataTest, SavesAndLoadsHostObjects) {
       TakeTrace();
       EXPECT_CODE(errOK, SetFrom(nId, Saved.Handle()));
       EXPECT_CODE(errOK, Into(nId, Loaded.Handle()));
-      EXPECT_TRUE(Outcomes().empty());
+      EXPECT_EQ(Name(errNOT_FOUND), Get(kHostObjectAlias, 7));
+      EXPECT_EQ(1u, Outcomes().size());  // of the Get alone
       EXPECT_EQ(Saved.Content(), Loaded.Content());
     }
     host::ByteBlob Empty;
@@ -242,7 +243,7 @@ TEST_F(ObjectDataTest, SavesAndLoadsHostObjects) {
 // A host object whose size is never settled: it is asked twice, not for ever; and one that claims too much.
 struct Restless {
   HostObject Handle{&kOperations, nullptr};
-  std::uint32_t nCalls = 0;
+  std::vector<std::uint32_t> Rooms;  // the sizes of the buffers that it was given
   bool bClaims = false;
 
   static const host::SavableOperations kOperations;
@@ -254,7 +255,7 @@ const host::SavableOperations Restless::kOperations = {
              }},
     .Save = [](HostObject* pObject, void*, std::uint32_t nBufferSize, std::uint32_t* pnNeeded) -> ResultCode {
       auto* const pSelf = reinterpret_cast<Restless*>(pObject);
-      ++pSelf->nCalls;
+      pSelf->Rooms.push_back(nBufferSize);
       *pnNeeded = nBufferSize + 1;
       return pSelf->bClaims ? errOK : errBUFFER_TOO_SMALL;
     },
@@ -266,7 +267,7 @@ TEST_F(ObjectDataTest, AsksARestlessObjectTwice) {
   const std::uint64_t nId = Find(5, u"C:\\object");
   Restless Source;
   EXPECT_CODE(errBUFFER_TOO_SMALL, SetFrom(nId, &Source.Handle));
-  EXPECT_EQ(2u, Source.nCalls);
+  EXPECT_EQ((std::vector<std::uint32_t>{512, 513}), Source.Rooms);
   Source.bClaims = true;
   EXPECT_CODE(errRESULT_INVALID, SetFrom(nId, &Source.Handle));
   EXPECT_EQ(Name(errNOT_FOUND), Get(nId, 7));
@@ -283,8 +284,7 @@ TEST_F(ObjectDataTest, ListsTheWayUp) {
   const std::uint64_t nDirHash = ObjectHash(typeFolder, u"DIR", 6, nRootHash, 0);
   const std::uint64_t nSubHash = ObjectHash(typeFolder, u"SUB", 6, nDirHash, 0);
   host::IdContainer Lists;
-  for (const std::uint64_t nStart : {nSub, nFile}) {  // the file itself empties the lists
-    Lists.Clear();
+  for (const std::uint64_t nStart : {nSub, nFile}) {  // the file empties what is there
     EXPECT_CODE(errOK, Into(nStart, Lists.Handle()));
     EXPECT_EQ((std::pair{Ids{nDir, nRoot}, Ids{nSubHash, nDirHash, nRootHash}}),
               (std::pair{Lists.Parents(), Lists.Hashes()}));
@@ -292,6 +292,13 @@ TEST_F(ObjectDataTest, ListsTheWayUp) {
   Lists.Clear();
   EXPECT_CODE(errOK, Into(nRoot + 1000, Lists.Handle()));
   EXPECT_EQ((std::pair{Ids{}, Ids{0}}), (std::pair{Lists.Parents(), Lists.Hashes()}));
+  EXPECT_EQ(0u, Number(propCORRUPTED));
+  m_Store = host::Store();
+  Patch("05/00000001_objid.dat", 12 + 8, {2, 0, 0, 0, 1});  // the root below its own folder: a circle
+  ASSERT_CODE(errOK, Open());
+  ASSERT_CODE(errOK, Call(&Ops::InitDB, 5, 16));
+  EXPECT_CODE(errDATA_CORRUPTED, Into(nSub, Lists.Handle()));
+  EXPECT_EQ(1u, Number(propCORRUPTED));
 }
 
 TEST_F(ObjectDataTest, RefusesWhatIsElsewhere) {
@@ -375,6 +382,7 @@ TEST_F(ObjectDataTest, CompactsBesideTheLiveStore) {
         ASSERT_CODE(errOK, Set(Objects.back(), 1, pData));
       }
     }
+    for (const char* const pName : {"g_objidcompacted.dat", "g_objdtcompacted.dat"}) WriteFile(pName, Bytes(9999));
     TakeTrace();
     EXPECT_CODE(errPARAMETER_INVALID, Call(&Ops::Compact, 5));
     EXPECT_TRUE(TakeTrace().empty());
@@ -383,6 +391,7 @@ TEST_F(ObjectDataTest, CompactsBesideTheLiveStore) {
                      "400 Compact finished successfully (without renaming)"}),
               TakeTrace());
     EXPECT_LT(FileSize("g_objdtcompacted.dat"), FileSize("g_objdt.dat"));
+    EXPECT_EQ(FileSize("g_objid.dat"), FileSize("g_objidcompacted.dat"));
     FailCalls(SystemCall::WriteAt, ENOSPC, 20);
     EXPECT_CODE(errWRITE_FAILED, Call(&Ops::Compact, 0));
     EXPECT_EQ("300 Compact finished with error errWRITE_FAILED (0x800000CB)", TakeTrace().back());
