@@ -3,9 +3,7 @@
 #include <date/date.h>
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
-#include <regex>
 #include <string_view>
 
 namespace lumbra::tool {
@@ -20,29 +18,45 @@ std::uint64_t FileTimeOf(Instant Time) {
   return static_cast<std::uint64_t>(std::max<std::int64_t>(Since1601.count(), 0));
 }
 
-bool IsDigit(char c) {
-  return c >= '0' && c <= '9';
-}
+// Takes a text apart from its front; what does not fit makes it bad for good.
+class Cursor {
+ public:
+  explicit Cursor(std::string_view Text) : m_Rest(Text) {}
 
-// The next digits of a text as a number.
-int TakeNumber(std::string_view* pText, std::size_t nDigits) {
-  int nNumber = 0;
-  std::from_chars(pText->data(), pText->data() + nDigits, nNumber);
-  pText->remove_prefix(nDigits);
-  return nNumber;
-}
-
-// What stands behind the point of the seconds, if there is one, as units of 100 ns; finer digits are dropped.
-std::int64_t TakeFraction(std::string_view* pText) {
-  if (!pText->starts_with('.')) return 0;
-  pText->remove_prefix(1);
-  std::int64_t nUnits = 0;
-  for (std::int64_t nWorth = 1000000; !pText->empty() && IsDigit(pText->front()); nWorth /= 10) {
-    nUnits += (pText->front() - '0') * nWorth;
-    pText->remove_prefix(1);
+  int Number(std::size_t nDigits) {
+    int nNumber = 0;
+    for (std::size_t i = 0; i < nDigits; ++i) nNumber = nNumber * 10 + (One("0123456789") - '0');
+    return nNumber;
   }
-  return nUnits;
-}
+
+  // The next character, which must be one of these.
+  char One(std::string_view Allowed) {
+    m_bGood = m_bGood && !m_Rest.empty() && Allowed.find(m_Rest.front()) != std::string_view::npos;
+    if (!m_bGood) return Allowed.front();
+    const char c = m_Rest.front();
+    m_Rest.remove_prefix(1);
+    return c;
+  }
+
+  // What stands behind a point, if there is one, as units of 100 ns; finer digits are dropped.
+  std::int64_t Fraction() {
+    if (!m_Rest.starts_with('.')) return 0;
+    One(".");
+    std::int64_t nUnits = 0;
+    std::int64_t nWorth = 1000000;
+    do {
+      nUnits += Number(1) * nWorth;
+      nWorth /= 10;
+    } while (m_bGood && !m_Rest.empty() && m_Rest.front() >= '0' && m_Rest.front() <= '9');
+    return nUnits;
+  }
+
+  bool IsDone() const { return m_bGood && m_Rest.empty(); }
+
+ private:
+  std::string_view m_Rest;
+  bool m_bGood = true;
+};
 
 }  // namespace
 
@@ -62,39 +76,30 @@ std::string FormatTime(std::uint64_t nFileTime) {
 }
 
 std::optional<std::uint64_t> ParseTime(const std::string& Text) {
-  static const std::regex kForm(R"(\d{4}-\d\d-\d\d[Tt]\d\d:\d\d:\d\d(\.\d+)?([Zz]|[+-]\d\d:\d\d))");
-  if (!std::regex_match(Text, kForm)) return {};
-  std::string_view Rest(Text);
-  const auto Take = [&Rest](std::size_t nDigits) {
-    const int nNumber = TakeNumber(&Rest, nDigits);
-    return nNumber;
-  };
-  const auto SkipOne = [&Rest] {
-    Rest.remove_prefix(1);
-  };
-  const date::year Year(Take(4));
-  SkipOne();
-  const date::month Month(static_cast<unsigned>(Take(2)));
-  SkipOne();
-  const date::year_month_day Day(Year, Month, date::day(static_cast<unsigned>(Take(2))));
-  SkipOne();
-  const int nHour = Take(2);
-  SkipOne();
-  const int nMinute = Take(2);
-  SkipOne();
-  const int nSecond = Take(2);  // 60 is a leap second
-  const FileTimeUnits Fraction(TakeFraction(&Rest));
-  const bool bEast = Rest.front() == '+';
-  const bool bZone = bEast || Rest.front() == '-';
-  SkipOne();
-  const int nZoneHour = bZone ? Take(2) : 0;
-  if (bZone) SkipOne();
-  const int nZoneMinute = bZone ? Take(2) : 0;
-  if (!Day.ok() || nHour > 23 || nMinute > 59 || nSecond > 60 || nZoneHour > 23 || nZoneMinute > 59) return {};
+  Cursor From(Text);
+  const date::year Year(From.Number(4));
+  From.One("-");
+  const date::month Month(static_cast<unsigned>(From.Number(2)));
+  From.One("-");
+  const date::year_month_day Day(Year, Month, date::day(static_cast<unsigned>(From.Number(2))));
+  From.One("Tt");
+  const int nHour = From.Number(2);
+  From.One(":");
+  const int nMinute = From.Number(2);
+  From.One(":");
+  const int nSecond = From.Number(2);  // 60 is a leap second
+  const FileTimeUnits Fraction(From.Fraction());
+  const char cZone = From.One("Zz+-");
+  const bool bOffset = cZone == '+' || cZone == '-';
+  const int nZoneHour = bOffset ? From.Number(2) : 0;
+  if (bOffset) From.One(":");
+  const int nZoneMinute = bOffset ? From.Number(2) : 0;
+  const bool bInRange = nHour <= 23 && nMinute <= 59 && nSecond <= 60 && nZoneHour <= 23 && nZoneMinute <= 59;
+  if (!From.IsDone() || !Day.ok() || !bInRange) return {};
 
   const auto Zone = std::chrono::hours(nZoneHour) + std::chrono::minutes(nZoneMinute);
   const Instant Time = date::sys_days(Day) + std::chrono::hours(nHour) + std::chrono::minutes(nMinute) +
-                       std::chrono::seconds(nSecond) + Fraction - (bEast ? Zone : -Zone);
+                       std::chrono::seconds(nSecond) + Fraction - (cZone == '-' ? -Zone : Zone);
   if (Time.time_since_epoch() + kTo1970 < FileTimeUnits::zero()) return {};  // before 1601
   return FileTimeOf(Time);
 }

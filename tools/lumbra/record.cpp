@@ -87,8 +87,9 @@ class LineReader {
     pLine->clear();
     int c = EOF;
     while (!Interrupted() && (c = std::getc(m_pFile)) != EOF && c != '\n') *pLine += static_cast<char>(c);
-    if (Interrupted()) return false;
-    if (std::ferror(m_pFile) != 0) throw Failure("read " + m_Name, errREAD_FAILED, std::strerror(errno));
+    const bool bFailed = c == EOF && std::ferror(m_pFile) != 0;
+    if (Interrupted() || (bFailed && errno == EINTR)) return false;
+    if (bFailed) throw Failure("read " + m_Name, errREAD_FAILED, std::strerror(errno));
     return c != EOF || !pLine->empty();
   }
 
