@@ -148,14 +148,12 @@ ResultCode Lumbra::OpenNamed(const char16_t* pName, std::uint32_t nEventSize, st
   const bool bKnown = FindPersistentIndex(m_Index, Key, &nPosition);
   if (!bKnown && IsPersistentIndexFull(m_Index)) return errINDEX_INVALID;
   const std::uint32_t nId = kFirstNamedDatabase + nPosition;
-  if (const NamedDatabaseRef Open = FindNamed(nId); Open.Get() != nullptr) {
-    // The index knows both names by one key: their events could not be told apart.
-    if (!Open->Name.Equals(pName)) return errOBJECT_ALREADY_EXISTS;
-    // A clearing that failed has left it without its files: it is opened anew.
-    std::erase_if(m_NamedDatabases, [nId](const NamedDatabaseRef& Named) { return Named->nId == nId; });
-  }
-  // The one reference; if nobody else takes another, the database closes when this function ends.
-  const NamedDatabaseRef Named(new NamedDatabase(HostText(pName), nId));
+  NamedDatabaseRef Named = FindNamed(nId);  // one that a failed clearing has left closed, with the limits it has
+  const bool bListed = Named.Get() != nullptr;
+  // Of another name: the index knows both by one key, and their events could not be told apart.
+  if (bListed && !Named->Name.Equals(pName)) return errOBJECT_ALREADY_EXISTS;
+  // Not in the list yet: this is the one reference, with which the database goes unless it is kept.
+  if (!bListed) Named = NamedDatabaseRef(new NamedDatabase(HostText(pName), nId));
 
   const HostText Folder = DatabaseFolder(pName);
   if (!InitEnvironment(&Named->Environment, Folder)) return errOPEN_FAILED;
@@ -163,8 +161,9 @@ ResultCode Lumbra::OpenNamed(const char16_t* pName, std::uint32_t nEventSize, st
   SegmentManager& Manager = Named->Manager;
   const ResultCode nCode = InitManager(&Manager, &Named->Environment, nEventSize);
   if (Succeeded(nCode)) {
-    const ResultCode nKept = KeepNamed(Named, bKnown ? nullptr : &Key);
+    const ResultCode nKept = bListed ? errOK : KeepNamed(Named, bKnown ? nullptr : &Key);
     if (Failed(nKept)) return nKept;
+    if (CountsInTotal(Manager)) m_nSizeTotal += Manager.GetTotalSize();
   }
   *pnDatabase = nId;
   Trace(&Handle, traceRoutine, "lmb\tLumbra::InitDBByName(%u, %X) = %terr, events/size/time: %u/%I64u/%I64u",
@@ -188,7 +187,6 @@ ResultCode Lumbra::KeepNamed(const NamedDatabaseRef& Named, const std::string* p
     m_Index.push_back(std::move(Key));
   }
   m_NamedDatabases.push_back(Named);
-  if (CountsInTotal(Named->Manager)) m_nSizeTotal += Named->Manager.GetTotalSize();
   return errOK;
 }
 

@@ -9,6 +9,7 @@
 #include "machine.h"
 
 namespace lumbra::tool {
+
 StoreFiles FilesOf(const CommonOptions& Options) {
   const std::filesystem::path Folder = std::filesystem::absolute(Options.Store).lexically_normal();
   const std::string Text = Folder.generic_string();
@@ -87,6 +88,15 @@ std::uint32_t Session::OpenDatabase(const DatabaseName& Database, Missing IfMiss
   return *Database.Number;
 }
 
+std::uint32_t Session::OpenEventDatabase(const DatabaseName& Database, Missing IfMissing) {
+  if (const auto Found = m_Files.Has(Database) ? m_Files.Read(Database) : std::nullopt;
+      Found && Found->nEventSize != sizeof(Event)) {
+    throw Failure("open " + Database.Describe(), errSIZE_INVALID,
+                  "its events have " + std::to_string(Found->nEventSize) + " bytes and are not this tool's");
+  }
+  return OpenDatabase(Database, IfMissing);
+}
+
 void Session::OpenDatabaseOf(std::uint64_t nObject) {
   const std::uint32_t nDatabase = DatabaseOfId(nObject);
   const std::optional<DatabaseName> Database = m_Files.DatabaseOfNumber(nDatabase);
@@ -95,15 +105,6 @@ void Session::OpenDatabaseOf(std::uint64_t nObject) {
                   "there is no database " + std::to_string(nDatabase) + " in this store");
   }
   OpenDatabase(*Database, Missing::Refuse);
-}
-
-std::uint32_t Session::OpenEventDatabase(const DatabaseName& Database, Missing IfMissing) {
-  if (const auto Found = m_Files.Has(Database) ? m_Files.Read(Database) : std::nullopt;
-      Found && Found->nEventSize != sizeof(Event)) {
-    throw Failure("open " + Database.Describe(), errSIZE_INVALID,
-                  "its events have " + std::to_string(Found->nEventSize) + " bytes and are not this tool's");
-  }
-  return OpenDatabase(Database, IfMissing);
 }
 
 void Session::SetLimits(std::uint32_t nDatabase, const LimitOptions& Limits) {

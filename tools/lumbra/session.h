@@ -68,15 +68,15 @@ class Session {
   // Opens a database with the event size that it has, a new one with the size of Event. Answers its id.
   std::uint32_t OpenDatabase(const DatabaseName& Database, Missing IfMissing);
 
-  // Opens the database that an object id names.
-  void OpenDatabaseOf(std::uint64_t nObject);
-
   // The same for a command that works with the tool's own events; throws a Failure for a database of others.
   std::uint32_t OpenEventDatabase(const DatabaseName& Database, Missing IfMissing);
 
+  // Opens the database that an object id names.
+  void OpenDatabaseOf(std::uint64_t nObject);
+
   void SetLimits(std::uint32_t nDatabase, const LimitOptions& Limits);
 
-  // Finds an object by name, or (with nCreate) creates it, clearing away damage that stands in the way.
+  // Finds an object by name, or (with bCreate) creates it, clearing away damage that stands in the way.
   ResultCode FindObject(std::uint32_t nDatabase, std::uint32_t nType, const std::string& Name, bool bCreate,
                         std::uint64_t nParent, std::uint64_t* pnObject);
 
