@@ -3,8 +3,8 @@
 // Every object that host and store hand to each other is a handle of two tables: first the operations that are
 // particular to the object, then the system operations that every object of the host has. All of this may be called
 // from any thread of the host unless a line says otherwise. No exception may leave a host function, and none may call
-// an operation of the store, which holds locks while it calls the host (MessageReceive and PropertyAccess, through
-// which the host's Send and ReadProperty lead back, are the exceptions).
+// an operation of the store, set its properties or ask for propWRITES_SUSPENDED, or send it its own messages: the store
+// holds locks while it calls the host.
 #pragma once
 
 #include <cstdarg>

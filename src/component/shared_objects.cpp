@@ -42,8 +42,8 @@ ResultCode SharedStore::Open(const char16_t* pFolder, bool bCheckMode, bool bEnv
   pEnvironment->OpenFile(u"g_objdt.dat", 0, true, true, &Files.pData);
   if (Failed(pStore->Open(0, Files, TreeHead::Large))) return errOPEN_FAILED;
   // At once, and not only when the first instance has created its well-known objects: those would be the newest, known
-  // to the tree, and the objects before them would stay lost. What else is found is found again, and reported, then.
-  if (pStore->TreeWasStartedAnew()) pStore->FastConsistencyCheck();
+  // to the tree, and the quick check would not miss the others.
+  pStore->RefillNewTree();
   return errOK;
 }
 

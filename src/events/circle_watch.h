@@ -5,11 +5,12 @@
 
 namespace lumbra {
 
-// Brent's method: one id is remembered, anew at each power of two of steps. A circle brings the walk back to an id that
-// it remembers before it has gone round a third time; a straight walk of any length never does.
+// Brent's method: one id is remembered, anew at each power of two of steps. A straight walk of any length never meets it
+// again; one that ends in a circle does, after at most three times as many steps as the way into it or the circle itself
+// is long.
 class CircleWatch {
  public:
-  // Told each id of the walk in turn; true when it was here before.
+  // Told each id of the walk in turn; true when it is the one that is remembered.
   bool WasHere(std::uint64_t nId) {
     if (nId == m_nRemembered) return true;
     if (++m_nSteps == m_nNextMark) {

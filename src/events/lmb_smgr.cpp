@@ -29,6 +29,7 @@ ResultCode SegmentManager::Init(StorageEnvironment* pEnv, std::uint32_t nEventSi
   const ResultCode nCode = OpenChain(nEventSize);
   if (Failed(nCode)) {
     TearDown();  // so that "segments.dat" is free for another attempt
+    m_nTotalSize = m_nTotalEvents = 0;
     return nCode;
   }
   m_bInitialized = true;

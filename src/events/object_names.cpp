@@ -209,7 +209,7 @@ class NameBuilder {
 
   void Prepend(const void* pText, std::uint32_t nSize) {
     const std::uint32_t nShift = std::min(nSize, m_nBufferSize);
-    const std::uint32_t nKept = std::min(m_nTotal, m_nBufferSize - nShift);
+    const auto nKept = static_cast<std::uint32_t>(std::min<std::uint64_t>(m_nTotal, m_nBufferSize - nShift));
     if (nKept != 0) std::memmove(m_pBuffer + nShift, m_pBuffer, nKept);
     if (nShift != 0) std::memcpy(m_pBuffer, pText, nShift);
     m_nTotal += nSize;
@@ -221,12 +221,12 @@ class NameBuilder {
   }
 
   bool IsTruncated() const { return m_pBuffer != nullptr && m_nBufferSize < m_nTotal; }
-  std::uint32_t Total() const { return m_nTotal; }
+  std::uint64_t Total() const { return m_nTotal; }
 
  private:
   std::uint8_t* m_pBuffer;
   std::uint32_t m_nBufferSize;
-  std::uint32_t m_nTotal = 0;
+  std::uint64_t m_nTotal = 0;
 };
 
 // What the walk from an object to its root needs of each object.
@@ -326,10 +326,11 @@ ResultCode BuildObjectName(const ObjectStores& Stores, std::uint64_t nId, void* 
     }
     const ResultCode nPrepended = PrependObject(*pStore, nCurrent, Object, &Name);
     if (Failed(nPrepended)) return nPrepended;
+    if (Name.Total() > UINT32_MAX) return errSIZE_INVALID;  // of no size that could be told
     nCurrent = Object.nParentId;
   }
   Name.Terminate();
-  if (pnNeeded != nullptr) *pnNeeded = Name.Total();
+  if (pnNeeded != nullptr) *pnNeeded = static_cast<std::uint32_t>(Name.Total());
   return Name.IsTruncated() ? errBUFFER_TOO_SMALL : errOK;
 }
 

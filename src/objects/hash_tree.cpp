@@ -61,6 +61,7 @@ ResultCode HashTree::Open(StorageFile* pFile, const Options& Use) {
 
 void HashTree::Close() {
   pFileBT = nullptr;
+  m_bStartedAnew = false;
   m_nSizeBT = 0;
   m_btHead.clear();
   m_nodeChecked.clear();

@@ -88,7 +88,7 @@ class HashTree {
   static constexpr std::uint32_t kRootEntries = 256;
 
   static std::uint32_t EntriesOf(std::uint32_t nLevel);
-  std::uint32_t CrcSize() const { return m_bNodeCrcs ? sizeof(std::uint32_t) : 0; }
+  std::uint32_t CrcSize() const { return m_bNodeCrcs ? kCrcSize : 0; }
   std::uint32_t RootEnd() const { return FirstNodeOffset + kRootEntries * sizeof(tODB_BT_OFFSET) + CrcSize(); }
 
   ResultCode AcceptFile(bool* pbAccepted);

@@ -81,11 +81,6 @@ std::uint64_t ObjectDB::GetSize() {
   return m_Tree.Size() + m_nSizeID + m_nSizeDT;
 }
 
-bool ObjectDB::TreeWasStartedAnew() {
-  const std::lock_guard Hold(m_Lock);
-  return m_Tree.WasStartedAnew();
-}
-
 // ---- Id records -------------------------------------------------------------------------------------------
 
 ResultCode ObjectDB::GetIdEntry(tObjectId id, tODB_ID_ENTRY* pEntry, TraceMiss Miss) {

@@ -4,7 +4,8 @@
 // Three files: the tree that finds hashes (hash_tree.h), the id records and the data file (objdb_format.h). Objects are
 // never deleted. What needs more room than it had is written new block first, then the entry or array, then the id
 // record, then zeros over what was replaced, so that an interruption leaves the old or the new data reachable and at
-// worst unreferenced bytes. A block that fits its room is rewritten in place; if that is interrupted, its CRC tells.
+// worst unreferenced bytes. A block that fits its room is rewritten in place; if that is interrupted, its CRC tells,
+// where it has one.
 //
 // Any thread may call any operation: one lock per store is held for each operation's whole run. No operation
 // throws. A failed check writes one trace line and answers the code named in it; damage is answered with
@@ -86,8 +87,9 @@ class ObjectDB {
   // The object's hash, 0 when it cannot be read.
   std::uint64_t GetObjectHash(tObjectId nObjectId);
 
-  // Whether Open had to start the tree anew, so that it knows no objects.
-  bool TreeWasStartedAnew();
+  // Puts all objects back into a tree that Open had to start anew. What is damaged is left out, and traced. Of several
+  // objects with one hash the newest is found, as before.
+  void RefillNewTree();
 
   // A cheap check of the two newest objects, where a crash leaves its marks: errOK or the code of the first
   // failed check. Newest objects that the tree does not know are put back into it.

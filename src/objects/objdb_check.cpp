@@ -152,6 +152,20 @@ ResultCode ObjectDB::RepairTree(std::uint64_t nRecords) {
   return errOK;
 }
 
+void ObjectDB::RefillNewTree() {
+  const std::lock_guard Hold(m_Lock);
+  if (!m_Tree.WasStartedAnew()) return;
+  std::uint32_t nAdded = 0;
+  for (std::uint64_t nObjectId = m_IdDB.GetRecordCount(); nObjectId-- > 0;) {
+    tODB_ID_ENTRY objectEntry{};
+    tObjectId Newer = 0;
+    if (Failed(ReadRecordForCheck(nObjectId, &objectEntry)) || !IsInTree(objectEntry)) continue;
+    if (FindObject(objectEntry.nObjectHash, &Newer) != errOBJECT_NOT_FOUND) continue;
+    if (Succeeded(InsertMissingHash(nObjectId, objectEntry))) ++nAdded;
+  }
+  if (nAdded != 0) Trace(kHostRoot, traceDamage, "lmb\tBT was repaired, %lu object hashes were added", nAdded);
+}
+
 ResultCode ObjectDB::InsertMissingHash(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry) {
   const std::uint64_t nHash = objectEntry.nObjectHash;
   HashTree::Place At;

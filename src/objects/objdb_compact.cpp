@@ -49,13 +49,16 @@ class ObjectDB::Compaction {
 
 ResultCode ObjectDB::Compact(std::unique_ptr<StorageFile>& pNewIds, StorageFile& NewData) {
   PlainDB NewIds;
+  const StorageFile* const pIds = pNewIds.get();
   if (!NewIds.Open(pNewIds, sizeof(tODB_ID_ENTRY), ChecksByteCounts())) return errOPEN_FAILED;
   Compaction Pass(this, &NewIds, &NewData);
   ResultCode nCode = Pass.WriteMagic();
   if (Failed(nCode)) return nCode;
   const std::lock_guard Hold(m_Lock);
   nCode = Pass.CopyObjects();
-  return Failed(nCode) ? nCode : Pass.Flush();
+  if (Succeeded(nCode)) nCode = Pass.Flush();
+  // The record file keeps a failure to itself; a pair that may not be on the disk must not be put in place.
+  return Succeeded(nCode) && pIds->Modified() ? errWRITE_FAILED : nCode;
 }
 
 ResultCode ObjectDB::Compaction::WriteMagic() {

@@ -52,9 +52,10 @@ inline constexpr FeatureMagic kFeatureMagics[] = {
 
 // The magic of one of the feature sets above.
 constexpr const FILE_MAGIC& MagicOf(std::uint32_t nFeatures) {
-  const FeatureMagic* pKnown = kFeatureMagics;
-  while (pKnown->nFeatures != nFeatures) ++pKnown;
-  return pKnown->Magic;
+  for (const FeatureMagic& Known : kFeatureMagics) {
+    if (Known.nFeatures == nFeatures) return Known.Magic;
+  }
+  return kFeatureMagics[0].Magic;
 }
 
 // Offsets have 32 bits.

@@ -92,7 +92,7 @@ SystemError RemoveFile(std::u16string_view Path);
 
 // ---- Folders and searches ---------------------------------------------------------------------------------
 
-// The path made absolute and long, without "." and "..", in the platform's form, from which ParentOf takes names away.
+// The path made absolute and long, without ".", in the platform's form, from which ParentOf takes names away.
 SystemError MakeAbsolute(std::u16string_view Path, std::u16string* pAbsolute);
 
 // The path without its last name; a root is its own parent.
@@ -101,7 +101,7 @@ std::u16string_view ParentOf(std::u16string_view Absolute);
 // Whether the path is a folder (or a link to one). Missing: kFileNotFound or kPathNotFound.
 SystemError IsFolder(std::u16string_view Path, bool* pbFolder);
 
-// Makes a folder, whose name is on the disk when this returns.
+// Makes a folder, and brings its name to the disk (unless its parent may not be read).
 SystemError MakeFolder(std::u16string_view Path);
 
 struct FoundFile {

@@ -139,6 +139,7 @@ TEST_F(LifecycleTest, MarksDamageForGood) {
   EXPECT_EQ(1u, Number(propCORRUPTED));
 }
 
+// The tree of the shared objects is lost: everything is found under its old id, whatever the newest objects look like.
 TEST_F(LifecycleTest, RebuildsALostTree) {
   ASSERT_CODE(errOK, Open(1));
   const std::uint64_t nId = Find(0, u"C:\\kept");
@@ -148,6 +149,28 @@ TEST_F(LifecycleTest, RebuildsALostTree) {
   EXPECT_EQ(nId, Find(0, u"C:\\kept", 0));
   EXPECT_EQ(u"System", NameOf(1));
   EXPECT_EQ(0u, Number(propCORRUPTED));
+
+  Find(0, u"C:\\newest");
+  m_Store = host::Store();
+  Bytes Records = ReadFile("g_objid.dat");
+  Records.back() ^= 1;
+  WriteFile("g_objid.dat", Records);
+  Patch("g_objbt.dat", 1040, {1, 2, 3, 4});
+  ASSERT_CODE(errOK, Open(1));
+  EXPECT_EQ(nId, Find(0, u"C:\\kept", 0));
+  EXPECT_EQ(1u, Number(propCORRUPTED));
+}
+
+TEST_F(LifecycleTest, RebuildsALostTreeWithoutCrcs) {
+  ASSERT_CODE(errOK, Open(0));
+  std::vector<std::uint64_t> Ids;
+  for (char16_t c = u'a'; c <= u'z'; ++c) Ids.push_back(Find(0, std::u16string{u'C', u':', u'\\', c}.c_str()));
+  m_Store = host::Store();
+  WriteFile("g_objbt.dat", {});
+  ASSERT_CODE(errOK, Open(0));
+  for (char16_t c = u'a'; c <= u'z'; ++c) {
+    EXPECT_EQ(Ids[c - u'a'], Find(0, std::u16string{u'C', u':', u'\\', c}.c_str(), 0));
+  }
 }
 
 TEST_F(LifecycleTest, AnswersForItsProperties) {

@@ -48,8 +48,8 @@ TEST_F(EnvironmentTest, CreatesFoldersWithTheirParents) {
   StorageEnvironment Deep;
   EXPECT_TRUE(Deep.Init(this, (Folder() / "a/b\\c/").u16string().c_str(), FolderContent::Keep, false));
   EXPECT_TRUE(exists(Folder() / "a/b/c"));
-  EXPECT_TRUE(Deep.Init(this, (Folder() / "n/./x/../y/.").u16string().c_str(), FolderContent::Keep, false));
-  EXPECT_TRUE(exists(Folder() / "n/y") && !exists(Folder() / "n/x"));
+  EXPECT_TRUE(Deep.Init(this, (Folder() / "n//./x/../y/.").u16string().c_str(), FolderContent::Keep, false));
+  EXPECT_TRUE(exists(Folder() / "n/y"));
   WriteFile("file", {});
   EXPECT_FALSE(Deep.Init(this, (Folder() / "file").u16string().c_str(), FolderContent::Keep, false));
   EXPECT_FALSE(Deep.Init(this, (Folder() / "file/x").u16string().c_str(), FolderContent::Keep, false));
@@ -134,7 +134,7 @@ TEST_F(EnvironmentTest, LiftsTheDescriptorLimitOnce) {
   EXPECT_CODE(errOK, Open(u"a", 1, true));
   ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &Limit));
   EXPECT_EQ(Limit.rlim_max, Limit.rlim_cur);
-  FailCalls(SystemCall::Open, EMFILE);
+  FailCalls(SystemCall::Open, EMFILE, 0, 2);
   EXPECT_CODE(static_cast<ResultCode>(0x80070004u), Open(u"b", 1, true));
 }
 

@@ -56,7 +56,10 @@ bool LiftDescriptorLimit() {
 // prints would land in the file.
 int OffStandardStreams(int nDescriptor) {
   if (nDescriptor > STDERR_FILENO) return nDescriptor;
-  const int nMoved = fcntl(nDescriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  int nMoved = fcntl(nDescriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  if (nMoved < 0 && errno == EMFILE && LiftDescriptorLimit()) {
+    nMoved = fcntl(nDescriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  }
   const int nErrno = errno;
   close(nDescriptor);
   errno = nErrno;
@@ -82,7 +85,8 @@ int OpenByDisposition(const std::string& Path, int nFlags, Disposition nDisposit
   nDescriptor = OpenDescriptor(Path, nFlags | O_CREAT | O_EXCL);
   *pbCreated = nDescriptor >= 0;
   if (nDescriptor >= 0 || errno != EEXIST) return nDescriptor;
-  // Somebody has made it since our first look, or it is a link to a file that is missing.
+  // It is a link to a file that is missing, or somebody has made it since our first look.
+  *pbCreated = true;
   return OpenDescriptor(Path, nFlags | O_CREAT);
 }
 
@@ -105,6 +109,13 @@ SystemError Truncate(int nDescriptor, std::uint64_t nSize) {
   return kSuccess;
 }
 
+SystemError Sync(int nDescriptor) {
+  while (fsync(nDescriptor) != 0) {
+    if (errno != EINTR) return LastError();
+  }
+  return kSuccess;
+}
+
 // CreateFile tells a missing folder from a missing file; the system does not.
 SystemError ErrorOfMissing(std::u16string_view Path, SystemError nError) {
   bool bFolder = false;
@@ -112,9 +123,12 @@ SystemError ErrorOfMissing(std::u16string_view Path, SystemError nError) {
   return nError == kFileNotFound && !bParentThere ? kPathNotFound : nError;
 }
 
-// Absolute, so that it is still the same folder when the current one has changed.
+// The folder in which a file has its name, wherever links to it lead from. Absolute, so that it is still the same one
+// when the current folder has changed.
 std::string FolderOf(const std::string& Path) {
-  return std::filesystem::absolute(Path).parent_path();
+  std::error_code Unknown;
+  const std::filesystem::path Real = std::filesystem::weakly_canonical(Path, Unknown);
+  return Unknown ? std::filesystem::path(Path).parent_path() : Real.parent_path();
 }
 
 // Calls Transfer until all bytes are moved, it moves none (the end of the file), or it fails.
@@ -145,22 +159,25 @@ std::int64_t FileTimeOf(const statx_timestamp& Time) {
 
 int OpenDescriptor(const std::string& Path, int nFlags) {
   constexpr mode_t kMode = 0666;  // the process's umask takes from it
+  bool bTriedAgain = false;
   for (;;) {
     const int nDescriptor = open(Path.c_str(), nFlags, kMode);
     if (nDescriptor >= 0) return OffStandardStreams(nDescriptor);
     if (errno == EINTR) continue;
     if (errno != EMFILE) return -1;
-    if (!LiftDescriptorLimit()) {
+    if (LiftDescriptorLimit()) continue;
+    if (bTriedAgain) {
       errno = EMFILE;
       return -1;
     }
+    bTriedAgain = true;  // another thread may have lifted the limit since
   }
 }
 
 SystemError SyncFolder(const std::string& Folder) {
   const int nDescriptor = OpenDescriptor(Folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (nDescriptor < 0) return LastError();
-  const SystemError nError = fsync(nDescriptor) == 0 ? kSuccess : LastError();
+  const SystemError nError = Sync(nDescriptor);
   close(nDescriptor);
   return nError;
 }
@@ -185,7 +202,7 @@ SystemError Open(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t 
   // To cut a file, and on network file systems to hold one alone, takes a descriptor for writing.
   const bool bWiden = nMode == O_RDONLY && (bCut || !bShared);
   OpenAs(bWiden ? O_RDWR : nMode);
-  const bool bRefused = Opened->nDescriptor < 0 && (errno == EACCES || errno == EROFS);
+  const bool bRefused = Opened->nDescriptor < 0 && (errno == EACCES || errno == EPERM || errno == EROFS);
   if (bRefused && bWiden && !bCut) OpenAs(nMode);
   if (Opened->nDescriptor < 0) {
     const SystemError nError = errno == EEXIST ? kFileExists : LastError();
@@ -210,6 +227,7 @@ SystemError Close(FileHandle Handle) {
 }
 
 SystemError Read(FileHandle Handle, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead) {
+  *pnRead = 0;
   if (Handle == nullptr) return kInvalidHandle;
   if (!Handle->Allows(kGenericRead)) return kAccessDenied;
   return TransferAll(nSize, pnRead, [&](std::uint32_t nDone, std::uint32_t nLeft) {
@@ -218,6 +236,7 @@ SystemError Read(FileHandle Handle, void* pBuffer, std::uint32_t nSize, std::uin
 }
 
 SystemError Write(FileHandle Handle, const void* pData, std::uint32_t nSize, std::uint32_t* pnWritten) {
+  *pnWritten = 0;
   if (Handle == nullptr) return kInvalidHandle;
   if (!Handle->Allows(kGenericWrite)) return kAccessDenied;
   return TransferAll(nSize, pnWritten, [&](std::uint32_t nDone, std::uint32_t nLeft) {
@@ -236,6 +255,7 @@ SystemError Seek(FileHandle Handle, SeekOrigin Origin, std::int64_t nDistance, s
 
 SystemError ReadAt(FileHandle Handle, std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize,
                    std::uint32_t* pnRead) {
+  *pnRead = 0;
   if (!Handle->Allows(kGenericRead)) return kAccessDenied;
   if (!IsPosition(nOffset, nSize)) return kNegativeSeek;
   return TransferAll(nSize, pnRead, [&](std::uint32_t nDone, std::uint32_t nLeft) {
@@ -245,6 +265,7 @@ SystemError ReadAt(FileHandle Handle, std::uint64_t nOffset, void* pBuffer, std:
 
 SystemError WriteAt(FileHandle Handle, std::uint64_t nOffset, const void* pData, std::uint32_t nSize,
                     std::uint32_t* pnWritten) {
+  *pnWritten = 0;
   if (!Handle->Allows(kGenericWrite)) return kAccessDenied;
   if (!IsPosition(nOffset, nSize)) return kNegativeSeek;
   return TransferAll(nSize, pnWritten, [&](std::uint32_t nDone, std::uint32_t nLeft) {
@@ -267,11 +288,9 @@ SystemError SetSize(FileHandle Handle, std::uint64_t nSize) {
 
 SystemError Flush(FileHandle Handle) {
   if (Handle == nullptr) return kInvalidHandle;
-  while (fsync(Handle->nDescriptor) != 0) {
-    if (errno != EINTR) return LastError();
-  }
-  if (Handle->FolderToSync.empty()) return kSuccess;
-  const SystemError nError = SyncFolder(Handle->FolderToSync);
+  SystemError nError = Sync(Handle->nDescriptor);
+  if (nError != kSuccess || Handle->FolderToSync.empty()) return nError;
+  nError = SyncFolder(Handle->FolderToSync);
   if (nError == kSuccess) Handle->FolderToSync.clear();
   return nError;
 }

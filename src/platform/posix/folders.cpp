@@ -101,10 +101,12 @@ SystemError MakeAbsolute(std::u16string_view Path, std::u16string* pAbsolute) {
     if (NativePath(WideName(Current)) != Current) return kInvalidName;  // not UTF-8: it cannot be named here
     Native = std::string(Current) + '/' + Native;
   }
-  // What exists is followed through its links; what is yet to be made follows the names.
-  std::error_code Unreadable;
-  std::string Clean = std::filesystem::weakly_canonical(Native, Unreadable);
-  if (Unreadable) Clean = std::filesystem::path(Native).lexically_normal();
+  std::string Clean;
+  for (const char c : Native) {
+    if (c != '/' || !Clean.ends_with('/')) Clean += c;
+    if (Clean.ends_with("/./")) Clean.resize(Clean.size() - 2);
+  }
+  if (Clean.ends_with("/.")) Clean.pop_back();
   if (Clean.size() > 1 && Clean.ends_with('/')) Clean.pop_back();
   *pAbsolute = WideName(Clean);
   return kSuccess;
@@ -129,8 +131,8 @@ SystemError MakeFolder(std::u16string_view Path) {
   if (mkdir(Native.c_str(), kMode) != 0) return ErrorFromErrno(errno);
   // Files in it will be flushed, which is worth nothing while the folder's own name is not on the disk. A parent that
   // may not be read cannot be synced; the folder is there all the same.
-  SyncFolder(std::filesystem::path(Native).parent_path());
-  return kSuccess;
+  const SystemError nError = SyncFolder(std::filesystem::path(Native).parent_path());
+  return nError == kAccessDenied ? kSuccess : nError;
 }
 
 SearchScope::SearchScope() {
