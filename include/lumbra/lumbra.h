@@ -124,8 +124,8 @@ inline constexpr std::uint32_t kFlushMessageId = 0x6D649E90;
 
 // The 19 operations. pSelf is the handle of the instance. "Name, size in bytes" pairs are UTF-16; the size may be
 // kZeroTerminated. Pointers marked "may be null" are optional. While propWRITES_SUSPENDED is set, operations that write
-// answer errREAD_ONLY (a FindObject that only finds may still create the root of a path). An id of a named database that
-// is not open answers errPARAMETER_INVALID.
+// answer errREAD_ONLY (a FindObject that only finds may still create the root of a path). An id of a named database
+// that is not open answers errPARAMETER_INVALID.
 struct LumbraOperations {
   // Appends one event; nSize must be the event size of the database. *pnEventId (may be null) receives the
   // id. Database 0 takes no events: errNOT_SUPPORTED.
@@ -138,8 +138,8 @@ struct LumbraOperations {
   // when that is 0 or 0xFF. *pnRead (may be null) receives the number of events read. pParents (may be null):
   // a container of type kHostContainerType that receives, for each event, the parent of the object whose id
   // stands in the event's bytes 8 to 15, or 0. Answers errNO_MORE_EVENTS, a success, when fewer than nCount
-  // events are there (nCount 0 asks for none, and gets the same answer where
-  // there are none).
+  // events are there (nCount 0 asks for none, and gets the same answer where there are none). A failure of the
+  // container is answered, though the events have been read.
   ResultCode (*GetEvents)(HostObject* pSelf, std::uint32_t nDatabase, std::uint64_t nStart, void* pBuffer,
                           std::uint32_t nBufferSize, std::uint32_t nCount, std::uint32_t* pnRead, HostObject* pParents);
 

@@ -63,13 +63,14 @@ ResultCode Lumbra::GetEvents(std::uint32_t nDatabase, std::uint64_t nStart, void
   const Database Found = FindDatabase(nDatabase);
   if (!Found.IsOpen()) return errPARAMETER_INVALID;
   std::uint32_t nRead = 0;
-  const ResultCode nCode =
+  ResultCode nCode =
       Found.Manager().GetEvents(static_cast<std::uint32_t>(nStart), static_cast<std::int32_t>(nStart >> 32), pBuffer,
                                 nCount, nBufferSize, &nRead);
   if (pnRead != nullptr) *pnRead = nRead;
   MarkCorruptedOn(nCode);
   if (Succeeded(nCode) && pnRead != nullptr && binding::IsContainer(pParents)) {
-    AppendParents(pBuffer, nRead, Found.Manager().GetEventSize(), pParents);
+    const ResultCode nAppended = AppendParents(pBuffer, nRead, Found.Manager().GetEventSize(), pParents);
+    if (Failed(nAppended)) nCode = nAppended;
   }
   Trace(&Handle, traceRoutine, "lmb\tGetEvents(%X,%I64X,%d,%d,%d) = %terr", nDatabase, nStart, nBufferSize, nCount,
         pnRead == nullptr ? 0 : nRead, nCode);
@@ -77,16 +78,18 @@ ResultCode Lumbra::GetEvents(std::uint32_t nDatabase, std::uint64_t nStart, void
 }
 
 // One value for each event: the parent of the object that the event names, or 0.
-void Lumbra::AppendParents(const void* pEvents, std::uint32_t nCount, std::uint32_t nEventSize, HostObject* pParents) {
+ResultCode Lumbra::AppendParents(const void* pEvents, std::uint32_t nCount, std::uint32_t nEventSize,
+                                 HostObject* pParents) {
   constexpr std::uint32_t kObjectIdOffset = 8;
-  constexpr std::uint32_t kList = 0;
   const auto* pEvent = static_cast<const std::uint8_t*>(pEvents);
   const bool bHasObjectId = nEventSize >= kObjectIdOffset + sizeof(std::uint64_t);
   for (std::uint32_t i = 0; i < nCount; ++i, pEvent += nEventSize) {
     std::uint64_t nObjectId = 0;
     if (bHasObjectId) std::memcpy(&nObjectId, pEvent + kObjectIdOffset, sizeof(nObjectId));
-    binding::AppendToContainer(pParents, kList, ParentOf(nObjectId));
+    const ResultCode nCode = binding::AppendToContainer(pParents, kParentList, ParentOf(nObjectId));
+    if (Failed(nCode)) return nCode;
   }
+  return errOK;
 }
 
 std::uint64_t Lumbra::ParentOf(std::uint64_t nObjectId) {

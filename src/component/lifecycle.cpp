@@ -92,6 +92,7 @@ ResultCode Lumbra::ObjectInitDone() {
 
 ResultCode Lumbra::OpenStore() {
   HostText Folder = ReportFolder();
+  if (Folder.Empty()) return errOPEN_FAILED;  // rather than the current folder of the process
   HostText IndexPath = Folder.Copy();
   IndexPath.Join(u"g_db_id.dat");
   m_IndexPath = IndexPath.View();

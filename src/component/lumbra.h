@@ -163,7 +163,7 @@ class Lumbra : public HostedInstance {
   ResultCode AddEventNamed(std::uint32_t nDatabase, const void* pData, std::uint32_t nSize, std::uint64_t* pnEventId);
   ResultCode Append(SegmentManager& Manager, std::uint32_t nDatabase, const void* pData, std::uint32_t nSize,
                     std::uint64_t* pnEventId);
-  void AppendParents(const void* pEvents, std::uint32_t nCount, std::uint32_t nEventSize, HostObject* pParents);
+  ResultCode AppendParents(const void* pEvents, std::uint32_t nCount, std::uint32_t nEventSize, HostObject* pParents);
   std::uint64_t ParentOf(std::uint64_t nObjectId);
   void MarkCorruptedOn(ResultCode nCode);
 

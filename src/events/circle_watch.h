@@ -5,9 +5,9 @@
 
 namespace lumbra {
 
-// Brent's method: one id is remembered, anew at each power of two of steps. A straight walk of any length never meets it
-// again; one that ends in a circle does, after at most three times as many steps as the way into it or the circle itself
-// is long.
+// Brent's method: one id is remembered, anew at each power of two of steps. A straight walk of any length never meets
+// it again; one that ends in a circle does, after at most three times as many steps as the way into it or the circle
+// itself is long.
 class CircleWatch {
  public:
   // Told each id of the walk in turn; true when it is the one that is remembered.

@@ -21,6 +21,7 @@ class IdContainer {
   HostObject* Handle() { return &m_Handle; }
   const std::vector<std::uint64_t>& Parents() const { return m_Lists[kParentList]; }
   const std::vector<std::uint64_t>& Hashes() const { return m_Lists[kHashList]; }
+  void AddParent(std::uint64_t nId) { m_Lists[kParentList].push_back(nId); }
   void Clear();
 
  private:

@@ -26,7 +26,7 @@ namespace lumbra::host {
 class StandaloneHost;
 
 // One use of a store instance; ends with ObjectShutdown and ObjectFree, for the shared instance when its last
-// user ends. A Store that holds no instance converts to false.
+// user ends, which waits for messages that are under way to it. A Store that holds no instance converts to false.
 class Store {
  public:
   Store() = default;

@@ -62,10 +62,13 @@ TEST_F(DatabasesTest, KeepsTheIdsOfNames) {
   EXPECT_CODE(errOK, Call(&Ops::ClearDB, 49));
   EXPECT_FALSE(exists(Folder() / "second/g_db_id_val.log"));
   EXPECT_EQ(0u, Records(49));
+  EXPECT_CODE(errOK, Call(&Ops::SetDBParams, 49, limitSegmentEvents, 2));
   FailCalls(SystemCall::Open, EIO);
   EXPECT_TRUE(Failed(Call(&Ops::ClearDB, 49)));
-  EXPECT_EQ(49u, OpenNamed(u"second"));  // opened anew
-  EXPECT_CODE(errOK, Add(49, 8));
+  EXPECT_EQ(49u, OpenNamed(u"second"));  // opened anew, with the limit it has
+  std::uint64_t nThird = 0;
+  for (std::uint64_t n = 1; n <= 3; ++n) EXPECT_CODE(errOK, Add(49, n, 0, &nThird));
+  EXPECT_EQ(WithDatabase(0x200000000, 49), nThird);
   EXPECT_EQ(0u, Records(48));
   EXPECT_CODE(errPARAMETER_INVALID, m_nLast);
   for (const auto& [pName, nCode] :

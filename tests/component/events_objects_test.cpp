@@ -71,6 +71,10 @@ TEST_F(EventsObjectsTest, GivesTheParentsOfTheirObjects) {
   Parents.Clear();
   EXPECT_CODE(errOK, Call(&Ops::GetEvents, m_nNamed, 0, Read, sizeof(Read), 6, nullptr, Parents.Handle()));
   EXPECT_TRUE(Parents.Parents().empty());
+  FailAllocation(0);  // the container cannot take them
+  EXPECT_CODE(errOUT_OF_MEMORY,
+              Call(&Ops::GetEvents, m_nNamed, 0, Read, sizeof(Read), 6, &nRead, host::IdContainer().Handle()));
+  EXPECT_TRUE(AllocationFailed());
 }
 
 TEST_F(EventsObjectsTest, NamesComeBackThroughTheirIds) {

@@ -37,6 +37,8 @@ TEST_F(LifecycleTest, PutsTheStoreWhereItIsTold) {
   for (const char* const pName : {"a/b/0A/segments.dat", "c/d/g_db_id.dat", "e/00/segments.dat"}) {
     EXPECT_TRUE(exists(Folder() / pName)) << pName;
   }
+  m_Host->SetPlaceholder(u"%Report%", u"");
+  EXPECT_CODE(errOPEN_FAILED, Open());
 }
 
 TEST_F(LifecycleTest, TakesTheCheckModeFromTheHost) {

@@ -289,6 +289,9 @@ TEST_F(ObjectDataTest, ListsTheWayUp) {
     EXPECT_EQ((std::pair{Ids{nDir, nRoot}, Ids{nSubHash, nDirHash, nRootHash}}),
               (std::pair{Lists.Parents(), Lists.Hashes()}));
   }
+  FailAllocation(0);
+  EXPECT_CODE(errOUT_OF_MEMORY, Into(nSub, host::IdContainer().Handle()));
+  EXPECT_TRUE(AllocationFailed());
   Lists.Clear();
   EXPECT_CODE(errOK, Into(nRoot + 1000, Lists.Handle()));
   EXPECT_EQ((std::pair{Ids{}, Ids{0}}), (std::pair{Lists.Parents(), Lists.Hashes()}));

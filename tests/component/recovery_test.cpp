@@ -127,6 +127,7 @@ TEST_F(RecoveryTest, FailingAllocationsBecomeCodes) {
   std::uint32_t nDb = 0;
   char16_t Text[300];
   const std::u16string kLong(3000, u'x');
+  host::ByteBlob Saved(Bytes{1, 2, 3});
   const std::function<ResultCode()> kOperations[] = {
       [&] { return Call(&Ops::InitDB, 2, 16); },
       [&] { return Call(&Ops::InitDBByName, u"named", 16, &nDb); },
@@ -135,6 +136,11 @@ TEST_F(RecoveryTest, FailingAllocationsBecomeCodes) {
       [&] { return Call(&Ops::FindObject, 1, typeName, kLong.c_str(), kZeroTerminated, 1, 0, 0, &nId); },
       [&] { return Call(&Ops::GetObjectName, nId, Text, sizeof(Text), nullptr, 0, nullptr); },
       [&] { return Call(&Ops::GetEvents, 1, 0, Text, 16, 1, nullptr, nullptr); },
+      [&] { return Call(&Ops::GetObjectDataInto, nId, host::IdContainer().Handle(), 0); },
+      [&] { return Call(&Ops::SetObjectData, nId, kLong.data(), 6000, 1); },
+      [&] { return Call(&Ops::GetObjectDataInto, nId, host::ByteBlob().Handle(), 1); },
+      [&] { return Call(&Ops::SetObjectDataFrom, nId, Saved.Handle(), 2); },
+      [&] { return Call(&Ops::Compact, 0); },
       [&] { return Call(&Ops::GetDBInfo, kAllDatabases, nullptr, nullptr, nullptr); },
       [&] { return Call(&Ops::ClearDB, 1); },
   };

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -171,8 +172,21 @@ TEST_F(ToolTest, FindsNamesAndLinksObjects) {
   EXPECT_EQ("0x30", Key.substr(0, 4));
   Run("link " + Key + ' ' + Other);
   EXPECT_EQ(Key + "  key     HKLM\\Two\n", Run("name " + Key));
-  for (const std::string& Wrong : {Other + ' ' + Key, Key + ' ' + Key, Key + ' ' + Id, Key + " 2"})
+  Run("link " + Key + ' ' + Run("find --db keys --create --type folder 'C:\\'").substr(0, 18));
+  Run("link " + Key + ' ' + Other);  // another one, whatever it stood for
+  const std::string Shared = Run("find --db 0 --create --type key 'HKLM\\Two'").substr(0, 18);
+  const std::string BelowFile = Run("find --db keys --create --type key --parent " +
+                                    Run("find --db keys --create 'C:\\file'").substr(0, 18) + " below")
+                                    .substr(0, 18);
+  for (const auto& [Wrong, pReason] : {std::pair{Other + ' ' + Key, "would run in a circle"},
+                                       {Key + ' ' + Key, "would run in a circle"},
+                                       {Key + ' ' + Id, "they are in two stores"},
+                                       {Id + ' ' + Key, "only registry keys and roots stand for other objects"},
+                                       {Shared + " 2", "2 stands for the host's name"},
+                                       {Key + ' ' + BelowFile, "a file is on the way"}}) {
     Run("link " + Wrong, 1);
+    EXPECT_NE(std::string::npos, Errors().find(pReason)) << Errors();
+  }
 }
 
 TEST_F(ToolTest, KeepsDataOfObjects) {
@@ -204,7 +218,7 @@ TEST_F(ToolTest, ChecksCompactsAndClears) {
             Run("check").find("have been put back\n    (BT was repaired, 6 object hashes were added)"));
   Patch("store/g_objdt.dat", 4, {'?'});  // the oldest name: no matter of the quick check
   Run("check");
-  const std::string Told = Run("compact");
+  const std::string Told = Run("compact", 1);
   EXPECT_NE(std::string::npos,
             Told.find("Compact: name crc mismatch, entry id: 0, offset: 4, the object is marked as"));
   EXPECT_NE(std::string::npos, Told.find("g_objidcompacted.dat " + std::string(13, ' ') + "210 bytes"));
@@ -212,8 +226,25 @@ TEST_F(ToolTest, ChecksCompactsAndClears) {
   Run("name 1", 1);  // met, and marked
   EXPECT_NE(std::string::npos, Run("check", 1).find("The store is marked corrupted"));
   Run("record --db 1", 0, "{\"name\":\"x\"}");
-  Run("clear --db 1 --yes");
-  EXPECT_EQ(0u, Events("--db 1").size());
+  for (const Bytes& Header : {ReadFile("store/01/segments.dat"), Bytes{1, 2, 3}}) {
+    WriteFile("store/01/segments.dat", Header);
+    Run("clear --db 1 --yes");
+    EXPECT_EQ(0u, Events("--db 1").size());
+  }
+  WriteFile("store/g_db_id.dat", Bytes(64, '?'));
+  EXPECT_NE(std::string::npos, Run("check", 1).find("has been replaced by an empty one"));
+}
+
+TEST_F(ToolTest, NamesObjectsOfOtherDatabases) {
+  const std::string Id = Run("find --db 2 --create 'C:\\elsewhere'").substr(0, 18);
+  Run("record --db 1", 0, "{\"name\":\"x\"}");
+  Bytes Object(8);
+  const std::uint64_t nId = std::stoull(Id, nullptr, 16);
+  std::memcpy(Object.data(), &nId, sizeof(nId));
+  Patch("store/01/00000001_events.dat", 12 + 8, Object);
+  EXPECT_EQ(Strings{"C:\\elsewhere"}, Names(Events("--db 1")));
+  fs::remove_all(Folder() / "store/02");
+  EXPECT_EQ(json(), Events("--db 1")[0]["name"]);
 }
 
 TEST_F(ToolTest, SaysWhatFailed) {

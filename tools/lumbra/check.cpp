@@ -11,6 +11,7 @@ namespace {
 struct Meaning {
   std::string_view Part;
   const char* pWords;
+  bool bLost = false;  // something is gone for good
 };
 constexpr Meaning kMeanings[] = {
     {"Wrong BT size", "a tree of hashes recorded another size than its file has; the file's was taken"},
@@ -23,12 +24,12 @@ constexpr Meaning kMeanings[] = {
     {"ValidDataCrc(objectEntry.nObjectHash", "the name of one of the newest objects is damaged"},
     {"ValidDataCrc(nObjectId + 1, dataEntries", "the data of one of the newest objects is damaged"},
     {"ValidDataCrc(nObjectId + 1, buffer", "the data of one of the newest objects is damaged"},
-    {"idFromBt", "two objects claim one hash"},
+    {"MAKE_SHORT_OBJECT_ID(idFromBt)", "two objects claim one hash"},
     {"file signature is not valid", nullptr},
-    {"corrupted persistent index", "the index of named databases was damaged and has been replaced by an empty one"},
+    {"corrupted persistent index", "the index of named databases was damaged and has been replaced by an empty one",
+     true},
     {"TryLoadPersistentIndexes: failed to read",
-     "the index of named databases was cut off and has been replaced by an "
-     "empty one"},
+     "the index of named databases was cut off and has been replaced by an empty one", true},
     {"failed check", "one of the newest objects, or what leads to it, is damaged"},
 };
 
@@ -38,12 +39,14 @@ class Findings {
     for (const Meaning& Known : kMeanings) {
       if (Line.find(Known.Part) == std::string_view::npos) continue;
       if (Known.pWords != nullptr) Print(Known.pWords, Line);
+      m_bAnyLost |= Known.bLost;
       return;
     }
     Print("something else was reported", Line);
   }
 
   bool Any() const { return m_bAny; }
+  bool AnyLost() const { return m_bAnyLost; }
 
  private:
   void Print(const char* pWords, std::string_view Line) {
@@ -52,13 +55,13 @@ class Findings {
   }
 
   bool m_bAny = false;
+  bool m_bAnyLost = false;
 };
 
 }  // namespace
 
 int CheckStore(const CommonOptions& Common, const NoOptions& /*Options*/) {
   Findings Found;
-  const bool bTreeWasSound = FilesOf(Common).SharedTreeIsSound();
   Session Store(InModeOfStore(Common), Missing::Refuse, [&Found](std::string_view Line) { Found.Note(Line); });
   const StoreFiles& Files = Store.Files();
   std::printf("%s: %llu shared objects\n", Files.Folder().c_str(),
@@ -71,10 +74,8 @@ int CheckStore(const CommonOptions& Common, const NoOptions& /*Options*/) {
     std::puts("The quick check found damage. What is damaged is refused; the rest can be read.");
     return kExitFailed;
   }
-  if (!bTreeWasSound && !Files.SharedObjectsHaveCrcs()) {
-    std::puts(
-        "The tree of hashes was damaged and has been started anew. Without CRCs it cannot be filled again: objects\n"
-        "that were there are found by their ids alone.");
+  if (Found.AnyLost()) {
+    std::puts("Named databases whose ids were lost get new ones when they are opened.");
     return kExitFailed;
   }
   if (!Files.SharedObjectsHaveCrcs()) {

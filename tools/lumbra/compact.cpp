@@ -48,6 +48,34 @@ class Progress {
   std::jthread m_Thread;
 };
 
+// The new pair; unless it is kept it goes again, since half a pair must not be put in place.
+class NewPair {
+ public:
+  explicit NewPair(const StoreFiles& Files) : m_Folder(Files.Folder()) {}
+  ~NewPair() {
+    if (m_bKept) return;
+    for (const char* const pName : {kNewIds, kNewData}) {
+      std::error_code Ignored;
+      std::filesystem::remove(m_Folder / pName, Ignored);
+    }
+  }
+  NewPair(const NewPair&) = delete;
+  NewPair& operator=(const NewPair&) = delete;
+
+  void Keep() { m_bKept = true; }
+
+ private:
+  const std::filesystem::path m_Folder;
+  bool m_bKept = false;
+};
+
+void Copy(const Session& Store) {
+  NewPair Made(Store.Files());
+  const Progress Shown(Store.Files());
+  Check(Store.Call(&LumbraOperations::Compact, kSystemDatabase), "compact the shared objects");
+  if (!Interrupted()) Made.Keep();
+}
+
 }  // namespace
 
 int Compact(const CommonOptions& Common, const NoOptions& /*Options*/) {
@@ -60,16 +88,9 @@ int Compact(const CommonOptions& Common, const NoOptions& /*Options*/) {
   Session Store(InModeOfStore(Common), Missing::Refuse, Note);
   const StoreFiles& Files = Store.Files();
   PrintSizes("before", Files, kLiveIds, kLiveData);
-  try {
-    const Progress Shown(Files);
-    Check(Store.Call(&LumbraOperations::Compact, kSystemDatabase), "compact the shared objects");
-  } catch (const Failure&) {
-    for (const char* const pName : {kNewIds, kNewData}) {  // half a pair must not be put in place
-      std::error_code Ignored;
-      std::filesystem::remove(Files.Folder() / pName, Ignored);
-    }
-    throw;
-  }
+  WatchForInterrupt();
+  Copy(Store);
+  if (Interrupted()) return kExitInterrupted;
   PrintSizes("after", Files, kNewIds, kNewData);
   if (nLosses != 0) std::puts("What was left out is still in the live files, as far as it can be read there.");
   std::printf(
@@ -78,12 +99,12 @@ int Compact(const CommonOptions& Common, const NoOptions& /*Options*/) {
       "and while nothing has the store open: keep copies of %s and %s, and rename the pair over them. All other\n"
       "files stay as they are.\n",
       kLiveIds, kLiveData);
-  return kExitOk;
+  return nLosses == 0 ? kExitOk : kExitFailed;
 }
 
 int Clear(const CommonOptions& Common, const ClearOptions& Options) {
   Session Store(Common, Missing::Refuse);
-  const std::uint32_t nDatabase = Store.OpenDatabase(Options.Database, Missing::Refuse);
+  const std::uint32_t nDatabase = Store.OpenDatabaseToClear(Options.Database);
   Check(Store.Call(&LumbraOperations::ClearDB, nDatabase), "clear " + Options.Database.Describe());
   std::printf("cleared %s\n", Options.Database.Describe().c_str());
   return kExitOk;

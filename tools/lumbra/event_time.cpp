@@ -65,9 +65,9 @@ std::uint64_t Now() {
 }
 
 std::uint64_t FileTimeOf(std::int64_t nSeconds, std::int64_t nNanoseconds) {
-  constexpr std::int64_t kLast = 900000000000;  // some 28,000 years on: what lies behind does not fit
+  constexpr std::int64_t kLast = 900000000000;  // some 28,000 years: what lies further on or back does not fit
   const auto Fraction = date::floor<FileTimeUnits>(std::chrono::nanoseconds(nNanoseconds));
-  return FileTimeOf(Instant(std::chrono::seconds(std::min(nSeconds, kLast)) + Fraction));
+  return FileTimeOf(Instant(std::chrono::seconds(std::clamp(nSeconds, -kLast, kLast)) + Fraction));
 }
 
 std::string FormatTime(std::uint64_t nFileTime) {

@@ -56,10 +56,10 @@ class Printer {
   // nParent is the parent of the event's object, 0 when it has none.
   void Print(std::uint64_t nId, const Event& Shown, std::uint64_t nParent) {
     ObjectName Object;
-    const ResultCode nCode = m_pSession->ReadName(Shown.nObject, &Object);
+    const ResultCode nCode = ReadName(Shown.nObject, &Object);
     const bool bNamed = Succeeded(nCode);
     const bool bGone = nCode == errOBJECT_NOT_FOUND || nCode == errNOT_FOUND;
-    if (!bNamed && !bGone) m_nFailed = nCode;
+    if (!bNamed && !bGone) m_nUnreadable = nCode;
     if (m_Options.bJson) {
       nlohmann::ordered_json Line = {
           {"id", FormatId(nId)},   {"time", FormatTime(Shown.nTime)},   {"kind", Shown.nKind},
@@ -79,11 +79,25 @@ class Printer {
     std::puts(bNamed ? Printable(Object.Name).c_str() : bGone ? "(its name is gone)" : "(its name cannot be read)");
   }
 
-  // The code of the last name that could not be read.
-  ResultCode Failed() const { return m_nFailed; }
+  // The code of the last name that could not be read; errOK when all could that are there.
+  ResultCode UnreadableCode() const { return m_nUnreadable; }
 
  private:
-  ResultCode m_nFailed = errOK;
+  // The events of a program may be about objects of other databases, which are opened when the first one is met.
+  ResultCode ReadName(std::uint64_t nObject, ObjectName* pObject) {
+    const std::uint32_t nDatabase = DatabaseOfId(nObject);
+    if (const auto [Known, bNew] = m_CanBeRead.try_emplace(nDatabase, true); bNew) {
+      try {
+        m_pSession->OpenDatabaseOf(nObject);
+      } catch (const Failure&) {
+        Known->second = false;
+      }
+    }
+    return m_CanBeRead[nDatabase] ? m_pSession->ReadName(nObject, pObject) : errOBJECT_NOT_FOUND;
+  }
+
+  ResultCode m_nUnreadable = errOK;
+  std::map<std::uint32_t, bool> m_CanBeRead;  // databases of objects
   Session* m_pSession;
   const EventsOptions& m_Options;
 };
@@ -119,7 +133,7 @@ int Events(const CommonOptions& Common, const EventsOptions& Options) {
       nDone += nRead;
     }
   }
-  Check(Output.Failed(), "read the names of some events");
+  Check(Output.UnreadableCode(), "read the names of some events");
   return kExitOk;
 }
 

@@ -12,6 +12,9 @@ std::string MachineName();
 // Whether somebody looks at what is written to stderr.
 bool ErrorsGoToTerminal();
 
+// From the call on, a write that meets a limit on file sizes fails like one to a full disk.
+void LetLimitsFailWrites();
+
 // From the call on, Ctrl-C only sets a mark, and ends waiting for input.
 void WatchForInterrupt();
 bool Interrupted();

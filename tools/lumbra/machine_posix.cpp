@@ -34,6 +34,10 @@ bool ErrorsGoToTerminal() {
   return isatty(STDERR_FILENO) != 0;
 }
 
+void LetLimitsFailWrites() {
+  signal(SIGXFSZ, SIG_IGN);
+}
+
 void WatchForInterrupt() {
   struct sigaction Action {};
   Action.sa_handler = [](int) {
@@ -42,7 +46,6 @@ void WatchForInterrupt() {
   // Without SA_RESTART: a read that waits for input ends.
   sigaction(SIGINT, &Action, nullptr);
   sigaction(SIGTERM, &Action, nullptr);
-  signal(SIGXFSZ, SIG_IGN);  // a limit on file sizes makes writes fail, like a full disk
 }
 
 bool Interrupted() {

@@ -7,6 +7,7 @@
 #include "command_line.h"
 #include "commands.h"
 #include "failure.h"
+#include "machine.h"
 
 using lumbra::tool::Failure;
 
@@ -26,6 +27,7 @@ lumbra::ResultCode CodeOf(const std::error_code& Error) {
 }  // namespace
 
 int main(int nCount, char** ppArguments) {
+  lumbra::tool::LetLimitsFailWrites();
   try {
     const int nStatus = lumbra::tool::ParseCommandLine(nCount, ppArguments)();
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return nStatus;

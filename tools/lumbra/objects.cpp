@@ -27,18 +27,37 @@ void RequireObject(Session& Store, std::uint64_t nId, ObjectName* pName) {
   Check(Store.ReadName(nId, pName), "find " + FormatId(nId));
 }
 
-// Where the store goes from an object while it builds a name: to what it links to, or to its parent; 0 at the end.
-std::uint64_t NextOf(Session& Store, std::uint64_t nId) {
+// What an object stands for; 0 when it stands for itself.
+std::uint64_t LinkOf(const Session& Store, std::uint64_t nId) {
   std::uint64_t nLink = 0;
-  const bool bLinked =
-      Store.Call(&LumbraOperations::GetObjectData, nId, &nLink, sizeof(nLink), nullptr, kObjectLinkTag) == errOK;
-  if (bLinked && nLink != 0) return WithDatabase(nLink, DatabaseOfId(nId));
-  host::IdContainer Ancestors;
-  Check(Store.Call(&LumbraOperations::GetObjectDataInto, nId, Ancestors.Handle(), 0), "follow " + FormatId(nId));
-  return Ancestors.Parents().empty() ? 0 : Ancestors.Parents().front();
+  const ResultCode nCode =
+      Store.Call(&LumbraOperations::GetObjectData, nId, &nLink, sizeof(nLink), nullptr, kObjectLinkTag);
+  return nCode == errOK && nLink != 0 ? WithDatabase(nLink, DatabaseOfId(nId)) : 0;
 }
 
-bool LeadsTo(Session& Store, std::uint64_t nFrom, std::uint64_t nTo) {
+// The objects whose links the store follows: names lead on from keys (and volumes), paths from roots. Of one that
+// stands for another already, the type that is told is the other's.
+bool MayStandForAnother(const Session& Store, std::uint64_t nId, std::uint32_t nType) {
+  return nType == typeRegistryKey || nType == typeRegistryRoot || nType == typeDriveRoot || nType == typeVolumeRoot ||
+         nType == typeServerRoot || LinkOf(Store, nId) != 0;
+}
+
+// Where the store goes from an object while it builds a name: to what it links to, or to its parent; 0 at the end.
+std::uint64_t NextOf(const Session& Store, std::uint64_t nId) {
+  if (const std::uint64_t nLink = LinkOf(Store, nId); nLink != 0) return nLink;
+  const std::string What = "follow " + FormatId(nId);
+  // A file on the way up empties the container, and the parents before it are not told: so it is marked.
+  host::IdContainer Ancestors;
+  Ancestors.AddParent(nId);
+  Check(Store.Call(&LumbraOperations::GetObjectDataInto, nId, Ancestors.Handle(), 0), What);
+  const std::vector<std::uint64_t>& Listed = Ancestors.Parents();
+  if (Listed.empty() || Listed.front() != nId) {
+    throw Failure(What, errNOT_SUPPORTED, "a file is on the way, and nothing can stand for it");
+  }
+  return Listed.size() == 1 ? 0 : Listed[1];
+}
+
+bool LeadsTo(const Session& Store, std::uint64_t nFrom, std::uint64_t nTo) {
   std::set<std::uint64_t> Seen;
   for (std::uint64_t nId = nFrom; nId != 0 && Seen.insert(nId).second; nId = NextOf(Store, nId)) {
     if (nId == nTo) return true;
@@ -102,8 +121,12 @@ int Link(const CommonOptions& Common, const LinkOptions& Options) {
   Session Store(Common, Missing::Refuse);
   const std::string What = "link " + FormatId(Options.nId) + " to " + FormatId(Options.nTarget);
   ObjectName Object;
+  ObjectName Target;
   RequireObject(Store, Options.nId, &Object);
-  RequireObject(Store, Options.nTarget, &Object);
+  RequireObject(Store, Options.nTarget, &Target);
+  if (!MayStandForAnother(Store, Options.nId, Object.nType)) {
+    throw Failure(What, errNOT_SUPPORTED, "only registry keys and roots stand for other objects");
+  }
   if (StoreOf(Options.nId) != StoreOf(Options.nTarget)) {
     throw Failure(What, errPARAMETER_INVALID, "they are in two stores, and a link leads to an object of its own store");
   }

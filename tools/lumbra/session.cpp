@@ -37,8 +37,8 @@ Session::Session(const CommonOptions& Options, Missing Store, DamageListener Lis
   ResultCode nCode = m_Store.Init();
   if (Failed(nCode) && m_Files.IsHeldByAnotherProcess()) throw Failure(What, errSHARING_VIOLATION);
   if (nCode == errOPEN_FAILED) nCode = m_Store.Init();  // another process may have ended between the two looks
-  if (const std::string Reason = WhyNotUsable(m_Files.Folder()); nCode == errOPEN_FAILED && !Reason.empty()) {
-    throw Failure(What, nCode, Reason);
+  if (nCode == errOPEN_FAILED) {
+    if (const std::string Reason = WhyNotUsable(m_Files.Folder()); !Reason.empty()) throw Failure(What, nCode, Reason);
   }
   Check(nCode, What);
 }
@@ -60,21 +60,31 @@ void Session::Trace(std::uint32_t nLevel, DamageListener Listener) {
 
 std::uint32_t Session::OpenDatabase(const DatabaseName& Database, Missing IfMissing) {
   const std::string What = "open " + Database.Describe();
+  if (m_Files.HasLostEvents(Database)) {
+    throw Failure(What, errDATA_CORRUPTED, "its segments.dat is missing; lumbra clear would start it anew, empty");
+  }
+  if (!m_Files.Has(Database)) {
+    if (IfMissing == Missing::Refuse) {
+      throw Failure(What, errOBJECT_NOT_FOUND, "there is no such database in this store");
+    }
+    return OpenWithEventSize(Database, sizeof(Event));
+  }
+  const std::optional<DatabaseFiles> Found = m_Files.Read(Database);
+  if (!Found) {
+    throw Failure(What, errDATA_CORRUPTED, "its segments.dat is damaged; lumbra clear would start it anew, empty");
+  }
+  return OpenWithEventSize(Database, Found->nEventSize);
+}
+
+std::uint32_t Session::OpenDatabaseToClear(const DatabaseName& Database) {
+  const bool bLost = m_Files.HasLostEvents(Database) || (m_Files.Has(Database) && !m_Files.Read(Database));
+  return bLost ? OpenWithEventSize(Database, sizeof(Event)) : OpenDatabase(Database, Missing::Refuse);
+}
+
+std::uint32_t Session::OpenWithEventSize(const DatabaseName& Database, std::uint32_t nEventSize) {
+  const std::string What = "open " + Database.Describe();
   if (const std::optional<DatabaseName> Other = m_Files.Namesake(Database)) {
     throw Failure(What, errOBJECT_ALREADY_EXISTS, "the store cannot tell it from " + Other->Describe());
-  }
-  if (m_Files.HasLostEvents(Database)) {
-    throw Failure(What, errDATA_CORRUPTED, "its segments.dat is missing, and opening it would start it anew, empty");
-  }
-  std::uint32_t nEventSize = sizeof(Event);
-  if (m_Files.Has(Database)) {
-    const std::optional<DatabaseFiles> Found = m_Files.Read(Database);
-    if (!Found) {
-      throw Failure(What, errDATA_CORRUPTED, "its segments.dat is damaged, and opening it would start it anew, empty");
-    }
-    nEventSize = Found->nEventSize;
-  } else if (IfMissing == Missing::Refuse) {
-    throw Failure(What, errOBJECT_NOT_FOUND, "there is no such database in this store");
   }
   if (!Database.Number) {
     std::uint32_t nId = 0;
@@ -82,8 +92,9 @@ std::uint32_t Session::OpenDatabase(const DatabaseName& Database, Missing IfMiss
     Check(Call(&LumbraOperations::InitDBByName, Name.c_str(), nEventSize, &nId), What);
     return nId;
   }
-  if (*Database.Number != kSystemDatabase && m_Open.insert(*Database.Number).second) {
+  if (*Database.Number != kSystemDatabase && !m_Open.contains(*Database.Number)) {
     Check(Call(&LumbraOperations::InitDB, *Database.Number, nEventSize), What);
+    m_Open.insert(*Database.Number);
   }
   return *Database.Number;
 }

@@ -71,6 +71,9 @@ class Session {
   // The same for a command that works with the tool's own events; throws a Failure for a database of others.
   std::uint32_t OpenEventDatabase(const DatabaseName& Database, Missing IfMissing);
 
+  // The same for one that is there and will be cleared: its header may be missing or damaged, and is made anew.
+  std::uint32_t OpenDatabaseToClear(const DatabaseName& Database);
+
   // Opens the database that an object id names.
   void OpenDatabaseOf(std::uint64_t nObject);
 
@@ -93,6 +96,7 @@ class Session {
   }
 
  private:
+  std::uint32_t OpenWithEventSize(const DatabaseName& Database, std::uint32_t nEventSize);
   void Trace(std::uint32_t nLevel, DamageListener Listener);
 
   StoreFiles m_Files;

@@ -159,15 +159,6 @@ bool StoreFiles::HasId(const DatabaseName& Database) const {
   }
 }
 
-bool StoreFiles::SharedTreeIsSound() const {
-  constexpr std::string_view kFirstNode("\x10\0\0\0", 4);
-  constexpr std::uint64_t kSmallest = 16 + 1024;  // the header and the root
-  const std::string Header = ReadBlock("g_objbt.dat", 0);
-  const bool bMagic = Header.starts_with("ODBT") || Header.starts_with("ODBC");
-  return SharedObjectCount() == 0 ||
-         (bMagic && Header.substr(4, 4) == kFirstNode && SizeOf("g_objbt.dat") >= kSmallest);
-}
-
 std::optional<DatabaseName> StoreFiles::DatabaseOfNumber(std::uint32_t nId) const {
   if (nId < kFirstNamedDatabase) return DatabaseName{nId, {}};
   const std::string Item = ReadBlock("g_db_id.dat", std::uint64_t{nId - kFirstNamedDatabase} + 1);

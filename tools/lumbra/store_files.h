@@ -69,9 +69,6 @@ class StoreFiles {
   bool SharedRecordsHaveCrcs() const;
   std::uint64_t SharedObjectCount() const;
 
-  // Whether the tree of the shared objects' hashes starts as one does; a store without objects may have none.
-  bool SharedTreeIsSound() const;
-
   // Bytes of one of the store's own files, and of all files of a database; 0 when there are none.
   std::uint64_t SizeOf(const char* pName) const;
   std::uint64_t SizeOf(const DatabaseName& Database) const;
