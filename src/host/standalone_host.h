@@ -26,7 +26,8 @@ namespace lumbra::host {
 class StandaloneHost;
 
 // One use of a store instance; ends with ObjectShutdown and ObjectFree, for the shared instance when its last
-// user ends, which waits for messages that are under way to it. A Store that holds no instance converts to false.
+// user ends; a SendFlush that is under way is a user, too, and the instance then ends with it. A Store that holds no
+// instance converts to false.
 class Store {
  public:
   Store() = default;
