@@ -43,8 +43,7 @@ ResultCode SharedStore::Open(const char16_t* pFolder, bool bCheckMode, bool bEnv
   if (Failed(pStore->Open(0, Files, TreeHead::Large))) return errOPEN_FAILED;
   // At once, and not only when the first instance has created its well-known objects: those would be the newest, known
   // to the tree, and the quick check would not miss the others.
-  pStore->RefillNewTree();
-  return errOK;
+  return pStore->RefillEmptyTree();
 }
 
 void SharedStore::Close() {

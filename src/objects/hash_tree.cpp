@@ -1,6 +1,7 @@
 #include "objects/hash_tree.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <new>
 
@@ -55,13 +56,11 @@ ResultCode HashTree::Open(StorageFile* pFile, const Options& Use) {
     return nCode;
   }
   pFileBT->GetSize(&m_nSizeBT);
-  m_bStartedAnew = !bAccepted;
   return errOK;
 }
 
 void HashTree::Close() {
   pFileBT = nullptr;
-  m_bStartedAnew = false;
   m_nSizeBT = 0;
   m_btHead.clear();
   m_nodeChecked.clear();
@@ -159,6 +158,21 @@ ResultCode HashTree::WriteEmptyTree() {
 }
 
 // ---- Walks ------------------------------------------------------------------------------------------------
+
+bool HashTree::IsEmpty() {
+  for (std::uint64_t nDigit = 0; nDigit < kRootEntries; ++nDigit) {
+    tODB_BT_OFFSET nEntry = 0;
+    if (Failed(ReadSlot(Place(), nDigit, &nEntry)) || nEntry != 0) return false;
+  }
+  return true;
+}
+
+ResultCode HashTree::SetUsable(bool bUsable) {
+  const std::uint32_t nFirstNodeOffset = bUsable ? FirstNodeOffset : 0;
+  ODB_CHECK(BT_SeekWrite(offsetof(tODB_BT_HEADER, nFirstNodeOffset), &nFirstNodeOffset, sizeof(nFirstNodeOffset), NULL),
+            errWRITE_FAILED);
+  return errOK;
+}
 
 ResultCode HashTree::Find(std::uint64_t nHash, std::uint32_t* pnShortId) {
   for (Place At; At.nLevel <= kMaxLevel;) {

@@ -24,7 +24,7 @@ namespace lumbra {
 
 struct tODB_BT_HEADER {
   char Magic[4];                   //  0: "ODBT": nodes without, "ODBC": nodes with a CRC
-  std::uint32_t nFirstNodeOffset;  //  4: 16, where the root stands
+  std::uint32_t nFirstNodeOffset;  //  4: 16, where the root stands; 0 while a tree is filled that may not be used yet
   std::uint64_t nDBSize;           //  8: used size of the file, the end of the last node
 };
 static_assert(sizeof(tODB_BT_HEADER) == 16);
@@ -61,8 +61,11 @@ class HashTree {
 
   std::uint64_t Size() const { return m_nSizeBT; }
 
-  // Whether Open found no tree that it could use.
-  bool WasStartedAnew() const { return m_bStartedAnew; }
+  // Whether it is known to hold no object.
+  bool IsEmpty();
+
+  // Whether the next Open takes the tree as it is, or starts it anew: so that half a tree never passes for the whole.
+  ResultCode SetUsable(bool bUsable);
 
   // The short id in the slot that the hash leads to; errOBJECT_NOT_FOUND for an empty one. The caller
   // compares the object's hash: another object with a hash that shares the prefix may own the slot.
@@ -121,7 +124,6 @@ class HashTree {
   StorageFile* pFileBT = nullptr;
   DataCrc m_Crc;
   bool m_bNodeCrcs = false;
-  bool m_bStartedAnew = false;
   std::uint64_t m_nSizeBT = 0;              // used size of the file, as nDBSize
   std::uint32_t m_nBtHeadSize = 0;          // how much of the file's head is held in memory
   std::vector<std::uint8_t> m_btHead;       // what is held of it; empty until the first read through it

@@ -87,9 +87,10 @@ class ObjectDB {
   // The object's hash, 0 when it cannot be read.
   std::uint64_t GetObjectHash(tObjectId nObjectId);
 
-  // Puts all objects back into a tree that Open had to start anew. What is damaged is left out, and traced. Of several
-  // objects with one hash the newest is found, as before.
-  void RefillNewTree();
+  // Puts the objects back into a tree that knows none, as one that Open had to start anew; only where the store has
+  // CRCs. Records that are damaged are left out, and traced. Of several with one hash the newest is found, as before.
+  // Without success the next Open starts the tree anew.
+  ResultCode RefillEmptyTree();
 
   // A cheap check of the two newest objects, where a crash leaves its marks: errOK or the code of the first
   // failed check. Newest objects that the tree does not know are put back into it.
@@ -139,6 +140,7 @@ class ObjectDB {
   // Whether every read and write must move all of its bytes.
   bool ChecksByteCounts() const { return (m_nConfigFlags & featureBlockCrc) != 0; }
   bool Has(StoreFeatures Feature) const { return (m_nDataFlags & Feature) != 0; }
+  bool HasCrcs() const { return Has(featureBlockCrc) || Has(featureArrayCrc) || Has(featureNameCrc); }
 
   ResultCode OpenDataFile(StorageFile& File);
   ResultCode GetIdEntry(tObjectId id, tODB_ID_ENTRY* pEntry, TraceMiss Miss);

@@ -23,7 +23,7 @@ constexpr std::uint32_t kFoundRunEndsRepair = 6;
 ResultCode ObjectDB::FastConsistencyCheck() {
   // The shared store is checked while other instances may use it.
   const std::lock_guard Hold(m_Lock);
-  if (!Has(featureBlockCrc) && !Has(featureArrayCrc) && !Has(featureNameCrc)) return errOK;
+  if (!HasCrcs()) return errOK;
   ODB_CHECK(Succeeded(m_IdDB.FastConsistencyCheck()), errDATA_CORRUPTED);
   const std::uint64_t nRecords = m_IdDB.GetRecordCount();
   std::uint32_t nMissing = 0;
@@ -152,18 +152,25 @@ ResultCode ObjectDB::RepairTree(std::uint64_t nRecords) {
   return errOK;
 }
 
-void ObjectDB::RefillNewTree() {
+ResultCode ObjectDB::RefillEmptyTree() {
   const std::lock_guard Hold(m_Lock);
-  if (!m_Tree.WasStartedAnew()) return;
+  const std::uint64_t nRecords = m_IdDB.GetRecordCount();
+  if (!HasCrcs() || nRecords == 0 || !m_Tree.IsEmpty()) return errOK;
+  ResultCode nCode = m_Tree.SetUsable(false);
   std::uint32_t nAdded = 0;
-  for (std::uint64_t nObjectId = m_IdDB.GetRecordCount(); nObjectId-- > 0;) {
+  for (std::uint64_t nObjectId = nRecords; nObjectId-- > 0 && Succeeded(nCode);) {
     tODB_ID_ENTRY objectEntry{};
-    tObjectId Newer = 0;
     if (Failed(ReadRecordForCheck(nObjectId, &objectEntry)) || !IsInTree(objectEntry)) continue;
+    tObjectId Newer = 0;
     if (FindObject(objectEntry.nObjectHash, &Newer) != errOBJECT_NOT_FOUND) continue;
-    if (Succeeded(InsertMissingHash(nObjectId, objectEntry))) ++nAdded;
+    Trace(kHostRoot, traceDamage, "lmb\tObject %lu - hash not found in BT", static_cast<std::uint32_t>(nObjectId + 1));
+    nCode = InsertMissingHash(nObjectId, objectEntry);
+    ++nAdded;
   }
-  if (nAdded != 0) Trace(kHostRoot, traceDamage, "lmb\tBT was repaired, %lu object hashes were added", nAdded);
+  if (Succeeded(nCode)) nCode = m_Tree.SetUsable(true);
+  if (Failed(nCode)) return nCode;
+  Trace(kHostRoot, traceDamage, "lmb\tBT was repaired, %lu object hashes were added", nAdded);
+  return errOK;
 }
 
 ResultCode ObjectDB::InsertMissingHash(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry) {

@@ -101,7 +101,7 @@ std::u16string_view ParentOf(std::u16string_view Absolute);
 // Whether the path is a folder (or a link to one). Missing: kFileNotFound or kPathNotFound.
 SystemError IsFolder(std::u16string_view Path, bool* pbFolder);
 
-// Makes a folder, and brings its name to the disk (unless its parent may not be read).
+// Makes a folder, and brings its name to the disk where the system does that.
 SystemError MakeFolder(std::u16string_view Path);
 
 struct FoundFile {

@@ -7,6 +7,14 @@
 #include "platform/result.h"
 
 namespace lumbra {
+namespace {
+
+void Wait(os::Semaphore* pSemaphore) {
+  ULO_CHECK_RESULT(ResultFromSystemError(os::WaitForSemaphore(pSemaphore)));
+}
+
+}  // namespace
+
 ResultCode ReaderWriterLock::Create() {
   if (m_pReaders != nullptr) return errOK;
   os::Semaphore* pReaders = nullptr;
@@ -35,7 +43,7 @@ void ReaderWriterLock::LockShared() {
     }
     ++m_nWaitingReaders;
   }
-  Wait(m_pReaders, &m_nWaitingReaders);  // whoever releases us has counted us into the state
+  Wait(m_pReaders);  // whoever releases us has counted us into the state
 }
 
 void ReaderWriterLock::LockExclusive() {
@@ -47,22 +55,7 @@ void ReaderWriterLock::LockExclusive() {
     }
     ++m_nWaitingWriters;
   }
-  Wait(m_pWriters, &m_nWaitingWriters);  // whoever releases us has set the state to -1
-}
-
-// A wait that fails leaves the queue again, so that the lock is not handed to somebody who is not there. One that was
-// admitted all the same gives the lock back; those who wait are alike, so it does not matter whose admission it is.
-void ReaderWriterLock::Wait(os::Semaphore* pSemaphore, std::int32_t* pnWaiting) {
-  const ResultCode nCode = ResultFromSystemError(os::WaitForSemaphore(pSemaphore));
-  if (Succeeded(nCode)) return;
-  bool bAdmitted = false;
-  {
-    const std::lock_guard Guard(m_Guard);
-    bAdmitted = *pnWaiting == 0;
-    if (!bAdmitted) --*pnWaiting;
-  }
-  if (bAdmitted) Unlock();
-  throw ulo::CheckResultFailedException(__FILE__, __LINE__, nCode);
+  Wait(m_pWriters);  // whoever releases us has set the state to -1
 }
 
 void ReaderWriterLock::Unlock() {

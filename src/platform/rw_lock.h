@@ -31,8 +31,6 @@ class ReaderWriterLock {
   void Unlock();
 
  private:
-  void Wait(os::Semaphore* pSemaphore, std::int32_t* pnWaiting);
-
   os::CriticalSection m_Guard;  // held for a few instructions, never across a wait
   os::Semaphore* m_pReaders = nullptr;
   os::Semaphore* m_pWriters = nullptr;

@@ -1,7 +1,9 @@
 // The quick check of an object store, and the repair of a tree that lost its newest objects.
+#include <cerrno>
 #include <cstring>
 
 #include "objects/objdb_fixture.h"
+#include "support/system_calls.h"
 
 namespace lumbra::test {
 namespace {
@@ -36,10 +38,13 @@ TEST_F(ObjectDbCheckTest, LooksAtNothingWithoutCrcs) {
   Close();
   Patch("dt", 5, {'?', '?', '?'});
   std::filesystem::resize_file(Folder() / "id", FileSize("id") - 1);
+  std::filesystem::remove(Folder() / "bt");
   ASSERT_CODE(errOK, Open(false));
   TakeTrace();
   EXPECT_CODE(errOK, m_pDb->FastConsistencyCheck());
+  EXPECT_CODE(errOK, m_pDb->RefillEmptyTree());
   EXPECT_TRUE(TakeTrace().empty());
+  EXPECT_EQ(0u, Find(0x1000));
 }
 
 TEST_F(ObjectDbCheckTest, PutsALostObjectBack) {
@@ -79,6 +84,36 @@ TEST_F(ObjectDbCheckTest, RebuildsALostTree) {
   EXPECT_EQ("350 BT was repaired, 500 object hashes were added", TakeTrace(400).back());
   for (std::uint64_t i = 0; i < 500; ++i)
     ASSERT_EQ(Id(static_cast<std::uint32_t>(i + 1)), Find(i * 0x9E3779B97F4A7C15 | 1));
+}
+
+// The same at the start, whatever the newest objects look like; and when it is cut short, it begins again.
+TEST_F(ObjectDbCheckTest, RefillsAnEmptyTree) {
+  const auto LoseTree = [this] {
+    Close();
+    std::filesystem::remove(Folder() / "bt");
+    return Open(true);
+  };
+  const auto Hash = [](std::uint32_t i) {
+    return i * 0x9E3779B97F4A7C15 | 1;
+  };
+  ASSERT_CODE(errOK, Open(true));
+  for (std::uint32_t i = 1; i <= 500; ++i) ASSERT_EQ(Id(i), Create(Hash(i), "x"));
+  ASSERT_CODE(errOK, LoseTree());
+  FailCalls(SystemCall::WriteAt, ENOSPC, 700);
+  EXPECT_TRUE(Failed(m_pDb->RefillEmptyTree()));
+  ResetSystem();
+  EXPECT_EQ(0u, Find(Hash(1)));
+  Close();
+  ASSERT_CODE(errOK, Open(true));
+  EXPECT_CODE(errOK, m_pDb->RefillEmptyTree());
+  for (std::uint32_t i = 1; i <= 500; ++i) ASSERT_EQ(Id(i), Find(Hash(i)));
+
+  ASSERT_EQ(Id(501), Create(Hash(77), "x", true));
+  ASSERT_CODE(errOK, LoseTree());
+  TakeTrace();
+  EXPECT_CODE(errOK, m_pDb->RefillEmptyTree());
+  EXPECT_EQ("350 BT was repaired, 500 object hashes were added", TakeTrace(400).back());
+  for (std::uint32_t i = 1; i <= 500; ++i) ASSERT_EQ(Id(i == 77 ? 501 : i), Find(Hash(i)));
 }
 
 TEST_F(ObjectDbCheckTest, FindsDamageInTheNewestObjects) {

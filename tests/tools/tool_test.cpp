@@ -172,20 +172,21 @@ TEST_F(ToolTest, FindsNamesAndLinksObjects) {
   EXPECT_EQ("0x30", Key.substr(0, 4));
   Run("link " + Key + ' ' + Other);
   EXPECT_EQ(Key + "  key     HKLM\\Two\n", Run("name " + Key));
-  Run("link " + Key + ' ' + Run("find --db keys --create --type folder 'C:\\'").substr(0, 18));
-  Run("link " + Key + ' ' + Other);  // another one, whatever it stood for
   const std::string Shared = Run("find --db 0 --create --type key 'HKLM\\Two'").substr(0, 18);
   const std::string BelowFile = Run("find --db keys --create --type key --parent " +
                                     Run("find --db keys --create 'C:\\file'").substr(0, 18) + " below")
                                     .substr(0, 18);
-  for (const auto& [Wrong, pReason] : {std::pair{Other + ' ' + Key, "would run in a circle"},
-                                       {Key + ' ' + Key, "would run in a circle"},
-                                       {Key + ' ' + Id, "they are in two stores"},
-                                       {Id + ' ' + Key, "only registry keys and roots stand for other objects"},
-                                       {Shared + " 2", "2 stands for the host's name"},
-                                       {Key + ' ' + BelowFile, "a file is on the way"}}) {
+  const std::string Root = Run("find --db keys --type 20 C:").substr(0, 18);
+  for (const auto& [Wrong, Reason] :
+       std::vector<std::pair<std::string, std::string>>{{Other + ' ' + Key, "would run in a circle"},
+                                                        {Key + ' ' + Id, "it stands for " + Other + " already"},
+                                                        {Other + ' ' + Other, "would run in a circle"},
+                                                        {Other + ' ' + Id, "they are in two stores"},
+                                                        {Root + ' ' + Other, "the store would not follow this link"},
+                                                        {Shared + " 2", "2 stands for the host's name"},
+                                                        {Other + ' ' + BelowFile, "nothing can stand for a file"}}) {
     Run("link " + Wrong, 1);
-    EXPECT_NE(std::string::npos, Errors().find(pReason)) << Errors();
+    EXPECT_NE(std::string::npos, Errors().find(Reason)) << Errors();
   }
 }
 
@@ -242,7 +243,15 @@ TEST_F(ToolTest, NamesObjectsOfOtherDatabases) {
   const std::uint64_t nId = std::stoull(Id, nullptr, 16);
   std::memcpy(Object.data(), &nId, sizeof(nId));
   Patch("store/01/00000001_events.dat", 12 + 8, Object);
-  EXPECT_EQ(Strings{"C:\\elsewhere"}, Names(Events("--db 1")));
+  const json Shown = Events("--db 1 --parents")[0];
+  EXPECT_EQ("C:\\elsewhere", Shown["name"]);
+  EXPECT_EQ("0x0200000100000001", Shown["parent"]);
+  Run("record --db 2", 0, "{\"name\":\"x\"}");
+  const Bytes kEvents = ReadFile("store/02/00000001_events.dat");
+  Patch("store/02/segments.dat", 4, {9});  // leads nowhere: to open it would start it anew
+  EXPECT_NE(std::string::npos, Run("events --db 1", 1).find("(its name cannot be read)"));
+  Run("info", 1);
+  EXPECT_EQ(kEvents, ReadFile("store/02/00000001_events.dat"));
   fs::remove_all(Folder() / "store/02");
   EXPECT_EQ(json(), Events("--db 1")[0]["name"]);
 }

@@ -30,7 +30,7 @@ constexpr Meaning kMeanings[] = {
      true},
     {"TryLoadPersistentIndexes: failed to read",
      "the index of named databases was cut off and has been replaced by an empty one", true},
-    {"failed check", "one of the newest objects, or what leads to it, is damaged"},
+    {"failed check", "an object, or what leads to it, is damaged or could not be written", true},
 };
 
 class Findings {
@@ -75,7 +75,7 @@ int CheckStore(const CommonOptions& Common, const NoOptions& /*Options*/) {
     return kExitFailed;
   }
   if (Found.AnyLost()) {
-    std::puts("Named databases whose ids were lost get new ones when they are opened.");
+    std::puts("What is said above is lost. Named databases whose ids were lost get new ones when they are opened.");
     return kExitFailed;
   }
   if (!Files.SharedObjectsHaveCrcs()) {

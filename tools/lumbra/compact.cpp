@@ -69,11 +69,14 @@ class NewPair {
   bool m_bKept = false;
 };
 
-void Copy(const Session& Store) {
+// Writes the new pair; false, with nothing left behind, when it was interrupted, which takes effect when it is done.
+bool WritePair(const Session& Store) {
   NewPair Made(Store.Files());
   const Progress Shown(Store.Files());
   Check(Store.Call(&LumbraOperations::Compact, kSystemDatabase), "compact the shared objects");
-  if (!Interrupted()) Made.Keep();
+  if (Interrupted()) return false;
+  Made.Keep();
+  return true;
 }
 
 }  // namespace
@@ -89,8 +92,10 @@ int Compact(const CommonOptions& Common, const NoOptions& /*Options*/) {
   const StoreFiles& Files = Store.Files();
   PrintSizes("before", Files, kLiveIds, kLiveData);
   WatchForInterrupt();
-  Copy(Store);
-  if (Interrupted()) return kExitInterrupted;
+  if (!WritePair(Store)) {
+    std::puts("interrupted; the new pair is gone again");
+    return kExitInterrupted;
+  }
   PrintSizes("after", Files, kNewIds, kNewData);
   if (nLosses != 0) std::puts("What was left out is still in the live files, as far as it can be read there.");
   std::printf(

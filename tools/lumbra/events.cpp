@@ -53,7 +53,18 @@ class Printer {
  public:
   Printer(Session* pSession, const EventsOptions& Options) : m_pSession(pSession), m_Options(Options) {}
 
-  // nParent is the parent of the event's object, 0 when it has none.
+  // The events of a program may be about objects of other databases, which are opened when the first one is met.
+  void OpenDatabaseOf(std::uint64_t nObject) {
+    const auto [Known, bNew] = m_Opened.try_emplace(DatabaseOfId(nObject), errOK);
+    if (!bNew) return;
+    try {
+      m_pSession->OpenDatabaseOf(nObject);
+    } catch (const Failure& Reason) {
+      Known->second = Reason.Code();
+    }
+  }
+
+  // nParent is the parent of the event's object, 0 when it has none. The object's database has been opened.
   void Print(std::uint64_t nId, const Event& Shown, std::uint64_t nParent) {
     ObjectName Object;
     const ResultCode nCode = ReadName(Shown.nObject, &Object);
@@ -83,21 +94,13 @@ class Printer {
   ResultCode UnreadableCode() const { return m_nUnreadable; }
 
  private:
-  // The events of a program may be about objects of other databases, which are opened when the first one is met.
   ResultCode ReadName(std::uint64_t nObject, ObjectName* pObject) {
-    const std::uint32_t nDatabase = DatabaseOfId(nObject);
-    if (const auto [Known, bNew] = m_CanBeRead.try_emplace(nDatabase, true); bNew) {
-      try {
-        m_pSession->OpenDatabaseOf(nObject);
-      } catch (const Failure&) {
-        Known->second = false;
-      }
-    }
-    return m_CanBeRead[nDatabase] ? m_pSession->ReadName(nObject, pObject) : errOBJECT_NOT_FOUND;
+    const ResultCode nOpened = m_Opened[DatabaseOfId(nObject)];
+    return Failed(nOpened) ? nOpened : m_pSession->ReadName(nObject, pObject);
   }
 
   ResultCode m_nUnreadable = errOK;
-  std::map<std::uint32_t, bool> m_CanBeRead;  // databases of objects
+  std::map<std::uint32_t, ResultCode> m_Opened;  // the databases of objects
   Session* m_pSession;
   const EventsOptions& m_Options;
 };
@@ -122,11 +125,16 @@ int Events(const CommonOptions& Common, const EventsOptions& Options) {
           WithDatabase((std::uint64_t{Wanted.nSegment} << 32) | (Wanted.nFirst + nDone), nDatabase);
       const auto nCount = static_cast<std::uint32_t>(std::min<std::uint64_t>(Wanted.nCount - nDone, kBatch));
       std::uint32_t nRead = 0;
-      Parents.Clear();
-      Check(Store.Call(&LumbraOperations::GetEvents, nDatabase, nId, Batch.data(), kBatch * sizeof(Event), nCount,
-                       &nRead, Options.bParents ? Parents.Handle() : nullptr),
-            "read events");
+      const auto Read = [&](HostObject* pParents) {
+        Check(Store.Call(&LumbraOperations::GetEvents, nDatabase, nId, Batch.data(), kBatch * sizeof(Event), nCount,
+                         &nRead, pParents),
+              "read events");
+      };
+      Read(nullptr);
       if (nRead == 0) break;
+      for (std::uint32_t i = 0; i < nRead; ++i) Output.OpenDatabaseOf(Batch[i].nObject);
+      Parents.Clear();
+      if (Options.bParents) Read(Parents.Handle());  // again, now that the store can look at all objects
       for (std::uint32_t i = 0; i < nRead; ++i) {
         Output.Print(nId + i, Batch[i], i < Parents.Parents().size() ? Parents.Parents()[i] : 0);
       }

@@ -56,7 +56,8 @@ const char* MeaningOf(ResultCode nCode) {
 Failure::Failure(const std::string& What, ResultCode nCode) : Failure(What, nCode, MeaningOf(nCode)) {}
 
 Failure::Failure(const std::string& What, ResultCode nCode, const std::string& Meaning)
-    : std::runtime_error(Printable(What) + ": " + host::DescribeCode(nCode) + ": " + Printable(Meaning)) {}
+    : std::runtime_error(Printable(What) + ": " + host::DescribeCode(nCode) + ": " + Printable(Meaning)),
+      m_nCode(nCode) {}
 
 std::string Printable(const std::string& Text) {
   std::string Shown;

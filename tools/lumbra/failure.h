@@ -13,6 +13,11 @@ class Failure : public std::runtime_error {
  public:
   Failure(const std::string& What, ResultCode nCode);
   Failure(const std::string& What, ResultCode nCode, const std::string& Meaning);
+
+  ResultCode Code() const { return m_nCode; }
+
+ private:
+  ResultCode m_nCode;
 };
 
 // A text as it can be shown on a line of a terminal: control characters stand as \\xNN.

@@ -30,36 +30,46 @@ void RequireObject(Session& Store, std::uint64_t nId, ObjectName* pName) {
 // What an object stands for; 0 when it stands for itself.
 std::uint64_t LinkOf(const Session& Store, std::uint64_t nId) {
   std::uint64_t nLink = 0;
+  std::uint32_t nSize = 0;
   const ResultCode nCode =
-      Store.Call(&LumbraOperations::GetObjectData, nId, &nLink, sizeof(nLink), nullptr, kObjectLinkTag);
-  return nCode == errOK && nLink != 0 ? WithDatabase(nLink, DatabaseOfId(nId)) : 0;
+      Store.Call(&LumbraOperations::GetObjectData, nId, &nLink, sizeof(nLink), &nSize, kObjectLinkTag);
+  return nCode == errOK && nSize == sizeof(nLink) && nLink != 0 ? WithDatabase(nLink, DatabaseOfId(nId)) : 0;
 }
 
-// The objects whose links the store follows: names lead on from keys (and volumes), paths from roots. Of one that
-// stands for another already, the type that is told is the other's.
-bool MayStandForAnother(const Session& Store, std::uint64_t nId, std::uint32_t nType) {
-  return nType == typeRegistryKey || nType == typeRegistryRoot || nType == typeDriveRoot || nType == typeVolumeRoot ||
-         nType == typeServerRoot || LinkOf(Store, nId) != 0;
+// Names lead on from keys, to whatever they are linked to; paths lead on from roots, to what can be the start of a
+// path.
+bool IsFollowed(std::uint32_t nFrom, std::uint32_t nTo) {
+  switch (nFrom) {
+    case typeRegistryKey:
+      return true;
+    case typeRegistryRoot:
+      return nTo == typeRegistryRoot;
+    case typeDriveRoot:
+    case typeVolumeRoot:
+    case typeServerRoot:
+      return nTo == typeFolder || nTo == typeVolumeRoot;
+    default:
+      return false;
+  }
 }
 
 // Where the store goes from an object while it builds a name: to what it links to, or to its parent; 0 at the end.
-std::uint64_t NextOf(const Session& Store, std::uint64_t nId) {
+std::uint64_t NextOf(const Session& Store, std::uint64_t nId, const std::string& What) {
   if (const std::uint64_t nLink = LinkOf(Store, nId); nLink != 0) return nLink;
-  const std::string What = "follow " + FormatId(nId);
   // A file on the way up empties the container, and the parents before it are not told: so it is marked.
   host::IdContainer Ancestors;
   Ancestors.AddParent(nId);
   Check(Store.Call(&LumbraOperations::GetObjectDataInto, nId, Ancestors.Handle(), 0), What);
   const std::vector<std::uint64_t>& Listed = Ancestors.Parents();
   if (Listed.empty() || Listed.front() != nId) {
-    throw Failure(What, errNOT_SUPPORTED, "a file is on the way, and nothing can stand for it");
+    throw Failure(What, errNOT_SUPPORTED, "nothing can stand for a file, or for what is below one");
   }
   return Listed.size() == 1 ? 0 : Listed[1];
 }
 
-bool LeadsTo(const Session& Store, std::uint64_t nFrom, std::uint64_t nTo) {
+bool LeadsTo(const Session& Store, std::uint64_t nFrom, std::uint64_t nTo, const std::string& What) {
   std::set<std::uint64_t> Seen;
-  for (std::uint64_t nId = nFrom; nId != 0 && Seen.insert(nId).second; nId = NextOf(Store, nId)) {
+  for (std::uint64_t nId = nFrom; nId != 0 && Seen.insert(nId).second; nId = NextOf(Store, nId, What)) {
     if (nId == nTo) return true;
   }
   return false;
@@ -124,8 +134,10 @@ int Link(const CommonOptions& Common, const LinkOptions& Options) {
   ObjectName Target;
   RequireObject(Store, Options.nId, &Object);
   RequireObject(Store, Options.nTarget, &Target);
-  if (!MayStandForAnother(Store, Options.nId, Object.nType)) {
-    throw Failure(What, errNOT_SUPPORTED, "only registry keys and roots stand for other objects");
+  // Of an object that stands for another one the store tells the other's type.
+  if (const std::uint64_t nLink = LinkOf(Store, Options.nId); nLink != 0) {
+    throw Failure(What, errOBJECT_ALREADY_EXISTS,
+                  "it stands for " + FormatId(nLink) + " already; lumbra data clear would end that");
   }
   if (StoreOf(Options.nId) != StoreOf(Options.nTarget)) {
     throw Failure(What, errPARAMETER_INVALID, "they are in two stores, and a link leads to an object of its own store");
@@ -133,7 +145,11 @@ int Link(const CommonOptions& Common, const LinkOptions& Options) {
   if (Options.nTarget == kHostObjectAlias) {
     throw Failure(What, errPARAMETER_INVALID, "2 stands for the host's name, whose own id is not known");
   }
-  if (LeadsTo(Store, Options.nTarget, Options.nId)) {
+  if (!IsFollowed(Object.nType, Target.nType)) {
+    throw Failure(What, errNOT_SUPPORTED, "the store would not follow this link; see the README for those it does");
+  }
+  const bool bNamesFollow = Object.nType == typeRegistryKey || Object.nType == typeVolumeRoot;
+  if (bNamesFollow && LeadsTo(Store, Options.nTarget, Options.nId, What)) {
     throw Failure(What, errPARAMETER_INVALID, "the target leads back to the object, and names would run in a circle");
   }
   const std::uint64_t nLink = WithoutDatabase(Options.nTarget);

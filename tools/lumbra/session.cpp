@@ -61,31 +61,26 @@ void Session::Trace(std::uint32_t nLevel, DamageListener Listener) {
 std::uint32_t Session::OpenDatabase(const DatabaseName& Database, Missing IfMissing) {
   const std::string What = "open " + Database.Describe();
   if (m_Files.HasLostEvents(Database)) {
-    throw Failure(What, errDATA_CORRUPTED, "its segments.dat is missing; lumbra clear would start it anew, empty");
+    throw Failure(What, errDATA_CORRUPTED,
+                  "its segments.dat is missing, damaged or leads nowhere; lumbra clear would start it anew, empty");
   }
-  if (!m_Files.Has(Database)) {
-    if (IfMissing == Missing::Refuse) {
-      throw Failure(What, errOBJECT_NOT_FOUND, "there is no such database in this store");
-    }
-    return OpenWithEventSize(Database, sizeof(Event));
+  if (IfMissing == Missing::Refuse && !m_Files.Has(Database)) {
+    throw Failure(What, errOBJECT_NOT_FOUND, "there is no such database in this store");
   }
-  const std::optional<DatabaseFiles> Found = m_Files.Read(Database);
-  if (!Found) {
-    throw Failure(What, errDATA_CORRUPTED, "its segments.dat is damaged; lumbra clear would start it anew, empty");
-  }
-  return OpenWithEventSize(Database, Found->nEventSize);
+  return OpenWhatIsThere(Database);
 }
 
 std::uint32_t Session::OpenDatabaseToClear(const DatabaseName& Database) {
-  const bool bLost = m_Files.HasLostEvents(Database) || (m_Files.Has(Database) && !m_Files.Read(Database));
-  return bLost ? OpenWithEventSize(Database, sizeof(Event)) : OpenDatabase(Database, Missing::Refuse);
+  return m_Files.HasLostEvents(Database) ? OpenWhatIsThere(Database) : OpenDatabase(Database, Missing::Refuse);
 }
 
-std::uint32_t Session::OpenWithEventSize(const DatabaseName& Database, std::uint32_t nEventSize) {
+std::uint32_t Session::OpenWhatIsThere(const DatabaseName& Database) {
   const std::string What = "open " + Database.Describe();
   if (const std::optional<DatabaseName> Other = m_Files.Namesake(Database)) {
     throw Failure(What, errOBJECT_ALREADY_EXISTS, "the store cannot tell it from " + Other->Describe());
   }
+  const std::optional<DatabaseFiles> Found = m_Files.Read(Database);
+  const std::uint32_t nEventSize = Found ? Found->nEventSize : sizeof(Event);
   if (!Database.Number) {
     std::uint32_t nId = 0;
     const std::u16string Name = host::ToUtf16(Database.Name);

@@ -96,7 +96,7 @@ class Session {
   }
 
  private:
-  std::uint32_t OpenWithEventSize(const DatabaseName& Database, std::uint32_t nEventSize);
+  std::uint32_t OpenWhatIsThere(const DatabaseName& Database);
   void Trace(std::uint32_t nLevel, DamageListener Listener);
 
   StoreFiles m_Files;

@@ -134,9 +134,11 @@ std::vector<DatabaseName> StoreFiles::Databases() const {
 }
 
 bool StoreFiles::HasLostEvents(const DatabaseName& Database) const {
-  std::error_code NoFolder;
-  for (const fs::directory_entry& Entry : fs::directory_iterator(m_Folder / Database.Folder(), NoFolder)) {
-    if (Entry.path().filename().string().ends_with("_events.dat")) return !Has(Database);
+  if (const std::optional<DatabaseFiles> Found = Read(Database); Found && !Found->Segments.empty()) return false;
+  std::error_code Missing;
+  for (const fs::directory_entry& Entry : fs::directory_iterator(m_Folder / Database.Folder(), Missing)) {
+    const bool bEvents = Entry.path().filename().string().ends_with("_events.dat");
+    if (bEvents && Entry.file_size(Missing) > kRecordFileHeader && !Missing) return true;
   }
   return false;
 }

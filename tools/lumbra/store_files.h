@@ -46,7 +46,7 @@ class StoreFiles {
   // Reads the header of a database that is there, and lists its segments; nothing when the header is damaged.
   std::optional<DatabaseFiles> Read(const DatabaseName& Database) const;
 
-  // Whether its folder holds events without the header that leads to them.
+  // Whether its folder holds events, and no header that leads to a segment: opening it would start it anew.
   bool HasLostEvents(const DatabaseName& Database) const;
 
   // A named database that the store cannot tell from this one, of another name; nothing when there is none.

