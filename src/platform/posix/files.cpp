@@ -131,8 +131,7 @@ std::string FolderOf(const std::string& Path) {
   return Unknown ? std::filesystem::absolute(Path, Unknown).parent_path() : Real.parent_path();
 }
 
-// Calls Transfer until all bytes are moved, it moves none (the end of the file), or it fails. Counts in *pnDone, from
-// 0.
+// Calls Transfer until all bytes are moved, it moves none (the end of the file), or it fails. *pnDone counts from 0.
 template <class TransferSome>
 SystemError TransferAll(std::uint32_t nSize, std::uint32_t* pnDone, TransferSome Transfer) {
   while (*pnDone < nSize) {
