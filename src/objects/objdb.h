@@ -174,6 +174,7 @@ class ObjectDB {
   ResultCode CheckData(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry);
   ResultCode ReadRecordForCheck(std::uint64_t nObjectId, tODB_ID_ENTRY* pEntry);
   ResultCode RepairTree(std::uint64_t nRecords);
+  ResultCode PutBack(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry, bool* pbAdded);
   ResultCode InsertMissingHash(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry);
 
   bool ValidDataCrc(std::uint64_t nSeed, const void* pBytes, std::size_t nSize, const void* pStoredCrc) const {

@@ -135,18 +135,11 @@ ResultCode ObjectDB::RepairTree(std::uint64_t nRecords) {
     const ResultCode nCode = ReadRecordForCheck(nObjectId, &objectEntry);
     if (Failed(nCode)) return nCode;
     if (!IsInTree(objectEntry)) continue;
-    tObjectId idFromBt = 0;
-    const ResultCode nFound = FindObject(objectEntry.nObjectHash, &idFromBt);
-    if (Succeeded(nFound)) {
-      ++nFoundRun;
-      continue;
-    }
-    ODB_CHECK_AS("FindObject(objectEntry.nObjectHash, &idFromBt)", nFound == errOBJECT_NOT_FOUND, errDATA_CORRUPTED);
-    Trace(kHostRoot, traceDamage, "lmb\tObject %lu - hash not found in BT", static_cast<std::uint32_t>(nObjectId + 1));
-    const ResultCode nInserted = InsertMissingHash(nObjectId, objectEntry);
-    if (Failed(nInserted)) return nInserted;
-    ++nAdded;
-    nFoundRun = 0;
+    bool bAdded = false;
+    const ResultCode nPutBack = PutBack(nObjectId, objectEntry, &bAdded);
+    if (Failed(nPutBack)) return nPutBack;
+    nAdded += bAdded ? 1 : 0;
+    nFoundRun = bAdded ? 0 : nFoundRun + 1;
   }
   Trace(kHostRoot, traceDamage, "lmb\tBT was repaired, %lu object hashes were added", nAdded);
   return errOK;
@@ -161,16 +154,25 @@ ResultCode ObjectDB::RefillEmptyTree() {
   for (std::uint64_t nObjectId = nRecords; nObjectId-- > 0 && Succeeded(nCode);) {
     tODB_ID_ENTRY objectEntry{};
     if (Failed(ReadRecordForCheck(nObjectId, &objectEntry)) || !IsInTree(objectEntry)) continue;
-    tObjectId Newer = 0;
-    if (FindObject(objectEntry.nObjectHash, &Newer) != errOBJECT_NOT_FOUND) continue;
-    Trace(kHostRoot, traceDamage, "lmb\tObject %lu - hash not found in BT", static_cast<std::uint32_t>(nObjectId + 1));
-    nCode = InsertMissingHash(nObjectId, objectEntry);
-    ++nAdded;
+    bool bAdded = false;
+    nCode = PutBack(nObjectId, objectEntry, &bAdded);
+    nAdded += bAdded ? 1 : 0;
   }
   if (Succeeded(nCode)) nCode = m_Tree.SetUsable(true);
   if (Failed(nCode)) return nCode;
   Trace(kHostRoot, traceDamage, "lmb\tBT was repaired, %lu object hashes were added", nAdded);
   return errOK;
+}
+
+// Adds an object to the tree, unless that finds it, or a newer one of the same hash.
+ResultCode ObjectDB::PutBack(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry, bool* pbAdded) {
+  tObjectId idFromBt = 0;
+  const ResultCode nFound = FindObject(objectEntry.nObjectHash, &idFromBt);
+  if (Succeeded(nFound)) return errOK;
+  ODB_CHECK_AS("FindObject(objectEntry.nObjectHash, &idFromBt)", nFound == errOBJECT_NOT_FOUND, errDATA_CORRUPTED);
+  Trace(kHostRoot, traceDamage, "lmb\tObject %lu - hash not found in BT", static_cast<std::uint32_t>(nObjectId + 1));
+  *pbAdded = true;
+  return InsertMissingHash(nObjectId, objectEntry);
 }
 
 ResultCode ObjectDB::InsertMissingHash(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry) {

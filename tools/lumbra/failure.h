@@ -20,7 +20,7 @@ class Failure : public std::runtime_error {
   ResultCode m_nCode;
 };
 
-// A text as it can be shown on a line of a terminal: control characters stand as \\xNN.
+// A text as it can be shown on a line of a terminal: control characters stand as \xNN.
 std::string Printable(const std::string& Text);
 
 // Throws a Failure for a failing code.
