@@ -8,35 +8,33 @@
 namespace lumbra::test {
 namespace {
 
-std::string Utf8(std::u16string_view Text) {
-  std::uint32_t nLength = 0;
-  const auto nBytes = static_cast<std::uint32_t>(Text.size() * 2);
-  if (!StorageEnvironment::WideToUtf8(Text.data(), nBytes, nullptr, 0, &nLength)) return "nothing";
-  std::string Result(nLength, '?');
-  EXPECT_TRUE(StorageEnvironment::WideToUtf8(Text.data(), nBytes, Result.data(), nLength, &nLength));
-  EXPECT_FALSE(StorageEnvironment::WideToUtf8(Text.data(), nBytes, Result.data(), nLength - 1, nullptr) && nLength > 1);
-  return Result;
-}
+constexpr auto kToUtf8 = &StorageEnvironment::WideToUtf8;
+constexpr auto kToWide = &StorageEnvironment::Utf8ToWide;
 
-std::u16string Wide(std::string_view Text) {
-  std::uint32_t nBytes = 0;
-  const auto nSize = static_cast<std::uint32_t>(Text.size());
-  if (!StorageEnvironment::Utf8ToWide(Text.data(), nSize, nullptr, 0, &nBytes)) return u"nothing";
-  std::u16string Result(nBytes / 2, u'?');
-  EXPECT_TRUE(StorageEnvironment::Utf8ToWide(Text.data(), nSize, Result.data(), nBytes / 2, &nBytes));
+// The text that comes out; "-" for none.
+template <class From, class To>
+std::basic_string<To> Convert(bool (*pConvert)(const From*, std::uint32_t, To*, std::uint32_t, std::uint32_t*) noexcept,
+                              std::type_identity_t<std::basic_string_view<From>> Text) {
+  const auto nBytes = static_cast<std::uint32_t>(Text.size() * sizeof(From));
+  std::uint32_t nLength = 0;
+  if (!pConvert(Text.data(), nBytes, nullptr, 0, &nLength)) return {'-'};
+  std::basic_string<To> Result(nLength / sizeof(To), '?');
+  const auto nRoom = static_cast<std::uint32_t>(Result.size());
+  EXPECT_TRUE(pConvert(Text.data(), nBytes, Result.data(), nRoom, &nLength));
+  EXPECT_FALSE(pConvert(Text.data(), nBytes, Result.data(), nRoom - 1, nullptr) && nRoom > 1);
   return Result;
 }
 
 TEST(Text, ConvertsAndReplacesWhatIsInvalid) {
-  EXPECT_EQ("a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", Utf8(u"a\u00E9\u20AC\U0001F600"));
-  EXPECT_EQ("x\xEF\xBF\xBDy", Utf8(u"x\xD800y"));
-  EXPECT_EQ("\xEF\xBF\xBD", Utf8(u"\xDC00"));
-  EXPECT_EQ("nothing", Utf8(u""));
-  EXPECT_EQ(u"a\u00E9\u20AC\U0001F600", Wide("a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"));
-  EXPECT_EQ(u"\uFFFD\uFFFDz", Wide("\xE2\x82z"));          // cut off
-  EXPECT_EQ(u"\uFFFD\uFFFD", Wide("\xC0\x80"));            // overlong
-  EXPECT_EQ(u"\uFFFD\uFFFD\uFFFD", Wide("\xED\xA0\x80"));  // a surrogate
-  EXPECT_EQ(u"\uFFFD\uFFFD\uFFFD\uFFFD", Wide("\xF4\x90\x80\x80"));
+  EXPECT_EQ("a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", Convert(kToUtf8, u"a\u00E9\u20AC\U0001F600"));
+  EXPECT_EQ("x\xEF\xBF\xBDy", Convert(kToUtf8, u"x\xD800y"));
+  EXPECT_EQ("\xEF\xBF\xBD", Convert(kToUtf8, u"\xDC00"));
+  EXPECT_EQ("-", Convert(kToUtf8, u""));
+  EXPECT_EQ(u"a\u00E9\u20AC\U0001F600", Convert(kToWide, "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"));
+  EXPECT_EQ(u"\uFFFD\uFFFDz", Convert(kToWide, "\xE2\x82z"));          // cut off
+  EXPECT_EQ(u"\uFFFD\uFFFD", Convert(kToWide, "\xC0\x80"));            // overlong
+  EXPECT_EQ(u"\uFFFD\uFFFD\uFFFD", Convert(kToWide, "\xED\xA0\x80"));  // a surrogate
+  EXPECT_EQ(u"\uFFFD\uFFFD\uFFFD\uFFFD", Convert(kToWide, "\xF4\x90\x80\x80"));
 }
 
 TEST(Text, UpperCasesUnitByUnit) {

@@ -8,9 +8,7 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <cstdlib>
 #include <new>
 
@@ -19,8 +17,8 @@ namespace {
 
 struct Gauge {
   std::atomic<std::uint64_t> nCalls{0};
-  std::atomic<std::uint64_t> nFailFrom{UINT64_MAX};  // calls from this number on ...
-  std::atomic<std::uint64_t> nFailTo{UINT64_MAX};    // ... to before this one fail
+  std::atomic<std::uint64_t> nFailFrom{UINT64_MAX};  // from the call of this number on ...
+  std::atomic<std::uint64_t> nFailTimes{0};          // ... so many fail
   std::atomic<int> nErrno{0};
 };
 Gauge g_Gauges[static_cast<int>(SystemCall::Count_)];
@@ -34,19 +32,17 @@ thread_local std::uint64_t t_nFailAllocation = 0;  // counts down to the one tha
 bool Fails(SystemCall Call) {
   Gauge& Counted = g_Gauges[static_cast<int>(Call)];
   const std::uint64_t nCall = Counted.nCalls++;
-  if (nCall < Counted.nFailFrom || nCall >= Counted.nFailTo) return false;
+  if (nCall < Counted.nFailFrom || nCall - Counted.nFailFrom >= Counted.nFailTimes) return false;
   errno = Counted.nErrno;
   return true;
 }
 
-bool Interrupted() {
-  if (!g_bRagged || g_nTransfers++ % 2 == 0) return false;
+// Shortens a transfer, and fails every other one as if it had been interrupted.
+bool Interrupts(std::size_t* pnSize) {
+  if (!g_bRagged) return false;
+  *pnSize = (*pnSize + 1) / 2;
   errno = EINTR;
-  return true;
-}
-
-std::size_t Cut(std::size_t nSize) {
-  return g_bRagged ? std::max<std::size_t>(nSize / 2, std::min<std::size_t>(nSize, 1)) : nSize;
+  return g_nTransfers++ % 2 != 0;
 }
 
 bool AllocationFails() {
@@ -59,7 +55,7 @@ bool AllocationFails() {
 void ResetSystem() {
   for (Gauge& One : g_Gauges) {
     One.nCalls = 0;
-    One.nFailFrom = One.nFailTo = UINT64_MAX;
+    One.nFailFrom = UINT64_MAX;
   }
   g_bRagged = false;
   g_nClock = 0;
@@ -80,9 +76,8 @@ std::uint64_t AllCalls() {
 void FailCalls(SystemCall Call, int nErrno, std::uint64_t nSkip, std::uint64_t nTimes) {
   Gauge& One = g_Gauges[static_cast<int>(Call)];
   One.nErrno = nErrno;
-  const std::uint64_t nFrom = One.nCalls + nSkip;
-  One.nFailTo = nTimes > UINT64_MAX - nFrom ? UINT64_MAX : nFrom + nTimes;
-  One.nFailFrom = nFrom;
+  One.nFailTimes = nTimes;
+  One.nFailFrom = One.nCalls + nSkip;
 }
 
 void MakeTransfersRagged(bool bRagged) {
@@ -104,35 +99,34 @@ bool AllocationFailed() {
 }
 
 // A detour of one call: __real_ is the system's, __wrap_ what the code under test reaches.
-#define DETOUR(type, name, parameters, arguments, call)            \
-  type __real_##name parameters;                                   \
-  type __wrap_##name parameters {                                  \
-    return Fails(SystemCall::call) ? -1 : __real_##name arguments; \
+#define DETOUR(type, name, parameters, arguments, bFails, failed) \
+  type __real_##name parameters;                                  \
+  type __wrap_##name parameters {                                 \
+    return (bFails) ? failed : __real_##name arguments;           \
   }
-#define RAGGED_DETOUR(name, parameters, arguments, call)     \
-  ssize_t __real_##name parameters;                          \
-  ssize_t __wrap_##name parameters {                         \
-    if (Fails(SystemCall::call) || Interrupted()) return -1; \
-    n = Cut(n);                                              \
-    return __real_##name arguments;                          \
-  }
+#define CALL(type, name, parameters, arguments, call) \
+  DETOUR(type, name, parameters, arguments, Fails(SystemCall::call), -1)
+#define TRANSFER(name, parameters, arguments, call) \
+  DETOUR(ssize_t, name, parameters, arguments, Fails(SystemCall::call) || Interrupts(&n), -1)
 
 extern "C" {
 
-RAGGED_DETOUR(read, (int f, void* p, size_t n), (f, p, n), Read)
-RAGGED_DETOUR(write, (int f, const void* p, size_t n), (f, p, n), Write)
-RAGGED_DETOUR(pread, (int f, void* p, size_t n, off_t o), (f, p, n, o), ReadAt)
-RAGGED_DETOUR(pwrite, (int f, const void* p, size_t n, off_t o), (f, p, n, o), WriteAt)
-DETOUR(off_t, lseek, (int f, off_t o, int w), (f, o, w), Seek)
-DETOUR(int, fstat, (int f, struct stat* s), (f, s), Size)
-DETOUR(int, ftruncate, (int f, off_t n), (f, n), SetSize)
-DETOUR(int, fsync, (int f), (f), Sync)
-DETOUR(int, flock, (int f, int o), (f, o), Lock)
-DETOUR(int, stat, (const char* p, struct stat* s), (p, s), Look)
-DETOUR(int, statx, (int f, const char* p, int g, unsigned m, struct statx* s), (f, p, g, m, s), Look)
-DETOUR(int, unlink, (const char* p), (p), Remove)
-DETOUR(int, mkdir, (const char* p, mode_t m), (p, m), MakeFolder)
-DETOUR(int, sem_wait, (sem_t * s), (s), Wait)
+TRANSFER(read, (int f, void* p, size_t n), (f, p, n), Read)
+TRANSFER(write, (int f, const void* p, size_t n), (f, p, n), Write)
+TRANSFER(pread, (int f, void* p, size_t n, off_t o), (f, p, n, o), ReadAt)
+TRANSFER(pwrite, (int f, const void* p, size_t n, off_t o), (f, p, n, o), WriteAt)
+CALL(off_t, lseek, (int f, off_t o, int w), (f, o, w), Seek)
+CALL(int, fstat, (int f, struct stat* s), (f, s), Size)
+CALL(int, ftruncate, (int f, off_t n), (f, n), SetSize)
+CALL(int, fsync, (int f), (f), Sync)
+CALL(int, flock, (int f, int o), (f, o), Lock)
+CALL(int, stat, (const char* p, struct stat* s), (p, s), Look)
+CALL(int, statx, (int f, const char* p, int g, unsigned m, struct statx* s), (f, p, g, m, s), Look)
+CALL(int, unlink, (const char* p), (p), Remove)
+CALL(int, mkdir, (const char* p, mode_t m), (p, m), MakeFolder)
+CALL(int, sem_wait, (sem_t * s), (s), Wait)
+DETOUR(void*, malloc, (size_t n), (n), AllocationFails(), nullptr)
+DETOUR(void*, calloc, (size_t c, size_t n), (c, n), AllocationFails(), nullptr)
 
 int __real_open(const char*, int, ...);
 int __wrap_open(const char* pPath, int nFlags, mode_t nMode) {
@@ -149,14 +143,6 @@ int __wrap_clock_gettime(clockid_t nClock, struct timespec* pTime) {
   if (nClock != CLOCK_REALTIME || g_nClock == 0) return __real_clock_gettime(nClock, pTime);
   *pTime = {g_nClock, 0};
   return 0;
-}
-void* __real_malloc(size_t);
-void* __wrap_malloc(size_t nSize) {
-  return AllocationFails() ? nullptr : __real_malloc(nSize);
-}
-void* __real_calloc(size_t, size_t);
-void* __wrap_calloc(size_t nCount, size_t nSize) {
-  return AllocationFails() ? nullptr : __real_calloc(nCount, nSize);
 }
 
 }  // extern "C"
@@ -180,8 +166,5 @@ void operator delete(void* pMemory) noexcept {
   std::free(pMemory);
 }
 void operator delete(void* pMemory, std::size_t) noexcept {
-  std::free(pMemory);
-}
-void operator delete(void* pMemory, const std::nothrow_t&) noexcept {
   std::free(pMemory);
 }

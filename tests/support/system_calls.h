@@ -3,8 +3,8 @@
 // that production code carries no hooks.
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
-#include <string_view>
 
 namespace lumbra::test {
 

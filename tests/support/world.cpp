@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <mutex>
 
 #include "host/trace_format.h"
@@ -20,12 +19,6 @@ ResultCode Capture(HostObject*, std::uint32_t nLevel, const char* pFormat, std::
   return errOK;
 }
 
-std::filesystem::path MakeFolder() {
-  std::string Pattern = (std::filesystem::temp_directory_path() / "lumbra-test-XXXXXX").string();
-  if (mkdtemp(Pattern.data()) == nullptr) throw std::runtime_error("no folder for a test");
-  return Pattern;
-}
-
 }  // namespace
 
 std::string Name(ResultCode nCode) {
@@ -33,14 +26,11 @@ std::string Name(ResultCode nCode) {
 }
 
 Bytes FromHex(std::string_view Digits) {
-  Bytes Data;
-  std::string Pair;
-  for (const char c : Digits) {
-    if (c == ' ' || c == '\n') continue;
-    Pair += c;
-    if (Pair.size() < 2) continue;
-    Data.push_back(static_cast<std::uint8_t>(std::stoi(Pair, nullptr, 16)));
-    Pair.clear();
+  std::string Packed(Digits);
+  std::erase_if(Packed, [](char c) { return c == ' ' || c == '\n'; });
+  Bytes Data(Packed.size() / 2);
+  for (std::size_t i = 0; i < Data.size(); ++i) {
+    Data[i] = static_cast<std::uint8_t>(std::stoi(Packed.substr(2 * i, 2), nullptr, 16));
   }
   return Data;
 }
@@ -48,8 +38,7 @@ Bytes FromHex(std::string_view Digits) {
 std::string ToHex(const Bytes& Data) {
   std::string Digits;
   for (const std::uint8_t n : Data) {
-    Digits += "0123456789abcdef"[n >> 4];
-    Digits += "0123456789abcdef"[n & 15];
+    for (const int nDigit : {n >> 4, n & 15}) Digits += "0123456789abcdef"[nDigit];
   }
   return Digits;
 }
@@ -67,7 +56,10 @@ void NoteTraceLine(std::uint32_t nLevel, std::string_view Line) {
   g_Lines.emplace_back(nLevel, Text);
 }
 
-World::World() : m_Folder(MakeFolder()) {
+World::World() {
+  std::string Pattern = (fs::temp_directory_path() / "lumbra-test-XXXXXX").string();
+  if (mkdtemp(Pattern.data()) == nullptr) throw std::runtime_error("no folder for a test");
+  m_Folder = Pattern;
   ResetSystem();
   g_Lines.clear();
   SetTraceSink(&Capture);
@@ -77,26 +69,21 @@ World::World() : m_Folder(MakeFolder()) {
 World::~World() {
   SetTraceSink(nullptr);
   ResetSystem();
-  std::filesystem::remove_all(m_Folder);
+  fs::remove_all(m_Folder);
 }
 
-Bytes World::ReadFile(const std::filesystem::path& Name) const {
+std::string World::ReadText(const fs::path& Name) const {
   std::ifstream File(m_Folder / Name, std::ios::binary);
   EXPECT_TRUE(File.is_open()) << Name;
-  return Bytes(std::istreambuf_iterator<char>(File), std::istreambuf_iterator<char>());
+  return {std::istreambuf_iterator<char>(File), std::istreambuf_iterator<char>()};
 }
 
-void World::WriteFile(const std::filesystem::path& Name, const Bytes& Content) const {
-  std::filesystem::create_directories((m_Folder / Name).parent_path());
-  std::ofstream File(m_Folder / Name, std::ios::binary | std::ios::trunc);
-  File.write(reinterpret_cast<const char*>(Content.data()), static_cast<std::streamsize>(Content.size()));
+void World::WriteFile(const fs::path& Name, const Bytes& Content) const {
+  fs::create_directories((m_Folder / Name).parent_path());
+  std::ofstream(m_Folder / Name, std::ios::binary) << std::string(Content.begin(), Content.end());
 }
 
-std::uint64_t World::FileSize(const std::filesystem::path& Name) const {
-  return std::filesystem::file_size(m_Folder / Name);
-}
-
-void World::Patch(const std::filesystem::path& Name, std::size_t nOffset, const Bytes& Content) const {
+void World::Patch(const fs::path& Name, std::size_t nOffset, const Bytes& Content) const {
   Bytes Whole = ReadFile(Name);
   ASSERT_LE(nOffset + Content.size(), Whole.size());
   std::copy(Content.begin(), Content.end(), Whole.begin() + static_cast<std::ptrdiff_t>(nOffset));
@@ -107,10 +94,6 @@ std::unique_ptr<StorageFile> World::OpenFile(const char16_t* pName) {
   std::unique_ptr<StorageFile> pFile;
   EXPECT_CODE(errOK, m_Environment.OpenFile(pName, 0, true, true, &pFile));
   return pFile;
-}
-
-std::vector<std::string> World::TakeTrace() {
-  return TakeTrace(UINT32_MAX);
 }
 
 std::vector<std::string> World::TakeTrace(std::uint32_t nLevel) {

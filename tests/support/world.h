@@ -18,6 +18,7 @@
 
 namespace lumbra::test {
 
+namespace fs = std::filesystem;
 using Bytes = std::vector<std::uint8_t>;
 
 // A code by its name, so that a failed comparison reads well.
@@ -37,30 +38,32 @@ class World : public ::testing::Test, public StorageOwner {
 
   bool ExactFileSizes() override { return m_bExactSizes; }
 
-  const std::filesystem::path& Folder() const { return m_Folder; }
+  const fs::path& Folder() const { return m_Folder; }
   std::u16string WideFolder() const { return m_Folder.u16string(); }
+  std::u16string Path(const char* pName) const { return (m_Folder / pName).u16string(); }
 
-  Bytes ReadFile(const std::filesystem::path& Name) const;
-  void WriteFile(const std::filesystem::path& Name, const Bytes& Content) const;
-  std::uint64_t FileSize(const std::filesystem::path& Name) const;
+  std::string ReadText(const fs::path& Name) const;
+  Bytes ReadFile(const fs::path& Name) const {
+    const std::string Text = ReadText(Name);
+    return Bytes(Text.begin(), Text.end());
+  }
+  void WriteFile(const fs::path& Name, const Bytes& Content) const;
+  std::uint64_t FileSize(const fs::path& Name) const { return fs::file_size(m_Folder / Name); }
   // Changes bytes in place, from an offset on.
-  void Patch(const std::filesystem::path& Name, std::size_t nOffset, const Bytes& Content) const;
+  void Patch(const fs::path& Name, std::size_t nOffset, const Bytes& Content) const;
 
   // Opens a file of the folder for reading and writing, creating it where it is missing.
   std::unique_ptr<StorageFile> OpenFile(const char16_t* pName);
 
   // The lines that were traced since the last call, "LEVEL text", without the "lmb\t" in front and without
-  // the place of a failed check in the source.
-  std::vector<std::string> TakeTrace();
-
-  // What was traced at a level up to nLevel since the last call.
-  std::vector<std::string> TakeTrace(std::uint32_t nLevel);
+  // the place of a failed check in the source; with a level, those up to it.
+  std::vector<std::string> TakeTrace(std::uint32_t nLevel = UINT32_MAX);
 
   StorageEnvironment m_Environment;  // on the folder
   bool m_bExactSizes = false;
 
  private:
-  std::filesystem::path m_Folder;
+  fs::path m_Folder;
 };
 
 // Adds a line to what TakeTrace gives; for tests whose lines come through a host.
