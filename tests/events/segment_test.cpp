@@ -1,6 +1,5 @@
 // A segment: events, lazy opening, counts without opening, and what damage costs.
 #include <cerrno>
-#include <filesystem>
 
 #include "events/segment_fixture.h"
 #include "support/system_calls.h"
@@ -8,119 +7,83 @@
 namespace lumbra::test {
 namespace {
 
-using std::filesystem::exists;
-using Lines = std::vector<std::string>;
-
 constexpr const char* kFiles[] = {"00000003_events.dat", "00000003_objbt.dat", "00000003_objid.dat",
                                   "00000003_objdt.dat"};
 
-TEST_F(SegmentTest, KeepsEvents) {
-  ASSERT_CODE(errOK, Start(Segment::Files::New));
-  std::uint64_t nId = 0;
-  for (std::uint32_t i = 0; i < 8; ++i) ASSERT_CODE(errOK, Add(100 + i, &nId));
-  EXPECT_EQ((std::uint64_t{kNumber} << 32) | 7, nId);
+TEST_F(SegmentTest, KeepsEventsAndCountsThemUnopened) {
+  for (std::uint32_t nValue = 101; nValue < 108; ++nValue) ASSERT_CODE(errOK, Add(nValue));
   std::uint32_t Values[20] = {};
-  std::uint32_t nGot = 0;
-  EXPECT_CODE(errOK, m_pSegment->GetEvents(2, 0, 3, Values, sizeof(Values), &nGot));
-  EXPECT_EQ((std::tuple{3u, 102u, 104u, 0u}), (std::tuple{nGot, Values[0], Values[2], Values[3]}));
-  EXPECT_CODE(errNO_MORE_EVENTS, m_pSegment->GetEvents(5, kNumber, 10, Values, sizeof(Values), &nGot));
-  EXPECT_EQ(3u, nGot);
-  EXPECT_CODE(errNO_MORE_EVENTS, m_pSegment->GetEvents(8, 0, 10, Values, sizeof(Values), &nGot));
-  EXPECT_EQ(0u, nGot);
-  EXPECT_CODE(errNO_MORE_EVENTS, m_pSegment->GetEvents(0, 0, 5, Values, 8, &nGot));  // room for two
-  EXPECT_EQ(2u, nGot);
+  const auto Get = [&](std::uint32_t nIndex, std::uint32_t nSegment, std::uint32_t nCount, std::uint32_t nRoom) {
+    std::uint32_t nGot = 99;
+    m_nLast = m_pSegment->GetEvents(nIndex, nSegment, nCount, Values, nRoom, &nGot);
+    return WithCode(nGot);
+  };
+  EXPECT_EQ((Answer{3, Name(errOK)}), Get(2, 0, 3, sizeof(Values)));
+  EXPECT_EQ((std::tuple{102u, 104u, 0u}), (std::tuple{Values[0], Values[2], Values[3]}));
+  EXPECT_EQ((Answer{3, Name(errNO_MORE_EVENTS)}), Get(5, kNumber, 10, sizeof(Values)));
+  EXPECT_EQ((Answer{0, Name(errNO_MORE_EVENTS)}), Get(8, 0, 10, sizeof(Values)));
+  EXPECT_EQ((Answer{2, Name(errNO_MORE_EVENTS)}), Get(0, 0, 5, 8));  // room for two
   const std::uint32_t nNew = 7;
   EXPECT_CODE(errOK, m_pSegment->UpdateEvent(1, kNumber, &nNew, 4));
-  EXPECT_CODE(errOK, m_pSegment->GetEvents(1, 0, 1, Values, 4, &nGot));
+  EXPECT_EQ((Answer{1, Name(errOK)}), Get(1, 0, 1, 4));
   EXPECT_EQ(7u, Values[0]);
-  EXPECT_CODE(errOBJECT_NOT_FOUND, m_pSegment->GetEvents(1, 4, 1, Values, 4, &nGot));
+  EXPECT_EQ(Name(errOBJECT_NOT_FOUND), Get(1, 4, 1, 4).second);
   EXPECT_CODE(errOBJECT_NOT_FOUND, m_pSegment->UpdateEvent(1, 4, &nNew, 4));
-  const std::uint64_t nSize = FileSize(kFiles[0]);
   EXPECT_CODE(errPARAMETER_INVALID, m_pSegment->AddEvent(&nNew, 3, nullptr));
-  EXPECT_EQ(nSize, FileSize(kFiles[0]));
-}
+  EXPECT_EQ(44u, FileSize(kFiles[0]));
 
-TEST_F(SegmentTest, IsKnownWithoutBeingOpen) {
-  EXPECT_CODE(errNOT_FOUND, Start(Segment::Files::Existing));
-  ASSERT_CODE(errOK, Start(Segment::Files::New));
-  for (std::uint32_t i = 0; i < 8; ++i) ASSERT_CODE(errOK, Add(i));
-  const std::uint64_t nSizeOpen = m_pSegment->GetDataSize();
+  EXPECT_CODE(errNOT_FOUND, Start(Segment::Files::Existing, false, 4));
   ResetSystem();
   ASSERT_CODE(errOK, Start(Segment::Files::Existing));
-  std::uint64_t nCount = 0;
-  EXPECT_CODE(errOK, m_pSegment->GetEventCount(&nCount));
-  EXPECT_EQ(8u, nCount);
-  EXPECT_EQ(nSizeOpen + 12,
-            m_pSegment->GetDataSize());  // the header of the event file counts among the files
+  EXPECT_EQ((Answer{8, Name(errOK)}), EventCount());
   EXPECT_EQ(0u, CallsOf(SystemCall::Open));
-
   EXPECT_EQ(0u, m_pSegment->GetAge());
-  SetClock(SystemClock() + 1000);
-  EXPECT_NEAR(1000, static_cast<double>(m_pSegment->GetAge()), 5);
   SetClock(1000);  // set back before the creation
   EXPECT_EQ(0u, m_pSegment->GetAge());
-  SetClock(0);
-
   EXPECT_CODE(errOK, Add(8));  // opens
-  EXPECT_EQ(4u, CallsOf(SystemCall::Open));
-  EXPECT_CODE(errOK, m_pSegment->GetEventCount(&nCount));
-  EXPECT_EQ(9u, nCount);
+  EXPECT_EQ((Answer{9, Name(errOK)}), EventCount());
   EXPECT_CODE(errOK, m_pSegment->Flush());
   EXPECT_EQ(1u, CallsOf(SystemCall::Sync));
 }
 
-TEST_F(SegmentTest, ANewSegmentInheritsNothing) {
-  ASSERT_CODE(errOK, Start(Segment::Files::New));
-  ASSERT_CODE(errOK, Add(1));
-  ASSERT_NE(0u, Find(77, u"name"));
-  ASSERT_CODE(errOK, Start(Segment::Files::New));
-  std::uint64_t nCount = 9;
-  EXPECT_CODE(errOK, m_pSegment->GetEventCount(&nCount));
-  EXPECT_EQ(0u, nCount);
-  EXPECT_EQ(0u, Find(77, u"name", findOnly));
-}
-
-TEST_F(SegmentTest, LosesOnlyItsEventsToAForeignHeader) {
-  ASSERT_CODE(errOK, Start(Segment::Files::New));
-  ASSERT_CODE(errOK, Add(1));
+TEST_F(SegmentTest, LosesItsEventsToAForeignHeaderAndAllToANewSegment) {
   const std::uint64_t nName = Find(77, u"name");
   m_pSegment.reset();
   Patch(kFiles[0], 0, {'X'});
   ASSERT_CODE(errOK, Start(Segment::Files::Existing));
-  std::uint64_t nCount = 9;
   EXPECT_EQ(u"name", NameOf(nName));
-  EXPECT_CODE(errOK, m_pSegment->GetEventCount(&nCount));
-  EXPECT_EQ(0u, nCount);
+  EXPECT_EQ((Answer{0, Name(errOK)}), EventCount());
+  ASSERT_CODE(errOK, Start(Segment::Files::New));
+  EXPECT_EQ(0u, Find(77, u"name", findOnly));
 }
 
-// A segment whose store cannot be opened is gone with everything, and stays so.
-TEST_F(SegmentTest, IsDeletedWithItsObjectStore) {
-  ASSERT_CODE(errOK, Start(Segment::Files::New));
-  ASSERT_CODE(errOK, Add(1));
-  m_pSegment.reset();
-  {
-    const auto pHeld = OpenFile(u"00000003_objid.dat");
+TEST_F(SegmentTest, FailsToOpenOnceForAll) {
+  const auto ExpectFailure = [&](const std::string& Code, bool bKept) {
     ASSERT_CODE(errOK, Start(Segment::Files::Existing));
-    TakeTrace();
-    EXPECT_CODE(errOPEN_FAILED, Add(2));
-  }
-  EXPECT_EQ((Lines{"300 Failed step. Err: errPARAMETER_INVALID (0x80000046)"}), TakeTrace());
-  for (const char* const pFile : kFiles) EXPECT_FALSE(exists(Folder() / pFile)) << pFile;
+    for (const std::uint32_t nValue : {2u, 3u}) EXPECT_CODE(errOPEN_FAILED, Add(nValue)) << Code << nValue;
+    EXPECT_EQ(std::vector{"300 Failed step. Err: " + Code}, TakeTrace());
+    for (const char* const pFile : kFiles) EXPECT_EQ(bKept, std::filesystem::exists(Folder() / pFile)) << Code << pFile;
+  };
+  FailCalls(SystemCall::Open, EACCES);
+  ExpectFailure("errACCESS_DENIED (0x80000045)", true);
+  FailCalls(SystemCall::Look, EIO, 1);  // behind the look of the start: the creation time of the open file
+  ExpectFailure("errREAD_FAILED (0x800000CA)", true);
+  // A segment whose store cannot be opened is gone with everything, and stays so.
+  auto pHeld = OpenFile(u"00000003_objid.dat");
+  ExpectFailure("errPARAMETER_INVALID (0x80000046)", false);
+  pHeld.reset();
   EXPECT_CODE(errOPEN_FAILED, Add(2));
-  std::uint64_t nCount = 0;
-  EXPECT_CODE(errSTORE_NOT_INITIALIZED, m_pSegment->GetEventCount(&nCount));
+  EXPECT_EQ(Name(errSTORE_NOT_INITIALIZED), EventCount().second);
   EXPECT_EQ(0u, m_pSegment->GetDataSize());
   EXPECT_TRUE(TakeTrace().empty());
 }
 
 // ... but not because the process has run out of descriptors or memory: that says nothing about the files.
 TEST_F(SegmentTest, OutlivesAShortage) {
-  ASSERT_CODE(errOK, Start(Segment::Files::New));
-  ASSERT_CODE(errOK, Add(1));
   for (std::uint64_t nSkip = 0; nSkip < 4; ++nSkip) {
     ASSERT_CODE(errOK, Start(Segment::Files::Existing));
     FailCalls(SystemCall::Open, ENFILE, nSkip);
-    EXPECT_CODE(errOPEN_FAILED, Add(2));
+    EXPECT_CODE(errOPEN_FAILED, Add(2)) << nSkip;
   }
   for (std::uint64_t nSkip = 0;; ++nSkip) {
     ASSERT_CODE(errOK, Start(Segment::Files::Existing));
@@ -129,26 +92,8 @@ TEST_F(SegmentTest, OutlivesAShortage) {
     if (!AllocationFailed()) break;
     EXPECT_CODE(errOPEN_FAILED, nCode) << nSkip;
   }
-  std::uint64_t nCount = 0;
   ASSERT_CODE(errOK, Start(Segment::Files::Existing));
-  EXPECT_CODE(errOK, m_pSegment->GetEventCount(&nCount));
-  EXPECT_EQ(2u, nCount);
-}
-
-TEST_F(SegmentTest, FailsOnceForAll) {
-  ASSERT_CODE(errOK, Start(Segment::Files::New));
-  ASSERT_CODE(errOK, Add(1));
-  ASSERT_CODE(errOK, Start(Segment::Files::Existing));
-  TakeTrace();
-  FailCalls(SystemCall::Open, EACCES);
-  EXPECT_CODE(errOPEN_FAILED, Add(2));
-  EXPECT_CODE(errOPEN_FAILED, Add(2));
-  EXPECT_EQ((Lines{"300 Failed step. Err: errACCESS_DENIED (0x80000045)"}), TakeTrace());
-  ASSERT_CODE(errOK, Start(Segment::Files::Existing));
-  FailCalls(SystemCall::Look, EIO);  // the creation time of the open file
-  EXPECT_CODE(errOPEN_FAILED, Add(2));
-  EXPECT_EQ((Lines{"300 Failed step. Err: errREAD_FAILED (0x800000CA)"}), TakeTrace());
-  for (const char* const pFile : kFiles) EXPECT_TRUE(exists(Folder() / pFile)) << pFile;
+  EXPECT_EQ((Answer{2, Name(errOK)}), EventCount());
 }
 
 }  // namespace
