@@ -2,6 +2,7 @@
 #pragma once
 
 #include <optional>
+#include <source_location>
 
 #include "host/standalone_host.h"
 #include "support/system_calls.h"
@@ -13,13 +14,14 @@ class ComponentTest : public World {
  protected:
   using Ops = LumbraOperations;
   using Lines = std::vector<std::string>;
+  using Ids = std::vector<std::uint64_t>;
   struct Event {
     std::uint64_t nTime;
     std::uint64_t nObject;
   };
 
   ComponentTest() { Load(); }
-  ~ComponentTest() override { Unload(); }
+  void SetUp() override { OpenFresh(0); }
 
   void Load() {
     m_Host.emplace();
@@ -32,6 +34,16 @@ class ComponentTest : public World {
     m_Host.reset();
   }
 
+  static std::u16string Letter(std::uint64_t n) { return std::u16string(1, static_cast<char16_t>(u'a' + n)); }
+  bool Exists(const char* pName) const { return std::filesystem::exists(Folder() / pName); }
+
+  // No instance, and an empty folder.
+  void StartAnew() {
+    m_Store = host::Store();
+    std::filesystem::remove_all(Folder());
+    std::filesystem::create_directory(Folder());
+  }
+
   // A new instance in place of the one that is there.
   ResultCode Open(std::uint32_t nCheckMode = 0) {
     m_Store = host::Store();
@@ -40,31 +52,77 @@ class ComponentTest : public World {
     return m_Store.Init();
   }
 
+  // The same after bytes of a file have changed.
+  ResultCode OpenPatched(const char* pName, std::size_t nOffset, const Bytes& Content, std::uint32_t nCheckMode) {
+    m_Store = host::Store();
+    Patch(pName, nOffset, Content);
+    return Open(nCheckMode);
+  }
+
+  // A fresh store with a numbered database, 5, and a named one.
+  void OpenFresh(std::uint32_t nCheckMode) {
+    StartAnew();
+    ASSERT_CODE(errOK, Open(nCheckMode));
+    ASSERT_CODE(errOK, InitDb(5));
+    m_nNamed = OpenNamed(u"named");
+  }
+
   template <class... Parameters>
   ResultCode Call(ResultCode (*Ops::*pOperation)(HostObject*, Parameters...),
                   std::type_identity_t<Parameters>... Arguments) const {
     return m_Store.Call(pOperation, Arguments...);
   }
 
+  ResultCode InitDb(std::uint32_t nDb, std::uint32_t nSize = 16) { return Call(&Ops::InitDB, nDb, nSize); }
+  ResultCode ClearDb(std::uint32_t nDb) { return Call(&Ops::ClearDB, nDb); }
+  ResultCode SetLimit(std::uint32_t nDb, std::uint32_t nKind, std::uint64_t nValue) {
+    return Call(&Ops::SetDBParams, nDb, nKind, nValue);
+  }
+
+  std::uint32_t OpenNamed(const char16_t* pName) {
+    std::uint32_t nDb = 99;
+    m_nLast = Call(&Ops::InitDBByName, pName, 16, &nDb);
+    return nDb;
+  }
+
+  // The number of records, their size, and the time.
+  std::tuple<std::uint32_t, std::uint64_t, std::uint64_t> Info(std::uint32_t nDb) {
+    std::tuple<std::uint32_t, std::uint64_t, std::uint64_t> Found;
+    m_nLast = Call(&Ops::GetDBInfo, nDb, &std::get<0>(Found), &std::get<1>(Found), &std::get<2>(Found));
+    return Found;
+  }
+  std::uint32_t Records(std::uint32_t nDb) { return std::get<0>(Info(nDb)); }
+  std::uint64_t Size(std::uint32_t nDb) { return std::get<1>(Info(nDb)); }
+
   ResultCode Add(std::uint32_t nDb, std::uint64_t nTime, std::uint64_t nObject = 0, std::uint64_t* pnId = nullptr) {
     const Event Added{nTime, nObject};
     return Call(&Ops::AddEvent, nDb, &Added, sizeof(Added), pnId);
   }
 
-  // The times of the events from a start on.
-  std::vector<std::uint64_t> Times(std::uint32_t nDb, std::uint64_t nStart, std::uint32_t nCount) {
+  // Adds events of the times 1 to nCount.
+  void Fill(std::uint32_t nDb, std::uint64_t nCount) {
+    for (std::uint64_t i = 1; i <= nCount; ++i) ASSERT_CODE(errOK, Add(nDb, i)) << nDb;
+  }
+
+  std::vector<Event> Events(std::uint32_t nDb, std::uint64_t nStart, std::uint32_t nCount) {
     std::vector<Event> Read(nCount);
     std::uint32_t nRead = 0;
     m_nLast = Call(&Ops::GetEvents, nDb, nStart, Read.data(), nCount * 16, nCount, &nRead, nullptr);
-    std::vector<std::uint64_t> Result;
-    for (std::uint32_t i = 0; i < nRead; ++i) Result.push_back(Read[i].nTime);
+    Read.resize(nRead);
+    return Read;
+  }
+
+  // The times of the events from a start on.
+  Ids Times(std::uint32_t nDb, std::uint64_t nStart, std::uint32_t nCount) {
+    Ids Result;
+    for (const Event& One : Events(nDb, nStart, nCount)) Result.push_back(One.nTime);
     return Result;
   }
 
-  std::uint64_t Find(std::uint32_t nDb, const char16_t* pName, std::uint32_t nCreate = 1,
+  std::uint64_t Find(std::uint32_t nDb, const std::u16string& Path, std::uint32_t nCreate = 1,
                      std::uint32_t nType = typeFile, std::uint64_t nParent = 0) {
     std::uint64_t nId = 99;
-    m_nLast = Call(&Ops::FindObject, nDb, nType, pName, kZeroTerminated, nCreate, 0, nParent, &nId);
+    m_nLast = Call(&Ops::FindObject, nDb, nType, Path.c_str(), kZeroTerminated, nCreate, 0, nParent, &nId);
     return nId;
   }
 
@@ -80,15 +138,26 @@ class ComponentTest : public World {
     return nValue;
   }
 
-  std::uint32_t OpenNamed(const char16_t* pName) {
-    std::uint32_t nDb = 0;
-    m_nLast = Call(&Ops::InitDBByName, pName, 16, &nDb);
-    return nDb;
+  // The code of the call that gave a value.
+  ResultCode CodeOf(auto /*Value*/) const { return m_nLast; }
+
+  // What calls answered, as texts, and codes by their names: so that many are compared at once. Of a vector the text,
+  // and so the comparison, reaches no farther than the first 32 values.
+  struct Answer : std::string {
+    template <class Value>
+    Answer(const Value& Given) : std::string(::testing::PrintToString(Given)) {}
+    Answer(ResultCode nCode) : std::string(Name(nCode)) {}
+  };
+  static Lines Answers(std::initializer_list<Answer> Given) { return {Given.begin(), Given.end()}; }
+  static void Expect(std::initializer_list<Answer> Expected, std::initializer_list<Answer> Given,
+                     std::source_location Where = std::source_location::current()) {
+    EXPECT_EQ(Answers(Expected), Answers(Given)) << Where.file_name() << ':' << Where.line();
   }
 
   std::optional<host::StandaloneHost> m_Host;
   host::Store m_Store;
-  ResultCode m_nLast = errOK;
+  inline static thread_local ResultCode m_nLast = errOK;  // of the thread's last call that gave a value
+  std::uint32_t m_nNamed = 0;
 };
 
 }  // namespace lumbra::test
