@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <fstream>
 #include <utility>
 
 #include "host/host_services.h"
@@ -76,12 +77,12 @@ void WriteTraceLine(std::FILE* pStream, std::uint32_t nLevel, std::string_view L
   std::fflush(pStream);
 }
 
-bool StandaloneHost::TraceToFile(std::uint32_t nLevel, const std::string& Path) {
-  std::FILE* const pFile = std::fopen(Path.c_str(), "w");
-  if (pFile == nullptr) return false;
-  TraceToStream(nLevel, pFile);
-  const std::lock_guard Hold(m_TraceLock);
-  m_pTraceFile.reset(pFile);
+bool StandaloneHost::TraceToFile(std::uint32_t nLevel, const std::filesystem::path& Path) {
+  const auto pFile = std::make_shared<std::ofstream>(Path, std::ios::binary);
+  if (!pFile->is_open()) return false;
+  TraceToCallback(nLevel, [pFile](std::uint32_t nLineLevel, std::string_view Line) {
+    *pFile << nLineLevel << ' ' << Line << std::endl;
+  });
   return true;
 }
 

@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -86,7 +87,7 @@ class StandaloneHost {
   // open, to a file that is created, or to a callback, which must bear calls from any thread, one at a time.
   // A line that the level drops is not formatted.
   void TraceToStream(std::uint32_t nLevel, std::FILE* pStream);
-  bool TraceToFile(std::uint32_t nLevel, const std::string& Path);
+  bool TraceToFile(std::uint32_t nLevel, const std::filesystem::path& Path);
   void TraceToCallback(std::uint32_t nLevel, TraceCallback Callback);
 
   // An instance of one of the three interfaces; not initialised yet.
@@ -123,7 +124,6 @@ class StandaloneHost {
 
   std::atomic<std::uint32_t> m_nTraceLevel{0};
   std::mutex m_TraceLock;  // guards the sink, and keeps lines whole
-  std::unique_ptr<std::FILE, int (*)(std::FILE*)> m_pTraceFile{nullptr, &std::fclose};
   TraceCallback m_TraceCallback;
 };
 

@@ -347,9 +347,10 @@ bool HashTree::BT_SeekRead(std::uint64_t nOffset, void* pBuffer, std::uint32_t n
 bool HashTree::BT_SeekWrite(std::uint64_t nOffset, const void* pData, std::uint32_t nSize, std::uint32_t* pnWritten) {
   if (!pFileBT->SeekWrite(nOffset, pData, nSize, pnWritten)) return false;
   if (nOffset >= m_nBtHeadSize || m_btHead.empty()) return true;  // an unread head stays so: the next read fills it
-  const std::uint64_t nEnd = std::min<std::uint64_t>(nOffset + nSize, m_nBtHeadSize);
+  const auto nStart = static_cast<std::size_t>(nOffset);
+  const auto nEnd = static_cast<std::size_t>(std::min<std::uint64_t>(nOffset + nSize, m_nBtHeadSize));
   if (m_btHead.size() < nEnd) m_btHead.resize(nEnd);
-  std::memcpy(m_btHead.data() + nOffset, pData, nEnd - nOffset);
+  std::memcpy(m_btHead.data() + nStart, pData, nEnd - nStart);
   return true;
 }
 

@@ -1,4 +1,4 @@
-// The one seam to the operating system. One folder per platform implements it (posix/); nothing else in the
+// The one seam to the operating system. One folder per platform implements it (posix/, win32/); nothing else in the
 // project calls the system, and no other file depends on which system it is.
 //
 // The seam speaks Win32's vocabulary, because the result codes do: a call that fails answers a Win32 error
@@ -38,6 +38,7 @@ inline constexpr SystemError kBusy = 170;
 inline constexpr SystemError kAlreadyExists = 183;
 inline constexpr SystemError kNameTooLong = 206;
 inline constexpr SystemError kFileTooLarge = 223;
+inline constexpr SystemError kWaitAbandoned = 735;
 inline constexpr SystemError kOperationAborted = 995;
 inline constexpr SystemError kIoDevice = 1117;
 inline constexpr SystemError kNoSystemResources = 1450;

@@ -10,7 +10,8 @@ namespace lumbra {
 namespace {
 
 void Wait(os::Semaphore* pSemaphore) {
-  ULO_CHECK_RESULT(ResultFromSystemError(os::WaitForSemaphore(pSemaphore)));
+  const os::SystemError nError = os::WaitForSemaphore(pSemaphore);
+  ULO_CHECK_RESULT(nError == os::kWaitAbandoned ? errWAIT_ABANDONED : ResultFromSystemError(nError));
 }
 
 }  // namespace

@@ -21,12 +21,13 @@ class ScratchBuffer {
   // Makes room for nSize bytes, whose contents are undefined. False when there is no memory for them.
   bool Resize(std::uint32_t nSize) {
     if (nSize > m_nCapacity) {
-      const std::uint64_t nCapacity = std::max<std::uint64_t>(std::uint64_t{m_nSize} * 2, nSize);
+      const std::uint32_t nDoubled = m_nSize > UINT32_MAX / 2 ? UINT32_MAX : m_nSize * 2;
+      const std::uint32_t nCapacity = std::max(nDoubled, nSize);
       auto* const pBlock = static_cast<std::uint8_t*>(std::malloc(nCapacity));
       if (pBlock == nullptr) return false;
       std::free(m_pHeap);
       m_pHeap = pBlock;
-      m_nCapacity = static_cast<std::uint32_t>(std::min<std::uint64_t>(nCapacity, UINT32_MAX));
+      m_nCapacity = nCapacity;
     }
     m_nSize = nSize;
     return true;

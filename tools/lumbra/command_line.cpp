@@ -213,7 +213,7 @@ void AddStoreCommands(CLI::App* pApp, Request* pRequest) {
 
 }  // namespace
 
-std::function<int()> ParseCommandLine(int nCount, char** ppArguments) {
+std::function<int()> ParseCommandLine(const std::vector<std::string>& Arguments) {
   CLI::App App("Records events about files and other named objects, and shows them again.", "lumbra");
   App.require_subcommand(1);
   App.set_version_flag("--version", "lumbra " LUMBRA_VERSION);
@@ -225,8 +225,8 @@ std::function<int()> ParseCommandLine(int nCount, char** ppArguments) {
   AddDataCommands(&App, pRequest.get());
   AddStoreCommands(&App, pRequest.get());
   try {
-    App.parse(nCount, ppArguments);
-  } catch (const CLI::Success& Asked) {  // for help, or the version
+    App.parse(std::vector<std::string>(Arguments.rbegin(), Arguments.rend() - 1));  // it takes them from the end
+  } catch (const CLI::Success& Asked) {                                             // for help, or the version
     App.exit(Asked);
     return [] {
       return kExitOk;

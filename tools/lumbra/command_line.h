@@ -2,11 +2,13 @@
 #pragma once
 
 #include <functional>
+#include <string>
+#include <vector>
 
 namespace lumbra::tool {
 
-// The command that the arguments ask for, ready to run; on wrong usage, and for --help, one that has nothing left to do
-// and answers the exit status.
-std::function<int()> ParseCommandLine(int nCount, char** ppArguments);
+// The command that the arguments, behind the program's name, ask for, ready to run; on wrong usage, and for --help, one
+// that has nothing left to do and answers the exit status.
+std::function<int()> ParseCommandLine(const std::vector<std::string>& Arguments);
 
 }  // namespace lumbra::tool

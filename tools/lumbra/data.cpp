@@ -7,6 +7,7 @@
 #include "commands.h"
 #include "failure.h"
 #include "ids.h"
+#include "machine.h"
 
 namespace lumbra::tool {
 namespace {
@@ -27,7 +28,7 @@ std::string BlockOf(const DataOptions& Options) {
 // Opens a file; none for an empty name, which stands for one of the standard streams.
 FilePointer OpenFile(const std::string& Path, const char* pMode, const char* pWhat) {
   if (Path.empty()) return nullptr;
-  FilePointer File(std::fopen(Path.c_str(), pMode));
+  FilePointer File(OpenStream(Path, pMode));
   if (File == nullptr) {
     throw Failure(pWhat + Path, errno == ENOENT ? errFILE_NOT_FOUND : errACCESS_DENIED, std::strerror(errno));
   }

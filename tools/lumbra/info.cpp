@@ -59,7 +59,8 @@ void PrintJson(const Session& Store, const std::vector<DatabaseInfo>& Databases)
 }
 
 void PrintText(const Session& Store, const std::vector<DatabaseInfo>& Databases) {
-  std::printf("%s%s\n\n", Store.Files().Folder().c_str(), Store.IsCorrupted() ? "  (damaged; see lumbra check)" : "");
+  std::printf("%s%s\n\n", Store.Files().Folder().string().c_str(),
+              Store.IsCorrupted() ? "  (damaged; see lumbra check)" : "");
   std::printf("%3s  %-16s  %-16s  %10s  %10s  %14s  %8s  %s\n", "id", "name", "folder", "event size", "records",
               "bytes", "segments", "oldest segment");
   for (const DatabaseInfo& Info : Databases) {

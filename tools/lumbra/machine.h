@@ -2,10 +2,26 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 namespace lumbra::tool {
+
+// What the program was called with, its own name first, in UTF-8.
+std::vector<std::string> ProgramArguments(int nCount, char** ppArguments);
+
+// From the call on, the standard streams take and give bytes as they are, and a terminal shows them as UTF-8.
+void PrepareStreams();
+
+// A path from its text in UTF-8 (on posix, its bytes); the library takes the text of a path as such on posix alone.
+inline std::filesystem::path PathOf(const std::string& Text) {
+  return std::u8string(Text.begin(), Text.end());
+}
+
+// fopen() for a path in UTF-8.
+std::FILE* OpenStream(const std::string& Path, const char* pMode);
 
 std::string MachineName();
 

@@ -25,6 +25,16 @@ EntryKind KindOf(mode_t nMode) {
 
 }  // namespace
 
+std::vector<std::string> ProgramArguments(int nCount, char** ppArguments) {
+  return {ppArguments, ppArguments + nCount};
+}
+
+void PrepareStreams() {}
+
+std::FILE* OpenStream(const std::string& Path, const char* pMode) {
+  return std::fopen(Path.c_str(), pMode);
+}
+
 std::string MachineName() {
   char Name[HOST_NAME_MAX + 1] = {};
   return gethostname(Name, sizeof(Name) - 1) == 0 ? Name : "localhost";

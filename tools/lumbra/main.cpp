@@ -28,8 +28,9 @@ lumbra::ResultCode CodeOf(const std::error_code& Error) {
 
 int main(int nCount, char** ppArguments) {
   lumbra::tool::LetLimitsFailWrites();
+  lumbra::tool::PrepareStreams();
   try {
-    const int nStatus = lumbra::tool::ParseCommandLine(nCount, ppArguments)();
+    const int nStatus = lumbra::tool::ParseCommandLine(lumbra::tool::ProgramArguments(nCount, ppArguments))();
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return nStatus;
     return Report(Failure("write standard output", lumbra::errWRITE_FAILED, "what it said is incomplete").what());
   } catch (const std::filesystem::filesystem_error& Error) {

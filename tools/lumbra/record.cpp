@@ -73,7 +73,7 @@ Line ParseLine(const std::string& Text) {
 class LineReader {
  public:
   explicit LineReader(const std::string& Path)
-      : m_Name(Path.empty() ? "standard input" : Path), m_pFile(Path.empty() ? stdin : std::fopen(Path.c_str(), "rb")) {
+      : m_Name(Path.empty() ? "standard input" : Path), m_pFile(Path.empty() ? stdin : OpenStream(Path, "rb")) {
     if (m_pFile == nullptr)
       throw Failure("read " + Path, errno == ENOENT ? errFILE_NOT_FOUND : errACCESS_DENIED, std::strerror(errno));
   }

@@ -82,7 +82,7 @@ class Scanner {
 
 // The full path, without a separator at its end.
 fs::path FullPath(const std::string& Path) {
-  const fs::path Full = fs::absolute(Path).lexically_normal();
+  const fs::path Full = fs::absolute(PathOf(Path)).lexically_normal();
   return Full.has_filename() || Full == Full.root_path() ? Full : Full.parent_path();
 }
 

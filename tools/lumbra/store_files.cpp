@@ -88,7 +88,7 @@ bool StoreFiles::IsHeldByAnotherProcess() const {
 }
 
 bool StoreFiles::Has(const DatabaseName& Database) const {
-  return fs::exists(m_Folder / Database.Folder() / "segments.dat");
+  return fs::exists(m_Folder / PathOf(Database.Folder()) / "segments.dat");
 }
 
 std::optional<DatabaseFiles> StoreFiles::Read(const DatabaseName& Database) const {
@@ -98,7 +98,7 @@ std::optional<DatabaseFiles> StoreFiles::Read(const DatabaseName& Database) cons
     std::uint32_t nEventSize;
   } Header{};
   static_assert(sizeof(Header) == 12);
-  const fs::path Folder = m_Folder / Database.Folder();
+  const fs::path Folder = m_Folder / PathOf(Database.Folder());
   std::ifstream File(Folder / "segments.dat", std::ios::binary);
   if (!File.read(reinterpret_cast<char*>(&Header), sizeof(Header))) return {};
   if (std::memcmp(Header.Magic, "SDBH", 4) != 0 || Header.nEventSize == 0) return {};
@@ -136,7 +136,7 @@ std::vector<DatabaseName> StoreFiles::Databases() const {
 bool StoreFiles::HasLostEvents(const DatabaseName& Database) const {
   if (const std::optional<DatabaseFiles> Found = Read(Database); Found && !Found->Segments.empty()) return false;
   std::error_code Missing;
-  for (const fs::directory_entry& Entry : fs::directory_iterator(m_Folder / Database.Folder(), Missing)) {
+  for (const fs::directory_entry& Entry : fs::directory_iterator(m_Folder / PathOf(Database.Folder()), Missing)) {
     const bool bEvents = Entry.path().filename().string().ends_with("_events.dat");
     if (bEvents && Entry.file_size(Missing) > kRecordFileHeader && !Missing) return true;
   }
@@ -200,7 +200,7 @@ std::uint64_t StoreFiles::SizeOf(const char* pName) const {
 std::uint64_t StoreFiles::SizeOf(const DatabaseName& Database) const {
   std::uint64_t nSize = 0;
   std::error_code Gone;
-  for (const fs::directory_entry& Entry : fs::directory_iterator(m_Folder / Database.Folder(), Gone)) {
+  for (const fs::directory_entry& Entry : fs::directory_iterator(m_Folder / PathOf(Database.Folder()), Gone)) {
     const std::uint64_t nOne = Entry.is_regular_file(Gone) ? Entry.file_size(Gone) : 0;
     if (!Gone) nSize += nOne;
   }

@@ -1,0 +1,147 @@
+// Files on Windows. A FileHandle is the system's own handle.
+#include <fcntl.h>
+#include <io.h>
+#include <share.h>
+#include <sys/stat.h>
+
+#include <new>
+
+#include "platform/win32/win32.h"
+
+namespace lumbra::os {
+namespace {
+
+HANDLE NativeHandle(FileHandle Handle) {
+  return Handle == nullptr ? INVALID_HANDLE_VALUE : reinterpret_cast<HANDLE>(Handle);
+}
+
+SystemError MovePosition(FileHandle Handle, std::int64_t nDistance, SeekOrigin Origin, std::uint64_t* pnPosition) {
+  LARGE_INTEGER Distance{};
+  LARGE_INTEGER Position{};
+  Distance.QuadPart = nDistance;
+  if (!SetFilePointerEx(NativeHandle(Handle), Distance, &Position, static_cast<DWORD>(Origin))) return LastError();
+  if (pnPosition != nullptr) *pnPosition = static_cast<std::uint64_t>(Position.QuadPart);
+  return kSuccess;
+}
+
+// An offset past the largest position is a negative distance to the system, which refuses it.
+SystemError MoveTo(FileHandle Handle, std::uint64_t nOffset) {
+  return MovePosition(Handle, static_cast<std::int64_t>(nOffset), SeekOrigin::Start, nullptr);
+}
+
+// The information class by which the system sets a file's end, and the function that takes it. Not every Windows that
+// hosts ran on has it, so that a module which imported it would not load there.
+constexpr int kEndOfFileInformation = 6;
+using SetInformationFunction = BOOL(WINAPI*)(HANDLE, int, void*, DWORD);
+
+SetInformationFunction SetInformation() {
+  static const auto pFunction = FindFunction<SetInformationFunction>(L"kernel32.dll", "SetFileInformationByHandle");
+  return pFunction;
+}
+
+// The end of the file is set where the position is, which is put back afterwards.
+SystemError SetSizeByPosition(FileHandle Handle, std::uint64_t nSize) {
+  std::uint64_t nBefore = 0;
+  SystemError nError = MovePosition(Handle, 0, SeekOrigin::Current, &nBefore);
+  if (nError == kSuccess) nError = MoveTo(Handle, nSize);
+  if (nError == kSuccess) nError = ErrorUnless(SetEndOfFile(NativeHandle(Handle)));
+  return nError == kSuccess ? MoveTo(Handle, nBefore) : nError;
+}
+
+}  // namespace
+
+SystemError LastError() {
+  const DWORD nError = GetLastError();
+  return nError == kSuccess ? kGeneralFailure : nError;
+}
+
+SystemError ErrorUnless(BOOL bDone) {
+  return bDone ? kSuccess : LastError();
+}
+
+SystemError Open(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t nShare, Disposition nDisposition,
+                 std::uint32_t nFlags, FileHandle* pHandle) try {
+  const HANDLE Opened =
+      CreateFileW(Wide(NativePath(Path)), nAccess, nShare, nullptr, static_cast<DWORD>(nDisposition), nFlags, nullptr);
+  if (Opened == INVALID_HANDLE_VALUE) return LastError();
+  *pHandle = reinterpret_cast<FileHandle>(Opened);
+  return kSuccess;
+} catch (const std::bad_alloc&) {
+  return kNotEnoughMemory;
+}
+
+SystemError Close(FileHandle Handle) {
+  return ErrorUnless(CloseHandle(NativeHandle(Handle)));
+}
+
+SystemError Read(FileHandle Handle, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead) {
+  DWORD nRead = 0;
+  const SystemError nError = ErrorUnless(ReadFile(NativeHandle(Handle), pBuffer, nSize, &nRead, nullptr));
+  *pnRead = nRead;
+  return nError;
+}
+
+SystemError Write(FileHandle Handle, const void* pData, std::uint32_t nSize, std::uint32_t* pnWritten) {
+  DWORD nWritten = 0;
+  const SystemError nError = ErrorUnless(WriteFile(NativeHandle(Handle), pData, nSize, &nWritten, nullptr));
+  *pnWritten = nWritten;
+  return nError;
+}
+
+SystemError Seek(FileHandle Handle, SeekOrigin Origin, std::int64_t nDistance, std::uint64_t* pnPosition) {
+  return MovePosition(Handle, nDistance, Origin, pnPosition);
+}
+
+SystemError ReadAt(FileHandle Handle, std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize,
+                   std::uint32_t* pnRead) {
+  *pnRead = 0;
+  const SystemError nError = MoveTo(Handle, nOffset);
+  return nError == kSuccess ? Read(Handle, pBuffer, nSize, pnRead) : nError;
+}
+
+SystemError WriteAt(FileHandle Handle, std::uint64_t nOffset, const void* pData, std::uint32_t nSize,
+                    std::uint32_t* pnWritten) {
+  *pnWritten = 0;
+  const SystemError nError = MoveTo(Handle, nOffset);
+  return nError == kSuccess ? Write(Handle, pData, nSize, pnWritten) : nError;
+}
+
+SystemError GetSize(FileHandle Handle, std::uint64_t* pnSize) {
+  LARGE_INTEGER Size{};
+  if (!GetFileSizeEx(NativeHandle(Handle), &Size)) return LastError();
+  *pnSize = static_cast<std::uint64_t>(Size.QuadPart);
+  return kSuccess;
+}
+
+SystemError SetSize(FileHandle Handle, std::uint64_t nSize) {
+  const SetInformationFunction pSetInformation = SetInformation();
+  if (pSetInformation == nullptr) return SetSizeByPosition(Handle, nSize);
+  return ErrorUnless(pSetInformation(NativeHandle(Handle), kEndOfFileInformation, &nSize, sizeof(nSize)));
+}
+
+SystemError Flush(FileHandle Handle) {
+  return ErrorUnless(FlushFileBuffers(NativeHandle(Handle)));
+}
+
+SystemError GetCreationTime(FileHandle Handle, std::uint64_t* pnTime) {
+  FILETIME Created{};
+  if (!GetFileTime(NativeHandle(Handle), &Created, nullptr, nullptr)) return LastError();
+  *pnTime = std::uint64_t{Created.dwHighDateTime} << 32 | Created.dwLowDateTime;
+  return kSuccess;
+}
+
+SystemError RemoveFile(std::u16string_view Path) {
+  return ErrorUnless(DeleteFileW(Wide(NativePath(Path))));
+}
+
+SystemError MeasureFile(std::u16string_view Path, std::uint64_t* pnSize) {
+  const int nDescriptor = _wsopen(Wide(NativePath(Path)), _O_RDONLY, _SH_DENYNO, _S_IREAD);
+  if (nDescriptor < 0) return kGeneralFailure;
+  const std::int64_t nSize = _filelengthi64(nDescriptor);
+  _close(nDescriptor);
+  if (nSize < 0) return kGeneralFailure;
+  *pnSize = static_cast<std::uint64_t>(nSize);
+  return kSuccess;
+}
+
+}  // namespace lumbra::os

@@ -1,0 +1,146 @@
+// Folders and searches on Windows.
+#include <io.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+
+#include "platform/win32/win32.h"
+
+namespace lumbra::os {
+namespace {
+
+constexpr std::u16string_view kSeparators = u"\\/";
+constexpr std::u16string_view kLongPrefix = u"\\\\?\\";
+constexpr std::u16string_view kLongShare = u"\\\\?\\UNC\\";
+
+// Paths from this length on (that of a folder in which a file of the shortest name fits) only work in their long form.
+constexpr std::size_t kMaxShortPath = 248;
+
+bool IsSeparator(char16_t c) {
+  return kSeparators.find(c) != std::u16string_view::npos;
+}
+
+// Where the names of an absolute path begin: behind "C:\", behind "\\server\share", also where "\\?\" stands in front.
+std::size_t RootLength(std::u16string_view Path) {
+  const auto PastNames = [Path](std::size_t nAt, int nNames) {
+    for (; nNames > 0 && nAt < Path.size(); --nNames) {
+      nAt = std::min(Path.find_first_of(kSeparators, nAt + 1), Path.size());
+    }
+    return nAt;
+  };
+  if (Path.starts_with(kLongShare)) return PastNames(kLongShare.size() - 1, 2);
+  if (Path.starts_with(kLongPrefix)) return std::min(PastNames(kLongPrefix.size() - 1, 1) + 1, Path.size());
+  if (Path.starts_with(u"\\\\")) return PastNames(1, 2);
+  return std::min<std::size_t>(3, Path.size());
+}
+
+SystemError FullPath(const std::u16string& Path, std::u16string* pFull) {
+  for (DWORD nRoom = MAX_PATH;;) {
+    pFull->resize(nRoom);
+    const DWORD nLength = GetFullPathNameW(Wide(Path), nRoom, reinterpret_cast<wchar_t*>(pFull->data()), nullptr);
+    if (nLength == 0) return LastError();
+    if (nLength < nRoom) {
+      pFull->resize(nLength);
+      return kSuccess;
+    }
+    nRoom = nLength;
+  }
+}
+
+struct SearchCloser {
+  using pointer = HANDLE;
+  void operator()(HANDLE Search) const { FindClose(Search); }
+};
+using Search = std::unique_ptr<void, SearchCloser>;
+
+// The C runtime's search, whose handle is a number.
+class RuntimeSearch {
+ public:
+  RuntimeSearch(const std::u16string& Pattern, _wfinddata64_t* pFound)
+      : m_nHandle(_wfindfirst64(Wide(Pattern), pFound)) {}
+  ~RuntimeSearch() {
+    if (Found()) _findclose(m_nHandle);
+  }
+  RuntimeSearch(const RuntimeSearch&) = delete;
+  RuntimeSearch& operator=(const RuntimeSearch&) = delete;
+
+  bool Found() const { return m_nHandle != -1; }
+  bool Next(_wfinddata64_t* pFound) const { return _wfindnext64(m_nHandle, pFound) == 0; }
+
+ private:
+  std::intptr_t m_nHandle;
+};
+
+}  // namespace
+
+std::u16string NativePath(std::u16string_view Path) {
+  std::u16string Native(Path);
+  if (Path.size() < kMaxShortPath) return Native;
+  std::u16string Long;
+  return MakeAbsolute(Path, &Long) == kSuccess ? Long : Native;
+}
+
+// Shares and long paths are taken as they are. The others get the form that takes any length, which the system uses to
+// the letter: it has no names of ".", no '/', and no separator at its end.
+SystemError MakeAbsolute(std::u16string_view Path, std::u16string* pAbsolute) {
+  std::u16string Absolute(Path);
+  if (!Path.starts_with(u"\\\\")) {
+    if (const SystemError nError = FullPath(std::u16string(Path), &Absolute); nError != kSuccess) return nError;
+    if (!Absolute.starts_with(u"\\\\")) Absolute.insert(0, kLongPrefix);
+    std::replace(Absolute.begin(), Absolute.end(), u'/', u'\\');
+  }
+  while (Absolute.size() > RootLength(Absolute) && IsSeparator(Absolute.back())) Absolute.pop_back();
+  *pAbsolute = std::move(Absolute);
+  return kSuccess;
+}
+
+std::u16string_view ParentOf(std::u16string_view Absolute) {
+  const std::size_t nRoot = RootLength(Absolute);
+  const std::size_t nSeparator = Absolute.find_last_of(kSeparators);
+  if (nSeparator == std::u16string_view::npos) return {};
+  return Absolute.substr(0, std::max(nSeparator, nRoot));
+}
+
+SystemError IsFolder(std::u16string_view Path, bool* pbFolder) {
+  const DWORD nAttributes = GetFileAttributesW(Wide(NativePath(Path)));
+  if (nAttributes == INVALID_FILE_ATTRIBUTES) return LastError();
+  *pbFolder = (nAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+  return kSuccess;
+}
+
+SystemError MakeFolder(std::u16string_view Path) {
+  return ErrorUnless(CreateDirectoryW(Wide(NativePath(Path)), nullptr));
+}
+
+// A search asks the system for the names that match, not for all of them: there is nothing to keep.
+SearchScope::SearchScope() {}
+SearchScope::~SearchScope() {}
+
+SystemError FindFiles(std::u16string_view PathPattern, const std::function<bool(const FoundFile&)>& Visit) {
+  _wfinddata64_t Found{};
+  const RuntimeSearch Searching(NativePath(PathPattern), &Found);
+  if (!Searching.Found()) return errno == ENOENT ? kFileNotFound : kGeneralFailure;
+  do {
+    const bool bFolder = (Found.attrib & _A_SUBDIR) != 0;
+    if (!Visit({Utf16(Found.name), bFolder, static_cast<std::uint64_t>(Found.size), Found.time_create})) break;
+  } while (Searching.Next(&Found));
+  return kSuccess;
+}
+
+SystemError RemovePlainFiles(std::u16string_view Folder) {
+  std::u16string Path(Folder);
+  if (!IsSeparator(Path.back())) Path += u'\\';
+  WIN32_FIND_DATAW Found{};
+  const Search Listing(
+      FindFirstFileExW(Wide(NativePath(Path + u'*')), FindExInfoStandard, &Found, FindExSearchNameMatch, nullptr, 0));
+  if (Listing.get() == INVALID_HANDLE_VALUE) return LastError();
+  do {
+    constexpr DWORD kNotPlain = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
+    if ((Found.dwFileAttributes & kNotPlain) == 0) RemoveFile(Path + Utf16(Found.cFileName));
+  } while (FindNextFileW(Listing.get(), &Found));
+  const SystemError nError = LastError();
+  return nError == ERROR_NO_MORE_FILES ? kSuccess : nError;
+}
+
+}  // namespace lumbra::os
