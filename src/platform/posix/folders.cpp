@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "platform/posix/posix.h"
 
@@ -46,26 +47,31 @@ SystemError List(const std::string& Folder, std::vector<std::string>* pNames) {
   return nError;
 }
 
-// The listing that a SearchScope keeps.
+// The listing that a SearchScope keeps, and the outermost one deletes. Not a thread-local object with a destructor:
+// that would be waiting for the thread's end, and keep a module in the process that its host has unloaded.
 struct FolderListing {
   std::string Folder;
   std::vector<std::string> Names;
 };
 thread_local int t_nSearchScopes = 0;
-thread_local std::optional<FolderListing> t_Listing;
+thread_local const FolderListing* t_pListing = nullptr;
+
+void KeepListing(std::unique_ptr<const FolderListing> pListing) {
+  delete std::exchange(t_pListing, pListing.release());
+}
 
 // A folder's names, sorted: listed into *pOwn, or kept from before.
 SystemError NamesOf(const std::string& Folder, std::vector<std::string>* pOwn,
                     const std::vector<std::string>** ppNames) {
   *ppNames = pOwn;
   if (t_nSearchScopes == 0) return List(Folder, pOwn);
-  if (!t_Listing || t_Listing->Folder != Folder) {
-    FolderListing Fresh{Folder, {}};
-    const SystemError nError = List(Folder, &Fresh.Names);
+  if (t_pListing == nullptr || t_pListing->Folder != Folder) {
+    auto pFresh = std::make_unique<FolderListing>(Folder);
+    const SystemError nError = List(Folder, &pFresh->Names);
     if (nError != kSuccess) return nError;
-    t_Listing = std::move(Fresh);
+    KeepListing(std::move(pFresh));
   }
-  *ppNames = &t_Listing->Names;
+  *ppNames = &t_pListing->Names;
   return kSuccess;
 }
 
@@ -140,7 +146,7 @@ SearchScope::SearchScope() {
 }
 
 SearchScope::~SearchScope() {
-  if (--t_nSearchScopes == 0) t_Listing.reset();
+  if (--t_nSearchScopes == 0) KeepListing(nullptr);
 }
 
 SystemError FindFiles(std::u16string_view PathPattern, const std::function<bool(const FoundFile&)>& Visit) {
