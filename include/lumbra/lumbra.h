@@ -97,7 +97,9 @@ inline constexpr std::uint32_t propEXACT_FILE_SIZES = 0x30600004;    // u32: mea
 inline constexpr std::uint32_t propWRITES_SUSPENDED = 0x30600005;    // u32: writing operations answer errREAD_ONLY
 inline constexpr std::uint32_t propREPORT_FOLDER = 0x20900044;       // UTF-16 text: the folder of the store
 inline constexpr std::uint32_t propINTERFACE_COMMENT = 0x20900083;   // 8-bit text "Lumbra"
-inline constexpr std::uint32_t propINTERFACE_CONSTANT = 0x21A00082;  // u32, read only: 1
+inline constexpr std::uint32_t propINTERFACE_CONSTANT = 0x21A00082;  // u32, read only: kInterfaceConstant
+
+inline constexpr std::uint32_t kInterfaceConstant = 1;
 
 enum PropertyAccessMode : std::uint32_t {
   propertyGet = 0,       // write the value into the buffer, if there is one
@@ -274,9 +276,18 @@ inline const LumbraOperations& OperationsOf(const HostObject& Handle) {
 inline constexpr std::uint32_t kModuleLoad = 100;
 inline constexpr std::uint32_t kModuleUnload = 101;
 
-// The module entry. kModuleLoad: pRoot is the host's root object, *pError receives the outcome; binds the
-// host's functions and registers the three interfaces. kModuleUnload: the module forgets the root and reaches
-// no host service any more. Any other reason is ignored. Answers 1, or 0 when loading failed.
-extern "C" int LumbraModuleEntry(void* pRoot, std::uint32_t nReason, void* pError);
+// The module entry has the shape of the system's own module entry points: on 32-bit Windows also their calling
+// convention. Everything else that host and module call has the compiler's convention for C.
+#if defined(_WIN32) && !defined(_WIN64)
+#define LUMBRA_ENTRY_CALL __stdcall
+#else
+#define LUMBRA_ENTRY_CALL
+#endif
+
+// The module entry. kModuleLoad: pRoot is the host's root object, *pError (a ResultCode) receives the outcome; binds
+// the host's functions and registers the three interfaces, and ends at the first failure: what was registered until
+// then stays so. kModuleUnload: the module forgets the root and reaches no host service any more. Any other reason, the
+// system's own notifications among them, is ignored. Answers 1, or 0 when loading failed.
+extern "C" int LUMBRA_ENTRY_CALL LumbraModuleEntry(void* pRoot, std::uint32_t nReason, void* pError);
 
 }  // namespace lumbra

@@ -34,7 +34,7 @@ bool Load(HostObject* pRoot, ResultCode* pnError) {
 
 }  // namespace
 
-extern "C" int LumbraModuleEntry(void* pRoot, std::uint32_t nReason, void* pError) {
+extern "C" int LUMBRA_ENTRY_CALL LumbraModuleEntry(void* pRoot, std::uint32_t nReason, void* pError) {
   switch (nReason) {
     case kModuleLoad:
       return Load(static_cast<HostObject*>(pRoot), static_cast<ResultCode*>(pError)) ? 1 : 0;

@@ -8,7 +8,6 @@ namespace lumbra {
 namespace {
 
 constexpr char kComment[] = "Lumbra";
-constexpr std::uint32_t kInterfaceConstant = 1;
 
 // Writes a value of nSize bytes into the record's buffer, if it has one; the running count tells the size
 // either way.
