@@ -50,7 +50,8 @@ ResultCode Store::SetReportFolder(std::u16string_view Folder) {
 StandaloneHost::StandaloneHost(ModuleEntry pEntry)
     : m_pEntry(pEntry), m_Root{HostServices::RootOperations(), HostServices::SystemOperations()} {
   HostServices::Enter(this);
-  m_pEntry(&m_Root, kModuleLoad, &m_nLoadResult);
+  const bool bLoaded = m_pEntry(&m_Root, kModuleLoad, &m_nLoadResult) != 0;
+  if (!bLoaded && Succeeded(m_nLoadResult)) m_nLoadResult = errUNSPECIFIED;
 }
 
 StandaloneHost::~StandaloneHost() {
@@ -101,6 +102,7 @@ void StandaloneHost::WriteLine(std::uint32_t nLevel, const char* pFormat, std::v
 // ---- Instances ---
 
 Store StandaloneHost::Create(std::uint32_t nInterfaceId) {
+  if (Failed(m_nLoadResult)) return {};
   std::unique_lock Hold(m_Lock);
   m_Ended.wait(Hold, [this] { return m_nEnding == 0; });
   const auto Factory = m_Factories.find(nInterfaceId);

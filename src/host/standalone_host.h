@@ -70,9 +70,10 @@ void WriteTraceLine(std::FILE* pStream, std::uint32_t nLevel, std::string_view L
 class StandaloneHost {
  public:
   using TraceCallback = std::function<void(std::uint32_t nLevel, std::string_view Line)>;
-  using ModuleEntry = int (*)(void* pRoot, std::uint32_t nReason, void* pError);
+  using ModuleEntry = int(LUMBRA_ENTRY_CALL*)(void* pRoot, std::uint32_t nReason, void* pError);
 
-  // Loads the module. LoadResult tells how that went; without success no store can be opened.
+  // Loads the component that is linked into the program, or the module whose entry is given (host/loaded_module.h).
+  // LoadResult tells how that went; after a failure Create gives no store, whatever the module has registered.
   explicit StandaloneHost(ModuleEntry pEntry = &LumbraModuleEntry);
   ~StandaloneHost();
   StandaloneHost(const StandaloneHost&) = delete;
