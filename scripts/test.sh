@@ -1,10 +1,14 @@
 #!/bin/sh
-# Sets up, builds one preset (default: release; asan and tsan are the sanitizers) and runs its tests.
+# Sets up, builds one preset (default: release; asan and tsan are the sanitizers, windows-x86-64 runs with Wine) and runs
+# its tests.
 set -eu
 here=$(cd "$(dirname "$0")/.." && pwd)
 preset=${1:-release}
 
-"$here/scripts/setup.sh"
+case $preset in
+  windows-*) "$here/scripts/setup.sh" windows ;;
+  *) "$here/scripts/setup.sh" ;;
+esac
 "$here/scripts/build.sh" "$preset"
 cd "$here"
 ctest --preset "$preset" -j "$(nproc)"

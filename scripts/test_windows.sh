@@ -1,0 +1,15 @@
+#!/bin/sh
+# Builds for Windows (x86 and x86-64), runs the tests of x86-64 with Wine, and holds what came out against the build for
+# this system: the three modules, and the stores that the same operations leave.
+set -eu
+cd "$(dirname "$0")/.."
+
+scripts/setup.sh
+scripts/build.sh release lumbra lumbra_module
+scripts/test.sh windows-x86-64
+scripts/build.sh windows-x86
+
+tests/systems/modules.sh build/release/src/module/liblumbra.so \
+  build/windows-x86-64/src/module/lumbra.dll build/windows-x86/src/module/lumbra.dll
+tests/systems/one_store.sh "$PWD/build/release/tools/lumbra/lumbra" \
+  "$PWD/scripts/wine.sh $PWD/build/windows-x86-64/tools/lumbra/lumbra.exe"
