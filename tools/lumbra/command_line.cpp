@@ -98,6 +98,9 @@ void AddCommon(CLI::App* pApp, CommonOptions* pCommon) {
       ->check(NotEmpty());
   pApp->add_flag("--check-mode", pCommon->bCheckMode, "Create new files with every kind of CRC");
   pApp->add_option("--host", pCommon->Host, "Name of the host in the store (default: this machine's)");
+  pApp->add_option("--module", pCommon->Module, "Run the command on this module (default: what is built in)")
+      ->type_name("FILE")
+      ->check(NotEmpty());
   pApp->add_option("--trace", pCommon->nTraceLevel,
                    "Write trace lines up to this level to stderr: 300 failures, 350 damage, 400 notable, 500 routine, "
                    "600 all");
@@ -205,6 +208,10 @@ void AddStoreCommands(CLI::App* pApp, Request* pRequest) {
 
   AddCommand(pApp, pRequest, "check", "Say what the quick check of the shared objects finds and repairs", CheckStore);
   AddCommand(pApp, pRequest, "compact", "Write the shared objects without the holes between them", Compact);
+
+  const auto [pModule, pModuleWith] =
+      AddCommand(pApp, pRequest, "module", "Show what a module says of itself, without loading it", Module);
+  pModule->add_option("FILE", pModuleWith->File, "The module")->required()->check(NotEmpty());
 
   const auto [pClear, pClearWith] = AddCommand(pApp, pRequest, "clear", "Delete everything in a database", Clear);
   AddDatabase(pClear, &pClearWith->Database);

@@ -79,6 +79,11 @@ struct InfoOptions {
 };
 int Info(const CommonOptions& Common, const InfoOptions& Options);
 
+struct ModuleOptions {
+  std::string File;
+};
+int Module(const CommonOptions& Common, const ModuleOptions& Options);
+
 struct NoOptions {};
 int CheckStore(const CommonOptions& Common, const NoOptions& Options);
 int Compact(const CommonOptions& Common, const NoOptions& Options);

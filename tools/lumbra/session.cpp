@@ -25,7 +25,25 @@ CommonOptions InModeOfStore(const CommonOptions& Options) {
   return Alike;
 }
 
-Session::Session(const CommonOptions& Options, Missing Store, DamageListener Listener) : m_Files(FilesOf(Options)) {
+namespace {
+
+// The entry that the options ask for: that of a module, which is loaded, or the one that is linked in.
+host::StandaloneHost::ModuleEntry EntryOf(const CommonOptions& Options, host::LoadedModule* pModule) {
+  if (Options.Module.empty()) return &LumbraModuleEntry;
+  host::ModuleFile File;
+  host::ModuleProblem Problem = host::ReadModuleFile(Options.Module, &File);
+  if (!Problem) Problem = pModule->Load(File);
+  if (Problem) throw Failure("load " + Options.Module, Problem.nCode, Problem.Text);
+  return pModule->Entry();
+}
+
+}  // namespace
+
+Session::Session(const CommonOptions& Options, Missing Store, DamageListener Listener)
+    : m_Files(FilesOf(Options)), m_Host(EntryOf(Options, &m_Module)) {
+  if (Failed(m_Host.LoadResult())) {
+    throw Failure("load " + Options.Module, m_Host.LoadResult(), "its entry refused this host");
+  }
   const std::string What = "open " + m_Files.Folder().string();
   if (Store == Missing::Refuse && !m_Files.Exists()) throw Failure(What, errOBJECT_NOT_FOUND, "there is no store here");
   Trace(Options.nTraceLevel, std::move(Listener));

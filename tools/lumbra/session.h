@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "host/loaded_module.h"
 #include "host/standalone_host.h"
 #include "store_files.h"
 
@@ -18,6 +19,7 @@ struct CommonOptions {
   std::string Store = "./lumbra-store";
   bool bCheckMode = false;
   std::string Host;
+  std::string Module;  // the file of the module that runs the command; empty: the component that is linked in
   std::uint32_t nTraceLevel = 0;
 };
 
@@ -100,6 +102,7 @@ class Session {
   void Trace(std::uint32_t nLevel, DamageListener Listener);
 
   StoreFiles m_Files;
+  host::LoadedModule m_Module;
   host::StandaloneHost m_Host;
   host::Store m_Store;
   std::set<std::uint32_t> m_Open;  // the numbered databases that are open
