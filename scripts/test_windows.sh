@@ -11,5 +11,6 @@ scripts/build.sh windows-x86
 
 tests/systems/modules.sh build/release/src/module/liblumbra.so \
   build/windows-x86-64/src/module/lumbra.dll build/windows-x86/src/module/lumbra.dll
-tests/systems/one_store.sh "$PWD/build/release/tools/lumbra/lumbra" \
-  "$PWD/scripts/wine.sh $PWD/build/windows-x86-64/tools/lumbra/lumbra.exe"
+linux=$PWD/build/release windows=$PWD/build/windows-x86-64
+tests/systems/one_store.sh "$linux/tools/lumbra/lumbra --module $linux/src/module/liblumbra.so" \
+  "$PWD/scripts/wine.sh $windows/tools/lumbra/lumbra.exe --module $windows/src/module/lumbra.dll"

@@ -6,6 +6,7 @@
 
 #include "commands.h"
 #include "failure.h"
+#include "machine.h"
 
 namespace lumbra::tool {
 namespace {
@@ -30,7 +31,7 @@ std::string HexDigits(std::span<const std::uint8_t> Bytes) {
 
 int Module(const CommonOptions& /*Common*/, const ModuleOptions& Options) {
   host::ModuleFile File;
-  if (const host::ModuleProblem Problem = host::ReadModuleFile(Options.File, &File)) {
+  if (const host::ModuleProblem Problem = host::ReadModuleFile(PathOf(Options.File), &File)) {
     throw Failure("read " + Options.File, Problem.nCode, Problem.Text);
   }
   const tMODULE_METADATA& Metadata = File.Metadata;

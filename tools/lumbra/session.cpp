@@ -31,7 +31,7 @@ namespace {
 host::StandaloneHost::ModuleEntry EntryOf(const CommonOptions& Options, host::LoadedModule* pModule) {
   if (Options.Module.empty()) return &LumbraModuleEntry;
   host::ModuleFile File;
-  host::ModuleProblem Problem = host::ReadModuleFile(Options.Module, &File);
+  host::ModuleProblem Problem = host::ReadModuleFile(PathOf(Options.Module), &File);
   if (!Problem) Problem = pModule->Load(File);
   if (Problem) throw Failure("load " + Options.Module, Problem.nCode, Problem.Text);
   return pModule->Entry();
