@@ -268,8 +268,48 @@ TEST_F(ToolTest, EndsCleanlyOnInterrupt) {
   EXPECT_EQ(json({"C:\\a"}), Names("1"));
 }
 
-TEST_F(ToolTest, ExampleEmbedsTheStore) {
-  EXPECT_EQ("event 42 is about C:\\Reports\\today.txt\n", Shell(LUMBRA_EMBED " && rm -r embed-store"));
+TEST_F(ToolTest, RunsOnAModule) {
+  const std::string Shown = Run("module " LUMBRA_MODULE);
+  EXPECT_THAT(Shown, ::testing::ContainsRegex("format +(ELF|PE)\nmachine +[^\n]+\nplug-in id +0xBF8E\n"
+                                              "interface id +0xBF8C\ninterface constant +1\n"
+                                              "interface comment +\"Lumbra\"\n"
+                                              "MD5 +59648ed64ec20fef4cc565fc8dcee677\n$"));
+  Run("record --db 1 --module " LUMBRA_MODULE, 0, "{'name':'a'}");
+  Run("record --db 1", 0, "{'name':'b'}");
+  EXPECT_EQ(json({"a", "b"}), Names("1 --module " LUMBRA_MODULE));
+  Fails("events --db 2 --module " LUMBRA_MODULE, "errOBJECT_NOT_FOUND");
+
+  // Nothing of a module runs that is refused before it is loaded.
+  fs::copy(LUMBRA_REFUSING_MODULE, Folder() / "module");
+  const std::string Whole = ReadText("module");
+  const auto FailsToLoad = [&](const std::string& Reason) {
+    const std::string Printed = Run("info --module module", 1);
+    EXPECT_EQ("lumbra: load module: " + Reason + '\n', ReadText("err"));
+    return Printed;
+  };
+  EXPECT_EQ("code of the module runs\n", FailsToLoad("errACCESS_DENIED (0x80000045): its entry refused this host"));
+  Patch("module", Whole.find("\"Lumbra\""), {'?'});
+  EXPECT_EQ("", FailsToLoad("errDATA_CORRUPTED (0x800000D8): its metadata is damaged (MD5)"));
+  EXPECT_EQ("", Run("module module", 1));
+  EXPECT_THAT(ReadText("err"), StartsWith("lumbra: read module: errDATA_CORRUPTED (0x800000D8): "));
+  WriteFile("module", {Whole.begin(), Whole.end() - 1});
+  EXPECT_EQ("", FailsToLoad("errDATA_CORRUPTED (0x800000D8): is cut short"));
+  WriteFile("module", {'x'});
+  EXPECT_EQ("", FailsToLoad("errIMAGE_BAD_SIGNATURE (0x80010113): is no module: neither ELF nor PE"));
+  fs::remove(Folder() / "module");
+  EXPECT_EQ("", FailsToLoad("errFILE_NOT_FOUND (0x80010102): does not exist"));
+}
+
+TEST_F(ToolTest, ModuleShowsItsEntryAlone) {
+  EXPECT_THAT(Shell("nm -D --defined-only " LUMBRA_MODULE), ::testing::MatchesRegex("[0-9a-f]+ T LumbraModuleEntry\n"));
+}
+
+TEST_F(ToolTest, ExamplesUseTheStore) {
+  const std::string kSaid = "event 42 is about C:\\Reports\\today.txt\n";
+  EXPECT_EQ(kSaid, Shell(LUMBRA_EMBED " && rm -r embed-store"));
+  EXPECT_THAT(Shell(LUMBRA_LOAD_MODULE " " LUMBRA_MODULE " && rm -r module-store"),
+              ::testing::EndsWith(" module with plug-in id 0xBF8E\n" + kSaid));
+  Shell(LUMBRA_LOAD_MODULE " nothing", 1);
 }
 
 }  // namespace
