@@ -288,6 +288,10 @@ TEST_F(ToolTest, RunsOnAModule) {
     return Printed;
   };
   EXPECT_EQ("code of the module runs\n", FailsToLoad("errACCESS_DENIED (0x80000045): its entry refused this host"));
+  Patch("module", 18, {0x34, 0x12});
+  EXPECT_EQ("", Run("info --module module", 1));
+  EXPECT_THAT(ReadText("err"),
+              StartsWith("lumbra: load module: errNOT_SUPPORTED (0x80000042): is for ELF on 0x1234, "));
   Patch("module", Whole.find("\"Lumbra\""), {'?'});
   EXPECT_EQ("", FailsToLoad("errDATA_CORRUPTED (0x800000D8): its metadata is damaged (MD5)"));
   EXPECT_EQ("", Run("module module", 1));
