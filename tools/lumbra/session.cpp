@@ -42,7 +42,8 @@ host::StandaloneHost::ModuleEntry EntryOf(const CommonOptions& Options, host::Lo
 Session::Session(const CommonOptions& Options, Missing Store, DamageListener Listener)
     : m_Files(FilesOf(Options)), m_Host(EntryOf(Options, &m_Module)) {
   if (Failed(m_Host.LoadResult())) {
-    throw Failure("load " + Options.Module, m_Host.LoadResult(), "its entry refused this host");
+    const std::string Loaded = Options.Module.empty() ? "what is built in" : Options.Module;
+    throw Failure("load " + Loaded, m_Host.LoadResult(), "its entry refused this host");
   }
   const std::string What = "open " + m_Files.Folder().string();
   if (Store == Missing::Refuse && !m_Files.Exists()) throw Failure(What, errOBJECT_NOT_FOUND, "there is no store here");
