@@ -35,7 +35,7 @@ struct HostSystemOperations {
   // Position 1. The u32 value of one of the object's properties, 0 when it has no such property.
   std::uint32_t (*ReadProperty)(HostObject* pObject, std::uint32_t nPropertyId);
 
-  // Memory of nSize bytes (contents undefined), aligned for any type, or null.
+  // Memory of nSize bytes (contents undefined) at a multiple of 8, or null.
   void* (*Allocate)(HostObject* pObject, std::uint32_t nSize);
 
   // Gives back what Allocate or a host string function allocated. Null is allowed.

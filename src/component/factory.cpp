@@ -19,6 +19,7 @@ os::CriticalSection& GlobalLock() {
 Lumbra* g_pShared = nullptr;
 
 Lumbra* MakeInstance(HostObject* pRequester) {
+  static_assert(alignof(Lumbra) <= 8, "a host's memory bears no more");
   void* const pMemory = binding::Allocate(pRequester, sizeof(Lumbra));
   if (pMemory == nullptr) return nullptr;
   std::memset(pMemory, 0, sizeof(Lumbra));

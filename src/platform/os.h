@@ -160,8 +160,9 @@ class CriticalSection {
   void unlock();
 
  private:
-  // Large enough for every platform's own lock, so that a lock costs no allocation.
-  alignas(std::max_align_t) std::byte m_Storage[64];
+  // Large enough for every platform's own lock, so that a lock costs no allocation. Aligned as those are, and not more:
+  // the memory of a host need not bear more than 8 bytes.
+  alignas(8) std::byte m_Storage[64];
 };
 
 // A counting semaphore with count 0 at first and at most 0x7FFFFFFF.

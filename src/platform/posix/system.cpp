@@ -31,7 +31,7 @@ pthread_mutex_t* MutexIn(std::byte* pStorage) {
 }  // namespace
 
 CriticalSection::CriticalSection() {
-  static_assert(sizeof(pthread_mutex_t) <= sizeof(m_Storage));
+  static_assert(sizeof(pthread_mutex_t) <= sizeof(m_Storage) && alignof(pthread_mutex_t) <= alignof(CriticalSection));
   pthread_mutexattr_t Attributes;
   pthread_mutexattr_init(&Attributes);
   pthread_mutexattr_settype(&Attributes, PTHREAD_MUTEX_RECURSIVE);

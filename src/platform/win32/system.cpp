@@ -27,7 +27,7 @@ HANDLE NativeHandle(Semaphore* pSemaphore) {
 }  // namespace
 
 CriticalSection::CriticalSection() {
-  static_assert(sizeof(CRITICAL_SECTION) <= sizeof(m_Storage));
+  static_assert(sizeof(CRITICAL_SECTION) <= sizeof(m_Storage) && alignof(CRITICAL_SECTION) <= alignof(CriticalSection));
   InitializeCriticalSection(new (m_Storage) CRITICAL_SECTION);
 }
 
