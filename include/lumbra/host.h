@@ -141,8 +141,8 @@ struct HostRootOperations {
   ResultCode (*RegisterInterface)(HostObject* pRoot, std::uint32_t nInterfaceId, std::uint32_t nPluginId,
                                   std::uint32_t nReserved1, std::uint32_t nReserved2, HostFactory pFactory);
 
-  // Stores the address of one host function in *ppSlot, which is valid during the call only. nOption is 0, or 2 for the
-  // trace function.
+  // Stores the address of one host function in *ppSlot, a variable of the module. nOption is 0, or 2 for the trace
+  // function.
   ResultCode (*BindFunction)(HostObject* pRoot, void** ppSlot, std::uint32_t nExporter, std::uint32_t nFunctionId,
                              std::uint32_t nOption);
 

@@ -1,9 +1,11 @@
 #include "component/host_binding.h"
 
 #include <atomic>
+#include <mutex>
 #include <string>
 
 #include "lumbra/lumbra.h"
+#include "platform/os.h"
 #include "platform/trace.h"
 
 namespace lumbra::binding {
@@ -19,8 +21,8 @@ const HostSystemOperations& SystemOf(HostObject* pObject) {
   return *pObject->pSystem;
 }
 
-// A host function that is bound on first use and then kept for the life of the process. Two threads that bind
-// it at the same time store the same value; a binding that fails is tried again at the next call.
+// A host function that is bound on first use and then kept for the life of the process, in a variable that hosts may
+// remember as they do those of the import table. A binding that fails is tried again at the next call.
 template <class Function>
 class LateFunction {
  public:
@@ -31,18 +33,26 @@ class LateFunction {
   Function Get(HostObject* pRoot = Root()) {
     if (pRoot == nullptr) return nullptr;
     void* pFunction = m_pFunction.load(std::memory_order_acquire);
-    if (pFunction == nullptr) {
-      RootOperationsOf(pRoot).BindFunction(pRoot, &pFunction, m_nExporter, m_nFunctionId, m_nOption);
-      if (pFunction != nullptr) m_pFunction.store(pFunction, std::memory_order_release);
-    }
+    if (pFunction == nullptr) pFunction = Bind(pRoot);
     return reinterpret_cast<Function>(pFunction);
   }
 
  private:
+  void* Bind(HostObject* pRoot) {
+    static os::CriticalSection Binding;  // one thread at a time lets the host write
+    const std::lock_guard Hold(Binding);
+    const ResultCode nCode =
+        RootOperationsOf(pRoot).BindFunction(pRoot, &m_pSlot, m_nExporter, m_nFunctionId, m_nOption);
+    if (Failed(nCode)) return nullptr;
+    m_pFunction.store(m_pSlot, std::memory_order_release);
+    return m_pSlot;
+  }
+
   const std::uint32_t m_nExporter;
   const std::uint32_t m_nFunctionId;
   const std::uint32_t m_nOption;
-  std::atomic<void*> m_pFunction{nullptr};
+  void* m_pSlot = nullptr;
+  std::atomic<void*> m_pFunction{nullptr};  // what was bound, for threads that do not wait
 };
 
 LateFunction<HostTraceFunction> g_Trace(kExporterTrace, kFunctionTrace, kTraceBindOption);

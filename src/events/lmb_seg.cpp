@@ -12,12 +12,6 @@ namespace {
 
 constexpr std::uint64_t kFileTimeUnitsPerSecond = 10000000;
 
-// Failures that say nothing about the files: the process has run out of something.
-bool IsShortage(ResultCode nCode) {
-  return nCode == errOUT_OF_MEMORY || nCode == errINSUFFICIENT_RESOURCES ||
-         nCode == ResultFromSystemError(os::kTooManyOpenFiles);
-}
-
 }  // namespace
 
 ResultCode Segment::Init(StorageEnvironment* pEnv, std::uint32_t nEventSize, Files Which, std::uint32_t nNumber,
@@ -81,10 +75,10 @@ ResultCode Segment::OpenObjects() {
   m_pObjects.reset(new (std::nothrow) ObjectDB(m_bCheckMode));
   if (m_pObjects == nullptr) return FAILED_STEP(errOUT_OF_MEMORY);
   ObjectFiles Opened;
-  ResultCode nShortage = errOK;
+  ResultCode nRefused = errOK;
   const auto OpenFile = [&](const char16_t* pName, std::unique_ptr<StorageFile>* ppFile) {
     const ResultCode nOpened = m_pEnv->OpenFile(pName, m_nNumber, m_bCreate, m_bWritable, ppFile);
-    if (IsShortage(nOpened)) nShortage = nOpened;
+    if (Failed(nOpened) && nOpened != errOBJECT_NOT_FOUND) nRefused = nOpened;
   };
   // A file that cannot be opened is handed on as absent: the store refuses it.
   OpenFile(u"objbt.dat", &Opened.pTree);
@@ -92,10 +86,11 @@ ResultCode Segment::OpenObjects() {
   OpenFile(u"objdt.dat", &Opened.pData);
   ResultCode nCode = m_pObjects->Open(m_nNumber, Opened, TreeHead::Small);
   if (Succeeded(nCode)) return errOK;
-  if (Failed(nShortage)) nCode = nShortage;
+  if (Failed(nRefused)) nCode = nRefused;
   FAILED_STEP(nCode);
-  // Files that the process merely could not hold open are no reason to delete a good segment.
-  if (IsShortage(nCode)) return nCode;
+  // What the system did not let us open, because somebody reads it or the process has run out of something, may be
+  // good.
+  if (Failed(nRefused) || nCode == errOUT_OF_MEMORY) return nCode;
   Opened = ObjectFiles();
   Discard();
   return errOPEN_FAILED;

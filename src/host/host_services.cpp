@@ -116,9 +116,13 @@ ResultCode HostServices::RegisterInterface(HostObject* /*pRoot*/, std::uint32_t 
                                            std::uint32_t /*nPluginId*/, std::uint32_t /*nReserved1*/,
                                            std::uint32_t /*nReserved2*/, HostFactory pFactory) {
   StandaloneHost& Host = *g_pHost;
-  const std::lock_guard Hold(Host.m_Lock);
-  Host.m_Factories[nInterfaceId] = pFactory;
-  return errOK;
+  try {
+    const std::lock_guard Hold(Host.m_Lock);
+    Host.m_Factories[nInterfaceId] = pFactory;
+    return errOK;
+  } catch (const std::bad_alloc&) {
+    return errOUT_OF_MEMORY;
+  }
 }
 
 ResultCode HostServices::BindFunction(HostObject* /*pRoot*/, void** ppSlot, std::uint32_t nExporter,

@@ -1,5 +1,8 @@
 #include <windows.h>
 
+#include <string>
+#include <system_error>
+
 #include "host/loaded_module.h"
 
 namespace lumbra::host {
@@ -14,6 +17,15 @@ StandaloneHost::ModuleEntry EntryPointOf(HMODULE pModule) {
   return nEntry == 0 ? nullptr : reinterpret_cast<StandaloneHost::ModuleEntry>(const_cast<BYTE*>(pImage) + nEntry);
 }
 
+// The very file that was read. With its folder: a bare name would be looked for among the system's libraries. And with
+// a point in the name: to one without, the system adds ".dll".
+std::wstring PathToLoad(const std::filesystem::path& Path) {
+  std::wstring Full(GetFullPathNameW(Path.c_str(), 0, nullptr, nullptr), L'\0');
+  Full.resize(GetFullPathNameW(Path.c_str(), static_cast<DWORD>(Full.size()), Full.data(), nullptr));
+  if (Full.find(L'.', Full.find_last_of(L'\\') + 1) == std::wstring::npos) Full += L'.';
+  return Full;
+}
+
 }  // namespace
 
 void LoadedModule::Unloader::operator()(void* pModule) const {
@@ -22,12 +34,10 @@ void LoadedModule::Unloader::operator()(void* pModule) const {
 
 ModuleProblem LoadedModule::Load(const ModuleFile& File) {
   if (ModuleProblem Problem = WhyForeign(File)) return Problem;
-  // With its folder: a bare name would be looked for among the system's libraries.
-  std::error_code Ignored;
-  const std::filesystem::path Path = std::filesystem::absolute(File.Path, Ignored);
-  const HMODULE pModule = LoadLibraryW(Path.c_str());
+  const HMODULE pModule = LoadLibraryW(PathToLoad(File.Path).c_str());
   if (pModule == nullptr) {
-    return {errPLATFORM_UNSPECIFIED, "cannot be loaded: error " + std::to_string(GetLastError()) + " of the system"};
+    const auto nError = static_cast<int>(GetLastError());
+    return {errMODULE_NOT_FOUND, "cannot be loaded: " + std::system_category().message(nError)};
   }
   m_pModule.reset(pModule);
   m_pEntry = EntryPointOf(pModule);

@@ -1,4 +1,5 @@
 // DLLs: the metadata is a resource.
+#include <algorithm>
 #include <cstring>
 #include <optional>
 
@@ -38,9 +39,10 @@ static_assert(sizeof(tPE_SECTION) == 40);
 struct OptionalHeader {
   std::uint16_t nMagic;
   std::uint16_t nPointerSize;
-  std::uint16_t nResources;  // offset of the tPE_DIRECTORY of the resources
+  std::uint16_t nDirectories;  // offset of a u32, the number of the tPE_DIRECTORYs that follow it
 };
-constexpr OptionalHeader kOptionalHeaders[] = {{0x10B, 4, 96 + 2 * 8}, {0x20B, 8, 112 + 2 * 8}};
+constexpr OptionalHeader kOptionalHeaders[] = {{0x10B, 4, 92}, {0x20B, 8, 108}};
+constexpr std::uint32_t kResources = 2;  // which of them is that of the resources
 
 struct tPE_DIRECTORY {
   std::uint32_t nAddress;  // 0: in memory, from the start of the image
@@ -87,7 +89,9 @@ bool IsWhole(FileBytes* pFile, const tPE_HEADER& Header, const Sections& All) {
 std::optional<FilePlace> PlaceOf(const Sections& All, std::uint32_t nAddress, std::uint32_t nSize) {
   for (const tPE_SECTION& Section : All) {
     const std::uint64_t nWithin = std::uint64_t{nAddress} - Section.nAddress;  // in front of it: a huge one
-    if (nWithin < Section.nFileSize && nSize <= Section.nFileSize - nWithin) {
+    const std::uint32_t nHeld =
+        Section.nMemorySize == 0 ? Section.nFileSize : std::min(Section.nFileSize, Section.nMemorySize);
+    if (nWithin < nHeld && nSize <= nHeld - nWithin) {
       return FilePlace{Section.nFileOffset + nWithin, nSize};
     }
   }
@@ -149,9 +153,17 @@ ModuleProblem ReadPeImage(FileBytes* pFile, ModuleImage* pImage) {
   pImage->nMachine = Header.nMachine;
   pImage->nPointerSize = pForm->nPointerSize;
 
-  tPE_DIRECTORY Directory;
-  if (pForm->nResources + sizeof(Directory) > Header.nOptionalSize) return NoMetadata();
-  if (!pFile->Read(nOptional + pForm->nResources, &Directory)) return CutShort();
+  std::uint32_t nDirectories = 0;
+  std::vector<tPE_DIRECTORY> Directories;
+  if (pForm->nDirectories + sizeof(nDirectories) + (kResources + 1) * sizeof(tPE_DIRECTORY) > Header.nOptionalSize) {
+    return NoMetadata();
+  }
+  if (!pFile->Read(nOptional + pForm->nDirectories, &nDirectories)) return CutShort();
+  if (nDirectories <= kResources) return NoMetadata();
+  if (!pFile->ReadTable(nOptional + pForm->nDirectories + sizeof(nDirectories), kResources + 1, &Directories)) {
+    return CutShort();
+  }
+  const tPE_DIRECTORY& Directory = Directories[kResources];
   const auto Folders = PlaceOf(All, Directory.nAddress, Directory.nSize);
   const auto Data = Folders ? FindMetadata(pFile, Folders->nOffset) : std::nullopt;
   if (!Data) return NoMetadata();

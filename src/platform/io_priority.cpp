@@ -3,7 +3,7 @@
 namespace lumbra {
 
 IoPriorityGuard::~IoPriorityGuard() {
-  t_pInnermost = m_pOuter;
+  os::SetThreadPointer(m_pOuter);
   if (m_Saved.nLevel != os::kIoPriorityNormal) os::SetIoPriority(m_Saved);
 }
 

@@ -12,20 +12,20 @@ namespace lumbra {
 // query or set that fails changes nothing and is not reported.
 class IoPriorityGuard {
  public:
-  IoPriorityGuard() noexcept : m_pOuter(t_pInnermost) { t_pInnermost = this; }
+  IoPriorityGuard() noexcept : m_pOuter(Innermost()) { os::SetThreadPointer(this); }
   ~IoPriorityGuard();
   IoPriorityGuard(const IoPriorityGuard&) = delete;
   IoPriorityGuard& operator=(const IoPriorityGuard&) = delete;
 
-  // Called by StorageFile before each read and write.
+  // Called before a file is opened, read, written, or given another size.
   static void BeforeFileAccess() noexcept {
-    if (t_pInnermost != nullptr && !t_pInnermost->m_bEntered) t_pInnermost->Enter();
+    IoPriorityGuard* const pInnermost = Innermost();
+    if (pInnermost != nullptr && !pInnermost->m_bEntered) pInnermost->Enter();
   }
 
  private:
+  static IoPriorityGuard* Innermost() noexcept { return static_cast<IoPriorityGuard*>(os::GetThreadPointer()); }
   void Enter() noexcept;
-
-  inline static thread_local IoPriorityGuard* t_pInnermost = nullptr;
 
   IoPriorityGuard* m_pOuter;
   bool m_bEntered = false;

@@ -172,6 +172,11 @@ SystemError WaitForSemaphore(Semaphore* pSemaphore);
 void ReleaseSemaphoreBy(Semaphore* pSemaphore, std::uint32_t nCount);
 void CloseSemaphore(Semaphore* pSemaphore);
 
+// One pointer that each thread has for itself, null at first. Behind the seam, because what the compiler makes of a
+// thread_local outlives, on Windows, a module that is unloaded. A thread for which there is no room keeps null.
+void* GetThreadPointer();
+void SetThreadPointer(void* pValue);
+
 // Lays down the calling thread's borrowed identity, if it has one, and takes it up again. *ppToken receives
 // what Resume needs; null when there was nothing to lay down.
 SystemError SuspendImpersonation(void** ppToken);

@@ -8,6 +8,7 @@
 #include "platform/exception.h"
 #include "platform/file.h"
 #include "platform/folders.h"
+#include "platform/io_priority.h"
 #include "platform/result.h"
 #include "platform/trace.h"
 
@@ -109,6 +110,7 @@ std::uint64_t StorageEnvironment::GetCurrentTime() {
 
 ResultCode StorageEnvironment::OpenFile(const char16_t* pName, std::uint32_t nId, bool bCreate, bool bWritable,
                                         std::unique_ptr<StorageFile>* ppFile) {
+  IoPriorityGuard::BeforeFileAccess();
   const ThreadTokenSuspension Suspension;
   if (m_Folder.empty()) return errSTORE_NOT_INITIALIZED;
   if (pName == nullptr || ppFile == nullptr) return errPARAMETER_INVALID;

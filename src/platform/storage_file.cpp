@@ -40,6 +40,7 @@ bool StorageFile::GetSize(std::uint64_t* pnSize) {
 }
 
 bool StorageFile::SetSize(std::uint64_t nSize) {
+  IoPriorityGuard::BeforeFileAccess();
   m_bModified = true;
   const os::SystemError nError = os::SetSize(m_Handle, nSize);
   if (nError != os::kSuccess) return Fail(nError);

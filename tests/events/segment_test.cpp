@@ -68,10 +68,12 @@ TEST_F(SegmentTest, FailsToOpenOnceForAll) {
   ExpectFailure("errACCESS_DENIED (0x80000045)", true);
   FailCalls(SystemCall::Look, EIO, 1);  // behind the look of the start: the creation time of the open file
   ExpectFailure("errREAD_FAILED (0x800000CA)", true);
-  // A segment whose store cannot be opened is gone with everything, and stays so.
-  auto pHeld = OpenFile(u"00000003_objid.dat");
-  ExpectFailure("errPARAMETER_INVALID (0x80000046)", false);
+  auto pHeld = OpenFile(u"00000003_objid.dat");  // as by a program that copies it
+  ExpectFailure("errSHARING_VIOLATION (0x80010104)", true);
   pHeld.reset();
+  // A segment whose store is no store is gone with everything, and stays so.
+  std::filesystem::remove(Folder() / "00000003_objid.dat");
+  ExpectFailure("errPARAMETER_INVALID (0x80000046)", false);
   EXPECT_CODE(errOPEN_FAILED, Add(2));
   EXPECT_EQ(Name(errSTORE_NOT_INITIALIZED), EventCount().second);
   EXPECT_EQ(0u, m_pSegment->GetDataSize());

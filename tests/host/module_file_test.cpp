@@ -82,6 +82,7 @@ Bytes MakePe(std::size_t nWord, std::uint16_t nMachine) {
   Put(&File, 0x54, nOptional, 2);
   Put(&File, 0x56, 0x2000, 2);
   Put(&File, 0x58, nWord == 4 ? 0x10B : 0x20B, 2);
+  Put(&File, 0x58 + nOptional - 132, 16, 4);  // directories; the third is that of the resources
   Put(&File, 0x58 + nOptional - 112, 0x1000, 4);
   Put(&File, 0x58 + nOptional - 108, 0x100, 4);
   Put(&File, 0x58 + nOptional + 12, 0x1000, 4);
@@ -158,6 +159,7 @@ TEST_F(ModuleFileTest, RefusesWhatIsNoModule) {
   EXPECT_EQ(kNoModule + "neither ELF nor PE", ReadWith(kPe, 0x40, 'X', 1));
   EXPECT_EQ(kNoModule + "no DLL", ReadWith(kPe, 0x56, 0, 2));
   EXPECT_EQ(kNoMetadata, ReadWith(kPe, 0x54, 128, 2));  // no room for the directory
+  EXPECT_EQ(kNoMetadata, ReadWith(kPe, 0xC4, 2, 4));    // not among the directories
   EXPECT_EQ(kNoMetadata, ReadWith(kPe, 0x218, 11, 4));  // another type
   EXPECT_EQ(kNoMetadata, ReadWith(kPe, 0x230, 2, 4));   // another id
   EXPECT_EQ(kNoMetadata, ReadWith(kPe, 0x246, 0, 2));   // no language

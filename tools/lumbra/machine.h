@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace lumbra::tool {
@@ -12,13 +13,23 @@ namespace lumbra::tool {
 // What the program was called with, its own name first, in UTF-8.
 std::vector<std::string> ProgramArguments(int nCount, char** ppArguments);
 
-// From the call on, the standard streams take and give bytes as they are, and a terminal shows them as UTF-8.
-void PrepareStreams();
+// To be called first. From then on the standard streams take and give bytes as they are, a terminal shows them as
+// UTF-8 until the program ends, the environment is in UTF-8, and no failure opens a window.
+void PrepareProcess();
 
 // A path from its text in UTF-8 (on posix, its bytes); the library takes the text of a path as such on posix alone.
 inline std::filesystem::path PathOf(const std::string& Text) {
   return std::u8string(Text.begin(), Text.end());
 }
+
+// The other way round; what cannot be said in UTF-8 becomes U+FFFD.
+std::string TextOf(const std::filesystem::path& Path);
+
+// The path made absolute, without "." and without a separator at its end.
+std::filesystem::path AbsolutePath(const std::string& Text);
+
+// What an error of the system means, in UTF-8.
+std::string MessageOf(const std::error_code& Error);
 
 // fopen() for a path in UTF-8.
 std::FILE* OpenStream(const std::string& Path, const char* pMode);

@@ -29,7 +29,20 @@ std::vector<std::string> ProgramArguments(int nCount, char** ppArguments) {
   return {ppArguments, ppArguments + nCount};
 }
 
-void PrepareStreams() {}
+void PrepareProcess() {}
+
+std::string TextOf(const std::filesystem::path& Path) {
+  return Path.string();
+}
+
+std::filesystem::path AbsolutePath(const std::string& Text) {
+  const std::filesystem::path Full = std::filesystem::absolute(Text).lexically_normal();
+  return Full.has_filename() || Full == Full.root_path() ? Full : Full.parent_path();
+}
+
+std::string MessageOf(const std::error_code& Error) {
+  return Error.message();
+}
 
 std::FILE* OpenStream(const std::string& Path, const char* pMode) {
   return std::fopen(Path.c_str(), pMode);

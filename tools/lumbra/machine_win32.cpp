@@ -5,6 +5,7 @@
 #include <shellapi.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <system_error>
@@ -21,15 +22,21 @@ const char16_t* Utf16(const wchar_t* pText) {
   return reinterpret_cast<const char16_t*>(pText);
 }
 
-std::string MessageOf(DWORD nError) {
-  return std::system_category().message(static_cast<int>(nError));
+std::string MessageOfNumber(DWORD nError) {
+  return MessageOf(std::error_code(static_cast<int>(nError), std::system_category()));
 }
 
+HANDLE g_pMainThread = nullptr;
+
+// The first time a mark is set, and a read that waits for input ends; the second time the program does.
 BOOL WINAPI OnConsoleEvent(DWORD nEvent) {
   if (nEvent != CTRL_C_EVENT && nEvent != CTRL_BREAK_EVENT) return FALSE;
-  g_bInterrupted = true;
+  if (g_bInterrupted.exchange(true)) return FALSE;
+  CancelSynchronousIo(g_pMainThread);
   return TRUE;
 }
+
+UINT g_nCodePage = 0;  // of the terminal, before us
 
 // A link to another name, as opposed to the other things that reparse points stand for.
 bool IsLink(const std::filesystem::path& Path) {
@@ -59,9 +66,42 @@ std::vector<std::string> ProgramArguments(int /*nCount*/, char** /*ppArguments*/
   return Arguments;
 }
 
-void PrepareStreams() {
+void PrepareProcess() {
+  SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX);
   for (std::FILE* const pStream : {stdin, stdout, stderr}) _setmode(_fileno(pStream), _O_BINARY);
+  g_nCodePage = GetConsoleOutputCP();
   SetConsoleOutputCP(CP_UTF8);
+  std::atexit([] { SetConsoleOutputCP(g_nCodePage); });
+  if (const wchar_t* const pStore = _wgetenv(L"LUMBRA_STORE")) {
+    _putenv(("LUMBRA_STORE=" + host::ToUtf8(Utf16(pStore))).c_str());
+  }
+}
+
+std::string TextOf(const std::filesystem::path& Path) {
+  return host::ToUtf8(Path.u16string());
+}
+
+// By the system: the library does not know the roots of shares.
+std::filesystem::path AbsolutePath(const std::string& Text) {
+  const std::filesystem::path Path = PathOf(Text);
+  std::wstring Full(GetFullPathNameW(Path.c_str(), 0, nullptr, nullptr), L'\0');
+  Full.resize(GetFullPathNameW(Path.c_str(), static_cast<DWORD>(Full.size()), Full.data(), nullptr));
+  if (Full.empty()) return Path;
+  while (Full.size() > 3 && Full.ends_with(L'\\')) Full.pop_back();
+  return Full;
+}
+
+// The library asks for the text in the system's code page.
+std::string MessageOf(const std::error_code& Error) {
+  if (Error.category() != std::system_category()) return Error.message();
+  wchar_t Text[512] = {};
+  const DWORD nLength = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                                       static_cast<DWORD>(Error.value()), 0, Text, 512, nullptr);
+  std::string Message = host::ToUtf8({Utf16(Text), nLength});
+  while (!Message.empty() && (Message.back() == '\n' || Message.back() == '\r' || Message.back() == '.')) {
+    Message.pop_back();
+  }
+  return Message.empty() ? "error " + std::to_string(Error.value()) : Message;
 }
 
 std::FILE* OpenStream(const std::string& Path, const char* pMode) {
@@ -75,14 +115,19 @@ std::string MachineName() {
   return GetComputerNameExW(ComputerNameDnsHostname, Name, &nLength) ? host::ToUtf8(Utf16(Name)) : "localhost";
 }
 
+// One that understands what moves the cursor.
 bool ErrorsGoToTerminal() {
-  return _isatty(_fileno(stderr)) != 0;
+  const HANDLE Terminal = GetStdHandle(STD_ERROR_HANDLE);
+  DWORD nMode = 0;
+  return GetConsoleMode(Terminal, &nMode) && SetConsoleMode(Terminal, nMode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
 }
 
 // There are none.
 void LetLimitsFailWrites() {}
 
 void WatchForInterrupt() {
+  DuplicateHandle(GetCurrentProcess(), GetCurrentThread(), GetCurrentProcess(), &g_pMainThread, 0, FALSE,
+                  DUPLICATE_SAME_ACCESS);
   SetConsoleCtrlHandler(&OnConsoleEvent, TRUE);
 }
 
@@ -94,10 +139,11 @@ std::string WhyNotUsable(const std::filesystem::path& Folder) {
   const DWORD nAttributes = GetFileAttributesW(Folder.c_str());
   if (nAttributes == INVALID_FILE_ATTRIBUTES) {
     const DWORD nError = GetLastError();
-    if (nError != ERROR_FILE_NOT_FOUND && nError != ERROR_PATH_NOT_FOUND) return MessageOf(nError);
-    return Folder.has_relative_path() ? WhyNotUsable(Folder.parent_path()) : std::string();
+    if (nError != ERROR_FILE_NOT_FOUND && nError != ERROR_PATH_NOT_FOUND) return MessageOfNumber(nError);
+    return Folder.has_parent_path() && Folder.parent_path() != Folder ? WhyNotUsable(Folder.parent_path())
+                                                                      : MessageOfNumber(nError);
   }
-  if ((nAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) return Folder.string() + " is no folder";
+  if ((nAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) return TextOf(Folder) + " is no folder";
   for (const char* const pName : {"g_objbt.dat", "g_objid.dat", "g_objdt.dat", "g_db_id.dat"}) {
     const std::filesystem::path Path = Folder / pName;
     const HANDLE Opened = CreateFileW(Path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
@@ -106,7 +152,7 @@ std::string WhyNotUsable(const std::filesystem::path& Folder) {
     if (Opened != INVALID_HANDLE_VALUE) {
       CloseHandle(Opened);
     } else if (nError != ERROR_FILE_NOT_FOUND) {
-      return Path.string() + ": " + MessageOf(nError);
+      return TextOf(Path) + ": " + MessageOfNumber(nError);
     }
   }
   return {};
@@ -122,7 +168,7 @@ bool IsHeld(const std::filesystem::path& File) {
 bool Look(const std::filesystem::path& Path, Entry* pEntry, std::string* pReason) {
   WIN32_FILE_ATTRIBUTE_DATA Found{};
   if (!GetFileAttributesExW(Path.c_str(), GetFileExInfoStandard, &Found)) {
-    *pReason = MessageOf(GetLastError());
+    *pReason = MessageOfNumber(GetLastError());
     return false;
   }
   pEntry->Kind = KindOf(Path, Found.dwFileAttributes);

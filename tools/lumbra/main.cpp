@@ -10,6 +10,8 @@
 #include "machine.h"
 
 using lumbra::tool::Failure;
+using lumbra::tool::MessageOf;
+using lumbra::tool::TextOf;
 
 namespace {
 
@@ -28,13 +30,13 @@ lumbra::ResultCode CodeOf(const std::error_code& Error) {
 
 int main(int nCount, char** ppArguments) {
   lumbra::tool::LetLimitsFailWrites();
-  lumbra::tool::PrepareStreams();
+  lumbra::tool::PrepareProcess();
   try {
     const int nStatus = lumbra::tool::ParseCommandLine(lumbra::tool::ProgramArguments(nCount, ppArguments))();
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return nStatus;
     return Report(Failure("write standard output", lumbra::errWRITE_FAILED, "what it said is incomplete").what());
   } catch (const std::filesystem::filesystem_error& Error) {
-    return Report(Failure("look at " + Error.path1().string(), CodeOf(Error.code()), Error.code().message()).what());
+    return Report(Failure("look at " + TextOf(Error.path1()), CodeOf(Error.code()), MessageOf(Error.code())).what());
   } catch (const std::bad_alloc&) {
     return Report(Failure("go on", lumbra::errOUT_OF_MEMORY).what());
   } catch (const std::exception& Error) {

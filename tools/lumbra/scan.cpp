@@ -49,12 +49,12 @@ class Scanner {
     for (; !Refused && Listing != fs::directory_iterator(); Listing.increment(Refused)) {
       pPending->push_back(Listing->path());
     }
-    if (Refused) Report(Folder, Refused.message());
+    if (Refused) Report(Folder, MessageOf(Refused));
     std::sort(pPending->begin() + static_cast<std::ptrdiff_t>(nBefore), pPending->end(), std::greater<>());
   }
 
   void RecordEntry(const fs::path& Path, const Entry& Found) {
-    const std::string Name = Path.string();
+    const std::string Name = TextOf(Path);
     if (host::ToUtf8(host::ToUtf16(Name)) != Name) Warn(Path, "its name is not UTF-8 and is recorded with U+FFFD");
     const std::uint32_t nType = Found.Kind == EntryKind::Folder ? typeFolder : typeFile;
     const Event Recorded{Found.nModified, 0, Found.nSize, static_cast<std::uint32_t>(Found.Kind), 0};
@@ -72,19 +72,13 @@ class Scanner {
 
   void Warn(const fs::path& Path, const std::string& Reason) const {
     EndProgress();
-    std::fprintf(stderr, "lumbra: %s: %s\n", Printable(Path.string()).c_str(), Reason.c_str());
+    std::fprintf(stderr, "lumbra: %s: %s\n", Printable(TextOf(Path)).c_str(), Reason.c_str());
   }
 
   Recorder* m_pRecorder;
   bool m_bShowsProgress;
   std::uint64_t m_nUnreadable = 0;
 };
-
-// The full path, without a separator at its end.
-fs::path FullPath(const std::string& Path) {
-  const fs::path Full = fs::absolute(PathOf(Path)).lexically_normal();
-  return Full.has_filename() || Full == Full.root_path() ? Full : Full.parent_path();
-}
 
 }  // namespace
 
@@ -96,7 +90,7 @@ int Scan(const CommonOptions& Common, const ScanOptions& Options) {
   Recorder Records(&Store, nDatabase);
   Scanner Walker(&Records);
   try {
-    for (const std::string& Path : Options.Paths) Walker.Walk(FullPath(Path));
+    for (const std::string& Path : Options.Paths) Walker.Walk(AbsolutePath(Path));
   } catch (const Failure&) {
     Walker.EndProgress();
     Records.PrintSummary();

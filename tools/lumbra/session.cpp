@@ -11,7 +11,7 @@
 namespace lumbra::tool {
 
 StoreFiles FilesOf(const CommonOptions& Options) {
-  const std::filesystem::path Folder = std::filesystem::absolute(PathOf(Options.Store)).lexically_normal();
+  const std::filesystem::path Folder = AbsolutePath(Options.Store);
   const std::string Text = Folder.generic_string();
   if (host::ToUtf8(host::ToUtf16(Text)) != Text || Text.find('\\') != std::string::npos) {
     throw Failure("open " + Options.Store, errPATH_NAME_INVALID, "the store's path must be UTF-8 without backslashes");

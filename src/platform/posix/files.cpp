@@ -188,6 +188,7 @@ std::int64_t CreationFileTime(const struct statx& Status) {
 
 SystemError Open(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t nShare, Disposition nDisposition,
                  std::uint32_t /*nFlags*/, FileHandle* pHandle) try {
+  if (nDisposition == Disposition::TruncateExisting && (nAccess & kGenericWrite) == 0) return kInvalidParameter;
   const std::string Native = NativePath(Path);
   const bool bCut = nDisposition == Disposition::CreateAlways || nDisposition == Disposition::TruncateExisting;
   const bool bShared = IsShared(nAccess, nShare);

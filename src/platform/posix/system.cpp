@@ -82,6 +82,19 @@ void CloseSemaphore(Semaphore* pSemaphore) {
 
 // ---- The calling thread -----------------------------------------------------------------------------------
 
+namespace {
+
+constinit thread_local void* t_pThreadPointer = nullptr;
+
+}  // namespace
+
+void* GetThreadPointer() {
+  return t_pThreadPointer;
+}
+void SetThreadPointer(void* pValue) {
+  t_pThreadPointer = pValue;
+}
+
 // Threads do not borrow identities here.
 SystemError SuspendImpersonation(void** ppToken) {
   *ppToken = nullptr;

@@ -48,6 +48,14 @@ SystemError SetSizeByPosition(FileHandle Handle, std::uint64_t nSize) {
   return nError == kSuccess ? MoveTo(Handle, nBefore) : nError;
 }
 
+// For some seconds after a file was deleted, one that is made under its name gets the creation time of the old one.
+// Databases have an age by that time: they must not inherit it.
+void SetCreatedNow(HANDLE Created) {
+  FILETIME Now{};
+  GetSystemTimeAsFileTime(&Now);
+  SetFileTime(Created, &Now, nullptr, nullptr);  // on a file system that keeps none there is none to be wrong
+}
+
 }  // namespace
 
 SystemError LastError() {
@@ -61,9 +69,12 @@ SystemError ErrorUnless(BOOL bDone) {
 
 SystemError Open(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t nShare, Disposition nDisposition,
                  std::uint32_t nFlags, FileHandle* pHandle) try {
+  const std::u16string Native = NativePath(Path);
   const HANDLE Opened =
-      CreateFileW(Wide(NativePath(Path)), nAccess, nShare, nullptr, static_cast<DWORD>(nDisposition), nFlags, nullptr);
+      CreateFileW(Wide(Native), nAccess, nShare, nullptr, static_cast<DWORD>(nDisposition), nFlags, nullptr);
   if (Opened == INVALID_HANDLE_VALUE) return LastError();
+  const bool bCreated = nDisposition == Disposition::OpenAlways && GetLastError() != ERROR_ALREADY_EXISTS;
+  if (bCreated && (nAccess & kGenericWrite) != 0) SetCreatedNow(Opened);
   *pHandle = reinterpret_cast<FileHandle>(Opened);
   return kSuccess;
 } catch (const std::bad_alloc&) {

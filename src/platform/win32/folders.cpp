@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <memory>
 
 #include "platform/win32/win32.h"
 
@@ -12,6 +11,7 @@ namespace {
 
 constexpr std::u16string_view kSeparators = u"\\/";
 constexpr std::u16string_view kLongPrefix = u"\\\\?\\";
+constexpr std::u16string_view kDevicePrefix = u"\\\\.\\";
 constexpr std::u16string_view kLongShare = u"\\\\?\\UNC\\";
 
 // Paths from this length on (that of a folder in which a file of the shortest name fits) only work in their long form.
@@ -30,7 +30,8 @@ std::size_t RootLength(std::u16string_view Path) {
     return nAt;
   };
   if (Path.starts_with(kLongShare)) return PastNames(kLongShare.size() - 1, 2);
-  if (Path.starts_with(kLongPrefix)) return std::min(PastNames(kLongPrefix.size() - 1, 1) + 1, Path.size());
+  const bool bPrefixed = Path.starts_with(kLongPrefix) || Path.starts_with(kDevicePrefix);
+  if (bPrefixed) return std::min(PastNames(kLongPrefix.size() - 1, 1) + 1, Path.size());
   if (Path.starts_with(u"\\\\")) return PastNames(1, 2);
   return std::min<std::size_t>(3, Path.size());
 }
@@ -48,11 +49,23 @@ SystemError FullPath(const std::u16string& Path, std::u16string* pFull) {
   }
 }
 
-struct SearchCloser {
-  using pointer = HANDLE;
-  void operator()(HANDLE Search) const { FindClose(Search); }
+// A search of the system; ends with it.
+class SystemSearch {
+ public:
+  SystemSearch(const std::u16string& Pattern, WIN32_FIND_DATAW* pFound)
+      : m_Handle(FindFirstFileExW(Wide(Pattern), FindExInfoStandard, pFound, FindExSearchNameMatch, nullptr, 0)) {}
+  ~SystemSearch() {
+    if (Found()) FindClose(m_Handle);
+  }
+  SystemSearch(const SystemSearch&) = delete;
+  SystemSearch& operator=(const SystemSearch&) = delete;
+
+  bool Found() const { return m_Handle != INVALID_HANDLE_VALUE; }
+  bool Next(WIN32_FIND_DATAW* pFound) const { return FindNextFileW(m_Handle, pFound) != FALSE; }
+
+ private:
+  HANDLE m_Handle;
 };
-using Search = std::unique_ptr<void, SearchCloser>;
 
 // The C runtime's search, whose handle is a number.
 class RuntimeSearch {
@@ -76,9 +89,12 @@ class RuntimeSearch {
 
 std::u16string NativePath(std::u16string_view Path) {
   std::u16string Native(Path);
-  if (Path.size() < kMaxShortPath) return Native;
-  std::u16string Long;
-  return MakeAbsolute(Path, &Long) == kSuccess ? Long : Native;
+  if (Path.starts_with(kLongPrefix) || Path.starts_with(kDevicePrefix)) return Native;
+  const bool bRelative = !Path.starts_with(u"\\\\") && Path.find(u':') == std::u16string_view::npos;
+  std::u16string Full;
+  if ((!bRelative && Path.size() < kMaxShortPath) || FullPath(Native, &Full) != kSuccess) return Native;
+  if (Full.size() < kMaxShortPath) return Native;
+  return Full.starts_with(u"\\\\") ? std::u16string(kLongShare) + Full.substr(2) : std::u16string(kLongPrefix) + Full;
 }
 
 // Shares and long paths are taken as they are. The others get the form that takes any length, which the system uses to
@@ -103,7 +119,8 @@ std::u16string_view ParentOf(std::u16string_view Absolute) {
 }
 
 SystemError IsFolder(std::u16string_view Path, bool* pbFolder) {
-  const DWORD nAttributes = GetFileAttributesW(Wide(NativePath(Path)));
+  const std::u16string Native = NativePath(Path);
+  const DWORD nAttributes = GetFileAttributesW(Wide(Native));
   if (nAttributes == INVALID_FILE_ATTRIBUTES) return LastError();
   *pbFolder = (nAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
   return kSuccess;
@@ -118,8 +135,9 @@ SearchScope::SearchScope() {}
 SearchScope::~SearchScope() {}
 
 SystemError FindFiles(std::u16string_view PathPattern, const std::function<bool(const FoundFile&)>& Visit) {
+  const std::u16string Pattern = NativePath(PathPattern);
   _wfinddata64_t Found{};
-  const RuntimeSearch Searching(NativePath(PathPattern), &Found);
+  const RuntimeSearch Searching(Pattern, &Found);
   if (!Searching.Found()) return errno == ENOENT ? kFileNotFound : kGeneralFailure;
   do {
     const bool bFolder = (Found.attrib & _A_SUBDIR) != 0;
@@ -131,14 +149,14 @@ SystemError FindFiles(std::u16string_view PathPattern, const std::function<bool(
 SystemError RemovePlainFiles(std::u16string_view Folder) {
   std::u16string Path(Folder);
   if (!IsSeparator(Path.back())) Path += u'\\';
+  const std::u16string Pattern = NativePath(Path + u'*');
   WIN32_FIND_DATAW Found{};
-  const Search Listing(
-      FindFirstFileExW(Wide(NativePath(Path + u'*')), FindExInfoStandard, &Found, FindExSearchNameMatch, nullptr, 0));
-  if (Listing.get() == INVALID_HANDLE_VALUE) return LastError();
+  const SystemSearch Listing(Pattern, &Found);
+  if (!Listing.Found()) return LastError();
   do {
     constexpr DWORD kNotPlain = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
     if ((Found.dwFileAttributes & kNotPlain) == 0) RemoveFile(Path + Utf16(Found.cFileName));
-  } while (FindNextFileW(Listing.get(), &Found));
+  } while (Listing.Next(&Found));
   const SystemError nError = LastError();
   return nError == ERROR_NO_MORE_FILES ? kSuccess : nError;
 }

@@ -70,6 +70,26 @@ void CloseSemaphore(Semaphore* pSemaphore) {
 
 // ---- The calling thread -----------------------------------------------------------------------------------
 
+namespace {
+
+// Given back when the module is unloaded.
+struct ThreadIndex {
+  const DWORD nIndex = TlsAlloc();
+  ~ThreadIndex() {
+    if (nIndex != TLS_OUT_OF_INDEXES) TlsFree(nIndex);
+  }
+};
+const ThreadIndex g_ThreadPointer;
+
+}  // namespace
+
+void* GetThreadPointer() {
+  return TlsGetValue(g_ThreadPointer.nIndex);  // null also without an index
+}
+void SetThreadPointer(void* pValue) {
+  TlsSetValue(g_ThreadPointer.nIndex, pValue);
+}
+
 SystemError SuspendImpersonation(void** ppToken) {
   constexpr DWORD kRights = TOKEN_DUPLICATE | TOKEN_IMPERSONATE | TOKEN_QUERY;
   HANDLE Token = nullptr;
