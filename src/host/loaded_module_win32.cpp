@@ -17,13 +17,14 @@ StandaloneHost::ModuleEntry EntryPointOf(HMODULE pModule) {
   return nEntry == 0 ? nullptr : reinterpret_cast<StandaloneHost::ModuleEntry>(const_cast<BYTE*>(pImage) + nEntry);
 }
 
-// The very file that was read. With its folder: a bare name would be looked for among the system's libraries. And with
-// a point in the name: to one without, the system adds ".dll".
+// The path by which the system loads the very file that was read. With its folder: a bare name would be looked for
+// among the system's libraries. And with a point in its name: to one without, the system adds ".dll". A point at the
+// end, which it takes away again, prevents that, but for paths that it takes to the letter: empty for those.
 std::wstring PathToLoad(const std::filesystem::path& Path) {
   std::wstring Full(GetFullPathNameW(Path.c_str(), 0, nullptr, nullptr), L'\0');
   Full.resize(GetFullPathNameW(Path.c_str(), static_cast<DWORD>(Full.size()), Full.data(), nullptr));
-  if (Full.find(L'.', Full.find_last_of(L'\\') + 1) == std::wstring::npos) Full += L'.';
-  return Full;
+  if (Full.find(L'.', Full.find_last_of(L'\\') + 1) != std::wstring::npos) return Full;
+  return Full.starts_with(L"\\\\?\\") ? std::wstring() : Full + L'.';
 }
 
 }  // namespace
@@ -34,7 +35,10 @@ void LoadedModule::Unloader::operator()(void* pModule) const {
 
 ModuleProblem LoadedModule::Load(const ModuleFile& File) {
   if (ModuleProblem Problem = WhyForeign(File)) return Problem;
-  const HMODULE pModule = LoadLibraryW(PathToLoad(File.Path).c_str());
+  const std::wstring Path = PathToLoad(File.Path);
+  if (Path.empty())
+    return {errPATH_NAME_INVALID, "cannot be loaded by a path of this form, for want of a point in its name"};
+  const HMODULE pModule = LoadLibraryW(Path.c_str());
   if (pModule == nullptr) {
     const auto nError = static_cast<int>(GetLastError());
     return {errMODULE_NOT_FOUND, "cannot be loaded: " + std::system_category().message(nError)};

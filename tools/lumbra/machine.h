@@ -28,6 +28,12 @@ std::string TextOf(const std::filesystem::path& Path);
 // The path made absolute, without "." and without a separator at its end.
 std::filesystem::path AbsolutePath(const std::string& Text);
 
+// Whether a folder can have this name, which holds no separator, and then has just this one.
+bool IsFolderName(const std::string& Name);
+
+// Whether one folder has both names.
+bool IsSameFolderName(const std::string& Name, const std::string& Other);
+
 // What an error of the system means, in UTF-8.
 std::string MessageOf(const std::error_code& Error);
 

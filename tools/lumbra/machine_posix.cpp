@@ -40,6 +40,14 @@ std::filesystem::path AbsolutePath(const std::string& Text) {
   return Full.has_filename() || Full == Full.root_path() ? Full : Full.parent_path();
 }
 
+bool IsFolderName(const std::string& /*Name*/) {
+  return true;
+}
+
+bool IsSameFolderName(const std::string& Name, const std::string& Other) {
+  return Name == Other;
+}
+
 std::string MessageOf(const std::error_code& Error) {
   return Error.message();
 }

@@ -91,6 +91,20 @@ std::filesystem::path AbsolutePath(const std::string& Text) {
   return Full;
 }
 
+// Points and blanks at the end are dropped by the system.
+bool IsFolderName(const std::string& Name) {
+  return Name.find_first_of("<>:\"|?*") == std::string::npos && !Name.ends_with('.') && !Name.ends_with(' ');
+}
+
+bool IsSameFolderName(const std::string& Name, const std::string& Other) {
+  const std::wstring One = PathOf(Name).native();
+  const std::wstring Two = PathOf(Other).native();
+  const auto Length = [](const std::wstring& Text) {
+    return static_cast<int>(Text.size());
+  };
+  return CompareStringOrdinal(One.c_str(), Length(One), Two.c_str(), Length(Two), TRUE) == CSTR_EQUAL;
+}
+
 // The library asks for the text in the system's code page.
 std::string MessageOf(const std::error_code& Error) {
   if (Error.category() != std::system_category()) return Error.message();

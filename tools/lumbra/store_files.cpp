@@ -69,6 +69,7 @@ std::optional<DatabaseName> ParseDatabaseName(const std::string& Text, std::stri
   if (std::any_of(Text.begin(), Text.end(), IsSeparatorOrControl)) {
     return Refuse("a name must not hold a separator or a control character");
   }
+  if (!IsFolderName(Text)) return Refuse("no folder can have this name");
   if (NumberOfFolder(Text)) return Refuse("the folder of that name belongs to a numbered database");
   const std::u16string Wide = host::ToUtf16(Text);
   if (host::ToUtf8(Wide) != Text) return Refuse("a name must be UTF-8");
@@ -146,8 +147,9 @@ bool StoreFiles::HasLostEvents(const DatabaseName& Database) const {
 std::optional<DatabaseName> StoreFiles::Namesake(const DatabaseName& Database) const {
   if (Database.Number || !Exists()) return {};
   for (const DatabaseName& Other : Databases()) {
-    const bool bAlike = !Other.Number && Other.Name != Database.Name && IndexKey(Other.Name) == IndexKey(Database.Name);
-    if (bAlike) return Other;
+    if (Other.Number || Other.Name == Database.Name) continue;
+    const bool bOneId = IndexKey(Other.Name) == IndexKey(Database.Name);
+    if (bOneId || IsSameFolderName(Other.Name, Database.Name)) return Other;
   }
   return {};
 }
