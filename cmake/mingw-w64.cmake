@@ -3,7 +3,8 @@ set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR ${LUMBRA_WINDOWS_CPU})
 set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES LUMBRA_WINDOWS_CPU)
 
-# The flavour whose threads the C++ library knows.
+# The flavour whose threads the C++ library knows. The test library's own project asks for a C compiler, too.
+set(CMAKE_C_COMPILER ${LUMBRA_WINDOWS_CPU}-w64-mingw32-gcc-posix)
 set(CMAKE_CXX_COMPILER ${LUMBRA_WINDOWS_CPU}-w64-mingw32-g++-posix)
 set(CMAKE_RC_COMPILER ${LUMBRA_WINDOWS_CPU}-w64-mingw32-windres)
 

@@ -1,8 +1,6 @@
 // Databases by number and by name, their limits and the limit on all of them.
 #include <gmock/gmock.h>
 
-#include <cerrno>
-
 #include "component/component_fixture.h"
 
 namespace lumbra::test {
@@ -34,7 +32,7 @@ TEST_F(DatabasesTest, KeepsTheIdsOfNames) {
   Expect({errOK, 49u, 1u, errOK, 0u}, {Open(), OpenNamed(u"second"), Records(49), ClearDb(49), Records(49)});
   EXPECT_FALSE(Exists("second/g_db_id_val.log"));
   EXPECT_CODE(errOK, SetLimit(49, limitSegmentEvents, 2));
-  FailCalls(SystemCall::Open, EIO);
+  FailCalls(SystemCall::Open, os::kIoDevice);
   Expect({true, 49u}, {Failed(ClearDb(49)), OpenNamed(u"second")});  // opened anew, with the limit it has
   Fill(49, 2);
   std::uint64_t nThird = 0;
@@ -64,10 +62,11 @@ TEST_F(DatabasesTest, HasIdsFor207Names) {
 
 // A name is handed out only once it is in the index file; otherwise it gets the same id at the next attempt.
 TEST_F(DatabasesTest, DoesNotKeepANameThatWasNotSaved) {
-  FailCalls(SystemCall::Write, EIO, 1);  // after the identity file; the output is untouched
+  FailCalls(SystemCall::Write, os::kIoDevice, 1);  // after the identity file; the output is untouched
   Expect({99u, static_cast<ResultCode>(0x8007045Du), errPARAMETER_INVALID}, {OpenNamed(u"a"), m_nLast, Add(49, 1)});
   Expect({49u, errOK}, {OpenNamed(u"a"), Add(49, 1)});
-  FailCalls(SystemCall::Open, EACCES, 4);  // "segments.dat", after the identity file; the id is told all the same
+  // A folder where a file should be, behind the identity file; the id is told all the same.
+  fs::create_directories(Folder() / "b/segments.dat");
   Expect({50u, errACCESS_DENIED, errPARAMETER_INVALID}, {OpenNamed(u"b"), m_nLast, Add(50, 1)});
 }
 

@@ -1,8 +1,4 @@
 // Events and objects through the operation table: ids, starts, parents, the alias, their traces and what they cost.
-#include <sys/syscall.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <functional>
 
 #include "component/component_fixture.h"
@@ -32,7 +28,7 @@ TEST_F(EventsObjectsTest, RefusesWhatIsWrong) {
   Expect({errNOT_SUPPORTED, errPARAMETER_INVALID}, {Add(0, 1), Add(200, 1)});
   EXPECT_EQ((Lines{"600 Lumbra::AddEvent Database - 0", "600 Lumbra::AddEvent Database - C8"}), TakeTrace());
   // The id is composed all the same.
-  Expect({errPARAMETER_INVALID, 5ul << 56}, {Call(&Ops::AddEvent, 5, nullptr, 16, &nId), nId});
+  Expect({errPARAMETER_INVALID, UINT64_C(5) << 56}, {Call(&Ops::AddEvent, 5, nullptr, 16, &nId), nId});
   EXPECT_EQ("500 AddEvent(5,16,500000000000000) = errPARAMETER_INVALID (0x80000046)", TakeTrace().back());
   Expect({errOK, errPARAMETER_INVALID}, {Add(5, 1), Call(&Ops::GetEvents, 5, 0, nullptr, 16, 1, nullptr, nullptr)});
   EXPECT_EQ("500 GetEvents(5,0,16,1,0) = errPARAMETER_INVALID (0x80000046)", TakeTrace().back());
@@ -42,7 +38,8 @@ TEST_F(EventsObjectsTest, RefusesWhatIsWrong) {
 TEST_F(EventsObjectsTest, GivesTheParentsOfTheirObjects) {
   const std::uint64_t nFile = Find(5, u"C:\\Dir\\file");
   const std::uint64_t nRoot = Find(5, u"C:", 1, typeDriveRoot);
-  for (const std::uint64_t nOf : {nFile, nRoot, Find(0, u"D:\\shared"), 0ul, WithDatabase(nFile, 200), nFile + 1000})
+  for (const std::uint64_t nOf :
+       {nFile, nRoot, Find(0, u"D:\\shared"), UINT64_C(0), WithDatabase(nFile, 200), nFile + 1000})
     ASSERT_CODE(errOK, Add(m_nNamed, 1, nOf));
   host::IdContainer Parents;
   std::uint32_t nRead = 0;
@@ -91,18 +88,18 @@ TEST_F(EventsObjectsTest, NamesComeBackThroughTheirIds) {
 
 // A thread of low priority works on objects at normal priority, and is what it was afterwards.
 TEST_F(EventsObjectsTest, WorksAtNormalPriority) {
-  const long nBefore = syscall(SYS_ioprio_get, 1, 0);
-  // Idle is found, set to normal and put back; normal is found alone.
-  for (const auto& [nPriority, nCalls] : {std::pair{3l << 13, 3u}, {(2l << 13) | 4, 1u}}) {
-    ASSERT_EQ(0, syscall(SYS_ioprio_set, 1, 0, nPriority));
+  const std::uint32_t nBefore = GetIoPriority();
+  // The lowest is found, set to normal and put back; normal is found alone.
+  for (const auto& [nPriority, nCalls] : {std::pair{kLowestIoPriority, 3u}, {kNormalIoPriority, 1u}}) {
+    SetIoPriority(nPriority);
     ResetSystem();
     Find(5, u"C:\\at priority " + std::u16string(nCalls, u'x'));
-    Expect({nCalls, nPriority}, {CallsOf(SystemCall::Priority), syscall(SYS_ioprio_get, 1, 0)});
+    Expect({nCalls, nPriority}, {CallsOf(SystemCall::Priority), GetIoPriority()});
   }
-  FailCalls(SystemCall::Priority, EPERM, 0, UINT64_MAX);
+  FailCalls(SystemCall::Priority, os::kAccessDenied, 0, UINT64_MAX);
   EXPECT_CODE(errOK, CodeOf(Find(5, u"C:\\whatever priority")));
   ResetSystem();
-  syscall(SYS_ioprio_set, 1, 0, nBefore);
+  SetIoPriority(nBefore);
 }
 
 // The road of each event: one size query and one write, and no memory; one read for fifty events, and nothing for an

@@ -1,6 +1,5 @@
 // Data of objects, enumeration and compaction through the operation table: codes, outputs, bytes on disk and traces, in
 // both check modes and over every feature set.
-#include <cerrno>
 #include <map>
 
 #include "component/component_fixture.h"
@@ -103,8 +102,9 @@ TEST_F(ObjectDataTest, ReadsWhatWasWritten) {
         std::uint32_t nSize = 0;
         Expect({nLength == 1 ? errOK : errBUFFER_TOO_SMALL, std::string(nLength, '?'), nLength},
                {Call(&Ops::GetObjectData, nId, Buffer.data(), nLength - 1, &nSize, kTag), Buffer, nSize});
-        Expect({errOK, Data, Line("GetObjectData(%llX,%p,%u,(nil),-2147483647)", nLocalId, Buffer.data(), nLength)},
-               {Call(&Ops::GetObjectData, nId, Buffer.data(), nLength, nullptr, kTag), Buffer, Outcomes().back()});
+        Expect(
+            {errOK, Data, Line("GetObjectData(%llX,%p,%u,%p,-2147483647)", nLocalId, Buffer.data(), nLength, nullptr)},
+            {Call(&Ops::GetObjectData, nId, Buffer.data(), nLength, nullptr, kTag), Buffer, Outcomes().back()});
       }
       Expect({Name(errNOT_FOUND), errOK, errPARAMETER_INVALID, errPARAMETER_INVALID, "eight"},
              {Get(nId, 8), Set(nId, 8, "eight"), Call(&Ops::SetObjectData, nId, "x", 0, 8),
@@ -256,7 +256,9 @@ TEST_F(ObjectDataTest, DamageMarksTheStore) {
     const std::uint64_t nId = Find(5, u"C:\\damaged");
     Expect({errOK, errOK}, {Set(nId, 7, "data"), Set(Find(5, u"C:\\sound"), 7, "sound")});
     // The key in the first object's entries, before name, block, entries.
-    Patch("05/00000001_objdt.dat", FileSize("05/00000001_objdt.dat") - 16 - 9 - 9 - 16, {6});
+    ASSERT_CODE(errOK,
+                OpenPatched("05/00000001_objdt.dat", FileSize("05/00000001_objdt.dat") - 16 - 9 - 9 - 16, {6}, 1));
+    ASSERT_CODE(errOK, InitDb(5));
     host::ByteBlob Blob(Bytes{1});
     const ResultCode nCode = nOperation == 0   ? Call(&Ops::GetObjectData, nId, nullptr, 0, &m_nNamed, 7)
                              : nOperation == 1 ? Set(nId, 7, "x")
@@ -288,7 +290,7 @@ TEST_F(ObjectDataTest, CompactsBesideTheLiveStore) {
               TakeTrace());
     EXPECT_LT(FileSize("g_objdtcompacted.dat"), FileSize("g_objdt.dat"));
     EXPECT_EQ(FileSize("g_objid.dat"), FileSize("g_objidcompacted.dat"));
-    FailCalls(SystemCall::WriteAt, ENOSPC, 20);
+    FailCalls(SystemCall::WriteAt, os::kDiskFull, 20);
     EXPECT_CODE(errWRITE_FAILED, Compact());
     EXPECT_EQ("300 Compact finished with error errWRITE_FAILED (0x800000CB)", TakeTrace().back());
     auto pHeld = OpenFile(u"g_objdtcompacted.dat");

@@ -1,16 +1,14 @@
 // What was acknowledged is there after every kind of end: a killed process, a full disk, no memory, failing
 // calls. Each test keeps its own record of what it was promised, and compares with what a new start finds.
-#include <signal.h>
-#include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
+#include <chrono>
+#include <fstream>
 #include <numeric>
 #include <random>
+#include <thread>
 
 #include "component/component_fixture.h"
+#include "support/run_again.h"
 
 namespace lumbra::test {
 namespace {
@@ -36,6 +34,15 @@ class RecoveryTest : public ComponentTest {
     return Succeeded(m_nLast) && Succeeded(Add(1, nNumber, nObject));
   }
 
+  // Adds events to the store in the current folder until it is killed. The size of the file tells how many are
+  // promised.
+  void PromiseUntilKilled(std::uint32_t nCheckMode) {
+    m_Host->SetPlaceholder(u"%Report%", fs::current_path().u16string());
+    ASSERT_CODE(errOK, OpenAll(nCheckMode));
+    std::ofstream Promised("promised", std::ios::binary | std::ios::app);
+    for (std::uint64_t n = fs::file_size("promised") + 1; AddNamed(n); ++n) Promised.put('.').flush();
+  }
+
   // Those of the promised numbers whose events are lost; the names of all events must be there, too.
   Ids Lost(Ids Promised) {
     const std::uint32_t nRecords = Records(1);
@@ -52,52 +59,50 @@ class RecoveryTest : public ComponentTest {
 };
 
 TEST_F(RecoveryTest, AKilledProcessLosesNothingItPromised) {
-  auto* const pPromised = static_cast<std::atomic<std::uint64_t>*>(
-      mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-  ASSERT_NE(MAP_FAILED, static_cast<void*>(pPromised));
+  if (const std::string CheckMode = HowRunAgain(); !CheckMode.empty()) {
+    return PromiseUntilKilled(CheckMode == "checked" ? 1 : 0);
+  }
   std::mt19937 Random(1);
   for (int nRound = 0; nRound < 24; ++nRound) {
     const std::uint32_t nCheckMode = nRound % 2;
-    Unload();
     if (nRound % 8 == 0) {
       StartAnew();
-      *pPromised = 0;
+      WriteFile("promised", {});
     }
-    const std::uint64_t nBefore = *pPromised;
-    const pid_t nChild = fork();
-    if (nChild == 0) {
-      Load();
-      if (Failed(OpenAll(nCheckMode))) _exit(1);
-      while (AddNamed(*pPromised + 1)) ++*pPromised;
-      _exit(2);
+    Unload();
+    const std::uint64_t nEnough = FileSize("promised") + 1 + Random() % 60;
+    {
+      Program Worker = RunAgain(Folder(), nCheckMode == 1 ? "checked" : "unchecked");
+      for (int i = 0; i < 30000 && FileSize("promised") < nEnough; ++i) {
+        std::this_thread::sleep_for(std::chrono::microseconds(500 + Random() % 500));
+      }
+      Worker.Kill();
+      ASSERT_EQ(Program::kKilled, Worker.Wait()) << ReadText("out");
     }
-    while (*pPromised < nBefore + 1 + Random() % 60) usleep(static_cast<useconds_t>(Random() % 300));
-    kill(nChild, SIGKILL);
-    int nStatus = 0;
-    waitpid(nChild, &nStatus, 0);
-    ASSERT_TRUE(WIFSIGNALED(nStatus)) << WEXITSTATUS(nStatus);
-
     Load();
     ASSERT_CODE(errOK, OpenAll(nCheckMode));
-    Ids Promised(*pPromised);
+    Ids Promised(FileSize("promised"));
     std::iota(Promised.begin(), Promised.end(), 1);
     ASSERT_EQ(Ids{}, Lost(Promised));
     // What may have been under way is not added again.
-    ASSERT_TRUE(AddNamed(++*pPromised)) << Name(m_nLast);
+    Promised.push_back(Promised.size() + 1);
+    ASSERT_TRUE(AddNamed(Promised.back())) << Name(m_nLast);
+    WriteFile("promised", Bytes(Promised.size(), '.'));
   }
-  munmap(pPromised, 4096);
 }
 
 TEST_F(RecoveryTest, FailingCallsLoseNothingThatWasPromised) {
   using enum SystemCall;
-  const std::pair<SystemCall, int> kFaults[] = {{WriteAt, ENOSPC},          {Size, EIO},    {ReadAt, EIO},
-                                                {SystemCall::Open, EMFILE}, {SetSize, EIO}, {Lock, EIO}};
-  for (const auto& [Failing, nErrno] : kFaults) {
+  const std::pair<SystemCall, os::SystemError> kFaults[] = {
+      {WriteAt, os::kDiskFull}, {Size, os::kIoDevice},
+      {ReadAt, os::kIoDevice},  {SystemCall::Open, os::kTooManyOpenFiles},
+      {SetSize, os::kIoDevice}, {Lock, os::kIoDevice}};
+  for (const auto& [Failing, nError] : kFaults) {
     for (std::uint64_t nSkip = 0; nSkip < 400; nSkip = nSkip * 3 / 2 + 1) {
       StartAnew();
       ASSERT_CODE(errOK, OpenAll(nSkip % 2));
       Ids Promised;
-      FailCalls(Failing, nErrno, nSkip, 1 + nSkip % 5);
+      FailCalls(Failing, nError, nSkip, 1 + nSkip % 5);
       for (std::uint64_t n = 1; n <= 50; ++n)
         if (AddNamed(n)) Promised.push_back(n);
       ResetSystem();

@@ -1,8 +1,6 @@
 // The index of named databases and the identity files: bytes, order, damage, and what is traced of it.
 #include "events/named_index.h"
 
-#include <cerrno>
-
 #include "platform/file.h"
 #include "support/system_calls.h"
 #include "support/world.h"
@@ -57,9 +55,9 @@ TEST_F(NamedIndexTest, StartsAnewWhereItIsMissingOrDamaged) {
 TEST_F(NamedIndexTest, AppendsNamesInOrderOrSaysWhyNot) {
   const std::string kLong(63, 'x');
   WriteFile("g_db_id.dat", FromHex(m_Signature));
-  FailCalls(SystemCall::Write, ENOSPC);
+  FailCalls(SystemCall::Write, os::kDiskFull);
   EXPECT_CODE(errOUT_OF_SPACE, SavePersistentIndex(m_Path, 0, "a"));
-  FailCalls(SystemCall::Sync, EIO);
+  FailCalls(SystemCall::Sync, os::kIoDevice);
   EXPECT_CODE(static_cast<ResultCode>(0x8007045Du), SavePersistentIndex(m_Path, 0, "a"));
   // What the failed attempts wrote does not stand in the way.
   EXPECT_CODE(errOK, SavePersistentIndex(m_Path, 0, "first"));
@@ -114,7 +112,7 @@ TEST_F(NamedIndexTest, ChecksIdentityFiles) {
   EXPECT_EQ((Lines{"300 TryReadDatabaseId: read index (5) from file is less, than minimum named db index (48)",
                    "350 TryReadDatabaseId: corrupted index file (" + kPath + ") content: none", kSaved[0], kSaved[1]}),
             Validate(49));
-  FailCalls(SystemCall::Open, EIO, 0, 2);
+  FailCalls(SystemCall::Open, os::kIoDevice, 0, 2);
   EXPECT_EQ("300 " + kAt + "assignedDatabaseId = 49, TrySaveDatabaseIndex failed", Validate(49).back());
 }
 

@@ -1,5 +1,4 @@
 // The segment manager: the chain of segments, its limits, reading across it, and damage to its header.
-#include <cerrno>
 #include <ranges>
 
 #include "events/lmb_smgr.h"
@@ -165,7 +164,7 @@ TEST_F(SegmentManagerTest, StartsAnewOnlyWhereItMust) {
   // Only what is known to be missing ends the chain: a failure that passes must not cost the segments behind it.
   for (const SystemCall Failing : {SystemCall::Look, SystemCall::ReadAt, SystemCall::Open}) {
     for (std::uint64_t nSkip = 0; nSkip < 16; ++nSkip) {
-      FailCalls(Failing, EIO, nSkip);
+      FailCalls(Failing, os::kIoDevice, nSkip);
       const ResultCode nCode = Restart();
       ResetSystem();
       ASSERT_CODE(errOK, Failed(nCode) ? Init() : nCode);
@@ -182,11 +181,12 @@ TEST_F(SegmentManagerTest, StartsAnewOnlyWhereItMust) {
 
   WriteFile("something", {1});
   EXPECT_CODE(errOK, m_pManager->Clear());
-  EXPECT_EQ((std::pair{1u, 0ul}), (std::pair{m_pManager->GetSegmentCount(), m_pManager->GetTotalEvents()}));
+  EXPECT_EQ((std::pair{1u, UINT64_C(0)}), (std::pair{m_pManager->GetSegmentCount(), m_pManager->GetTotalEvents()}));
   EXPECT_FALSE(Exists("something") || Exists("00000002_events.dat"));
   EXPECT_EQ(MakeObjectId(2, 0), Add(11));  // the limit is still there
   for (const char* const pHeader : {"", "5344424801000000", "58444248 01000000 04000000", "53444248 01000000 08000000",
                                     "53444248 63000000 04000000"}) {
+    m_pManager.reset();
     std::filesystem::remove(Folder() / "segments.dat");
     ASSERT_CODE(errOK, Restart());
     Add(5);
@@ -201,17 +201,18 @@ TEST_F(SegmentManagerTest, StartsAnewOnlyWhereItMust) {
 TEST_F(SegmentManagerTest, GoesOnWhenASegmentCannotBeStarted) {
   Fill(0, 10);
   m_pManager->SetDbMaxEvents(5);
-  FailCalls(SystemCall::Open, ENOSPC, 0, UINT64_MAX);
+  FailCalls(SystemCall::Open, os::kDiskFull, 0, UINT64_MAX);
   m_pManager->SetSegmentMaxEvents(10);
   EXPECT_EQ(MakeObjectId(1, 10), Add(1));
   ResetSystem();
-  FailCalls(SystemCall::WriteAt, ENOSPC, 6);  // the header, after those of the four new files and the root
+  FailCalls(SystemCall::WriteAt, os::kDiskFull, 6);  // the header, after those of the four new files and the root
   EXPECT_CODE(errWRITE_FAILED, m_pManager->CheckLimits(false));
   EXPECT_EQ("300 Failed step. Err: errWRITE_FAILED (0x800000CB)", TakeTrace(300).back());
   EXPECT_EQ(MakeObjectId(2, 0), Add(1));
   EXPECT_EQ(From(12, 1), Get(0, 0, 1));
 
   // There is none above the highest number.
+  m_pManager.reset();
   WriteFile("segments.dat", FromHex("53444248 efffff7f 04000000"));
   WriteFile("7FFFFFEF_events.dat", FromHex("504c44420c00000004000000 01000000"));
   WriteFile("7FFFFFF0_events.dat", FromHex("504c44420c00000004000000 01000000"));

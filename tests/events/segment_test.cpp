@@ -1,5 +1,4 @@
 // A segment: events, lazy opening, counts without opening, and what damage costs.
-#include <cerrno>
 
 #include "events/segment_fixture.h"
 #include "support/system_calls.h"
@@ -64,13 +63,12 @@ TEST_F(SegmentTest, FailsToOpenOnceForAll) {
     EXPECT_EQ(std::vector{"300 Failed step. Err: " + Code}, TakeTrace());
     for (const char* const pFile : kFiles) EXPECT_EQ(bKept, std::filesystem::exists(Folder() / pFile)) << Code << pFile;
   };
-  FailCalls(SystemCall::Open, EACCES);
+  FailCalls(SystemCall::Open, os::kAccessDenied);
   ExpectFailure("errACCESS_DENIED (0x80000045)", true);
-  FailCalls(SystemCall::Look, EIO, 1);  // behind the look of the start: the creation time of the open file
+  FailCalls(SystemCall::Look, os::kIoDevice, 1);  // behind the look of the start: the creation time of the open file
   ExpectFailure("errREAD_FAILED (0x800000CA)", true);
-  auto pHeld = OpenFile(u"00000003_objid.dat");  // as by a program that copies it
+  FailCalls(SystemCall::Open, os::kSharingViolation, 2);  // as while a program copies it
   ExpectFailure("errSHARING_VIOLATION (0x80010104)", true);
-  pHeld.reset();
   // A segment whose store is no store is gone with everything, and stays so.
   std::filesystem::remove(Folder() / "00000003_objid.dat");
   ExpectFailure("errPARAMETER_INVALID (0x80000046)", false);
@@ -84,7 +82,7 @@ TEST_F(SegmentTest, FailsToOpenOnceForAll) {
 TEST_F(SegmentTest, OutlivesAShortage) {
   for (std::uint64_t nSkip = 0; nSkip < 4; ++nSkip) {
     ASSERT_CODE(errOK, Start(Segment::Files::Existing));
-    FailCalls(SystemCall::Open, ENFILE, nSkip);
+    FailCalls(SystemCall::Open, os::kTooManyOpenFiles, nSkip);
     EXPECT_CODE(errOPEN_FAILED, Add(2)) << nSkip;
   }
   for (std::uint64_t nSkip = 0;; ++nSkip) {

@@ -33,9 +33,10 @@ TEST_F(HashTreeTest, SplitsWhereHashesPart) {
   EXPECT_EQ((std::vector{0x80000000u | 1040, 1u, 2u}), (std::vector{Slot(16, 1), Slot(1040, 1), Slot(1040, 2)}));
   EXPECT_EQ((std::vector{0x80000000u | 1104, 0x80000000u | 1168, 3u, 4u}),
             (std::vector{Slot(16, 2), Slot(1104, 0), Slot(1168, 0), Slot(1168, 1)}));
-  EXPECT_EQ((std::pair{0x80000000u | 1184, 1184 + 64 + 16 + 50 * 8ul}), (std::pair{Slot(16, 0xFF), FileSize("bt")}));
+  EXPECT_EQ((std::pair{0x80000000u | 1184, 1184 + 64 + 16 + 50 * UINT64_C(8)}),
+            (std::pair{Slot(16, 0xFF), FileSize("bt")}));
   Open(false);
-  EXPECT_EQ((std::vector{Id(1), Id(2), Id(3), Id(4), Id(5), Id(6), 0ul}),
+  EXPECT_EQ((std::vector{Id(1), Id(2), Id(3), Id(4), Id(5), Id(6), UINT64_C(0)}),
             (std::vector{Find(0x0101), Find(0x0201), Find(0x0002), Find(0x1002), Find(0xFF), Find(0x80000000000000FF),
                          Find(0x0301)}));
 }
@@ -73,7 +74,7 @@ TEST_F(HashTreeTest, MendsItsFileOrStartsAnew) {
     EXPECT_EQ(Told, TakeTrace()) << nOffset;
     const std::uint32_t nSize = bMended ? 2004 : 1044;
     EXPECT_EQ((std::pair{nSize, std::uint64_t{nSize}}), (std::pair{Slot(8, 0), FileSize("bt")})) << nOffset;
-    EXPECT_EQ(bMended ? (std::vector{Id(1), Id(1), Id(1)}) : (std::vector{0ul, Id(2), Id(2)}),
+    EXPECT_EQ(bMended ? (std::vector{Id(1), Id(1), Id(1)}) : (std::vector{UINT64_C(0), Id(2), Id(2)}),
               (std::vector{Find(0x0101), Create(0x0101, "x"), Find(0x0101)}))
         << nOffset;
   }
@@ -85,8 +86,9 @@ TEST_F(HashTreeTest, TiesNodesToTheirParents) {
     // A node of level 1 at 1044, below the root at 16, and one of level 2 at 1112, below it.
     Start(true, {{0x0101, "x"}, {0x0201, "x"}, {0x1101, "x"}}, "", pMagic);
     EXPECT_EQ(Crc32(nSeed, ReadFile("bt").data() + 1044, 64), Slot(1044, 16));
-    Patch("bt", 1044 + 4 * 1, {0x14, 0x04, 0, 0x80});  // leads to itself
     Bytes Content = ReadFile("bt");
+    const std::uint32_t nItself = 0x80000000 | 1044;
+    std::memcpy(Content.data() + 1044 + 4 * 1, &nItself, 4);
     const std::uint32_t nCrc = Crc32(nSeed, Content.data() + 1044, 64);
     std::memcpy(Content.data() + 1044 + 64, &nCrc, 4);
     Replace("bt", Content);
@@ -104,7 +106,7 @@ TEST_F(HashTreeTest, TellsDamageFromFailingReads) {
   ASSERT_CODE(errOK, Tree.Open(pFile.get(), {false, true, false}));
   std::uint32_t nShortId = 0;
   EXPECT_CODE(errOBJECT_NOT_FOUND, Tree.Find(0x07, &nShortId));
-  FailCalls(SystemCall::ReadAt, EIO);
+  FailCalls(SystemCall::ReadAt, os::kIoDevice);
   EXPECT_CODE(errREAD_FAILED, Tree.Find(0x0101, &nShortId));
   const HashTree::Place kRoot;
   for (const std::uint32_t nChild : {5000u, 8u, 16u}) {  // where the file has ended, in the header, in a circle
@@ -112,7 +114,7 @@ TEST_F(HashTreeTest, TellsDamageFromFailingReads) {
     EXPECT_CODE(errDATA_CORRUPTED, Tree.Find(0, &nShortId)) << nChild;
   }
   EXPECT_CODE(errPARAMETER_INVALID, Tree.Detach(kRoot, 0x05));
-  FailCalls(SystemCall::WriteAt, ENOSPC);
+  FailCalls(SystemCall::WriteAt, os::kDiskFull);
   EXPECT_CODE(errWRITE_FAILED, Tree.WriteSlot(kRoot, 0x07, 7));
   EXPECT_EQ(Names({errOBJECT_NOT_FOUND, errOK}), Names({Tree.Find(0x07, &nShortId), Tree.Find(0x0201, &nShortId)}));
   EXPECT_EQ(2u, nShortId);

@@ -19,6 +19,7 @@ class ObjectDbCheckTest : public ObjectDbTest {
 TEST_F(ObjectDbCheckTest, LooksAtNothingWithoutCrcs) {
   Start(false);
   CreateUpTo(2);
+  m_pDb.reset();
   Patch("dt", 4, {'?', '?'});
   std::filesystem::resize_file(Folder() / "id", FileSize("id") - 1);
   WriteFile("bt", {});
@@ -56,7 +57,7 @@ TEST_F(ObjectDbCheckTest, RefillsAnEmptyTree) {
   Start(true);
   CreateUpTo(500);
   Replace("bt", {});
-  FailCalls(SystemCall::WriteAt, ENOSPC, 700);
+  FailCalls(SystemCall::WriteAt, os::kDiskFull, 700);
   EXPECT_TRUE(Failed(m_pDb->RefillEmptyTree()));
   EXPECT_EQ(0u, Find(HashOf(1)));
   Open(true);

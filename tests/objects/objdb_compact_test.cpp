@@ -27,6 +27,7 @@ class ObjectDbCompactTest : public ObjectDbTest {
 
   // Puts the compacted pair in the place of the live one; the tree stays.
   void UseCompacted() {
+    m_pDb.reset();
     for (const std::string File : {"id", "dt"}) std::filesystem::rename(Folder() / ("new " + File), Folder() / File);
     TakeTrace();
     Open(true);
@@ -81,7 +82,8 @@ TEST_F(ObjectDbCompactTest, LeavesTheHolesOut) {
   for (const auto& [pMagic, nCrcs] : kSets) {
     Start(true, {}, "", pMagic);
     ASSERT_CODE(errOK, Compact());
-    EXPECT_EQ((std::pair{std::string(pMagic), 12ul}), (std::pair{ToHex(ReadFile("new dt")), FileSize("new id")}));
+    EXPECT_EQ((std::pair{std::string(pMagic), UINT64_C(12)}),
+              (std::pair{ToHex(ReadFile("new dt")), FileSize("new id")}));
     Fill(40);
     ASSERT_CODE(errOK, m_pDb->RemoveAllObjectData(Id(3)));
     TakeTrace();
@@ -140,7 +142,7 @@ TEST_F(ObjectDbCompactTest, LeavesDamageOut) {
       if (Damaged == partName) {
         Told.push_back(Mismatch("name", i, Live[i - 1].nName, "the object is marked as invalid"));
         const tODB_ID_ENTRY Left = Records()[i - 1];
-        EXPECT_EQ((std::tuple{UINT64_MAX, 5ul, 0, 0}),
+        EXPECT_EQ((std::tuple{UINT64_MAX, UINT64_C(5), 0, 0}),
                   (std::tuple{+Left.nObjectHash, +Left.nParentId, +Left.nNameSize, +Left.nDataEntriesCount}))
             << i;
         EXPECT_EQ(0u, Find(HashOf(i))) << i;
@@ -179,16 +181,16 @@ TEST_F(ObjectDbCompactTest, LeavesTheLiveStoreAlone) {
   Fill(12);
   ASSERT_CODE(errOK, SetData(Id(7), 9, std::string(5000, 'l')));
   const std::pair kFiles{ReadFile("id"), ReadFile("dt")};
-  const std::tuple<SystemCall, int, std::vector<ResultCode>> kFaults[] = {
-      {SystemCall::WriteAt, ENOSPC, {errOPEN_FAILED, errWRITE_FAILED}},
-      {SystemCall::ReadAt, EIO, {errOK, errREAD_FAILED}},
-      {SystemCall::Size, EIO, {errOK, errREAD_FAILED}},
-      {SystemCall::Sync, EIO, {errWRITE_FAILED}}};
-  for (const auto& [Failing, nErrno, Codes] : kFaults) {
+  const std::tuple<SystemCall, os::SystemError, std::vector<ResultCode>> kFaults[] = {
+      {SystemCall::WriteAt, os::kDiskFull, {errOPEN_FAILED, errWRITE_FAILED}},
+      {SystemCall::ReadAt, os::kIoDevice, {errOK, errREAD_FAILED}},
+      {SystemCall::Size, os::kIoDevice, {errOK, errREAD_FAILED}},
+      {SystemCall::Sync, os::kIoDevice, {errWRITE_FAILED}}};
+  for (const auto& [Failing, nError, Codes] : kFaults) {
     for (std::uint64_t nSkip = 0; nSkip < 70; ++nSkip) {
       const ResultCode nCode = Compact([&] {
         ResetSystem();
-        FailCalls(Failing, nErrno, nSkip);
+        FailCalls(Failing, nError, nSkip);
       });
       const bool bAllWell = CallsOf(Failing) <= nSkip;
       EXPECT_TRUE(bAllWell ? nCode == errOK : std::count(Codes.begin(), Codes.end(), nCode) == 1) << Name(nCode);

@@ -1,7 +1,6 @@
 // An object store over three files of the test's folder.
 #pragma once
 
-#include <cerrno>
 #include <cstring>
 #include <stdexcept>
 
@@ -29,6 +28,7 @@ class ObjectDbTest : public World {
     m_pDb.reset();
     m_pDb = std::make_unique<ObjectDB>(bCheckData);
     ObjectFiles Files{OpenFile(u"bt"), OpenFile(u"id"), OpenFile(u"dt")};
+    m_pDataFile = Files.pData.get();
     const ResultCode nCode = m_pDb->Open(kNumber, Files, Head);
     if (nCode != errOK) throw std::runtime_error("the store does not open: " + Name(nCode));
   }
@@ -36,6 +36,7 @@ class ObjectDbTest : public World {
   // A store of its own, with objects of these hashes and names, and with data under key 1 of the last one.
   void Start(bool bCheckData, const std::vector<std::pair<std::uint64_t, std::string>>& Objects = {},
              std::string_view Data = "", const char* pMagic = "") {
+    m_pDb.reset();
     for (const auto& [pFile, pHex] : {std::pair{"bt", ""}, {"id", ""}, {"dt", pMagic}}) WriteFile(pFile, FromHex(pHex));
     Open(bCheckData);
     std::uint32_t nShortId = 0;
@@ -45,6 +46,7 @@ class ObjectDbTest : public World {
 
   // The same store again, with another content of a file.
   void Replace(const char* pFile, const Bytes& Content) {
+    m_pDb.reset();
     WriteFile(pFile, Content);
     TakeTrace();
     Open(true);
@@ -52,9 +54,11 @@ class ObjectDbTest : public World {
 
   // The same with other bytes from an offset on; without any, the file ends there.
   void Damage(const char* pFile, std::size_t nOffset, const char* pHex) {
-    if (*pHex == '\0') std::filesystem::resize_file(Folder() / pFile, nOffset);
-    Patch(pFile, nOffset, FromHex(pHex));
-    Replace(pFile, ReadFile(pFile));
+    Bytes Content = ReadFile(pFile);
+    const Bytes Others = FromHex(pHex);
+    if (Others.empty()) Content.resize(nOffset);
+    std::copy(Others.begin(), Others.end(), Content.begin() + static_cast<std::ptrdiff_t>(nOffset));
+    Replace(pFile, Content);
   }
 
   static tObjectId Id(std::uint32_t nShortId) { return MakeObjectId(kNumber, nShortId); }
@@ -107,6 +111,7 @@ class ObjectDbTest : public World {
   }
 
   std::unique_ptr<ObjectDB> m_pDb;
+  StorageFile* m_pDataFile = nullptr;  // of the open store
   ResultCode m_nLast = errOK;
   bool m_bExisted = false;
 };

@@ -37,7 +37,7 @@ TEST_F(ObjectDbTest, ServesEveryFeatureSet) {
         EXPECT_EQ((Lines{Magic, "first", "second", "data", "more"}),
                   (Lines{ToHex(ReadFile("dt")).substr(0, Magic.size()), NameOf(Id(1)), NameOf(Id(2)), DataOf(Id(1), 1),
                          DataOf(Id(1), 2)}));
-        EXPECT_EQ((std::tuple{Id(2), 0x0201ul, FileSizes()}),
+        EXPECT_EQ((std::tuple{Id(2), UINT64_C(0x0201), FileSizes()}),
                   (std::tuple{Find(0x0201), m_pDb->GetObjectHash(Id(2)), m_pDb->GetSize()}));
         Open(!bCheckData);
       }
@@ -169,7 +169,7 @@ TEST_F(ObjectDbTest, ChecksEntriesWithoutCrcs) {
 // What a failed write left behind is stepped over, and does not look like damage later.
 TEST_F(ObjectDbTest, GoesOnBehindStrayBytes) {
   Start(true, {{0x0101, "one"}});
-  std::filesystem::resize_file(Folder() / "dt", FileSize("dt") + 50);
+  ASSERT_TRUE(m_pDataFile->SetSize(FileSize("dt") + 50));
   ASSERT_EQ(Id(2), Create(0x0201, "two"));
   EXPECT_EQ(FileSizes(), m_pDb->GetSize());
   EXPECT_CODE(errOK, m_pDb->FastConsistencyCheck());
@@ -180,7 +180,7 @@ TEST_F(ObjectDbTest, ForcesItsWayThroughABrokenNode) {
   Damage("bt", 1044 + 4, "ff");  // the node of the first two
   EXPECT_CODE(errDATA_CORRUPTED, CodeOf(Create(0x0101, "one")));
   EXPECT_EQ(Id(4), Create(0x0101, "one", true));
-  EXPECT_EQ((std::vector{Id(4), 0ul, Id(3)}), (std::vector{Find(0x0101), Find(0x0201), Find(0x0002)}));
+  EXPECT_EQ((std::vector{Id(4), UINT64_C(0), Id(3)}), (std::vector{Find(0x0101), Find(0x0201), Find(0x0002)}));
   // An object that is there is replaced.
   EXPECT_EQ((std::vector{Id(5), Id(5)}), (std::vector{Create(0x0101, "one", true), Find(0x0101)}));
 }
@@ -192,7 +192,7 @@ TEST_F(ObjectDbTest, LosesNothingToAFullDisk) {
     bool bAllDone = false;
     for (std::uint64_t nSkip = 0; !bAllDone && !HasFatalFailure(); ++nSkip) {
       Start(bCheckData, {{0x0101, "one"}}, "old");
-      FailCalls(SystemCall::WriteAt, ENOSPC, nSkip, UINT64_MAX);
+      FailCalls(SystemCall::WriteAt, os::kDiskFull, nSkip, UINT64_MAX);
       const bool bSet = Succeeded(SetData(Id(1), 1, "a longer block"));
       const bool bAdded = Succeeded(SetData(Id(1), 2, "2"));
       const bool bCreated = Create(0x0201, "two") != 0;

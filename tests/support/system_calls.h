@@ -1,10 +1,11 @@
 // The boundary to the operating system and to the heap, as tests see it: calls are counted, made to fail or
-// come up short, and the clock is set. The linker leads every call of the code under test here (--wrap), so
-// that production code carries no hooks.
+// come up short, and the clock is set. Every call of the code under test is led here, by the linker (--wrap) on posix
+// and by the program's own table of imports on Windows, so that production code carries no hooks.
 #pragma once
 
-#include <cerrno>
 #include <cstdint>
+
+#include "platform/os.h"
 
 namespace lumbra::test {
 
@@ -14,18 +15,27 @@ enum class SystemCall {
   Write,
   ReadAt,
   WriteAt,
-  Seek,
+  Seek,  // on Windows those that lead to a ReadAt or WriteAt can fail as well, but do not count
   Size,  // of an open file
   SetSize,
   Sync,
-  Lock,
+  Lock,  // posix alone
   Look,  // at a file by its name
   Remove,
   MakeFolder,
-  Priority,  // of the thread's input and output
-  Wait,      // on a semaphore
+  Priority,      // of the thread's input and output
+  Wait,          // on a semaphore
+  Token,         // of a thread that impersonates; Windows alone
+  FindFunction,  // of a module, by its name; Windows alone
   Count_
 };
+
+// What the first flush of a new file costs: its folder is synced as well, where the system does that.
+#ifdef _WIN32
+inline constexpr std::uint64_t kSyncsOfANewFile = 1;
+#else
+inline constexpr std::uint64_t kSyncsOfANewFile = 2;
+#endif
 
 // Undoes what the last test set, and counts from 0.
 void ResetSystem();
@@ -33,16 +43,25 @@ void ResetSystem();
 std::uint64_t CallsOf(SystemCall Call);
 std::uint64_t AllCalls();
 
-// Lets nSkip calls pass and then makes nTimes of them fail with an errno value.
-void FailCalls(SystemCall Call, int nErrno, std::uint64_t nSkip = 0, std::uint64_t nTimes = 1);
+// Lets nSkip calls pass and then makes nTimes of them fail with an error, or with a number of the system's own (on
+// posix an errno value).
+void FailCalls(SystemCall Call, os::SystemError nError, std::uint64_t nSkip = 0, std::uint64_t nTimes = 1);
+void FailCallsNatively(SystemCall Call, int nNative, std::uint64_t nSkip = 0, std::uint64_t nTimes = 1);
 
-// Makes every read and write move half of what is asked for, at least a byte, and be interrupted every other
+// Makes every read and write move half of what is asked for, at least a byte; and on posix be interrupted every other
 // time.
 void MakeTransfersRagged(bool bRagged);
 
 // Sets the clock to a time in seconds since 1970; 0 gives it back to the system.
 void SetClock(std::int64_t nSeconds);
 std::int64_t SystemClock();  // what it shows without us, in seconds since 1970
+
+// The I/O priority of the calling thread, as the system's own number. On Windows, where Wine knows of none, all threads
+// of the test program share one that is kept here.
+extern const std::uint32_t kNormalIoPriority;
+extern const std::uint32_t kLowestIoPriority;
+std::uint32_t GetIoPriority();
+void SetIoPriority(std::uint32_t nPriority);
 
 // Allocations of the code under test, by operator new and by malloc.
 std::uint64_t Allocations();

@@ -1,8 +1,8 @@
 #include "support/world.h"
 
-#include <cstdlib>
 #include <fstream>
 #include <mutex>
+#include <random>
 
 #include "host/trace_format.h"
 #include "platform/trace.h"
@@ -57,9 +57,10 @@ void NoteTraceLine(std::uint32_t nLevel, std::string_view Line) {
 }
 
 World::World() {
-  std::string Pattern = (fs::temp_directory_path() / "lumbra-test-XXXXXX").string();
-  if (mkdtemp(Pattern.data()) == nullptr) throw std::runtime_error("no folder for a test");
-  m_Folder = Pattern;
+  std::random_device Random;
+  do {
+    m_Folder = fs::temp_directory_path() / ("lumbra-test-" + std::to_string(Random()));
+  } while (!fs::create_directory(m_Folder));
   ResetSystem();
   g_Lines.clear();
   SetTraceSink(&Capture);
@@ -69,7 +70,9 @@ World::World() {
 World::~World() {
   SetTraceSink(nullptr);
   ResetSystem();
-  fs::remove_all(m_Folder);
+  std::error_code Failure;
+  fs::remove_all(m_Folder, Failure);
+  EXPECT_FALSE(Failure) << Failure.message();  // on Windows also when a file has been left open
 }
 
 std::string World::ReadText(const fs::path& Name) const {
@@ -80,7 +83,9 @@ std::string World::ReadText(const fs::path& Name) const {
 
 void World::WriteFile(const fs::path& Name, const Bytes& Content) const {
   fs::create_directories((m_Folder / Name).parent_path());
-  std::ofstream(m_Folder / Name, std::ios::binary) << std::string(Content.begin(), Content.end());
+  std::ofstream File(m_Folder / Name, std::ios::binary);
+  File << std::string(Content.begin(), Content.end());
+  EXPECT_TRUE(File.flush()) << Name;
 }
 
 void World::Patch(const fs::path& Name, std::size_t nOffset, const Bytes& Content) const {

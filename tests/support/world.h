@@ -47,6 +47,7 @@ class World : public ::testing::Test, public StorageOwner {
     const std::string Text = ReadText(Name);
     return Bytes(Text.begin(), Text.end());
   }
+  // Puts a file in the folder; the store must not have it open, which Windows would not allow.
   void WriteFile(const fs::path& Name, const Bytes& Content) const;
   std::uint64_t FileSize(const fs::path& Name) const { return fs::file_size(m_Folder / Name); }
   // Changes bytes in place, from an offset on.

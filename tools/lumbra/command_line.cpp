@@ -223,6 +223,7 @@ void AddStoreCommands(CLI::App* pApp, Request* pRequest) {
 std::function<int()> ParseCommandLine(const std::vector<std::string>& Arguments) {
   CLI::App App("Records events about files and other named objects, and shows them again.", "lumbra");
   App.require_subcommand(1);
+  App.allow_windows_style_options(false);  // names may begin with '/' on every system
   App.set_version_flag("--version", "lumbra " LUMBRA_VERSION);
   App.fallthrough();  // the common options may stand behind a command, too
   const auto pRequest = std::make_shared<Request>();

@@ -3,6 +3,7 @@
 #include <type_traits>
 
 #include "platform/posix/posix.h"
+#include "platform/upper_case_table.h"
 
 namespace lumbra::os {
 namespace {
@@ -127,6 +128,11 @@ std::uint32_t WideToUtf8(const char16_t* pText, std::uint32_t nUnits, char* pBuf
 std::uint32_t Utf8ToWide(const char* pText, std::uint32_t nBytes, char16_t* pBuffer, std::uint32_t nUnits) {
   if (pBuffer == nullptr && nUnits != 0) return 0;
   return Convert(pText, nBytes, pBuffer, nUnits);
+}
+
+std::uint32_t UpperCase(char16_t* pText, std::uint32_t nUnits) {
+  for (std::uint32_t i = 0; i < nUnits; ++i) pText[i] = UpperCaseByTable(pText[i]);
+  return nUnits;
 }
 
 std::string NativePath(std::u16string_view Path) {

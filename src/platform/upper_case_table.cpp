@@ -1,14 +1,9 @@
-// Upper-casing of UTF-16 units, the same on every machine and in every locale: hashes on disk depend on it.
-//
-// The table holds the single-unit mappings whose lower-case form leads back to where they started, and the final sigma,
-// as the platform service of the original systems has them. So the micro sign, the dotless i and the long s stay as
-// they are, and no unit ever becomes two.
+#include "platform/upper_case_table.h"
+
 #include <algorithm>
 #include <iterator>
 
-#include "platform/os.h"
-
-namespace lumbra::os {
+namespace lumbra {
 namespace {
 
 // Every nStep-th unit from nFirst to nLast is upper-cased by adding nDelta.
@@ -19,7 +14,9 @@ struct Run {
   int nDelta;
 };
 
-// Sorted, without overlaps.
+// The table holds the single-unit mappings whose lower-case form leads back to where they started, and the final sigma,
+// as the platform service of the original systems has them. So the micro sign, the dotless i and the long s stay as
+// they are, and no unit ever becomes two. Sorted, without overlaps.
 constexpr Run kRuns[] = {
     {0x0061, 0x007A, 1, -32},    {0x00E0, 0x00F6, 1, -32},    {0x00F8, 0x00FE, 1, -32},   {0x00FF, 0x00FF, 1, 121},
     {0x0101, 0x012F, 2, -1},     {0x0133, 0x0137, 2, -1},     {0x013A, 0x0148, 2, -1},    {0x014B, 0x0177, 2, -1},
@@ -65,7 +62,9 @@ constexpr Run kRuns[] = {
     {0xFF41, 0xFF5A, 1, -32},
 };
 
-char16_t Upper(char16_t c) {
+}  // namespace
+
+char16_t UpperCaseByTable(char16_t c) {
   if (c < 0x80) return c >= u'a' && c <= u'z' ? static_cast<char16_t>(c - 0x20) : c;
   const Run* const pRun = std::upper_bound(std::begin(kRuns), std::end(kRuns), c,
                                            [](char16_t nUnit, const Run& Known) { return nUnit <= Known.nLast; });
@@ -73,11 +72,4 @@ char16_t Upper(char16_t c) {
   return bInRun ? static_cast<char16_t>(c + pRun->nDelta) : c;
 }
 
-}  // namespace
-
-std::uint32_t UpperCase(char16_t* pText, std::uint32_t nUnits) {
-  for (std::uint32_t i = 0; i < nUnits; ++i) pText[i] = Upper(pText[i]);
-  return nUnits;
-}
-
-}  // namespace lumbra::os
+}  // namespace lumbra

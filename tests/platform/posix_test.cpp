@@ -1,0 +1,75 @@
+// What is posix's own: errno values, interrupted calls, links, names with a backslash, and the limit of descriptors.
+#include <sys/resource.h>
+
+#include <cerrno>
+
+#include "platform/file.h"
+#include "support/system_calls.h"
+#include "support/world.h"
+
+namespace lumbra::test {
+namespace {
+
+using PosixTest = World;
+
+TEST_F(PosixTest, GoesOnAfterInterruptedAndPartialTransfers) {
+  const auto pFile = OpenFile(u"a");
+  MakeTransfersRagged(true);
+  Bytes Data(1000);
+  for (std::size_t i = 0; i < Data.size(); ++i) Data[i] = static_cast<std::uint8_t>(i * 7);
+  std::uint32_t nDone = 9;
+  EXPECT_TRUE(pFile->SeekWrite(3, Data.data(), 1000, &nDone));
+  EXPECT_EQ(1000u, nDone);
+  Bytes Found(1001);
+  EXPECT_TRUE(pFile->SeekRead(3, Found.data(), 1001, &nDone));
+  Found.resize(nDone);
+  EXPECT_EQ(Data, Found);
+}
+
+TEST_F(PosixTest, ErrnoValuesBecomeCodes) {
+  const auto pFile = OpenFile(u"a");
+  const std::tuple<int, os::SystemError, ResultCode> kCases[] = {
+      {ENOSPC, 112, errOUT_OF_SPACE},
+      {EDQUOT, 112, errOUT_OF_SPACE},
+      {EACCES, 5, errACCESS_DENIED},
+      {ENOMEM, 8, errOUT_OF_MEMORY},
+      {EINVAL, 87, errPARAMETER_INVALID},
+      {EPROTO, 31, errUNSPECIFIED},
+      {EIO, 1117, static_cast<ResultCode>(0x8007045Du)},
+  };
+  for (const auto& [nErrno, nError, nCode] : kCases) {
+    FailCallsNatively(SystemCall::WriteAt, nErrno);
+    EXPECT_FALSE(pFile->SeekWrite(0, "x", 1, nullptr));
+    EXPECT_EQ(nError, pFile->LastSystemError());
+    EXPECT_CODE(nCode, pFile->LastResult());
+  }
+}
+
+TEST_F(PosixTest, FollowsLinksAndDeletesNone) {
+  fs::create_symlink("none/x", Folder() / "nowhere");
+  fs::create_symlink("made", Folder() / "link");
+  EXPECT_CODE(errFILE_NOT_FOUND, File().OpenWithFlags(Path("nowhere"), fileRead, openAlways));
+  EXPECT_CODE(errOK, File().OpenWithFlags(Path("link"), fileRead | fileWrite, openAlways));
+  EXPECT_EQ(0u, FileSize("made"));
+  WriteFile("back\\slash", {});
+  EXPECT_CODE(errOK, m_Environment.DeleteFiles(u"*.*", 0));
+  EXPECT_FALSE(fs::exists(Folder() / "made") || fs::exists(Folder() / "back\\slash"));
+  EXPECT_TRUE(fs::is_symlink(Folder() / "link") && fs::is_symlink(Folder() / "nowhere"));
+}
+
+// A segment's four files take four descriptors; hundreds of open segments are more than the usual limit.
+TEST_F(PosixTest, LiftsTheDescriptorLimitOnce) {
+  rlimit Limit{};
+  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &Limit));
+  Limit.rlim_cur = Limit.rlim_max - 1;
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &Limit));
+  FailCallsNatively(SystemCall::Open, EMFILE);
+  EXPECT_NE(nullptr, OpenFile(u"a"));
+  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &Limit));
+  EXPECT_EQ(Limit.rlim_max, Limit.rlim_cur);
+  FailCallsNatively(SystemCall::Open, EMFILE, 0, 2);
+  EXPECT_CODE(static_cast<ResultCode>(0x80070004u), File().OpenWithFlags(Path("b"), fileWrite, createNew));
+}
+
+}  // namespace
+}  // namespace lumbra::test

@@ -1,0 +1,71 @@
+#include <windows.h>
+// Behind it, what builds on it.
+#include "support/run_program.h"
+
+namespace lumbra::test {
+namespace {
+
+std::wstring Wide(const std::string& Text) {
+  return std::filesystem::path(std::u8string(Text.begin(), Text.end())).wstring();
+}
+
+// In the quotes that CommandLineToArgvW takes off again: backslashes count only in front of a quote.
+std::wstring Quoted(const std::wstring& Argument) {
+  std::wstring Result = L"\"";
+  std::size_t nBackslashes = 0;
+  for (const wchar_t c : Argument + L'"') {
+    if (c == L'"') Result.append(nBackslashes, L'\\');
+    nBackslashes = c == L'\\' ? nBackslashes + 1 : 0;
+    if (c == L'"') Result += L'\\';
+    Result += c;
+  }
+  Result.erase(Result.size() - 2, 1);  // the closing quote is none of the argument's
+  return Result;
+}
+
+HANDLE OpenStream(const std::filesystem::path& File, DWORD nDisposition) {
+  SECURITY_ATTRIBUTES Inherited{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+  constexpr DWORD kAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+  return CreateFileW(File.c_str(), GENERIC_READ | GENERIC_WRITE, kAll, &Inherited, nDisposition, 0, nullptr);
+}
+
+}  // namespace
+
+Program::Program(const std::filesystem::path& Folder, const Arguments& What, const Environment& Beside)
+    : m_nProcess(0) {
+  std::wstring Line;
+  for (const std::string& One : What) Line += Quoted(Wide(One)) + L' ';
+  for (const auto& [Name, Value] : Beside) SetEnvironmentVariableW(Wide(Name).c_str(), Wide(Value).c_str());
+  STARTUPINFOW Start{};
+  Start.cb = sizeof(Start);
+  Start.dwFlags = STARTF_USESTDHANDLES;
+  Start.hStdInput = OpenStream(Folder / "in", OPEN_ALWAYS);
+  Start.hStdOutput = OpenStream(Folder / "out", CREATE_ALWAYS);
+  Start.hStdError = OpenStream(Folder / "err", CREATE_ALWAYS);
+  PROCESS_INFORMATION Started{};
+  if (CreateProcessW(nullptr, Line.data(), nullptr, nullptr, TRUE, 0, nullptr, Folder.c_str(), &Start, &Started)) {
+    m_nProcess = reinterpret_cast<std::intptr_t>(Started.hProcess);
+    CloseHandle(Started.hThread);
+  }
+  for (const HANDLE Stream : {Start.hStdInput, Start.hStdOutput, Start.hStdError}) CloseHandle(Stream);
+  for (const auto& [Name, Value] : Beside) SetEnvironmentVariableW(Wide(Name).c_str(), nullptr);
+}
+
+int Program::Wait() {
+  if (m_nProcess == 0) return m_nStatus;
+  const auto Process = reinterpret_cast<HANDLE>(m_nProcess);
+  WaitForSingleObject(Process, INFINITE);
+  DWORD nStatus = 0;
+  GetExitCodeProcess(Process, &nStatus);
+  CloseHandle(Process);
+  m_nProcess = 0;
+  return m_nStatus = static_cast<int>(nStatus);
+}
+
+void Program::Kill() {
+  if (m_nProcess == 0) return;
+  TerminateProcess(reinterpret_cast<HANDLE>(m_nProcess), kKilled);
+  Wait();
+}
+
+}  // namespace lumbra::test

@@ -1,0 +1,228 @@
+// Detours in the table through which this program reaches the functions that it imports: the system's own are kept, and
+// ours stand in their place. What the libraries of the system call among themselves does not come by here.
+#include <windows.h>
+// Behind it, what builds on it.
+#include <io.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <span>
+
+#include "support/gauges.h"
+
+namespace lumbra::test {
+namespace {
+
+bool Fails(SystemCall Call) {
+  const int nError = CountCall(Call);
+  if (nError != 0) SetLastError(static_cast<DWORD>(nError));
+  return nError != 0;
+}
+
+// The C runtime's functions tell their errors otherwise.
+bool FailsInRuntime(SystemCall Call) {
+  const int nError = CountCall(Call);
+  const bool bMissing = nError == ERROR_FILE_NOT_FOUND || nError == ERROR_PATH_NOT_FOUND;
+  if (nError != 0) errno = bMissing ? ENOENT : nError == ERROR_NOT_ENOUGH_MEMORY ? ENOMEM : EINVAL;
+  return nError != 0;
+}
+
+// And so do those on threads: by a status, here the one that stands for the error.
+LONG StatusOf(SystemCall Call) {
+  const int nError = CountCall(Call);
+  return nError == 0 ? 0 : static_cast<LONG>(0x80070000u | static_cast<unsigned>(nError));
+}
+
+// A seek from the start and the transfer that follows it on its thread are one transfer at an offset. In a slot of the
+// system's, since the compiler's thread_local allocates.
+const DWORD g_nSoughtFile = TlsAlloc();
+
+SystemCall Transfer(HANDLE File, SystemCall Plain, SystemCall AtOffset) {
+  const bool bAtOffset = TlsGetValue(g_nSoughtFile) == File;
+  if (bAtOffset) ForgetCall(SystemCall::Seek);
+  TlsSetValue(g_nSoughtFile, nullptr);
+  return bAtOffset ? AtOffset : Plain;
+}
+
+DWORD Shortened(DWORD nSize) {
+  return TransfersAreRagged() ? (nSize + 1) / 2 : nSize;
+}
+
+#define DETOUR(type, name, parameters, arguments, bFails, failed) \
+  decltype(&::name) g_p##name;                                    \
+  type Our##name parameters {                                     \
+    return (bFails) ? failed : g_p##name arguments;               \
+  }
+#define CALL(name, parameters, arguments, call) \
+  DETOUR(BOOL WINAPI, name, parameters, arguments, Fails(SystemCall::call), FALSE)
+
+DETOUR(HANDLE WINAPI, CreateFileW, (LPCWSTR p, DWORD a, DWORD s, SECURITY_ATTRIBUTES* t, DWORD d, DWORD f, HANDLE h),
+       (p, a, s, t, d, f, h), Fails(SystemCall::Open), INVALID_HANDLE_VALUE)
+DETOUR(BOOL WINAPI, ReadFile, (HANDLE f, void* p, DWORD n, DWORD* d, OVERLAPPED* o), (f, p, Shortened(n), d, o),
+       Fails(Transfer(f, SystemCall::Read, SystemCall::ReadAt)), FALSE)
+DETOUR(BOOL WINAPI, WriteFile, (HANDLE f, const void* p, DWORD n, DWORD* d, OVERLAPPED* o), (f, p, Shortened(n), d, o),
+       Fails(Transfer(f, SystemCall::Write, SystemCall::WriteAt)), FALSE)
+CALL(GetFileSizeEx, (HANDLE f, LARGE_INTEGER* n), (f, n), Size)
+CALL(SetEndOfFile, (HANDLE f), (f), SetSize)
+CALL(SetFileInformationByHandle, (HANDLE f, FILE_INFO_BY_HANDLE_CLASS c, void* p, DWORD n), (f, c, p, n), SetSize)
+CALL(FlushFileBuffers, (HANDLE f), (f), Sync)
+CALL(GetFileTime, (HANDLE f, FILETIME* c, FILETIME* a, FILETIME* w), (f, c, a, w), Look)
+CALL(DeleteFileW, (LPCWSTR p), (p), Remove)
+CALL(CreateDirectoryW, (LPCWSTR p, SECURITY_ATTRIBUTES* a), (p, a), MakeFolder)
+CALL(OpenThreadToken, (HANDLE h, DWORD a, BOOL s, HANDLE* t), (h, a, s, t), Token)
+DETOUR(DWORD WINAPI, GetFileAttributesW, (LPCWSTR p), (p), Fails(SystemCall::Look), INVALID_FILE_ATTRIBUTES)
+DETOUR(DWORD WINAPI, WaitForSingleObjectEx, (HANDLE h, DWORD n, BOOL a), (h, n, a), Fails(SystemCall::Wait),
+       GetLastError() == os::kWaitAbandoned ? WAIT_ABANDONED : WAIT_FAILED)
+DETOUR(std::intptr_t, _wfindfirst64, (const wchar_t* p, _wfinddata64_t* d), (p, d), FailsInRuntime(SystemCall::Look),
+       -1)
+DETOUR(int, _wfindnext64, (std::intptr_t h, _wfinddata64_t* d), (h, d), FailsInRuntime(SystemCall::Look), -1)
+DETOUR(int, _wsopen, (const wchar_t* p, int f, int s, int m), (p, f, s, m), FailsInRuntime(SystemCall::Look), -1)
+DETOUR(void*, malloc, (std::size_t n), (n), CountAllocation(), nullptr)
+DETOUR(void*, calloc, (std::size_t c, std::size_t n), (c, n), CountAllocation(), nullptr)
+
+decltype(&::SetFilePointerEx) g_pSetFilePointerEx;
+BOOL WINAPI OurSetFilePointerEx(HANDLE f, LARGE_INTEGER n, LARGE_INTEGER* p, DWORD o) {
+  TlsSetValue(g_nSoughtFile, o == FILE_BEGIN ? f : nullptr);
+  return Fails(SystemCall::Seek) ? FALSE : g_pSetFilePointerEx(f, n, p, o);
+}
+
+decltype(&::GetSystemTimeAsFileTime) g_pGetSystemTimeAsFileTime;
+std::uint64_t TimeOfSystem() {
+  FILETIME Now{};
+  g_pGetSystemTimeAsFileTime(&Now);
+  return std::uint64_t{Now.dwHighDateTime} << 32 | Now.dwLowDateTime;
+}
+constexpr std::int64_t kSecondsTo1970 = 11644473600;
+constexpr std::int64_t kUnitsPerSecond = 10000000;
+void WINAPI OurGetSystemTimeAsFileTime(FILETIME* pTime) {
+  const std::int64_t nUnits = (ClockOfTest() + kSecondsTo1970) * kUnitsPerSecond;
+  const std::uint64_t nNow = ClockOfTest() == 0 ? TimeOfSystem() : static_cast<std::uint64_t>(nUnits);
+  *pTime = {static_cast<DWORD>(nNow), static_cast<DWORD>(nNow >> 32)};
+}
+
+std::atomic<ULONG> g_nIoPriority{2};
+LONG WINAPI OurNtQueryInformationThread(HANDLE, int, void* pPriority, ULONG, ULONG*) {
+  const LONG nStatus = StatusOf(SystemCall::Priority);
+  if (nStatus >= 0) *static_cast<ULONG*>(pPriority) = g_nIoPriority;
+  return nStatus;
+}
+LONG WINAPI OurNtSetInformationThread(HANDLE, int, void* pPriority, ULONG) {
+  const LONG nStatus = StatusOf(SystemCall::Priority);
+  if (nStatus >= 0) g_nIoPriority = *static_cast<ULONG*>(pPriority);
+  return nStatus;
+}
+
+FARPROC WINAPI OurGetProcAddress(HMODULE Module, LPCSTR pName);
+decltype(&::GetProcAddress) g_pGetProcAddress;
+
+struct Detour {
+  const char* pName;
+  void* pOurs;
+  void** ppSystems;
+};
+#define ENTRY(name) \
+  { #name, reinterpret_cast < void*>(&Our##name), reinterpret_cast < void**>(&g_p##name) }
+const Detour kImported[] = {
+    ENTRY(CreateFileW),
+    ENTRY(ReadFile),
+    ENTRY(WriteFile),
+    ENTRY(SetFilePointerEx),
+    ENTRY(GetFileSizeEx),
+    ENTRY(SetEndOfFile),
+    ENTRY(FlushFileBuffers),
+    ENTRY(GetFileTime),
+    ENTRY(DeleteFileW),
+    ENTRY(CreateDirectoryW),
+    ENTRY(OpenThreadToken),
+    ENTRY(GetFileAttributesW),
+    ENTRY(WaitForSingleObjectEx),
+    ENTRY(GetSystemTimeAsFileTime),
+    ENTRY(GetProcAddress),
+    ENTRY(_wfindfirst64),
+    ENTRY(_wfindnext64),
+    ENTRY(_wsopen),
+    ENTRY(malloc),
+    ENTRY(calloc),
+};
+void* g_pUnused;  // of the functions that are replaced as a whole
+const Detour kLookedUp[] = {
+    ENTRY(SetFileInformationByHandle),
+    {"NtQueryInformationThread", reinterpret_cast<void*>(&OurNtQueryInformationThread), &g_pUnused},
+    {"NtSetInformationThread", reinterpret_cast<void*>(&OurNtSetInformationThread), &g_pUnused},
+};
+
+const Detour* FindDetour(std::span<const Detour> Detours, const char* pName) {
+  const auto Found =
+      std::ranges::find_if(Detours, [pName](const Detour& One) { return std::strcmp(One.pName, pName) == 0; });
+  return Found == Detours.end() ? nullptr : &*Found;
+}
+
+FARPROC WINAPI OurGetProcAddress(HMODULE Module, LPCSTR pName) {
+  if (Fails(SystemCall::FindFunction)) return nullptr;
+  const FARPROC pSystems = g_pGetProcAddress(Module, pName);
+  const bool bByNumber = reinterpret_cast<std::uintptr_t>(pName) <= 0xFFFF;
+  const Detour* const pDetour = bByNumber ? nullptr : FindDetour(kLookedUp, pName);
+  if (pDetour == nullptr) return pSystems;
+  *pDetour->ppSystems = reinterpret_cast<void*>(pSystems);
+  return reinterpret_cast<FARPROC>(pDetour->pOurs);
+}
+
+template <class Record>
+Record* AtOffset(DWORD nOffset) {
+  return reinterpret_cast<Record*>(reinterpret_cast<std::byte*>(GetModuleHandleW(nullptr)) + nOffset);
+}
+
+void Exchange(void** ppEntry, const Detour& Here) {
+  DWORD nProtection = 0;
+  VirtualProtect(ppEntry, sizeof(*ppEntry), PAGE_READWRITE, &nProtection);
+  *Here.ppSystems = *ppEntry;
+  *ppEntry = Here.pOurs;
+  VirtualProtect(ppEntry, sizeof(*ppEntry), nProtection, &nProtection);
+}
+
+// One table for each module that something is imported from: names, and beside them the functions.
+bool ExchangeImports() {
+  const auto* const pHeaders = AtOffset<IMAGE_NT_HEADERS>(static_cast<DWORD>(AtOffset<IMAGE_DOS_HEADER>(0)->e_lfanew));
+  const IMAGE_DATA_DIRECTORY& Directory = pHeaders->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
+  for (const auto* pModule = AtOffset<IMAGE_IMPORT_DESCRIPTOR>(Directory.VirtualAddress); pModule->Name != 0;
+       ++pModule) {
+    const auto* pName = AtOffset<IMAGE_THUNK_DATA>(pModule->OriginalFirstThunk);
+    auto* pFunction = AtOffset<void*>(pModule->FirstThunk);
+    for (; pName->u1.AddressOfData != 0; ++pName, ++pFunction) {
+      if (IMAGE_SNAP_BY_ORDINAL(pName->u1.Ordinal)) continue;
+      const auto* const pText = AtOffset<IMAGE_IMPORT_BY_NAME>(static_cast<DWORD>(pName->u1.AddressOfData))->Name;
+      const Detour* const pDetour = FindDetour(kImported, reinterpret_cast<const char*>(pText));
+      if (pDetour != nullptr) Exchange(pFunction, *pDetour);
+    }
+  }
+  return true;
+}
+[[maybe_unused]] const bool g_bExchanged = ExchangeImports();
+
+}  // namespace
+
+int NativeError(os::SystemError nError) {
+  return static_cast<int>(nError);
+}
+
+std::uintptr_t CurrentThread() {
+  return GetCurrentThreadId();
+}
+
+std::int64_t SystemClock() {
+  return static_cast<std::int64_t>(TimeOfSystem()) / kUnitsPerSecond - kSecondsTo1970;
+}
+
+const std::uint32_t kNormalIoPriority = 2;
+const std::uint32_t kLowestIoPriority = 0;
+std::uint32_t GetIoPriority() {
+  return g_nIoPriority;
+}
+void SetIoPriority(std::uint32_t nPriority) {
+  g_nIoPriority = nPriority;
+}
+
+}  // namespace lumbra::test
