@@ -10,5 +10,11 @@ case $preset in
   *) "$here/scripts/setup.sh" ;;
 esac
 "$here/scripts/build.sh" "$preset"
+case $preset in
+  windows-*)
+    trap '"$here/scripts/wine.sh" --stop' EXIT
+    "$here/scripts/wine.sh" --start
+    ;;
+esac
 cd "$here"
 ctest --preset "$preset" -j "$(nproc)"

@@ -11,6 +11,8 @@ scripts/build.sh windows-x86
 
 tests/systems/modules.sh build/release/src/module/liblumbra.so \
   build/windows-x86-64/src/module/lumbra.dll build/windows-x86/src/module/lumbra.dll
+trap 'scripts/wine.sh --stop' EXIT
+scripts/wine.sh --start
 linux=$PWD/build/release windows=$PWD/build/windows-x86-64
 tests/systems/one_store.sh "$linux/tools/lumbra/lumbra --module $linux/src/module/liblumbra.so" \
   "$PWD/scripts/wine.sh $windows/tools/lumbra/lumbra.exe --module $windows/src/module/lumbra.dll"

@@ -173,7 +173,12 @@ TEST_F(ModuleTest, KnowsTheRootFromLoadToUnload) {
   ASSERT_EQ(1, Load());
   LumbraInstance* const pInstance = m_Host.Make(kSeparateInstance);
   m_Host.TakeCalls();
-  for (const std::uint32_t nReason : {0u, 1u, 2u, 3u, 99u, 102u, 0xFFFFFFFFu}) {
+#ifdef _WIN32  // where 0 and 1 are the system's to say: they end and start the runtime that surrounds the entry
+  const auto kOthers = {2u, 3u, 99u, 102u, 0xFFFFFFFFu};
+#else
+  const auto kOthers = {0u, 1u, 2u, 3u, 99u, 102u, 0xFFFFFFFFu};
+#endif
+  for (const std::uint32_t nReason : kOthers) {
     EXPECT_EQ(1, Enter(nReason, pNowhere, pNowhere)) << nReason;
     EXPECT_EQ(1, Enter(nReason, nullptr, nullptr)) << nReason;
   }

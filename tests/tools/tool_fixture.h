@@ -14,6 +14,8 @@
 namespace lumbra::test {
 
 using nlohmann::json;
+using ::testing::AnyOf;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 

@@ -191,10 +191,10 @@ TEST_F(ToolTest, SaysWhatFailed) {
 
 TEST_F(ToolTest, RunsOnAModule) {
   const std::string Shown = Run("module " LUMBRA_MODULE);
-  EXPECT_THAT(Shown, ::testing::ContainsRegex("format +(ELF|PE)\nmachine +[^\n]+\nplug-in id +0xBF8E\n"
-                                              "interface id +0xBF8C\ninterface constant +1\n"
-                                              "interface comment +\"Lumbra\"\n"
-                                              "MD5 +59648ed64ec20fef4cc565fc8dcee677\n$"));
+  EXPECT_THAT(Shown, AnyOf(HasSubstr("format              ELF\n"), HasSubstr("format              PE\n")));
+  EXPECT_THAT(Shown,
+              EndsWith("plug-in id          0xBF8E\ninterface id        0xBF8C\ninterface constant  1\n"
+                       "interface comment   \"Lumbra\"\nMD5                 59648ed64ec20fef4cc565fc8dcee677\n"));
   Run("record --db 1 --module " LUMBRA_MODULE, 0, "{'name':'a'}");
   Run("record --db 1", 0, "{'name':'b'}");
   EXPECT_EQ(json({"a", "b"}), Names("1 --module " LUMBRA_MODULE));
@@ -213,8 +213,8 @@ TEST_F(ToolTest, RunsOnAModule) {
       static_cast<std::uint8_t>(Whole[0x3C]) + std::size_t{256} * static_cast<std::uint8_t>(Whole[0x3D]);
   Patch("module", Whole.starts_with("MZ") ? nHeader + 4 : 18, {0x34, 0x12});
   EXPECT_EQ("", Run("info --module module", 1));
-  EXPECT_THAT(ReadText("err"),
-              ::testing::ContainsRegex("load module: errNOT_SUPPORTED .0x80000042.: is for (ELF|PE) on 0x1234, "));
+  EXPECT_THAT(ReadText("err"), StartsWith("lumbra: load module: errNOT_SUPPORTED (0x80000042): is for "));
+  EXPECT_THAT(ReadText("err"), HasSubstr(" on 0x1234, this program for "));
   Patch("module", Whole.find("\"Lumbra\""), {'?'});
   EXPECT_EQ("", FailsToLoad("errDATA_CORRUPTED (0x800000D8): its metadata is damaged (MD5)"));
   EXPECT_EQ("", Run("module module", 1));
