@@ -256,8 +256,8 @@ TEST_F(ObjectDataTest, DamageMarksTheStore) {
     const std::uint64_t nId = Find(5, u"C:\\damaged");
     Expect({errOK, errOK}, {Set(nId, 7, "data"), Set(Find(5, u"C:\\sound"), 7, "sound")});
     // The key in the first object's entries, before name, block, entries.
-    ASSERT_CODE(errOK,
-                OpenPatched("05/00000001_objdt.dat", FileSize("05/00000001_objdt.dat") - 16 - 9 - 9 - 16, {6}, 1));
+    const std::size_t nKey = ReadFile("05/00000001_objdt.dat").size() - 16 - 9 - 9 - 16;
+    ASSERT_CODE(errOK, OpenPatched("05/00000001_objdt.dat", nKey, {6}, 1));
     ASSERT_CODE(errOK, InitDb(5));
     host::ByteBlob Blob(Bytes{1});
     const ResultCode nCode = nOperation == 0   ? Call(&Ops::GetObjectData, nId, nullptr, 0, &m_nNamed, 7)

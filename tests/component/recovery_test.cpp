@@ -81,7 +81,7 @@ TEST_F(RecoveryTest, AKilledProcessLosesNothingItPromised) {
     }
     Load();
     ASSERT_CODE(errOK, OpenAll(nCheckMode));
-    Ids Promised(FileSize("promised"));
+    Ids Promised(ReadFile("promised").size());
     std::iota(Promised.begin(), Promised.end(), 1);
     ASSERT_EQ(Ids{}, Lost(Promised));
     // What may have been under way is not added again.

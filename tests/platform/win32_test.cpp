@@ -1,1 +1,232 @@
+// What is Windows' own: functions that not every version has, identities that a thread borrows, and paths.
+#include <windows.h>
+// Behind it, what builds on it.
+#include <gmock/gmock.h>
+
+#include "platform/exception.h"
+#include "platform/file.h"
+#include "platform/folders.h"
+#include "platform/io_priority.h"
+#include "platform/rw_lock.h"
+#include "support/run_again.h"
+#include "support/system_calls.h"
 #include "support/world.h"
+
+namespace lumbra::test {
+namespace {
+
+constexpr auto kDiskFails = static_cast<ResultCode>(0x8007045Du);
+constexpr os::SystemError kNoSuchFunction = 127;
+
+class Win32Test : public World {
+ protected:
+  // Whether this process has not asked the system for anything yet. Where it has, the test runs again in one that has
+  // not, and must succeed there.
+  bool IsFresh() {
+    if (!HowRunAgain().empty()) return true;
+    EXPECT_EQ(0, RunAgain(Folder(), "fresh").Wait()) << ReadText("out");
+    return false;
+  }
+};
+
+// Without the function that sets a file's size, the end is set where the position is, which is put back afterwards.
+TEST_F(Win32Test, SetsSizesWhereTheFunctionForItIsMissing) {
+  if (!IsFresh()) return;
+  FailCalls(SystemCall::FindFunction, kNoSuchFunction, 0, UINT64_MAX);
+  WriteFile("a", Bytes(8, 1));
+  File Opened;
+  ASSERT_CODE(errOK, Opened.OpenWithFlags(Path("a"), fileRead | fileWrite, openExisting));
+  std::uint64_t nPosition = 0;
+  // How many calls go well before one fails; what comes of it, and where the position is then.
+  const std::tuple<SystemCall, std::uint64_t, ResultCode, std::uint64_t> kSteps[] = {
+      {SystemCall::Seek, 3, errOK, 5},
+      {SystemCall::Seek, 0, kDiskFails, 5},
+      {SystemCall::Seek, 1, kDiskFails, 5},
+      {SystemCall::SetSize, 0, kDiskFails, 3},
+      {SystemCall::Seek, 2, kDiskFails, 3}};
+  for (const auto& [Failing, nSkip, nCode, nReached] : kSteps) {
+    ASSERT_CODE(errOK, Opened.SetSize(20));
+    EXPECT_EQ(20u, FileSize("a"));
+    ASSERT_CODE(errOK, Opened.Seek(0, 5, nullptr));
+    FailCalls(Failing, os::kIoDevice, nSkip);
+    EXPECT_CODE(nCode, Opened.SetSize(3)) << nSkip;
+    EXPECT_EQ(nCode == errOK || nSkip == 2 ? 3u : 20u, FileSize("a")) << nSkip;
+    FailCalls(Failing, os::kIoDevice, UINT64_MAX);
+    ASSERT_CODE(errOK, Opened.Seek(1, 0, &nPosition));
+    EXPECT_EQ(nReached, nPosition) << nSkip;
+  }
+  EXPECT_EQ(1u, CallsOf(SystemCall::FindFunction));  // once for all
+}
+
+// The functions for it come from a module by their names, and are looked for until all are there.
+TEST_F(Win32Test, GuardsThePriorityOnceItCan) {
+  if (!IsFresh()) return;
+  const auto pFile = OpenFile(u"a");
+  const auto CallsOfGuard = [&] {
+    SetIoPriority(kLowestIoPriority);
+    const std::uint64_t nBefore = CallsOf(SystemCall::Priority);
+    std::uint32_t nMeanwhile = 0;
+    {
+      const IoPriorityGuard Guard;
+      EXPECT_TRUE(pFile->SeekWrite(0, "x", 1, nullptr));
+      nMeanwhile = GetIoPriority();
+    }
+    EXPECT_EQ(kLowestIoPriority, GetIoPriority());
+    return std::pair{CallsOf(SystemCall::Priority) - nBefore, nMeanwhile};
+  };
+  const std::pair kUnguarded{UINT64_C(0), kLowestIoPriority};
+  for (const std::uint64_t nMissing : {0, 1, 2}) {
+    FailCalls(SystemCall::FindFunction, kNoSuchFunction, nMissing);
+    EXPECT_EQ(kUnguarded, CallsOfGuard()) << nMissing;
+  }
+  FailCalls(SystemCall::FindFunction, kNoSuchFunction, 0, 3);
+  os::IoPriority Found{};
+  EXPECT_EQ(os::kNotSupported, os::QueryIoPriority(&Found));
+  EXPECT_EQ((std::pair{UINT64_C(3), kNormalIoPriority}), CallsOfGuard());
+  // A query that fails leaves things alone; what could not be set is put back all the same.
+  FailCalls(SystemCall::Priority, os::kAccessDenied);
+  EXPECT_EQ((std::pair{UINT64_C(1), kLowestIoPriority}), CallsOfGuard());
+  FailCalls(SystemCall::Priority, os::kAccessDenied, 1);
+  EXPECT_EQ((std::pair{UINT64_C(3), kLowestIoPriority}), CallsOfGuard());
+  FailCalls(SystemCall::Priority, os::kAccessDenied);
+  EXPECT_EQ(os::kAccessDenied, os::QueryIoPriority(&Found));
+}
+
+TEST_F(Win32Test, TellsAnAbandonedWait) {
+  ReaderWriterLock Lock;
+  ASSERT_CODE(errOK, Lock.Create());
+  Lock.LockExclusive();
+  FailCalls(SystemCall::Wait, os::kWaitAbandoned);
+  using Failure = ulo::CheckResultFailedException;
+  EXPECT_THAT([&Lock] { Lock.LockShared(); },
+              testing::Throws<Failure>(testing::Property(&Failure::Code, errWAIT_ABANDONED)));
+  EXPECT_EQ(0x80010106u, static_cast<std::uint32_t>(errWAIT_ABANDONED));
+}
+
+// The token that the thread acts under in place of the process's, by its number; 0 for none.
+std::uint64_t BorrowedToken() {
+  HANDLE Token = nullptr;
+  if (!OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &Token)) return 0;
+  TOKEN_STATISTICS Found{};
+  DWORD nSize = 0;
+  EXPECT_TRUE(GetTokenInformation(Token, TokenStatistics, &Found, sizeof(Found), &nSize));
+  CloseHandle(Token);
+  return static_cast<std::uint64_t>(Found.TokenId.HighPart) << 32 | Found.TokenId.LowPart;
+}
+std::uint64_t g_nTokenAtOpen = 0;
+
+TEST_F(Win32Test, OpensFilesUnderTheIdentityOfTheProcess) {
+  ASSERT_TRUE(ImpersonateSelf(SecurityImpersonation));
+  const std::uint64_t nBorrowed = BorrowedToken();
+  ASSERT_NE(0u, nBorrowed);
+  std::unique_ptr<StorageFile> pFile;
+  for (const auto& [bCreate, nCode] : {std::pair{false, errOBJECT_NOT_FOUND}, {true, errOK}}) {
+    g_nTokenAtOpen = 99;
+    WatchOpen([] { g_nTokenAtOpen = BorrowedToken(); });
+    EXPECT_CODE(nCode, m_Environment.OpenFile(u"a", 0, bCreate, true, &pFile));
+    EXPECT_EQ((std::pair{UINT64_C(0), nBorrowed}), (std::pair{g_nTokenAtOpen, BorrowedToken()}));
+  }
+  const std::uint64_t nOpened = CallsOf(SystemCall::Open);
+  FailCalls(SystemCall::Token, os::kAccessDenied);
+  using Failure = ulo::CheckResultFailedException;
+  EXPECT_THAT([&] { m_Environment.OpenFile(u"b", 0, true, true, &pFile); },
+              testing::Throws<Failure>(testing::Property(&Failure::Code, errACCESS_DENIED)));
+  EXPECT_EQ((std::pair{nOpened, nBorrowed}), (std::pair{CallsOf(SystemCall::Open), BorrowedToken()}));
+  RevertToSelf();
+}
+
+class Win32PathTest : public Win32Test {
+ protected:
+  Win32PathTest() { fs::current_path(Folder()); }
+  ~Win32PathTest() override {
+    fs::current_path(m_Before);
+    // The library finds no way to these.
+    const fs::path Deep = u"\\\\?\\" + m_Deep;
+    for (const fs::path& Made : {Deep / "z", Deep, Deep.parent_path()}) RemoveDirectoryW(Made.c_str());
+  }
+
+  const fs::path m_Before = fs::current_path();
+  const std::u16string m_Deep = WideFolder() + u"\\" + std::u16string(150, u'x') + u"\\" + std::u16string(150, u'y');
+};
+
+TEST_F(Win32PathTest, CreatesFolders) {
+  WriteFile("file", {});
+  const std::pair<std::vector<std::u16string>, ResultCode> kCases[] = {
+      {{u"a/b\\c", u"a\\b/", u".\\a\\..\\d\\\\", WideFolder() + u"/e\\f//", u"\\\\?\\" + WideFolder() + u"\\g\\", u"."},
+       errOK},
+      {{m_Deep, m_Deep + u"\\z\\"}, errOK},
+      {{u"C:\\", u"C:/", u"C:", u"\\\\?\\C:\\"}, errOK},
+      {{u"Q:\\", u"Q:/a\\b", u"\\\\?\\Q:\\a"}, errPATH_NOT_FOUND},
+      {{u"file", u"file\\x\\y", WideFolder() + u"/file"}, errPATH_NAME_INVALID}};
+  for (const auto& [Paths, nCode] : kCases) {
+    for (const std::u16string& Wanted : Paths) EXPECT_CODE(nCode, CreateDirectories(Wanted)) << fs::path(Wanted);
+  }
+  for (const char* const pFolder : {"a/b/c", "d", "e/f", "g"})
+    EXPECT_TRUE(fs::is_directory(Folder() / pFolder)) << pFolder;
+  EXPECT_TRUE(fs::is_directory(u"\\\\?\\" + m_Deep + u"\\z"));
+}
+
+TEST_F(Win32PathTest, OpensMeasuresAndDeletesFilesInEveryFolder) {
+  constexpr std::uint64_t kSecond = 10000000;
+  for (const std::u16string& Where : std::vector<std::u16string>{u"a", u"a/b\\", WideFolder() + u"\\c/", m_Deep}) {
+    SCOPED_TRACE(fs::path(Where));
+    ASSERT_TRUE(m_Environment.Init(this, Where.c_str(), FolderContent::Keep, false));
+    std::unique_ptr<StorageFile> pFile;
+    ASSERT_CODE(errOK, m_Environment.OpenFile(u"events.dat", 5, true, true, &pFile));
+    ASSERT_TRUE(pFile->SetSize(7));
+    std::uint64_t nTime = 0;
+    std::uint64_t nCreated = 0;
+    std::uint64_t nSize = 0;
+    ASSERT_TRUE(pFile->GetCreationTime(&nTime));
+    EXPECT_CODE(errOK, m_Environment.GetFileCreationTime(u"ev?nts.*", 5, &nCreated));
+    EXPECT_EQ(nTime - nTime % kSecond, nCreated);
+    m_bExactSizes = !m_bExactSizes;
+    EXPECT_CODE(errOK, m_Environment.GetFileSize(u"*.dat", 5, &nSize));  // while it is held open
+    EXPECT_EQ(7u, nSize);
+    EXPECT_CODE(errNOT_FOUND, m_Environment.GetFileSize(u"*.dat", 6, &nSize));
+    for (const std::uint32_t nId : {5, 0}) {
+      m_Environment.DeleteFiles(u"*.*", nId);  // what is held stays
+      EXPECT_CODE(errOK, m_Environment.GetFileSize(u"events.dat", 5, &nSize));
+    }
+    pFile.reset();
+    m_Environment.DeleteFiles(u"*.*", 0);
+    EXPECT_CODE(errNOT_FOUND, m_Environment.GetFileSize(u"events.dat", 5, &nSize));
+  }
+}
+
+// A file that another program holds: whoever reads here lets others read, and has none write.
+TEST_F(Win32Test, RespectsWhatOthersHold) {
+  constexpr DWORD kAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+  WriteFile("a", {1});
+  // What another holds it for and shares; what comes of opening it for reading, and for writing, too.
+  const std::tuple<DWORD, DWORD, ResultCode, ResultCode> kHolders[] = {
+      {GENERIC_READ, kAll, errOK, errOK},
+      {GENERIC_READ, FILE_SHARE_READ, errOK, errSHARING_VIOLATION},
+      {GENERIC_READ, 0, errSHARING_VIOLATION, errSHARING_VIOLATION},
+      {GENERIC_WRITE, kAll, errSHARING_VIOLATION, errSHARING_VIOLATION},
+  };
+  for (const auto& [nAccess, nShare, nReading, nWriting] : kHolders) {
+    const HANDLE Holder = CreateFileW((Folder() / "a").c_str(), nAccess, nShare, nullptr, OPEN_EXISTING, 0, nullptr);
+    ASSERT_NE(INVALID_HANDLE_VALUE, Holder);
+    std::unique_ptr<StorageFile> pFile;
+    EXPECT_CODE(nReading, m_Environment.OpenFile(u"a", 0, true, false, &pFile)) << nAccess << ' ' << nShare;
+    pFile.reset();
+    EXPECT_CODE(nWriting, m_Environment.OpenFile(u"a", 0, true, true, &pFile)) << nAccess << ' ' << nShare;
+    CloseHandle(Holder);
+  }
+}
+
+// The system moves all or fails; should it not, the count tells.
+TEST_F(Win32Test, CountsWhatCameUpShort) {
+  const auto pFile = OpenFile(u"a");
+  MakeTransfersRagged(true);
+  char Data[8] = "1234567";
+  std::uint32_t nDone = 0;
+  EXPECT_TRUE(pFile->SeekWrite(0, Data, 8, &nDone));
+  EXPECT_EQ((std::pair{4u, UINT64_C(4)}), (std::pair{nDone, FileSize("a")}));
+  EXPECT_TRUE(pFile->SeekRead(1, Data, 4, &nDone));
+  EXPECT_EQ((std::pair{2u, std::string("2334567")}), (std::pair{nDone, std::string(Data)}));
+}
+
+}  // namespace
+}  // namespace lumbra::test

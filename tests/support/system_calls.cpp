@@ -14,6 +14,7 @@ struct Gauge {
   std::atomic<int> nNative{0};
 };
 Gauge g_Gauges[static_cast<int>(SystemCall::Count_)];
+std::atomic<void (*)()> g_pWatchOpen{nullptr};
 std::atomic<bool> g_bRagged{false};
 std::atomic<std::int64_t> g_nClock{0};
 std::atomic<std::uint64_t> g_nAllocations{0};
@@ -27,6 +28,7 @@ Gauge& GaugeOf(SystemCall Call) {
 }  // namespace
 
 int CountCall(SystemCall Call) {
+  if (void (*const pWatch)() = g_pWatchOpen; pWatch != nullptr && Call == SystemCall::Open) pWatch();
   Gauge& Counted = GaugeOf(Call);
   const std::uint64_t nCall = Counted.nCalls++;
   return nCall < Counted.nFailFrom || nCall - Counted.nFailFrom >= Counted.nFailTimes ? 0 : Counted.nNative.load();
@@ -53,6 +55,7 @@ void ResetSystem() {
     One.nCalls = 0;
     One.nFailFrom = UINT64_MAX;
   }
+  g_pWatchOpen = nullptr;
   g_bRagged = false;
   g_nClock = 0;
   g_nAllocations = 0;
@@ -80,6 +83,9 @@ void FailCallsNatively(SystemCall Call, int nNative, std::uint64_t nSkip, std::u
   One.nFailFrom = One.nCalls + nSkip;
 }
 
+void WatchOpen(void (*pWatch)()) {
+  g_pWatchOpen = pWatch;
+}
 void MakeTransfersRagged(bool bRagged) {
   g_bRagged = bRagged;
 }

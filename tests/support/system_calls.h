@@ -48,6 +48,9 @@ std::uint64_t AllCalls();
 void FailCalls(SystemCall Call, os::SystemError nError, std::uint64_t nSkip = 0, std::uint64_t nTimes = 1);
 void FailCallsNatively(SystemCall Call, int nNative, std::uint64_t nSkip = 0, std::uint64_t nTimes = 1);
 
+// Has a function called at each opening of a file, on the thread that opens.
+void WatchOpen(void (*pWatch)());
+
 // Makes every read and write move half of what is asked for, at least a byte; and on posix be interrupted every other
 // time.
 void MakeTransfersRagged(bool bRagged);
