@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <cwchar>
 #include <span>
 
 #include "support/gauges.h"
@@ -20,6 +21,18 @@ bool Fails(SystemCall Call) {
   const int nError = CountCall(Call);
   if (nError != 0) SetLastError(static_cast<DWORD>(nError));
   return nError != 0;
+}
+
+// Windows finds no path of this length, unless it has the form that takes any; Wine does.
+bool IsTooLong(const wchar_t* pPath) {
+  const bool bTooLong = std::wcslen(pPath) >= MAX_PATH && std::wcsncmp(pPath, L"\\\\?\\", 4) != 0;
+  if (bTooLong) SetLastError(ERROR_PATH_NOT_FOUND);
+  if (bTooLong) errno = ENOENT;
+  return bTooLong;
+}
+
+bool Fails(SystemCall Call, const wchar_t* pPath) {
+  return IsTooLong(pPath) || Fails(Call);
 }
 
 // The C runtime's functions tell their errors otherwise.
@@ -60,7 +73,7 @@ DWORD Shortened(DWORD nSize) {
   DETOUR(BOOL WINAPI, name, parameters, arguments, Fails(SystemCall::call), FALSE)
 
 DETOUR(HANDLE WINAPI, CreateFileW, (LPCWSTR p, DWORD a, DWORD s, SECURITY_ATTRIBUTES* t, DWORD d, DWORD f, HANDLE h),
-       (p, a, s, t, d, f, h), Fails(SystemCall::Open), INVALID_HANDLE_VALUE)
+       (p, a, s, t, d, f, h), Fails(SystemCall::Open, p), INVALID_HANDLE_VALUE)
 DETOUR(BOOL WINAPI, ReadFile, (HANDLE f, void* p, DWORD n, DWORD* d, OVERLAPPED* o), (f, p, Shortened(n), d, o),
        Fails(Transfer(f, SystemCall::Read, SystemCall::ReadAt)), FALSE)
 DETOUR(BOOL WINAPI, WriteFile, (HANDLE f, const void* p, DWORD n, DWORD* d, OVERLAPPED* o), (f, p, Shortened(n), d, o),
@@ -70,16 +83,21 @@ CALL(SetEndOfFile, (HANDLE f), (f), SetSize)
 CALL(SetFileInformationByHandle, (HANDLE f, FILE_INFO_BY_HANDLE_CLASS c, void* p, DWORD n), (f, c, p, n), SetSize)
 CALL(FlushFileBuffers, (HANDLE f), (f), Sync)
 CALL(GetFileTime, (HANDLE f, FILETIME* c, FILETIME* a, FILETIME* w), (f, c, a, w), Look)
-CALL(DeleteFileW, (LPCWSTR p), (p), Remove)
-CALL(CreateDirectoryW, (LPCWSTR p, SECURITY_ATTRIBUTES* a), (p, a), MakeFolder)
+DETOUR(BOOL WINAPI, DeleteFileW, (LPCWSTR p), (p), Fails(SystemCall::Remove, p), FALSE)
+DETOUR(BOOL WINAPI, CreateDirectoryW, (LPCWSTR p, SECURITY_ATTRIBUTES* a), (p, a), Fails(SystemCall::MakeFolder, p),
+       FALSE)
 CALL(OpenThreadToken, (HANDLE h, DWORD a, BOOL s, HANDLE* t), (h, a, s, t), Token)
-DETOUR(DWORD WINAPI, GetFileAttributesW, (LPCWSTR p), (p), Fails(SystemCall::Look), INVALID_FILE_ATTRIBUTES)
+DETOUR(DWORD WINAPI, GetFileAttributesW, (LPCWSTR p), (p), Fails(SystemCall::Look, p), INVALID_FILE_ATTRIBUTES)
 DETOUR(DWORD WINAPI, WaitForSingleObjectEx, (HANDLE h, DWORD n, BOOL a), (h, n, a), Fails(SystemCall::Wait),
        GetLastError() == os::kWaitAbandoned ? WAIT_ABANDONED : WAIT_FAILED)
-DETOUR(std::intptr_t, _wfindfirst64, (const wchar_t* p, _wfinddata64_t* d), (p, d), FailsInRuntime(SystemCall::Look),
-       -1)
+DETOUR(HANDLE WINAPI, FindFirstFileExW,
+       (LPCWSTR p, FINDEX_INFO_LEVELS i, void* d, FINDEX_SEARCH_OPS o, void* f, DWORD a), (p, i, d, o, f, a),
+       IsTooLong(p), INVALID_HANDLE_VALUE)
+DETOUR(std::intptr_t, _wfindfirst64, (const wchar_t* p, _wfinddata64_t* d), (p, d),
+       IsTooLong(p) || FailsInRuntime(SystemCall::Look), -1)
 DETOUR(int, _wfindnext64, (std::intptr_t h, _wfinddata64_t* d), (h, d), FailsInRuntime(SystemCall::Look), -1)
-DETOUR(int, _wsopen, (const wchar_t* p, int f, int s, int m), (p, f, s, m), FailsInRuntime(SystemCall::Look), -1)
+DETOUR(int, _wsopen, (const wchar_t* p, int f, int s, int m), (p, f, s, m),
+       IsTooLong(p) || FailsInRuntime(SystemCall::Look), -1)
 DETOUR(void*, malloc, (std::size_t n), (n), CountAllocation(), nullptr)
 DETOUR(void*, calloc, (std::size_t c, std::size_t n), (c, n), CountAllocation(), nullptr)
 
@@ -141,6 +159,7 @@ const Detour kImported[] = {
     ENTRY(WaitForSingleObjectEx),
     ENTRY(GetSystemTimeAsFileTime),
     ENTRY(GetProcAddress),
+    ENTRY(FindFirstFileExW),
     ENTRY(_wfindfirst64),
     ENTRY(_wfindnext64),
     ENTRY(_wsopen),
