@@ -74,7 +74,7 @@ TEST_F(LockTest, AWriterHandsOnToTheNextWriterAndThenToAllReaders) {
 
 TEST_F(LockTest, AWaitThatFailsIsAnException) {
   m_Lock.LockExclusive();
-  FailCalls(SystemCall::Wait, os::kInvalidParameter);
+  FailCalls(SystemCall::Wait, os::kInvalidParameter, 0, UINT64_MAX);
   using Failure = ulo::CheckResultFailedException;
   EXPECT_THAT([this] { m_Lock.LockShared(); },
               ::testing::Throws<Failure>(::testing::Property(&Failure::Code, errPARAMETER_INVALID)));

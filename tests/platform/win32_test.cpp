@@ -96,7 +96,7 @@ TEST_F(Win32Test, TellsAnAbandonedWait) {
   ReaderWriterLock Lock;
   ASSERT_CODE(errOK, Lock.Create());
   Lock.LockExclusive();
-  FailCalls(SystemCall::Wait, os::kWaitAbandoned);
+  FailCalls(SystemCall::Wait, os::kWaitAbandoned, 0, UINT64_MAX);
   using Failure = ulo::CheckResultFailedException;
   EXPECT_THAT([&Lock] { Lock.LockShared(); },
               testing::Throws<Failure>(testing::Property(&Failure::Code, errWAIT_ABANDONED)));
