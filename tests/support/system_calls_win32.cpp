@@ -4,18 +4,40 @@
 // Behind it, what builds on it.
 #include <io.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
-#include <span>
+#include <utility>
 
 #include "support/gauges.h"
 
 namespace lumbra::test {
 namespace {
+
+// A function of ours, and where the system's is kept whose place it takes: in the table of imports, and for who looks
+// for it by its name.
+struct Detour {
+  template <class Function>
+  Detour(const char* pOf, Function* pTaker, void* pKeeper)
+      : pName(pOf),
+        pOurs(reinterpret_cast<void*>(pTaker)),
+        ppSystems(static_cast<void**>(pKeeper)),
+        pNext(std::exchange(pFirst, this)) {}
+
+  static const Detour* Find(const char* pName) {
+    const Detour* pDetour = pFirst;
+    while (pDetour != nullptr && std::strcmp(pDetour->pName, pName) != 0) pDetour = pDetour->pNext;
+    return pDetour;
+  }
+
+  const char* pName;
+  void* pOurs;
+  void** ppSystems;
+  const Detour* pNext;
+  inline static const Detour* pFirst = nullptr;
+};
 
 bool Fails(SystemCall Call) {
   const int nError = CountCall(Call);
@@ -68,7 +90,8 @@ DWORD Shortened(DWORD nSize) {
   decltype(&::name) g_p##name;                                    \
   type Our##name parameters {                                     \
     return (bFails) ? failed : g_p##name arguments;               \
-  }
+  }                                                               \
+  const Detour g_##name(#name, &Our##name, &g_p##name);
 #define CALL(name, parameters, arguments, call) \
   DETOUR(BOOL WINAPI, name, parameters, arguments, Fails(SystemCall::call), FALSE)
 
@@ -101,25 +124,20 @@ DETOUR(int, _wsopen, (const wchar_t* p, int f, int s, int m), (p, f, s, m),
 DETOUR(void*, malloc, (std::size_t n), (n), CountAllocation(), nullptr)
 DETOUR(void*, calloc, (std::size_t c, std::size_t n), (c, n), CountAllocation(), nullptr)
 
-decltype(&::SetFilePointerEx) g_pSetFilePointerEx;
-BOOL WINAPI OurSetFilePointerEx(HANDLE f, LARGE_INTEGER n, LARGE_INTEGER* p, DWORD o) {
-  TlsSetValue(g_nSoughtFile, o == FILE_BEGIN ? f : nullptr);
-  return Fails(SystemCall::Seek) ? FALSE : g_pSetFilePointerEx(f, n, p, o);
+bool FailsToSeek(HANDLE File, DWORD nOrigin) {
+  TlsSetValue(g_nSoughtFile, nOrigin == FILE_BEGIN ? File : nullptr);
+  return Fails(SystemCall::Seek);
 }
+DETOUR(BOOL WINAPI, SetFilePointerEx, (HANDLE f, LARGE_INTEGER n, LARGE_INTEGER* p, DWORD o), (f, n, p, o),
+       FailsToSeek(f, o), FALSE)
 
-decltype(&::GetSystemTimeAsFileTime) g_pGetSystemTimeAsFileTime;
-std::uint64_t TimeOfSystem() {
-  FILETIME Now{};
-  g_pGetSystemTimeAsFileTime(&Now);
-  return std::uint64_t{Now.dwHighDateTime} << 32 | Now.dwLowDateTime;
-}
 constexpr std::int64_t kSecondsTo1970 = 11644473600;
 constexpr std::int64_t kUnitsPerSecond = 10000000;
-void WINAPI OurGetSystemTimeAsFileTime(FILETIME* pTime) {
-  const std::int64_t nUnits = (ClockOfTest() + kSecondsTo1970) * kUnitsPerSecond;
-  const std::uint64_t nNow = ClockOfTest() == 0 ? TimeOfSystem() : static_cast<std::uint64_t>(nUnits);
+void PutClockOfTest(FILETIME* pTime) {
+  const std::int64_t nNow = (ClockOfTest() + kSecondsTo1970) * kUnitsPerSecond;
   *pTime = {static_cast<DWORD>(nNow), static_cast<DWORD>(nNow >> 32)};
 }
+DETOUR(void WINAPI, GetSystemTimeAsFileTime, (FILETIME * t), (t), ClockOfTest() != 0, PutClockOfTest(t))
 
 std::atomic<ULONG> g_nIoPriority{2};
 LONG WINAPI OurNtQueryInformationThread(HANDLE, int, void* pPriority, ULONG, ULONG*) {
@@ -132,62 +150,21 @@ LONG WINAPI OurNtSetInformationThread(HANDLE, int, void* pPriority, ULONG) {
   if (nStatus >= 0) g_nIoPriority = *static_cast<ULONG*>(pPriority);
   return nStatus;
 }
+void* g_pUnused;
+const Detour g_Query("NtQueryInformationThread", &OurNtQueryInformationThread, &g_pUnused);
+const Detour g_Set("NtSetInformationThread", &OurNtSetInformationThread, &g_pUnused);
 
-FARPROC WINAPI OurGetProcAddress(HMODULE Module, LPCSTR pName);
 decltype(&::GetProcAddress) g_pGetProcAddress;
-
-struct Detour {
-  const char* pName;
-  void* pOurs;
-  void** ppSystems;
-};
-#define ENTRY(name) \
-  { #name, reinterpret_cast < void*>(&Our##name), reinterpret_cast < void**>(&g_p##name) }
-const Detour kImported[] = {
-    ENTRY(CreateFileW),
-    ENTRY(ReadFile),
-    ENTRY(WriteFile),
-    ENTRY(SetFilePointerEx),
-    ENTRY(GetFileSizeEx),
-    ENTRY(SetEndOfFile),
-    ENTRY(FlushFileBuffers),
-    ENTRY(GetFileTime),
-    ENTRY(DeleteFileW),
-    ENTRY(CreateDirectoryW),
-    ENTRY(OpenThreadToken),
-    ENTRY(GetFileAttributesW),
-    ENTRY(WaitForSingleObjectEx),
-    ENTRY(GetSystemTimeAsFileTime),
-    ENTRY(GetProcAddress),
-    ENTRY(FindFirstFileExW),
-    ENTRY(_wfindfirst64),
-    ENTRY(_wfindnext64),
-    ENTRY(_wsopen),
-    ENTRY(malloc),
-    ENTRY(calloc),
-};
-void* g_pUnused;  // of the functions that are replaced as a whole
-const Detour kLookedUp[] = {
-    ENTRY(SetFileInformationByHandle),
-    {"NtQueryInformationThread", reinterpret_cast<void*>(&OurNtQueryInformationThread), &g_pUnused},
-    {"NtSetInformationThread", reinterpret_cast<void*>(&OurNtSetInformationThread), &g_pUnused},
-};
-
-const Detour* FindDetour(std::span<const Detour> Detours, const char* pName) {
-  const auto Found =
-      std::ranges::find_if(Detours, [pName](const Detour& One) { return std::strcmp(One.pName, pName) == 0; });
-  return Found == Detours.end() ? nullptr : &*Found;
-}
-
 FARPROC WINAPI OurGetProcAddress(HMODULE Module, LPCSTR pName) {
   if (Fails(SystemCall::FindFunction)) return nullptr;
   const FARPROC pSystems = g_pGetProcAddress(Module, pName);
   const bool bByNumber = reinterpret_cast<std::uintptr_t>(pName) <= 0xFFFF;
-  const Detour* const pDetour = bByNumber ? nullptr : FindDetour(kLookedUp, pName);
+  const Detour* const pDetour = bByNumber ? nullptr : Detour::Find(pName);
   if (pDetour == nullptr) return pSystems;
   *pDetour->ppSystems = reinterpret_cast<void*>(pSystems);
   return reinterpret_cast<FARPROC>(pDetour->pOurs);
 }
+const Detour g_GetProcAddress("GetProcAddress", &OurGetProcAddress, &g_pGetProcAddress);
 
 template <class Record>
 Record* AtOffset(DWORD nOffset) {
@@ -213,7 +190,7 @@ bool ExchangeImports() {
     for (; pName->u1.AddressOfData != 0; ++pName, ++pFunction) {
       if (IMAGE_SNAP_BY_ORDINAL(pName->u1.Ordinal)) continue;
       const auto* const pText = AtOffset<IMAGE_IMPORT_BY_NAME>(static_cast<DWORD>(pName->u1.AddressOfData))->Name;
-      const Detour* const pDetour = FindDetour(kImported, reinterpret_cast<const char*>(pText));
+      const Detour* const pDetour = Detour::Find(reinterpret_cast<const char*>(pText));
       if (pDetour != nullptr) Exchange(pFunction, *pDetour);
     }
   }
@@ -232,7 +209,10 @@ std::uintptr_t CurrentThread() {
 }
 
 std::int64_t SystemClock() {
-  return static_cast<std::int64_t>(TimeOfSystem()) / kUnitsPerSecond - kSecondsTo1970;
+  FILETIME Now{};
+  g_pGetSystemTimeAsFileTime(&Now);
+  const std::uint64_t nNow = std::uint64_t{Now.dwHighDateTime} << 32 | Now.dwLowDateTime;
+  return static_cast<std::int64_t>(nNow) / kUnitsPerSecond - kSecondsTo1970;
 }
 
 const std::uint32_t kNormalIoPriority = 2;
