@@ -33,6 +33,13 @@ TEST_F(EventsObjectsTest, RefusesWhatIsWrong) {
   Expect({errOK, errPARAMETER_INVALID}, {Add(5, 1), Call(&Ops::GetEvents, 5, 0, nullptr, 16, 1, nullptr, nullptr)});
   EXPECT_EQ("500 GetEvents(5,0,16,1,0) = errPARAMETER_INVALID (0x80000046)", TakeTrace().back());
   Expect({errPARAMETER_INVALID, errSTORE_NOT_INITIALIZED}, {CodeOf(Events(99, 0, 1)), CodeOf(Events(6, 0, 1))});
+  TakeTrace();
+  const auto Update = [this](std::uint64_t nEvent) {
+    return Call(&Ops::UpdateEvent, nEvent, "0123456789abcdef", 16);
+  };
+  Expect({errPARAMETER_INVALID, Lines()}, {Update(WithDatabase(0x100000000, 49)), TakeTrace()});  // no such name yet
+  Expect({errOK, Lines{"500 UpdateEvent(100000000,16) = errOK (0x00000000)"}},
+         {Update(WithDatabase(0x100000000, 5)), TakeTrace()});
 }
 
 TEST_F(EventsObjectsTest, GivesTheParentsOfTheirObjects) {

@@ -134,32 +134,38 @@ TEST_F(LifecycleTest, AnswersForItsProperties) {
     LumbraInstance* const pInstance = m_Store.Instance();
     return pInstance->pLifecycle->PropertyAccess(pInstance, nProperty, &Record);
   };
+  // How far the last access moved on in a buffer.
+  const auto Moved = [&](const void* pBuffer) {
+    return static_cast<std::uint32_t>(static_cast<char*>(Record.pBuffer) - static_cast<const char*>(pBuffer));
+  };
   std::uint32_t nValue = 99;
   for (const std::uint32_t nProperty :
        {propCHECK_MODE, propENVIRONMENT_FLAG, propEXACT_FILE_SIZES, propWRITES_SUSPENDED}) {
     for (std::uint32_t nSet : {7u, 0u}) {
-      Expect({errOK, errOK, errBUFFER_TOO_SMALL, errOK, nSet, 4u},
-             {Access(nProperty, propertyProbe, nullptr, 0), Access(nProperty, propertySet, &nSet, 4),
-              Access(nProperty, propertyGet, &nValue, 3), Access(nProperty, propertyGet, &nValue, 4), nValue,
-              Record.nCount});
+      Expect({errOK, errOK, 4u, errBUFFER_TOO_SMALL, 0u, errOK, nSet, 4u, 4u},
+             {Access(nProperty, propertyProbe, nullptr, 0), Access(nProperty, propertySet, &nSet, 4), Moved(&nSet),
+              Access(nProperty, propertyGet, &nValue, 3), Moved(&nValue), Access(nProperty, propertyGet, &nValue, 4),
+              nValue, Record.nCount, Moved(&nValue)});
     }
   }
   char Comment[] = "abcdefg";
-  Expect(
-      {errPROPERTY_NOT_HANDLED, errPROPERTY_NOT_HANDLED, errOK, 1u, errOK, errOK, "Lumbra", errOK, kCodePage8Bit},
-      {Access(propCORRUPTED, propertySet, &nValue, 4), Access(0x12345678, propertyGet, &nValue, 4),
-       Access(propINTERFACE_CONSTANT, propertyGet, &nValue, 4), nValue,
-       Access(propINTERFACE_COMMENT, propertySet, Comment, 8), Access(propINTERFACE_COMMENT, propertyGet, Comment, 8),
-       std::string(Comment), Access(propINTERFACE_COMMENT, propertyCodePage, nullptr, 0), Record.nCodePage});
+  Expect({errPROPERTY_NOT_HANDLED, errPROPERTY_NOT_HANDLED, errOK, 1u, errOK, 6u, errOK, "Lumbra", 7u, errOK,
+          kCodePage8Bit},
+         {Access(propCORRUPTED, propertySet, &nValue, 4), Access(0x12345678, propertyGet, &nValue, 4),
+          Access(propINTERFACE_CONSTANT, propertyGet, &nValue, 4), nValue,
+          Access(propINTERFACE_COMMENT, propertySet, Comment, 8), Moved(Comment),
+          Access(propINTERFACE_COMMENT, propertyGet, Comment, 8), std::string(Comment), Moved(Comment),
+          Access(propINTERFACE_COMMENT, propertyCodePage, nullptr, 0), Record.nCodePage});
 
   char16_t Text[20] = {};
   char Folder[] = "/t\xC3\xA9st";
   Expect({errOK, 0u}, {Access(propREPORT_FOLDER, propertyGet, nullptr, 0), Record.nCount});
   Record.nCodePage = kCodePageUtf8;
-  Expect({errOK, errOK, 12u, errBUFFER_TOO_SMALL, errOK, u"/t\u00E9st"},
-         {Access(propREPORT_FOLDER, propertySet, Folder, 6), Access(propREPORT_FOLDER, propertyGet, nullptr, 0),
-          Record.nCount, Access(propREPORT_FOLDER, propertyGet, Text, 11),
-          Access(propREPORT_FOLDER, propertyGet, Text, sizeof(Text)), std::u16string(Text)});
+  Expect({errOK, 6u, errOK, 12u, errBUFFER_TOO_SMALL, errOK, u"/t\u00E9st", 12u},
+         {Access(propREPORT_FOLDER, propertySet, Folder, 6), Moved(Folder),
+          Access(propREPORT_FOLDER, propertyGet, nullptr, 0), Record.nCount,
+          Access(propREPORT_FOLDER, propertyGet, Text, 11), Access(propREPORT_FOLDER, propertyGet, Text, sizeof(Text)),
+          std::u16string(Text), Moved(Text)});
 
   Expect({errOK, errPROPERTY_READ_ONLY, errOK}, {Open(), Access(propENVIRONMENT_FLAG, propertySet, &nValue, 4),
                                                  Access(propENVIRONMENT_FLAG, propertyGet, &nValue, 4)});

@@ -92,7 +92,7 @@ TEST_F(ObjectDataTest, ReadsWhatWasWritten) {
     for (const std::uint32_t nDb : {0u, 5u, m_nNamed}) {
       const std::uint64_t nId = Find(nDb, u"C:\\with\\data");
       const unsigned long long nLocalId = WithoutDatabase(nId);
-      for (const std::uint32_t nLength : {1u, 100u, 50u, 4093u, 4097u, 0x7FFBu, 0x7FFFu, 0x8000u}) {
+      for (const std::uint32_t nLength : {1u, 100u, 50u, 4093u, 4096u, 4097u, 0x7FFBu, 0x7FFFu, 0x8000u}) {
         const std::string Data(nLength, static_cast<char>('a' + nLength % 26));
         TakeTrace();
         ASSERT_CODE(errOK, Set(nId, kTag, Data));

@@ -5,6 +5,7 @@
 #include "events/object_hash.h"
 #include "events/path_root.h"
 #include "events/segment_fixture.h"
+#include "support/system_calls.h"
 
 namespace lumbra::test {
 namespace {
@@ -39,11 +40,13 @@ TEST(ObjectHash, HasItsCheckValues) {
 TEST(PathRoots, AreRecognised) {
   // By the types of the path and of its root: paths, with the root between '<' and '>', which is empty for none.
   const std::tuple<std::uint8_t, std::uint8_t, std::vector<std::u16string>> kCases[] = {
-      {1, 20, {u"<C:>\\x", u"<z:>", u"<>1:\\x", u"<>C", u"<>\\x", u"<>\\\\", u"\\\\?\\<>" + kVolume.substr(4, 44)}},
+      {1,
+       20,
+       {u"<C:>\\x", u"<A:>\\", u"<z:>", u"<>1:\\x", u"<>C", u"<>\\x", u"<>\\\\", u"\\\\?\\<>" + kVolume.substr(4, 44)}},
       {2, 20, {u"\\\\?\\<C:>\\x", u"\\??\\<C:>\\x", u"\\\\?\\<>x"}},
       {1, 22, {u"<" + kVolume + u">dir"}},
       {3, 24, {u"<HKLM>\\Software", u"<HKCU>", u"<HKEY_LOCAL_MACHINE>\\a", u"<>hklm\\a", u"<>C:\\x"}},
-      {3, 24, {u"<\2\x8000>", u"<>\7\x8000"}},  // handles
+      {3, 24, {u"<\2\x8000>", u"<\6\x8000>", u"<>\7\x8000"}},  // handles
       {4, 24, {u"<HKEY_USERS>X\\y"}},
       {1, 27, {u"<\\\\server>\\share", u"<\\\\server>", u"<\\\\a>/b", u"\\\\?\\<UNC\\server>\\f", u"<UNC\\s>\\f"}}};
   for (const auto& [nType, nRootType, Paths] : kCases) {
@@ -193,6 +196,12 @@ TEST_F(ObjectNamesTest, FollowsLinksAtRoots) {
   const std::uint64_t nShared = Ask({2, 0, u"C:\\shared", kWideZeroTerminated, findOrCreate, 0}, StoreChoice::Global);
   EXPECT_EQ((Answer{0, Name(errOK)}), WithCode(nShared >> 32));
   EXPECT_EQ(u"C:\\shared", NameOf(nShared));
+  // What was written to the shared store is flushed with the segment.
+  EXPECT_CODE(errOK, m_pSegment->Flush());
+  Ask({2, 0, u"C:\\new", kWideZeroTerminated, findOrCreate, 0}, StoreChoice::Global);
+  ResetSystem();
+  EXPECT_CODE(errOK, m_pSegment->Flush());
+  EXPECT_EQ(3u, CallsOf(SystemCall::Sync));
   Link(nDrive, nShared);
   EXPECT_EQ((Answer{0, Name(errOBJECT_NOT_FOUND)}), WithCode(Find(1, u"M:\\h")));
   const std::uint64_t nKey = Find(3, u"HKCU\\Loop");

@@ -69,7 +69,8 @@ TEST_F(ObjectDbTest, RefusesWrongArguments) {
                    m_pDb->GetObjectData(Id(1), nullptr, 4, &nSize, 1), m_pDb->SetObjectData(Id(1), &id, 0, 1)}));
   EXPECT_EQ(Lines(2, Name(errSIZE_INVALID)),
             Names({CodeOf(Create(77, std::string(65536, 'x'))), m_pDb->SetObjectData(Id(1), &id, 0x80000000, 1)}));
-  EXPECT_EQ(Lines(2, Name(errOBJECT_NOT_FOUND)), Names({GetName(kForeign, 0), m_pDb->RemoveAllObjectData(kForeign)}));
+  EXPECT_EQ(Lines(3, Name(errOBJECT_NOT_FOUND)), Names({GetName(kForeign, 0), m_pDb->RemoveAllObjectData(kForeign),
+                                                        m_pDb->GetObjectData(kForeign, nullptr, 0, &nSize, 1)}));
   EXPECT_EQ(Lines(3, Name(errNOT_FOUND)),
             Names({GetName(Id(2), 0), GetName(Id(0), 0), m_pDb->GetObjectData(Id(1), nullptr, 0, &nSize, 1)}));
 }

@@ -16,6 +16,11 @@ TEST_F(ToolTest, ScanThenEventsGivesTheFolder) {
   EXPECT_EQ(R"([["00",0,1,0,1],["01",1,32,9,1],["02",2,32,9,1],["03",3,32,9,5],["named",48,32,9,1]])",
             Databases.dump());
 
+  // A limit of one byte leaves a database its newest segment, here of one event.
+  Run("record --db 3 --max-size 1 --global-size 12345 --trace 500");
+  EXPECT_THAT(ReadText("err"), HasSubstr("Lumbra::SetDBParams(FF, 7, 12345)"));
+  EXPECT_EQ(2u, Events("3").size());
+
   // Names stay with their events when those before them are dropped.
   Run("scan tree --db 4 --segment-events 2 --max-events 4");
   const json Kept = Events("4");
