@@ -60,11 +60,6 @@ TEST(Text, UpperCasesUnitByUnit) {
   std::u16string Text = u"az{\u00E4\u00FF\u0105\u03B1\u0436\u0561 \u00B5\u00DF\u0131\u017F";
   EXPECT_EQ(Text.size(), StorageEnvironment::UpperCase(Text.data(), static_cast<std::uint32_t>(Text.size())));
   EXPECT_EQ(u"AZ{\u00C4\u0178\u0104\u0391\u0416\u0531 \u00B5\u00DF\u0131\u017F", Text);
-#ifdef _WIN32
-  const std::u16string kDifferences = u"\u03C2";
-#else
-  const std::u16string kDifferences;
-#endif
   std::u16string Differences;
   std::uint32_t nChanged = 0;
   for (std::uint32_t n = 0; n <= 0xFFFF; ++n) {
@@ -73,7 +68,11 @@ TEST(Text, UpperCasesUnitByUnit) {
     if (c != UpperCaseByTable(static_cast<char16_t>(n))) Differences += static_cast<char16_t>(n);
     nChanged += UpperCaseByTable(static_cast<char16_t>(n)) != n;
   }
-  EXPECT_EQ(kDifferences, Differences);
+#ifdef _WIN32
+  EXPECT_EQ(u"\u03C2", Differences);
+#else
+  EXPECT_EQ(u"", Differences);  // they are the same
+#endif
   EXPECT_EQ((std::pair{1164u, u'\u03A3'}), (std::pair{nChanged, UpperCaseByTable(u'\u03C2')}));
 }
 

@@ -171,15 +171,8 @@ Record* AtOffset(DWORD nOffset) {
   return reinterpret_cast<Record*>(reinterpret_cast<std::byte*>(GetModuleHandleW(nullptr)) + nOffset);
 }
 
-void Exchange(void** ppEntry, const Detour& Here) {
-  DWORD nProtection = 0;
-  VirtualProtect(ppEntry, sizeof(*ppEntry), PAGE_READWRITE, &nProtection);
-  *Here.ppSystems = *ppEntry;
-  *ppEntry = Here.pOurs;
-  VirtualProtect(ppEntry, sizeof(*ppEntry), nProtection, &nProtection);
-}
-
-// One table for each module that something is imported from: names, and beside them the functions.
+// One table for each module that something is imported from: names, and beside them the functions, which the linker
+// leaves writable.
 bool ExchangeImports() {
   const auto* const pHeaders = AtOffset<IMAGE_NT_HEADERS>(static_cast<DWORD>(AtOffset<IMAGE_DOS_HEADER>(0)->e_lfanew));
   const IMAGE_DATA_DIRECTORY& Directory = pHeaders->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
@@ -191,7 +184,7 @@ bool ExchangeImports() {
       if (IMAGE_SNAP_BY_ORDINAL(pName->u1.Ordinal)) continue;
       const auto* const pText = AtOffset<IMAGE_IMPORT_BY_NAME>(static_cast<DWORD>(pName->u1.AddressOfData))->Name;
       const Detour* const pDetour = Detour::Find(reinterpret_cast<const char*>(pText));
-      if (pDetour != nullptr) Exchange(pFunction, *pDetour);
+      if (pDetour != nullptr) *pDetour->ppSystems = std::exchange(*pFunction, pDetour->pOurs);
     }
   }
   return true;
