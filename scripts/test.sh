@@ -11,8 +11,13 @@ case $preset in
 esac
 "$here/scripts/build.sh" "$preset"
 case $preset in
-  windows-*)
+  windows-x86)
+    echo "built; Debian's Wine runs programs for x86-64 alone"
+    exit 0
+    ;;
+  windows-x86-64)
     trap '"$here/scripts/wine.sh" --stop' EXIT
+    trap 'exit 130' INT TERM
     "$here/scripts/wine.sh" --start
     ;;
 esac

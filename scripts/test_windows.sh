@@ -7,11 +7,12 @@ cd "$(dirname "$0")/.."
 scripts/setup.sh
 scripts/build.sh release lumbra lumbra_module
 scripts/test.sh windows-x86-64
-scripts/build.sh windows-x86
+scripts/test.sh windows-x86
 
 tests/systems/modules.sh build/release/src/module/liblumbra.so \
   build/windows-x86-64/src/module/lumbra.dll build/windows-x86/src/module/lumbra.dll
 trap 'scripts/wine.sh --stop' EXIT
+trap 'exit 130' INT TERM
 scripts/wine.sh --start
 linux=$PWD/build/release windows=$PWD/build/windows-x86-64
 tests/systems/one_store.sh "$linux/tools/lumbra/lumbra --module $linux/src/module/liblumbra.so" \

@@ -1,9 +1,9 @@
 #include <windows.h>
 
 #include <string>
-#include <system_error>
 
 #include "host/loaded_module.h"
+#include "host/system_win32.h"
 
 namespace lumbra::host {
 namespace {
@@ -21,8 +21,7 @@ StandaloneHost::ModuleEntry EntryPointOf(HMODULE pModule) {
 // among the system's libraries. And with a point in its name: to one without, the system adds ".dll". A point at the
 // end, which it takes away again, prevents that, but for paths that it takes to the letter: empty for those.
 std::wstring PathToLoad(const std::filesystem::path& Path) {
-  std::wstring Full(GetFullPathNameW(Path.c_str(), 0, nullptr, nullptr), L'\0');
-  Full.resize(GetFullPathNameW(Path.c_str(), static_cast<DWORD>(Full.size()), Full.data(), nullptr));
+  const std::wstring Full = FullPath(Path);
   if (Full.find(L'.', Full.find_last_of(L'\\') + 1) != std::wstring::npos) return Full;
   return Full.starts_with(L"\\\\?\\") ? std::wstring() : Full + L'.';
 }
@@ -39,10 +38,7 @@ ModuleProblem LoadedModule::Load(const ModuleFile& File) {
   if (Path.empty())
     return {errPATH_NAME_INVALID, "cannot be loaded by a path of this form, for want of a point in its name"};
   const HMODULE pModule = LoadLibraryW(Path.c_str());
-  if (pModule == nullptr) {
-    const auto nError = static_cast<int>(GetLastError());
-    return {errMODULE_NOT_FOUND, "cannot be loaded: " + std::system_category().message(nError)};
-  }
+  if (pModule == nullptr) return {errMODULE_NOT_FOUND, "cannot be loaded: " + SystemMessage(GetLastError())};
   m_pModule.reset(pModule);
   m_pEntry = EntryPointOf(pModule);
   if (m_pEntry != nullptr) return {};

@@ -1,5 +1,5 @@
-// The one seam to the operating system. One folder per platform implements it (posix/, win32/); nothing else in the
-// project calls the system, and no other file depends on which system it is.
+// The one seam of the store to the operating system. One folder per platform implements it (posix/, win32/); nothing
+// else in the store calls the system. Around it, the host's loader of modules and the tool have sources per system.
 //
 // The seam speaks Win32's vocabulary, because the result codes do: a call that fails answers a Win32 error
 // number, 0 is success. Paths are UTF-16 with '\' or '/' between the names. Every function may be called from

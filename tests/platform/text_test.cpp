@@ -49,6 +49,9 @@ TEST(Text, ConvertsAndReplacesWhatIsInvalid) {
   // affair.
   for (const std::string Invalid : {"\xE2\x82", "\xC0\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xFF"}) {
     std::u16string Text = ToWide('x' + Invalid + 'z');
+#ifndef _WIN32  // one for each byte
+    EXPECT_EQ(Invalid.size() + 2, Text.size());
+#endif
     Text.erase(std::unique(Text.begin(), Text.end()), Text.end());
     EXPECT_EQ(u"x\uFFFDz", Text) << Invalid.size();
   }
@@ -69,7 +72,7 @@ TEST(Text, UpperCasesUnitByUnit) {
     nChanged += UpperCaseByTable(static_cast<char16_t>(n)) != n;
   }
 #ifdef _WIN32
-  EXPECT_EQ(u"\u03C2", Differences);
+  EXPECT_TRUE(Differences.empty() || Differences == u"\u03C2");  // as Windows, or as Wine has it
 #else
   EXPECT_EQ(u"", Differences);  // they are the same
 #endif

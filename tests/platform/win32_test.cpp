@@ -3,6 +3,7 @@
 // Behind it, what builds on it.
 #include <gmock/gmock.h>
 
+#include "host/loaded_module.h"
 #include "platform/exception.h"
 #include "platform/file.h"
 #include "platform/folders.h"
@@ -90,6 +91,29 @@ TEST_F(Win32Test, GuardsThePriorityOnceItCan) {
   EXPECT_EQ((std::pair{UINT64_C(3), kLowestIoPriority}), CallsOfGuard());
   FailCalls(SystemCall::Priority, os::kAccessDenied);
   EXPECT_EQ(os::kAccessDenied, os::QueryIoPriority(&Found));
+}
+
+std::size_t FreeThreadSlots() {
+  std::vector<DWORD> Slots;
+  for (DWORD n = TlsAlloc(); n != TLS_OUT_OF_INDEXES; n = TlsAlloc()) Slots.push_back(n);
+  for (const DWORD nSlot : Slots) TlsFree(nSlot);
+  return Slots.size();
+}
+
+// A process has about a thousand slots: a module that kept one would end a host that loads it again and again.
+TEST_F(Win32Test, UnloadedModuleKeepsNoThreadSlot) {
+  const std::size_t nFree = FreeThreadSlots();
+  for (int i = 0; i < 3; ++i) {
+    host::ModuleFile File;
+    host::LoadedModule Module;
+    ASSERT_EQ("", host::ReadModuleFile(LUMBRA_MODULE, &File).Text);
+    ASSERT_EQ("", Module.Load(File).Text);
+    host::StandaloneHost Host(Module.Entry());
+    Host.SetPlaceholder(u"%Report%", WideFolder());
+    EXPECT_CODE(errOK, Host.Create().Init());
+    EXPECT_GT(nFree, FreeThreadSlots());
+  }
+  EXPECT_EQ(nFree, FreeThreadSlots());
 }
 
 TEST_F(Win32Test, TellsAnAbandonedWait) {

@@ -1,5 +1,8 @@
 #include <windows.h>
 // Behind it, what builds on it.
+#include <cstdlib>
+#include <optional>
+
 #include "support/run_program.h"
 
 namespace lumbra::test {
@@ -35,7 +38,12 @@ Program::Program(const std::filesystem::path& Folder, const Arguments& What, con
     : m_nProcess(0) {
   std::wstring Line;
   for (const std::string& One : What) Line += Quoted(Wide(One)) + L' ';
-  for (const auto& [Name, Value] : Beside) SetEnvironmentVariableW(Wide(Name).c_str(), Wide(Value).c_str());
+  std::vector<std::optional<std::wstring>> Before;
+  for (const auto& [Name, Value] : Beside) {
+    const wchar_t* const pBefore = _wgetenv(Wide(Name).c_str());
+    Before.push_back(pBefore == nullptr ? std::nullopt : std::optional<std::wstring>(pBefore));
+    SetEnvironmentVariableW(Wide(Name).c_str(), Wide(Value).c_str());
+  }
   STARTUPINFOW Start{};
   Start.cb = sizeof(Start);
   Start.dwFlags = STARTF_USESTDHANDLES;
@@ -48,7 +56,9 @@ Program::Program(const std::filesystem::path& Folder, const Arguments& What, con
     CloseHandle(Started.hThread);
   }
   for (const HANDLE Stream : {Start.hStdInput, Start.hStdOutput, Start.hStdError}) CloseHandle(Stream);
-  for (const auto& [Name, Value] : Beside) SetEnvironmentVariableW(Wide(Name).c_str(), nullptr);
+  for (std::size_t i = 0; i < Beside.size(); ++i) {
+    SetEnvironmentVariableW(Wide(Beside[i].first).c_str(), Before[i] ? Before[i]->c_str() : nullptr);
+  }
 }
 
 int Program::Wait() {

@@ -19,6 +19,7 @@ u32() {
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+trap 'exit 130' INT TERM
 
 # The metadata, written down once more.
 {

@@ -6,6 +6,7 @@ set -eu
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+trap 'exit 130' INT TERM
 cd "$work"
 
 fail() {

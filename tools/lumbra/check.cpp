@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "commands.h"
+#include "machine.h"
 
 namespace lumbra::tool {
 namespace {
@@ -64,7 +65,7 @@ int CheckStore(const CommonOptions& Common, const NoOptions& /*Options*/) {
   Findings Found;
   Session Store(InModeOfStore(Common), Missing::Refuse, [&Found](std::string_view Line) { Found.Note(Line); });
   const StoreFiles& Files = Store.Files();
-  std::printf("%s: %llu shared objects\n", Files.Folder().string().c_str(),
+  std::printf("%s: %llu shared objects\n", TextOf(Files.Folder()).c_str(),
               static_cast<unsigned long long>(Files.SharedObjectCount()));
   if (Files.IsMarkedCorrupted()) {
     std::puts("The store is marked corrupted: damaged data was met at some time. The quick check is not run on it.");

@@ -5,6 +5,7 @@
 #include "commands.h"
 #include "event_time.h"
 #include "failure.h"
+#include "machine.h"
 
 namespace lumbra::tool {
 namespace {
@@ -54,12 +55,12 @@ void PrintJson(const Session& Store, const std::vector<DatabaseInfo>& Databases)
     Listed.push_back(One);
   }
   const nlohmann::ordered_json All = {
-      {"store", Store.Files().Folder().string()}, {"corrupted", Store.IsCorrupted()}, {"databases", Listed}};
+      {"store", TextOf(Store.Files().Folder())}, {"corrupted", Store.IsCorrupted()}, {"databases", Listed}};
   std::puts(All.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
 }
 
 void PrintText(const Session& Store, const std::vector<DatabaseInfo>& Databases) {
-  std::printf("%s%s\n\n", Store.Files().Folder().string().c_str(),
+  std::printf("%s%s\n\n", TextOf(Store.Files().Folder()).c_str(),
               Store.IsCorrupted() ? "  (damaged; see lumbra check)" : "");
   std::printf("%3s  %-16s  %-16s  %10s  %10s  %14s  %8s  %s\n", "id", "name", "folder", "event size", "records",
               "bytes", "segments", "oldest segment");

@@ -25,6 +25,16 @@ inline std::filesystem::path PathOf(const std::string& Text) {
 // The other way round; what cannot be said in UTF-8 becomes U+FFFD.
 std::string TextOf(const std::filesystem::path& Path);
 
+// Whether a path's text says all of it.
+bool IsExactText(const std::string& Text, const std::filesystem::path& Path);
+
+// Why a folder, by its absolute path, cannot be that of a store; empty when it can.
+std::string WhyNoStorePath(const std::filesystem::path& Folder);
+
+// Adds the paths of a folder's entries, in no order. False, with the reason, when it cannot be listed to its end.
+bool ListFolder(const std::filesystem::path& Folder, std::vector<std::filesystem::path>* pEntries,
+                std::string* pReason);
+
 // The path made absolute, without "." and without a separator at its end.
 std::filesystem::path AbsolutePath(const std::string& Text);
 
@@ -48,8 +58,9 @@ bool ErrorsGoToTerminal();
 // From the call on, a write that meets a limit on file sizes fails like one to a full disk.
 void LetLimitsFailWrites();
 
-// From the call on, Ctrl-C only sets a mark, and ends waiting for input.
+// From the call on, Ctrl-C only sets a mark, and ends waiting for input, which is said to be read meanwhile.
 void WatchForInterrupt();
+void SayInputIsRead(bool bRead);
 bool Interrupted();
 
 // Why a store's folder or its files cannot be used for reading and writing; empty when they can, as far as can be seen.

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "event_time.h"
+#include "host/text.h"
 #include "machine.h"
 
 namespace lumbra::tool {
@@ -33,6 +34,27 @@ void PrepareProcess() {}
 
 std::string TextOf(const std::filesystem::path& Path) {
   return Path.string();
+}
+
+bool IsExactText(const std::string& Text, const std::filesystem::path& /*Path*/) {
+  return host::ToUtf8(host::ToUtf16(Text)) == Text;
+}
+
+std::string WhyNoStorePath(const std::filesystem::path& Folder) {
+  const std::string Text = Folder.string();
+  const bool bNames = IsExactText(Text, Folder) && Text.find('\\') == std::string::npos;
+  return bNames ? "" : "the store's path must be UTF-8 without backslashes";
+}
+
+bool ListFolder(const std::filesystem::path& Folder, std::vector<std::filesystem::path>* pEntries,
+                std::string* pReason) {
+  std::error_code Refused;
+  std::filesystem::directory_iterator Listing(Folder, Refused);
+  for (; !Refused && Listing != std::filesystem::directory_iterator(); Listing.increment(Refused)) {
+    pEntries->push_back(Listing->path());
+  }
+  if (Refused) *pReason = Refused.message();
+  return !Refused;
 }
 
 std::filesystem::path AbsolutePath(const std::string& Text) {
@@ -78,6 +100,8 @@ void WatchForInterrupt() {
   sigaction(SIGINT, &Action, nullptr);
   sigaction(SIGTERM, &Action, nullptr);
 }
+
+void SayInputIsRead(bool /*bRead*/) {}
 
 bool Interrupted() {
   return g_bInterrupted != 0;

@@ -10,6 +10,7 @@
 #include <memory>
 #include <system_error>
 
+#include "host/system_win32.h"
 #include "host/text.h"
 #include "machine.h"
 
@@ -22,26 +23,32 @@ const char16_t* Utf16(const wchar_t* pText) {
   return reinterpret_cast<const char16_t*>(pText);
 }
 
-std::string MessageOfNumber(DWORD nError) {
-  return MessageOf(std::error_code(static_cast<int>(nError), std::system_category()));
-}
-
 HANDLE g_pMainThread = nullptr;
+
+std::atomic<bool> g_bReadsInput{false};
 
 // The first time a mark is set, and a read that waits for input ends; the second time the program does.
 BOOL WINAPI OnConsoleEvent(DWORD nEvent) {
   if (nEvent != CTRL_C_EVENT && nEvent != CTRL_BREAK_EVENT) return FALSE;
   if (g_bInterrupted.exchange(true)) return FALSE;
-  CancelSynchronousIo(g_pMainThread);
+  if (g_bReadsInput) CancelSynchronousIo(g_pMainThread);
   return TRUE;
 }
 
 UINT g_nCodePage = 0;  // of the terminal, before us
 
+// A path as the system takes it at any length.
+std::wstring Long(const std::filesystem::path& Path) {
+  constexpr std::size_t kMaxShortPath = 248;
+  const std::wstring& Text = Path.native();
+  if (Text.size() < kMaxShortPath || Text.starts_with(L"\\\\?\\")) return Text;
+  return Text.starts_with(L"\\\\") ? L"\\\\?\\UNC\\" + Text.substr(2) : L"\\\\?\\" + Text;
+}
+
 // A link to another name, as opposed to the other things that reparse points stand for.
 bool IsLink(const std::filesystem::path& Path) {
   WIN32_FIND_DATAW Found{};
-  const HANDLE Search = FindFirstFileW(Path.c_str(), &Found);
+  const HANDLE Search = FindFirstFileW(Long(Path).c_str(), &Found);
   if (Search == INVALID_HANDLE_VALUE) return false;
   FindClose(Search);
   return Found.dwReserved0 == IO_REPARSE_TAG_SYMLINK || Found.dwReserved0 == IO_REPARSE_TAG_MOUNT_POINT;
@@ -81,19 +88,55 @@ std::string TextOf(const std::filesystem::path& Path) {
   return host::ToUtf8(Path.u16string());
 }
 
-// By the system: the library does not know the roots of shares.
+bool IsExactText(const std::string& Text, const std::filesystem::path& Path) {
+  return host::ToUtf16(Text) == Path.u16string();
+}
+
+// Names in a store have up to 83 characters, and the library's functions take paths of up to 259.
+std::string WhyNoStorePath(const std::filesystem::path& Folder) {
+  constexpr std::size_t kLongest = 259 - 83;
+  return Folder.native().size() <= kLongest
+             ? ""
+             : "the store's path has more than " + std::to_string(kLongest) + " characters";
+}
+
+bool ListFolder(const std::filesystem::path& Folder, std::vector<std::filesystem::path>* pEntries,
+                std::string* pReason) {
+  WIN32_FIND_DATAW Found{};
+  const HANDLE Search = FindFirstFileW(Long(Folder / L"*").c_str(), &Found);
+  if (Search == INVALID_HANDLE_VALUE) {
+    *pReason = host::SystemMessage(GetLastError());
+    return false;
+  }
+  do {
+    const std::wstring_view Name = Found.cFileName;
+    if (Name != L"." && Name != L"..") pEntries->push_back(Folder / Name);
+  } while (FindNextFileW(Search, &Found));
+  const DWORD nError = GetLastError();
+  FindClose(Search);
+  if (nError != ERROR_NO_MORE_FILES) *pReason = host::SystemMessage(nError);
+  return nError == ERROR_NO_MORE_FILES;
+}
+
 std::filesystem::path AbsolutePath(const std::string& Text) {
-  const std::filesystem::path Path = PathOf(Text);
-  std::wstring Full(GetFullPathNameW(Path.c_str(), 0, nullptr, nullptr), L'\0');
-  Full.resize(GetFullPathNameW(Path.c_str(), static_cast<DWORD>(Full.size()), Full.data(), nullptr));
-  if (Full.empty()) return Path;
+  std::wstring Full = host::FullPath(PathOf(Text));
+  if (Full.empty()) return PathOf(Text);
   while (Full.size() > 3 && Full.ends_with(L'\\')) Full.pop_back();
   return Full;
 }
 
-// Points and blanks at the end are dropped by the system.
+// Points and blanks at the end are dropped by the system, and some names are those of devices, whatever follows a
+// point.
 bool IsFolderName(const std::string& Name) {
-  return Name.find_first_of("<>:\"|?*") == std::string::npos && !Name.ends_with('.') && !Name.ends_with(' ');
+  if (Name.find_first_of("<>:\"|?*") != std::string::npos || Name.ends_with('.') || Name.ends_with(' ')) return false;
+  std::string Stem = Name.substr(0, Name.find('.'));
+  while (Stem.ends_with(' ')) Stem.pop_back();
+  for (const std::string Device : {"CON", "PRN", "AUX", "NUL", "CONIN$", "CONOUT$", "COM", "LPT"}) {
+    const bool bNumbered = Device == "COM" || Device == "LPT";
+    const bool bNumber = Stem.size() == 4 && Stem[3] >= '0' && Stem[3] <= '9';
+    if (IsSameFolderName(bNumbered && bNumber ? Stem.substr(0, 3) : Stem, Device) && bNumbered == bNumber) return false;
+  }
+  return true;
 }
 
 bool IsSameFolderName(const std::string& Name, const std::string& Other) {
@@ -105,17 +148,9 @@ bool IsSameFolderName(const std::string& Name, const std::string& Other) {
   return CompareStringOrdinal(One.c_str(), Length(One), Two.c_str(), Length(Two), TRUE) == CSTR_EQUAL;
 }
 
-// The library asks for the text in the system's code page.
 std::string MessageOf(const std::error_code& Error) {
   if (Error.category() != std::system_category()) return Error.message();
-  wchar_t Text[512] = {};
-  const DWORD nLength = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
-                                       static_cast<DWORD>(Error.value()), 0, Text, 512, nullptr);
-  std::string Message = host::ToUtf8({Utf16(Text), nLength});
-  while (!Message.empty() && (Message.back() == '\n' || Message.back() == '\r' || Message.back() == '.')) {
-    Message.pop_back();
-  }
-  return Message.empty() ? "error " + std::to_string(Error.value()) : Message;
+  return host::SystemMessage(static_cast<std::uint32_t>(Error.value()));
 }
 
 std::FILE* OpenStream(const std::string& Path, const char* pMode) {
@@ -145,6 +180,10 @@ void WatchForInterrupt() {
   SetConsoleCtrlHandler(&OnConsoleEvent, TRUE);
 }
 
+void SayInputIsRead(bool bRead) {
+  g_bReadsInput = bRead;
+}
+
 bool Interrupted() {
   return g_bInterrupted;
 }
@@ -153,9 +192,9 @@ std::string WhyNotUsable(const std::filesystem::path& Folder) {
   const DWORD nAttributes = GetFileAttributesW(Folder.c_str());
   if (nAttributes == INVALID_FILE_ATTRIBUTES) {
     const DWORD nError = GetLastError();
-    if (nError != ERROR_FILE_NOT_FOUND && nError != ERROR_PATH_NOT_FOUND) return MessageOfNumber(nError);
+    if (nError != ERROR_FILE_NOT_FOUND && nError != ERROR_PATH_NOT_FOUND) return host::SystemMessage(nError);
     return Folder.has_parent_path() && Folder.parent_path() != Folder ? WhyNotUsable(Folder.parent_path())
-                                                                      : MessageOfNumber(nError);
+                                                                      : host::SystemMessage(nError);
   }
   if ((nAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) return TextOf(Folder) + " is no folder";
   for (const char* const pName : {"g_objbt.dat", "g_objid.dat", "g_objdt.dat", "g_db_id.dat"}) {
@@ -166,7 +205,7 @@ std::string WhyNotUsable(const std::filesystem::path& Folder) {
     if (Opened != INVALID_HANDLE_VALUE) {
       CloseHandle(Opened);
     } else if (nError != ERROR_FILE_NOT_FOUND) {
-      return TextOf(Path) + ": " + MessageOfNumber(nError);
+      return TextOf(Path) + ": " + host::SystemMessage(nError);
     }
   }
   return {};
@@ -181,8 +220,8 @@ bool IsHeld(const std::filesystem::path& File) {
 
 bool Look(const std::filesystem::path& Path, Entry* pEntry, std::string* pReason) {
   WIN32_FILE_ATTRIBUTE_DATA Found{};
-  if (!GetFileAttributesExW(Path.c_str(), GetFileExInfoStandard, &Found)) {
-    *pReason = MessageOfNumber(GetLastError());
+  if (!GetFileAttributesExW(Long(Path).c_str(), GetFileExInfoStandard, &Found)) {
+    *pReason = host::SystemMessage(GetLastError());
     return false;
   }
   pEntry->Kind = KindOf(Path, Found.dwFileAttributes);

@@ -86,7 +86,9 @@ class LineReader {
   bool Next(std::string* pLine) {
     pLine->clear();
     int c = EOF;
+    SayInputIsRead(true);
     while (!Interrupted() && (c = std::getc(m_pFile)) != EOF && c != '\n') *pLine += static_cast<char>(c);
+    SayInputIsRead(false);
     const bool bFailed = c == EOF && std::ferror(m_pFile) != 0;
     if (Interrupted() || (bFailed && errno == EINTR)) return false;
     if (bFailed) throw Failure("read " + m_Name, errREAD_FAILED, std::strerror(errno));

@@ -5,7 +5,6 @@
 
 #include "commands.h"
 #include "failure.h"
-#include "host/text.h"
 #include "machine.h"
 #include "recorder.h"
 
@@ -31,7 +30,7 @@ class Scanner {
         continue;
       }
       RecordEntry(Path, Found);
-      if (Found.Kind == EntryKind::Folder) ListInto(&Pending, Path);
+      if (Found.Kind == EntryKind::Folder) ListInOrder(&Pending, Path);
     }
   }
 
@@ -42,20 +41,16 @@ class Scanner {
   }
 
  private:
-  void ListInto(std::vector<fs::path>* pPending, const fs::path& Folder) {
+  void ListInOrder(std::vector<fs::path>* pPending, const fs::path& Folder) {
     const std::size_t nBefore = pPending->size();
-    std::error_code Refused;
-    fs::directory_iterator Listing(Folder, Refused);
-    for (; !Refused && Listing != fs::directory_iterator(); Listing.increment(Refused)) {
-      pPending->push_back(Listing->path());
-    }
-    if (Refused) Report(Folder, MessageOf(Refused));
+    std::string Reason;
+    if (!ListFolder(Folder, pPending, &Reason)) Report(Folder, Reason);
     std::sort(pPending->begin() + static_cast<std::ptrdiff_t>(nBefore), pPending->end(), std::greater<>());
   }
 
   void RecordEntry(const fs::path& Path, const Entry& Found) {
     const std::string Name = TextOf(Path);
-    if (host::ToUtf8(host::ToUtf16(Name)) != Name) Warn(Path, "its name is not UTF-8 and is recorded with U+FFFD");
+    if (!IsExactText(Name, Path)) Warn(Path, "its name is not UTF-8 and is recorded with U+FFFD");
     const std::uint32_t nType = Found.Kind == EntryKind::Folder ? typeFolder : typeFile;
     const Event Recorded{Found.nModified, 0, Found.nSize, static_cast<std::uint32_t>(Found.Kind), 0};
     std::string Reason;

@@ -12,9 +12,8 @@ namespace lumbra::tool {
 
 StoreFiles FilesOf(const CommonOptions& Options) {
   const std::filesystem::path Folder = AbsolutePath(Options.Store);
-  const std::string Text = Folder.generic_string();
-  if (host::ToUtf8(host::ToUtf16(Text)) != Text || Text.find('\\') != std::string::npos) {
-    throw Failure("open " + Options.Store, errPATH_NAME_INVALID, "the store's path must be UTF-8 without backslashes");
+  if (const std::string Reason = WhyNoStorePath(Folder); !Reason.empty()) {
+    throw Failure("open " + Options.Store, errPATH_NAME_INVALID, Reason);
   }
   return StoreFiles(Folder);
 }
@@ -45,7 +44,7 @@ Session::Session(const CommonOptions& Options, Missing Store, DamageListener Lis
     const std::string Loaded = Options.Module.empty() ? "what is built in" : Options.Module;
     throw Failure("load " + Loaded, m_Host.LoadResult(), "its entry refused this host");
   }
-  const std::string What = "open " + m_Files.Folder().string();
+  const std::string What = "open " + TextOf(m_Files.Folder());
   if (Store == Missing::Refuse && !m_Files.Exists()) throw Failure(What, errOBJECT_NOT_FOUND, "there is no store here");
   Trace(Options.nTraceLevel, std::move(Listener));
   m_Host.SetPlaceholder(u"%host%", host::ToUtf16(Options.Host.empty() ? MachineName() : Options.Host));

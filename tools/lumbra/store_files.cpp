@@ -119,7 +119,7 @@ std::vector<DatabaseName> StoreFiles::Databases() const {
   std::vector<DatabaseName> Numbered;
   std::vector<DatabaseName> Named;
   for (const fs::directory_entry& Entry : fs::directory_iterator(m_Folder)) {
-    const std::string Name = Entry.path().filename().string();
+    const std::string Name = TextOf(Entry.path().filename());
     if (!Entry.is_directory() || !fs::exists(Entry.path() / "segments.dat")) continue;
     const std::optional<std::uint32_t> Number = NumberOfFolder(Name);
     if (Number && FormatHex("%02X", *Number) == Name) {
@@ -138,7 +138,7 @@ bool StoreFiles::HasLostEvents(const DatabaseName& Database) const {
   if (const std::optional<DatabaseFiles> Found = Read(Database); Found && !Found->Segments.empty()) return false;
   std::error_code Missing;
   for (const fs::directory_entry& Entry : fs::directory_iterator(m_Folder / PathOf(Database.Folder()), Missing)) {
-    const bool bEvents = Entry.path().filename().string().ends_with("_events.dat");
+    const bool bEvents = TextOf(Entry.path().filename()).ends_with("_events.dat");
     if (bEvents && Entry.file_size(Missing) > kRecordFileHeader && !Missing) return true;
   }
   return false;
