@@ -138,13 +138,14 @@ SystemError MeasureFile(std::u16string_view Path, std::uint64_t* pnSize);
 // Now, in UTC, as a FILETIME.
 std::uint64_t CurrentTime();
 
-// Conversions as code page 65001 without flags: a lone surrogate and every invalid byte become U+FFFD. With
-// nSize 0 they measure. Answer the bytes (units) of the result, 0 when it does not fit or there is no input.
+// Conversions as code page 65001 without flags: a lone surrogate becomes U+FFFD, and so does what is no UTF-8, where
+// systems differ in how many come of several bytes. With nSize 0 they measure. Answer the bytes (units) of the result,
+// 0 when it does not fit or there is no input.
 std::uint32_t WideToUtf8(const char16_t* pText, std::uint32_t nUnits, char* pBuffer, std::uint32_t nSize);
 std::uint32_t Utf8ToWide(const char* pText, std::uint32_t nBytes, char16_t* pBuffer, std::uint32_t nUnits);
 
 // Upper-cases in place, each unit for itself; answers nUnits. Hashes on disk depend on it: the same answer on
-// every machine and in every locale, for ever.
+// every machine and in every locale, for ever (docs/file-format.md says where a service of Windows differs).
 std::uint32_t UpperCase(char16_t* pText, std::uint32_t nUnits);
 
 // ---- Threads ----------------------------------------------------------------------------------------------
