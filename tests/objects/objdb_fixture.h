@@ -29,8 +29,7 @@ class ObjectDbTest : public World {
     m_pDb = std::make_unique<ObjectDB>(bCheckData);
     ObjectFiles Files{OpenFile(u"bt"), OpenFile(u"id"), OpenFile(u"dt")};
     m_pDataFile = Files.pData.get();
-    const ResultCode nCode = m_pDb->Open(kNumber, Files, Head);
-    if (nCode != errOK) throw std::runtime_error("the store does not open: " + Name(nCode));
+    if (Failed(m_pDb->Open(kNumber, Files, Head))) throw std::runtime_error("the store does not open");
   }
 
   // A store of its own, with objects of these hashes and names, and with data under key 1 of the last one.
@@ -69,12 +68,12 @@ class ObjectDbTest : public World {
     tObjectId id = 0;
     const auto nSize = static_cast<std::uint32_t>(Name.size());
     m_nLast = m_pDb->FindOrCreateObject(nHash, 5, 1, 9, Name.data(), nSize, bForce, &id, &m_bExisted);
-    return m_nLast == errOK ? id : 0;
+    return id;
   }
   tObjectId Find(std::uint64_t nHash) {
     tObjectId id = 0;
     m_nLast = m_pDb->FindObject(nHash, &id);
-    return m_nLast == errOK ? id : 0;
+    return id;
   }
   ResultCode CodeOf(tObjectId) const { return m_nLast; }  // what the call that gave the object answered
 
