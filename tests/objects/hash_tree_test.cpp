@@ -25,33 +25,30 @@ TEST_F(HashTreeTest, TakesDigitsOffTheHash) {
 }
 
 TEST_F(HashTreeTest, SplitsWhereHashesPart) {
-  Start(false, {{0x0101, "1"}});
-  EXPECT_EQ(1u, Slot(16, 1));
-  // Then one that parts from it a level further down, two of which the lowest 12 bits are alike (two levels), and two
-  // that differ in the last bit alone: they part at the deepest level.
-  Start(false, {{0x0101, "1"}, {0x0201, "2"}, {0x0002, "3"}, {0x1002, "4"}, {0xFF, "5"}, {0x80000000000000FF, "6"}});
-  EXPECT_EQ((std::vector{0x80000000u | 1040, 1u, 2u}), (std::vector{Slot(16, 1), Slot(1040, 1), Slot(1040, 2)}));
-  EXPECT_EQ((std::vector{0x80000000u | 1104, 0x80000000u | 1168, 3u, 4u}),
-            (std::vector{Slot(16, 2), Slot(1104, 0), Slot(1168, 0), Slot(1168, 1)}));
-  EXPECT_EQ((std::pair{0x80000000u | 1184, 1184 + 64 + 16 + 50 * UINT64_C(8)}),
-            (std::pair{Slot(16, 0xFF), FileSize("bt")}));
+  // Two that part a level below the root, two of which the lowest 12 bits are alike (two levels), and two that differ
+  // in the last bit alone: they part at the deepest level.
+  const std::uint64_t kHashes[] = {0x0101, 0x0201, 0x0002, 0x1002, 0xFF, 0x80000000000000FF};
+  Start(false);
+  for (const std::uint64_t nHash : kHashes) ASSERT_NE(0u, Create(nHash, "x"));
+  EXPECT_EQ(
+      (std::vector{0x80000000u | 1040, 1u, 2u, 0x80000000u | 1104, 0x80000000u | 1168, 3u, 4u, 0x80000000u | 1184}),
+      (std::vector{Slot(16, 1), Slot(1040, 1), Slot(1040, 2), Slot(16, 2), Slot(1104, 0), Slot(1168, 0), Slot(1168, 1),
+                   Slot(16, 0xFF)}));
+  EXPECT_EQ(1184 + 64 + 16 + 50 * 8u, FileSize("bt"));
   Open(false);
-  EXPECT_EQ((std::vector{Id(1), Id(2), Id(3), Id(4), Id(5), Id(6), UINT64_C(0)}),
-            (std::vector{Find(0x0101), Find(0x0201), Find(0x0002), Find(0x1002), Find(0xFF), Find(0x80000000000000FF),
-                         Find(0x0301)}));
+  for (std::uint32_t i = 0; i < 6; ++i) EXPECT_EQ(Id(i + 1), Find(kHashes[i]));
 }
 
 TEST_F(HashTreeTest, FindsEverythingInEveryForm) {
-  for (const auto& [bCheckData, Head] : {std::pair{false, TreeHead::Small},
-                                         {false, TreeHead::Large},
-                                         {true, TreeHead::Small},
-                                         {true, TreeHead::Large}}) {
-    Start(bCheckData);
-    for (int nRound = 0; nRound < 3; ++nRound) {
-      if (nRound != 1) Open(bCheckData, Head);  // found before and after a restart
-      std::mt19937_64 Random(1);
-      for (std::uint32_t i = 1; i <= 3000; ++i) ASSERT_EQ(Id(i), nRound == 0 ? Create(Random(), "x") : Find(Random()));
-      EXPECT_EQ(FileSizes(), m_pDb->GetSize());
+  for (const bool bCheckData : {false, true}) {
+    for (const TreeHead Head : {TreeHead::Small, TreeHead::Large}) {
+      Start(bCheckData);
+      for (int nRound = 0; nRound < 3; ++nRound) {
+        if (nRound != 1) Open(bCheckData, Head);  // found before and after a restart
+        std::mt19937_64 Random(1);
+        for (std::uint32_t i = 1; i <= 3000; ++i)
+          ASSERT_EQ(Id(i), nRound == 0 ? Create(Random(), "x") : Find(Random()));
+      }
     }
   }
   EXPECT_EQ(Lines(), TakeTrace(400));
@@ -72,10 +69,9 @@ TEST_F(HashTreeTest, MendsItsFileOrStartsAnew) {
     Start(!bMended, {{0x0101, "x"}});
     Damage("bt", nOffset, pHex);
     EXPECT_EQ(Told, TakeTrace()) << nOffset;
-    const std::uint32_t nSize = bMended ? 2004 : 1044;
-    EXPECT_EQ((std::pair{nSize, std::uint64_t{nSize}}), (std::pair{Slot(8, 0), FileSize("bt")})) << nOffset;
-    EXPECT_EQ(bMended ? (std::vector{Id(1), Id(1), Id(1)}) : (std::vector{UINT64_C(0), Id(2), Id(2)}),
-              (std::vector{Find(0x0101), Create(0x0101, "x"), Find(0x0101)}))
+    const std::uint64_t nSize = bMended ? 2004 : 1044;
+    EXPECT_EQ((std::vector{nSize, nSize, bMended ? Id(1) : 0, bMended ? Id(1) : Id(2)}),
+              (std::vector{std::uint64_t{Slot(8, 0)}, FileSize("bt"), Find(0x0101), Create(0x0101, "x")}))
         << nOffset;
   }
 }
@@ -88,9 +84,9 @@ TEST_F(HashTreeTest, TiesNodesToTheirParents) {
     EXPECT_EQ(Crc32(nSeed, ReadFile("bt").data() + 1044, 64), Slot(1044, 16));
     Bytes Content = ReadFile("bt");
     const std::uint32_t nItself = 0x80000000 | 1044;
-    std::memcpy(Content.data() + 1044 + 4 * 1, &nItself, 4);
-    const std::uint32_t nCrc = Crc32(nSeed, Content.data() + 1044, 64);
-    std::memcpy(Content.data() + 1044 + 64, &nCrc, 4);
+    std::memcpy(&Content[1044 + 4 * 1], &nItself, 4);
+    const std::uint32_t nCrc = Crc32(nSeed, &Content[1044], 64);
+    std::memcpy(&Content[1044 + 64], &nCrc, 4);
     Replace("bt", Content);
     EXPECT_CODE(errDATA_CORRUPTED, CodeOf(Find(0x0101)));
     EXPECT_EQ(Lines{FailedCheck("ValidDataCrc(nPreviousOffset, offsets, offsetsSize, &crc32)")}, TakeTrace(400));
