@@ -1,5 +1,5 @@
 // The segment manager: the chain of segments, its limits, reading across it, and damage to its header.
-#include <ranges>
+#include <numeric>
 
 #include "events/lmb_smgr.h"
 #include "support/system_calls.h"
@@ -11,12 +11,15 @@ namespace {
 class SegmentManagerTest : public World {
  protected:
   using Values = std::vector<std::uint32_t>;
+  using Totals = std::pair<std::uint32_t, std::uint64_t>;  // segments and events
 
   ResultCode Init(std::uint32_t nEventSize = 4) { return m_pManager->Init(&m_Environment, nEventSize, nullptr, false); }
-  // The same folder again, as after a restart.
-  ResultCode Restart() {
+  // The same folder again, as after a restart; first with another content of a file, "" for none.
+  void Restart(const char* pFile = "", const char* pHex = "") {
+    m_pManager.reset();
+    if (*pFile != 0) WriteFile(pFile, FromHex(pHex));
     m_pManager = std::make_unique<SegmentManager>();
-    return Init();
+    ASSERT_CODE(errOK, Init());
   }
   void Fill(std::uint32_t nEventsOfASegment, std::uint32_t nCount) {
     ASSERT_CODE(errOK, Init());
@@ -27,18 +30,11 @@ class SegmentManagerTest : public World {
   // Adds the next events, numbered from 1 on, and answers the id of the last.
   std::uint64_t Add(std::uint32_t nCount) {
     std::uint64_t nId = 0;
-    for (const std::uint32_t nLast = m_nLastAdded + nCount; m_nLastAdded < nLast;) {
-      ++m_nLastAdded;
-      EXPECT_CODE(errOK, m_pManager->AddEvent(&m_nLastAdded, 4, &nId)) << m_nLastAdded;
-    }
+    while (nCount-- > 0) EXPECT_CODE(errOK, m_pManager->AddEvent(&++m_nLastAdded, 4, &nId)) << m_nLastAdded;
     return nId;
   }
 
-  // Changes a limit, and answers the number of segments after it.
-  std::uint32_t Limit(void (SegmentManager::*pSet)(std::uint64_t), std::uint64_t nLimit) {
-    (m_pManager.get()->*pSet)(nLimit);
-    return m_pManager->GetSegmentCount();
-  }
+  Totals Held() { return {m_pManager->GetSegmentCount(), m_pManager->GetTotalEvents()}; }
 
   // The buffer has room for what is asked for, less nShort events.
   Values Get(std::uint32_t nLow, std::int32_t nHigh, std::uint32_t nCount, ResultCode nExpected = errOK,
@@ -50,8 +46,9 @@ class SegmentManagerTest : public World {
     return Read;
   }
   static Values From(std::uint32_t nFirst, std::uint32_t nCount) {
-    const auto Numbers = std::views::iota(nFirst, nFirst + nCount);
-    return {Numbers.begin(), Numbers.end()};
+    Values Numbers(nCount);
+    std::iota(Numbers.begin(), Numbers.end(), nFirst);
+    return Numbers;
   }
 
   bool Exists(const char* pName) const { return std::filesystem::exists(Folder() / pName); }
@@ -64,28 +61,28 @@ TEST_F(SegmentManagerTest, StartsWithOneSegment) {
   EXPECT_CODE(errOPEN_FAILED, Init(0));
   ASSERT_CODE(errOK, Init());  // and can be tried again
   EXPECT_EQ("534442480100000004000000", ToHex(ReadFile("segments.dat")));
-  for (const char* const pName : {"events", "objbt", "objid", "objdt"}) {
+  for (const char* const pName : {"events", "objbt", "objid", "objdt"})
     EXPECT_TRUE(Exists(("00000001_" + std::string(pName) + ".dat").c_str())) << pName;
-  }
   EXPECT_CODE(errALREADY_DONE, Init());
   EXPECT_CODE(errPARAMETER_INVALID, SegmentManager().Init(nullptr, 4, nullptr, false));
   EXPECT_CODE(errSTORE_NOT_INITIALIZED, SegmentManager().AddEvent("", 1, nullptr));
   EXPECT_CODE(errSTORE_NOT_INITIALIZED, SegmentManager().Clear());
   EXPECT_CODE(errOK, m_pManager->DeleteOldestSegment());
-  EXPECT_EQ(1u, m_pManager->GetSegmentCount());
+  EXPECT_EQ((Totals{1, 0}), Held());
 }
 
 TEST_F(SegmentManagerTest, StartsANewSegmentWhenOneIsFull) {
   m_pManager->SetSegmentMaxEvents(100);  // limits may come first
   ASSERT_CODE(errOK, Init());
-  EXPECT_EQ(MakeObjectId(1, 99), Add(100));
-  EXPECT_EQ(MakeObjectId(2, 0), Add(1));
+  EXPECT_EQ((std::pair{MakeObjectId(1, 99), MakeObjectId(2, 0)}), (std::pair{Add(100), Add(1)}));
   m_pManager->SetSegmentMaxEvents(0);
   m_pManager->SetSegmentMaxSize(m_pManager->GetTotalSize());
-  EXPECT_EQ(MakeObjectId(2, 200), Add(200));                       // far from that size
-  EXPECT_EQ(3u, Limit(&SegmentManager::SetSegmentMaxSize, 1100));  // enforced at once
+  EXPECT_EQ(MakeObjectId(2, 200), Add(200));  // far from that size
+  m_pManager->SetSegmentMaxSize(1100);        // enforced at once
+  EXPECT_EQ((Totals{3, 301}), Held());
   m_pManager->SetSegmentMaxSize(0);
-  EXPECT_EQ(3u, Limit(&SegmentManager::SetSegmentMaxAge, 60));
+  m_pManager->SetSegmentMaxAge(60);
+  EXPECT_EQ((Totals{3, 301}), Held());
   SetClock(SystemClock() + 61);
   EXPECT_EQ(MakeObjectId(4, 0), Add(1));
 }
@@ -94,54 +91,52 @@ TEST_F(SegmentManagerTest, DropsTheOldestWhileThereIsTooMuch) {
   Fill(100, 250);
   m_pManager->SetDbMaxEvents(250);
   Add(1);
-  EXPECT_EQ(251u, m_pManager->GetTotalEvents());
+  EXPECT_EQ((Totals{3, 251}), Held());
   Add(1);
-  EXPECT_EQ(152u, m_pManager->GetTotalEvents());
   EXPECT_EQ("500 Segment 1 has been deleted (0,0,FA,0)", TakeTrace().back());
   EXPECT_FALSE(Exists("00000001_events.dat") || Exists("00000001_objbt.dat"));
   EXPECT_EQ("534442480200000004000000", ToHex(ReadFile("segments.dat")));
   EXPECT_EQ(From(101, 152), Get(0, 0, 152));
-  EXPECT_EQ(From(250, 3), Get(static_cast<std::uint32_t>(-3), -1, 3));
+  EXPECT_EQ(From(250, 3), Get(0u - 3, -1, 3));
 
-  EXPECT_EQ(1u, Limit(&SegmentManager::SetDbMaxEvents, 60));  // at once, but never the newest
-  EXPECT_EQ(From(201, 52), Get(0, 0, 52));
+  m_pManager->SetDbMaxEvents(50);  // at once, but never the newest
+  EXPECT_EQ((Totals{1, 52}), Held());
   m_pManager->SetDbMaxEvents(0);
   Add(100);
   const std::uint64_t nSize = m_pManager->GetTotalSize();
-  EXPECT_EQ(2u, Limit(&SegmentManager::SetDbMaxSize, nSize));  // it may hold exactly its limit
-  EXPECT_EQ(1u, Limit(&SegmentManager::SetDbMaxSize, nSize - 1));
+  m_pManager->SetDbMaxSize(nSize);  // it may hold exactly its limit
+  EXPECT_EQ((Totals{2, 152}), Held());
+  m_pManager->SetDbMaxSize(nSize - 1);
+  EXPECT_EQ((Totals{1, 52}), Held());
   m_pManager->SetDbMaxSize(0);
   Add(100);
   EXPECT_CODE(errOK, m_pManager->DeleteOldestSegment());
   EXPECT_EQ("500 Segment 4 has been deleted (1,0,0,0)", TakeTrace().back());
   Add(100);
-  EXPECT_EQ(2u, Limit(&SegmentManager::SetDbMaxAge, 1000));
+  m_pManager->SetDbMaxAge(1000);
+  EXPECT_EQ((Totals{2, 152}), Held());
   SetClock(SystemClock() + 2000);
   EXPECT_CODE(errOK, m_pManager->CheckLimits(false));
-  EXPECT_EQ(1u, m_pManager->GetSegmentCount());
+  EXPECT_EQ((Totals{1, 52}), Held());
 }
 
 TEST_F(SegmentManagerTest, ReadsFromAnywhere) {
   Fill(10, 35);
   for (int nRound = 0; nRound < 2; ++nRound) {
-    EXPECT_EQ(From(1, 35), Get(0, 0, 35));
-    EXPECT_EQ(From(9, 14), Get(8, 0, 14));
-    EXPECT_EQ(Values{}, Get(35, 0, 1, errNO_MORE_EVENTS));
-    EXPECT_EQ(From(31, 5), Get(30, 0, 9, errNO_MORE_EVENTS));
-    EXPECT_EQ(From(24, 12), Get(static_cast<std::uint32_t>(-12), -1, 12));
-    EXPECT_EQ(From(1, 35), Get(static_cast<std::uint32_t>(-100), -1, 100, errNO_MORE_EVENTS));
-    EXPECT_EQ(From(14, 10), Get(3, 2, 10));
-    EXPECT_EQ(Values{}, Get(10, 2, 1, errINDEX_OUT_OF_RANGE));
+    EXPECT_EQ((std::vector{From(1, 35), From(9, 14), From(24, 12), From(14, 10)}),
+              (std::vector{Get(0, 0, 35), Get(8, 0, 14), Get(0u - 12, -1, 12), Get(3, 2, 10)}));
+    EXPECT_EQ((std::vector{From(31, 5), From(1, 35), Values{}}),
+              (std::vector{Get(30, 0, 9, errNO_MORE_EVENTS), Get(0u - 100, -1, 100, errNO_MORE_EVENTS),
+                           Get(10, 2, 1, errINDEX_OUT_OF_RANGE)}));
     EXPECT_EQ(From(4, 2), Get(3, 77, 2));  // a segment that is no more: the oldest
     EXPECT_EQ(Values{}, Get(0, 0, 0));
-    ASSERT_CODE(errOK, Restart());
+    Restart();
   }
   EXPECT_EQ(From(6, 5), Get(5, 0, 8, errNO_MORE_EVENTS, 2));  // those of the segment that was read in full
   const std::uint32_t nNew = 1000;
   EXPECT_CODE(errOK, m_pManager->UpdateEvent(0, 2, &nNew, 4));
   EXPECT_CODE(errOK, m_pManager->UpdateEvent(0, 0, &nNew, 4));  // 0: the newest
-  EXPECT_EQ((Values{1000}), Get(10, 0, 1));
-  EXPECT_EQ((Values{1000}), Get(30, 0, 1));
+  EXPECT_EQ((std::pair{Values{1000}, Values{1000}}), (std::pair{Get(10, 0, 1), Get(30, 0, 1)}));
   EXPECT_CODE(errOBJECT_NOT_FOUND, m_pManager->UpdateEvent(0, 9, &nNew, 4));
   EXPECT_CODE(errNOT_IMPLEMENTED, m_pManager->EnumFirstObject());
   EXPECT_CODE(errPARAMETER_INVALID, m_pManager->EnumNextObject(9));
@@ -151,10 +146,9 @@ TEST_F(SegmentManagerTest, ListsWithoutOpening) {
   Fill(1, 50);
   const std::uint64_t nSize = m_pManager->GetTotalSize();
   ResetSystem();
-  ASSERT_CODE(errOK, Restart());
+  Restart();
   EXPECT_EQ(1u, CallsOf(SystemCall::Open));  // "segments.dat"
-  EXPECT_EQ(50u, m_pManager->GetTotalEvents());
-  EXPECT_EQ(nSize + 50 * 12, m_pManager->GetTotalSize());
+  EXPECT_EQ((std::pair{Totals{50, 50}, nSize + 50 * 12}), (std::pair{Held(), m_pManager->GetTotalSize()}));
   EXPECT_EQ(MakeObjectId(50, 1), Add(1));  // limits are not stored
   EXPECT_EQ(5u, CallsOf(SystemCall::Open));
 }
@@ -165,36 +159,32 @@ TEST_F(SegmentManagerTest, StartsAnewOnlyWhereItMust) {
   for (const SystemCall Failing : {SystemCall::Look, SystemCall::ReadAt, SystemCall::Open}) {
     for (std::uint64_t nSkip = 0; nSkip < 16; ++nSkip) {
       FailCalls(Failing, os::kIoDevice, nSkip);
-      const ResultCode nCode = Restart();
+      m_pManager = std::make_unique<SegmentManager>();
+      const ResultCode nCode = Init();
       ResetSystem();
       ASSERT_CODE(errOK, Failed(nCode) ? Init() : nCode);
       ASSERT_EQ(35u, m_pManager->GetTotalEvents()) << static_cast<int>(Failing) << ' ' << nSkip;
     }
   }
   std::filesystem::remove(Folder() / "00000003_events.dat");
-  ASSERT_CODE(errOK, Restart());
-  EXPECT_EQ(20u, m_pManager->GetTotalEvents());
-  EXPECT_TRUE(Exists("00000004_events.dat"));
+  Restart();
+  EXPECT_EQ((std::pair{Totals{2, 20}, true}), (std::pair{Held(), Exists("00000004_events.dat")}));
   m_pManager->SetSegmentMaxEvents(10);  // starts segment 3, and cleans it first
   EXPECT_EQ(MakeObjectId(3, 9), Add(10));
   EXPECT_EQ(From(36, 10), Get(20, 0, 10));
 
   WriteFile("something", {1});
   EXPECT_CODE(errOK, m_pManager->Clear());
-  EXPECT_EQ((std::pair{1u, UINT64_C(0)}), (std::pair{m_pManager->GetSegmentCount(), m_pManager->GetTotalEvents()}));
+  EXPECT_EQ((Totals{1, 0}), Held());
   EXPECT_FALSE(Exists("something") || Exists("00000002_events.dat"));
   EXPECT_EQ(MakeObjectId(2, 0), Add(11));  // the limit is still there
-  for (const char* const pHeader : {"", "5344424801000000", "58444248 01000000 04000000", "53444248 01000000 08000000",
-                                    "53444248 63000000 04000000"}) {
-    m_pManager.reset();
-    std::filesystem::remove(Folder() / "segments.dat");
-    ASSERT_CODE(errOK, Restart());
+  for (const char* const pHeader :
+       {"5344424801000000", "58444248 01000000 04000000", "53444248 01000000 08000000", "53444248 63000000 04000000"}) {
+    Restart("segments.dat", pHeader);
+    EXPECT_EQ((std::pair{UINT64_C(0), std::string("534442480100000004000000")}),
+              (std::pair{m_pManager->GetTotalEvents(), ToHex(ReadFile("segments.dat"))}))
+        << pHeader;
     Add(5);
-    m_pManager.reset();
-    WriteFile("segments.dat", FromHex(pHeader));
-    ASSERT_CODE(errOK, Restart());
-    EXPECT_EQ(0u, m_pManager->GetTotalEvents()) << pHeader;
-    EXPECT_EQ("534442480100000004000000", ToHex(ReadFile("segments.dat"))) << pHeader;
   }
 }
 
@@ -212,12 +202,10 @@ TEST_F(SegmentManagerTest, GoesOnWhenASegmentCannotBeStarted) {
   EXPECT_EQ(From(12, 1), Get(0, 0, 1));
 
   // There is none above the highest number.
-  m_pManager.reset();
-  WriteFile("segments.dat", FromHex("53444248 efffff7f 04000000"));
-  WriteFile("7FFFFFEF_events.dat", FromHex("504c44420c00000004000000 01000000"));
-  WriteFile("7FFFFFF0_events.dat", FromHex("504c44420c00000004000000 01000000"));
-  ASSERT_CODE(errOK, Restart());
-  EXPECT_EQ(1u, m_pManager->GetTotalEvents());
+  for (const char* const pName : {"7FFFFFEF_events.dat", "7FFFFFF0_events.dat"})
+    WriteFile(pName, FromHex("504c44420c00000004000000 01000000"));
+  Restart("segments.dat", "53444248 efffff7f 04000000");
+  EXPECT_EQ((Totals{1, 1}), Held());
   m_pManager->SetSegmentMaxEvents(1);
   EXPECT_CODE(errOUT_OF_SPACE, m_pManager->CheckLimits(false));
 }
