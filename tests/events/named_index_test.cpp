@@ -20,10 +20,9 @@ class NamedIndexTest : public World {
     return {Name(nCode), Names, m_bCorrupted};
   }
   // As digits of a hex dump.
-  static std::string Block(std::string_view Text) {
-    Bytes Filled(Text.begin(), Text.end());
-    Filled.resize(64);
-    return ToHex(Filled);
+  static std::string Block(std::string Text) {
+    Text.resize(64);
+    return ToHex({Text.begin(), Text.end()});
   }
 
   const std::u16string m_Path = (Folder() / "g_db_id.dat").u16string();

@@ -34,6 +34,11 @@ class SegmentManagerTest : public World {
     return nId;
   }
 
+  // What is there after a change of a limit.
+  Totals Limit(void (SegmentManager::*pSet)(std::uint64_t), std::uint64_t nLimit) {
+    (m_pManager.get()->*pSet)(nLimit);
+    return Held();
+  }
   Totals Held() { return {m_pManager->GetSegmentCount(), m_pManager->GetTotalEvents()}; }
 
   // The buffer has room for what is asked for, less nShort events.
@@ -77,12 +82,10 @@ TEST_F(SegmentManagerTest, StartsANewSegmentWhenOneIsFull) {
   EXPECT_EQ((std::pair{MakeObjectId(1, 99), MakeObjectId(2, 0)}), (std::pair{Add(100), Add(1)}));
   m_pManager->SetSegmentMaxEvents(0);
   m_pManager->SetSegmentMaxSize(m_pManager->GetTotalSize());
-  EXPECT_EQ(MakeObjectId(2, 200), Add(200));  // far from that size
-  m_pManager->SetSegmentMaxSize(1100);        // enforced at once
-  EXPECT_EQ((Totals{3, 301}), Held());
+  EXPECT_EQ(MakeObjectId(2, 200), Add(200));                                     // far from that size
+  EXPECT_EQ((Totals{3, 301}), Limit(&SegmentManager::SetSegmentMaxSize, 1100));  // enforced at once
   m_pManager->SetSegmentMaxSize(0);
-  m_pManager->SetSegmentMaxAge(60);
-  EXPECT_EQ((Totals{3, 301}), Held());
+  EXPECT_EQ((Totals{3, 301}), Limit(&SegmentManager::SetSegmentMaxAge, 60));
   SetClock(SystemClock() + 61);
   EXPECT_EQ(MakeObjectId(4, 0), Add(1));
 }
@@ -99,22 +102,18 @@ TEST_F(SegmentManagerTest, DropsTheOldestWhileThereIsTooMuch) {
   EXPECT_EQ(From(101, 152), Get(0, 0, 152));
   EXPECT_EQ(From(250, 3), Get(0u - 3, -1, 3));
 
-  m_pManager->SetDbMaxEvents(50);  // at once, but never the newest
-  EXPECT_EQ((Totals{1, 52}), Held());
+  EXPECT_EQ((Totals{1, 52}), Limit(&SegmentManager::SetDbMaxEvents, 50));  // at once, but never the newest
   m_pManager->SetDbMaxEvents(0);
   Add(100);
   const std::uint64_t nSize = m_pManager->GetTotalSize();
-  m_pManager->SetDbMaxSize(nSize);  // it may hold exactly its limit
-  EXPECT_EQ((Totals{2, 152}), Held());
-  m_pManager->SetDbMaxSize(nSize - 1);
-  EXPECT_EQ((Totals{1, 52}), Held());
+  EXPECT_EQ((Totals{2, 152}), Limit(&SegmentManager::SetDbMaxSize, nSize));  // it may hold exactly its limit
+  EXPECT_EQ((Totals{1, 52}), Limit(&SegmentManager::SetDbMaxSize, nSize - 1));
   m_pManager->SetDbMaxSize(0);
   Add(100);
   EXPECT_CODE(errOK, m_pManager->DeleteOldestSegment());
   EXPECT_EQ("500 Segment 4 has been deleted (1,0,0,0)", TakeTrace().back());
   Add(100);
-  m_pManager->SetDbMaxAge(1000);
-  EXPECT_EQ((Totals{2, 152}), Held());
+  EXPECT_EQ((Totals{2, 152}), Limit(&SegmentManager::SetDbMaxAge, 1000));
   SetClock(SystemClock() + 2000);
   EXPECT_CODE(errOK, m_pManager->CheckLimits(false));
   EXPECT_EQ((Totals{1, 52}), Held());

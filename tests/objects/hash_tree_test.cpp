@@ -81,7 +81,6 @@ TEST_F(HashTreeTest, TiesNodesToTheirParents) {
   for (const auto& [nSeed, pMagic] : {std::pair{16u, ""}, {0u, "4f444252"}}) {
     // A node of level 1 at 1044, below the root at 16, and one of level 2 at 1112, below it.
     Start(true, {{0x0101, "x"}, {0x0201, "x"}, {0x1101, "x"}}, "", pMagic);
-    EXPECT_EQ(Crc32(nSeed, ReadFile("bt").data() + 1044, 64), Slot(1044, 16));
     Bytes Content = ReadFile("bt");
     const std::uint32_t nItself = 0x80000000 | 1044;
     std::memcpy(&Content[1044 + 4 * 1], &nItself, 4);
