@@ -17,7 +17,7 @@ class ObjectDbCheckTest : public ObjectDbTest {
 };
 
 TEST_F(ObjectDbCheckTest, LooksAtNothingWithoutCrcs) {
-  Start(false, {{0x0101, "name"}});
+  Start(false, {{0x0101, "name"}, {0x0201, "cut off"}});
   m_pDb.reset();
   std::filesystem::resize_file(Folder() / "id", FileSize("id") - 1);
   Replace("bt", {});
