@@ -1,9 +1,6 @@
 // The module as its host sees it: loaded from its file, bound through its entry, asked for instances through the
 // factory that it registers.
-#include <gmock/gmock.h>
-
-#include <cstdlib>
-#include <cstring>
+#include <list>
 #include <map>
 #include <set>
 #include <utility>
@@ -15,211 +12,152 @@
 namespace lumbra::test {
 namespace {
 
+using Numbers = std::vector<std::uint32_t>;
 using Lines = std::vector<std::string>;
 
-std::string Hex(std::uint32_t nValue) {
-  char Text[12];
-  std::snprintf(Text, sizeof(Text), "%X", nValue);
-  return Text;
-}
-
-// A host that notes what is asked of it, and refuses one call or every allocation.
-class NotingHost {
- public:
-  HostObject m_Root{&kRootOperations, &kSystemOperations};
-  Lines m_Calls;
-  std::size_t m_nRefused = 99;  // the number of the call that fails, from 0
-  bool m_bNoMemory = false;
-  int m_nBlocks = 0;  // allocated and not given back
-  std::map<std::uint32_t, HostFactory> m_Factories;
-  std::map<HostObject*, int> m_References;
-
-  NotingHost() { s_pHost = this; }
-  ~NotingHost() { EXPECT_EQ(0, m_nBlocks); }
-
-  // What was asked since the last time.
-  Lines TakeCalls() { return std::exchange(m_Calls, {}); }
-
-  // An instance, as a host uses it: with the host's operations in its handle.
-  LumbraInstance* Make(std::uint32_t nInterfaceId) {
-    auto* const pInstance = static_cast<LumbraInstance*>(m_Factories.at(kSharedInstance)(7, &m_Root, nInterfaceId));
-    if (pInstance != nullptr) pInstance->Handle.pSystem = &kSystemOperations;
-    return pInstance;
-  }
-
- private:
-  ResultCode Note(const std::string& Call) {
-    m_Calls.push_back(Call);
-    return m_Calls.size() == m_nRefused + 1 ? errACCESS_DENIED : errOK;
-  }
-
-  static ResultCode ResolveImports(HostObject* pRoot, std::uint32_t nReserved, HostImport* pTable,
-                                   std::uint32_t nPluginId) {
-    EXPECT_EQ(&s_pHost->m_Root, pRoot);
-    EXPECT_EQ(0u, nReserved);
-    std::string Call = "resolve for " + Hex(nPluginId) + ':';
-    for (; pTable->ppSlot != nullptr; ++pTable) {
-      *pTable->ppSlot = reinterpret_cast<void*>(+[](std::uint32_t*) -> std::uint32_t { return 1; });
-      Call += ' ' + std::to_string(pTable->nExporter) + '/' + Hex(pTable->nFunctionId);
-    }
-    EXPECT_EQ(0u, pTable->nExporter | pTable->nFunctionId);
-    return s_pHost->Note(Call);
-  }
-
-  static ResultCode RegisterInterface(HostObject* pRoot, std::uint32_t nInterfaceId, std::uint32_t nPluginId,
-                                      std::uint32_t nReserved1, std::uint32_t nReserved2, HostFactory pFactory) {
-    EXPECT_EQ(&s_pHost->m_Root, pRoot);
-    EXPECT_EQ(0u, nReserved1 | nReserved2);
-    s_pHost->m_Factories[nInterfaceId] = pFactory;
-    return s_pHost->Note("register " + Hex(nInterfaceId) + " for " + Hex(nPluginId));
-  }
-
-  static ResultCode BindFunction(HostObject* pRoot, void** ppSlot, std::uint32_t nExporter, std::uint32_t nFunctionId,
-                                 std::uint32_t nOption) {
-    EXPECT_EQ(&s_pHost->m_Root, pRoot);
-    if (nExporter == kExporterTrace && nFunctionId == kFunctionTrace && nOption == kTraceBindOption) {
-      *ppSlot = reinterpret_cast<void*>(&Trace);
-      return errOK;
-    }
-    if (nFunctionId == kFunctionStringAppend) *ppSlot = reinterpret_cast<void*>(&AppendText);
-    return s_pHost->Note("bind " + std::to_string(nExporter) + '/' + Hex(nFunctionId));
-  }
-
-  static ResultCode Trace(HostObject* pObject, std::uint32_t nLevel, const char* pFormat, std::va_list Arguments) {
-    const char* const pWho = pObject == &s_pHost->m_Root ? "root: " : "not the root: ";
-    NoteTraceLine(nLevel, pWho + host::FormatTraceLine(pFormat, Arguments));
-    return errOK;
-  }
-
-  static ResultCode AppendText(HostString*, const void*, std::uint32_t, std::uint32_t) {
-    return s_pHost->Note("append");
-  }
-
-  static void* Allocate(HostObject*, std::uint32_t nSize) {
-    if (s_pHost->m_bNoMemory) return nullptr;
-    ++s_pHost->m_nBlocks;
-    return std::memset(std::malloc(nSize), 0xCD, nSize);
-  }
-
-  static void Free(HostObject*, void* pBlock) {
-    if (pBlock != nullptr) --s_pHost->m_nBlocks;
-    std::free(pBlock);
-  }
-
-  static std::uint32_t ReferenceShared(HostObject* pObject, std::uint32_t nReserved1, std::uint32_t nReserved2) {
-    EXPECT_EQ(0u, nReserved1 | nReserved2);
-    return static_cast<std::uint32_t>(++s_pHost->m_References[pObject]);
-  }
-
-  // What is null is not called here.
-  static constexpr HostRootOperations kRootOperations = {ResolveImports, RegisterInterface, BindFunction, nullptr,
-                                                         nullptr};
-  static constexpr HostSystemOperations kSystemOperations = {nullptr, nullptr, Allocate, Free, nullptr,        nullptr,
-                                                             nullptr, nullptr, nullptr,  {},   ReferenceShared};
-
-  inline static NotingHost* s_pHost = nullptr;
-};
-
+// A module, and a host that notes what is asked of it when it is loaded, and refuses one call or every allocation.
 class ModuleTest : public World {
  protected:
   void SetUp() override {
+    s_pTest = this;
     host::ModuleFile File;
     ASSERT_EQ("", host::ReadModuleFile(LUMBRA_MODULE, &File).Text);
     ASSERT_EQ("", m_Module.Load(File).Text);
   }
+  void TearDown() override { EXPECT_TRUE(m_Blocks.empty()); }
 
-  int Enter(std::uint32_t nReason, void* pRoot, void* pError) { return m_Module.Entry()(pRoot, nReason, pError); }
-  int Load() { return Enter(kModuleLoad, &m_Host.m_Root, &m_nError); }
-
-  static ResultCode SetFolder(LumbraInstance* pInstance) {
-    char16_t Folder[] = u"/folder";
-    PropertyAccessRecord Record{Folder, sizeof(Folder), 0, kCodePageUtf16, propertySet};
-    return pInstance->pLifecycle->PropertyAccess(pInstance, propREPORT_FOLDER, &Record);
-  }
-  static std::uint32_t NumberOf(LumbraInstance* pInstance, std::uint32_t nProperty) {
-    std::uint32_t nValue = 99;
-    PropertyAccessRecord Record{&nValue, sizeof(nValue), 0, 0, propertyGet};
-    EXPECT_CODE(errOK, pInstance->pLifecycle->PropertyAccess(pInstance, nProperty, &Record));
-    return nValue;
+  // An instance, as a host uses it: with the host's operations in its handle.
+  LumbraInstance* Make(std::uint32_t nInterfaceId) {
+    auto* const pInstance = static_cast<LumbraInstance*>(m_Factories.at(kSharedInstance)(7, &m_Root, nInterfaceId));
+    if (pInstance != nullptr) pInstance->Handle.pSystem = &m_System;
+    return pInstance;
   }
 
-  NotingHost m_Host;
+  // ---- The host's operations; what is null is not called here ---
+
+  // Notes the numbers of a call.
+  static ResultCode Note(const HostObject* pRoot, const Numbers& Call) {
+    EXPECT_EQ(&s_pTest->m_Root, pRoot);
+    s_pTest->m_Calls.push_back(Call);
+    return s_pTest->m_Calls.size() == s_pTest->m_nRefused ? errACCESS_DENIED : errOK;
+  }
+  static ResultCode ResolveImports(HostObject* pRoot, std::uint32_t nReserved, HostImport* pTable,
+                                   std::uint32_t nPluginId) {
+    Numbers Call = {nReserved, nPluginId};
+    do {
+      Call.insert(Call.end(), {pTable->nExporter, pTable->nFunctionId});
+    } while ((pTable++)->ppSlot != nullptr);
+    return Note(pRoot, Call);
+  }
+  static ResultCode RegisterInterface(HostObject* pRoot, std::uint32_t nInterfaceId, std::uint32_t nPluginId,
+                                      std::uint32_t nReserved1, std::uint32_t nReserved2, HostFactory pFactory) {
+    s_pTest->m_Factories[nInterfaceId] = pFactory;
+    return Note(pRoot, {nInterfaceId, nPluginId, nReserved1, nReserved2});
+  }
+  static ResultCode BindFunction(HostObject*, void** ppSlot, std::uint32_t nExporter, std::uint32_t nFunctionId,
+                                 std::uint32_t nOption) {
+    *ppSlot = s_pTest->m_Offered[{nExporter, nFunctionId, nOption}];
+    return errOK;
+  }
+  static ResultCode Trace(HostObject* pObject, std::uint32_t nLevel, const char* pFormat, std::va_list Arguments) {
+    EXPECT_EQ(&s_pTest->m_Root, pObject);
+    NoteTraceLine(nLevel, host::FormatTraceLine(pFormat, Arguments));
+    return errOK;
+  }
+  static ResultCode AppendText(HostString*, const void*, std::uint32_t, std::uint32_t) { return errOK; }
+  static void* Allocate(HostObject*, std::uint32_t nSize) {
+    return s_pTest->m_bNoMemory ? nullptr : s_pTest->m_Blocks.emplace_back(nSize, std::uint8_t{0xCD}).data();
+  }
+  static void Free(HostObject*, void* pBlock) {
+    s_pTest->m_Blocks.remove_if([&](const Bytes& Block) { return Block.data() == pBlock; });
+  }
+  static std::uint32_t ReferenceShared(HostObject* pObject, std::uint32_t nReserved1, std::uint32_t nReserved2) {
+    EXPECT_EQ(0u, nReserved1 | nReserved2);
+    return ++s_pTest->m_References[pObject];
+  }
+
+  inline static ModuleTest* s_pTest = nullptr;
+  HostRootOperations m_RootOperations{ResolveImports, RegisterInterface, BindFunction, nullptr, nullptr};
+  HostSystemOperations m_System{nullptr, nullptr, Allocate, Free, nullptr,        nullptr,
+                                nullptr, nullptr, nullptr,  {},   ReferenceShared};
+  HostObject m_Root{&m_RootOperations, &m_System};
+  ResultCode m_nError = errOK;
+  std::vector<Numbers> m_Calls;
+  std::size_t m_nRefused = 0;  // the number of the call that fails, from 1
+  std::map<std::uint32_t, HostFactory> m_Factories;
+  // By exporter, function, option.
+  std::map<Numbers, void*> m_Offered = {{{1, 0x5EC5256C, 2}, reinterpret_cast<void*>(&Trace)},
+                                        {{38, 0x0A02700B, 0}, reinterpret_cast<void*>(&AppendText)}};
+  std::list<Bytes> m_Blocks;  // allocated and not given back
+  bool m_bNoMemory = false;
+  std::map<HostObject*, std::uint32_t> m_References;
   host::LoadedModule m_Module;
-  ResultCode m_nError = 77;
 };
 
-// A load whose call of that number is refused.
-class FailedLoadTest : public ModuleTest, public ::testing::WithParamInterface<std::size_t> {};
-INSTANTIATE_TEST_SUITE_P(EachCall, FailedLoadTest, ::testing::Range<std::size_t>(0, 5));
-
-TEST_P(FailedLoadTest, EndsAtOnceAndSaysWhy) {
-  const Lines kCalls = {"resolve for BF8E: 5/D7E5EB5D 5/7BC0105C", "register BF8C for BF8E", "register C08C for BF8E",
-                        "register C08D for BF8E"};
-  const Lines kReasons = {"300 root: cannot resolve import table for ...",
-                          "300 root: cannot register \"Lumbra\" interface",
-                          "300 root: cannot register multiple instance \"Lumbra\" interface",
-                          "300 root: cannot register multiple instance \"Lumbra\" interface"};
-  m_Host.m_nRefused = GetParam();
-  const bool bRefused = GetParam() < kCalls.size();
-  EXPECT_EQ(bRefused ? 0 : 1, Load());
-  EXPECT_CODE(bRefused ? errACCESS_DENIED : errOK, m_nError);
-  EXPECT_EQ(bRefused ? Lines{kReasons[GetParam()]} : Lines{}, TakeTrace());
-  const std::size_t nCalls = bRefused ? GetParam() + 1 : kCalls.size();
-  EXPECT_EQ(Lines(kCalls.begin(), kCalls.begin() + static_cast<std::ptrdiff_t>(nCalls)), m_Host.TakeCalls());
+TEST_F(ModuleTest, EndsALoadAtTheFirstCallThatFailsAndSaysWhy) {
+  const std::pair<Numbers, const char*> kCalls[] = {
+      {{0, 0xBF8E, 5, 0xD7E5EB5D, 5, 0x7BC0105C, 0, 0}, "300 cannot resolve import table for ..."},
+      {{0xBF8C, 0xBF8E, 0, 0}, "300 cannot register \"Lumbra\" interface"},
+      {{0xC08C, 0xBF8E, 0, 0}, "300 cannot register multiple instance \"Lumbra\" interface"},
+      {{0xC08D, 0xBF8E, 0, 0}, "300 cannot register multiple instance \"Lumbra\" interface"}};
+  std::vector<Numbers> Expected;
+  for (const auto& [Call, pReason] : kCalls) {
+    Expected.push_back(Call);
+    m_nRefused = Expected.size();
+    EXPECT_EQ(0, m_Module.Entry()(&m_Root, kModuleLoad, &m_nError));
+    EXPECT_CODE(errACCESS_DENIED, m_nError);
+    EXPECT_EQ(Expected, std::exchange(m_Calls, {}));
+    EXPECT_EQ(Lines{pReason}, TakeTrace());
+  }
+  m_nRefused = 0;
+  EXPECT_EQ(1, m_Module.Entry()(&m_Root, kModuleLoad, &m_nError));
+  EXPECT_CODE(errOK, m_nError);
+  EXPECT_EQ(Expected, m_Calls);
+  EXPECT_EQ(Lines{}, TakeTrace());
 }
 
 TEST_F(ModuleTest, KnowsTheRootFromLoadToUnload) {
   void* const pNowhere = reinterpret_cast<void*>(8);
-  ASSERT_EQ(1, Load());
-  LumbraInstance* const pInstance = m_Host.Make(kSeparateInstance);
-  m_Host.TakeCalls();
-#ifdef _WIN32  // where 0 and 1 are the system's to say: they end and start the runtime that surrounds the entry
-  const auto kOthers = {2u, 3u, 99u, 102u, 0xFFFFFFFFu};
-#else
-  const auto kOthers = {0u, 1u, 2u, 3u, 99u, 102u, 0xFFFFFFFFu};
+  char16_t Folder[] = u"/folder";
+  ASSERT_EQ(1, m_Module.Entry()(&m_Root, kModuleLoad, &m_nError));
+  LumbraInstance* const pInstance = Make(kSeparateInstance);
+  Numbers Reasons = {2, 3, 99, 102, 0xFFFFFFFF, kModuleUnload};
+#ifndef _WIN32  // there 0 and 1 are the system's to say: they end and start the runtime that surrounds the entry
+  Reasons.insert(Reasons.begin(), {0, 1});
 #endif
-  for (const std::uint32_t nReason : kOthers) {
-    EXPECT_EQ(1, Enter(nReason, pNowhere, pNowhere)) << nReason;
-    EXPECT_EQ(1, Enter(nReason, nullptr, nullptr)) << nReason;
+  for (const std::uint32_t nReason : Reasons) {
+    EXPECT_EQ(1, m_Module.Entry()(pNowhere, nReason, pNowhere));
+    PropertyAccessRecord Record{Folder, sizeof(Folder), 0, kCodePageUtf16, propertySet};
+    const ResultCode nSet = pInstance->pLifecycle->PropertyAccess(pInstance, propREPORT_FOLDER, &Record);
+    EXPECT_CODE(nReason == kModuleUnload ? errUNEXPECTED : errOK, nSet) << nReason;
   }
-  EXPECT_CODE(errOK, SetFolder(pInstance));
-  EXPECT_EQ((Lines{"bind 38/A02700B", "append"}), m_Host.TakeCalls());
-  EXPECT_EQ(1, Enter(kModuleUnload, &m_Host.m_Root, nullptr));
-  SetFolder(pInstance);
-  EXPECT_EQ(Lines{}, m_Host.TakeCalls());
   pInstance->pLifecycle->ObjectFree(pInstance);
 }
 
 TEST_F(ModuleTest, MakesSeparateAndSharedInstances) {
-  ASSERT_EQ(1, Load());
-  for (const std::uint32_t nUnknown : {0u, kLumbraPluginId, kSharedInstance - 1, kNewSharedInstance + 1, 0xFFFFFFFFu}) {
-    EXPECT_EQ(nullptr, m_Host.Make(nUnknown)) << nUnknown;
-  }
-  m_Host.m_bNoMemory = true;
-  for (const std::uint32_t nId : {kSharedInstance, kSeparateInstance, kNewSharedInstance}) {
-    EXPECT_EQ(nullptr, m_Host.Make(nId)) << nId;
-  }
-  m_Host.m_bNoMemory = false;
-  EXPECT_EQ(0, m_Host.m_nBlocks);
+  ASSERT_EQ(1, m_Module.Entry()(&m_Root, kModuleLoad, &m_nError));
+  for (const std::uint32_t nId : {0u, 0xBF8Bu, 0xBF8Eu, 0xC08Eu, ~0u}) EXPECT_EQ(nullptr, Make(nId)) << nId;
+  m_bNoMemory = true;
+  for (const std::uint32_t nId : {0xBF8Cu, 0xC08Cu, 0xC08Du}) EXPECT_EQ(nullptr, Make(nId)) << nId;
+  m_bNoMemory = false;
 
-  LumbraInstance* const pShared = m_Host.Make(kSharedInstance);
-  LumbraInstance* const pOne = m_Host.Make(kSeparateInstance);
-  LumbraInstance* const pOther = m_Host.Make(kSeparateInstance);
-  EXPECT_EQ(3u, (std::set{pShared, pOne, pOther}.size()));
-  EXPECT_EQ(0u, NumberOf(pOne, propENVIRONMENT_FLAG) | NumberOf(pOne, propCHECK_MODE));  // whatever the memory held
-  EXPECT_EQ(1u, NumberOf(pOne, propINTERFACE_CONSTANT));
-  // The first request found the handle as the module makes it: the host's operations are told of those that follow.
-  for (int i = 1; i <= 3; ++i) {
-    EXPECT_EQ(pShared, m_Host.Make(kSharedInstance));
-    EXPECT_EQ((std::map<HostObject*, int>{{&pShared->Handle, i}}), m_Host.m_References);
+  LumbraInstance* const pShared = Make(kSharedInstance);
+  LumbraInstance* const pOne = Make(kSeparateInstance);
+  LumbraInstance* const pOther = Make(kSeparateInstance);
+  for (const std::uint32_t nProperty : {propENVIRONMENT_FLAG, propCHECK_MODE}) {
+    std::uint32_t nValue = 99;
+    PropertyAccessRecord Record{&nValue, sizeof(nValue), 0, 0, propertyGet};
+    EXPECT_CODE(errOK, pOne->pLifecycle->PropertyAccess(pOne, nProperty, &Record));
+    EXPECT_EQ(0u, nValue) << nProperty;  // whatever the memory held
   }
-  LumbraInstance* const pNew = m_Host.Make(kNewSharedInstance);
-  EXPECT_NE(pShared, pNew);
-  EXPECT_EQ(pNew, m_Host.Make(kSharedInstance));
-  EXPECT_EQ((std::map<HostObject*, int>{{&pShared->Handle, 3}, {&pNew->Handle, 1}}), m_Host.m_References);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(pShared, Make(kSharedInstance));
+  LumbraInstance* const pNew = Make(kNewSharedInstance);
+  EXPECT_EQ(4u, (std::set{pShared, pOne, pOther, pNew}.size()));
+  EXPECT_EQ(pNew, Make(kSharedInstance));
+  // A first request found the handle as the module makes it: the host's operations are told of those that follow.
+  EXPECT_EQ((std::map<HostObject*, std::uint32_t>{{&pShared->Handle, 3}, {&pNew->Handle, 1}}), m_References);
   pShared->pLifecycle->ObjectFree(pShared);  // no longer the shared one: its end changes nothing
-  EXPECT_EQ(pNew, m_Host.Make(kSharedInstance));
-  EXPECT_EQ(3, m_Host.m_nBlocks);
+  EXPECT_EQ(pNew, Make(kSharedInstance));
   for (LumbraInstance* const pInstance : {pOne, pOther, pNew}) pInstance->pLifecycle->ObjectFree(pInstance);
 }
 

@@ -5,93 +5,71 @@
 #include <dlfcn.h>
 #endif
 
+#include "component/component_fixture.h"
 #include "host/loaded_module.h"
-#include "support/world.h"
 
 namespace lumbra::test {
 namespace {
 
-using Ops = LumbraOperations;
-
-bool IsInProcess(const fs::path& Module) {
+bool IsInProcess() {
 #ifdef _WIN32
-  return GetModuleHandleW(Module.filename().c_str()) != nullptr;
+  return GetModuleHandleW(fs::path(LUMBRA_MODULE).filename().c_str()) != nullptr;
 #else
-  const std::unique_ptr<void, int (*)(void*)> pFound(dlopen(Module.c_str(), RTLD_NOW | RTLD_NOLOAD), &dlclose);
+  const std::unique_ptr<void, int (*)(void*)> pFound(dlopen(LUMBRA_MODULE, RTLD_NOW | RTLD_NOLOAD), &dlclose);
   return pFound != nullptr;
 #endif
 }
 
-class LoadedModuleTest : public World {
+class LoadedModuleTest : public ComponentTest {
  protected:
-  // Adds an event about a file, and shows what the newest ones are about.
-  std::u16string AddAndShow(host::StandaloneHost* pHost) {
-    pHost->SetPlaceholder(u"%Report%", WideFolder());
-    host::Store Store = pHost->Create();
-    std::uint64_t Event[2] = {};
-    std::uint32_t nDb = 0;
-    EXPECT_CODE(errOK, Store.Init());
-    EXPECT_CODE(errOK, Store.Call(&Ops::InitDBByName, u"named", sizeof(Event), &nDb));
-    EXPECT_CODE(errOK,
-                Store.Call(&Ops::FindObjectSimple, nDb, typeFile, u"C:\\a.txt", kZeroTerminated, 1, 0, &Event[1]));
-    EXPECT_CODE(errOK, Store.Call(&Ops::AddEvent, nDb, Event, sizeof(Event), nullptr));
-    std::uint64_t Events[2 * 9] = {};
-    std::uint32_t nRead = 0;
-    Store.Call(&Ops::GetEvents, nDb, 0, Events, sizeof(Events), 9, &nRead, nullptr);
-    char16_t Shown[20] = {};
-    Store.Call(&Ops::GetObjectName, Events[1], Shown, sizeof(Shown), nullptr, 0, nullptr);
-    return static_cast<char16_t>(u'0' + nRead) + std::u16string(Shown);
+  void SetUp() override {
+    Unload();
+    ASSERT_EQ("", host::ReadModuleFile(LUMBRA_MODULE, &m_File).Text);
   }
+
+  host::ModuleFile m_File;
 };
 
 // Twice, and then with the component that is linked in: each finds what the one before has left.
 TEST_F(LoadedModuleTest, RunsAStoreAndLeavesTheProcess) {
-  for (const char16_t* const pShown : {u"1C:\\a.txt", u"2C:\\a.txt"}) {
-    {
-      host::ModuleFile File;
-      host::LoadedModule Module;
-      ASSERT_EQ("", host::ReadModuleFile(LUMBRA_MODULE, &File).Text);
-      EXPECT_FALSE(IsInProcess(LUMBRA_MODULE));
-      ASSERT_EQ("", Module.Load(File).Text);
-      EXPECT_TRUE(IsInProcess(LUMBRA_MODULE));
-      host::StandaloneHost Host(Module.Entry());
-      EXPECT_CODE(errOK, Host.LoadResult());
-      EXPECT_EQ(pShown, AddAndShow(&Host));
-    }
-    EXPECT_FALSE(IsInProcess(LUMBRA_MODULE));
+  for (const Ids& Before : {Ids{}, Ids{0}}) {
+    host::LoadedModule Module;
+    EXPECT_FALSE(IsInProcess());
+    ASSERT_EQ("", Module.Load(m_File).Text);
+    EXPECT_TRUE(IsInProcess());
+    m_Host.emplace(Module.Entry());
+    EXPECT_CODE(errOK, m_Host->LoadResult());
+    m_Host->SetPlaceholder(u"%Report%", WideFolder());
+    Expect({errOK, errOK, Before, errOK},
+           {Open(), InitDb(5), Times(5, 0, 9), Add(5, Before.size(), Find(5, u"C:\\a.txt"))});
+    Unload();
   }
-  host::StandaloneHost Host;
-  EXPECT_EQ(u"3C:\\a.txt", AddAndShow(&Host));
+  EXPECT_FALSE(IsInProcess());
+  Load();
+  Expect({errOK, errOK, Ids{0, 1}, u"C:\\a.txt"},
+         {Open(), InitDb(5), Times(5, 0, 9), NameOf(Events(5, 1, 1).at(0).nObject)});
 }
 
 TEST_F(LoadedModuleTest, RefusesWhatIsForeignBeforeLoadingIt) {
-  host::ModuleFile File;
-  ASSERT_EQ("", host::ReadModuleFile(LUMBRA_MODULE, &File).Text);
-  const std::string kHere = ", this program for " + File.Format + " on " + File.Machine;
-  for (const auto& [Format, Machine] : {std::pair{File.Format, "0x1234"}, {"another", "x86"}}) {
+  const std::string kHere = ", this program for " + m_File.Format + " on " + m_File.Machine;
+  for (const auto& [Format, Machine] : {std::pair(m_File.Format, std::string("0x1234")), {"another", m_File.Machine}}) {
     host::LoadedModule Module;
-    const host::ModuleProblem Problem = Module.Load({LUMBRA_MODULE, Format, Machine, File.Metadata});
+    const host::ModuleProblem Problem = Module.Load({LUMBRA_MODULE, Format, Machine, m_File.Metadata});
     EXPECT_EQ("is for " + Format + " on " + Machine + kHere, Problem.Text);
     EXPECT_CODE(errNOT_SUPPORTED, Problem.nCode);
     EXPECT_EQ(nullptr, Module.Entry());
-    EXPECT_FALSE(IsInProcess(LUMBRA_MODULE));
+    EXPECT_FALSE(IsInProcess());
   }
 }
 
 ResultCode g_nAnswer = errOK;
 std::vector<std::uint32_t> g_Reasons;
 
-// Registers an interface, and refuses the host then.
+// Registers its interfaces, and refuses the host then.
 int LUMBRA_ENTRY_CALL RefuseHost(void* pRoot, std::uint32_t nReason, void* pError) {
   g_Reasons.push_back(nReason);
+  LumbraModuleEntry(pRoot, nReason, pError);
   if (nReason != kModuleLoad) return 1;
-  auto* const pHost = static_cast<HostObject*>(pRoot);
-  const HostFactory pFactory = [](std::uint32_t, HostObject*, std::uint32_t) -> void* {
-    ADD_FAILURE();
-    return nullptr;
-  };
-  static_cast<const HostRootOperations*>(pHost->pOperations)
-      ->RegisterInterface(pHost, kSharedInstance, kLumbraPluginId, 0, 0, pFactory);
   *static_cast<ResultCode*>(pError) = g_nAnswer;
   return 0;
 }
@@ -100,12 +78,10 @@ TEST_F(LoadedModuleTest, GivesNoStoreOfAModuleThatRefusesItsHost) {
   for (const auto& [nAnswer, nExpected] : {std::pair{errACCESS_DENIED, errACCESS_DENIED}, {errOK, errUNSPECIFIED}}) {
     g_nAnswer = nAnswer;
     g_Reasons.clear();
-    {
-      host::StandaloneHost Host(&RefuseHost);
-      EXPECT_CODE(nExpected, Host.LoadResult());
-      EXPECT_FALSE(Host.Create(kSharedInstance));
-      EXPECT_FALSE(Host.Create());
-    }
+    m_Host.emplace(&RefuseHost);
+    EXPECT_CODE(nExpected, m_Host->LoadResult());
+    EXPECT_FALSE(m_Host->Create());
+    m_Host.reset();
     EXPECT_EQ((std::vector{kModuleLoad, kModuleUnload}), g_Reasons);
   }
 }

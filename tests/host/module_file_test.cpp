@@ -2,7 +2,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <cstring>
+#include <sstream>
 
 #include "events/md5.h"
 #include "host/module_file.h"
@@ -11,222 +11,136 @@
 namespace lumbra::test {
 namespace {
 
+// A file with bytes written over, as a dump in hex tells: "OFFSET: BYTES OFFSET: BYTES".
+Bytes With(Bytes File, const std::string& Dump) {
+  std::istringstream Text(Dump);
+  std::size_t nAt = 0;
+  for (std::string Digits; Text >> std::hex >> nAt && Text.ignore() >> Digits;) {
+    for (const std::uint8_t n : FromHex(Digits)) File.at(nAt++) = n;
+  }
+  return File;
+}
+
 // The metadata as a host expects it, with the digest that md5sum gives for what stands before.
-const Bytes kMetadata = FromHex(
-    "5a656c6d617200 6d6574616461746100"                              // the signature
-    "14000000 01000000 00000000 00000000 8ebf0000 f4ffffff"          // the module
-    "24000000 02000000 8ebf0000 00000000 01000000 4f000000"          // the interface
-    "00000000 00000000 8cbf0000 f4ffffff"                            //
-    "8200a021 04000000 01000000 83009020 09000000 224c756d62726122"  // its constant and its comment
-    "00 59648ed64ec20fef4cc565fc8dcee677");
+const std::string kMetadata =
+    "5a656c6d6172006d6574616461746100"                                                  // the signature
+    "140000000100000000000000000000008ebf0000f4ffffff"                                  // the module
+    "24000000020000008ebf000000000000010000004f00000000000000000000008cbf0000f4ffffff"  // the interface
+    "8200a02104000000010000008300902009000000224c756d6272612200"                        // its constant and its comment
+    "59648ed64ec20fef4cc565fc8dcee677";
 
-void Put(Bytes* pTarget, std::size_t nOffset, std::uint64_t nValue, std::size_t nSize) {
-  if (pTarget->size() < nOffset + nSize) pTarget->resize(nOffset + nSize);
-  std::memcpy(pTarget->data() + nOffset, &nValue, nSize);
-}
+// Shared objects of nothing but metadata: header, metadata, names of sections, table of sections, the first one empty.
+const std::string kElf = "0: 7f454c460001 10: 0300 64: " + kMetadata + " e6: 002e6c756d6272612e6d6574616461746100 ";
+const Bytes kElf32 = With(Bytes(0x172), kElf + "4: 01 20: fa 2e: 280003000200 122: 01 132: 64 136: 7d 15a: e6 15e: 12");
+const Bytes kElf64 = With(Bytes(0x1ba), kElf + "4: 02 28: fa 3a: 400003000200 13a: 01 152: 64 15a: 7d 192: e6 19a: 12");
 
-void Put(Bytes* pTarget, std::size_t nOffset, const Bytes& Content) {
-  if (pTarget->size() < nOffset + Content.size()) pTarget->resize(nOffset + Content.size());
-  std::copy(Content.begin(), Content.end(), pTarget->begin() + static_cast<std::ptrdiff_t>(nOffset));
-}
+// DLLs of nothing but resources: DOS header, headers, and a section at 200, 1000 in memory, with folders of types
+// (another one, and RCDATA), of ids, of languages, and the metadata.
+const std::string kPe =
+    "0: 4d5a 3c: 40 40: 50450000 46: 01 54: e000 56: 0020 20e: 0200 210: 03000000200000800a00000020000080 22e: 0100 "
+    "230: 0100000038000080 246: 0100 248: 070400005000000060100000 254: 7d 260: " +
+    kMetadata;
+const Bytes kPe32 = With(Bytes(0x300), kPe + " 58: 0b01 b4: 10 c9: 10 cd: 01 145: 10 149: 01 14d: 02");
+const Bytes kPe64 = With(Bytes(0x300), kPe + " 54: f0 58: 0b02 c4: 10 d9: 10 dd: 01 155: 10 159: 01 15d: 02");
 
-// The metadata with a byte changed, and a digest that fits.
-Bytes Signed(std::size_t nOffset, std::uint8_t nValue) {
-  Bytes Changed = kMetadata;
-  Changed[nOffset] = nValue;
-  Md5 Digest;
-  Digest.Update(Changed.data(), 109);
-  const auto Computed = Digest.Digest();
-  Put(&Changed, 109, {Computed.begin(), Computed.end()});
-  return Changed;
-}
-
-// A shared object of nothing but metadata: header, metadata, names of sections, table of sections.
-Bytes MakeElf(std::size_t nWord, std::uint16_t nMachine) {
-  const std::size_t nHeader = nWord == 4 ? 52 : 64;
-  const std::size_t nSection = nWord == 4 ? 40 : 64;
-  Bytes File = FromHex("7f454c46");
-  File.push_back(nWord == 4 ? 1 : 2);
-  Put(&File, 5, 1, 1);
-  Put(&File, 16, 3, 2);
-  Put(&File, 18, nMachine, 2);
-  Put(&File, 24 + 2 * nWord, 250, nWord);
-  Put(&File, nHeader - 6, nSection, 2);
-  Put(&File, nHeader - 4, 3, 2);  // with the empty one
-  Put(&File, nHeader - 2, 2, 2);
-  Put(&File, 100, kMetadata);
-  const char Names[] = "\0.lumbra.metadata";
-  Put(&File, 230, Bytes(Names, Names + sizeof(Names)));
-  Put(&File, 250 + 3 * nSection - 1, 0, 1);
-  const auto PutSection = [&](std::size_t nIndex, std::uint32_t nName, std::uint64_t nOffset, std::uint64_t nSize) {
-    const std::size_t nAt = 250 + nIndex * nSection;
-    Put(&File, nAt, nName, 4);
-    Put(&File, nAt + 4, 1, 4);
-    Put(&File, nAt + 8 + 2 * nWord, nOffset, nWord);
-    Put(&File, nAt + 8 + 3 * nWord, nSize, nWord);
-  };
-  PutSection(1, 1, 100, 125);
-  PutSection(2, 0, 230, sizeof(Names));
-  return File;
-}
-
-// A DLL of nothing but resources: a DOS header, the headers, and one section at 0x200, 0x1000 in memory, with folders
-// of types, of ids, of languages, and the metadata.
-Bytes MakePe(std::size_t nWord, std::uint16_t nMachine) {
-  const std::size_t nOptional = nWord == 4 ? 96 + 128 : 112 + 128;
-  Bytes File = {'M', 'Z'};
-  Put(&File, 0x3C, 0x40, 4);
-  Put(&File, 0x40, 0x4550, 4);
-  Put(&File, 0x44, nMachine, 2);
-  Put(&File, 0x46, 1, 2);
-  Put(&File, 0x54, nOptional, 2);
-  Put(&File, 0x56, 0x2000, 2);
-  Put(&File, 0x58, nWord == 4 ? 0x10B : 0x20B, 2);
-  Put(&File, 0x58 + nOptional - 132, 16, 4);  // directories; the third is that of the resources
-  Put(&File, 0x58 + nOptional - 112, 0x1000, 4);
-  Put(&File, 0x58 + nOptional - 108, 0x100, 4);
-  Put(&File, 0x58 + nOptional + 12, 0x1000, 4);
-  Put(&File, 0x58 + nOptional + 16, 0x100, 4);
-  Put(&File, 0x58 + nOptional + 20, 0x200, 4);
-  Put(&File, 0x20C, 0x00020000, 4);  // types: another one, and RCDATA
-  Put(&File, 0x210, FromHex("03000000 20000080 0A000000 20000080"));
-  Put(&File, 0x22C, 0x00010000, 4);  // ids
-  Put(&File, 0x230, FromHex("01000000 38000080"));
-  Put(&File, 0x244, 0x00010000, 4);  // languages
-  Put(&File, 0x248, FromHex("07040000 50000000"));
-  Put(&File, 0x250, FromHex("60100000 7D000000"));
-  Put(&File, 0x260, kMetadata);
-  Put(&File, 0x2FF, 0, 1);
-  return File;
-}
+const std::string kDamaged = Name(errDATA_CORRUPTED) + " its ";
+const std::string kCutShort = Name(errDATA_CORRUPTED) + " is cut short";
+const std::string kForeign = Name(errINTERFACE_NOT_SUPPORTED) + " is a module, but not Lumbra's";
+const std::string kNoMetadata = Name(errMETA_INFORMATION_NOT_FOUND) + " has no Lumbra metadata";
+const std::string kNoModule = Name(errIMAGE_BAD_SIGNATURE) + " is no module: ";
+const std::string kUnknown = Name(errVERSION_INVALID) + " its metadata has records that are not known here";
 
 class ModuleFileTest : public World {
  protected:
-  // What reading a file of these bytes comes to: the code and the reason, or the format and the machine.
-  std::string Read(const Bytes& Content) {
-    WriteFile("module", Content);
-    return ReadAt(Folder() / "module");
-  }
+  // What reading a file comes to: the code and the reason, or the format and the machine.
   static std::string ReadAt(const fs::path& Path) {
     host::ModuleFile File;
     const host::ModuleProblem Problem = host::ReadModuleFile(Path, &File);
     if (Problem) return Name(Problem.nCode) + ' ' + Problem.Text;
-    Bytes Found(sizeof(File.Metadata));
-    std::memcpy(Found.data(), &File.Metadata, sizeof(File.Metadata));
-    EXPECT_EQ(ToHex(kMetadata), ToHex(Found));
+    const auto* const pMetadata = reinterpret_cast<const std::uint8_t*>(&File.Metadata);
+    EXPECT_EQ(FromHex(kMetadata), Bytes(pMetadata, pMetadata + sizeof(File.Metadata)));
     return File.Format + ' ' + File.Machine;
   }
-  // The same with a number changed.
-  std::string ReadWith(Bytes Content, std::size_t nOffset, std::uint64_t nValue, std::size_t nSize) {
-    Put(&Content, nOffset, nValue, nSize);
-    return Read(Content);
+  std::string Read(const Bytes& Content) {
+    WriteFile("module", Content);
+    return ReadAt(Folder() / "module");
+  }
+  // Each change by itself is a reason to refuse the file.
+  void ExpectRefused(const std::string& Reason, const Bytes& File, const std::vector<std::string>& Changes) {
+    for (const std::string& Change : Changes) EXPECT_EQ(Reason, Read(With(File, Change))) << Change;
   }
 };
 
-const std::string kCutShort = Name(errDATA_CORRUPTED) + " is cut short";
-const std::string kDamagedTable = Name(errDATA_CORRUPTED) + " its table of sections is damaged";
-const std::string kNoMetadata = Name(errMETA_INFORMATION_NOT_FOUND) + " has no Lumbra metadata";
-const std::string kNoModule = Name(errIMAGE_BAD_SIGNATURE) + " is no module: ";
-
 TEST_F(ModuleFileTest, ReadsBothFormatsOfEveryMachine) {
-  EXPECT_EQ("ELF x86", Read(MakeElf(4, 3)));
-  EXPECT_EQ("ELF x86-64", Read(MakeElf(8, 62)));
-  EXPECT_EQ("ELF ARM", Read(MakeElf(4, 40)));
-  EXPECT_EQ("ELF 0x3E", Read(MakeElf(4, 62)));
-  EXPECT_EQ("PE x86", Read(MakePe(4, 0x14C)));
-  EXPECT_EQ("PE x86-64", Read(MakePe(8, 0x8664)));
-  EXPECT_EQ("PE ARM64", Read(MakePe(8, 0xAA64)));
-  EXPECT_EQ("PE 0x1234", Read(MakePe(8, 0x1234)));
-  host::ModuleFile File;
-  ASSERT_EQ("", host::ReadModuleFile(LUMBRA_MODULE, &File).Text);
-  EXPECT_EQ("", host::WhyForeign(File).Text);
-  EXPECT_THAT(ReadAt(LUMBRA_MODULE), ::testing::AnyOf("ELF " + File.Machine, "PE " + File.Machine));
+  // The last one is no machine's: the number of one whose pointers are larger.
+  const std::tuple<std::string, Bytes, Bytes> kMachines[] = {
+      {"x86", With(kElf32, "12: 0300"), With(kPe32, "44: 4c01")},
+      {"x86-64", With(kElf64, "12: 3e00"), With(kPe64, "44: 6486")},
+      {"ARM", With(kElf32, "12: 2800"), With(kPe32, "44: c401")},
+      {"ARM64", With(kElf64, "12: b700"), With(kPe64, "44: 64aa")},
+      {"0x3E", With(kElf32, "12: 3e00"), With(kPe32, "44: 3e00")}};
+  for (const auto& [Machine, Elf, Pe] : kMachines) {
+    EXPECT_EQ("ELF " + Machine, Read(Elf));
+    EXPECT_EQ("PE " + Machine, Read(Pe));
+  }
+  EXPECT_THAT(ReadAt(LUMBRA_MODULE), ::testing::AnyOf(::testing::StartsWith("ELF "), ::testing::StartsWith("PE ")));
 }
 
 TEST_F(ModuleFileTest, RefusesWhatIsNoModule) {
   EXPECT_EQ(Name(errFILE_NOT_FOUND) + " does not exist", ReadAt(Folder() / "none"));
   EXPECT_EQ(Name(errMODULE_NOT_FOUND) + " is no file", ReadAt(Folder()));
-  for (const Bytes& Content : {Bytes{}, Bytes{'E', 'L', 'F'}, Bytes(5000, 'x')}) {
+  for (const Bytes& Content : {Bytes{}, Bytes{'E', 'L', 'F'}, Bytes(5000, 'x'), With(kPe64, "40: 58")}) {
     EXPECT_EQ(kNoModule + "neither ELF nor PE", Read(Content));
   }
-  const Bytes kElf = MakeElf(8, 62);
-  EXPECT_EQ(kNoModule + "neither for 32 nor for 64 bits", ReadWith(kElf, 4, 3, 1));
-  EXPECT_EQ(kNoModule + "its numbers are not little-endian", ReadWith(kElf, 5, 2, 1));
-  EXPECT_EQ(kNoModule + "no shared object", ReadWith(kElf, 16, 2, 2));
-  EXPECT_EQ(kNoMetadata, ReadWith(kElf, 60, 0, 2));
-  EXPECT_EQ(kNoMetadata, ReadWith(kElf, 240, 'X', 1));
-  const Bytes kPe = MakePe(8, 0x8664);
-  EXPECT_EQ(kNoModule + "neither ELF nor PE", ReadWith(kPe, 0x40, 'X', 1));
-  EXPECT_EQ(kNoModule + "no DLL", ReadWith(kPe, 0x56, 0, 2));
-  EXPECT_EQ(kNoMetadata, ReadWith(kPe, 0x54, 128, 2));  // no room for the directory
-  EXPECT_EQ(kNoMetadata, ReadWith(kPe, 0xC4, 2, 4));    // not among the directories
-  EXPECT_EQ(kNoMetadata, ReadWith(kPe, 0x218, 11, 4));  // another type
-  EXPECT_EQ(kNoMetadata, ReadWith(kPe, 0x230, 2, 4));   // another id
-  EXPECT_EQ(kNoMetadata, ReadWith(kPe, 0x246, 0, 2));   // no language
+  ExpectRefused(kNoModule + "neither for 32 nor for 64 bits", kElf64, {"4: 03"});
+  ExpectRefused(kNoModule + "its numbers are not little-endian", kElf64, {"5: 02"});
+  ExpectRefused(kNoModule + "no shared object", kElf64, {"10: 0200"});
+  ExpectRefused(kNoModule + "no DLL", kPe64, {"56: 0000"});
+}
+
+TEST_F(ModuleFileTest, RefusesWhatHasNoMetadata) {
+  // No sections; a longer name, another one, one that ends or starts behind the names; a section without bytes.
+  ExpectRefused(kNoMetadata, kElf64, {"3c: 0000", "f7: 58", "f0: 58", "19a: 11", "13a: ffffffff", "13e: 08"});
+  // No room for the directory, no such directory; another type, another id, no language.
+  ExpectRefused(kNoMetadata, kPe64, {"54: 87 ec: 10 f0: 01 f4: 02", "c4: 02", "218: 0b", "230: 02", "246: 00"});
+  // The way to ids, to languages, to the data: not by a folder, in a circle, out of the file.
+  ExpectRefused(kNoMetadata, kPe64,
+                {"21f: 00", "21c: 00000080", "234: 00000080", "234: 00000090", "24c: 00000080", "24c: ffffff7f"});
 }
 
 TEST_F(ModuleFileTest, RefusesWhatLeadsNowhere) {
-  const Bytes kElf = MakeElf(8, 62);
-  EXPECT_EQ(kDamagedTable, ReadWith(kElf, 58, 40, 2));
-  EXPECT_EQ(kDamagedTable, ReadWith(kElf, 62, 3, 2));
-  EXPECT_EQ(kCutShort, ReadWith(kElf, 60, 0xFFFF, 2));
-  for (const std::uint64_t nFar : {400ull, 1ull << 32, ~0ull - 63, ~0ull}) {
-    EXPECT_EQ(kCutShort, ReadWith(kElf, 40, nFar, 8)) << nFar;         // the table
-    EXPECT_EQ(kCutShort, ReadWith(kElf, 250 + 64 + 24, nFar, 8));      // the metadata
-    EXPECT_EQ(kCutShort, ReadWith(kElf, 250 + 2 * 64 + 32, nFar, 8));  // the names' size
-  }
-  for (const std::uint32_t nName : {2u, 19u, 0xFFFFFFFFu}) EXPECT_EQ(kNoMetadata, ReadWith(kElf, 250 + 64, nName, 4));
-  EXPECT_EQ(kNoMetadata, ReadWith(kElf, 250 + 64 + 4, 8, 4));  // a section without bytes
-  const std::string kSize = Name(errDATA_CORRUPTED) + " its metadata is damaged (size)";
-  EXPECT_EQ(kSize, ReadWith(kElf, 250 + 64 + 32, 124, 8));
-  EXPECT_EQ(kSize, ReadWith(kElf, 250 + 64 + 32, 126, 8));
-
-  const Bytes kPe = MakePe(8, 0x8664);
-  EXPECT_EQ(kCutShort, ReadWith(kPe, 0x3C, 0xFFFFFFFF, 4));
-  EXPECT_EQ(kCutShort, ReadWith(kPe, 0x46, 0xFFFF, 2));
-  EXPECT_EQ(kCutShort, ReadWith(kPe, 0x4C, 0x300, 4));  // symbols
-  EXPECT_EQ(Name(errDATA_CORRUPTED) + " its header is damaged", ReadWith(kPe, 0x58, 0x107, 2));
-  const std::string kDamagedResources = Name(errDATA_CORRUPTED) + " its resources are damaged";
-  for (const std::size_t nFolder : {0x21Cu, 0x234u, 0x24Cu}) {  // leads in a circle, aside, or out of the file
-    for (const std::uint32_t nOffset : {0x80000000u, 0x80000010u, 0x90000000u, 0x7FFFFFFFu}) {
-      EXPECT_EQ(kNoMetadata, ReadWith(kPe, nFolder, nOffset, 4)) << nFolder << ' ' << nOffset;
-    }
-    EXPECT_EQ(nFolder == 0x24C ? kDamagedResources : kNoMetadata, ReadWith(kPe, nFolder, 0, 4)) << nFolder;
-  }
-  for (const std::uint32_t nAddress : {0u, 0xFFFu, 0x1084u, 0xFFFFFFFFu}) {
-    EXPECT_EQ(kDamagedResources, ReadWith(kPe, 0x250, nAddress, 4)) << nAddress;
-  }
-  EXPECT_EQ(kSize, ReadWith(kPe, 0x254, 126, 4));
+  // The number of the sections, their table, the metadata, the size of the names.
+  ExpectRefused(kCutShort, kElf64,
+                {"3c: ffff", "28: 9001", "28: 0000000001", "152: 9001", "19a: 9001", "19a: ffffffffffffffff"});
+  ExpectRefused(kDamaged + "table of sections is damaged", kElf64, {"3a: 2800", "3e: 0300"});
+  ExpectRefused(kCutShort, kPe64, {"3c: ffffffff", "46: ffff", "4c: 0003"});  // headers, sections, symbols
+  ExpectRefused(kDamaged + "header is damaged", kPe64, {"58: 0701"});
+  // No data of the resource; bytes in front of the section, behind it in the file, behind it in memory.
+  ExpectRefused(kDamaged + "resources are damaged", kPe64, {"24c: 00", "250: ff0f", "250: 8410", "dc: 0000 150: dc"});
 }
 
 TEST_F(ModuleFileTest, RefusesDamagedAndForeignMetadata) {
-  for (const Bytes& File : {MakeElf(4, 3), MakePe(8, 0x8664)}) {
-    const auto Found = std::search(File.begin(), File.end(), kMetadata.begin(), kMetadata.end());
-    const auto nAt = static_cast<std::size_t>(Found - File.begin());
-    for (std::size_t i = 0; i < kMetadata.size(); ++i) {
-      EXPECT_EQ(Name(errDATA_CORRUPTED) + " its metadata is damaged " + (i < 16 ? "(signature)" : "(MD5)"),
-                ReadWith(File, nAt + i, kMetadata[i] ^ 0x10u, 1))
-          << i;
-    }
-    const auto ReadSigned = [&](std::size_t nOffset, std::uint8_t nValue) {
-      Bytes Changed = File;
-      Put(&Changed, nAt, Signed(nOffset, nValue));
-      return Read(Changed);
-    };
-    for (const std::size_t nOffset : {16u, 20u, 40u, 44u, 80u, 84u, 92u, 96u, 108u}) {
-      EXPECT_EQ(Name(errVERSION_INVALID) + " its metadata has records that are not known here",
-                ReadSigned(nOffset, 77));
-    }
-    for (const std::size_t nOffset : {32u, 48u}) {
-      EXPECT_EQ(Name(errINTERFACE_NOT_SUPPORTED) + " is a module, but not Lumbra's", ReadSigned(nOffset, 77));
-    }
+  ExpectRefused(kDamaged + "metadata is damaged (size)", kElf64, {"15a: 7c", "15a: 7e"});
+  ExpectRefused(kDamaged + "metadata is damaged (size)", kPe64, {"254: 7e"});
+  for (std::size_t i = 0; i < sizeof(tMODULE_METADATA); ++i) {
+    Bytes File = kElf64;
+    File[100 + i] ^= 0x10;
+    EXPECT_EQ(kDamaged + "metadata is damaged " + (i < 16 ? "(signature)" : "(MD5)"), Read(File)) << i;
+  }
+  // What a digest that fits does not make ours.
+  for (const std::size_t nOffset : {16, 20, 32, 40, 44, 48, 80, 84, 92, 96, 108}) {
+    Bytes File = kElf64;
+    File[100 + nOffset] = 77;
+    Md5 Digest;
+    Digest.Update(&File[100], 109);
+    std::ranges::copy(Digest.Digest(), &File[209]);
+    EXPECT_EQ(nOffset == 32 || nOffset == 48 ? kForeign : kUnknown, Read(File)) << nOffset;
   }
 }
 
 // Also the one that is built here, whatever its linker puts at its end.
 TEST_F(ModuleFileTest, RefusesWhatIsCutShort) {
-  const std::string Whole = ReadText(LUMBRA_MODULE);
-  for (const Bytes& File : {MakeElf(4, 3), MakeElf(8, 62), MakePe(4, 0x14C), Bytes(Whole.begin(), Whole.end())}) {
+  for (const Bytes& File : {kElf32, kElf64, kPe32, ReadFile(LUMBRA_MODULE)}) {
     WriteFile("module", File);
     const std::size_t nStep = File.size() / 500 + 1;
     for (std::size_t nSize = File.size() - 1; nSize >= 4; nSize -= std::min(nStep, nSize)) {
