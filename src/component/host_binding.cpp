@@ -41,6 +41,7 @@ class LateFunction {
   void* Bind(HostObject* pRoot) {
     static os::CriticalSection Binding;  // one thread at a time lets the host write
     const std::lock_guard Hold(Binding);
+    if (void* const pBound = m_pFunction.load(std::memory_order_relaxed); pBound != nullptr) return pBound;
     const ResultCode nCode =
         RootOperationsOf(pRoot).BindFunction(pRoot, &m_pSlot, m_nExporter, m_nFunctionId, m_nOption);
     if (Failed(nCode)) return nullptr;

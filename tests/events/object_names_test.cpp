@@ -15,6 +15,7 @@ const std::u16string kVolume = u"\\\\?\\Volume{12345678-1234-1234-1234-123456789
 TEST(ObjectHash, HasItsCheckValues) {
   const std::string k40 = "1234567890123456789012345678901234567890";
   for (const auto& [pDigest, Text] : {std::pair{"d41d8cd98f00b204e9800998ecf8427e", std::string()},
+                                      {"900150983cd24fb0d6963f7d28e17f72", "abc"},
                                       {"57edf4a22be3c955ac49da2e2107b67a", k40 + k40},
                                       {"ef1772b6dff9a122358552954ad0df65", std::string(55, 'a')},
                                       {"3b0c8ac703f828b04c6c197006d17218", std::string(56, 'a')},

@@ -177,8 +177,8 @@ TEST_F(SegmentManagerTest, StartsAnewOnlyWhereItMust) {
   EXPECT_EQ((Totals{1, 0}), Held());
   EXPECT_FALSE(Exists("something") || Exists("00000002_events.dat"));
   EXPECT_EQ(MakeObjectId(2, 0), Add(11));  // the limit is still there
-  for (const char* const pHeader :
-       {"5344424801000000", "58444248 01000000 04000000", "53444248 01000000 08000000", "53444248 63000000 04000000"}) {
+  for (const char* const pHeader : {"", "5344424801000000", "58444248 01000000 04000000", "53444248 01000000 08000000",
+                                    "53444248 63000000 04000000"}) {
     Restart("segments.dat", pHeader);
     EXPECT_EQ((std::pair{UINT64_C(0), std::string("534442480100000004000000")}),
               (std::pair{m_pManager->GetTotalEvents(), ToHex(ReadFile("segments.dat"))}))

@@ -17,6 +17,9 @@ TEST_F(SegmentTest, KeepsEventsAndCountsThemUnopened) {
     m_nLast = m_pSegment->GetEvents(nIndex, nSegment, nCount, Values, nRoom, &nGot);
     return WithCode(nGot);
   };
+  EXPECT_EQ((Answer{3, Name(errOK)}), Get(2, 0, 3, sizeof(Values)));
+  EXPECT_EQ((std::tuple{102u, 104u, 0u}), (std::tuple{Values[0], Values[2], Values[3]}));
+  EXPECT_EQ((Answer{0, Name(errNO_MORE_EVENTS)}), Get(8, 0, 10, sizeof(Values)));
   EXPECT_EQ((Answer{3, Name(errNO_MORE_EVENTS)}), Get(5, kNumber, 10, sizeof(Values)));
   EXPECT_EQ((std::tuple{105u, 107u, 0u}), (std::tuple{Values[0], Values[2], Values[3]}));
   EXPECT_EQ((Answer{2, Name(errNO_MORE_EVENTS)}), Get(0, 0, 5, 8));  // room for two
@@ -26,6 +29,8 @@ TEST_F(SegmentTest, KeepsEventsAndCountsThemUnopened) {
   EXPECT_EQ(7u, Values[0]);
   EXPECT_EQ(Name(errOBJECT_NOT_FOUND), Get(1, 4, 1, 4).second);
   EXPECT_CODE(errOBJECT_NOT_FOUND, m_pSegment->UpdateEvent(1, 4, &nNew, 4));
+  EXPECT_CODE(errPARAMETER_INVALID, m_pSegment->AddEvent(&nNew, 3, nullptr));
+  EXPECT_EQ(44u, FileSize(kFiles[0]));
 
   EXPECT_CODE(errNOT_FOUND, Start(Segment::Files::Existing, false, 4));
   ResetSystem();
@@ -67,6 +72,8 @@ TEST_F(SegmentTest, FailsToOpenOnceForAll) {
   // A segment whose store is no store is gone with everything.
   std::filesystem::remove(Folder() / "00000003_objid.dat");
   ExpectFailure("errPARAMETER_INVALID (0x80000046)", false);
+  EXPECT_CODE(errOPEN_FAILED, Add(2));  // and stays so
+  EXPECT_TRUE(TakeTrace().empty());
   EXPECT_EQ((std::pair{Name(errSTORE_NOT_INITIALIZED), UINT64_C(0)}),
             (std::pair{EventCount().second, m_pSegment->GetDataSize()}));
 }

@@ -13,6 +13,10 @@ TEST_F(ObjectDbTest, CreatesItsFilesByConfiguration) {
     EXPECT_EQ(kForms[bCheckData], (Lines{ToHex(ReadFile("bt")).substr(0, 32), ToHex(ReadFile("id")),
                                          ToHex(ReadFile("dt")), std::to_string(m_pDb->GetSize())}));
   }
+  m_pDb.reset();
+  ObjectFiles Absent{OpenFile(u"bt"), nullptr, OpenFile(u"dt")};
+  EXPECT_CODE(errPARAMETER_INVALID, ObjectDB(false).Open(1, Absent, TreeHead::Small));
+  EXPECT_NE(nullptr, Absent.pTree);
 }
 
 // The magic of a data file decides how it is read and written, whatever the configuration.

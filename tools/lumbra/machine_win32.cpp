@@ -131,10 +131,9 @@ bool IsFolderName(const std::string& Name) {
   if (Name.find_first_of("<>:\"|?*") != std::string::npos || Name.ends_with('.') || Name.ends_with(' ')) return false;
   std::string Stem = Name.substr(0, Name.find('.'));
   while (Stem.ends_with(' ')) Stem.pop_back();
-  for (const std::string Device : {"CON", "PRN", "AUX", "NUL", "CONIN$", "CONOUT$", "COM", "LPT"}) {
-    const bool bNumbered = Device == "COM" || Device == "LPT";
-    const bool bNumber = Stem.size() == 4 && Stem[3] >= '0' && Stem[3] <= '9';
-    if (IsSameFolderName(bNumbered && bNumber ? Stem.substr(0, 3) : Stem, Device) && bNumbered == bNumber) return false;
+  if (Stem.size() == 4 && Stem[3] >= '0' && Stem[3] <= '9') Stem[3] = '1';  // those with a number are all alike
+  for (const char* const pDevice : {"CON", "PRN", "AUX", "NUL", "CONIN$", "CONOUT$", "COM1", "LPT1"}) {
+    if (IsSameFolderName(Stem, pDevice)) return false;
   }
   return true;
 }
