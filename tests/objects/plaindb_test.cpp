@@ -75,13 +75,20 @@ TEST_F(PlainDbTest, ChecksRecordsInACheckedFile) {
 }
 
 TEST_F(PlainDbTest, StartsForeignFilesAnew) {
-  const char* const kNew = "504c44420c00000004000000";
-  for (const char* const pBytes : {"504c44420c00000005000000 aabbccdd", "504c44420d00000004000000 aabbccdd",
-                                   "504c44430c00000004000000 aabbccdd", "504c44420c000000040000"}) {
+  const std::string kNew = "504c44420c00000004000000";
+  // What stands in the file, and how much of it is kept.
+  const std::tuple<std::string, std::string, std::uint64_t> kHeaders[] = {
+      {kNew + "aabbccdd", kNew + "aabbccdd", 1},
+      {"504c44500c000000080000000000000000000000", "504c44500c000000080000000000000000000000", 1},
+      {"504c44420c00000005000000 aabbccdd", kNew, 0},
+      {"504c44420d00000004000000 aabbccdd", kNew, 0},
+      {"504c44430c00000004000000 aabbccdd", kNew, 0},
+      {"504c44420c000000040000", kNew, 0}};
+  for (const auto& [Bytes, Left, nRecords] : kHeaders) {
     m_Db.Close();
-    WriteFile("p", FromHex(pBytes));
+    WriteFile("p", FromHex(Bytes));
     ASSERT_TRUE(Open(false));
-    EXPECT_EQ((std::pair{FromHex(kNew), UINT64_C(0)}), (std::pair{ReadFile("p"), m_Db.GetRecordCount()})) << pBytes;
+    EXPECT_EQ((std::pair{Left, nRecords}), (std::pair{ToHex(ReadFile("p")), m_Db.GetRecordCount()})) << Bytes;
   }
   EXPECT_EQ(Lines(), TakeTrace());
 }
