@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <new>
 
-#include "events/failed_step.h"
+#include "platform/failed_step.h"
 #include "platform/os.h"
 #include "platform/result.h"
 

@@ -1,4 +1,5 @@
 #include "events/lmb_smgr.h"
+#include "platform/failed_step.h"
 
 #include <algorithm>
 #include <cstring>
@@ -6,7 +7,6 @@
 #include <new>
 #include <utility>
 
-#include "events/failed_step.h"
 
 namespace lumbra {
 namespace {

@@ -5,10 +5,10 @@
 #include <string_view>
 
 #include "events/circle_watch.h"
-#include "events/failed_step.h"
 #include "events/object_hash.h"
 #include "events/object_types.h"
 #include "events/path_root.h"
+#include "platform/failed_step.h"
 #include "platform/scratch_buffer.h"
 #include "platform/storage_environment.h"
 

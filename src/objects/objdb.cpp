@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "objects/failed_check.h"
+#include "platform/failed_step.h"
 
 namespace lumbra {
 
@@ -70,8 +71,9 @@ ResultCode ObjectDB::Close() {
 
 ResultCode ObjectDB::Flush() {
   const std::lock_guard Hold(m_Lock);
-  if (m_pFileBT != nullptr) m_pFileBT->Flush();
-  if (m_pFileData != nullptr) m_pFileData->Flush();
+  for (StorageFile* const pFile : {m_pFileBT.get(), m_pFileData.get()}) {
+    if (pFile != nullptr && !pFile->Flush()) FAILED_STEP(errWRITE_FAILED);
+  }
   m_IdDB.Flush();
   return errOK;
 }

@@ -49,7 +49,7 @@ class ObjectDB {
   // it succeeds; otherwise they stay with the caller.
   ResultCode Open(std::uint32_t nNumber, ObjectFiles& Files, TreeHead Head);
   ResultCode Close();  // always errOK
-  ResultCode Flush();  // always errOK; failures stay in the file objects
+  ResultCode Flush();  // always errOK; failures are traced, and stay in the file objects
 
   // Bytes of the three files.
   std::uint64_t GetSize();

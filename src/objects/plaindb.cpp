@@ -5,6 +5,7 @@
 
 #include "objects/crc32.h"
 #include "objects/failed_check.h"
+#include "platform/failed_step.h"
 #include "platform/scratch_buffer.h"
 
 namespace lumbra {
@@ -70,7 +71,7 @@ bool PlainDB::Close() {
 }
 
 bool PlainDB::Flush() {
-  if (m_pFile != nullptr) m_pFile->Flush();
+  if (m_pFile != nullptr && !m_pFile->Flush()) FAILED_STEP(errWRITE_FAILED);
   return true;
 }
 

@@ -43,7 +43,7 @@ class PlainDB {
   // foreign or of another record size is started anew, empty.
   bool Open(std::unique_ptr<StorageFile>& pFile, std::uint32_t nUserRecordSize, bool bCheckedIfCreated);
   bool Close();  // always true
-  bool Flush();  // always true; a failure stays in the file object
+  bool Flush();  // always true; a failure is traced, and stays in the file object
 
   std::uint64_t GetRecordCount() const { return m_nRecordCount; }
   std::uint64_t GetSize() const { return m_nRecordCount * m_nRecordSize; }  // of whole records, without the header

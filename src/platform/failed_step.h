@@ -1,4 +1,4 @@
-// The line that a failed step of a segment or its manager leaves in the trace; answers the code.
+// The line that a failed step of segments, their manager and of syncs leaves in the trace; answers the code.
 #pragma once
 
 #include <cstdint>
