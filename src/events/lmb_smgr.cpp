@@ -1,5 +1,4 @@
 #include "events/lmb_smgr.h"
-#include "platform/failed_step.h"
 
 #include <algorithm>
 #include <cstring>
@@ -7,6 +6,7 @@
 #include <new>
 #include <utility>
 
+#include "platform/failed_step.h"
 
 namespace lumbra {
 namespace {
