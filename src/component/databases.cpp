@@ -7,6 +7,7 @@
 
 #include "component/lumbra.h"
 #include "component/shared_objects.h"
+#include "platform/failed_step.h"
 #include "platform/result.h"
 #include "platform/trace.h"
 
@@ -318,7 +319,7 @@ ResultCode Lumbra::DropOldestSegment(SegmentManager& Manager) {
 // Behind an event that was added, whose answer does not depend on it. What fails or throws here is done at the next
 // add.
 void Lumbra::EnforceGlobalLimit() try { (void)CheckLimits(); } catch (...) {
-  Trace(&Handle, traceFailure, "lmb\tCheckLimits failed %terr", ResultFromCurrentException());
+  FAILED_STEP(ResultFromCurrentException());
 }
 
 // ---- Information and clearing -----------------------------------------------------------------------------
