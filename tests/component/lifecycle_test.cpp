@@ -61,13 +61,13 @@ TEST_F(LifecycleTest, SharesOneObjectStoreInTheProcess) {
   EXPECT_FALSE(Exists("second/g_objbt.dat"));
   const std::uint64_t nId = Find(0, u"C:\\shared");
   std::uint64_t nSame = 0;
-  std::uint32_t nSize = 0;
+  std::uint32_t nType = 0;
   EXPECT_CODE(errOK, Second.Call(&Ops::FindObjectSimple, 0, typeFile, u"C:\\SHARED", kZeroTerminated, 0, 0, &nSame));
   EXPECT_EQ(nId, nSame);
   host::Store Uncounted = m_Host->Create();  // not initialised: the shared store could go while it uses it
   Expect({errOK, errOK, errOBJECT_NOT_FOUND},
          {Uncounted.SetReportFolder(WideFolder() + u"/third"), Uncounted.Call(&Ops::InitDB, 1, 16),
-          Uncounted.Call(&Ops::GetObjectName, WithDatabase(1, 1), nullptr, 0, &nSize, 0, nullptr)});
+          Uncounted.Call(&Ops::GetObjectName, WithDatabase(1, 1), nullptr, 0, nullptr, 0, &nType)});
   m_Store = host::Store();  // the store stays open for the second
   EXPECT_CODE(errOK, Second.Call(&Ops::FindObjectSimple, 0, typeFile, u"C:\\after", kZeroTerminated, 1, 0, &nSame));
   File Held;
