@@ -29,10 +29,12 @@ TEST_F(ObjectDbFaultsTest, AnOpeningThatCannotReadChangesNothing) {
         Start(true, {{0x0101, "one"}, {0x0201, "two"}}, "data");
         m_pDb.reset();
         Patch(pFile, nDamaged, {'?'});
+        TakeTrace();
         const Contents kBefore = Files();
         const ResultCode nCode = OpenFailing(false, Failing, nSkip);
         bReached = CallsOf(Failing) > nSkip;
         EXPECT_TRUE(nCode == errREAD_FAILED || nCode == errOPEN_FAILED || nCode == errOK) << Name(nCode);
+        EXPECT_EQ(nCode == errREAD_FAILED, LastLine().ends_with(Name(errREAD_FAILED))) << nSkip;
         EXPECT_TRUE(Failed(nCode) || !bReached || Failing == SystemCall::Size) << pFile << nDamaged << ' ' << nSkip;
         if (Failed(nCode)) {
           EXPECT_EQ(kBefore, Files()) << pFile << nDamaged << ' ' << nSkip;

@@ -153,6 +153,7 @@ TEST_F(ObjectDbTest, ChecksEntriesWithoutCrcs) {
   // A place outside the file has no room. It is not wiped either: the new block may lie there.
   for (const std::string Data : {"fits", "a block that goes on to the place outside"}) {
     Damage("dt", 14, "1e000000 05000580");
+    m_pDb.reset();
     fs::resize_file(Folder() / "dt", 22);
     Open(false);
     ASSERT_CODE(errOK, SetData(Id(1), 1, Data));
