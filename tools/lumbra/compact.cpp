@@ -111,6 +111,7 @@ int Clear(const CommonOptions& Common, const ClearOptions& Options) {
   Session Store(Common, Missing::Refuse);
   const std::uint32_t nDatabase = Store.OpenDatabaseToClear(Options.Database);
   Check(Store.Call(&LumbraOperations::ClearDB, nDatabase), "clear " + Options.Database.Describe());
+  Store.Flush();
   std::printf("cleared %s\n", Options.Database.Describe().c_str());
   return kExitOk;
 }
