@@ -39,8 +39,11 @@ class Progress {
     std::condition_variable_any Stopped;
     std::unique_lock Hold(Lock);
     while (!Stopped.wait_for(Hold, Stop, kInterval, [&Stop] { return Stop.stop_requested(); })) {
-      const double nPart = static_cast<double>(Files.SizeOf(kNewIds)) / static_cast<double>(Files.SizeOf(kLiveIds));
-      std::fprintf(stderr, "\r%3.0f %% of the objects", 100 * nPart);
+      try {
+        const double nPart = static_cast<double>(Files.SizeOf(kNewIds)) / static_cast<double>(Files.SizeOf(kLiveIds));
+        std::fprintf(stderr, "\r%3.0f %% of the objects", 100 * nPart);
+      } catch (const Failure&) {  // what cannot be looked at now is left as it is shown
+      }
     }
     std::fputs("\r\033[K", stderr);
   }
