@@ -169,7 +169,9 @@ class CriticalSection {
 // A counting semaphore with count 0 at first and at most 0x7FFFFFFF.
 struct Semaphore;
 SystemError CreateCountingSemaphore(Semaphore** ppSemaphore);
-SystemError WaitForSemaphore(Semaphore* pSemaphore);
+// Waits until it can take one off the count. Leaves Held, which the caller holds, on its way: on posix with its place
+// in the queue taken, so that nobody who enters Held later is served before it. When it fails nothing was taken.
+SystemError WaitForSemaphore(Semaphore* pSemaphore, CriticalSection& Held);
 void ReleaseSemaphoreBy(Semaphore* pSemaphore, std::uint32_t nCount);
 void CloseSemaphore(Semaphore* pSemaphore);
 

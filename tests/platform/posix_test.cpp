@@ -2,6 +2,7 @@
 #include <sys/resource.h>
 
 #include <cerrno>
+#include <thread>
 
 #include "platform/file.h"
 #include "platform/posix/posix.h"
@@ -58,6 +59,30 @@ TEST_F(PosixTest, LiftsTheDescriptorLimitOnce) {
   EXPECT_EQ(Limit.rlim_max, Limit.rlim_cur);
   FailCallsNatively(SystemCall::Open, EMFILE, 0, 2);
   EXPECT_CODE(static_cast<ResultCode>(0x80070004u), File().OpenWithFlags(Path("b"), fileWrite, createNew));
+}
+
+TEST_F(PosixTest, ServesFirstWhoWaitsFirst) {
+  os::Semaphore* pSemaphore = nullptr;
+  ASSERT_EQ(0u, os::CreateCountingSemaphore(&pSemaphore));
+  os::CriticalSection Guard;
+  std::string Served;
+  const auto WaitAs = [&](char cName) {
+    Guard.lock();
+    EXPECT_EQ(0u, os::WaitForSemaphore(pSemaphore, Guard));
+    Served += cName;
+  };
+  for (std::uint64_t nRound = 1; nRound <= 100; ++nRound) {
+    const std::uint64_t nWaits = CallsOf(SystemCall::Wait);
+    std::jthread Earlier([&] {
+      WaitAs('a');
+      os::ReleaseSemaphoreBy(pSemaphore, 1);
+    });
+    while (CallsOf(SystemCall::Wait) == nWaits) std::this_thread::yield();
+    os::ReleaseSemaphoreBy(pSemaphore, 1);  // for the one that waits, which may not have woken up yet
+    WaitAs('b');
+    ASSERT_EQ("ab", std::exchange(Served, ""));
+  }
+  os::CloseSemaphore(pSemaphore);
 }
 
 }  // namespace
