@@ -142,7 +142,7 @@ ResultCode HostServices::BindFunction(HostObject* /*pRoot*/, void** ppSlot, std:
                                       std::uint32_t nFunctionId, std::uint32_t /*nOption*/) {
   void* const pFunction = FindExport(nExporter, nFunctionId);
   if (pFunction == nullptr) return errNOT_FOUND;
-  *ppSlot = pFunction;
+  std::atomic_ref(*ppSlot).store(pFunction);  // another thread may bind the same function, or look at it
   return errOK;
 }
 

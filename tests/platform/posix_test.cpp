@@ -47,6 +47,33 @@ TEST_F(PosixTest, FollowsLinksAndDeletesNone) {
   EXPECT_TRUE(fs::is_symlink(Folder() / "link") && fs::is_symlink(Folder() / "nowhere"));
 }
 
+// The name of a new file is brought to the disk where that can be had, and its content does not fail for it.
+TEST_F(PosixTest, FlushesAFileWhoseFolderCannotBeSynced) {
+  const auto SyncsOfFlushes = [this](const char16_t* pName, int nErrno) {
+    const auto pFile = OpenFile(pName);
+    std::string Answers;
+    FailCallsNatively(SystemCall::Sync, nErrno, 1);  // the one behind the file's own
+    for (int i = 0; i < 3; ++i) {
+      const std::uint64_t nBefore = CallsOf(SystemCall::Sync);
+      EXPECT_TRUE(pFile->SeekWrite(0, "x", 1, nullptr));
+      Answers += pFile->Flush() ? '+' : '-';
+      Answers += std::to_string(CallsOf(SystemCall::Sync) - nBefore);
+    }
+    return Answers;
+  };
+  for (const int nErrno : {EINVAL, EACCES, EPERM, EROFS, ENOTSUP, EBADF}) {
+    EXPECT_EQ("+2+1+1", SyncsOfFlushes(std::u16string(1, static_cast<char16_t>(u'A' + nErrno)).c_str(), nErrno))
+        << nErrno;
+  }
+  EXPECT_EQ("-2+2+1", SyncsOfFlushes(u"a", EIO));
+  EXPECT_EQ("-2+2+1", SyncsOfFlushes(u"b", ENOSPC));
+
+  fs::create_directory(Folder() / "before");
+  const auto pFile = OpenFile(u"before/a");
+  fs::rename(Folder() / "before", Folder() / "behind");
+  EXPECT_TRUE(pFile->SeekWrite(0, "x", 1, nullptr) && pFile->Flush());
+}
+
 // A segment's four files take four descriptors; hundreds of open segments are more than the usual limit.
 TEST_F(PosixTest, LiftsTheDescriptorLimitOnce) {
   rlimit Limit{};
