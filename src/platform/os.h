@@ -83,7 +83,8 @@ SystemError WriteAt(FileHandle Handle, std::uint64_t nOffset, const void* pData,
 SystemError GetSize(FileHandle Handle, std::uint64_t* pnSize);
 SystemError SetSize(FileHandle Handle, std::uint64_t nSize);
 
-// Brings every write to the disk; for a file that Open created, its name in the folder as well, where the system lets us.
+// Brings every write to the disk; for a file that Open created, its name in the folder as well, where the system lets
+// us.
 SystemError Flush(FileHandle Handle);
 
 // When the file was created, as a FILETIME (100 ns units since 1601-01-01 UTC).
