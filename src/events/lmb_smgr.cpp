@@ -239,9 +239,10 @@ ResultCode SegmentManager::CheckLimits(bool bForce) {
   return errOK;
 }
 
-// A segment is full when it reaches a limit ...
+// A segment is full when it reaches a limit, and takes nothing any more when it has lost a file ...
 bool SegmentManager::IsNewestFull() {
   const tSEGMENT_ENTRY& Newest = m_Segments.back();
+  if (Newest.pSegment->IsDiscarded()) return true;
   if (m_nSegmentMaxEvents != 0 && Newest.nEventCount >= m_nSegmentMaxEvents) return true;
   if (m_nSegmentMaxSize != 0 && Newest.pSegment->GetDataSize() >= m_nSegmentMaxSize) return true;
   return m_nSegmentMaxAge != 0 && Newest.pSegment->GetAge() >= m_nSegmentMaxAge;
@@ -428,6 +429,8 @@ ResultCode SegmentManager::FindObject(StoreChoice Choice, const ObjectQuery& Que
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
   const std::lock_guard Hold(m_Lock);
   if (m_Segments.empty()) return errUNEXPECTED;
+  // Names come before the events that would start the next segment.
+  if (m_Segments.back().pSegment->IsDiscarded()) (void)NewSegment();
   return OnEntry(&m_Segments.back(), [&](Segment& Newest) { return Newest.FindObject(Choice, Query, pnId); });
 }
 

@@ -172,6 +172,9 @@ ResultCode SavePersistentIndex(const std::u16string& Path, std::uint32_t nIndex,
   }
   // A name never lands at a position that would give it another id.
   const std::uint64_t nExpected = std::uint64_t{kIndexBlockSize} * (std::uint64_t{nIndex} + 1);
+  // A part of an item that an attempt has left, and could not take back, is no name.
+  const bool bTorn = nPosition > nExpected && nPosition < nExpected + kIndexBlockSize;
+  if (bTorn && Succeeded(Index.SetSize(nExpected))) nCode = Index.Seek(kFromEnd, 0, &nPosition);
   if (nPosition != nExpected) {
     Trace(kHostRoot, traceFailure,
           "lmb\tSavePersistentIndex(%u): currentPos = %u (file size) is not equal to expected write pos = %u", nIndex,

@@ -115,11 +115,12 @@ bool FollowsLinkTo(std::uint8_t nType, std::uint32_t nFlags) {
   }
 }
 
-// Finds or creates the object of a path's root, and goes on to what it links to.
+// Finds or creates the object of a path's root, in every mode, and goes on to what it links to.
 ResultCode FindRoot(const ObjectStores& Stores, ObjectDB& Store, const PathRoot& Root, std::u16string_view Path,
-                    std::uint32_t nFlags, std::uint64_t* pnId) {
+                    std::uint32_t nFlags, std::uint32_t nMode, std::uint64_t* pnId) {
+  if (nMode == findOnly) nMode = findOrCreate;
   const ResultCode nCode = FindSingleObject(Store, Root.nType, nFlags | fObjNoCase, Path.data() + Root.nStart,
-                                            static_cast<std::uint32_t>(Root.nLength) * kUnit, 0, findOrCreate, pnId);
+                                            static_cast<std::uint32_t>(Root.nLength) * kUnit, 0, nMode, pnId);
   if (Failed(nCode)) return nCode;
   const std::uint64_t nLink = LinkOf(Store, *pnId);
   if (nLink == 0) return nCode;
@@ -157,7 +158,7 @@ ResultCode FindPath(const ObjectStores& Stores, ObjectDB& Store, const ObjectQue
     const PathRoot Root = FindPathRoot(Query.nType, Path, nSize % kUnit != 0);
     nPosition = Root.nStart;
     if (Root.nLength != 0) {
-      nLast = FindRoot(Stores, Store, Root, Path, nFlags, &nCurrent);
+      nLast = FindRoot(Stores, Store, Root, Path, nFlags, Query.nMode, &nCurrent);
       if (Failed(nLast)) return nLast;
       nPosition += Root.nLength;
       nFlags |= fObjNoCase;  // below a root the whole path is case-insensitive

@@ -242,7 +242,7 @@ TEST_F(SegmentManagerTest, StartsBehindAnOldestSegmentThatHasLostAFile) {
   EXPECT_EQ("534442480300000004000000", ToHex(ReadFile("segments.dat")));
   Restart();
   EXPECT_EQ(From(21, 15), Get(0, 0, 15));
-  // The last one, too; its number does not come back.
+  // The last one, too; its number does not come back, and the chain goes on behind it.
   m_pManager->SetDbMaxEvents(5);
   m_pManager.reset();
   std::filesystem::remove(Folder() / "00000004_objid.dat");
@@ -250,6 +250,11 @@ TEST_F(SegmentManagerTest, StartsBehindAnOldestSegmentThatHasLostAFile) {
   Get(0, 0, 1, errOPEN_FAILED);
   Restart();
   EXPECT_EQ(MakeObjectId(5, 0), Add(1));
+  m_pManager.reset();
+  std::filesystem::remove(Folder() / "00000005_objid.dat");
+  Restart();
+  Get(0, 0, 1, errOPEN_FAILED);
+  EXPECT_EQ(MakeObjectId(6, 0), Add(1));
 }
 
 TEST_F(SegmentManagerTest, LosesNothingWhileTheFolderIsAway) {
