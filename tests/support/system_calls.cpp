@@ -1,6 +1,7 @@
 #include "support/system_calls.h"
 
 #include <atomic>
+#include <initializer_list>
 
 #include "support/gauges.h"
 
@@ -18,8 +19,43 @@ std::atomic<void (*)()> g_pWatchOpen{nullptr};
 std::atomic<bool> g_bRagged{false};
 std::atomic<std::int64_t> g_nClock{0};
 std::atomic<std::uint64_t> g_nAllocations{0};
-std::atomic<std::uint64_t> g_nFailAllocation{0};  // counts down to the one that fails; 0: none
-std::atomic<std::uintptr_t> g_nFailingThread{0};  // and not thread_local, for which some systems allocate
+std::atomic<std::uint64_t> g_nFailAllocation{0};   // counts down to the first that fails; 0: none
+std::atomic<std::uint64_t> g_nFailAllocations{0};  // how many are still to fail
+std::atomic<std::uintptr_t> g_nFailingThread{0};   // and not thread_local, for which some systems allocate
+
+std::atomic<bool> g_bPaused{false};
+Gauge g_Any;  // of all kinds of calls; nNative is what picks the error
+std::atomic<std::uint64_t> g_nFaults{0};
+
+// The errors that a call of a kind meets in practice.
+int NativeErrorFor(SystemCall Call, std::uint64_t nChoice) {
+  using Errors = std::initializer_list<os::SystemError>;
+  const auto Pick = [nChoice](Errors From) {
+    return NativeError(From.begin()[nChoice % From.size()]);
+  };
+  switch (Call) {
+    case SystemCall::Open:
+    case SystemCall::OpenFolder:
+      return Pick({os::kTooManyOpenFiles, os::kAccessDenied, os::kIoDevice});
+    case SystemCall::Write:
+    case SystemCall::WriteAt:
+    case SystemCall::SetSize:
+    case SystemCall::Sync:
+      return Pick({os::kDiskFull, os::kIoDevice});
+    case SystemCall::MakeFolder:
+      return Pick({os::kDiskFull, os::kAccessDenied});
+    case SystemCall::Look:
+    case SystemCall::Remove:
+      return Pick({os::kAccessDenied, os::kIoDevice});
+    default:
+      return NativeError(os::kIoDevice);
+  }
+}
+
+bool IsNext(Gauge& Counted) {
+  const std::uint64_t nCall = Counted.nCalls++;
+  return nCall >= Counted.nFailFrom && nCall - Counted.nFailFrom < Counted.nFailTimes;
+}
 
 Gauge& GaugeOf(SystemCall Call) {
   return g_Gauges[static_cast<int>(Call)];
@@ -28,19 +64,27 @@ Gauge& GaugeOf(SystemCall Call) {
 }  // namespace
 
 int CountCall(SystemCall Call) {
+  if (g_bPaused) return 0;
   if (void (*const pWatch)() = g_pWatchOpen; pWatch != nullptr && Call == SystemCall::Open) pWatch();
-  Gauge& Counted = GaugeOf(Call);
-  const std::uint64_t nCall = Counted.nCalls++;
-  return nCall < Counted.nFailFrom || nCall - Counted.nFailFrom >= Counted.nFailTimes ? 0 : Counted.nNative.load();
+  const bool bAny = IsNext(g_Any);
+  const bool bOfItsKind = IsNext(GaugeOf(Call));
+  if (!bAny && !bOfItsKind) return 0;
+  ++g_nFaults;
+  return bOfItsKind ? GaugeOf(Call).nNative.load() : NativeErrorFor(Call, static_cast<std::uint64_t>(g_Any.nNative));
 }
 
 void ForgetCall(SystemCall Call) {
   --GaugeOf(Call).nCalls;
+  --g_Any.nCalls;
 }
 
 bool CountAllocation() {
+  if (g_bPaused) return false;
   ++g_nAllocations;
-  return g_nFailAllocation != 0 && g_nFailingThread == CurrentThread() && --g_nFailAllocation == 0;
+  if (g_nFailAllocation == 0 || g_nFailingThread != CurrentThread() || --g_nFailAllocation != 0) return false;
+  if (--g_nFailAllocations != 0) g_nFailAllocation = 1;
+  ++g_nFaults;
+  return true;
 }
 
 bool TransfersAreRagged() {
@@ -51,10 +95,15 @@ std::int64_t ClockOfTest() {
 }
 
 void ResetSystem() {
-  for (Gauge& One : g_Gauges) {
+  const auto Reset = [](Gauge& One) {
     One.nCalls = 0;
     One.nFailFrom = UINT64_MAX;
-  }
+  };
+  for (Gauge& One : g_Gauges) Reset(One);
+  Reset(g_Any);
+  g_bPaused = false;
+  g_nFaults = 0;
+  WatchChanges({});
   g_pWatchOpen = nullptr;
   g_bRagged = false;
   g_nClock = 0;
@@ -83,6 +132,21 @@ void FailCallsNatively(SystemCall Call, int nNative, std::uint64_t nSkip, std::u
   One.nFailFrom = One.nCalls + nSkip;
 }
 
+void FailAnyCalls(std::uint64_t nSkip, std::uint64_t nTimes, std::uint64_t nChoice) {
+  g_Any.nNative = static_cast<int>(nChoice % 1000);
+  g_Any.nFailTimes = nTimes;
+  g_Any.nFailFrom = g_Any.nCalls + nSkip;
+}
+std::uint64_t FaultsMade() {
+  return g_nFaults;
+}
+void PauseFaults(bool bPaused) {
+  g_bPaused = bPaused;
+}
+bool FaultsArePaused() {
+  return g_bPaused;
+}
+
 void WatchOpen(void (*pWatch)()) {
   g_pWatchOpen = pWatch;
 }
@@ -95,8 +159,9 @@ void SetClock(std::int64_t nSeconds) {
 std::uint64_t Allocations() {
   return g_nAllocations;
 }
-void FailAllocation(std::uint64_t nSkip) {
+void FailAllocation(std::uint64_t nSkip, std::uint64_t nTimes) {
   g_nFailingThread = CurrentThread();
+  g_nFailAllocations = nTimes;
   g_nFailAllocation = nSkip + 1;
 }
 bool AllocationFailed() {
