@@ -77,6 +77,10 @@ void Run() {
               static_cast<unsigned long long>(test::CallsOf(SystemCall::Open)));
   const Counted First = Count(1, [&](std::uint64_t) { Store.Add(1); });
   Print("the first event after that", First);
+  BenchStore::Require(Store.Call(&LumbraOperations::SetDBParams, BenchStore::kDatabase, limitSegmentEvents, 1));
+  BenchStore::Require(Store.Call(&LumbraOperations::SetDBParams, BenchStore::kDatabase, limitDatabaseEvents, 10));
+  Print("an event that drops a segment, and starts one", Count(100, [&](std::uint64_t) { Store.Add(1); }));
+  std::printf("%-44s %8llu syncs in 100\n", "", static_cast<unsigned long long>(test::CallsOf(SystemCall::Sync)));
 }
 
 }  // namespace

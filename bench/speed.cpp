@@ -190,6 +190,32 @@ void LookAtFilesRaw(benchmark::State& State) {
   }
 }
 
+// ---- Rotation ---------------------------------------------------------------------------------------------
+
+// An event that starts a segment, and has another one dropped.
+void RotateAndDrop(benchmark::State& State) {
+  for (auto _ : State) g_Store->Add(1);
+}
+
+// The same files made and removed, and the one sync that puts the header before the removal.
+void RotateRaw(benchmark::State& State) {
+  constexpr const char* kNames[] = {"raw events", "raw objbt", "raw objid", "raw objdt"};
+  constexpr std::size_t kSizes[] = {12 + sizeof(Event), 1040, 12, 4};
+  const char Content[1040] = {};
+  const int nHeader = OpenRaw("raw segments", O_RDWR | O_CREAT);
+  for (auto _ : State) {
+    for (int i = 0; i < 4; ++i) {
+      const int nFile = OpenRaw(kNames[i], O_RDWR | O_CREAT);
+      benchmark::DoNotOptimize(pwrite(nFile, Content, kSizes[i], 0));
+      close(nFile);
+    }
+    benchmark::DoNotOptimize(pwrite(nHeader, Content, 12, 0));
+    fsync(nHeader);
+    for (const char* const pName : kNames) unlink(g_Store->File(pName).c_str());
+  }
+  close(nHeader);
+}
+
 // ---- The run ----------------------------------------------------------------------------------------------
 
 // Prints what was measured as usual and keeps the median of each benchmark.
@@ -250,6 +276,9 @@ void RunAll() {
   BenchStore::Require(g_Store->Call(&LumbraOperations::SetDBParams, BenchStore::kDatabase, limitSegmentEvents, 1));
   g_Store->Add(kSegments);
   RunPair("open 1000 segments", OpenThousandSegments, "statx of 4000 files", LookAtFilesRaw, "", &Summary);
+  BenchStore::Require(g_Store->Call(&LumbraOperations::SetDBParams, BenchStore::kDatabase, limitSegmentEvents, 1));
+  BenchStore::Require(g_Store->Call(&LumbraOperations::SetDBParams, BenchStore::kDatabase, limitDatabaseEvents, 1));
+  RunPair("rotate and drop", RotateAndDrop, "4 files, sync, unlink", RotateRaw, "", &Summary);
   g_Store.reset();
   std::printf("\n%s", Summary.c_str());
 }

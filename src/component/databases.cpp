@@ -7,6 +7,7 @@
 
 #include "component/lumbra.h"
 #include "component/shared_objects.h"
+#include "platform/failed_step.h"
 #include "platform/result.h"
 #include "platform/trace.h"
 
@@ -88,6 +89,17 @@ NamedDatabaseRef Lumbra::NamedAt(std::size_t nPosition) {
   return nPosition < m_NamedDatabases.size() ? m_NamedDatabases[nPosition] : NamedDatabaseRef();
 }
 
+// ---- The size total ---------------------------------------------------------------------------------------
+
+Lumbra::SizeChange::SizeChange(std::uint64_t* pnTotal, SegmentManager& Manager)
+    : m_pnTotal(CountsInTotal(Manager) ? pnTotal : nullptr), m_Manager(Manager) {
+  if (m_pnTotal != nullptr) *m_pnTotal -= m_Manager.GetTotalSize();
+}
+
+Lumbra::SizeChange::~SizeChange() {
+  if (m_pnTotal != nullptr) *m_pnTotal += m_Manager.GetTotalSize();
+}
+
 // ---- Opening ----------------------------------------------------------------------------------------------
 
 HostText Lumbra::DatabaseFolder(std::u16string_view Name) {
@@ -103,7 +115,9 @@ bool Lumbra::InitEnvironment(StorageEnvironment* pEnvironment, const HostText& F
 }
 
 ResultCode Lumbra::InitManager(SegmentManager* pManager, StorageEnvironment* pEnvironment, std::uint32_t nEventSize) {
-  return pManager->Init(pEnvironment, nEventSize, SharedObjects::Store(), m_nCheckMode != 0);
+  // An instance that does not count as a user of the shared store may not use that of others, which can go at any time.
+  ObjectDB* const pShared = m_bUsesSharedObjects ? SharedObjects::Store() : nullptr;
+  return pManager->Init(pEnvironment, nEventSize, pShared, m_nCheckMode != 0);
 }
 
 ResultCode Lumbra::InitDB(std::uint32_t nDatabase, std::uint32_t nEventSize) {
@@ -225,18 +239,16 @@ ResultCode Lumbra::SetOneDBParam(std::uint32_t nDatabase, std::uint32_t nKind, s
   const Database Found = FindDatabase(nDatabase);
   if (!Found.IsOpen()) return errPARAMETER_INVALID;
   SegmentManager& Manager = Found.Manager();
+  const std::lock_guard Hold(m_MainLock);
   if (nKind == limitDatabaseSize) {
     Manager.SetDbMaxSize(nValue);
     RecomputeSizeTotal();
     return errOK;
   }
+  if (nDatabase == kSystemDatabase) return SetLimit(Manager, nKind, nValue);
   // A limit starts and drops segments at once, so the size total changes with it.
-  const std::lock_guard Hold(m_MainLock);
-  const bool bCounts = nDatabase != kSystemDatabase && CountsInTotal(Manager);
-  if (bCounts) m_nSizeTotal -= Manager.GetTotalSize();
-  const ResultCode nCode = SetLimit(Manager, nKind, nValue);
-  if (bCounts) m_nSizeTotal += Manager.GetTotalSize();
-  return nCode;
+  const SizeChange Change(&m_nSizeTotal, Manager);
+  return SetLimit(Manager, nKind, nValue);
 }
 
 void Lumbra::RecomputeSizeTotal() {
@@ -300,10 +312,14 @@ ResultCode Lumbra::CheckLimitsNamed() {
 }
 
 ResultCode Lumbra::DropOldestSegment(SegmentManager& Manager) {
-  m_nSizeTotal -= Manager.GetTotalSize();
-  const ResultCode nCode = Manager.DeleteOldestSegment();
-  m_nSizeTotal += Manager.GetTotalSize();
-  return nCode;
+  const SizeChange Change(&m_nSizeTotal, Manager);
+  return Manager.DeleteOldestSegment();
+}
+
+// Behind an event that was added, whose answer does not depend on it. What fails or throws here is done at the next
+// add.
+void Lumbra::EnforceGlobalLimit() try { (void)CheckLimits(); } catch (...) {
+  FAILED_STEP(ResultFromCurrentException());
 }
 
 // ---- Information and clearing -----------------------------------------------------------------------------
@@ -361,10 +377,11 @@ ResultCode Lumbra::ClearOneDB(std::uint32_t nDatabase) {
   if (!Found.IsOpen()) return errPARAMETER_INVALID;
   SegmentManager& Manager = Found.Manager();
   const std::lock_guard Hold(m_MainLock);
-  const bool bCounts = CountsInTotal(Manager);
-  if (bCounts) m_nSizeTotal -= Manager.GetTotalSize();
-  const ResultCode nCode = Manager.Clear();
-  if (bCounts) m_nSizeTotal += Manager.GetTotalSize();
+  ResultCode nCode = errOK;
+  {
+    const SizeChange Change(&m_nSizeTotal, Manager);
+    nCode = Manager.Clear();
+  }
   Trace(&Handle, traceRoutine, "lmb\tLumbra::ClearDB(%X) = %terr", nDatabase, nCode);
   return nCode;
 }

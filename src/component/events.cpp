@@ -32,14 +32,13 @@ ResultCode Lumbra::AddEventNamed(std::uint32_t nDatabase, const void* pData, std
 ResultCode Lumbra::Append(SegmentManager& Manager, std::uint32_t nDatabase, const void* pData, std::uint32_t nSize,
                           std::uint64_t* pnEventId) {
   const std::lock_guard Hold(m_MainLock);
-  const bool bCountsInTotal = Manager.GetDbMaxSize() == 0;
-  if (bCountsInTotal) m_nSizeTotal -= Manager.GetTotalSize();
   std::uint64_t nEventId = 0;
-  const ResultCode nCode = Manager.AddEvent(pData, nSize, &nEventId);
-  if (bCountsInTotal) {
-    m_nSizeTotal += Manager.GetTotalSize();
-    CheckLimits();
+  ResultCode nCode = errOK;
+  {
+    const SizeChange Change(&m_nSizeTotal, Manager);
+    nCode = Manager.AddEvent(pData, nSize, &nEventId);
   }
+  if (Manager.GetDbMaxSize() == 0) EnforceGlobalLimit();
   nEventId = WithDatabase(nEventId, nDatabase);
   if (pnEventId != nullptr) *pnEventId = nEventId;
   if (nDatabase < kFirstNamedDatabase) {
@@ -105,9 +104,17 @@ std::uint64_t Lumbra::ParentOf(std::uint64_t nObjectId) {
 
 // Damaged data marks the whole store, once: the property, and the index file for the next start.
 void Lumbra::MarkCorruptedOn(ResultCode nCode) {
-  if (nCode != errDATA_CORRUPTED || m_nCorrupted.exchange(1) != 0) return;
+  if (nCode != errDATA_CORRUPTED) return;
+  if (m_nCorrupted.exchange(1) == 0) m_bMarkUnsaved = true;
+  SaveMark();
+}
+
+// Saves a mark that is not saved yet. While that fails it is tried again whenever damage is met, at each flush, and at
+// the shutdown.
+void Lumbra::SaveMark() {
+  if (!m_bMarkUnsaved) return;
   const std::lock_guard Hold(m_MainLock);  // which every use of the index file by an operation holds
-  SaveCorruptedFlag(m_IndexPath);
+  if (m_bMarkUnsaved.exchange(false) && !SaveCorruptedFlag(m_IndexPath)) m_bMarkUnsaved = true;
 }
 
 // ---- Rewriting --------------------------------------------------------------------------------------------

@@ -5,6 +5,8 @@
 #include "component/factory.h"
 #include "component/lumbra.h"
 #include "component/shared_objects.h"
+#include "platform/failed_step.h"
+#include "platform/result.h"
 #include "platform/trace.h"
 
 namespace lumbra {
@@ -159,19 +161,31 @@ void Lumbra::GiveBack() {
 
 ResultCode Lumbra::MessageReceive(std::uint32_t nClass, std::uint32_t nMessageId) {
   if (nClass != kFlushMessageClass || nMessageId != kFlushMessageId) return errOK;
+  try {
+    Flush();
+  } catch (...) {
+    FAILED_STEP(ResultFromCurrentException());  // the line from which the host sees that not all is on the disk
+  }
+  return errOK;
+}
+
+void Lumbra::Flush() {
   const SharedHold Hold(m_Lock);
-  for (DatabaseSlot& Slot : m_Slots) Slot.Manager.Flush();
+  // What fails is traced; a slot that is not open has nothing to flush.
+  for (DatabaseSlot& Slot : m_Slots) (void)Slot.Manager.Flush();
   // One at a time, and without the main lock: a flush waits for the disk, and adds to other databases need not wait
   // with it.
   for (std::size_t i = 0;; ++i) {
     const NamedDatabaseRef Named = NamedAt(i);
-    if (Named.Get() == nullptr) return errOK;
-    Named->Manager.Flush();
+    if (Named.Get() == nullptr) break;
+    (void)Named->Manager.Flush();
   }
+  SaveMark();
 }
 
 ResultCode Lumbra::ObjectShutdown() {
   ForgetSharedInstance(this);
+  SaveMark();
   if (std::exchange(m_bHandlerRegistered, false)) binding::UnregisterFlushHandler(&Handle);
   if (std::exchange(m_bUsesSharedObjects, false)) SharedObjects::RemoveUser();
   for (DatabaseSlot& Slot : m_Slots) Slot.Manager.TearDown();

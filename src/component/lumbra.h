@@ -44,6 +44,7 @@ class Lumbra : public HostedInstance {
 
   ResultCode ObjectInitDone();
   ResultCode ObjectShutdown();
+  void Flush();
   ResultCode MessageReceive(std::uint32_t nClass, std::uint32_t nMessageId);
   ResultCode PropertyAccess(std::uint32_t nPropertyId, PropertyAccessRecord* pRecord);
 
@@ -120,6 +121,20 @@ class Lumbra : public HostedInstance {
     SegmentManager* m_pManager;
   };
 
+  // Takes a database's size out of the size total while the database changes, and puts back what it has become, on
+  // every way out. One with a size limit of its own does not count. The main lock is held meanwhile.
+  class SizeChange {
+   public:
+    SizeChange(std::uint64_t* pnTotal, SegmentManager& Manager);
+    ~SizeChange();
+    SizeChange(const SizeChange&) = delete;
+    SizeChange& operator=(const SizeChange&) = delete;
+
+   private:
+    std::uint64_t* const m_pnTotal;  // null where the database does not count
+    SegmentManager& m_Manager;
+  };
+
   // The database of an id; not open for the id of a named one that nobody opened.
   Database FindDatabase(std::uint32_t nDatabase);
   NamedDatabaseRef FindNamed(std::uint32_t nDatabase);
@@ -157,6 +172,7 @@ class Lumbra : public HostedInstance {
   void RecomputeSizeTotal();
   ResultCode CheckLimits();
   ResultCode CheckLimitsNamed();
+  void EnforceGlobalLimit();
   ResultCode DropOldestSegment(SegmentManager& Manager);
 
   // events.cpp
@@ -166,9 +182,11 @@ class Lumbra : public HostedInstance {
   ResultCode AppendParents(const void* pEvents, std::uint32_t nCount, std::uint32_t nEventSize, HostObject* pParents);
   std::uint64_t ParentOf(std::uint64_t nObjectId);
   void MarkCorruptedOn(ResultCode nCode);
+  void SaveMark();
 
   // objects.cpp, object_data.cpp
   std::uint64_t WithoutAlias(std::uint64_t nObjectId) const;
+  std::uint64_t ParentWithin(std::uint32_t nDatabase, std::uint64_t nParentId) const;
   ResultCode ListAncestors(SegmentManager& Manager, std::uint64_t nObjectId, HostObject* pContainer);
 
   // In the order in which they are destroyed, last to first.
@@ -182,6 +200,7 @@ class Lumbra : public HostedInstance {
   std::atomic<std::uint32_t> m_nCheckMode{0};
   std::atomic<std::uint32_t> m_nEnvironmentFlag{0};
   std::atomic<std::uint32_t> m_nCorrupted{0};
+  std::atomic<bool> m_bMarkUnsaved{false};  // damage was met, and the index file does not say so yet
   std::atomic<std::uint32_t> m_nExactFileSizes{0};
   std::atomic<std::uint32_t> m_nWritesSuspended{0};  // set under the exclusive lock
   ReaderWriterLock m_Lock;

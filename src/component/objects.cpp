@@ -22,6 +22,14 @@ std::uint64_t Lumbra::WithoutAlias(std::uint64_t nObjectId) const {
   return nObjectId == kHostObjectAlias ? m_nHostObjectId.load() : nObjectId;
 }
 
+// A parent's id as the database knows it. One of another database stays as it is, so that the store refuses it: its
+// number within this one would be somebody else's.
+std::uint64_t Lumbra::ParentWithin(std::uint32_t nDatabase, std::uint64_t nParentId) const {
+  nParentId = WithoutAlias(nParentId);
+  const std::uint32_t nOwner = DatabaseOfId(nParentId);
+  return nOwner == 0 || nOwner == nDatabase ? WithoutDatabase(nParentId) : nParentId;
+}
+
 ResultCode Lumbra::FindObjectSimple(std::uint32_t nDatabase, std::uint32_t nType, const char16_t* pName,
                                     std::int32_t nNameSize, std::uint32_t nCreate, std::uint32_t nFlagsOverride,
                                     std::uint64_t* pnObjectId) {
@@ -36,15 +44,12 @@ ResultCode Lumbra::FindObject(std::uint32_t nDatabase, std::uint32_t nType, cons
   const IoPriorityGuard Guard;
   const Database Found = FindDatabase(nDatabase);
   if (!Found.IsOpen()) return errPARAMETER_INVALID;
-  if (nNameSize < kZeroTerminated) {  // no size at all, which could not even be traced
-    if (pnObjectId != nullptr) *pnObjectId = 0;
-    return errPARAMETER_INVALID;
-  }
+  if (pnObjectId != nullptr) *pnObjectId = 0;                    // also when something is thrown
+  if (nNameSize < kZeroTerminated) return errPARAMETER_INVALID;  // no size at all, which could not even be traced
 
   const StoreChoice Choice = nDatabase == kSystemDatabase ? StoreChoice::Global : StoreChoice::Own;
-  const ObjectQuery Query{
-      static_cast<std::uint8_t>(nType),      nFlagsOverride, pName,
-      static_cast<std::uint32_t>(nNameSize), nCreate,        WithoutDatabase(WithoutAlias(nParentId))};
+  const ObjectQuery Query{static_cast<std::uint8_t>(nType),      nFlagsOverride, pName,
+                          static_cast<std::uint32_t>(nNameSize), nCreate,        ParentWithin(nDatabase, nParentId)};
   std::uint64_t nId = 0;
   const ResultCode nCode = Found.Manager().FindObject(Choice, Query, &nId);
   MarkCorruptedOn(nCode);

@@ -12,6 +12,12 @@ namespace {
 
 constexpr std::uint64_t kFileTimeUnitsPerSecond = 10000000;
 
+// Whether the refusal of a file will stand. Any other may pass: somebody holds the file, or the process has run out of
+// descriptors or memory.
+bool IsAboutTheFile(ResultCode nRefused) {
+  return nRefused == errACCESS_DENIED;
+}
+
 }  // namespace
 
 ResultCode Segment::Init(StorageEnvironment* pEnv, std::uint32_t nEventSize, Files Which, std::uint32_t nNumber,
@@ -26,16 +32,18 @@ ResultCode Segment::Init(StorageEnvironment* pEnv, std::uint32_t nEventSize, Fil
   m_bCreate = Which == Files::New;
   if (!m_bCreate) return m_pEnv->GetFileCreationTime(u"events.dat", nNumber, &m_nCreationTime);
   // A new segment never inherits records of an older one with its number.
-  if (nNumber != 0) m_pEnv->DeleteFiles(u"*.*", nNumber);
+  if (nNumber != 0) (void)m_pEnv->DeleteFiles(u"*.*", nNumber);  // answers errOK always
   return Open();
 }
 
 bool Segment::IsUnfinished() {
-  const auto IsMissing = [this](const char16_t* pName) {
-    std::uint64_t nSize = 0;
+  std::uint64_t nSize = 0;
+  const auto IsMissing = [&](const char16_t* pName) {
     return m_pEnv->GetFileSize(pName, m_nNumber, &nSize) == errNOT_FOUND;
   };
-  return IsMissing(u"objbt.dat") || IsMissing(u"objid.dat") || IsMissing(u"objdt.dat");
+  if (IsMissing(u"objid.dat")) return true;
+  const bool bHoldsRecords = PlainDB::RecordCountOfSize(nSize, sizeof(tODB_ID_ENTRY)) != 0;
+  return !bHoldsRecords && (IsMissing(u"objbt.dat") || IsMissing(u"objdt.dat"));
 }
 
 // ---- Opening ----------------------------------------------------------------------------------------------
@@ -43,16 +51,15 @@ bool Segment::IsUnfinished() {
 ResultCode Segment::Open() {
   if (m_bOpened) return errOK;
   if (m_bFailed) return errOPEN_FAILED;
-  m_bFailed = true;  // unless all goes well; so it stays also when something is thrown on the way
   ResultCode nCode = OpenEvents();
   if (Succeeded(nCode)) nCode = OpenObjects();
   if (Failed(nCode)) {
     m_pObjects.reset();
     m_pEvents.reset();
+    if (m_bCreate) Discard();  // there is nothing in it yet
     return nCode;
   }
   if (m_pGlobalObjects == nullptr) m_pGlobalObjects = m_pObjects.get();
-  m_bFailed = false;
   m_bOpened = true;
   return errOK;
 }
@@ -60,7 +67,12 @@ ResultCode Segment::Open() {
 ResultCode Segment::OpenEvents() {
   std::unique_ptr<StorageFile> pFile;
   const ResultCode nCode = m_pEnv->OpenFile(u"events.dat", m_nNumber, m_bCreate, m_bWritable, &pFile);
-  if (Failed(nCode)) return FAILED_STEP(nCode);
+  if (Failed(nCode)) {
+    FAILED_STEP(nCode);
+    if (nCode == errOBJECT_NOT_FOUND) LeaveChain();
+    m_bFailed = m_bFailed || IsAboutTheFile(nCode);
+    return nCode;
+  }
   if (!pFile->GetCreationTime(&m_nCreationTime)) return FAILED_STEP(errREAD_FAILED);
   m_pEvents.reset(new (std::nothrow) PlainDB);
   if (m_pEvents == nullptr) return FAILED_STEP(errOUT_OF_MEMORY);
@@ -75,32 +87,47 @@ ResultCode Segment::OpenObjects() {
   m_pObjects.reset(new (std::nothrow) ObjectDB(m_bCheckMode));
   if (m_pObjects == nullptr) return FAILED_STEP(errOUT_OF_MEMORY);
   ObjectFiles Opened;
+  const ResultCode nRefused = OpenObjectFiles(&Opened);
+  const ResultCode nCode = m_pObjects->Open(m_nNumber, Opened, TreeHead::Small);
+  if (Succeeded(nCode)) return errOK;
+  FAILED_STEP(Failed(nRefused) ? nRefused : nCode);
+  m_bFailed = IsAboutTheFile(nRefused);
+  // What the system did not let us open or read, because somebody holds it or the process has run out of something,
+  // may be good.
+  const bool bFileMissing = Succeeded(nRefused) && nCode == errPARAMETER_INVALID;
+  if (bFileMissing) {
+    Opened = ObjectFiles();
+    LeaveChain();
+    Discard();
+  }
+  return errOPEN_FAILED;
+}
+
+// A file that is missing, or that cannot be opened, is handed on as absent, and the store refuses it. Answers why the
+// system refused one that is there.
+ResultCode Segment::OpenObjectFiles(ObjectFiles* pFiles) {
   ResultCode nRefused = errOK;
   const auto OpenFile = [&](const char16_t* pName, std::unique_ptr<StorageFile>* ppFile) {
     const ResultCode nOpened = m_pEnv->OpenFile(pName, m_nNumber, m_bCreate, m_bWritable, ppFile);
     if (Failed(nOpened) && nOpened != errOBJECT_NOT_FOUND) nRefused = nOpened;
   };
-  // A file that cannot be opened is handed on as absent: the store refuses it.
-  OpenFile(u"objbt.dat", &Opened.pTree);
-  OpenFile(u"objid.dat", &Opened.pIds);
-  OpenFile(u"objdt.dat", &Opened.pData);
-  ResultCode nCode = m_pObjects->Open(m_nNumber, Opened, TreeHead::Small);
-  if (Succeeded(nCode)) return errOK;
-  if (Failed(nRefused)) nCode = nRefused;
-  FAILED_STEP(nCode);
-  // What the system did not let us open, because somebody reads it or the process has run out of something, may be
-  // good.
-  if (Failed(nRefused) || nCode == errOUT_OF_MEMORY) return nCode;
-  Opened = ObjectFiles();
-  Discard();
-  return errOPEN_FAILED;
+  OpenFile(u"objbt.dat", &pFiles->pTree);
+  OpenFile(u"objid.dat", &pFiles->pIds);
+  OpenFile(u"objdt.dat", &pFiles->pData);
+  return nRefused;
 }
 
-// Deletes a segment whose object store cannot be opened, its events included.
+// A segment that lacks a file: the chain starts behind it, should it start here.
+void Segment::LeaveChain() {
+  m_bFailed = m_bDiscarded = true;
+  if (m_pChain != nullptr) m_pChain->BeforeDiscard();
+}
+
+// Deletes the segment, its events included.
 void Segment::Discard() {
   m_pEvents.reset();
   m_pObjects.reset();
-  m_pEnv->DeleteFiles(u"*.*", m_nNumber);
+  (void)m_pEnv->DeleteFiles(u"*.*", m_nNumber);  // answers errOK always
 }
 
 // ---- Events -----------------------------------------------------------------------------------------------
@@ -165,8 +192,8 @@ std::uint64_t Segment::GetAge() const {
 ResultCode Segment::Flush() {
   if (!m_bOpened) return errOK;
   m_pEvents->Flush();
-  m_pObjects->Flush();
-  m_pGlobalObjects->Flush();
+  (void)m_pObjects->Flush();  // answer errOK always; what fails is traced
+  (void)m_pGlobalObjects->Flush();
   return errOK;
 }
 

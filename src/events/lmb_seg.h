@@ -3,8 +3,8 @@
 // outside refers into it except through ids that carry its number.
 //
 // A segment can be known without being open: its size and age come from the folder, and its files are opened
-// by the first operation that needs them. One that failed to open is not tried again; its operations answer
-// errOPEN_FAILED.
+// by the first operation that needs them. While they cannot be opened its operations answer errOPEN_FAILED. Where a
+// call of the system failed the next operation tries again; a segment that has lost a file is not tried again.
 //
 // It has no lock: the segment manager holds its own around every call.
 #pragma once
@@ -20,10 +20,21 @@
 
 namespace lumbra {
 
+// Who keeps the chain that a segment is part of.
+class SegmentChain {
+ public:
+  // The segment has lost a file and is worth nothing any more. Called before the rest of it is deleted, so that the
+  // chain can leave it out first.
+  virtual void BeforeDiscard() = 0;
+
+ protected:
+  ~SegmentChain() = default;
+};
+
 class Segment {
  public:
-  // With bCheckMode an object store that is created gets every kind of CRC.
-  explicit Segment(bool bCheckMode) : m_bCheckMode(bCheckMode) {}
+  // With bCheckMode an object store that is created gets every kind of CRC. The chain may be null.
+  explicit Segment(bool bCheckMode, SegmentChain* pChain = nullptr) : m_bCheckMode(bCheckMode), m_pChain(pChain) {}
   ~Segment() = default;  // closes the files, and deletes none
   Segment(const Segment&) = delete;
   Segment& operator=(const Segment&) = delete;
@@ -36,11 +47,16 @@ class Segment {
   ResultCode Init(StorageEnvironment* pEnv, std::uint32_t nEventSize, Files Which, std::uint32_t nNumber,
                   ObjectDB* pGlobalObjects);
 
-  // Whether a crash ended the creation of an existing segment: its object store lacks files.
+  // Whether a crash ended the creation of an existing segment before a name was stored in it: its object store lacks
+  // files, and holds no record.
   bool IsUnfinished();
 
-  // Opens the files; errOK when they are open. A segment whose object store cannot be opened is deleted:
-  // events without their names are worth nothing.
+  // Whether it has lost a file, and is known to the chain alone.
+  bool IsDiscarded() const { return m_bDiscarded; }
+  bool IsOpen() const { return m_bOpened; }
+
+  // Opens the files; errOK when they are open. A segment that lacks a file of its object store is deleted: events
+  // without their names are worth nothing. So is a new one that cannot be opened.
   ResultCode Open();
 
   // Events. An event's index is its low word; the high word is 0 or the segment's number, errOBJECT_NOT_FOUND
@@ -77,13 +93,16 @@ class Segment {
   ObjectStores Stores() const { return {m_pObjects.get(), m_pGlobalObjects, m_nNumber}; }
   ResultCode OpenEvents();
   ResultCode OpenObjects();
+  ResultCode OpenObjectFiles(ObjectFiles* pFiles);
+  void LeaveChain();
   void Discard();
   template <class Operation>
   ResultCode OnStoreOf(std::uint64_t nId, Operation Do);
 
   std::uint32_t m_nNumber = 0;  // never 0 for a real segment
   bool m_bOpened = false;
-  bool m_bFailed = false;  // an attempt to open failed; there is no second
+  bool m_bFailed = false;     // it cannot be opened for reasons of its own; there is no second attempt
+  bool m_bDiscarded = false;  // a file of it is missing
   std::unique_ptr<PlainDB> m_pEvents;
   std::unique_ptr<ObjectDB> m_pObjects;
   ObjectDB* m_pGlobalObjects = nullptr;
@@ -93,6 +112,7 @@ class Segment {
   std::uint32_t m_nEventSize = 0;
   std::uint64_t m_nCreationTime = 0;  // of the event file, FILETIME
   const bool m_bCheckMode;
+  SegmentChain* const m_pChain;
 };
 
 }  // namespace lumbra

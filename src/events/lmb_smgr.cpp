@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/failed_step.h"
+#include "platform/result.h"
 
 namespace lumbra {
 namespace {
@@ -26,7 +27,12 @@ ResultCode SegmentManager::Init(StorageEnvironment* pEnv, std::uint32_t nEventSi
   m_pGlobalObjects = pGlobalObjects;
   m_bCheckMode = bCheckMode;
   m_nTotalSize = m_nTotalEvents = 0;
-  const ResultCode nCode = OpenChain(nEventSize);
+  ResultCode nCode = errOK;
+  try {
+    nCode = OpenChain(nEventSize);
+  } catch (...) {
+    nCode = ResultFromCurrentException();
+  }
   if (Failed(nCode)) {
     TearDown();  // so that "segments.dat" is free for another attempt
     m_nTotalSize = m_nTotalEvents = 0;
@@ -43,24 +49,32 @@ ResultCode SegmentManager::OpenChain(std::uint32_t nEventSize) {
     nCode = ListSegments();
     if (Failed(nCode)) return nCode;
   }
+  // A number that was taken is taken again, so that the ids of the segments before it do not come back.
+  const bool bLeftOut = LeaveOutUnfinished();
   if (!m_Segments.empty()) return errOK;
-  m_nNextNumber = 1;
-  m_Header.nFirstSegment = 1;
+  if (!bLeftOut) m_nNextNumber = 1;
+  m_Header.nFirstSegment = m_nNextNumber;
   return NewSegment();
 }
 
 ResultCode SegmentManager::OpenHeader(std::uint32_t nEventSize) {
   const ResultCode nCode = m_pEnv->OpenFile(u"segments.dat", 0, true, true, &m_pHeaderFile);
   if (Failed(nCode)) return nCode;
+  return LookAtHeader(nEventSize).OrStartAnew([&] {
+    std::memcpy(m_Header.nMagic, kMagic, sizeof(kMagic));
+    m_Header.nFirstSegment = 0;
+    m_Header.nEventSize = nEventSize;
+    return WriteHeader();
+  });
+}
+
+FileContent SegmentManager::LookAtHeader(std::uint32_t nEventSize) {
   std::uint32_t nRead = 0;
-  // A read that fails says nothing about the database, which must not start anew for it.
-  if (!m_pHeaderFile->SeekRead(0, &m_Header, sizeof(m_Header), &nRead)) return FAILED_STEP(errREAD_FAILED);
+  if (!m_pHeaderFile->SeekRead(0, &m_Header, sizeof(m_Header), &nRead)) {
+    return FileContent::Unread(FAILED_STEP(errREAD_FAILED));
+  }
   const bool bOurs = nRead == sizeof(m_Header) && std::memcmp(m_Header.nMagic, kMagic, sizeof(kMagic)) == 0;
-  if (bOurs && m_Header.nEventSize == nEventSize) return errOK;
-  std::memcpy(m_Header.nMagic, kMagic, sizeof(kMagic));
-  m_Header.nFirstSegment = 0;
-  m_Header.nEventSize = nEventSize;
-  return WriteHeader();
+  return bOurs && m_Header.nEventSize == nEventSize ? FileContent::Ours() : FileContent::Foreign();
 }
 
 // Takes up the segments from the first number on, until one has no event file: there the chain ends.
@@ -78,43 +92,75 @@ ResultCode SegmentManager::ListSegments() {
     if (Succeeded(nCode)) nCode = AppendEntry(std::move(pSegment), nEvents);
     if (Failed(nCode)) return nCode;
   }
-  LeaveOutUnfinished();
   return errOK;
 }
 
 // A newest segment without events whose creation a crash cut short could not be opened, and no event could be
 // added until the next start. Its number is taken again instead, and what there is of it deleted.
-void SegmentManager::LeaveOutUnfinished() {
-  if (m_Segments.empty()) return;
+bool SegmentManager::LeaveOutUnfinished() {
+  if (m_Segments.empty()) return false;
   const tSEGMENT_ENTRY& Newest = m_Segments.back();
-  if (Newest.nEventCount != 0 || !Newest.pSegment->IsUnfinished()) return;
+  if (Newest.nEventCount != 0 || !Newest.pSegment->IsUnfinished()) return false;
   m_nTotalSize -= Newest.nDataSize;
   m_nNextNumber = Newest.nNumber;
   m_Segments.pop_back();
+  return true;
 }
 
 ResultCode SegmentManager::Clear() {
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
   const std::lock_guard Hold(m_Lock);
+  const std::uint32_t nFirst = m_Segments.empty() ? m_nNextNumber : m_Segments.front().nNumber;
   TearDown();
-  m_pEnv->DeleteFiles(u"*.*", 0);
+  (void)m_pEnv->DeleteFiles(u"*.*", 0);  // answers errOK always
+  if (const std::uint32_t nLeft = FirstNumberLeft(nFirst, m_nNextNumber); nLeft != 0) return OpenWhatIsLeft(nLeft);
   return Init(m_pEnv, m_Header.nEventSize, m_pGlobalObjects, m_bCheckMode);
+}
+
+// The lowest of some numbers whose events are there, or may be; 0 for none.
+std::uint32_t SegmentManager::FirstNumberLeft(std::uint32_t nFirst, std::uint32_t nEnd) {
+  for (std::uint32_t nNumber = nFirst; nNumber < nEnd; ++nNumber) {
+    std::uint64_t nTime = 0;
+    if (m_pEnv->GetFileCreationTime(u"events.dat", nNumber, &nTime) != errNOT_FOUND) return nNumber;
+  }
+  return 0;
+}
+
+// Opens a database that could not be deleted on the segments that are left, from the first of them on.
+ResultCode SegmentManager::OpenWhatIsLeft(std::uint32_t nFirst) {
+  ResultCode nCode = m_pEnv->OpenFile(u"segments.dat", 0, true, true, &m_pHeaderFile);
+  if (Failed(nCode)) return nCode;
+  m_Header.nFirstSegment = nFirst;
+  nCode = WriteHeader();
+  m_pHeaderFile.reset();
+  if (Succeeded(nCode)) nCode = Init(m_pEnv, m_Header.nEventSize, m_pGlobalObjects, m_bCheckMode);
+  return Failed(nCode) ? nCode : errACCESS_DENIED;
 }
 
 void SegmentManager::TearDown() {
   const std::lock_guard Hold(m_Lock);
-  m_bInitialized = false;
+  if (m_bInitialized.exchange(false)) CatchUpHeader();
   m_Segments.clear();
   m_pHeaderFile.reset();
+  m_bHeaderBehind = false;
 }
 
 // ---- The chain --------------------------------------------------------------------------------------------
 
-std::unique_ptr<Segment> SegmentManager::MakeSegment() const {
-  return std::unique_ptr<Segment>(new (std::nothrow) Segment(m_bCheckMode));
+std::unique_ptr<Segment> SegmentManager::MakeSegment() {
+  return std::unique_ptr<Segment>(new (std::nothrow) Segment(m_bCheckMode, this));
 }
 
+// What is thrown on the way becomes a code: an event that finds no new segment goes to the one that is there.
 ResultCode SegmentManager::NewSegment() {
+  try {
+    return StartSegment();
+  } catch (...) {
+    return ResultFromCurrentException();
+  }
+}
+
+ResultCode SegmentManager::StartSegment() {
   if (m_nNextNumber >= kNumberLimit) return errOUT_OF_SPACE;
   std::unique_ptr<Segment> pSegment = MakeSegment();
   if (pSegment == nullptr) return errOUT_OF_MEMORY;
@@ -143,9 +189,37 @@ ResultCode SegmentManager::AppendEntry(std::unique_ptr<Segment> pSegment, std::u
   return errOK;
 }
 
+// ---- The header -------------------------------------------------------------------------------------------
+
 ResultCode SegmentManager::WriteHeader() {
-  if (m_pHeaderFile->SeekWrite(0, &m_Header, sizeof(m_Header), nullptr)) return errOK;
-  return FAILED_STEP(errWRITE_FAILED);
+  m_bHeaderBehind = !m_pHeaderFile->SeekWrite(0, &m_Header, sizeof(m_Header), nullptr);
+  return m_bHeaderBehind ? FAILED_STEP(errWRITE_FAILED) : errOK;
+}
+
+// Writes again what could not be written before: should the process end first, the next start would find no segment
+// where the file says, and begin anew.
+void SegmentManager::CatchUpHeader() {
+  if (m_bHeaderBehind) (void)WriteHeader();  // otherwise the next occasion comes
+}
+
+void SegmentManager::SyncHeader() {
+  if (m_pHeaderFile != nullptr && !m_pHeaderFile->Flush()) FAILED_STEP(errWRITE_FAILED);
+}
+
+// Brings the number of the first segment that has its files to the disk. To be called before the files of a segment
+// are deleted, so that the header never leads to one that is gone, not even after a power cut.
+ResultCode SegmentManager::MoveStart() {
+  const auto First = std::find_if(m_Segments.begin(), m_Segments.end(),
+                                  [](const tSEGMENT_ENTRY& Entry) { return !Entry.pSegment->IsDiscarded(); });
+  m_Header.nFirstSegment = First == m_Segments.end() ? m_nNextNumber : First->nNumber;
+  const ResultCode nCode = WriteHeader();
+  if (Succeeded(nCode)) SyncHeader();
+  return nCode;
+}
+
+void SegmentManager::BeforeDiscard() {
+  const bool bStartsThere = !m_Segments.empty() && m_Segments.front().pSegment->IsDiscarded();
+  if (bStartsThere) (void)MoveStart();  // a failure is traced, and remembered
 }
 
 SegmentManager::tSEGMENT_ENTRY* SegmentManager::FindEntry(std::uint32_t nSegment) {
@@ -162,12 +236,13 @@ SegmentManager::tSEGMENT_ENTRY* SegmentManager::FindEntry(std::uint32_t nSegment
 void SegmentManager::SetLimit(std::atomic<std::uint64_t>* pLimit, std::uint64_t nLimit) {
   const std::lock_guard Hold(m_Lock);
   *pLimit = nLimit;
-  CheckLimits(false);
+  (void)CheckLimits(false);  // what cannot be done now is tried again at the next add
 }
 
 ResultCode SegmentManager::CheckLimits(bool bForce) {
   const std::lock_guard Hold(m_Lock);
   if (m_Segments.empty()) return errOK;
+  CatchUpHeader();
   if (IsNewestFull()) {
     const ResultCode nCode = NewSegment();
     if (Failed(nCode)) return nCode;
@@ -195,15 +270,14 @@ bool SegmentManager::IsOverLimits() {
 }
 
 ResultCode SegmentManager::DeleteOldest(bool bForced) {
-  tSEGMENT_ENTRY& Oldest = m_Segments.front();
+  tSEGMENT_ENTRY Oldest = std::move(m_Segments.front());
   const std::uint32_t nNumber = Oldest.nNumber;
-  Oldest.pSegment.reset();
-  m_pEnv->DeleteFiles(u"*.*", nNumber);
   m_nTotalEvents -= Oldest.nEventCount;
   m_nTotalSize -= Oldest.nDataSize;
   m_Segments.erase(m_Segments.begin());
-  m_Header.nFirstSegment = m_Segments.front().nNumber;
-  const ResultCode nCode = WriteHeader();
+  const ResultCode nCode = MoveStart();
+  Oldest.pSegment.reset();
+  (void)m_pEnv->DeleteFiles(u"*.*", nNumber);  // answers errOK always
   if (Failed(nCode)) return nCode;
   Trace(kHostRoot, traceRoutine, "lmb\tSegment %d has been deleted (%d,%I64X,%I64X,%I64X)", nNumber,
         std::int32_t{bForced}, m_nDbMaxSize.load(), m_nDbMaxEvents.load(), m_nDbMaxAge.load());
@@ -215,18 +289,37 @@ ResultCode SegmentManager::DeleteOldest(bool bForced) {
 ResultCode SegmentManager::AddEvent(const void* pData, std::uint32_t nSize, std::uint64_t* pnId) {
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
   const std::lock_guard Hold(m_Lock);
-  CheckLimits(false);  // if no new segment can be started, the event goes to the one that is there
+  (void)CheckLimits(false);  // if no new segment can be started, the event goes to the one that is there
   if (m_Segments.empty()) return errUNEXPECTED;
   tSEGMENT_ENTRY& Newest = m_Segments.back();
-  ResultCode nCode = Newest.pSegment->AddEvent(pData, nSize, pnId);
+  const ResultCode nCode = Newest.pSegment->AddEvent(pData, nSize, pnId);
+  return Failed(nCode) ? nCode : Refresh(&Newest);
+}
+
+// Brings an entry, and with it the totals, to what its segment holds now.
+ResultCode SegmentManager::Refresh(tSEGMENT_ENTRY* pEntry) {
+  std::uint64_t nEvents = 0;
+  const ResultCode nCode = pEntry->pSegment->GetEventCount(&nEvents);
   if (Failed(nCode)) return nCode;
-  nCode = Newest.pSegment->GetEventCount(&Newest.nEventCount);
-  if (Failed(nCode)) return nCode;
-  ++m_nTotalEvents;
-  const std::uint64_t nNewSize = Newest.pSegment->GetDataSize();
-  m_nTotalSize += nNewSize - Newest.nDataSize;
-  Newest.nDataSize = nNewSize;
+  const std::uint64_t nSize = pEntry->pSegment->GetDataSize();
+  m_nTotalEvents += nEvents - pEntry->nEventCount;
+  m_nTotalSize += nSize - pEntry->nDataSize;
+  pEntry->nEventCount = nEvents;
+  pEntry->nDataSize = nSize;
   return errOK;
+}
+
+// Does something with a segment. Should its event file have been started anew when that opened it, because it held
+// something else, the totals must not count on with events that are gone.
+template <class Operation>
+ResultCode SegmentManager::OnEntry(tSEGMENT_ENTRY* pEntry, Operation Do) {
+  const bool bWasOpen = pEntry->pSegment->IsOpen();
+  const ResultCode nCode = Do(*pEntry->pSegment);
+  if (bWasOpen || !pEntry->pSegment->IsOpen()) return nCode;
+  std::uint64_t nEvents = 0;
+  const bool bKnown = Succeeded(pEntry->pSegment->GetEventCount(&nEvents));
+  if (bKnown && nEvents != pEntry->nEventCount) (void)Refresh(pEntry);
+  return nCode;
 }
 
 ResultCode SegmentManager::GetEvents(std::uint32_t nStartLow, std::int32_t nStartHigh, void* pBuffer,
@@ -242,7 +335,7 @@ ResultCode SegmentManager::GetEvents(std::uint32_t nStartLow, std::int32_t nStar
 
   auto* pCursor = static_cast<std::uint8_t*>(pBuffer);
   for (; From.nEntry < m_Segments.size(); ++From.nEntry) {
-    const tSEGMENT_ENTRY& Entry = m_Segments[From.nEntry];
+    tSEGMENT_ENTRY& Entry = m_Segments[From.nEntry];
     if (From.nPosition >= Entry.nEventCount) {
       From.nPosition -= Entry.nEventCount;
       continue;
@@ -250,8 +343,9 @@ ResultCode SegmentManager::GetEvents(std::uint32_t nStartLow, std::int32_t nStar
     const auto nWanted =
         static_cast<std::uint32_t>(std::min<std::uint64_t>(Entry.nEventCount - From.nPosition, nCount));
     std::uint32_t nGot = 0;
-    const ResultCode nRead =
-        Entry.pSegment->GetEvents(static_cast<std::uint32_t>(From.nPosition), 0, nWanted, pCursor, nBufferSize, &nGot);
+    const ResultCode nRead = OnEntry(&Entry, [&](Segment& Found) {
+      return Found.GetEvents(static_cast<std::uint32_t>(From.nPosition), 0, nWanted, pCursor, nBufferSize, &nGot);
+    });
     if (nRead != errOK) return nRead;
     if (nGot != nWanted) return errUNEXPECTED;
     const std::uint32_t nBytes = nGot * m_Header.nEventSize;
@@ -326,26 +420,30 @@ ResultCode SegmentManager::OnSegment(std::uint32_t nSegment, Operation Do) {
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
   const std::lock_guard Hold(m_Lock);
   tSEGMENT_ENTRY* const pEntry = FindEntry(nSegment);
-  return pEntry == nullptr ? errOBJECT_NOT_FOUND : Do(*pEntry->pSegment);
+  return pEntry == nullptr ? errOBJECT_NOT_FOUND : OnEntry(pEntry, Do);
 }
 
 ResultCode SegmentManager::Flush() {
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
   const std::lock_guard Hold(m_Lock);
-  for (const tSEGMENT_ENTRY& Entry : m_Segments) Entry.pSegment->Flush();
+  CatchUpHeader();
+  for (const tSEGMENT_ENTRY& Entry : m_Segments) (void)Entry.pSegment->Flush();  // errOK always; failures are traced
+  SyncHeader();
   return errOK;
 }
 
 ResultCode SegmentManager::Check(StoreChoice Choice) {
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
   const std::lock_guard Hold(m_Lock);
-  return m_Segments.empty() ? errUNEXPECTED : m_Segments.back().pSegment->Check(Choice);
+  if (m_Segments.empty()) return errUNEXPECTED;
+  return OnEntry(&m_Segments.back(), [&](Segment& Newest) { return Newest.Check(Choice); });
 }
 
 ResultCode SegmentManager::FindObject(StoreChoice Choice, const ObjectQuery& Query, std::uint64_t* pnId) {
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
   const std::lock_guard Hold(m_Lock);
-  return m_Segments.empty() ? errUNEXPECTED : m_Segments.back().pSegment->FindObject(Choice, Query, pnId);
+  if (m_Segments.empty()) return errUNEXPECTED;
+  return OnEntry(&m_Segments.back(), [&](Segment& Newest) { return Newest.FindObject(Choice, Query, pnId); });
 }
 
 ResultCode SegmentManager::GetObjectName(std::uint64_t nId, void* pBuffer, std::uint32_t nBufferSize,

@@ -18,6 +18,7 @@
 
 #include "events/lmb_seg.h"
 #include "lumbra/result_code.h"
+#include "platform/file_content.h"
 #include "platform/os.h"
 #include "platform/storage_environment.h"
 
@@ -31,7 +32,7 @@ struct tSDB_HEADER {
 };
 static_assert(sizeof(tSDB_HEADER) == 12);
 
-class SegmentManager {
+class SegmentManager : private SegmentChain {
  public:
   SegmentManager() = default;
   ~SegmentManager() { TearDown(); }
@@ -44,7 +45,8 @@ class SegmentManager {
   // null) must outlive the use. After a failure nothing is open.
   ResultCode Init(StorageEnvironment* pEnv, std::uint32_t nEventSize, ObjectDB* pGlobalObjects, bool bCheckMode);
 
-  // Deletes every file of the folder and starts the first segment, with the same event size.
+  // Deletes every file of the folder and starts the first segment, with the same event size. errACCESS_DENIED when a
+  // segment could not be deleted; the database is then open on what is left.
   ResultCode Clear();
 
   bool IsInitialized() const { return m_bInitialized; }
@@ -93,6 +95,8 @@ class SegmentManager {
 
   // ---- Objects ----
 
+  // Brings to the disk what was written to the open segments, the shared store and "segments.dat". errOK also when
+  // that fails, which is traced.
   ResultCode Flush();
 
   // The quick check of an object store, through the newest segment.
@@ -135,18 +139,29 @@ class SegmentManager {
 
   ResultCode OpenChain(std::uint32_t nEventSize);
   ResultCode OpenHeader(std::uint32_t nEventSize);
+  FileContent LookAtHeader(std::uint32_t nEventSize);
   ResultCode ListSegments();
-  void LeaveOutUnfinished();
+  bool LeaveOutUnfinished();
+  std::uint32_t FirstNumberLeft(std::uint32_t nFirst, std::uint32_t nEnd);
+  ResultCode OpenWhatIsLeft(std::uint32_t nFirst);
   ResultCode NewSegment();
+  ResultCode StartSegment();
   ResultCode AppendEntry(std::unique_ptr<Segment> pSegment, std::uint64_t nEvents);
-  std::unique_ptr<Segment> MakeSegment() const;
+  std::unique_ptr<Segment> MakeSegment();
   ResultCode WriteHeader();
+  ResultCode MoveStart();
+  void CatchUpHeader();
+  void SyncHeader();
+  void BeforeDiscard() override;
+  ResultCode Refresh(tSEGMENT_ENTRY* pEntry);
   void SetLimit(std::atomic<std::uint64_t>* pLimit, std::uint64_t nLimit);
   bool IsNewestFull();
   bool IsOverLimits();
   ResultCode DeleteOldest(bool bForced);
   ResultCode FindStart(std::uint32_t nStartLow, std::int32_t nStartHigh, Start* pStart);
   tSEGMENT_ENTRY* FindEntry(std::uint32_t nSegment);
+  template <class Operation>
+  ResultCode OnEntry(tSEGMENT_ENTRY* pEntry, Operation Do);
   template <class Operation>
   ResultCode OnSegment(std::uint32_t nSegment, Operation Do);
 
@@ -163,6 +178,7 @@ class SegmentManager {
   std::uint32_t m_nNextNumber = 1;             // of the next new segment
   std::unique_ptr<StorageFile> m_pHeaderFile;  // "segments.dat", held while initialised
   tSDB_HEADER m_Header{};
+  bool m_bHeaderBehind = false;  // a write of the header failed: the file may name a segment that is gone
   std::uint64_t m_nTotalSize = 0;
   std::uint64_t m_nTotalEvents = 0;
   ObjectDB* m_pGlobalObjects = nullptr;

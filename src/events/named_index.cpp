@@ -5,7 +5,9 @@
 #include <cstring>
 #include <new>
 
+#include "platform/failed_step.h"
 #include "platform/file.h"
+#include "platform/file_content.h"
 #include "platform/trace.h"
 
 namespace lumbra {
@@ -33,6 +35,10 @@ std::uint32_t Number(ResultCode nCode) {
   return static_cast<std::uint32_t>(nCode);
 }
 
+bool IsMissing(ResultCode nOpened) {
+  return nOpened == errFILE_NOT_FOUND || nOpened == errPATH_NOT_FOUND;
+}
+
 // What one transfer came to: a short one has the code of success and is a failure all the same.
 struct Transfer {
   ResultCode nCode = errOK;
@@ -55,32 +61,35 @@ Transfer WriteAll(File& To, const void* pData, std::size_t nSize) {
 
 // ---- The index --------------------------------------------------------------------------------------------
 
-bool ReadSignature(File& Index, const std::u16string& Path, bool* pbCorrupted) {
+FileContent ReadSignature(File& Index, const std::u16string& Path, bool* pbCorrupted) {
   Block Signature{};
   const Transfer Done = ReadSome(Index, Signature.data(), Signature.size());
   if (!Done.Complete(Signature.size())) {
     Trace(kHostRoot, traceDamage,
           "lmb\tTryLoadPersistentIndexes: failed to read signature from file, ulo res = %u, bytesRead = %u",
           Number(Done.nCode), Done.nBytes);
-    return false;
+    return Failed(Done.nCode) ? FileContent::Unread(errUNSPECIFIED) : FileContent::Foreign();
   }
   *pbCorrupted = Signature == CorruptedSignature();
-  if (*pbCorrupted || Signature == PlainSignature()) return true;
+  if (*pbCorrupted || Signature == PlainSignature()) return FileContent::Ours();
   Index.Close();
   Trace(kHostRoot, traceDamage, "lmb\tTryLoadPersistentIndexes: file signature is not valid");
   Trace(kHostRoot, traceDamage, "lmb\tTryLoadPersistentIndexes: corrupted persistent index file (%S) content: %S",
         Path.c_str(), u"none");
-  return false;
+  return FileContent::Foreign();
 }
 
-bool TryLoadPersistentIndexes(const std::u16string& Path, PersistentIndex* pNames, bool* pbCorrupted) {
+// The names are all that leads to the named databases: they are given up only where the file is known to be missing, or
+// what was read of it is no index.
+FileContent TryLoadPersistentIndexes(const std::u16string& Path, PersistentIndex* pNames, bool* pbCorrupted) {
   File Index;
   const ResultCode nOpened = Index.OpenWithFlags(Path, fileRead, openExisting);
   if (Failed(nOpened)) {
     Trace(kHostRoot, traceNotable, "lmb\tTryLoadPersistentIndexes: failed to open file, ulo res = %u", Number(nOpened));
-    return false;
+    return IsMissing(nOpened) ? FileContent::Foreign() : FileContent::Unread(errUNSPECIFIED);
   }
-  if (!ReadSignature(Index, Path, pbCorrupted)) return false;
+  const FileContent Signature = ReadSignature(Index, Path, pbCorrupted);
+  if (!Signature.IsOurs()) return Signature;
 
   std::vector<Block> Items(kMaxIndexNames);
   const Transfer Done = ReadSome(Index, Items.data(), Items.size() * kIndexBlockSize);
@@ -88,13 +97,13 @@ bool TryLoadPersistentIndexes(const std::u16string& Path, PersistentIndex* pName
     Trace(kHostRoot, traceDamage,
           "lmb\tTryLoadPersistentIndexes: failed to read data from file, ulo res = %u, bytesRead = %u",
           Number(Done.nCode), Done.nBytes);
-    return false;
+    return Failed(Done.nCode) ? FileContent::Unread(errUNSPECIFIED) : FileContent::Foreign();
   }
   Items.resize(Done.nBytes / kIndexBlockSize);
   for (const Block& Item : Items) pNames->emplace_back(Item.data(), strnlen(Item.data(), kMaxIndexNameLength));
   Trace(kHostRoot, traceRoutine, "lmb\tTryLoadPersistentIndexes: successful, %u items read, %s",
         static_cast<std::uint32_t>(pNames->size()), *pbCorrupted ? "DB Corrupted" : "DB Ok");
-  return true;
+  return FileContent::Ours();
 }
 
 bool TryCreatePersistentIndexesFile(const std::u16string& Path) {
@@ -129,14 +138,15 @@ bool TryCreatePersistentIndexesFile(const std::u16string& Path) {
 ResultCode LoadPersistentIndexes(const std::u16string& Path, PersistentIndex* pNames, bool* pbCorrupted) {
   pNames->clear();
   try {
-    if (TryLoadPersistentIndexes(Path, pNames, pbCorrupted)) return errOK;
-    Trace(kHostRoot, traceNotable, "lmb\tLoadPersistentIndexes: file is absent or invalid, creating new one..");
-    if (!TryCreatePersistentIndexesFile(Path)) {
-      Trace(kHostRoot, traceFailure, "lmb\tLoadPersistentIndexes: failed to create index file");
-      return errUNSPECIFIED;
-    }
-    *pbCorrupted = false;
-    return errOK;
+    return TryLoadPersistentIndexes(Path, pNames, pbCorrupted).OrStartAnew([&] {
+      Trace(kHostRoot, traceNotable, "lmb\tLoadPersistentIndexes: file is absent or invalid, creating new one..");
+      if (!TryCreatePersistentIndexesFile(Path)) {
+        Trace(kHostRoot, traceFailure, "lmb\tLoadPersistentIndexes: failed to create index file");
+        return errUNSPECIFIED;
+      }
+      *pbCorrupted = false;
+      return errOK;
+    });
   } catch (const std::bad_alloc&) {
     Trace(kHostRoot, traceFailure, "lmb\tLoadPersistentIndexes: not enough memory");
     return errOUT_OF_MEMORY;
@@ -188,12 +198,12 @@ ResultCode SavePersistentIndex(const std::u16string& Path, std::uint32_t nIndex,
   return errOK;
 }
 
-void SaveCorruptedFlag(const std::u16string& Path) {
+bool SaveCorruptedFlag(const std::u16string& Path) {
   File Index;
   const ResultCode nOpened = Index.OpenWithFlags(Path, fileWrite | fileShareRead, openExisting);
   if (Failed(nOpened)) {
     Trace(kHostRoot, traceFailure, "lmb\tSaveCorruptedFlag: failed to open file, ulo res = %u", Number(nOpened));
-    return;
+    return false;
   }
   const Block Signature = CorruptedSignature();
   const Transfer Done = WriteAll(Index, Signature.data(), Signature.size());
@@ -201,9 +211,14 @@ void SaveCorruptedFlag(const std::u16string& Path) {
     Trace(kHostRoot, traceFailure,
           "lmb\tSaveCorruptedFlag: failed to write signature to file, ulo res = %u, bytesWritten = %u",
           Number(Done.nCode), Done.nBytes);
-    return;
+    return false;
+  }
+  if (Failed(Index.Flush())) {
+    FAILED_STEP(errWRITE_FAILED);
+    return false;
   }
   Trace(kHostRoot, traceRoutine, "lmb\tSaveCorruptedFlag: successful");
+  return true;
 }
 
 bool FindPersistentIndex(const PersistentIndex& Names, std::string_view Name, std::uint32_t* pnPosition) {
@@ -221,14 +236,17 @@ bool IsPersistentIndexFull(const PersistentIndex& Names) {
 
 namespace {
 
-bool TryReadDatabaseId(const std::u16string& Path, std::uint32_t* pnId) {
+FileContent TryReadDatabaseId(const std::u16string& Path, std::uint32_t* pnId) {
   File Identity;
-  if (Failed(Identity.OpenWithFlags(Path, fileRead, openExisting))) return false;
+  const ResultCode nOpened = Identity.OpenWithFlags(Path, fileRead, openExisting);
+  if (Failed(nOpened)) return IsMissing(nOpened) ? FileContent::Foreign() : FileContent::Unread(nOpened);
   std::uint8_t Bytes[4];
-  if (!ReadSome(Identity, Bytes, sizeof(Bytes)).Complete(sizeof(Bytes))) return false;
+  const Transfer Done = ReadSome(Identity, Bytes, sizeof(Bytes));
+  if (Failed(Done.nCode)) return FileContent::Unread(Done.nCode);
+  if (!Done.Complete(sizeof(Bytes))) return FileContent::Foreign();
   *pnId = (std::uint32_t{Bytes[0]} << 24) | (std::uint32_t{Bytes[1]} << 16) | (std::uint32_t{Bytes[2]} << 8) | Bytes[3];
   Identity.Close();
-  if (*pnId >= kFirstNamedId) return true;
+  if (*pnId >= kFirstNamedId) return FileContent::Ours();
   Trace(kHostRoot, traceFailure,
         "lmb\tTryReadDatabaseId: read index (%u) from file is less, than minimum named db index (%u)", *pnId,
         kFirstNamedId);
@@ -236,7 +254,7 @@ bool TryReadDatabaseId(const std::u16string& Path, std::uint32_t* pnId) {
     Trace(kHostRoot, traceDamage, "lmb\tTryReadDatabaseId: corrupted index file (%S) content: %S", Path.c_str(),
           u"none");
   }
-  return false;
+  return FileContent::Foreign();
 }
 
 bool TrySaveDatabaseId(const std::u16string& Path, std::uint32_t nId) {
@@ -258,13 +276,15 @@ void ValidateDatabaseId(std::u16string_view Folder, std::u16string_view FileName
   if (!Path.empty() && !Path.ends_with(u'\\') && !Path.ends_with(u'/')) Path += u'\\';
   Path += FileName;
   std::uint32_t nPrevious = 0;
-  if (TryReadDatabaseId(Path, &nPrevious)) {
+  const FileContent Found = TryReadDatabaseId(Path, &nPrevious);
+  if (Found.IsOurs()) {
     Trace(kHostRoot, traceRoutine,
           "lmb\tValidateDatabaseId: indexFilePath = '%S', previousDatabaseId = %u, assignedDatabaseId = %u",
           Path.c_str(), nPrevious, nAssigned);
     return;
   }
-  const bool bSaved = TrySaveDatabaseId(Path, nAssigned);
+  const bool bSaved =
+      Succeeded(Found.OrStartAnew([&] { return TrySaveDatabaseId(Path, nAssigned) ? errOK : errWRITE_FAILED; }));
   const char* const pOutcome = bSaved ? "succeeded" : "failed";
   Trace(kHostRoot, bSaved ? traceNotable : traceFailure,
         "lmb\tValidateDatabaseId: indexFilePath = '%S', assignedDatabaseId = %u, TrySaveDatabaseIndex %s", Path.c_str(),

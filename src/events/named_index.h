@@ -28,15 +28,15 @@ inline constexpr std::uint32_t kMaxIndexNames = 207;  // ids 48 to 254
 inline constexpr std::uint32_t kMaxIndexNameLength = 63;
 
 // Loads the names, and whether the file is marked corrupted. A file that is missing or damaged is replaced by
-// an empty one; errUNSPECIFIED when that fails, too.
+// an empty one. errUNSPECIFIED when that fails, too, or when the file is there and cannot be opened or read.
 ResultCode LoadPersistentIndexes(const std::u16string& Path, PersistentIndex* pNames, bool* pbCorrupted);
 
 // Appends a name (at most 63 bytes) as item nIndex. Refused with errUNSPECIFIED unless the file ends exactly
 // there.
 ResultCode SavePersistentIndex(const std::u16string& Path, std::uint32_t nIndex, std::string_view Name);
 
-// Marks the file corrupted; the names stay. Failures are traced only.
-void SaveCorruptedFlag(const std::u16string& Path);
+// Marks the file corrupted, on the disk; the names stay. False when that failed, which is traced.
+bool SaveCorruptedFlag(const std::u16string& Path);
 
 bool FindPersistentIndex(const PersistentIndex& Names, std::string_view Name, std::uint32_t* pnPosition);
 bool IsPersistentIndexFull(const PersistentIndex& Names);

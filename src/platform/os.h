@@ -127,8 +127,11 @@ class SearchScope {
   SearchScope& operator=(const SearchScope&) = delete;
 };
 
-// Deletes the entries of a folder that are neither folders nor links. What cannot be deleted stays.
-SystemError RemovePlainFiles(std::u16string_view Folder);
+// The names of a folder's entries that are neither folders nor links, in no order.
+SystemError ListPlainFiles(std::u16string_view Folder, std::vector<std::u16string>* pNames);
+
+// Deletes those entries, the one of the given name behind all others. What cannot be deleted stays.
+SystemError RemovePlainFiles(std::u16string_view Folder, std::u16string_view LastName);
 
 // The size of a file that others may hold open in any way.
 SystemError MeasureFile(std::u16string_view Path, std::uint64_t* pnSize);

@@ -1,9 +1,12 @@
 #include "platform/storage_environment.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <new>
 #include <utility>
+#include <vector>
 
 #include "platform/exception.h"
 #include "platform/file.h"
@@ -17,7 +20,13 @@ namespace {
 
 // The files of one segment, in the order in which they are deleted: the events last, so that an interrupted
 // deletion leaves a segment that is still listed and can be deleted again.
-constexpr std::u16string_view kSegmentFiles[] = {u"objbt.dat", u"objid.dat", u"objdt.dat", u"events.dat"};
+constexpr std::u16string_view kEventFile = u"events.dat";
+constexpr std::u16string_view kSegmentFiles[] = {u"objbt.dat", u"objid.dat", u"objdt.dat", kEventFile};
+
+// The file that says where the chain of segments starts: it goes last, since nothing leads to a segment without it.
+constexpr std::u16string_view kChainFile = u"segments.dat";
+
+constexpr std::size_t kPrefixLength = 9;  // of "%08X_"
 
 // The longest file name that is built, in UTF-16 units.
 constexpr std::size_t kMaxFileName = 260;
@@ -31,6 +40,11 @@ std::u16string NumberPrefix(std::uint32_t nId) {
   std::u16string Prefix;
   for (int nShift = 28; nShift >= 0; nShift -= 4) Prefix += u"0123456789ABCDEF"[(nId >> nShift) & 0xFu];
   return Prefix + u'_';
+}
+
+bool IsEventFile(std::u16string_view Name) {
+  if (Name.size() != kPrefixLength + kEventFile.size() || !Name.ends_with(kEventFile)) return false;
+  return Name[kPrefixLength - 1] == u'_' && Name.find_first_not_of(u"0123456789ABCDEF") == kPrefixLength - 1;
 }
 
 std::u16string FileName(std::u16string_view Name, std::uint32_t nId) {
@@ -135,13 +149,34 @@ ResultCode StorageEnvironment::DeleteFiles(const char16_t* /*pPattern*/, std::ui
   try {
     if (nId != 0) {
       for (const std::u16string_view Name : kSegmentFiles) os::RemoveFile(PathOf(FileName(Name, nId)));
-      return errOK;
+    } else if (DeleteSegments()) {
+      os::RemovePlainFiles(m_Folder, kChainFile);
     }
-    os::RemovePlainFiles(m_Folder);
   } catch (const std::bad_alloc&) {
     // What was not reached stays, like any other file that could not be deleted.
   }
   return errOK;
+}
+
+// Deletes the folder's segments from the newest on, each from its events on, so that what an interruption leaves is the
+// beginning of the chain, whole. One whose events cannot be deleted keeps its other files; false when there is one.
+bool StorageEnvironment::DeleteSegments() {
+  std::vector<std::u16string> Names;
+  if (os::ListPlainFiles(m_Folder, &Names) != os::kSuccess) return false;
+  std::erase_if(Names, [](const std::u16string& Name) { return !IsEventFile(Name); });
+  std::sort(Names.begin(), Names.end(), std::greater<>());
+  bool bAll = true;
+  for (const std::u16string& Name : Names) {
+    if (os::RemoveFile(PathOf(Name)) != os::kSuccess) {
+      bAll = false;
+      continue;
+    }
+    const std::u16string Number = Name.substr(0, kPrefixLength);
+    for (const std::u16string_view Other : kSegmentFiles) {
+      if (Other != kEventFile) os::RemoveFile(PathOf(Number + std::u16string(Other)));
+    }
+  }
+  return bAll;
 }
 
 void* StorageEnvironment::Alloc(std::uint32_t nSize) noexcept {

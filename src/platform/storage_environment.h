@@ -50,8 +50,10 @@ class StorageEnvironment {
   ResultCode OpenFile(const char16_t* pName, std::uint32_t nId, bool bCreate, bool bWritable,
                       std::unique_ptr<StorageFile>* ppFile);
 
-  // Id 0: deletes every plain file of the folder; folders and links stay. Otherwise deletes the id's four
-  // segment files. What cannot be deleted stays. Always errOK; the pattern has no influence.
+  // Id 0: deletes every plain file of the folder; folders and links stay. Segments go first, from the newest on, and
+  // "segments.dat" last: interrupted, it leaves a chain without its end. While the events of a segment cannot be
+  // deleted, the segment and what leads to it stay. Otherwise deletes the id's four segment files. What cannot be
+  // deleted stays. Always errOK; the pattern has no influence.
   ResultCode DeleteFiles(const char16_t* pPattern, std::uint32_t nId) noexcept;
 
   // Zero-filled memory, or null; given back with Free.
@@ -77,6 +79,7 @@ class StorageEnvironment {
 
  private:
   std::u16string PathOf(std::u16string_view FileName) const;
+  bool DeleteSegments();
 
   StorageOwner* m_pOwner = nullptr;
   std::u16string m_Folder;          // as passed to Init; empty until then

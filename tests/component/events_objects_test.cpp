@@ -61,6 +61,14 @@ TEST_F(EventsObjectsTest, GivesTheParentsOfTheirObjects) {
   EXPECT_TRUE(AllocationFailed());
 }
 
+TEST_F(EventsObjectsTest, RefuseAParentOfAnotherDatabase) {
+  const std::uint64_t nOther = Find(m_nNamed, u"C:\\Dir", 1, typeFolder);
+  Find(5, u"D:\\unlike");  // so that the id would lead to something here, too
+  TakeTrace();
+  Expect({0u, errOBJECT_NOT_FOUND}, {Find(5, u"file", 1, typeFile, nOther), m_nLast});
+  EXPECT_EQ(Lines{"300 Failed step. Err: errOBJECT_NOT_FOUND (0x800000C5)"}, TakeTrace(300));
+}
+
 TEST_F(EventsObjectsTest, NamesComeBackThroughTheirIds) {
   const std::u16string kPath = u"C:\\Dir\\file.txt";
   std::uint64_t nId = 0;

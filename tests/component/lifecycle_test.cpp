@@ -61,8 +61,13 @@ TEST_F(LifecycleTest, SharesOneObjectStoreInTheProcess) {
   EXPECT_FALSE(Exists("second/g_objbt.dat"));
   const std::uint64_t nId = Find(0, u"C:\\shared");
   std::uint64_t nSame = 0;
+  std::uint32_t nType = 0;
   EXPECT_CODE(errOK, Second.Call(&Ops::FindObjectSimple, 0, typeFile, u"C:\\SHARED", kZeroTerminated, 0, 0, &nSame));
   EXPECT_EQ(nId, nSame);
+  host::Store Uncounted = m_Host->Create();  // not initialised: the shared store could go while it uses it
+  Expect({errOK, errOK, errOBJECT_NOT_FOUND},
+         {Uncounted.SetReportFolder(WideFolder() + u"/third"), Uncounted.Call(&Ops::InitDB, 1, 16),
+          Uncounted.Call(&Ops::GetObjectName, WithDatabase(1, 1), nullptr, 0, nullptr, 0, &nType)});
   m_Store = host::Store();  // the store stays open for the second
   EXPECT_CODE(errOK, Second.Call(&Ops::FindObjectSimple, 0, typeFile, u"C:\\after", kZeroTerminated, 1, 0, &nSame));
   File Held;
@@ -103,6 +108,21 @@ TEST_F(LifecycleTest, MarksDamageForGood) {
   Expect({errOK, 0u, u"", errDATA_CORRUPTED, 1u}, {OpenPatched("g_objdt.dat", nLast, Damage, 1), Number(propCORRUPTED),
                                                    NameOf(nId), m_nLast, Number(propCORRUPTED)});
   Expect({errOK, 1u}, {OpenPatched("g_objdt.dat", 0, Sound, 1), Number(propCORRUPTED)});
+}
+
+TEST_F(LifecycleTest, SavesAMarkThatCouldNotBeSavedAtTheNextFlush) {
+  OpenFresh(1);
+  const std::uint64_t nId = Find(0, u"C:\\damaged");
+  const std::size_t nLast = FileSize("g_objdt.dat") - 1;
+  Find(0, u"C:\\newer\\newest");
+  const auto IsMarked = [this] {
+    return ReadText("g_db_id.dat").find("Ver 1.0 Corrupted") != std::string::npos;
+  };
+  ASSERT_CODE(errOK, OpenPatched("g_objdt.dat", nLast, {0}, 1));
+  FailCalls(SystemCall::Open, os::kIoDevice);
+  Expect({u"", errDATA_CORRUPTED, false}, {NameOf(nId), m_nLast, IsMarked()});
+  m_Host->SendFlush();
+  EXPECT_TRUE(IsMarked());
 }
 
 // The tree of the shared objects is lost: everything is found under its old id, whatever the newest objects look like.

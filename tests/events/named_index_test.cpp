@@ -51,6 +51,26 @@ TEST_F(NamedIndexTest, StartsAnewWhereItIsMissingOrDamaged) {
   }
 }
 
+TEST_F(NamedIndexTest, KeepsWhatItCannotReadForAMoment) {
+  const std::string kIndex = m_Signature + Block("kept");
+  WriteFile("g_db_id.dat", FromHex(kIndex));
+  WriteFile("id.log", {0, 0, 0, 50});
+  const std::pair<SystemCall, std::uint64_t> kFaults[] = {
+      {SystemCall::Open, 0}, {SystemCall::Read, 0}, {SystemCall::Read, 1}};
+  for (const auto& [Failing, nSkip] : kFaults) {
+    FailCalls(Failing, os::kIoDevice, nSkip);
+    EXPECT_EQ(Name(errUNSPECIFIED), std::get<std::string>(Load()));
+    EXPECT_EQ(kIndex, ToHex(ReadFile("g_db_id.dat")));
+    EXPECT_EQ(1u, TakeTrace().size());  // why; and nothing of a new one
+    FailCalls(Failing, os::kIoDevice);
+    ValidateDatabaseId(WideFolder(), u"id.log", 49);
+    EXPECT_EQ("00000032", ToHex(ReadFile("id.log")));
+    TakeTrace();
+  }
+  ResetSystem();
+  EXPECT_EQ((Loaded{Name(errOK), {"kept"}, false}), Load());
+}
+
 TEST_F(NamedIndexTest, AppendsNamesInOrderOrSaysWhyNot) {
   const std::string kLong(63, 'x');
   WriteFile("g_db_id.dat", FromHex(m_Signature));
@@ -83,9 +103,6 @@ TEST_F(NamedIndexTest, AppendsNamesInOrderOrSaysWhyNot) {
                    "500 TryLoadPersistentIndexes: successful, 2 items read, DB Corrupted",
                    "300 SavePersistentIndex(2): File Create failed, ulo result = 2147549444",
                    "400 TryLoadPersistentIndexes: failed to open file, ulo res = 2147549444",
-                   "400 LoadPersistentIndexes: file is absent or invalid, creating new one..",
-                   "300 TryCreatePersistentIndexesFile: failed to open file, ulo res = 2147549444",
-                   "300 LoadPersistentIndexes: failed to create index file",
                    "300 SaveCorruptedFlag: failed to open file, ulo res = 2147549444"}),
             TakeTrace());
   std::uint32_t nPosition = 0;

@@ -1,4 +1,5 @@
 // The segment manager: the chain of segments, its limits, reading across it, and damage to its header.
+#include <functional>
 #include <numeric>
 
 #include "events/lmb_smgr.h"
@@ -207,6 +208,72 @@ TEST_F(SegmentManagerTest, GoesOnWhenASegmentCannotBeStarted) {
   EXPECT_EQ((Totals{1, 1}), Held());
   m_pManager->SetSegmentMaxEvents(1);
   EXPECT_CODE(errOUT_OF_SPACE, m_pManager->CheckLimits(false));
+}
+
+// A header that could not be written leads to a segment that is gone, until it is written again.
+TEST_F(SegmentManagerTest, WritesAHeaderThatIsBehindAtTheNextOccasion) {
+  Fill(10, 55);
+  const std::function<void()> kOccasions[] = {[&] { Add(1); },
+                                              [&] { EXPECT_CODE(errOK, m_pManager->CheckLimits(false)); },
+                                              [&] { EXPECT_CODE(errOK, m_pManager->Flush()); },
+                                              [&] {
+                                                m_pManager.reset();
+                                              }};
+  std::string Digit = "2";
+  for (const auto& Occasion : kOccasions) {
+    FailCalls(SystemCall::WriteAt, os::kDiskFull);
+    EXPECT_CODE(errWRITE_FAILED, m_pManager->DeleteOldestSegment()) << Digit;
+    EXPECT_FALSE(Exists(("0000000" + std::to_string(Digit[0] - '1') + "_events.dat").c_str())) << Digit;
+    Occasion();
+    EXPECT_EQ("534442480" + Digit + "00000004000000", ToHex(ReadFile("segments.dat")));
+    ++Digit[0];
+  }
+}
+
+TEST_F(SegmentManagerTest, StartsBehindAnOldestSegmentThatHasLostAFile) {
+  Fill(10, 35);
+  m_pManager.reset();
+  for (const char* const pName : {"00000001_objid.dat", "00000002_objdt.dat"})
+    std::filesystem::remove(Folder() / pName);
+  Restart();
+  Get(10, 0, 1, errOPEN_FAILED);  // the second is discarded, and the first leads the chain
+  EXPECT_EQ("534442480100000004000000", ToHex(ReadFile("segments.dat")));
+  Get(0, 0, 1, errOPEN_FAILED);
+  EXPECT_EQ("534442480300000004000000", ToHex(ReadFile("segments.dat")));
+  Restart();
+  EXPECT_EQ(From(21, 15), Get(0, 0, 15));
+}
+
+TEST_F(SegmentManagerTest, StaysOpenOnWhatCouldNotBeCleared) {
+  Fill(10, 35);
+  FailCalls(SystemCall::Remove, os::kAccessDenied, 0, UINT64_MAX);
+  EXPECT_CODE(errACCESS_DENIED, m_pManager->Clear());
+  EXPECT_EQ(From(1, 35), Get(0, 0, 35));
+  FailCalls(SystemCall::Remove, os::kAccessDenied, 4);  // behind the files of the last segment
+  EXPECT_CODE(errACCESS_DENIED, m_pManager->Clear());
+  EXPECT_EQ(From(21, 10), Get(0, 0, 10));
+  EXPECT_EQ(MakeObjectId(4, 0), Add(1));
+}
+
+TEST_F(SegmentManagerTest, TakesTheNumberOfAnUnfinishedSegmentAgain) {
+  WriteFile("00000005_events.dat", FromHex("504c44420c00000004000000"));
+  Restart("segments.dat", "534442480500000004000000");
+  EXPECT_EQ(MakeObjectId(5, 0), Add(1));
+  // One that holds a name is not thrown away for the next.
+  WriteFile("00000006_events.dat", FromHex("504c44420c00000004000000"));
+  Restart("00000006_objid.dat", ("504c44420c0000001d000000" + std::string(58, '1')).c_str());
+  EXPECT_EQ((Totals{2, 1}), Held());
+}
+
+// 20 events that are gone must not let a limit of 60 drop 40 that are there.
+TEST_F(SegmentManagerTest, CountsOnWithWhatIsLeftOfASegment) {
+  Fill(20, 60);
+  m_pManager.reset();
+  Patch("00000003_events.dat", 0, {'X'});
+  Restart();
+  EXPECT_EQ((Totals{3, 60}), Held());
+  Add(1);
+  EXPECT_EQ((Totals{3, 41}), Held());
 }
 
 }  // namespace

@@ -56,7 +56,7 @@ TEST_F(SegmentTest, LosesItsEventsToAForeignHeaderAndAllToANewSegment) {
   EXPECT_EQ(0u, Find(77, u"name", findOnly));
 }
 
-TEST_F(SegmentTest, FailsToOpenOnceForAll) {
+TEST_F(SegmentTest, FailsToOpenOnceForAllForReasonsOfItsOwn) {
   const auto ExpectFailure = [&](const std::string& Code, bool bKept) {
     ASSERT_CODE(errOK, Start(Segment::Files::Existing));
     for (const std::uint32_t nValue : {2u, 3u}) EXPECT_CODE(errOPEN_FAILED, Add(nValue)) << Code << nValue;
@@ -65,10 +65,6 @@ TEST_F(SegmentTest, FailsToOpenOnceForAll) {
   };
   FailCalls(SystemCall::Open, os::kAccessDenied);
   ExpectFailure("errACCESS_DENIED (0x80000045)", true);
-  FailCalls(SystemCall::Look, os::kIoDevice, 1);  // behind the look of the start: the creation time of the open file
-  ExpectFailure("errREAD_FAILED (0x800000CA)", true);
-  FailCalls(SystemCall::Open, os::kSharingViolation, 2);  // as while a program copies it
-  ExpectFailure("errSHARING_VIOLATION (0x80010104)", true);
   // A segment whose store is no store is gone with everything.
   std::filesystem::remove(Folder() / "00000003_objid.dat");
   ExpectFailure("errPARAMETER_INVALID (0x80000046)", false);
@@ -78,13 +74,19 @@ TEST_F(SegmentTest, FailsToOpenOnceForAll) {
             (std::pair{EventCount().second, m_pSegment->GetDataSize()}));
 }
 
-// ... but not because the process has run out of descriptors or memory: that says nothing about the files.
-TEST_F(SegmentTest, OutlivesAShortage) {
-  for (std::uint64_t nSkip = 0; nSkip < 4; ++nSkip) {
-    ASSERT_CODE(errOK, Start(Segment::Files::Existing));
-    FailCalls(SystemCall::Open, os::kTooManyOpenFiles, nSkip);
-    EXPECT_CODE(errOPEN_FAILED, Add(2)) << nSkip;
-  }
+// ... but not because a call failed, or the process has run out of something: that says nothing about the files.
+TEST_F(SegmentTest, OpensOnceAPassingFailureHasPassed) {
+  const auto FailsOnce = [&](const char* pWhat, SystemCall Call, os::SystemError nError, std::uint64_t nSkip) {
+    ASSERT_CODE(errOK, Start(Segment::Files::Existing)) << pWhat;
+    FailCalls(Call, nError, nSkip);
+    EXPECT_CODE(errOPEN_FAILED, Add(2)) << pWhat;
+    EXPECT_CODE(errOK, Add(3)) << pWhat;
+  };
+  for (std::uint64_t nFile = 0; nFile < 4; ++nFile)
+    FailsOnce("no descriptor", SystemCall::Open, os::kTooManyOpenFiles, nFile);
+  FailsOnce("a program copies the file", SystemCall::Open, os::kSharingViolation, 2);
+  FailsOnce("creation time of the open file", SystemCall::Look, os::kIoDevice, 0);
+  FailsOnce("header of the events", SystemCall::ReadAt, os::kIoDevice, 0);
   bool bFailed = true;
   for (std::uint64_t nSkip = 0; bFailed; ++nSkip) {
     ASSERT_CODE(errOK, Start(Segment::Files::Existing));
@@ -93,7 +95,13 @@ TEST_F(SegmentTest, OutlivesAShortage) {
     bFailed = AllocationFailed();
     EXPECT_CODE(bFailed ? errOPEN_FAILED : errOK, nCode) << nSkip;
   }
-  EXPECT_EQ((Answer{2, Name(errOK)}), EventCount());
+  EXPECT_EQ((Answer{9, Name(errOK)}), EventCount());
+}
+
+TEST_F(SegmentTest, LeavesNothingOfANewSegmentWhoseFileIsRefused) {
+  FailCalls(SystemCall::Open, os::kSharingViolation, 3);
+  EXPECT_CODE(errOPEN_FAILED, Start(Segment::Files::New));
+  for (const char* const pFile : kFiles) EXPECT_FALSE(std::filesystem::exists(Folder() / pFile)) << pFile;
 }
 
 }  // namespace

@@ -89,6 +89,15 @@ bool Matches(std::string_view Pattern, std::string_view Name) {
   return Name.empty();
 }
 
+// The names of the entries that are neither folders nor links.
+SystemError PlainFilesOf(const std::string& Folder, std::vector<std::string>* pNames) {
+  return ForEachEntry(Folder, [pNames](const dirent& Entry, int nFolder) {
+    struct stat Status {};
+    if (fstatat(nFolder, Entry.d_name, &Status, AT_SYMLINK_NOFOLLOW) != 0) return;
+    if (!S_ISDIR(Status.st_mode) && !S_ISLNK(Status.st_mode)) pNames->emplace_back(Entry.d_name);
+  });
+}
+
 // What a search tells about one entry; nothing when the entry is gone.
 std::optional<FoundFile> Look(const std::string& Folder, const std::string& Name) {
   struct statx Status {};
@@ -182,14 +191,18 @@ SystemError FindFiles(std::u16string_view PathPattern, const std::function<bool(
   return bFound ? kSuccess : kFileNotFound;
 }
 
-SystemError RemovePlainFiles(std::u16string_view Folder) {
+SystemError ListPlainFiles(std::u16string_view Folder, std::vector<std::u16string>* pNames) {
+  std::vector<std::string> Names;
+  const SystemError nError = PlainFilesOf(NativePath(Folder), &Names);
+  for (const std::string& Name : Names) pNames->push_back(WideName(Name));
+  return nError;
+}
+
+SystemError RemovePlainFiles(std::u16string_view Folder, std::u16string_view LastName) {
   const std::string Native = NativePath(Folder);
   std::vector<std::string> Names;  // first all of them: what a listing shows while its entries go is not settled
-  const SystemError nError = ForEachEntry(Native, [&Names](const dirent& Entry, int nFolder) {
-    struct stat Status {};
-    if (fstatat(nFolder, Entry.d_name, &Status, AT_SYMLINK_NOFOLLOW) != 0) return;
-    if (!S_ISDIR(Status.st_mode) && !S_ISLNK(Status.st_mode)) Names.emplace_back(Entry.d_name);
-  });
+  const SystemError nError = PlainFilesOf(Native, &Names);
+  std::partition(Names.begin(), Names.end(), [&](const std::string& Name) { return WideName(Name) != LastName; });
   for (const std::string& Name : Names) unlink((Native + '/' + Name).c_str());
   return nError;
 }

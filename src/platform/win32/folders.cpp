@@ -146,7 +146,7 @@ SystemError FindFiles(std::u16string_view PathPattern, const std::function<bool(
   return kSuccess;
 }
 
-SystemError RemovePlainFiles(std::u16string_view Folder) {
+SystemError ListPlainFiles(std::u16string_view Folder, std::vector<std::u16string>* pNames) {
   std::u16string Path(Folder);
   if (!IsSeparator(Path.back())) Path += u'\\';
   const std::u16string Pattern = NativePath(Path + u'*');
@@ -155,10 +155,20 @@ SystemError RemovePlainFiles(std::u16string_view Folder) {
   if (!Listing.Found()) return LastError();
   do {
     constexpr DWORD kNotPlain = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
-    if ((Found.dwFileAttributes & kNotPlain) == 0) RemoveFile(Path + Utf16(Found.cFileName));
+    if ((Found.dwFileAttributes & kNotPlain) == 0) pNames->emplace_back(Utf16(Found.cFileName));
   } while (Listing.Next(&Found));
   const SystemError nError = LastError();
   return nError == ERROR_NO_MORE_FILES ? kSuccess : nError;
+}
+
+SystemError RemovePlainFiles(std::u16string_view Folder, std::u16string_view LastName) {
+  std::vector<std::u16string> Names;
+  const SystemError nError = ListPlainFiles(Folder, &Names);
+  std::partition(Names.begin(), Names.end(), [&](const std::u16string& Name) { return Name != LastName; });
+  std::u16string Path(Folder);
+  if (!IsSeparator(Path.back())) Path += u'\\';
+  for (const std::u16string& Name : Names) RemoveFile(Path + Name);
+  return nError;
 }
 
 }  // namespace lumbra::os
