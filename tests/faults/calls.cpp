@@ -16,31 +16,36 @@ constexpr std::uint64_t kStepsOfAFault = 3;  // those that a fault for good last
 
 enum class Failing { Nothing, Call, Allocation };
 
-// The case's number: checked or not, once or for good, and which call.
+// The case's number: checked or not, once or for good, and which call, from which follows why it fails.
 struct Disturbance {
   explicit Disturbance(std::uint64_t nCase)
-      : bChecked(nCase % 2 != 0), bForGood(nCase / 2 % 2 != 0), nSkip(nCase / 4) {}
+      : bChecked(nCase % 2 != 0),
+        bForGood(nCase / 2 % 2 != 0),
+        nSkip(nCase / 4),
+        Cause(static_cast<FaultCause>(nSkip % 3)) {}
   void Begin(Failing What) const {
     const std::uint64_t nTimes = bForGood ? UINT64_MAX : 1;
-    if (What == Failing::Call) FailAnyCalls(nSkip, nTimes, nSkip);
+    if (What == Failing::Call) FailAnyCalls(Cause, nSkip, nTimes);
     if (What == Failing::Allocation) FailAllocation(nSkip, nTimes);
   }
   bool bChecked;
   bool bForGood;
   std::uint64_t nSkip;
+  FaultCause Cause;
 };
 
 void EndFaults() {
-  FailAnyCalls(0, 0, 0);
+  FailAnyCalls(FaultCause::Device, 0, 0);
   AllocationFailed();
 }
 
 void WorkUnder(Failing What, const Disturbance& How, Driver* pDriver) {
   How.Begin(What);
-  const auto GoOn = [pDriver] {
+  const auto GoOn = [&] {
     EndFaults();
+    if (How.Cause == FaultCause::Denied) pDriver->Close();  // a right that was refused is not asked for again
     if (!pDriver->Open()) Found("it does not open when the fault is gone");
-    if (!pDriver->AddToEach()) Found("an add fails when the fault is gone");
+    pDriver->AddToEach("when the fault is gone");
   };
   pDriver->Open();
   std::uint64_t nUnderFault = 0;
@@ -65,7 +70,7 @@ std::uint64_t Disturb(const Choice& Which, Failing What, std::uint64_t nCase) {
   if (!Work.Open()) Found("it does not open again");
   Work.Verify(Driver::End::Whole, Lookups);
   if (Work.IsMarkedCorrupted()) Found("it is marked corrupted");
-  if (!Work.AddToEach()) Found("an add fails after a new start");
+  Work.AddToEach("after a new start");
   return What == Failing::Nothing ? nAll : nFaults;
 }
 

@@ -135,22 +135,19 @@ void OrderWatch::Apply(const DiskChange& Change) {
   const std::string Folder = FolderOf(Change.Path);
   const std::string File = fs::path(Change.Path).filename().string();
   const bool bHeader = File == "segments.dat";
-  if (const auto Debt = m_Owed.find(Folder); Debt != m_Owed.end()) {
-    const bool bPaid = bHeader && Change.What == Debt->second.What;
-    const bool bDue = m_nOperation == kAddOrLimit || m_nOperation == kFlush;
-    if (bDue && !bPaid && m_nOperations > Debt->second.nSince) Found("before the header that is owed: " + Change.Path);
-    if (bPaid || m_nOperation == kClear || bDue) m_Owed.erase(Debt);
+  if (const auto Owed = m_Owed.find(Folder); Owed != m_Owed.end()) {
+    const bool bPaid = bHeader && Change.What == DiskChange::Write;
+    const bool bDue = Owed->second != m_nOperations && (m_nOperation == kAddOrLimit || m_nOperation == kFlush);
+    if (bDue && !bPaid) Found("before the header that is owed: " + Change.Path);
+    if (bPaid || bDue || m_nOperation == kClear) m_Owed.erase(Owed);
   }
   if (Change.What == DiskChange::Remove) CheckRemoval(Folder, File);
   m_Disk.Apply(Change);
-  if (bHeader && Change.What == DiskChange::Sync) m_SyncWaived.erase(Folder);
   if ((bHeader && Change.What == DiskChange::Write) || Change.What == DiskChange::Remove) CheckFirst(Folder);
 }
 
 void OrderWatch::ApplyFailed(const DiskChange& Change) {
-  const std::string Folder = FolderOf(Change.Path);
-  m_Owed[Folder] = {Change.What, m_nOperations};
-  if (Change.What == DiskChange::Sync) m_SyncWaived[Folder] = true;
+  (Change.What == DiskChange::Sync ? m_Unsynced : m_Owed)[FolderOf(Change.Path)] = m_nOperations;
 }
 
 void OrderWatch::CheckRemoval(const std::string& Folder, const std::string& File) {
@@ -164,19 +161,22 @@ void OrderWatch::CheckRemoval(const std::string& Folder, const std::string& File
     m_LastCleared = File;
     return;
   }
-  if (!bOfSegment) return;
+  const auto Unsynced = m_Unsynced.find(Folder);
+  const bool bGoesOn = Unsynced != m_Unsynced.end() && Unsynced->second == m_nOperations;
+  if (!bOfSegment || m_Owed.contains(Folder) || bGoesOn) return;
   const auto nSegment = static_cast<std::uint32_t>(std::stoul(File.substr(0, 8), nullptr, 16));
   constexpr std::size_t kHeaderSize = 12;
   const std::optional<std::string> Events = m_Disk.Now(EventsOf(Folder, nSegment));
   if (!Events || Events->size() <= kHeaderSize) return;  // what is left of one that never had an event
   const std::string Header = Folder + "/segments.dat";
-  const bool bLeftOut = FirstOf(m_SyncWaived.contains(Folder) ? m_Disk.Now(Header) : m_Disk.Synced(Header)) > nSegment;
-  if (!bLeftOut) Found("removed before its header is on the disk: " + Folder + '/' + File);
+  if (FirstOf(m_Disk.Synced(Header)) <= nSegment)
+    Found("removed before its header is on the disk: " + Folder + '/' + File);
 }
 
 void OrderWatch::CheckFirst(const std::string& Folder) const {
   const std::uint32_t nFirst = FirstOf(m_Disk.Now(Folder + "/segments.dat"));
-  if (m_nOperation == kClear || nFirst == 0 || m_Disk.Now(EventsOf(Folder, nFirst))) return;
+  if (m_nOperation == kClear || m_Owed.contains(Folder)) return;
+  if (nFirst == 0 || m_Disk.Now(EventsOf(Folder, nFirst))) return;
   Found("the header names a segment that is not there: " + EventsOf(Folder, nFirst));
 }
 

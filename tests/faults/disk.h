@@ -52,7 +52,8 @@ class Disk {
 // - "segments.dat" names no segment whose events are not there;
 // - no file of a segment goes before the header that leaves it out is on the disk for good, but when its database is
 //   cleared: then the highest numbers go first and "segments.dat" goes last;
-// - the next add, limit or flush after a header that could not be written, or not be synced, does that first.
+// - the next add, limit or flush after a header that could not be written does that first; after one that could not be
+//   synced, that one operation goes on.
 class OrderWatch {
  public:
   void Apply(const Fact& Of);
@@ -69,12 +70,9 @@ class OrderWatch {
   std::uint32_t m_nOperation = kOther;
   std::uint64_t m_nOperations = 0;
   std::string m_LastCleared;  // the last file that this clear has removed, by folder and name
-  struct Owed {
-    DiskChange::Kind What;
-    std::uint64_t nSince;  // the operation in which it failed
-  };
-  std::map<std::string, Owed> m_Owed;  // by folder
-  std::map<std::string, bool> m_SyncWaived;
+  // By folder, the operation in which a header could not be written, and not be synced.
+  std::map<std::string, std::uint64_t> m_Owed;
+  std::map<std::string, std::uint64_t> m_Unsynced;
 };
 
 }  // namespace lumbra::test

@@ -46,8 +46,8 @@ class Driver {
   // One operation, which the seed and the number decide; sometimes a flush, or the end of the store and a new start.
   void Step(std::uint64_t nStep);
   bool Flush();
-  // Creates a name and adds an event in each database, and a shared name; false when one failed.
-  bool AddToEach();
+  // Creates a name and adds an event in each database, and a shared name. A failure is told as a finding.
+  void AddToEach(const char* pWhen);
 
   // Compares the store with the record. Whole: everything is there; Power: the disk may have lost some of what no flush
   // covered; Damage: anything may be lost, and only what is delivered counts. Lookups that may fail are those in a tree
@@ -103,7 +103,8 @@ class Driver {
   std::vector<Database> m_Databases;
   Random m_Random;
   std::uint64_t m_nSerial;
-  bool m_bFlushedIdsOnly = false;
+  End m_Compared = End::Whole;  // as what it was compared last: it decides which ids may come back
+  std::string m_LastFailure;  // of finding or adding
 };
 
 }  // namespace lumbra::test

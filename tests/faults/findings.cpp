@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 extern "C" void __sanitizer_set_death_callback(void (*pCallback)()) __attribute__((weak));
@@ -48,6 +49,11 @@ void Found(const std::string& What) {
     return;
   }
   ++g_nFindings;
+  if (getenv("KEEP")) {
+    if (system("rm -rf /tmp/keep; cp -r $TMPDIR/lumbra-faults-*/moment /tmp/keep")) {
+    }
+    unsetenv("KEEP");
+  }
   std::printf("FOUND %s: %s\n", g_Case, What.c_str());
   std::fflush(stdout);
 }

@@ -67,7 +67,7 @@ void RunBits(const Choice& Which) {
     Driver Next({Folder, true, Which.nSeed + kOtherSerials}, Known);
     if (!Next.Open(Driver::Limits::No)) continue;
     Next.Verify(Driver::End::Damage, Driver::Lookups::MayFail);
-    Next.AddToEach();
+    Next.AddToEach("");
   }
   std::printf("bits: %zu of %llu\n", Cases.size(), static_cast<unsigned long long>(nBits));
 }
@@ -94,7 +94,7 @@ void RunThreads(const Choice& Which) {
       Threads.emplace_back([&, i] {
         for (std::uint64_t nStep = 0; nStep < nSteps && !bAgain; ++nStep) Drivers[i]->Step(nStep);
         Drivers[i]->Verify(Driver::End::Whole, Driver::Lookups::MustSucceed);
-        if (!Drivers[i]->AddToEach()) Found("an add fails");
+        Drivers[i]->AddToEach("at the end");
         Known[i] = Drivers[i]->Known();
       });
     }
@@ -168,7 +168,7 @@ void RunKills(const Choice& Which) {
       Driver Next({Folder, bChecked, Which.nSeed + nRound * kOtherSerials + kOtherSerials / 2}, Known);
       if (!Next.Open(Driver::Limits::No)) Found("it does not open");
       Next.Verify(Driver::End::Whole, bChecked ? Driver::Lookups::MayFail : Driver::Lookups::MustSucceed);
-      if (!Next.AddToEach()) Found("an add fails");
+      Next.AddToEach("after a new start");
       Known = Next.Known();
     }
   }

@@ -1,5 +1,6 @@
 #include "support/system_calls.h"
 
+#include <algorithm>
 #include <atomic>
 #include <initializer_list>
 
@@ -24,32 +25,22 @@ std::atomic<std::uint64_t> g_nFailAllocations{0};  // how many are still to fail
 std::atomic<std::uintptr_t> g_nFailingThread{0};   // and not thread_local, for which some systems allocate
 
 std::atomic<bool> g_bPaused{false};
-Gauge g_Any;  // of all kinds of calls; nNative is what picks the error
+Gauge g_Any;  // of all kinds of calls; nNative is the cause
 std::atomic<std::uint64_t> g_nFaults{0};
 
-// The errors that a call of a kind meets in practice.
-int NativeErrorFor(SystemCall Call, std::uint64_t nChoice) {
-  using Errors = std::initializer_list<os::SystemError>;
-  const auto Pick = [nChoice](Errors From) {
-    return NativeError(From.begin()[nChoice % From.size()]);
+// The error of a cause, where a call of the kind can meet it; otherwise that of a device.
+int NativeErrorFor(SystemCall Call, FaultCause Cause) {
+  using enum SystemCall;
+  const auto IsAmong = [Call](std::initializer_list<SystemCall> Calls) {
+    return std::ranges::find(Calls, Call) != Calls.end();
   };
-  switch (Call) {
-    case SystemCall::Open:
-    case SystemCall::OpenFolder:
-      return Pick({os::kTooManyOpenFiles, os::kAccessDenied, os::kIoDevice});
-    case SystemCall::Write:
-    case SystemCall::WriteAt:
-    case SystemCall::SetSize:
-    case SystemCall::Sync:
-      return Pick({os::kDiskFull, os::kIoDevice});
-    case SystemCall::MakeFolder:
-      return Pick({os::kDiskFull, os::kAccessDenied});
-    case SystemCall::Look:
-    case SystemCall::Remove:
-      return Pick({os::kAccessDenied, os::kIoDevice});
-    default:
-      return NativeError(os::kIoDevice);
-  }
+  const bool bOpens = IsAmong({Open, OpenFolder});
+  if (Cause == FaultCause::Shortage && bOpens) return NativeError(os::kTooManyOpenFiles);
+  if (Cause == FaultCause::Shortage && IsAmong({Write, WriteAt, SetSize, MakeFolder}))
+    return NativeError(os::kDiskFull);
+  if (Cause == FaultCause::Denied && (bOpens || IsAmong({Look, Remove, MakeFolder})))
+    return NativeError(os::kAccessDenied);
+  return NativeError(os::kIoDevice);
 }
 
 bool IsNext(Gauge& Counted) {
@@ -70,7 +61,8 @@ int CountCall(SystemCall Call) {
   const bool bOfItsKind = IsNext(GaugeOf(Call));
   if (!bAny && !bOfItsKind) return 0;
   ++g_nFaults;
-  return bOfItsKind ? GaugeOf(Call).nNative.load() : NativeErrorFor(Call, static_cast<std::uint64_t>(g_Any.nNative));
+  return bOfItsKind ? GaugeOf(Call).nNative.load()
+                    : NativeErrorFor(Call, static_cast<FaultCause>(g_Any.nNative.load()));
 }
 
 void ForgetCall(SystemCall Call) {
@@ -132,8 +124,8 @@ void FailCallsNatively(SystemCall Call, int nNative, std::uint64_t nSkip, std::u
   One.nFailFrom = One.nCalls + nSkip;
 }
 
-void FailAnyCalls(std::uint64_t nSkip, std::uint64_t nTimes, std::uint64_t nChoice) {
-  g_Any.nNative = static_cast<int>(nChoice % 1000);
+void FailAnyCalls(FaultCause Cause, std::uint64_t nSkip, std::uint64_t nTimes) {
+  g_Any.nNative = static_cast<int>(Cause);
   g_Any.nFailTimes = nTimes;
   g_Any.nFailFrom = g_Any.nCalls + nSkip;
 }

@@ -51,9 +51,10 @@ std::uint64_t AllCalls();
 void FailCalls(SystemCall Call, os::SystemError nError, std::uint64_t nSkip = 0, std::uint64_t nTimes = 1);
 void FailCallsNatively(SystemCall Call, int nNative, std::uint64_t nSkip = 0, std::uint64_t nTimes = 1);
 
-// Lets nSkip calls of all kinds pass and makes the next nTimes of them fail, each with an error that fits its kind;
-// nChoice picks among those.
-void FailAnyCalls(std::uint64_t nSkip, std::uint64_t nTimes, std::uint64_t nChoice);
+// Lets nSkip calls of all kinds pass and makes the next nTimes of them fail, each with the error that the cause has for
+// its kind: a device that fails, no room or no descriptors, or no right.
+enum class FaultCause { Device, Shortage, Denied };
+void FailAnyCalls(FaultCause Cause, std::uint64_t nSkip, std::uint64_t nTimes);
 std::uint64_t FaultsMade();  // calls and allocations that were made to fail since the last reset
 
 // While they are paused, calls and allocations are neither counted nor made to fail, and no change is told.

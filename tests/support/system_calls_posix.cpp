@@ -54,8 +54,9 @@ std::string PathOf(int nDescriptor) {
 
 // A name that has come or gone.
 void TellName(DiskChange::Kind What, const char* pPath) {
+  if (!Watched()) return;
   DiskChange Change{What, pPath};
-  if (Watched()) g_Watch(Change);
+  g_Watch(Change);
 }
 
 bool IsFolder(int nDescriptor) {
