@@ -293,9 +293,17 @@ ResultCode Lumbra::CheckLimits() {
     if (Search.Offer(m_Slots[nDatabase].Manager)) nChosen = nDatabase;
   }
   if (nChosen == 0) return CheckLimitsNamed();
+  if (!IsOverGlobalLimit()) return errOK;
   Trace(&Handle, traceRoutine, "lmb\tCheckLimits: going to delete a segment (%X,%I64X,%I64X)", nChosen, m_nSizeTotal,
         m_nGlobalSizeLimit);
   return DropOldestSegment(m_Slots[nChosen].Manager);
+}
+
+// Looks once more before a segment goes: the total does not know of a segment that was found to hold less when a read
+// opened it.
+bool Lumbra::IsOverGlobalLimit() {
+  RecomputeSizeTotal();
+  return m_nSizeTotal >= m_nGlobalSizeLimit;
 }
 
 ResultCode Lumbra::CheckLimitsNamed() {
@@ -306,6 +314,7 @@ ResultCode Lumbra::CheckLimitsNamed() {
     if (Search.Offer(Named->Manager)) Chosen = Named;
   }
   if (Chosen.Get() == nullptr) return errUNSPECIFIED;
+  if (!IsOverGlobalLimit()) return errOK;
   Trace(&Handle, traceRoutine, "lmb\tCheckLimitsNamed: going to delete a segment (%X,%I64X,%I64X)", Chosen->nId,
         m_nSizeTotal, m_nGlobalSizeLimit);
   return DropOldestSegment(Chosen->Manager);
@@ -318,8 +327,12 @@ ResultCode Lumbra::DropOldestSegment(SegmentManager& Manager) {
 
 // Behind an event that was added, whose answer does not depend on it. What fails or throws here is done at the next
 // add.
-void Lumbra::EnforceGlobalLimit() try { (void)CheckLimits(); } catch (...) {
-  FAILED_STEP(ResultFromCurrentException());
+void Lumbra::EnforceGlobalLimit() {
+  try {
+    (void)CheckLimits();
+  } catch (...) {
+    FAILED_STEP(ResultFromCurrentException());
+  }
 }
 
 // ---- Information and clearing -----------------------------------------------------------------------------

@@ -135,7 +135,8 @@ ResultCode Lumbra::LoadIndexAndCheck() {
   if (!bCorrupted) {
     bCorrupted = m_Slots[kSystemDatabase].Manager.Check(StoreChoice::Global) == errDATA_CORRUPTED;
   }
-  m_nCorrupted = bCorrupted ? 1 : 0;
+  // Damage that was met on the way here waits to be marked in the file.
+  m_nCorrupted = bCorrupted || m_bMarkUnsaved ? 1 : 0;
   return errOK;
 }
 
@@ -153,6 +154,7 @@ void Lumbra::RegisterHostName() {
 
 void Lumbra::GiveBack() {
   m_Slots[kSystemDatabase].Manager.TearDown();
+  m_bMarkUnsaved = false;  // the next attempt may be in another folder
   if (std::exchange(m_bUsesSharedObjects, false)) SharedObjects::RemoveUser();
   if (std::exchange(m_bHandlerRegistered, false)) binding::UnregisterFlushHandler(&Handle);
 }

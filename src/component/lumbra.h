@@ -172,6 +172,7 @@ class Lumbra : public HostedInstance {
   void RecomputeSizeTotal();
   ResultCode CheckLimits();
   ResultCode CheckLimitsNamed();
+  bool IsOverGlobalLimit();
   void EnforceGlobalLimit();
   ResultCode DropOldestSegment(SegmentManager& Manager);
 

@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "component/host_binding.h"
+#include "platform/failed_step.h"
 #include "platform/os.h"
 #include "platform/result.h"
 
@@ -42,8 +43,11 @@ ResultCode SharedStore::Open(const char16_t* pFolder, bool bCheckMode, bool bEnv
   pEnvironment->OpenFile(u"g_objdt.dat", 0, true, true, &Files.pData);
   if (Failed(pStore->Open(0, Files, TreeHead::Large))) return errOPEN_FAILED;
   // At once, and not only when the first instance has created its well-known objects: those would be the newest, known
-  // to the tree, and the quick check would not miss the others.
-  return pStore->RefillEmptyTree();
+  // to the tree, and the quick check would not miss the others. A refill that fails is no reason not to start: the
+  // store tries it again before it takes a name for missing.
+  const ResultCode nRefilled = pStore->RefillEmptyTree();
+  if (Failed(nRefilled)) FAILED_STEP(nRefilled);
+  return errOK;
 }
 
 void SharedStore::Close() {

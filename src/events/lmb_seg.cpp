@@ -38,12 +38,13 @@ ResultCode Segment::Init(StorageEnvironment* pEnv, std::uint32_t nEventSize, Fil
 
 bool Segment::IsUnfinished() {
   std::uint64_t nSize = 0;
-  const auto IsMissing = [&](const char16_t* pName) {
-    return m_pEnv->GetFileSize(pName, m_nNumber, &nSize) == errNOT_FOUND;
+  const auto SizeOf = [&](const char16_t* pName) {
+    return m_pEnv->GetFileSize(pName, m_nNumber, &nSize);
   };
-  if (IsMissing(u"objid.dat")) return true;
-  const bool bHoldsRecords = PlainDB::RecordCountOfSize(nSize, sizeof(tODB_ID_ENTRY)) != 0;
-  return !bHoldsRecords && (IsMissing(u"objbt.dat") || IsMissing(u"objdt.dat"));
+  const ResultCode nIds = SizeOf(u"objid.dat");
+  if (nIds == errNOT_FOUND) return true;
+  if (Failed(nIds) || PlainDB::RecordCountOfSize(nSize, sizeof(tODB_ID_ENTRY)) != 0) return false;
+  return SizeOf(u"objbt.dat") == errNOT_FOUND || SizeOf(u"objdt.dat") == errNOT_FOUND;
 }
 
 // ---- Opening ----------------------------------------------------------------------------------------------
@@ -51,17 +52,22 @@ bool Segment::IsUnfinished() {
 ResultCode Segment::Open() {
   if (m_bOpened) return errOK;
   if (m_bFailed) return errOPEN_FAILED;
+  const OpenAttempt Attempt(this);
   ResultCode nCode = OpenEvents();
   if (Succeeded(nCode)) nCode = OpenObjects();
-  if (Failed(nCode)) {
-    m_pObjects.reset();
-    m_pEvents.reset();
-    if (m_bCreate) Discard();  // there is nothing in it yet
-    return nCode;
-  }
+  if (Failed(nCode)) return nCode;
   if (m_pGlobalObjects == nullptr) m_pGlobalObjects = m_pObjects.get();
   m_bOpened = true;
   return errOK;
+}
+
+// Closes what was opened, unless all was: also when something is thrown on the way, as the next attempt would meet our
+// own hold on a file.
+Segment::OpenAttempt::~OpenAttempt() {
+  if (m_pSegment->m_bOpened) return;
+  m_pSegment->m_pObjects.reset();
+  m_pSegment->m_pEvents.reset();
+  if (m_pSegment->m_bCreate) m_pSegment->Discard();  // there is nothing in it yet
 }
 
 ResultCode Segment::OpenEvents() {
@@ -69,8 +75,8 @@ ResultCode Segment::OpenEvents() {
   const ResultCode nCode = m_pEnv->OpenFile(u"events.dat", m_nNumber, m_bCreate, m_bWritable, &pFile);
   if (Failed(nCode)) {
     FAILED_STEP(nCode);
-    if (nCode == errOBJECT_NOT_FOUND) LeaveChain();
-    m_bFailed = m_bFailed || IsAboutTheFile(nCode);
+    m_bFailed = IsAboutTheFile(nCode);
+    if (nCode == errOBJECT_NOT_FOUND && IsGone(u"events.dat")) LeaveChain();
     return nCode;
   }
   if (!pFile->GetCreationTime(&m_nCreationTime)) return FAILED_STEP(errREAD_FAILED);
@@ -87,15 +93,15 @@ ResultCode Segment::OpenObjects() {
   m_pObjects.reset(new (std::nothrow) ObjectDB(m_bCheckMode));
   if (m_pObjects == nullptr) return FAILED_STEP(errOUT_OF_MEMORY);
   ObjectFiles Opened;
-  const ResultCode nRefused = OpenObjectFiles(&Opened);
+  bool bGone = false;
+  const ResultCode nRefused = OpenObjectFiles(&Opened, &bGone);
   const ResultCode nCode = m_pObjects->Open(m_nNumber, Opened, TreeHead::Small);
   if (Succeeded(nCode)) return errOK;
   FAILED_STEP(Failed(nRefused) ? nRefused : nCode);
   m_bFailed = IsAboutTheFile(nRefused);
   // What the system did not let us open or read, because somebody holds it or the process has run out of something,
   // may be good.
-  const bool bFileMissing = Succeeded(nRefused) && nCode == errPARAMETER_INVALID;
-  if (bFileMissing) {
+  if (bGone && Succeeded(nRefused)) {
     Opened = ObjectFiles();
     LeaveChain();
     Discard();
@@ -103,18 +109,28 @@ ResultCode Segment::OpenObjects() {
   return errOPEN_FAILED;
 }
 
-// A file that is missing, or that cannot be opened, is handed on as absent, and the store refuses it. Answers why the
-// system refused one that is there.
-ResultCode Segment::OpenObjectFiles(ObjectFiles* pFiles) {
+// A file that is missing, or that cannot be opened, is handed on as absent, and the store refuses it. *pbGone tells
+// whether one is missing, the answer why the system refused one that may be there.
+ResultCode Segment::OpenObjectFiles(ObjectFiles* pFiles, bool* pbGone) {
   ResultCode nRefused = errOK;
   const auto OpenFile = [&](const char16_t* pName, std::unique_ptr<StorageFile>* ppFile) {
     const ResultCode nOpened = m_pEnv->OpenFile(pName, m_nNumber, m_bCreate, m_bWritable, ppFile);
-    if (Failed(nOpened) && nOpened != errOBJECT_NOT_FOUND) nRefused = nOpened;
+    if (Succeeded(nOpened)) return;
+    const bool bGone = nOpened == errOBJECT_NOT_FOUND && !m_bCreate && IsGone(pName);
+    if (bGone) *pbGone = true;
+    if (!bGone) nRefused = nOpened;
   };
   OpenFile(u"objbt.dat", &pFiles->pTree);
   OpenFile(u"objid.dat", &pFiles->pIds);
   OpenFile(u"objdt.dat", &pFiles->pData);
   return nRefused;
+}
+
+// Whether a file is gone. That is not known while the folder shows nothing at all: then it is the folder that is away.
+bool Segment::IsGone(const char16_t* pName) {
+  std::uint64_t nTime = 0;
+  if (m_pEnv->GetFileCreationTime(pName, m_nNumber, &nTime) != errNOT_FOUND) return false;
+  return Succeeded(m_pEnv->GetFileCreationTime(u"*", 0, &nTime));
 }
 
 // A segment that lacks a file: the chain starts behind it, should it start here.

@@ -51,7 +51,7 @@ class Segment {
   // files, and holds no record.
   bool IsUnfinished();
 
-  // Whether it has lost a file, and is known to the chain alone.
+  // Whether a file of it is missing. The chain keeps its entry until it is dropped.
   bool IsDiscarded() const { return m_bDiscarded; }
   bool IsOpen() const { return m_bOpened; }
 
@@ -90,10 +90,22 @@ class Segment {
   ResultCode EnumObjects();
 
  private:
+  class OpenAttempt {
+   public:
+    explicit OpenAttempt(Segment* pSegment) : m_pSegment(pSegment) {}
+    ~OpenAttempt();
+    OpenAttempt(const OpenAttempt&) = delete;
+    OpenAttempt& operator=(const OpenAttempt&) = delete;
+
+   private:
+    Segment* m_pSegment;
+  };
+
   ObjectStores Stores() const { return {m_pObjects.get(), m_pGlobalObjects, m_nNumber}; }
   ResultCode OpenEvents();
   ResultCode OpenObjects();
-  ResultCode OpenObjectFiles(ObjectFiles* pFiles);
+  ResultCode OpenObjectFiles(ObjectFiles* pFiles, bool* pbGone);
+  bool IsGone(const char16_t* pName);
   void LeaveChain();
   void Discard();
   template <class Operation>

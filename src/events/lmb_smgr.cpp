@@ -110,31 +110,12 @@ bool SegmentManager::LeaveOutUnfinished() {
 ResultCode SegmentManager::Clear() {
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
   const std::lock_guard Hold(m_Lock);
-  const std::uint32_t nFirst = m_Segments.empty() ? m_nNextNumber : m_Segments.front().nNumber;
   TearDown();
   (void)m_pEnv->DeleteFiles(u"*.*", 0);  // answers errOK always
-  if (const std::uint32_t nLeft = FirstNumberLeft(nFirst, m_nNextNumber); nLeft != 0) return OpenWhatIsLeft(nLeft);
-  return Init(m_pEnv, m_Header.nEventSize, m_pGlobalObjects, m_bCheckMode);
-}
-
-// The lowest of some numbers whose events are there, or may be; 0 for none.
-std::uint32_t SegmentManager::FirstNumberLeft(std::uint32_t nFirst, std::uint32_t nEnd) {
-  for (std::uint32_t nNumber = nFirst; nNumber < nEnd; ++nNumber) {
-    std::uint64_t nTime = 0;
-    if (m_pEnv->GetFileCreationTime(u"events.dat", nNumber, &nTime) != errNOT_FOUND) return nNumber;
-  }
-  return 0;
-}
-
-// Opens a database that could not be deleted on the segments that are left, from the first of them on.
-ResultCode SegmentManager::OpenWhatIsLeft(std::uint32_t nFirst) {
-  ResultCode nCode = m_pEnv->OpenFile(u"segments.dat", 0, true, true, &m_pHeaderFile);
-  if (Failed(nCode)) return nCode;
-  m_Header.nFirstSegment = nFirst;
-  nCode = WriteHeader();
-  m_pHeaderFile.reset();
-  if (Succeeded(nCode)) nCode = Init(m_pEnv, m_Header.nEventSize, m_pGlobalObjects, m_bCheckMode);
-  return Failed(nCode) ? nCode : errACCESS_DENIED;
+  std::uint64_t nTime = 0;
+  const bool bAllGone = m_pEnv->GetFileCreationTime(u"????????_events.dat", 0, &nTime) == errNOT_FOUND;
+  const ResultCode nCode = Init(m_pEnv, m_Header.nEventSize, m_pGlobalObjects, m_bCheckMode);
+  return Succeeded(nCode) && !bAllGone ? errACCESS_DENIED : nCode;
 }
 
 void SegmentManager::TearDown() {
@@ -199,7 +180,7 @@ ResultCode SegmentManager::WriteHeader() {
 // Writes again what could not be written before: should the process end first, the next start would find no segment
 // where the file says, and begin anew.
 void SegmentManager::CatchUpHeader() {
-  if (m_bHeaderBehind) (void)WriteHeader();  // otherwise the next occasion comes
+  if (m_bHeaderBehind && Succeeded(WriteHeader())) SyncHeader();  // otherwise the next occasion comes
 }
 
 void SegmentManager::SyncHeader() {
@@ -218,8 +199,12 @@ ResultCode SegmentManager::MoveStart() {
 }
 
 void SegmentManager::BeforeDiscard() {
-  const bool bStartsThere = !m_Segments.empty() && m_Segments.front().pSegment->IsDiscarded();
-  if (bStartsThere) (void)MoveStart();  // a failure is traced, and remembered
+  if (m_Segments.empty() || !m_Segments.front().pSegment->IsDiscarded()) return;
+  (void)MoveStart();  // a failure is traced, and remembered
+  if (m_Header.nFirstSegment != m_nNextNumber) return;
+  // No other segment is left. The next start takes up this number, as that of a segment which was only begun.
+  std::unique_ptr<StorageFile> pBegun;
+  (void)m_pEnv->OpenFile(u"events.dat", m_nNextNumber, true, true, &pBegun);
 }
 
 SegmentManager::tSEGMENT_ENTRY* SegmentManager::FindEntry(std::uint32_t nSegment) {
@@ -292,7 +277,7 @@ ResultCode SegmentManager::AddEvent(const void* pData, std::uint32_t nSize, std:
   (void)CheckLimits(false);  // if no new segment can be started, the event goes to the one that is there
   if (m_Segments.empty()) return errUNEXPECTED;
   tSEGMENT_ENTRY& Newest = m_Segments.back();
-  const ResultCode nCode = Newest.pSegment->AddEvent(pData, nSize, pnId);
+  const ResultCode nCode = OnEntry(&Newest, [&](Segment& Found) { return Found.AddEvent(pData, nSize, pnId); });
   return Failed(nCode) ? nCode : Refresh(&Newest);
 }
 
@@ -477,8 +462,8 @@ ResultCode SegmentManager::RemoveAllObjectData(std::uint64_t nId) {
 ResultCode SegmentManager::EnumFirstObject() {
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
   const std::lock_guard Hold(m_Lock);
-  for (const tSEGMENT_ENTRY& Entry : m_Segments) {
-    const ResultCode nCode = Entry.pSegment->EnumObjects();
+  for (tSEGMENT_ENTRY& Entry : m_Segments) {
+    const ResultCode nCode = OnEntry(&Entry, [](Segment& Found) { return Found.EnumObjects(); });
     if (nCode != errOBJECT_NOT_FOUND) return nCode;
   }
   return errOBJECT_NOT_FOUND;
@@ -488,7 +473,7 @@ ResultCode SegmentManager::EnumNextObject(std::uint32_t nSegment) {
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
   const std::lock_guard Hold(m_Lock);
   tSEGMENT_ENTRY* const pEntry = FindEntry(nSegment);
-  return pEntry == nullptr ? errPARAMETER_INVALID : pEntry->pSegment->EnumObjects();
+  return pEntry == nullptr ? errPARAMETER_INVALID : OnEntry(pEntry, [](Segment& Found) { return Found.EnumObjects(); });
 }
 
 }  // namespace lumbra

@@ -46,7 +46,7 @@ class SegmentManager : private SegmentChain {
   ResultCode Init(StorageEnvironment* pEnv, std::uint32_t nEventSize, ObjectDB* pGlobalObjects, bool bCheckMode);
 
   // Deletes every file of the folder and starts the first segment, with the same event size. errACCESS_DENIED when a
-  // segment could not be deleted; the database is then open on what is left.
+  // segment could not be deleted; the database is then open on what is left, a whole beginning of the chain.
   ResultCode Clear();
 
   bool IsInitialized() const { return m_bInitialized; }
@@ -142,8 +142,6 @@ class SegmentManager : private SegmentChain {
   FileContent LookAtHeader(std::uint32_t nEventSize);
   ResultCode ListSegments();
   bool LeaveOutUnfinished();
-  std::uint32_t FirstNumberLeft(std::uint32_t nFirst, std::uint32_t nEnd);
-  ResultCode OpenWhatIsLeft(std::uint32_t nFirst);
   ResultCode NewSegment();
   ResultCode StartSegment();
   ResultCode AppendEntry(std::unique_ptr<Segment> pSegment, std::uint64_t nEvents);

@@ -35,8 +35,9 @@ std::uint32_t Number(ResultCode nCode) {
   return static_cast<std::uint32_t>(nCode);
 }
 
+// Not errPATH_NOT_FOUND: the folder was there before, and is away for a moment.
 bool IsMissing(ResultCode nOpened) {
-  return nOpened == errFILE_NOT_FOUND || nOpened == errPATH_NOT_FOUND;
+  return nOpened == errFILE_NOT_FOUND;
 }
 
 // What one transfer came to: a short one has the code of success and is a failure all the same.

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "platform/file_content.h"
 #include "platform/trace.h"
 
 namespace lumbra {
@@ -34,6 +35,14 @@ inline ResultCode PlainDbFailedCheck(const char* pText, CheckPlace Place, Result
     if (!(expression)) return ::lumbra::ObjectDbFailedCheck("Failed check: " text, {__FILE__, __LINE__}, (code)); \
   } while (false)
 #define ODB_CHECK(expression, code) ODB_CHECK_AS(#expression, expression, code)
+
+// The same for a function that looks at a file and answers what it found: the file counts as unread.
+#define ODB_LOOK(expression, code)                                                                    \
+  do {                                                                                                \
+    if (!(expression))                                                                                \
+      return ::lumbra::FileContent::Unread(                                                           \
+          ::lumbra::ObjectDbFailedCheck("Failed check: " #expression, {__FILE__, __LINE__}, (code))); \
+  } while (false)
 
 #define PLAINDB_CHECK(expression, code)                                                                \
   do {                                                                                                 \

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "objects/failed_check.h"
 
@@ -38,25 +39,28 @@ std::uint32_t HashTree::GetHashDigit(std::uint64_t nHash, std::uint32_t nLevel) 
 
 // ---- Opening ----------------------------------------------------------------------------------------------
 
-ResultCode HashTree::Open(StorageFile* pFile, const Options& Use) {
+FileContent HashTree::Look(StorageFile* pFile, const Options& Use) {
   Close();
   pFileBT = pFile;
+  m_Use = Use;
   m_Crc = DataCrc(Use.bSeededCrcs);
+  const FileContent Header = LookAtHeader();
+  return Header.IsOurs() && m_bNodeCrcs ? LookAtRoot() : Header;
+}
 
-  bool bAccepted = false;
-  ResultCode nCode = AcceptFile(&bAccepted);
-  if (Succeeded(nCode) && !bAccepted) {
-    m_bNodeCrcs = Use.bNodeCrcsIfCreated;
-    nCode = DiscardFile();
+// Memory first: where there is none for the head, the file stays as it is.
+ResultCode HashTree::Take(const FileContent& Found) {
+  ResultCode nCode = errOK;
+  if (Found.IsOurs()) {
+    nCode = PrepareHead() ? StoreHeader() : errOUT_OF_MEMORY;
+  } else {
+    nCode = Found.OrStartAnew([this] {
+      m_bNodeCrcs = m_Use.bNodeCrcsIfCreated;
+      return PrepareHead() ? StartAnew() : errOUT_OF_MEMORY;
+    });
   }
-  if (Succeeded(nCode) && !PrepareHead(Use.bLargeHead)) nCode = errOUT_OF_MEMORY;
-  if (Succeeded(nCode) && !bAccepted) nCode = WriteEmptyTree();
-  if (Failed(nCode)) {
-    Close();
-    return nCode;
-  }
-  pFileBT->GetSize(&m_nSizeBT);
-  return errOK;
+  if (Failed(nCode)) Close();
+  return nCode;
 }
 
 void HashTree::Close() {
@@ -66,79 +70,65 @@ void HashTree::Close() {
   m_nodeChecked.clear();
 }
 
-// Looks at an existing file, mends its recorded size, and tells whether the tree in it can be used.
-ResultCode HashTree::AcceptFile(bool* pbAccepted) {
-  *pbAccepted = false;
-  tODB_BT_HEADER hdr{};
-  std::uint32_t nRead = 0;
-  if (!pFileBT->SeekRead(0, &hdr, sizeof(hdr), &nRead) || nRead != sizeof(hdr)) return errOK;
-  if (hdr.nFirstNodeOffset != FirstNodeOffset) return errOK;
+// Tells whether the header is that of a tree which can be used, and mends its size in memory.
+FileContent HashTree::LookAtHeader() {
+  tODB_BT_HEADER& hdr = m_Header;
+  std::uint32_t bytes = 0;
+  ODB_LOOK(pFileBT->SeekRead(0, &hdr, sizeof(hdr), &bytes), errREAD_FAILED);
+  if (bytes != sizeof(hdr) || hdr.nFirstNodeOffset != FirstNodeOffset) return FileContent::Foreign();
   m_bNodeCrcs = std::memcmp(hdr.Magic, kCheckedMagic, sizeof(hdr.Magic)) == 0;
-  if (!m_bNodeCrcs && std::memcmp(hdr.Magic, kPlainMagic, sizeof(hdr.Magic)) != 0) return errOK;
+  if (!m_bNodeCrcs && std::memcmp(hdr.Magic, kPlainMagic, sizeof(hdr.Magic)) != 0) return FileContent::Foreign();
 
-  bool bChanged = false;
   std::uint64_t actualSize = 0;
-  ODB_CHECK(pFileBT->GetSize(&actualSize), errREAD_FAILED);
+  ODB_LOOK(pFileBT->GetSize(&actualSize), errREAD_FAILED);
+  m_nActualSize = actualSize;
+  m_bHeaderMended = false;
   if (hdr.nDBSize != actualSize) {
     Trace(kHostRoot, traceFailure, "lmb\tWrong BT size in header, actual: %I64X, from header: %I64X", actualSize,
           hdr.nDBSize);
     hdr.nDBSize = actualSize;
-    bChanged = true;
+    m_bHeaderMended = true;
   }
   const std::uint64_t nMinimalSize = RootEnd();
   if (hdr.nDBSize < nMinimalSize) {
     Trace(kHostRoot, traceFailure, "lmb\tToo small BT size, rewrite it it. BT size: %I64X, minimal size: %I64X",
           hdr.nDBSize, nMinimalSize);
-    return errOK;
+    return FileContent::Foreign();
   }
   if (const std::uint64_t nUnaligned = hdr.nDBSize; nUnaligned % sizeof(tODB_BT_OFFSET) != 0) {
     hdr.nDBSize += sizeof(tODB_BT_OFFSET) - nUnaligned % sizeof(tODB_BT_OFFSET);
-    bChanged = true;
+    m_bHeaderMended = true;
     Trace(kHostRoot, traceFailure, "lmb\tBT file size unaligned: %I64X, after align: %I64X", nUnaligned, hdr.nDBSize);
   }
-
-  bool bGoodRoot = true;
-  if (m_bNodeCrcs) {
-    const ResultCode nCode = CheckRoot(&bGoodRoot);
-    if (Failed(nCode)) return nCode;
-  }
-  if (!bGoodRoot) return errOK;
-  const ResultCode nCode = StoreHeader(hdr, bChanged, actualSize);
-  m_nSizeBT = hdr.nDBSize;
-  *pbAccepted = Succeeded(nCode);
-  return nCode;
+  return FileContent::Ours();
 }
 
-ResultCode HashTree::CheckRoot(bool* pbGood) {
+FileContent HashTree::LookAtRoot() {
   constexpr std::uint32_t OffsetsSize = kRootEntries * sizeof(tODB_BT_OFFSET);
   constexpr std::uint32_t nCrcOffset = FirstNodeOffset + OffsetsSize;
   tODB_BT_OFFSET offsets[kRootEntries];
   std::uint32_t crc32 = 0;
   std::uint32_t bytes = 0;
-  ODB_CHECK(pFileBT->SeekRead(FirstNodeOffset, offsets, OffsetsSize, &bytes), errREAD_FAILED);
-  ODB_CHECK(bytes == OffsetsSize, errREAD_FAILED);
-  ODB_CHECK(pFileBT->SeekRead(nCrcOffset, &crc32, sizeof(crc32), &bytes), errREAD_FAILED);
-  ODB_CHECK(bytes == sizeof(crc32), errREAD_FAILED);
-  *pbGood = ValidDataCrc(0, offsets, OffsetsSize, &crc32);
-  return errOK;
+  ODB_LOOK(pFileBT->SeekRead(FirstNodeOffset, offsets, OffsetsSize, &bytes), errREAD_FAILED);
+  ODB_LOOK(bytes == OffsetsSize, errREAD_FAILED);
+  ODB_LOOK(pFileBT->SeekRead(nCrcOffset, &crc32, sizeof(crc32), &bytes), errREAD_FAILED);
+  ODB_LOOK(bytes == sizeof(crc32), errREAD_FAILED);
+  return ValidDataCrc(0, offsets, OffsetsSize, &crc32) ? FileContent::Ours() : FileContent::Foreign();
 }
 
 // Brings a mended size into the header, and the file to that size.
-ResultCode HashTree::StoreHeader(const tODB_BT_HEADER& hdr, bool bChanged, std::uint64_t nActualSize) {
+ResultCode HashTree::StoreHeader() {
+  const tODB_BT_HEADER& hdr = m_Header;
   const tODB_BT_HEADER& newHdr = hdr;
-  if (bChanged) ODB_CHECK(pFileBT->SeekWrite(0, &newHdr, sizeof(newHdr), NULL), errWRITE_FAILED);
-  if (hdr.nDBSize != nActualSize) ODB_CHECK(pFileBT->SetSize(hdr.nDBSize), errWRITE_FAILED);
+  if (m_bHeaderMended) ODB_CHECK(pFileBT->SeekWrite(0, &newHdr, sizeof(newHdr), NULL), errWRITE_FAILED);
+  if (hdr.nDBSize != m_nActualSize) ODB_CHECK(pFileBT->SetSize(hdr.nDBSize), errWRITE_FAILED);
+  m_nSizeBT = hdr.nDBSize;
   return errOK;
 }
 
-ResultCode HashTree::DiscardFile() {
-  ODB_CHECK(pFileBT->SetSize(0), errWRITE_FAILED);
-  return errOK;
-}
-
-bool HashTree::PrepareHead(bool bLargeHead) {
+bool HashTree::PrepareHead() {
   m_nBtHeadSize = RootEnd();
-  if (bLargeHead) m_nBtHeadSize += m_bNodeCrcs ? kLargeHeadChecked : kLargeHeadPlain;
+  if (m_Use.bLargeHead) m_nBtHeadSize += m_bNodeCrcs ? kLargeHeadChecked : kLargeHeadPlain;
   try {
     m_btHead.reserve(m_nBtHeadSize);  // so that no later growth of it can fail
     m_nodeChecked.assign(m_nBtHeadSize, 0);
@@ -149,22 +139,33 @@ bool HashTree::PrepareHead(bool bLargeHead) {
   return true;
 }
 
-ResultCode HashTree::WriteEmptyTree() {
+ResultCode HashTree::StartAnew() {
+  ODB_CHECK(pFileBT->SetSize(0), errWRITE_FAILED);
+  m_btHead.clear();
+  std::fill(m_nodeChecked.begin() + FirstNodeOffset + 1, m_nodeChecked.end(), std::uint8_t{0});
   tODB_BT_HEADER hdr{{}, FirstNodeOffset, FirstNodeOffset};
   std::memcpy(hdr.Magic, m_bNodeCrcs ? kCheckedMagic : kPlainMagic, sizeof(hdr.Magic));
   ODB_CHECK(pFileBT->SeekWrite(0, &hdr, sizeof(hdr), 0), errWRITE_FAILED);
+  // All that the file holds is known: the root is added without reading it back.
+  m_nSizeBT = hdr.nDBSize;
+  const auto* const pHeader = reinterpret_cast<const std::uint8_t*>(&hdr);
+  m_btHead.assign(pHeader, pHeader + sizeof(hdr));
   std::uint32_t nRoot = 0;
   return BT_AddNode(0, 0, &nRoot);
 }
 
 // ---- Walks ------------------------------------------------------------------------------------------------
 
-bool HashTree::IsEmpty() {
-  for (std::uint64_t nDigit = 0; nDigit < kRootEntries; ++nDigit) {
+ResultCode HashTree::IsEmpty(bool* pbEmpty) {
+  bool bEmpty = true;
+  for (std::uint64_t nDigit = 0; nDigit < kRootEntries && bEmpty; ++nDigit) {
     tODB_BT_OFFSET nEntry = 0;
-    if (Failed(ReadSlot(Place(), nDigit, &nEntry)) || nEntry != 0) return false;
+    const ResultCode nCode = ReadSlot(Place(), nDigit, &nEntry);
+    if (Failed(nCode)) return nCode;
+    bEmpty = nEntry == 0;
   }
-  return true;
+  *pbEmpty = bEmpty;
+  return errOK;
 }
 
 ResultCode HashTree::SetUsable(bool bUsable) {
@@ -270,19 +271,34 @@ ResultCode HashTree::BT_SetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nP
   nNodeOffset &= ~kChildBit;
   nPreviousOffset &= ~kChildBit;
   if (nNodeOffset < FirstNodeOffset) return errPARAMETER_INVALID;
+  if (!m_bNodeCrcs) return WriteEntry(nNodeOffset, nEntryNo, nOffset);
+  const auto offsetsSize = static_cast<std::uint32_t>(EntriesOf(nLevel) * sizeof(tODB_BT_OFFSET));
+  tODB_BT_OFFSET offsets[kRootEntries];
+  ResultCode nCode = ReadEntries(nNodeOffset, offsetsSize, offsets);
+  if (Failed(nCode)) return nCode;
+  const tODB_BT_OFFSET nOldOffset = std::exchange(offsets[nEntryNo], nOffset);
+  nCode = WriteNodeCrc(nNodeOffset, offsetsSize, m_Crc.Of(nPreviousOffset, offsets, offsetsSize));
+  if (Succeeded(nCode)) nCode = WriteEntry(nNodeOffset, nEntryNo, nOffset);
+  if (Succeeded(nCode)) return errOK;
+  // The CRC that fits the slots again, as far as it can be written: otherwise one failed call costs the whole node.
+  offsets[nEntryNo] = nOldOffset;
+  const std::uint32_t nOldCrc = m_Crc.Of(nPreviousOffset, offsets, offsetsSize);
+  std::uint32_t nWritten = 0;
+  BT_SeekWrite(std::uint64_t{nNodeOffset} + offsetsSize, &nOldCrc, sizeof(nOldCrc), &nWritten);
+  return nCode;
+}
+
+ResultCode HashTree::WriteNodeCrc(std::uint32_t nNodeOffset, std::uint32_t offsetsSize, std::uint32_t crc32) {
   std::uint32_t bytes = 0;
-  if (m_bNodeCrcs) {
-    const auto offsetsSize = static_cast<std::uint32_t>(EntriesOf(nLevel) * sizeof(tODB_BT_OFFSET));
-    tODB_BT_OFFSET offsets[kRootEntries];
-    const ResultCode nCode = ReadEntries(nNodeOffset, offsetsSize, offsets);
-    if (Failed(nCode)) return nCode;
-    offsets[nEntryNo] = nOffset;
-    const std::uint32_t crc32 = m_Crc.Of(nPreviousOffset, offsets, offsetsSize);
-    // clang-format off
-    ODB_CHECK(BT_SeekWrite(nNodeOffset+offsetsSize, &crc32, sizeof(crc32), &bytes), errWRITE_FAILED);
-    // clang-format on
-    ODB_CHECK(bytes == sizeof(crc32), errWRITE_FAILED);
-  }
+  // clang-format off
+  ODB_CHECK(BT_SeekWrite(nNodeOffset+offsetsSize, &crc32, sizeof(crc32), &bytes), errWRITE_FAILED);
+  // clang-format on
+  ODB_CHECK(bytes == sizeof(crc32), errWRITE_FAILED);
+  return errOK;
+}
+
+ResultCode HashTree::WriteEntry(std::uint32_t nNodeOffset, std::uint32_t nEntryNo, tODB_BT_OFFSET nOffset) {
+  std::uint32_t bytes = 0;
   // clang-format off
   ODB_CHECK(BT_SeekWrite(nNodeOffset+nEntryNo*sizeof(tODB_BT_OFFSET), &nOffset, sizeof(nOffset), &bytes),
             errWRITE_FAILED);

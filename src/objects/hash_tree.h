@@ -18,6 +18,7 @@
 
 #include "lumbra/result_code.h"
 #include "objects/data_crc.h"
+#include "platform/file_content.h"
 #include "platform/storage_file.h"
 
 namespace lumbra {
@@ -55,17 +56,26 @@ class HashTree {
   };
 
   // Opens the file, which stays the caller's and must outlive the use. A wrong recorded size is replaced by
-  // the real one; a damaged header or root starts the tree anew, empty. After a failure nothing is open.
-  ResultCode Open(StorageFile* pFile, const Options& Use);
+  // the real one; a damaged header or root starts the tree anew, empty. After a failure nothing is open, and a file
+  // that could not be read is as it was.
+  ResultCode Open(StorageFile* pFile, const Options& Use) { return Take(Look(pFile, Use)); }
   void Close();
+
+  // The two steps of Open, for an owner who looks at more files before any is written. Look changes nothing, and Take
+  // goes on with what it found.
+  FileContent Look(StorageFile* pFile, const Options& Use);
+  ResultCode Take(const FileContent& Found);
 
   std::uint64_t Size() const { return m_nSizeBT; }
 
-  // Whether it is known to hold no object.
-  bool IsEmpty();
+  // Whether it holds no object; *pbEmpty is stored on success only.
+  ResultCode IsEmpty(bool* pbEmpty);
 
   // Whether the next Open takes the tree as it is, or starts it anew: so that half a tree never passes for the whole.
   ResultCode SetUsable(bool bUsable);
+
+  // Empties the open tree, which keeps its kind. After a failure nothing can be read from it until this succeeds.
+  ResultCode StartAnew();
 
   // The short id in the slot that the hash leads to; errOBJECT_NOT_FOUND for an empty one. The caller
   // compares the object's hash: another object with a hash that shares the prefix may own the slot.
@@ -94,12 +104,10 @@ class HashTree {
   std::uint32_t CrcSize() const { return m_bNodeCrcs ? kCrcSize : 0; }
   std::uint32_t RootEnd() const { return FirstNodeOffset + kRootEntries * sizeof(tODB_BT_OFFSET) + CrcSize(); }
 
-  ResultCode AcceptFile(bool* pbAccepted);
-  ResultCode CheckRoot(bool* pbGood);
-  ResultCode StoreHeader(const tODB_BT_HEADER& hdr, bool bChanged, std::uint64_t nActualSize);
-  ResultCode DiscardFile();
-  ResultCode WriteEmptyTree();
-  bool PrepareHead(bool bLargeHead);
+  FileContent LookAtHeader();
+  FileContent LookAtRoot();
+  ResultCode StoreHeader();
+  bool PrepareHead();
 
   bool BT_SeekRead(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead);
   bool BT_SeekWrite(std::uint64_t nOffset, const void* pData, std::uint32_t nSize, std::uint32_t* pnWritten);
@@ -109,6 +117,8 @@ class HashTree {
   ResultCode ReadEntries(std::uint32_t nNodeOffset, std::uint32_t offsetsSize, tODB_BT_OFFSET* offsets);
   ResultCode BT_SetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nPreviousOffset, std::uint32_t nLevel,
                              std::uint32_t nEntryNo, tODB_BT_OFFSET nOffset);
+  ResultCode WriteNodeCrc(std::uint32_t nNodeOffset, std::uint32_t offsetsSize, std::uint32_t crc32);
+  ResultCode WriteEntry(std::uint32_t nNodeOffset, std::uint32_t nEntryNo, tODB_BT_OFFSET nOffset);
   ResultCode BT_AddNode(std::uint32_t nLevel, std::uint32_t nPreviousOffset, std::uint32_t* pnNodeOffset);
   ResultCode BT_ExtendDB(std::uint32_t nAdded, std::uint64_t* pnOldSize);
 
@@ -122,6 +132,10 @@ class HashTree {
   }
 
   StorageFile* pFileBT = nullptr;
+  Options m_Use{};
+  tODB_BT_HEADER m_Header{};        // as Look read and mended it ...
+  bool m_bHeaderMended = false;     // ... and whether it has to be written
+  std::uint64_t m_nActualSize = 0;  // of the file, as Look saw it
   DataCrc m_Crc;
   bool m_bNodeCrcs = false;
   std::uint64_t m_nSizeBT = 0;              // used size of the file, as nDBSize

@@ -10,6 +10,14 @@
 #include "platform/failed_step.h"
 
 namespace lumbra {
+namespace {
+
+// The code of a look that failed; errOK when the file was read, whatever is in it.
+ResultCode FailureOf(const FileContent& Found) {
+  return Found.OrStartAnew([] { return errOK; });
+}
+
+}  // namespace
 
 ObjectDB::ObjectDB(bool bCheckData)
     : m_nConfigFlags(bCheckData ? kCheckedFeatures : kPlainFeatures), m_bConfigNodeCrcs(bCheckData) {}
@@ -20,42 +28,70 @@ ResultCode ObjectDB::Open(std::uint32_t nNumber, ObjectFiles& Files, TreeHead He
   const std::lock_guard Hold(m_Lock);
   if (Files.pTree == nullptr || Files.pIds == nullptr || Files.pData == nullptr) return errPARAMETER_INVALID;
   m_nNumber = nNumber;
+  m_Refill = TreeRefill();
 
-  ResultCode nCode = OpenDataFile(*Files.pData);
+  // All three are looked at before the first one is written: where one cannot be read, none changes.
+  const FileContent Data = LookAtDataFile(*Files.pData);
+  const FileContent Ids = m_IdDB.Look(*Files.pIds, sizeof(tODB_ID_ENTRY));
+  ResultCode nCode = Data.OrStartAnew([&] { return ChooseFeatures(Ids); });
   if (Failed(nCode)) return nCode;
   m_Crc = DataCrc(Has(featureNameCrc));
-  nCode = m_Tree.Open(Files.pTree.get(), {m_bConfigNodeCrcs, Has(featureNameCrc), Head == TreeHead::Large});
-  if (Failed(nCode)) return nCode;
-  StorageFile* const pIds = Files.pIds.get();
-  if (!m_IdDB.Open(Files.pIds, sizeof(tODB_ID_ENTRY), ChecksByteCounts())) {
+  const FileContent Tree =
+      m_Tree.Look(Files.pTree.get(), {m_bConfigNodeCrcs, Has(featureNameCrc), Head == TreeHead::Large});
+  nCode = FailureOf(Tree);
+  if (Succeeded(nCode) && Failed(FailureOf(Ids))) nCode = errOPEN_FAILED;
+
+  if (Succeeded(nCode)) nCode = Data.OrStartAnew([&] { return WriteMagic(*Files.pData); });
+  if (Succeeded(nCode)) nCode = m_Tree.Take(Tree);
+  if (Succeeded(nCode) && !m_IdDB.Take(Ids, Files.pIds, sizeof(tODB_ID_ENTRY), ChecksByteCounts())) {
+    nCode = errOPEN_FAILED;
+  }
+  if (Failed(nCode)) {
     m_Tree.Close();
-    return errOPEN_FAILED;
+    return nCode;
   }
 
   m_pFileBT = std::move(Files.pTree);
   m_pFileData = std::move(Files.pData);
-  m_pFileData->GetSize(&m_nSizeDT);
-  pIds->GetSize(&m_nSizeID);
+  m_nSizeID = m_IdDB.OpenFileSize();
+  m_nSizeDT = 0;
+  m_bSizeKnownDT = false;
+  KnowsDataSize();  // otherwise it is asked for again when it is needed
   return errOK;
 }
 
-// Settles the feature set: the file's own, or the configured one, which a new or foreign file receives.
-ResultCode ObjectDB::OpenDataFile(StorageFile& File) {
-  FILE_MAGIC Magic{};
-  std::uint32_t nRead = 0;
-  if (File.SeekRead(0, Magic, sizeof(FILE_MAGIC), &nRead) && nRead == sizeof(FILE_MAGIC)) {
-    for (const FeatureMagic& Known : kFeatureMagics) {
-      if (std::memcmp(Known.Magic, Magic, sizeof(FILE_MAGIC)) != 0) continue;
-      m_nDataFlags = Known.nFeatures;
-      return errOK;
-    }
+// Tells the feature set by the file's magic.
+FileContent ObjectDB::LookAtDataFile(StorageFile& File) {
+  StorageFile* const pFileData = &File;
+  FILE_MAGIC fileMagic{};
+  std::uint32_t bytesRead = 0;
+  ODB_LOOK(pFileData->SeekRead(0, fileMagic, sizeof(FILE_MAGIC), &bytesRead), errREAD_FAILED);
+  if (bytesRead != sizeof(FILE_MAGIC)) return FileContent::Foreign();
+  for (const FeatureMagic& Known : kFeatureMagics) {
+    if (std::memcmp(Known.Magic, fileMagic, sizeof(FILE_MAGIC)) != 0) continue;
+    m_nDataFlags = Known.nFeatures;
+    return FileContent::Ours();
   }
-  const FILE_MAGIC& newFileMagic = MagicOf(m_nConfigFlags);
+  return FileContent::Foreign();
+}
+
+// The feature set of a data file whose own is lost: with that of this process, the blocks that the records reach would
+// be read wrong, or a CRC be missed that was never there. The id file's kind tells how they were written.
+ResultCode ObjectDB::ChooseFeatures(const FileContent& Ids) {
+  ODB_CHECK_AS("m_IdDB.Look(*Files.pIds, sizeof(tODB_ID_ENTRY))", Succeeded(FailureOf(Ids)), errREAD_FAILED);
+  m_nDataFlags = m_nConfigFlags;
+  if (Ids.IsOurs() && m_IdDB.GetRecordCount() != 0) {
+    m_nDataFlags = m_IdDB.IsChecked() ? kCheckedFeatures : kPlainFeatures;
+  }
+  return errOK;
+}
+
+ResultCode ObjectDB::WriteMagic(StorageFile& File) {
+  const FILE_MAGIC& newFileMagic = MagicOf(m_nDataFlags);
   StorageFile* const pFileData = &File;
   std::uint32_t bytesWritten = 0;
   ODB_CHECK(pFileData->SeekWrite(0, newFileMagic, sizeof(FILE_MAGIC), &bytesWritten), errWRITE_FAILED);
   if (ChecksByteCounts() && bytesWritten != sizeof(FILE_MAGIC)) return errWRITE_FAILED;
-  m_nDataFlags = m_nConfigFlags;
   return errOK;
 }
 
@@ -80,7 +116,14 @@ ResultCode ObjectDB::Flush() {
 
 std::uint64_t ObjectDB::GetSize() {
   const std::lock_guard Hold(m_Lock);
+  KnowsDataSize();
   return m_Tree.Size() + m_nSizeID + m_nSizeDT;
+}
+
+// Whether m_nSizeDT is known; asks for it where the question has failed so far. An unknown size makes no read damage.
+bool ObjectDB::KnowsDataSize() {
+  if (!m_bSizeKnownDT && m_pFileData != nullptr) m_bSizeKnownDT = m_pFileData->GetSize(&m_nSizeDT);
+  return m_bSizeKnownDT;
 }
 
 // ---- Id records -------------------------------------------------------------------------------------------
@@ -117,22 +160,34 @@ ResultCode ObjectDB::SetIdEntry(tObjectId id, const tODB_ID_ENTRY* pEntry) {
 ResultCode ObjectDB::FindObject(std::uint64_t nHash, tObjectId* pId) {
   if (nHash == 0 || pId == nullptr) return errPARAMETER_INVALID;
   const std::lock_guard Hold(m_Lock);
+  const ResultCode nCode = LookUp(nHash, pId);
+  if (Succeeded(nCode) || Succeeded(m_Refill.nFailure)) return nCode;
+  // Half a tree says nothing about what is missing from it.
+  const ResultCode nRefilled = FinishRefill();
+  return Failed(nRefilled) ? nRefilled : LookUp(nHash, pId);
+}
+
+// An object that the cache holds without knowing whether its hash leads to it is confirmed by the tree in silence.
+ResultCode ObjectDB::LookUp(std::uint64_t nHash, tObjectId* pId) {
   if (const tObjectId* const pCached = m_Cache.FindByHash(nHash)) {
     *pId = *pCached;
     return errOK;
   }
-  Trace(kHostRoot, traceRoutine, "lmb\tFindObject: not found in cache by hash %I64X", nHash);
+  const TraceMiss Miss = m_Cache.Holds(nHash) ? TraceMiss::No : TraceMiss::Yes;
+  if (Miss == TraceMiss::Yes)
+    Trace(kHostRoot, traceRoutine, "lmb\tFindObject: not found in cache by hash %I64X", nHash);
   std::uint32_t nShortId = 0;
   ResultCode nCode = m_Tree.Find(nHash, &nShortId);
   if (Failed(nCode)) return nCode;
   const tObjectId id = MakeObjectId(m_nNumber, nShortId);
   tODB_ID_ENTRY Entry{};
-  nCode = GetIdEntry(id, &Entry, TraceMiss::Yes);
+  nCode = GetIdEntry(id, &Entry, Miss);
   if (Failed(nCode)) return nCode;
   if (Entry.nObjectHash != nHash) return errOBJECT_NOT_FOUND;
   // clang-format off
   ODB_CHECK((tObjectId)(MAKE_SHORT_OBJECT_ID(id)-1) < m_IdDB.GetRecordCount(), errDATA_CORRUPTED);
   // clang-format on
+  m_Cache.Vouch(id);
   *pId = id;
   return errOK;
 }
@@ -147,7 +202,8 @@ ResultCode ObjectDB::FindOrCreateObject(std::uint64_t nHash, std::uint64_t nPare
   if (nHash == 0) {
     if (pName != nullptr || nNameSize != 0 || pId == nullptr) return errPARAMETER_INVALID;
     const std::lock_guard Hold(m_Lock);
-    return AddObject(Object, pId, Cache::No);
+    tODB_ID_ENTRY Entry{};
+    return AddObject(Object, pId, &Entry);
   }
   if (pName == nullptr || nNameSize == 0 || pId == nullptr) return errPARAMETER_INVALID;
   const std::lock_guard Hold(m_Lock);
@@ -156,27 +212,46 @@ ResultCode ObjectDB::FindOrCreateObject(std::uint64_t nHash, std::uint64_t nPare
     bReported = true;
     return errOK;
   }
-  return WalkAndInsert(Object, bForce, pId, &bReported);
+  if (Failed(m_Refill.nFailure)) {
+    bReported = !bForce && Succeeded(LookUp(nHash, pId));
+    if (bReported) return errOK;
+    const ResultCode nRefilled = FinishRefill();
+    if (Failed(nRefilled)) return nRefilled;
+  }
+  return FindOrInsert(Object, bForce, pId, &bReported);
 }
 
-// Walks down the tree to the object's slot, and creates the object where there is none.
-ResultCode ObjectDB::WalkAndInsert(const NewObject& Object, bool bForce, tObjectId* pId, bool* pbExisted) {
+ResultCode ObjectDB::FindOrInsert(const NewObject& Object, bool bForce, tObjectId* pId, bool* pbExisted) {
   HashTree::Place At;
+  tObjectId Found = 0;
+  const ResultCode nCode = WalkToSlot(Object.nHash, bForce, &At, &Found);
+  if (Failed(nCode)) return nCode;
+  if (Found == 0 || bForce) return CreateInSlot(At, Object, Found != 0, pId);
+  m_Cache.Vouch(Found);
+  *pId = Found;
+  *pbExisted = true;
+  return errOK;
+}
+
+// Walks down the tree to the slot of a hash, which is empty or leads to the object of that hash (0: empty). One of
+// another hash that stands there moves down. With bForce broken nodes are detached.
+ResultCode ObjectDB::WalkToSlot(std::uint64_t nHash, bool bForce, HashTree::Place* pAt, tObjectId* pFound) {
   std::uint32_t nDetached = 0;
-  while (At.nLevel <= HashTree::kMaxLevel) {
+  while (pAt->nLevel <= HashTree::kMaxLevel) {
     tODB_BT_OFFSET nEntry = 0;
-    ResultCode nCode = m_Tree.ReadSlot(At, Object.nHash, &nEntry);
+    ResultCode nCode = m_Tree.ReadSlot(*pAt, nHash, &nEntry);
     if (nCode == errDATA_CORRUPTED && bForce && nDetached++ <= HashTree::kMaxLevel) {
       // What hangs below the broken node is left to the repair; the walk begins again at the root.
-      nCode = m_Tree.Detach(At, Object.nHash);
+      nCode = m_Tree.Detach(*pAt, nHash);
       if (Failed(nCode)) return nCode;
-      At = HashTree::Place();
+      *pAt = HashTree::Place();
       continue;
     }
     if (Failed(nCode)) return nCode;
-    if (nEntry == 0) return CreateInSlot(At, Object, Cache::No, pId);
+    *pFound = 0;
+    if (nEntry == 0) return errOK;
     if (HashTree::IsChild(nEntry)) {
-      HashTree::Descend(&At, nEntry);
+      HashTree::Descend(pAt, nEntry);
       continue;
     }
 
@@ -185,35 +260,40 @@ ResultCode ObjectDB::WalkAndInsert(const NewObject& Object, bool bForce, tObject
     nCode = GetIdEntry(Candidate, &Entry, TraceMiss::No);
     if (nCode == errNOT_FOUND) return errDATA_CORRUPTED;  // the slot names a record that is not there
     if (Failed(nCode)) return nCode;
-    if (Entry.nObjectHash == Object.nHash) {
-      if (bForce) return CreateInSlot(At, Object, Cache::Yes, pId);
-      *pId = Candidate;
-      *pbExisted = true;
-      return errOK;
-    }
-    if (At.nLevel == HashTree::kMaxLevel) break;
-    nCode = m_Tree.Split(&At, Object.nHash, Entry.nObjectHash, nEntry);
+    *pFound = Candidate;
+    if (Entry.nObjectHash == nHash) return errOK;
+    if (pAt->nLevel == HashTree::kMaxLevel) break;
+    nCode = m_Tree.Split(pAt, nHash, Entry.nObjectHash, nEntry);
     if (Failed(nCode)) return nCode;
   }
   return errDATA_CORRUPTED;
 }
 
-// The slot last: until it is written the object is not there, and nothing points to what was begun.
-ResultCode ObjectDB::CreateInSlot(const HashTree::Place& At, const NewObject& Object, Cache Keep, tObjectId* pId) {
+// The slot last: until it is written the object is not there, and nothing points to what was begun. Nor does the cache
+// know it before; then it must not go on with the object that the new one replaces.
+ResultCode ObjectDB::CreateInSlot(const HashTree::Place& At, const NewObject& Object, bool bReplaces, tObjectId* pId) {
   tObjectId Created = 0;
-  ResultCode nCode = AddObject(Object, &Created, Keep);
+  tODB_ID_ENTRY Entry{};
+  ResultCode nCode = AddObject(Object, &Created, &Entry);
   if (Failed(nCode)) return nCode;
   nCode = m_Tree.WriteSlot(At, Object.nHash, MAKE_SHORT_OBJECT_ID(Created));
-  if (Succeeded(nCode)) *pId = Created;
-  return nCode;
+  if (Failed(nCode)) return nCode;
+  if (bReplaces || m_Cache.Holds(Object.nHash)) {
+    m_Cache.Insert(Created, Entry);
+    m_Cache.Vouch(Created);
+  }
+  *pId = Created;
+  return errOK;
 }
 
-ResultCode ObjectDB::AddObject(const NewObject& Object, tObjectId* pId, Cache Keep) {
+// Appends an object's name and record; *pEntry is the record.
+ResultCode ObjectDB::AddObject(const NewObject& Object, tObjectId* pId, tODB_ID_ENTRY* pEntry) {
   // More would leave no room in the 31 bits of a tree slot; the limit has a digit less than that.
   constexpr std::uint64_t kMaxRecordCount = 0x7FFFFF0;
 
   if (Object.nNameSize > kMaxNameSize) return errSIZE_INVALID;
-  tODB_ID_ENTRY Entry{};
+  tODB_ID_ENTRY& Entry = *pEntry;
+  Entry = {};
   Entry.nObjectHash = Object.nHash;
   Entry.nParentId = Object.nParentId;
   Entry.nFlags = Object.nFlags;
@@ -230,7 +310,6 @@ ResultCode ObjectDB::AddObject(const NewObject& Object, tObjectId* pId, Cache Ke
   const ResultCode nCode = m_IdDB.AddRecord(&Entry, sizeof(Entry), &nIndex);
   if (Failed(nCode)) return nCode;
   *pId = MakeObjectId(m_nNumber, static_cast<std::uint32_t>(nIndex + 1));
-  if (Keep == Cache::Yes) m_Cache.Insert(*pId, Entry);
   m_nSizeID += m_IdDB.StoredRecordSize();
   return errOK;
 }
@@ -252,6 +331,7 @@ ResultCode ObjectDB::AppendData(const void* pData, std::uint32_t nDataSize, std:
   if (nOffset + nDataSize > kMaxDataFileSize) return errOUT_OF_SPACE;
   ODB_CHECK(m_pFileData->SeekWrite(nOffset, pData, nDataSize, &bytesWritten), errWRITE_FAILED);
   if (ChecksByteCounts()) ODB_CHECK(nDataSize == bytesWritten, errWRITE_FAILED);
+  m_bSizeKnownDT = true;
   m_nSizeDT = nOffset + nDataSize;  // from the file: a write that failed may have left bytes before this one
   *pnOffset = static_cast<std::uint32_t>(nOffset);
   return errOK;

@@ -46,7 +46,8 @@ class ObjectDB {
   ObjectDB& operator=(const ObjectDB&) = delete;
 
   // Opens the store with its number (0: the shared store; otherwise the segment's). Takes the files over when
-  // it succeeds; otherwise they stay with the caller.
+  // it succeeds; otherwise they stay with the caller. Where one of them cannot be read none is changed, and opening
+  // them can be tried again; what was read and is damaged or foreign is started anew, and never a reason to fail.
   ResultCode Open(std::uint32_t nNumber, ObjectFiles& Files, TreeHead Head);
   ResultCode Close();  // always errOK
   ResultCode Flush();  // always errOK; failures are traced, and stay in the file objects
@@ -89,7 +90,9 @@ class ObjectDB {
 
   // Puts the objects back into a tree that knows none, as one that Open had to start anew; only where the store has
   // CRCs. Records that are damaged are left out, and traced. Of several with one hash the newest is found, as before.
-  // Without success the next Open starts the tree anew.
+  // After a failure (errREAD_FAILED, errWRITE_FAILED, errOUT_OF_MEMORY) objects that are found are answered; each
+  // search for another one first tries to finish the refill, and as long as that fails it answers the failure's code
+  // and creates nothing. A store that is closed meanwhile has its tree started anew by the next Open.
   ResultCode RefillEmptyTree();
 
   // A cheap check of the two newest objects, where a crash leaves its marks: errOK or the code of the first
@@ -134,34 +137,46 @@ class ObjectDB {
     std::uint32_t nNameSize;
   };
 
+  // How far the refill of an empty tree has come.
+  struct TreeRefill {
+    enum class Step { LookAtTree, StartTreeAnew, PutBack };
+
+    ResultCode nFailure = errOK;  // of the last attempt; errOK: nothing is left to do
+    Step Next = Step::LookAtTree;
+    std::uint64_t nLeft = 0;   // so many of the oldest records are still to be looked at
+    std::uint32_t nAdded = 0;  // objects put back so far
+  };
+
   enum class TraceMiss { No, Yes };
-  enum class Cache { No, Yes };
 
   // Whether every read and write must move all of its bytes.
   bool ChecksByteCounts() const { return (m_nConfigFlags & featureBlockCrc) != 0; }
   bool Has(StoreFeatures Feature) const { return (m_nDataFlags & Feature) != 0; }
   bool HasCrcs() const { return Has(featureBlockCrc) || Has(featureArrayCrc) || Has(featureNameCrc); }
 
-  ResultCode OpenDataFile(StorageFile& File);
+  FileContent LookAtDataFile(StorageFile& File);
+  ResultCode ChooseFeatures(const FileContent& Ids);
+  ResultCode WriteMagic(StorageFile& File);
+  bool KnowsDataSize();
   ResultCode GetIdEntry(tObjectId id, tODB_ID_ENTRY* pEntry, TraceMiss Miss);
   ResultCode SetIdEntry(tObjectId id, const tODB_ID_ENTRY* pEntry);
-  ResultCode AddObject(const NewObject& Object, tObjectId* pId, Cache Keep);
+  ResultCode LookUp(std::uint64_t nHash, tObjectId* pId);
+  ResultCode AddObject(const NewObject& Object, tObjectId* pId, tODB_ID_ENTRY* pEntry);
   ResultCode AppendName(const NewObject& Object, std::uint32_t* pnOffset);
   ResultCode AppendData(const void* pData, std::uint32_t nDataSize, std::uint32_t* pnOffset);
   ResultCode ZeroFill(StorageFile* pFile, std::uint64_t nOffset, std::uint32_t nCount);
-  ResultCode WalkAndInsert(const NewObject& Object, bool bForce, tObjectId* pId, bool* pbExisted);
-  ResultCode CreateInSlot(const HashTree::Place& At, const NewObject& Object, Cache Keep, tObjectId* pId);
+  ResultCode FindOrInsert(const NewObject& Object, bool bForce, tObjectId* pId, bool* pbExisted);
+  ResultCode WalkToSlot(std::uint64_t nHash, bool bForce, HashTree::Place* pAt, tObjectId* pFound);
+  ResultCode CreateInSlot(const HashTree::Place& At, const NewObject& Object, bool bReplaces, tObjectId* pId);
   ResultCode ReadCheckedName(const tODB_ID_ENTRY& object_entry, void* pBuffer, std::uint32_t nSize);
 
   std::uint32_t ArraySize(std::uint32_t nCount) const;
-  bool IsAmongBlocks(std::uint64_t nOffset, std::uint32_t nSize) const {
-    return nOffset >= sizeof(FILE_MAGIC) && nOffset + nSize <= m_nSizeDT;
-  }
   ResultCode ReadDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries);
   void SealDataEntries(tObjectId nObjectId, DataEntries* pEntries) const;
   ResultCode CheckBlockInFile(const tODB_DATA_ENTRY* pde, std::uint32_t nDataSize);
   ResultCode ReadPlainBlock(const tODB_DATA_ENTRY* pde, std::uint8_t* readBuf, std::uint32_t nDataSize);
   ResultCode ReadCheckedBlock(tObjectId nObjectId, const tODB_DATA_ENTRY* pde, std::uint32_t nDataSize, void* pBuffer);
+  ResultCode FindRoom(const tODB_DATA_ENTRY& Entry, std::uint32_t* pnRoom, bool* pbInFile);
   bool BuildBlock(tObjectId nObjectId, const void* pData, std::uint32_t nSize, BlockBuffer* pScratch,
                   ByteView* pBlock) const;
   ResultCode OverwriteBlock(const tODB_DATA_ENTRY* pde, ByteView dataToWrite);
@@ -173,9 +188,16 @@ class ObjectDB {
   ResultCode CheckName(const tODB_ID_ENTRY& objectEntry);
   ResultCode CheckData(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry);
   ResultCode ReadRecordForCheck(std::uint64_t nObjectId, tODB_ID_ENTRY* pEntry);
+  ResultCode CheckNamePlace(const tODB_ID_ENTRY& objectEntry);
   ResultCode RepairTree(std::uint64_t nRecords);
   ResultCode PutBack(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry, bool* pbAdded);
   ResultCode InsertMissingHash(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry);
+  ResultCode FinishRefill();
+  ResultCode ContinueRefill();
+  ResultCode BeginRefill();
+  ResultCode EndRefill();
+  ResultCode RefillRecord(std::uint64_t nIndex);
+  ResultCode RefillHash(std::uint64_t nHash, std::uint32_t nShortId);
 
   bool ValidDataCrc(std::uint64_t nSeed, const void* pBytes, std::size_t nSize, const void* pStoredCrc) const {
     return m_Crc.Valid(nSeed, pBytes, nSize, pStoredCrc);
@@ -183,8 +205,8 @@ class ObjectDB {
 
   // The code of a read of the data file whose missing bytes begin at an offset: past the known size it is
   // damage.
-  ResultCode DataReadErrorCode(std::uint64_t nMissingFrom) const {
-    return nMissingFrom >= m_nSizeDT ? errDATA_CORRUPTED : errREAD_FAILED;
+  ResultCode DataReadErrorCode(std::uint64_t nMissingFrom) {
+    return KnowsDataSize() && nMissingFrom >= m_nSizeDT ? errDATA_CORRUPTED : errREAD_FAILED;
   }
 
   const std::uint32_t m_nConfigFlags;  // the feature set of files created now
@@ -199,6 +221,8 @@ class ObjectDB {
   PlainDB m_IdDB;
   std::uint64_t m_nSizeID = 0;  // sizes of the id and data files; the tree keeps its own
   std::uint64_t m_nSizeDT = 0;
+  bool m_bSizeKnownDT = false;
+  TreeRefill m_Refill;
   ObjectCache m_Cache;
 };
 

@@ -3,7 +3,7 @@
 // A crash can cost the objects that were created last their slots in the tree, or leave their blocks
 // unwritten. So the check looks at the newest two, and the repair walks backwards from the newest, until it
 // meets a run of objects that the tree finds. Both create nothing and change no record: the repair adds slots
-// and nodes alone.
+// and nodes alone. So does the refill, which fills a tree that was lost from all the records that are sound.
 #include <algorithm>
 #include <mutex>
 
@@ -24,6 +24,8 @@ ResultCode ObjectDB::FastConsistencyCheck() {
   // The shared store is checked while other instances may use it.
   const std::lock_guard Hold(m_Lock);
   if (!HasCrcs()) return errOK;
+  const ResultCode nRefilled = FinishRefill();
+  if (Failed(nRefilled)) return nRefilled;  // what half a tree does not find is no damage
   ODB_CHECK(Succeeded(m_IdDB.FastConsistencyCheck()), errDATA_CORRUPTED);
   const std::uint64_t nRecords = m_IdDB.GetRecordCount();
   std::uint32_t nMissing = 0;
@@ -64,12 +66,16 @@ ResultCode ObjectDB::CheckNewestObject(std::uint64_t nObjectId, bool* pbHashMiss
 }
 
 ResultCode ObjectDB::ReadRecordForCheck(std::uint64_t nObjectId, tODB_ID_ENTRY* pEntry) {
-  const tODB_ID_ENTRY& objectEntry = *pEntry;
   std::uint32_t bytesRead = 0;
   const ResultCode nRead = m_IdDB.GetRecord(nObjectId, pEntry, sizeof(tODB_ID_ENTRY), &bytesRead);
   ODB_CHECK_AS("m_IdDB.GetRecord(nObjectId, &objectEntry, sizeof(tODB_ID_ENTRY), &bytesRead)", Succeeded(nRead),
                errDATA_CORRUPTED);
   ODB_CHECK(bytesRead == sizeof(tODB_ID_ENTRY), errDATA_CORRUPTED);
+  return CheckNamePlace(*pEntry);
+}
+
+ResultCode ObjectDB::CheckNamePlace(const tODB_ID_ENTRY& objectEntry) {
+  ODB_CHECK_AS("m_pFileData->GetSize(&m_nSizeDT)", KnowsDataSize(), errREAD_FAILED);
   ODB_CHECK_AS("objectEntry.nName + objectEntry.nNameSize <= m_nSizeDT",
                std::uint64_t{objectEntry.nName} + objectEntry.nNameSize <= m_nSizeDT, errDATA_CORRUPTED);
   return errOK;
@@ -145,25 +151,6 @@ ResultCode ObjectDB::RepairTree(std::uint64_t nRecords) {
   return errOK;
 }
 
-ResultCode ObjectDB::RefillEmptyTree() {
-  const std::lock_guard Hold(m_Lock);
-  const std::uint64_t nRecords = m_IdDB.GetRecordCount();
-  if (!HasCrcs() || nRecords == 0 || !m_Tree.IsEmpty()) return errOK;
-  ResultCode nCode = m_Tree.SetUsable(false);
-  std::uint32_t nAdded = 0;
-  for (std::uint64_t nObjectId = nRecords; nObjectId-- > 0 && Succeeded(nCode);) {
-    tODB_ID_ENTRY objectEntry{};
-    if (Failed(ReadRecordForCheck(nObjectId, &objectEntry)) || !IsInTree(objectEntry)) continue;
-    bool bAdded = false;
-    nCode = PutBack(nObjectId, objectEntry, &bAdded);
-    nAdded += bAdded ? 1 : 0;
-  }
-  if (Succeeded(nCode)) nCode = m_Tree.SetUsable(true);
-  if (Failed(nCode)) return nCode;
-  Trace(kHostRoot, traceDamage, "lmb\tBT was repaired, %lu object hashes were added", nAdded);
-  return errOK;
-}
-
 // Adds an object to the tree, unless that finds it, or a newer one of the same hash.
 ResultCode ObjectDB::PutBack(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry, bool* pbAdded) {
   tObjectId idFromBt = 0;
@@ -196,6 +183,82 @@ ResultCode ObjectDB::InsertMissingHash(std::uint64_t nObjectId, const tODB_ID_EN
   ODB_CHECK(0 == next_offset, errDATA_CORRUPTED);
   ODB_CHECK(Succeeded(m_Tree.WriteSlot(At, nHash, static_cast<std::uint32_t>(nObjectId + 1))), errDATA_CORRUPTED);
   return errOK;
+}
+
+// ---- The refill -------------------------------------------------------------------------------------------
+
+ResultCode ObjectDB::RefillEmptyTree() {
+  const std::lock_guard Hold(m_Lock);
+  if (HasCrcs() && m_IdDB.GetRecordCount() != 0) m_Refill.nFailure = ContinueRefill();
+  return m_Refill.nFailure;
+}
+
+// Another attempt, where the last one failed.
+ResultCode ObjectDB::FinishRefill() {
+  if (Failed(m_Refill.nFailure)) m_Refill.nFailure = ContinueRefill();
+  return m_Refill.nFailure;
+}
+
+// From the newest record to the oldest. A record that cannot be read now is the one to go on with; after a failed
+// change of the tree nobody knows what it holds, and it is filled from the start.
+ResultCode ObjectDB::ContinueRefill() {
+  if (m_Refill.Next != TreeRefill::Step::PutBack) {
+    const ResultCode nCode = BeginRefill();
+    if (Failed(nCode)) return nCode;
+  }
+  for (; m_Refill.nLeft > 0; --m_Refill.nLeft) {
+    const ResultCode nCode = RefillRecord(m_Refill.nLeft - 1);
+    if (Failed(nCode)) return nCode;
+  }
+  return EndRefill();
+}
+
+// Where the tree is empty every record is to be looked at; otherwise none.
+ResultCode ObjectDB::BeginRefill() {
+  const bool bAnew = m_Refill.Next == TreeRefill::Step::StartTreeAnew;
+  bool bEmpty = true;
+  const ResultCode nCode = bAnew ? m_Tree.StartAnew() : m_Tree.IsEmpty(&bEmpty);
+  if (Failed(nCode)) return nCode;
+  m_Refill = TreeRefill();
+  m_Refill.Next = TreeRefill::Step::PutBack;
+  m_Refill.nLeft = bEmpty ? m_IdDB.GetRecordCount() : 0;
+  return errOK;
+}
+
+ResultCode ObjectDB::EndRefill() {
+  if (m_Refill.nAdded != 0) {
+    const ResultCode nCode = m_Tree.SetUsable(true);
+    if (Failed(nCode)) return nCode;
+    Trace(kHostRoot, traceDamage, "lmb\tBT was repaired, %lu object hashes were added", m_Refill.nAdded);
+  }
+  m_Refill = TreeRefill();
+  return errOK;
+}
+
+// Puts back the object of a record. One that was read and is damaged is left out; its failed check is in the trace.
+ResultCode ObjectDB::RefillRecord(std::uint64_t nIndex) {
+  tODB_ID_ENTRY Entry{};
+  ResultCode nCode = m_IdDB.GetRecord(nIndex, &Entry, sizeof(Entry), nullptr);
+  if (Succeeded(nCode)) nCode = CheckNamePlace(Entry);
+  if (nCode == errDATA_CORRUPTED) return errOK;
+  if (Failed(nCode) || !IsInTree(Entry)) return nCode;
+  nCode = RefillHash(Entry.nObjectHash, static_cast<std::uint32_t>(nIndex + 1));
+  if (Failed(nCode)) m_Refill.Next = TreeRefill::Step::StartTreeAnew;
+  return nCode;
+}
+
+ResultCode ObjectDB::RefillHash(std::uint64_t nHash, std::uint32_t nShortId) {
+  HashTree::Place At;
+  tObjectId Found = 0;
+  ResultCode nCode = WalkToSlot(nHash, false, &At, &Found);
+  if (Failed(nCode) || Found != 0) return nCode;  // a newer object has the hash
+  // With the first object, and not before: a tree that is empty for good reason is left alone.
+  if (m_Refill.nAdded == 0) nCode = m_Tree.SetUsable(false);
+  if (Failed(nCode)) return nCode;
+  Trace(kHostRoot, traceDamage, "lmb\tObject %lu - hash not found in BT", nShortId);
+  nCode = m_Tree.WriteSlot(At, nHash, nShortId);
+  if (Succeeded(nCode)) ++m_Refill.nAdded;
+  return nCode;
 }
 
 }  // namespace lumbra

@@ -131,7 +131,7 @@ ResultCode ObjectDB::SetObjectData(tObjectId nObjectId, const void* pData, std::
   if (object_entry.nDataEntriesCount != 0) {
     nCode = ReadDataEntries(nObjectId, object_entry, &Entries);
     if (Failed(nCode)) return nCode;
-    ODB_CHECK(IsAmongBlocks(object_entry.nDataEntriesOffset, ArraySize(Entries.nCount)), errDATA_CORRUPTED);
+    ODB_CHECK(object_entry.nDataEntriesOffset >= sizeof(FILE_MAGIC), errDATA_CORRUPTED);  // its end was read
   }
   std::uint32_t nEntry = Entries.Find(nDataType);
   if (nEntry == DataEntries::kNone) {
@@ -143,14 +143,16 @@ ResultCode ObjectDB::SetObjectData(tObjectId nObjectId, const void* pData, std::
   tODB_DATA_ENTRY* const pde = &Entries.Items[nEntry];
   const DataSize Old = DataSize::Decode(pde->nDataSize);
   const std::uint32_t nOldOffset = pde->nDataOffset;
-  // Where no CRC has vouched for the entry: what is about to be overwritten lies among the blocks, at least.
-  const std::uint32_t nOldRoom = std::max(Old.nStored, Old.nCapacity);
-  ODB_CHECK(nOldRoom == 0 || IsAmongBlocks(nOldOffset, nOldRoom), errDATA_CORRUPTED);
+  std::uint32_t nRoom = 0;
+  bool bInFile = false;  // before the file grows: what was outside of it may be another block's place then
+  nCode = FindRoom(*pde, &nRoom, &bInFile);
+  if (Failed(nCode)) return nCode;
   BlockBuffer Scratch;
   ByteView Block{};
   if (!BuildBlock(nObjectId, pData, nSize, &Scratch, &Block)) return errOUT_OF_MEMORY;
-  DataSize New{Block.size(), Old.nCapacity};
-  if (New.nStored > Old.nCapacity) {
+  DataSize New{Block.size(), nRoom};
+  const bool bAppended = New.nStored > nRoom;
+  if (bAppended) {
     std::uint32_t nOffset = 0;
     nCode = AppendData(Block.begin(), Block.size(), &nOffset);
     pde->nDataOffset = nOffset;
@@ -160,13 +162,25 @@ ResultCode ObjectDB::SetObjectData(tObjectId nObjectId, const void* pData, std::
   }
   if (Failed(nCode)) return nCode;
 
-  const bool bMoved = pde->nDataOffset != nOldOffset;
-  if (bMoved || New.nStored != Old.nStored) {
+  if (bAppended || New.nStored != Old.nStored) {
     pde->nDataSize = New.Encode();
     nCode = StoreDataEntry(nObjectId, object_entry, &Entries, nEntry);
     if (Failed(nCode)) return nCode;
   }
-  return bMoved ? ZeroFill(m_pFileData.get(), nOldOffset, Old.nStored) : errOK;
+  return bAppended && bInFile ? ZeroFill(m_pFileData.get(), nOldOffset, Old.nStored) : errOK;
+}
+
+// How much may be written over a block, and whether all of it lies in the file. Where no CRC has vouched for the entry,
+// a place outside is one that it invents, and has no room; nothing ever goes over the magic.
+ResultCode ObjectDB::FindRoom(const tODB_DATA_ENTRY& Entry, std::uint32_t* pnRoom, bool* pbInFile) {
+  const DataSize Old = DataSize::Decode(Entry.nDataSize);
+  const std::uint32_t nTaken = std::max(Old.nStored, Old.nCapacity);
+  if (nTaken == 0) return errOK;
+  ODB_CHECK(Entry.nDataOffset >= sizeof(FILE_MAGIC), errDATA_CORRUPTED);
+  ODB_CHECK_AS("m_pFileData->GetSize(&m_nSizeDT)", KnowsDataSize(), errREAD_FAILED);
+  *pbInFile = std::uint64_t{Entry.nDataOffset} + nTaken <= m_nSizeDT;
+  *pnRoom = Has(featureArrayCrc) || *pbInFile ? Old.nCapacity : 0;
+  return errOK;
 }
 
 // The bytes to store: the caller's own, or a copy with the CRC and the mask that the feature set asks for.
@@ -192,6 +206,8 @@ ResultCode ObjectDB::OverwriteBlock(const tODB_DATA_ENTRY* pde, ByteView dataToW
   ODB_CHECK(m_pFileData->SeekWrite(pde->nDataOffset, dataToWrite.begin(), dataToWrite.size(), &bytesWritten),
             errWRITE_FAILED);
   if (ChecksByteCounts()) ODB_CHECK(dataToWrite.size() == bytesWritten, errWRITE_FAILED);
+  // A block that a CRC vouches for may stand where the file had been cut off.
+  if (bytesWritten != 0) m_nSizeDT = std::max(m_nSizeDT, std::uint64_t{pde->nDataOffset} + bytesWritten);
   return errOK;
 }
 

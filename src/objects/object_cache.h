@@ -1,4 +1,6 @@
-// The objects that were looked at last: 256 slots, each for one value of the low byte of an object's hash.
+// The objects that were looked at last: 256 slots, each for one value of the low byte of an object's hash. A record
+// that was read by its id may be an older one of its hash; only the tree, or the object's creation, vouches that it is
+// the one which the hash leads to.
 #pragma once
 
 #include <cstdint>
@@ -9,11 +11,17 @@ namespace lumbra {
 
 class ObjectCache {
  public:
-  // The object with this hash, or null. Hash 0 is never found: many objects have it.
+  // Whether an object with this hash is here, be it the one that the hash leads to or not. Hash 0 is never found: many
+  // objects have it.
+  bool Holds(std::uint64_t nHash) const {
+    const Slot& Candidate = m_Slots[nHash & 0xFFu];
+    return nHash != 0 && Candidate.Id != 0 && Candidate.Entry.nObjectHash == nHash;
+  }
+
+  // The object that this hash leads to, or null where nothing vouches for one.
   const tObjectId* FindByHash(std::uint64_t nHash) const {
     const Slot& Candidate = m_Slots[nHash & 0xFFu];
-    const bool bHit = nHash != 0 && Candidate.Id != 0 && Candidate.Entry.nObjectHash == nHash;
-    return bHit ? &Candidate.Id : nullptr;
+    return Holds(nHash) && Candidate.bVouched ? &Candidate.Id : nullptr;
   }
 
   // The record of this object, or null.
@@ -24,8 +32,15 @@ class ObjectCache {
 
   void Insert(tObjectId id, const tODB_ID_ENTRY& Entry) {
     const auto nSlot = static_cast<std::uint8_t>(Entry.nObjectHash);
-    m_Slots[nSlot] = {id, Entry};
+    const bool bVouched = m_Slots[nSlot].bVouched && m_Slots[nSlot].Id == id;  // the hash of an object never changes
+    m_Slots[nSlot] = {id, Entry, bVouched};
     m_SlotOfId[id & 0xFFu] = nSlot;
+  }
+
+  // Says of an object that was just found or inserted here that its hash leads to it.
+  void Vouch(tObjectId id) {
+    Slot& Candidate = m_Slots[m_SlotOfId[id & 0xFFu]];
+    if (Candidate.Id == id) Candidate.bVouched = true;
   }
 
   void Clear() { *this = ObjectCache(); }
@@ -34,6 +49,7 @@ class ObjectCache {
   struct Slot {
     tObjectId Id;
     tODB_ID_ENTRY Entry;
+    bool bVouched;
   };
   Slot m_Slots[256] = {};
   std::uint8_t m_SlotOfId[256] = {};  // by the low byte of the id: the slot that last received such an object

@@ -28,41 +28,47 @@ std::uint32_t StoredCrc(const std::uint8_t* pCrc) {
 bool PlainDB::Open(std::unique_ptr<StorageFile>& pFile, std::uint32_t nUserRecordSize, bool bCheckedIfCreated) {
   constexpr std::uint32_t kMaxUserSize = UINT32_MAX - CheckedAdditionSize;
   if (pFile == nullptr || nUserRecordSize == 0 || nUserRecordSize > kMaxUserSize) return false;
-  if (!AcceptHeader(*pFile, nUserRecordSize) && !Recreate(*pFile, nUserRecordSize, bCheckedIfCreated)) return false;
-  m_pFile = std::move(pFile);
-  return true;
+  return Take(Look(*pFile, nUserRecordSize), pFile, nUserRecordSize, bCheckedIfCreated);
 }
 
-bool PlainDB::AcceptHeader(StorageFile& File, std::uint32_t nUserRecordSize) {
+FileContent PlainDB::Look(StorageFile& File, std::uint32_t nUserRecordSize) {
+  m_nRecordCount = 0;
   tPLAINDB_HEADER Header{};
   std::uint32_t nRead = 0;
-  if (!File.SeekRead(0, &Header, sizeof(Header), &nRead) || nRead != sizeof(Header)) return false;
-  if (Header.nHeaderSize != sizeof(Header)) return false;
+  if (!File.SeekRead(0, &Header, sizeof(Header), &nRead)) return FileContent::Unread(errREAD_FAILED);
+  if (nRead != sizeof(Header) || Header.nHeaderSize != sizeof(Header)) return FileContent::Foreign();
   const bool bUnchecked = std::memcmp(Header.Magic, kUncheckedMagic, sizeof(Header.Magic)) == 0;
   const bool bChecked = std::memcmp(Header.Magic, kCheckedMagic, sizeof(Header.Magic)) == 0;
-  if (!bUnchecked && !bChecked) return false;
+  if (!bUnchecked && !bChecked) return FileContent::Foreign();
   if (std::uint64_t{Header.nRecordSize} != std::uint64_t{nUserRecordSize} + (bChecked ? CheckedAdditionSize : 0)) {
-    return false;
+    return FileContent::Foreign();
   }
   std::uint64_t nFileSize = 0;
-  if (!File.GetSize(&nFileSize)) return false;
+  if (!File.GetSize(&nFileSize)) return FileContent::Unread(errREAD_FAILED);
 
   m_nRecordSize = Header.nRecordSize;
   m_bChecked = bChecked;
   m_nOpenFileSize = nFileSize;
   m_nRecordCount = RecordCountOfSize(nFileSize, m_nRecordSize);
+  return FileContent::Ours();
+}
+
+bool PlainDB::Take(const FileContent& Found, std::unique_ptr<StorageFile>& pFile, std::uint32_t nUserRecordSize,
+                   bool bCheckedIfCreated) {
+  if (Failed(Found.OrStartAnew([&] { return Recreate(*pFile, nUserRecordSize, bCheckedIfCreated); }))) return false;
+  m_pFile = std::move(pFile);
   return true;
 }
 
-bool PlainDB::Recreate(StorageFile& File, std::uint32_t nUserRecordSize, bool bChecked) {
+ResultCode PlainDB::Recreate(StorageFile& File, std::uint32_t nUserRecordSize, bool bChecked) {
   m_nRecordSize = nUserRecordSize + (bChecked ? CheckedAdditionSize : 0);
   m_bChecked = bChecked;
   m_nRecordCount = 0;
   tPLAINDB_HEADER Header{{}, sizeof(Header), m_nRecordSize};
   std::memcpy(Header.Magic, bChecked ? kCheckedMagic : kUncheckedMagic, sizeof(Header.Magic));
-  if (!File.SetSize(0) || !File.SeekWrite(0, &Header, sizeof(Header), nullptr)) return false;
+  if (!File.SetSize(0) || !File.SeekWrite(0, &Header, sizeof(Header), nullptr)) return errWRITE_FAILED;
   m_nOpenFileSize = sizeof(Header);
-  return true;
+  return errOK;
 }
 
 bool PlainDB::Close() {

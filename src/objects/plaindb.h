@@ -15,6 +15,7 @@
 #include <memory>
 
 #include "lumbra/result_code.h"
+#include "platform/file_content.h"
 #include "platform/storage_file.h"
 
 namespace lumbra {
@@ -39,9 +40,15 @@ class PlainDB {
   PlainDB(const PlainDB&) = delete;
   PlainDB& operator=(const PlainDB&) = delete;
 
-  // Takes the file over, or answers false and leaves it with the caller. A file whose header is missing,
-  // foreign or of another record size is started anew, empty.
+  // Takes the file over, or answers false and leaves it with the caller. A file whose header was read and is short,
+  // foreign or of another record size is started anew, empty; one that could not be read stays as it is.
   bool Open(std::unique_ptr<StorageFile>& pFile, std::uint32_t nUserRecordSize, bool bCheckedIfCreated);
+
+  // The two steps of Open, for an owner who looks at more files before any is written. Look changes nothing; of a file
+  // that is ours, its kind and counts are known from then on. Take goes on with what Look found in the same file.
+  FileContent Look(StorageFile& File, std::uint32_t nUserRecordSize);
+  bool Take(const FileContent& Found, std::unique_ptr<StorageFile>& pFile, std::uint32_t nUserRecordSize,
+            bool bCheckedIfCreated);
   bool Close();  // always true
   bool Flush();  // always true; a failure is traced, and stays in the file object
 
@@ -49,6 +56,8 @@ class PlainDB {
   std::uint64_t GetSize() const { return m_nRecordCount * m_nRecordSize; }  // of whole records, without the header
   std::uint32_t UserRecordSize() const { return m_nRecordSize - (m_bChecked ? CheckedAdditionSize : 0); }
   std::uint32_t StoredRecordSize() const { return m_nRecordSize; }
+  bool IsChecked() const { return m_bChecked; }
+  std::uint64_t OpenFileSize() const { return m_nOpenFileSize; }  // bytes of the whole file when it was opened
 
   // Whether the file held a whole number of records when it was opened: errOK or errDATA_CORRUPTED.
   ResultCode FastConsistencyCheck() const;
@@ -75,8 +84,7 @@ class PlainDB {
   static constexpr std::uint64_t kMaxRecords = 0xFFFFFFFF;
 
   std::uint64_t PositionOf(std::uint64_t nIndex) const { return sizeof(tPLAINDB_HEADER) + nIndex * m_nRecordSize; }
-  bool AcceptHeader(StorageFile& File, std::uint32_t nUserRecordSize);
-  bool Recreate(StorageFile& File, std::uint32_t nUserRecordSize, bool bChecked);
+  ResultCode Recreate(StorageFile& File, std::uint32_t nUserRecordSize, bool bChecked);
   ResultCode WriteCheckedRecord(std::uint64_t nPosition, const void* pData, std::uint32_t nDataSize);
   ResultCode GetUncheckedRecord(std::uint64_t nIndex, void* pDataBuff, std::uint32_t nDataBuffSize);
   ResultCode GetCheckedRecord(std::uint64_t nIndex, void* pDataBuff);

@@ -18,8 +18,8 @@
 namespace lumbra {
 namespace {
 
-// The files of one segment, in the order in which they are deleted: the events last, so that an interrupted
-// deletion leaves a segment that is still listed and can be deleted again.
+// The files of one segment, in the order in which a dropped or discarded one loses them. Nothing leads to it by then:
+// what an interruption leaves stays until the folder is cleared.
 constexpr std::u16string_view kEventFile = u"events.dat";
 constexpr std::u16string_view kSegmentFiles[] = {u"objbt.dat", u"objid.dat", u"objdt.dat", kEventFile};
 
@@ -158,25 +158,22 @@ ResultCode StorageEnvironment::DeleteFiles(const char16_t* /*pPattern*/, std::ui
   return errOK;
 }
 
-// Deletes the folder's segments from the newest on, each from its events on, so that what an interruption leaves is the
-// beginning of the chain, whole. One whose events cannot be deleted keeps its other files; false when there is one.
+// Deletes the folder's segments from the newest on, each from its events on, up to the first whose events cannot be
+// deleted. So what is left, be it by an interruption, is the beginning of the chain, whole. False when there is such
+// one.
 bool StorageEnvironment::DeleteSegments() {
   std::vector<std::u16string> Names;
   if (os::ListPlainFiles(m_Folder, &Names) != os::kSuccess) return false;
   std::erase_if(Names, [](const std::u16string& Name) { return !IsEventFile(Name); });
   std::sort(Names.begin(), Names.end(), std::greater<>());
-  bool bAll = true;
   for (const std::u16string& Name : Names) {
-    if (os::RemoveFile(PathOf(Name)) != os::kSuccess) {
-      bAll = false;
-      continue;
-    }
+    if (os::RemoveFile(PathOf(Name)) != os::kSuccess) return false;
     const std::u16string Number = Name.substr(0, kPrefixLength);
     for (const std::u16string_view Other : kSegmentFiles) {
       if (Other != kEventFile) os::RemoveFile(PathOf(Number + std::u16string(Other)));
     }
   }
-  return bAll;
+  return true;
 }
 
 void* StorageEnvironment::Alloc(std::uint32_t nSize) noexcept {

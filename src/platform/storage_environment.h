@@ -51,8 +51,8 @@ class StorageEnvironment {
                       std::unique_ptr<StorageFile>* ppFile);
 
   // Id 0: deletes every plain file of the folder; folders and links stay. Segments go first, from the newest on, and
-  // "segments.dat" last: interrupted, it leaves a chain without its end. While the events of a segment cannot be
-  // deleted, the segment and what leads to it stay. Otherwise deletes the id's four segment files. What cannot be
+  // "segments.dat" last: interrupted, it leaves a chain without its end. It ends at a segment whose events cannot be
+  // deleted. Otherwise deletes the id's four segment files. What cannot be
   // deleted stays. Always errOK; the pattern has no influence.
   ResultCode DeleteFiles(const char16_t* pPattern, std::uint32_t nId) noexcept;
 

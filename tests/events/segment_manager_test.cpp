@@ -242,6 +242,26 @@ TEST_F(SegmentManagerTest, StartsBehindAnOldestSegmentThatHasLostAFile) {
   EXPECT_EQ("534442480300000004000000", ToHex(ReadFile("segments.dat")));
   Restart();
   EXPECT_EQ(From(21, 15), Get(0, 0, 15));
+  // The last one, too; its number does not come back.
+  m_pManager->SetDbMaxEvents(5);
+  m_pManager.reset();
+  std::filesystem::remove(Folder() / "00000004_objid.dat");
+  Restart();
+  Get(0, 0, 1, errOPEN_FAILED);
+  Restart();
+  EXPECT_EQ(MakeObjectId(5, 0), Add(1));
+}
+
+TEST_F(SegmentManagerTest, LosesNothingWhileTheFolderIsAway) {
+  Fill(10, 35);
+  Restart();
+  FailCalls(SystemCall::Open, os::kPathNotFound, 2);
+  Get(0, 0, 1, errOPEN_FAILED);
+  fs::rename(Folder(), Folder().string() + "-away");
+  Get(10, 0, 1, errOPEN_FAILED);
+  fs::rename(Folder().string() + "-away", Folder());
+  Restart();
+  EXPECT_EQ(From(1, 35), Get(0, 0, 35));
 }
 
 TEST_F(SegmentManagerTest, StaysOpenOnWhatCouldNotBeCleared) {
@@ -251,8 +271,8 @@ TEST_F(SegmentManagerTest, StaysOpenOnWhatCouldNotBeCleared) {
   EXPECT_EQ(From(1, 35), Get(0, 0, 35));
   FailCalls(SystemCall::Remove, os::kAccessDenied, 4);  // behind the files of the last segment
   EXPECT_CODE(errACCESS_DENIED, m_pManager->Clear());
-  EXPECT_EQ(From(21, 10), Get(0, 0, 10));
-  EXPECT_EQ(MakeObjectId(4, 0), Add(1));
+  Restart();
+  EXPECT_EQ(From(1, 30), Get(0, 0, 30));
 }
 
 TEST_F(SegmentManagerTest, TakesTheNumberOfAnUnfinishedSegmentAgain) {

@@ -54,9 +54,10 @@ TEST_F(ObjectDbCheckTest, RefillsAnEmptyTree) {
   CreateUpTo(500);
   ASSERT_EQ(Id(501), Create(HashOf(77), "x", true));
   Replace("bt", {});
-  FailCalls(SystemCall::WriteAt, os::kDiskFull, 700);
+  FailCalls(SystemCall::WriteAt, os::kDiskFull, 700, UINT64_MAX);
   EXPECT_TRUE(Failed(m_pDb->RefillEmptyTree()));
   EXPECT_EQ(0u, Find(HashOf(1)));
+  ResetSystem();
   Open(true);
   EXPECT_CODE(errOK, m_pDb->RefillEmptyTree());
   EXPECT_EQ("350 BT was repaired, 500 object hashes were added", LastLine());

@@ -128,7 +128,7 @@ TEST_F(ObjectDbCompactTest, LeavesTheLiveStoreAlone) {
   const std::pair kFiles{ReadFile("id"), ReadFile("dt")};
   const std::tuple<SystemCall, os::SystemError, std::vector<ResultCode>> kFaults[] = {
       {SystemCall::WriteAt, os::kDiskFull, {errOPEN_FAILED, errWRITE_FAILED}},
-      {SystemCall::ReadAt, os::kIoDevice, {errOK, errREAD_FAILED}},
+      {SystemCall::ReadAt, os::kIoDevice, {errOK, errREAD_FAILED, errOPEN_FAILED}},
       {SystemCall::Size, os::kIoDevice, {errOK, errREAD_FAILED}},
       {SystemCall::Sync, os::kIoDevice, {errWRITE_FAILED}}};
   for (const auto& [Failing, nError, Codes] : kFaults) {

@@ -146,11 +146,33 @@ TEST_F(ObjectDbTest, ChecksEntriesWithoutCrcs) {
     EXPECT_EQ(Name(errDATA_CORRUPTED), DataOf(Id(1), 1));
     EXPECT_EQ(FailedCheck(pCheck), LastLine());
   }
-  for (const char* const pPlace : {"03000000 05000580", "1e000000 05000580"}) {
-    Damage("dt", 14, pPlace);
-    const Bytes kBefore = ReadFile("dt");
-    EXPECT_EQ(Lines(2, Name(errDATA_CORRUPTED)), Names({SetData(Id(1), 1, "other"), SetData(Id(1), 1, "longer data")}));
-    EXPECT_EQ(kBefore, ReadFile("dt")) << pPlace;
+  Damage("dt", 14, "03000000 05000580");
+  const Bytes kBefore = ReadFile("dt");
+  EXPECT_EQ(Lines(2, Name(errDATA_CORRUPTED)), Names({SetData(Id(1), 1, "other"), SetData(Id(1), 1, "longer data")}));
+  EXPECT_EQ(kBefore, ReadFile("dt"));
+  // A place outside the file has no room. It is not wiped either: the new block may lie there.
+  for (const std::string Data : {"fits", "a block that goes on to the place outside"}) {
+    Damage("dt", 14, "1e000000 05000580");
+    m_pDb.reset();
+    fs::resize_file(Folder() / "dt", 22);
+    Open(false);
+    ASSERT_CODE(errOK, SetData(Id(1), 1, Data));
+    EXPECT_EQ((Lines{Data, "n"}), (Lines{DataOf(Id(1), 1), NameOf(Id(1))}));
+    EXPECT_EQ(22 + Data.size(), FileSize("dt"));
+  }
+}
+
+// A block that was cut off with the end of its file can be replaced, in its room or at the end.
+TEST_F(ObjectDbTest, ReplacesABlockThatWasCutOff) {
+  for (const std::string Data : {"its room is enough", "its room is not enough, for it has less than that"}) {
+    Start(true, {{0x0101, "n"}}, "data");
+    ASSERT_CODE(errOK, SetData(Id(1), 1, "behind its array now"));
+    m_pDb.reset();
+    fs::resize_file(Folder() / "dt", FileSize("dt") - 3);
+    Open(true);
+    ASSERT_CODE(errOK, SetData(Id(1), 1, Data));
+    EXPECT_EQ(Data, DataOf(Id(1), 1));
+    EXPECT_EQ(FileSizes(), m_pDb->GetSize());
   }
 }
 
