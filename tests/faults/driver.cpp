@@ -182,7 +182,7 @@ void Driver::AddToEach(const char* pWhen) {
   const auto Expect = [&](bool bDone) {
     if (!bDone) Found(std::string("an add fails ") + pWhen + ": " + m_LastFailure);
   };
-  Expect(Find(0) != 0);
+  Expect(Find(0).has_value());
   for (const Database& One : m_Databases) Expect(Add(One));
 }
 
@@ -195,7 +195,7 @@ const Key* Driver::Pick(Key::Kinds Kind) {
 }
 
 // Finds or creates an object under one of a few names, so that some are there already.
-Id Driver::Find(std::uint32_t nDatabase) {
+std::optional<Id> Driver::Find(std::uint32_t nDatabase) {
   Begin(kOther, nDatabase);
   const std::string Path =
       "C:\\Dir" + std::to_string(m_With.nFirst * 10 + Below(4)) + "\\Name" + std::to_string(Below(40));
@@ -206,19 +206,23 @@ Id Driver::Find(std::uint32_t nDatabase) {
       Below(2) == 0
           ? Call(&Ops::FindObject, nDatabase, typeFile, Wide.c_str(), kZeroTerminated, kRepairing, 0, 0, &nId)
           : Call(&Ops::FindObjectSimple, nDatabase, typeFile, Wide.c_str(), kZeroTerminated, kRepairing, 0, &nId);
+  if (nCode == errDATA_CORRUPTED && m_Compared != End::Whole) {
+    ++m_nRefusedNames;
+    return 0;
+  }
   if (Failed(nCode)) {
     m_LastFailure = "finding in " + Hex(nDatabase) + ", " + host::DescribeCode(nCode);
-    return 0;
+    return {};
   }
   Tell({Fact::Promise, {Key::Name, nId}, Path});
   return nId;
 }
 
 bool Driver::Add(const Database& To) {
-  const Id nObject = Find(To.nId);
-  if (nObject == 0) return false;
+  const std::optional<Id> nObject = Find(To.nId);
+  if (!nObject) return false;
   TellDrops(To);
-  const std::string Content = EventOfSerial(++m_nSerial, nObject);
+  const std::string Content = EventOfSerial(++m_nSerial, *nObject);
   Tell({Fact::Attempt, {Key::Event, FirstOf(To.nId)}, Content});
   Begin(kAddOrLimit, To.nId);
   Id nId = 0;
@@ -410,7 +414,7 @@ void Driver::VerifyEvents(const Database& Of, const Chain& There, const Promises
   std::uint32_t nRecords = 0;
   for (const auto& One : There) nRecords += One.second;
   const std::uint32_t nTold = Info(Of.nId).first;
-  if (nTold != nRecords && How != End::Damage) {
+  if (nTold != nRecords && How == End::Whole) {
     Found("database " + Hex(Of.nId) + " tells " + std::to_string(nTold) + " events, its files have " +
           std::to_string(nRecords));
   }

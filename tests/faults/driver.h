@@ -58,6 +58,9 @@ class Driver {
   bool IsMarkedCorrupted() const;
 
   Record& Known() { return m_Known; }
+  // Names that could not be created after damage or a loss of power, since the way to their place in the tree leads to
+  // the record of another one, which is lost. That is the format's price; events go on without them.
+  std::uint64_t RefusedNames() const { return m_nRefusedNames; }
 
  private:
   using Ops = LumbraOperations;
@@ -78,7 +81,7 @@ class Driver {
   const Key* Pick(Key::Kinds Kind);
 
   bool OpenDatabase(Database* pDatabase, Limits Set);
-  Id Find(std::uint32_t nDatabase);
+  std::optional<Id> Find(std::uint32_t nDatabase);  // 0 for a name that was refused
   bool Add(const Database& To);
   void TellDrops(const Database& Of);
   void LearnDrops(const Database& Of);
@@ -104,7 +107,8 @@ class Driver {
   Random m_Random;
   std::uint64_t m_nSerial;
   End m_Compared = End::Whole;  // as what it was compared last: it decides which ids may come back
-  std::string m_LastFailure;  // of finding or adding
+  std::string m_LastFailure;    // of finding or adding
+  std::uint64_t m_nRefusedNames = 0;
 };
 
 }  // namespace lumbra::test

@@ -56,19 +56,17 @@ Tape TapeOf(const Choice& Which, bool bChecked) {
   return All;
 }
 
-// Opens what is left, compares it, and goes on.
-void CheckMoment(const Choice& Which, bool bChecked, const Disk& Left, const Record& Known, Random* pPower,
-                 Driver::Lookups Which2) {
+// Opens what is left, compares it, and goes on. Answers how many names were refused.
+std::uint64_t CheckMoment(const Choice& Which, bool bChecked, const Disk& Left, const Record& Known, Random* pPower,
+                          Driver::Lookups Names) {
   const fs::path Folder = Which.Folder / "moment";
   Left.Build(Folder, pPower);
   ResetSystem();
   Driver Next({Folder, bChecked, Which.nSeed + kOtherSerials}, Known);
-  if (!Next.Open(Driver::Limits::No)) return Found("it does not open");
-  Next.Verify(pPower == nullptr ? Driver::End::Whole : Driver::End::Power, Which2);
+  if (!Next.Open(Driver::Limits::No)) Found("it does not open");
+  Next.Verify(pPower == nullptr ? Driver::End::Whole : Driver::End::Power, Names);
   Next.AddToEach("after a new start");
-  Next.Close();
-  Next.Open(Driver::Limits::No);
-  Next.AddToEach("after another one");
+  return Next.RefusedNames();
 }
 
 // A tape that is played: the disk and the record as they are at each moment.
@@ -95,14 +93,23 @@ bool EndsMoment(const Tape::value_type& Next) {
   return pFact == nullptr || pFact->Kind == Fact::TakeBack || pFact->Kind == Fact::Drop || pFact->Kind == Fact::Clear;
 }
 
-// A case's number: the process or the power, and at which moment.
-std::uint64_t CheckMoments(const Choice& Which, bool bChecked, const Tape& All, std::uint64_t nWanted) {
+struct Cuts {
+  std::uint64_t nMade = 0;
+  std::uint64_t nRefusedNames = 0;
+};
+
+// A case's number: checked or not, the process or the power, and at which moment.
+Cuts CheckMoments(const Choice& Which, bool bChecked, const Tape& All, std::uint64_t nWanted) {
   std::vector<std::size_t> Moments;
   for (std::size_t i = 1; i < All.size(); ++i) {
     if (EndsMoment(All[i])) Moments.push_back(i);
   }
   Moments.push_back(All.size());
-  const std::vector<std::uint64_t> Cases = Which.Cases(2 * Moments.size(), nWanted);
+  Cuts Done;
+  Choice Half = Which;
+  if (Which.nOnly && (*Which.nOnly % 2 != 0) != bChecked) return Done;
+  if (Which.nOnly) Half.nOnly = *Which.nOnly / 2;
+  const std::vector<std::uint64_t> Cases = Half.Cases(2 * Moments.size(), nWanted);
   Player Now;
   std::size_t nPlayed = 0;
   for (const std::uint64_t nCase : Cases) {
@@ -110,13 +117,14 @@ std::uint64_t CheckMoments(const Choice& Which, bool bChecked, const Tape& All, 
       std::visit([&](const auto& One) { Now.Apply(One); }, All[nPlayed]);
     }
     const bool bPower = nCase % 2 != 0;
-    Which.Start(bChecked ? "moments (checked)" : "moments", nCase);
+    Which.Start("moments", 2 * nCase + (bChecked ? 1 : 0));
     Random Power(Which.nSeed + nCase);
     const bool bMayFail = bPower ? Now.bTreeUnflushed : Now.bTreeJust && bChecked;
-    CheckMoment(Which, bChecked, Now.Made, Now.Known, bPower ? &Power : nullptr,
-                bMayFail ? Driver::Lookups::MayFail : Driver::Lookups::MustSucceed);
+    Done.nRefusedNames += CheckMoment(Which, bChecked, Now.Made, Now.Known, bPower ? &Power : nullptr,
+                                      bMayFail ? Driver::Lookups::MayFail : Driver::Lookups::MustSucceed);
+    ++Done.nMade;
   }
-  return Cases.size();
+  return Done;
 }
 
 void CheckOrder(const Tape& All) {
@@ -154,12 +162,12 @@ void CheckOrderUnderFault(const Choice& Which, bool bChecked, DiskChange::Kind W
 }  // namespace
 
 void RunMoments(const Choice& Which) {
-  std::uint64_t nCuts = 0;
+  Cuts All;
   for (const bool bChecked : {false, true}) {
-    const Tape All = TapeOf(Which, bChecked);
+    const Tape Played = TapeOf(Which, bChecked);
     if (!Which.nOnly) {
       Which.Start("moments, order of writes", UINT64_MAX);
-      CheckOrder(All);
+      CheckOrder(Played);
       for (std::uint64_t n = 0; n < (Which.bLong ? 30 : 6); ++n) {
         Which.Start("moments, header not written", n);
         CheckOrderUnderFault(Which, bChecked, DiskChange::Write, n);
@@ -167,9 +175,12 @@ void RunMoments(const Choice& Which) {
         CheckOrderUnderFault(Which, bChecked, DiskChange::Sync, n);
       }
     }
-    nCuts += CheckMoments(Which, bChecked, All, 1200);
+    const Cuts Done = CheckMoments(Which, bChecked, Played, 1200);
+    All.nMade += Done.nMade;
+    All.nRefusedNames += Done.nRefusedNames;
   }
-  std::printf("moments: %llu cuts\n", static_cast<unsigned long long>(nCuts));
+  std::printf("moments: %llu cuts, after which %llu names were refused\n", static_cast<unsigned long long>(All.nMade),
+              static_cast<unsigned long long>(All.nRefusedNames));
 }
 
 // ---- Planted faults ---------------------------------------------------------------------------------------
@@ -205,7 +216,7 @@ void WorkWithASpoiledEvent(const Choice& Which, Spoil Decide) {
   Work.Verify(Driver::End::Whole, Driver::Lookups::MustSucceed);
 }
 
-// The first write of an event behind a position on the tape, and the first change behind that.
+// The position of the first such change from another one on.
 std::size_t FindChange(const Tape& All, std::size_t nFrom, DiskChange::Kind What, std::string_view Name) {
   for (; nFrom < All.size(); ++nFrom) {
     const DiskChange* const pChange = std::get_if<DiskChange>(&All[nFrom]);

@@ -67,7 +67,7 @@ void RunBits(const Choice& Which) {
     Driver Next({Folder, true, Which.nSeed + kOtherSerials}, Known);
     if (!Next.Open(Driver::Limits::No)) continue;
     Next.Verify(Driver::End::Damage, Driver::Lookups::MayFail);
-    Next.AddToEach("");
+    Next.AddToEach("after damage");
   }
   std::printf("bits: %zu of %llu\n", Cases.size(), static_cast<unsigned long long>(nBits));
 }
