@@ -15,6 +15,7 @@ int main() {
   store.Call(&LumbraOperations::FindObjectSimple, 1, typeFile, u"C:\\Reports\\today.txt", kZeroTerminated, 1, 0,
              &event[1]);
   store.Call(&LumbraOperations::AddEvent, 1, event, sizeof(event), nullptr);
+  if (Failed(host.SendFlush())) return 1;  // the system has it by now; this brings it to the disk
 
   char16_t name[260] = {};
   store.Call(&LumbraOperations::GetEvents, 1, 0, event, sizeof(event), 1, nullptr, nullptr);

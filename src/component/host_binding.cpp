@@ -1,11 +1,9 @@
 #include "component/host_binding.h"
 
 #include <atomic>
-#include <mutex>
 #include <string>
 
 #include "lumbra/lumbra.h"
-#include "platform/os.h"
 #include "platform/trace.h"
 
 namespace lumbra::binding {
@@ -39,21 +37,21 @@ class LateFunction {
 
  private:
   void* Bind(HostObject* pRoot) {
-    static os::CriticalSection Binding;  // one thread at a time lets the host write
-    const std::lock_guard Hold(Binding);
-    if (void* const pBound = m_pFunction.load(std::memory_order_relaxed); pBound != nullptr) return pBound;
+    // Without a lock: the host may hold one of its own, for which a thread waits that would hold ours. Threads that
+    // come here at once are all given the same function.
     const ResultCode nCode =
         RootOperationsOf(pRoot).BindFunction(pRoot, &m_pSlot, m_nExporter, m_nFunctionId, m_nOption);
     if (Failed(nCode)) return nullptr;
-    m_pFunction.store(m_pSlot, std::memory_order_release);
-    return m_pSlot;
+    void* const pBound = std::atomic_ref(m_pSlot).load(std::memory_order_acquire);
+    m_pFunction.store(pBound, std::memory_order_release);
+    return pBound;
   }
 
   const std::uint32_t m_nExporter;
   const std::uint32_t m_nFunctionId;
   const std::uint32_t m_nOption;
-  void* m_pSlot = nullptr;
-  std::atomic<void*> m_pFunction{nullptr};  // what was bound, for threads that do not wait
+  alignas(std::atomic_ref<void*>::required_alignment) void* m_pSlot = nullptr;
+  std::atomic<void*> m_pFunction{nullptr};  // what was bound: a binding that fails may leave anything in the slot
 };
 
 LateFunction<HostTraceFunction> g_Trace(kExporterTrace, kFunctionTrace, kTraceBindOption);

@@ -167,6 +167,7 @@ ResultCode Segment::GetEvents(std::uint32_t nIndexLow, std::uint32_t nIndexHigh,
   const ResultCode nCode = m_pEvents->GetRecords(nIndexLow, pBuffer, nLimit, &nRead);
   if (pnDelivered != nullptr) *pnDelivered = nRead;
   if (Failed(nCode)) return nCode;
+  if (m_pEvents->ReadFailed()) return errREAD_FAILED;  // not a success with fewer events
   return nRead == nCount ? errOK : errNO_MORE_EVENTS;
 }
 

@@ -148,12 +148,13 @@ bool NextComponent(std::u16string_view Path, std::size_t* pnPosition, Component*
 }
 
 ResultCode FindPath(const ObjectStores& Stores, ObjectDB& Store, const ObjectQuery& Query, std::uint32_t nFlags,
-                    std::u16string_view Path, std::uint64_t* pnId) {
+                    std::uint32_t nSize, std::uint64_t* pnId) {
+  const std::u16string_view Path(static_cast<const char16_t*>(Query.pName), nSize / kUnit);
   std::uint64_t nCurrent = Query.nParentId;
   std::size_t nPosition = 0;
   ResultCode nLast = errUNSPECIFIED;
   if (nCurrent == 0) {
-    const PathRoot Root = FindPathRoot(Query.nType, Path);
+    const PathRoot Root = FindPathRoot(Query.nType, Path, nSize % kUnit != 0);
     nPosition = Root.nStart;
     if (Root.nLength != 0) {
       nLast = FindRoot(Stores, Store, Root, Path, nFlags, &nCurrent);
@@ -193,8 +194,7 @@ ResultCode FindObjectByName(const ObjectStores& Stores, StoreChoice Choice, cons
   if ((nFlags & fObjSplitPath) == 0 || Query.pName == nullptr) {
     return FindSingleObject(Store, Query.nType, nFlags, Query.pName, nSize, Query.nParentId, Query.nMode, pnId);
   }
-  const std::u16string_view Path(static_cast<const char16_t*>(Query.pName), nSize / kUnit);
-  return FindPath(Stores, Store, Query, nFlags, Path, pnId);
+  return FindPath(Stores, Store, Query, nFlags, nSize, pnId);
 }
 
 // ---- From an object to its name ---------------------------------------------------------------------------

@@ -38,10 +38,10 @@ std::size_t DriveRootLength(std::u16string_view Path) {
   return (c >= u'A' && c <= u'Z') || (c >= u'a' && c <= u'z') ? 2 : 0;
 }
 
-// A name of two units that are one of the predefined handles, an abbreviation, or the first of the full names
+// A name of just two units that are one of the predefined handles, an abbreviation, or the first of the full names
 // that the path starts with. What follows the name is not looked at.
-std::size_t RegistryRootLength(std::u16string_view Path) {
-  if (Path.size() == 2) {
+std::size_t RegistryRootLength(std::u16string_view Path, bool bHalfUnit) {
+  if (Path.size() == 2 && !bHalfUnit) {
     const std::uint32_t nHandle = Path[0] | (std::uint32_t{Path[1]} << 16);
     return nHandle >= 0x80000000u && nHandle <= 0x80000006u ? 2 : 0;
   }
@@ -58,9 +58,9 @@ std::size_t RegistryRootLength(std::u16string_view Path) {
 
 }  // namespace
 
-PathRoot FindPathRoot(std::uint8_t nObjectType, std::u16string_view Path) {
+PathRoot FindPathRoot(std::uint8_t nObjectType, std::u16string_view Path, bool bHalfUnit) {
   if (nObjectType == typeRegistryKey || nObjectType == typeRegistryValue) {
-    return {typeRegistryRoot, 0, RegistryRootLength(Path)};
+    return {typeRegistryRoot, 0, RegistryRootLength(Path, bHalfUnit)};
   }
   if (const std::size_t nLength = VolumeRootLength(Path); nLength != 0) return {typeVolumeRoot, 0, nLength};
   const std::size_t nStart = HasLongPrefix(Path) ? kLongPrefix : 0;

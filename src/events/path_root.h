@@ -15,7 +15,8 @@ struct PathRoot {
 };
 
 // The root of a path of an object type. Registry types (key, value) know registry roots only, all others
-// volume names, servers and drives, the latter two also behind a long-path prefix.
-PathRoot FindPathRoot(std::uint8_t nObjectType, std::u16string_view Path);
+// volume names, servers and drives, the latter two also behind a long-path prefix. bHalfUnit: one more byte follows the
+// path's units, so that it is not the name that these alone would be.
+PathRoot FindPathRoot(std::uint8_t nObjectType, std::u16string_view Path, bool bHalfUnit = false);
 
 }  // namespace lumbra

@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cassert>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "host/host_objects.h"
 #include "host/standalone_host.h"
@@ -17,6 +17,8 @@ namespace lumbra::host {
 namespace {
 
 std::atomic<StandaloneHost*> g_pHost{nullptr};
+
+constinit thread_local FailureWatch* t_pWatch = nullptr;
 
 LumbraInstance* InstanceOf(HostObject* pHandle) {
   return reinterpret_cast<LumbraInstance*>(reinterpret_cast<std::byte*>(pHandle) - offsetof(LumbraInstance, Handle));
@@ -67,10 +69,21 @@ bool ReplaceAll(std::u16string* pText, std::u16string_view What, std::u16string_
 
 }  // namespace
 
-void HostServices::Enter(StandaloneHost* pHost) {
-  [[maybe_unused]] StandaloneHost* pNone = nullptr;
-  [[maybe_unused]] const bool bFirst = g_pHost.compare_exchange_strong(pNone, pHost);
-  assert(bFirst && "one host in a process at a time");
+FailureWatch::FailureWatch() : m_pOuter(std::exchange(t_pWatch, this)) {}
+
+FailureWatch::~FailureWatch() {
+  t_pWatch = m_pOuter;
+}
+
+void FailureWatch::Note(std::uint32_t nLevel) {
+  constexpr std::uint32_t kFailureLevel = 300;
+  if (nLevel > kFailureLevel) return;
+  for (FailureWatch* pWatch = t_pWatch; pWatch != nullptr; pWatch = pWatch->m_pOuter) pWatch->m_bFailed = true;
+}
+
+bool HostServices::Enter(StandaloneHost* pHost) {
+  StandaloneHost* pNone = nullptr;
+  return g_pHost.compare_exchange_strong(pNone, pHost);
 }
 
 void HostServices::Leave(StandaloneHost* pHost) {
@@ -129,7 +142,7 @@ ResultCode HostServices::BindFunction(HostObject* /*pRoot*/, void** ppSlot, std:
                                       std::uint32_t nFunctionId, std::uint32_t /*nOption*/) {
   void* const pFunction = FindExport(nExporter, nFunctionId);
   if (pFunction == nullptr) return errNOT_FOUND;
-  *ppSlot = pFunction;
+  std::atomic_ref(*ppSlot).store(pFunction);  // another thread may bind the same function, or look at it
   return errOK;
 }
 
@@ -206,11 +219,13 @@ ResultCode HostServices::Send(HostObject* pSender, std::uint32_t nClass, std::ui
       if (pString == nullptr) return errPARAMETER_INVALID;
       return ExpandPlaceholders(Host, &pString->Text) ? 1 : 0;
     }
-    for (const Store& Receiver : Host.HandlersOf(nClass)) {
+    ResultCode nAnswer = errOK;
+    for (const Store& Receiver : Host.HandlersOf(nClass)) {  // all of them, also when one fails
       LumbraInstance* const pInstance = Receiver.Instance();
-      pInstance->pLifecycle->MessageReceive(pInstance, nClass, nMessageId);
+      const ResultCode nCode = pInstance->pLifecycle->MessageReceive(pInstance, nClass, nMessageId);
+      if (Failed(nCode)) nAnswer = nCode;
     }
-    return errOK;
+    return nAnswer;
   } catch (const std::bad_alloc&) {
     return errOUT_OF_MEMORY;
   }
@@ -259,6 +274,7 @@ std::uint32_t HostServices::AtomicDecrement(std::uint32_t* pnValue) {
 
 ResultCode HostServices::Trace(HostObject* /*pObject*/, std::uint32_t nLevel, const char* pFormat,
                                std::va_list Arguments) {
+  FailureWatch::Note(nLevel);
   StandaloneHost* const pHost = g_pHost;
   if (pHost == nullptr || nLevel > pHost->m_nTraceLevel.load(std::memory_order_relaxed)) return errOK;
   try {

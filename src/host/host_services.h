@@ -9,9 +9,26 @@ namespace lumbra::host {
 
 class StandaloneHost;
 
+// Sees whether a failure is traced on the thread that it lives on, whatever level the user asks for.
+class FailureWatch {
+ public:
+  FailureWatch();
+  ~FailureWatch();
+  FailureWatch(const FailureWatch&) = delete;
+  FailureWatch& operator=(const FailureWatch&) = delete;
+
+  static void Note(std::uint32_t nLevel);  // of a line
+  bool Failed() const { return m_bFailed; }
+
+ private:
+  FailureWatch* const m_pOuter;  // one that lives already, and sees all that this one sees
+  bool m_bFailed = false;
+};
+
 struct HostServices {
   // The host whose objects the tables serve: functions without an object argument have no other way to it.
-  static void Enter(StandaloneHost* pHost);
+  // False while there is another one.
+  static bool Enter(StandaloneHost* pHost);
   static void Leave(StandaloneHost* pHost);
 
   static const HostRootOperations* RootOperations();

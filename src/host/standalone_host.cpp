@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cassert>
 #include <fstream>
+#include <new>
 #include <utility>
 
 #include "host/host_services.h"
@@ -49,12 +50,17 @@ ResultCode Store::SetReportFolder(std::u16string_view Folder) {
 
 StandaloneHost::StandaloneHost(ModuleEntry pEntry)
     : m_pEntry(pEntry), m_Root{HostServices::RootOperations(), HostServices::SystemOperations()} {
-  HostServices::Enter(this);
+  if (!HostServices::Enter(this)) {
+    m_bRefused = true;
+    m_nLoadResult = errALREADY_EXISTS;
+    return;
+  }
   const bool bLoaded = m_pEntry(&m_Root, kModuleLoad, &m_nLoadResult) != 0;
   if (!bLoaded && Succeeded(m_nLoadResult)) m_nLoadResult = errUNSPECIFIED;
 }
 
 StandaloneHost::~StandaloneHost() {
+  if (m_bRefused) return;
   assert(m_Instances.empty() && "stores end before their host");
   m_pEntry(&m_Root, kModuleUnload, nullptr);
   HostServices::Leave(this);
@@ -101,17 +107,25 @@ void StandaloneHost::WriteLine(std::uint32_t nLevel, const char* pFormat, std::v
 
 // ---- Instances ---
 
-Store StandaloneHost::Create(std::uint32_t nInterfaceId) {
+Store StandaloneHost::Create(std::uint32_t nInterfaceId) try {
   if (Failed(m_nLoadResult)) return {};
   std::unique_lock Hold(m_Lock);
   m_Ended.wait(Hold, [this] { return m_nEnding == 0; });
   const auto Factory = m_Factories.find(nInterfaceId);
   if (Factory == m_Factories.end()) return {};
+  // Its place in the list comes first: nobody could end an instance that the list has no memory for.
+  std::map<LumbraInstance*, std::uint32_t> Prepared{{nullptr, 1}};
   auto* const pInstance = static_cast<LumbraInstance*>(Factory->second(0, &m_Root, nInterfaceId));
   if (pInstance == nullptr) return {};
+  if (m_Instances.empty()) m_bFlushFailed = false;
+  auto Place = Prepared.extract(Prepared.begin());
+  Place.key() = pInstance;
   // A shared instance that is known already has counted this request itself.
-  if (m_Instances.emplace(pInstance, 1).second) pInstance->Handle.pSystem = HostServices::SystemOperations();
+  const bool bNew = m_Instances.insert(std::move(Place)).inserted;
+  if (bNew) pInstance->Handle.pSystem = HostServices::SystemOperations();
   return Store(this, pInstance);
+} catch (const std::bad_alloc&) {
+  return {};
 }
 
 std::vector<Store> StandaloneHost::HandlersOf(std::uint32_t nClass) {
@@ -145,8 +159,14 @@ void StandaloneHost::Release(LumbraInstance* pInstance) {
   m_Ended.notify_all();
 }
 
-void StandaloneHost::SendFlush() {
-  HostServices::SystemOperations()->Send(&m_Root, kFlushMessageClass, kFlushMessageId, nullptr, 0, 0);
+// The store has no answer for the message but its trace, and that is what a module has, too.
+ResultCode StandaloneHost::SendFlush() {
+  if (Failed(m_nLoadResult)) return m_nLoadResult;
+  const FailureWatch Watch;
+  const ResultCode nCode = HostServices::Send(&m_Root, kFlushMessageClass, kFlushMessageId, nullptr, 0, 0);
+  const std::lock_guard Hold(m_Lock);
+  m_bFlushFailed |= Watch.Failed();
+  return m_bFlushFailed ? errWRITE_FAILED : nCode;
 }
 
 }  // namespace lumbra::host

@@ -1,8 +1,8 @@
 // A host of its own: everything that the store expects of the program it is loaded into, so that any program
 // can embed it. The example that comes with the project, examples/embed.cpp, is the shortest complete use.
 //
-// One StandaloneHost lives in a process at a time. It must outlive the Stores it opened. Its functions may be
-// called from any thread once it is set up.
+// One StandaloneHost lives in a process at a time; another one is refused. It must outlive the Stores it opened. Its
+// functions may be called from any thread once it is set up.
 #pragma once
 
 #include <atomic>
@@ -73,7 +73,8 @@ class StandaloneHost {
   using ModuleEntry = int(LUMBRA_ENTRY_CALL*)(void* pRoot, std::uint32_t nReason, void* pError);
 
   // Loads the component that is linked into the program, or the module whose entry is given (host/loaded_module.h).
-  // LoadResult tells how that went; after a failure Create gives no store, whatever the module has registered.
+  // LoadResult tells how that went; after a failure Create gives no store, whatever the module has registered. Beside
+  // another host nothing is loaded, and it is errALREADY_EXISTS; that host does not notice.
   explicit StandaloneHost(ModuleEntry pEntry = &LumbraModuleEntry);
   ~StandaloneHost();
   StandaloneHost(const StandaloneHost&) = delete;
@@ -91,11 +92,15 @@ class StandaloneHost {
   bool TraceToFile(std::uint32_t nLevel, const std::filesystem::path& Path);
   void TraceToCallback(std::uint32_t nLevel, TraceCallback Callback);
 
-  // An instance of one of the three interfaces; not initialised yet.
+  // An instance of one of the three interfaces; not initialised yet. None when there is no memory for it.
   Store Create(std::uint32_t nInterfaceId = kSeparateInstance);
 
-  // Makes every initialised instance flush its databases to the disk.
-  void SendFlush();
+  // Makes every initialised instance flush its databases to the disk, and waits for that. errWRITE_FAILED when one of
+  // them traced a failure meanwhile (a line of level 300, whatever level the user traces): something is not on the
+  // disk. The system may have dropped it, and say the next time that all is well; so the answer stays until all
+  // instances, since they share files, have ended and the store is opened again. Another failure when an instance could
+  // not handle the message, and LoadResult when that is one; otherwise errOK.
+  ResultCode SendFlush();
 
  private:
   friend class Store;
@@ -113,6 +118,7 @@ class StandaloneHost {
 
   ModuleEntry m_pEntry;
   HostObject m_Root;
+  bool m_bRefused = false;  // beside another host
   ResultCode m_nLoadResult = errOK;
 
   std::recursive_mutex m_Lock;  // guards what follows, up to the trace
@@ -122,6 +128,7 @@ class StandaloneHost {
   std::condition_variable_any m_Ended;
   std::vector<Handler> m_Handlers;
   std::map<std::u16string, std::u16string> m_Placeholders;
+  bool m_bFlushFailed = false;  // since there were no instances
 
   std::atomic<std::uint32_t> m_nTraceLevel{0};
   std::mutex m_TraceLock;  // guards the sink, and keeps lines whole

@@ -156,13 +156,14 @@ ResultCode PlainDB::GetCheckedRecord(std::uint64_t nIndex, void* pDataBuff) {
 
 ResultCode PlainDB::GetRecords(std::uint64_t nFirst, void* pDataBuff, std::uint32_t nDataBuffSize,
                                std::uint32_t* pnCount) {
+  m_bReadFailed = false;
   if (pDataBuff == nullptr) return errPARAMETER_INVALID;
   nDataBuffSize -= nDataBuffSize % UserRecordSize();
   if (nFirst >= kMaxRecords) nDataBuffSize = 0;  // no record stands there, and the position would not fit
   if (m_bChecked) return GetCheckedRecords(nFirst, pDataBuff, nDataBuffSize, pnCount);
   std::uint32_t bytesRead = 0;
-  const bool bRead = m_pFile->SeekRead(PositionOf(nFirst), pDataBuff, nDataBuffSize, &bytesRead);
-  if (pnCount != nullptr) *pnCount = bRead ? bytesRead / m_nRecordSize : 0;
+  m_bReadFailed = !m_pFile->SeekRead(PositionOf(nFirst), pDataBuff, nDataBuffSize, &bytesRead);
+  if (pnCount != nullptr) *pnCount = m_bReadFailed ? 0 : bytesRead / m_nRecordSize;
   return errOK;
 }
 
@@ -175,7 +176,8 @@ ResultCode PlainDB::GetCheckedRecords(std::uint64_t nFirst, void* pDataBuff, std
   std::uint32_t nCount = 0;
   for (; nDataBuffSize >= UserRecordSize; nDataBuffSize -= UserRecordSize) {
     std::uint32_t nDataRead = 0;
-    if (!m_pFile->SeekRead(pos, pCursor, UserRecordSize, &nDataRead) || nDataRead != UserRecordSize) break;
+    m_bReadFailed = !m_pFile->SeekRead(pos, pCursor, UserRecordSize, &nDataRead);
+    if (m_bReadFailed || nDataRead != UserRecordSize) break;
     PLAINDB_CHECK((pos + UserRecordSize + CheckedAdditionSize <= GetSize() + sizeof(tPLAINDB_HEADER)),
                   errDATA_CORRUPTED);
     std::uint32_t crc32Value = 0;

@@ -76,6 +76,9 @@ class PlainDB {
   // records. A bad record in a checked file is an error, and leaves *pnCount (may be null) unwritten.
   ResultCode GetRecords(std::uint64_t nFirst, void* pDataBuff, std::uint32_t nDataBuffSize, std::uint32_t* pnCount);
 
+  // Whether the last GetRecords stopped where a read failed, and not at the end of the file: its answer is the same.
+  bool ReadFailed() const { return m_bReadFailed; }
+
   // The records of a file of that size, without opening it.
   static std::uint64_t RecordCountOfSize(std::uint64_t nFileSize, std::uint32_t nStoredRecordSize);
 
@@ -95,6 +98,7 @@ class PlainDB {
   std::uint32_t m_nRecordSize = 0;   // as in the header
   std::uint64_t m_nRecordCount = 0;  // whole records
   bool m_bChecked = false;
+  bool m_bReadFailed = false;         // in the last GetRecords
   std::uint64_t m_nOpenFileSize = 0;  // what Open saw; 12 for a file that it created
 };
 

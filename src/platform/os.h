@@ -83,7 +83,8 @@ SystemError WriteAt(FileHandle Handle, std::uint64_t nOffset, const void* pData,
 SystemError GetSize(FileHandle Handle, std::uint64_t* pnSize);
 SystemError SetSize(FileHandle Handle, std::uint64_t nSize);
 
-// Brings every write to the disk; for a file that Open created, its name in the folder as well.
+// Brings every write to the disk; for a file that Open created, its name in the folder as well, where the system lets
+// us.
 SystemError Flush(FileHandle Handle);
 
 // When the file was created, as a FILETIME (100 ns units since 1601-01-01 UTC).
@@ -172,7 +173,9 @@ class CriticalSection {
 // A counting semaphore with count 0 at first and at most 0x7FFFFFFF.
 struct Semaphore;
 SystemError CreateCountingSemaphore(Semaphore** ppSemaphore);
-SystemError WaitForSemaphore(Semaphore* pSemaphore);
+// Waits until it can take one off the count. Leaves Held, which the caller holds, on its way: on posix with its place
+// in the queue taken, so that nobody who enters Held later is served before it. When it fails nothing was taken.
+SystemError WaitForSemaphore(Semaphore* pSemaphore, CriticalSection& Held);
 void ReleaseSemaphoreBy(Semaphore* pSemaphore, std::uint32_t nCount);
 void CloseSemaphore(Semaphore* pSemaphore);
 

@@ -7,14 +7,6 @@
 #include "platform/result.h"
 
 namespace lumbra {
-namespace {
-
-void Wait(os::Semaphore* pSemaphore) {
-  const os::SystemError nError = os::WaitForSemaphore(pSemaphore);
-  ULO_CHECK_RESULT(nError == os::kWaitAbandoned ? errWAIT_ABANDONED : ResultFromSystemError(nError));
-}
-
-}  // namespace
 
 ResultCode ReaderWriterLock::Create() {
   if (m_pReaders != nullptr) return errOK;
@@ -36,47 +28,57 @@ void ReaderWriterLock::Destroy() {
 }
 
 void ReaderWriterLock::LockShared() {
-  {
-    const std::lock_guard Guard(m_Guard);
-    if (m_nState >= 0 && m_nWaitingWriters == 0) {
-      ++m_nState;
-      return;
-    }
-    ++m_nWaitingReaders;
-  }
-  Wait(m_pReaders);  // whoever releases us has counted us into the state
+  m_Guard.lock();
+  if (m_nState < 0 || m_nWaitingWriters != 0) return Wait(m_pReaders, &m_nWaitingReaders);
+  ++m_nState;
+  m_Guard.unlock();
 }
 
 void ReaderWriterLock::LockExclusive() {
-  {
-    const std::lock_guard Guard(m_Guard);
-    if (m_nState == 0) {
-      m_nState = -1;
-      return;
-    }
-    ++m_nWaitingWriters;
-  }
-  Wait(m_pWriters);  // whoever releases us has set the state to -1
+  m_Guard.lock();
+  if (m_nState != 0) return Wait(m_pWriters, &m_nWaitingWriters);
+  m_nState = -1;
+  m_Guard.unlock();
 }
 
 void ReaderWriterLock::Unlock() {
-  os::Semaphore* pRelease = nullptr;
-  std::uint32_t nRelease = 0;
-  {
-    const std::lock_guard Guard(m_Guard);
-    m_nState += m_nState > 0 ? -1 : 1;
-    if (m_nState == 0 && m_nWaitingWriters > 0) {
-      --m_nWaitingWriters;
-      m_nState = -1;
-      pRelease = m_pWriters;
-      nRelease = 1;
-    } else if (m_nState == 0 && m_nWaitingReaders > 0) {
-      m_nState = std::exchange(m_nWaitingReaders, 0);
-      pRelease = m_pReaders;
-      nRelease = static_cast<std::uint32_t>(m_nState);
-    }
+  const std::lock_guard Guard(m_Guard);
+  m_nState += m_nState > 0 ? -1 : 1;
+  Admit();
+}
+
+// Called with the guard held, which it leaves. Whoever admits the caller has counted it into the state, and out of
+// those who wait.
+void ReaderWriterLock::Wait(os::Semaphore* pSemaphore, std::int32_t* pnWaiting) {
+  ++*pnWaiting;
+  os::SystemError nError = os::WaitForSemaphore(pSemaphore, m_Guard);
+  if (nError == os::kSuccess) return;
+  m_Guard.lock();
+  if (*pnWaiting > 0) {
+    // One of those who wait: should the caller have been admitted meanwhile, another one has its place.
+    --*pnWaiting;
+    Admit();  // the readers that queued behind a writer
+    m_Guard.unlock();
+  } else {
+    nError = os::WaitForSemaphore(pSemaphore, m_Guard);  // for nothing: all have been admitted
+    if (nError == os::kSuccess) return;
+    Unlock();
   }
-  if (pRelease != nullptr) os::ReleaseSemaphoreBy(pRelease, nRelease);
+  ULO_CHECK_RESULT(nError == os::kWaitAbandoned ? errWAIT_ABANDONED : ResultFromSystemError(nError));
+}
+
+// Lets in who may come now. Called with the guard held, and wakes them before it is left: so whoever finds itself
+// admitted finds the semaphore released.
+void ReaderWriterLock::Admit() {
+  if (m_nState == 0 && m_nWaitingWriters > 0) {
+    --m_nWaitingWriters;
+    m_nState = -1;
+    os::ReleaseSemaphoreBy(m_pWriters, 1);
+  } else if (m_nState >= 0 && m_nWaitingWriters == 0 && m_nWaitingReaders > 0) {
+    const std::int32_t nAdmitted = std::exchange(m_nWaitingReaders, 0);
+    m_nState += nAdmitted;
+    os::ReleaseSemaphoreBy(m_pReaders, static_cast<std::uint32_t>(nAdmitted));
+  }
 }
 
 }  // namespace lumbra

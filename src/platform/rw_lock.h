@@ -23,7 +23,7 @@ class ReaderWriterLock {
   ResultCode Create();
   void Destroy();
 
-  // Raise ulo::CheckResultFailedException when waiting fails.
+  // Raise ulo::CheckResultFailedException when waiting fails. The lock is then as if they had not been called.
   void LockShared();
   void LockExclusive();
 
@@ -31,6 +31,9 @@ class ReaderWriterLock {
   void Unlock();
 
  private:
+  void Wait(os::Semaphore* pSemaphore, std::int32_t* pnWaiting);
+  void Admit();
+
   os::CriticalSection m_Guard;  // held for a few instructions, never across a wait
   os::Semaphore* m_pReaders = nullptr;
   os::Semaphore* m_pWriters = nullptr;

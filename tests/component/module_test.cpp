@@ -1,5 +1,8 @@
 // The module as its host sees it: loaded from its file, bound through its entry, asked for instances through the
 // factory that it registers.
+#include <chrono>
+#include <functional>
+#include <future>
 #include <list>
 #include <map>
 #include <set>
@@ -56,6 +59,7 @@ class ModuleTest : public World {
   }
   static ResultCode BindFunction(HostObject*, void** ppSlot, std::uint32_t nExporter, std::uint32_t nFunctionId,
                                  std::uint32_t nOption) {
+    if (s_pTest->m_OnBinding) std::exchange(s_pTest->m_OnBinding, {})();
     *ppSlot = s_pTest->m_Offered[{nExporter, nFunctionId, nOption}];
     return errOK;
   }
@@ -88,7 +92,8 @@ class ModuleTest : public World {
   // By exporter, function, option.
   std::map<Numbers, void*> m_Offered = {{{1, 0x5EC5256C, 2}, reinterpret_cast<void*>(&Trace)},
                                         {{38, 0x0A02700B, 0}, reinterpret_cast<void*>(&AppendText)}};
-  std::list<Bytes> m_Blocks;  // allocated and not given back
+  std::function<void()> m_OnBinding;  // called at the first binding
+  std::list<Bytes> m_Blocks;          // allocated and not given back
   bool m_bNoMemory = false;
   std::map<HostObject*, std::uint32_t> m_References;
   host::LoadedModule m_Module;
@@ -132,6 +137,26 @@ TEST_F(ModuleTest, KnowsTheRootFromLoadToUnload) {
     EXPECT_CODE(nReason == kModuleUnload ? errUNEXPECTED : errOK, nSet) << nReason;
   }
   pInstance->pLifecycle->ObjectFree(pInstance);
+}
+
+// A host may make one binding wait for another.
+TEST_F(ModuleTest, HoldsNoLockWhileTheHostBindsAFunction) {
+  ASSERT_EQ(1, m_Module.Entry()(&m_Root, kModuleLoad, &m_nError));
+  const auto BindAndUse = [](LumbraInstance* pInstance) {
+    char16_t Folder[] = u"/folder";
+    PropertyAccessRecord Record{Folder, sizeof(Folder), 0, kCodePageUtf16, propertySet};
+    EXPECT_CODE(errOK, pInstance->pLifecycle->PropertyAccess(pInstance, propREPORT_FOLDER, &Record));
+    pInstance->pLifecycle->ObjectFree(pInstance);
+  };
+  LumbraInstance* const pOne = Make(kSeparateInstance);
+  LumbraInstance* const pOther = Make(kSeparateInstance);
+  std::future<void> Other;
+  m_OnBinding = [&] {
+    Other = std::async(std::launch::async, BindAndUse, pOther);
+    EXPECT_EQ(std::future_status::ready, Other.wait_for(std::chrono::seconds(20)));  // instead of for ever
+  };
+  BindAndUse(pOne);
+  Other.get();
 }
 
 TEST_F(ModuleTest, MakesSeparateAndSharedInstances) {

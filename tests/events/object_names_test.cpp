@@ -129,6 +129,9 @@ TEST_F(ObjectNamesTest, TakesSizesAndRefusesWhatIsWrong) {
   // A lookup creates the root alone.
   EXPECT_EQ(kMissing, WithCode(Find(1, u"E:\\a", findOnly)));
   EXPECT_NE(0u, Find(20, u"E:", findOnly));
+  // A registry handle has four bytes, and five are none.
+  EXPECT_EQ(kMissing, Asked({3, 0, u"\2\x8000x", 5, findOnly, 0}));
+  EXPECT_NE(0u, Ask({3, 0, u"\2\x8000x", 4, findOnly, 0}));
   EXPECT_EQ(kMissing, WithCode(Find(77, u"child", findOrCreate, 0, MakeObjectId(kNumber, 9999))));
   EXPECT_EQ((std::vector<std::string>{"300 Failed step. Err: errOBJECT_NOT_FOUND (0x800000C5)"}), TakeTrace(300));
 }

@@ -23,6 +23,8 @@ TEST_F(SegmentTest, KeepsEventsAndCountsThemUnopened) {
   EXPECT_EQ((Answer{3, Name(errNO_MORE_EVENTS)}), Get(5, kNumber, 10, sizeof(Values)));
   EXPECT_EQ((std::tuple{105u, 107u, 0u}), (std::tuple{Values[0], Values[2], Values[3]}));
   EXPECT_EQ((Answer{2, Name(errNO_MORE_EVENTS)}), Get(0, 0, 5, 8));  // room for two
+  FailCalls(SystemCall::ReadAt, os::kIoDevice);
+  EXPECT_EQ((Answer{0, Name(errREAD_FAILED)}), Get(0, 0, 5, sizeof(Values)));
   const std::uint32_t nNew = 7;
   EXPECT_CODE(errOK, m_pSegment->UpdateEvent(1, kNumber, &nNew, 4));
   EXPECT_EQ((Answer{1, Name(errOK)}), Get(1, 0, 1, 4));

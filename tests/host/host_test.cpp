@@ -53,5 +53,74 @@ TEST_F(HostTest, TracesByLevelUntilItIsUnloaded) {
   EXPECT_CODE(errOK, Open());
 }
 
+// A system that could not bring data to the disk may drop it, and call the next attempt a success.
+TEST_F(HostTest, TellsOfAFailedFlushUntilTheStoreIsOpenedAgain) {
+  for (const std::uint32_t nTraced : {0u, 600u}) {
+    m_Host->TraceToCallback(nTraced, &NoteTraceLine);
+    Trace(kHostRoot, traceFailure, "lmb\tno failure of a flush");
+    Expect({errOK, errOK}, {m_Host->SendFlush(), Add(5, 1)});
+    FailCalls(SystemCall::Sync, os::kIoDevice);
+    Expect({errWRITE_FAILED, errWRITE_FAILED}, {m_Host->SendFlush(), m_Host->SendFlush()});
+    {
+      host::Store Another = m_Host->Create();
+      Expect({errOK, errOK}, {Another.SetReportFolder(WideFolder() + u"/another"), Another.Init()});
+      Expect({errOK, errWRITE_FAILED}, {m_Store.Init(), m_Host->SendFlush()});  // it was open all the time
+      Expect({errOK, errWRITE_FAILED}, {Open(), m_Host->SendFlush()});  // the other one keeps the shared objects open
+    }
+    Expect({errOK, errOK, errOK, errOK}, {Open(), InitDb(5), Add(5, 2), m_Host->SendFlush()});
+  }
+}
+
+TEST_F(HostTest, IsRefusedBesideAnotherOne) {
+  {
+    ResetSystem();
+    host::StandaloneHost Second;
+    Second.SetPlaceholder(u"%Report%", u"/nowhere");
+    Expect({errALREADY_EXISTS, false, errALREADY_EXISTS, errOK},
+           {Second.LoadResult(), static_cast<bool>(Second.Create()), Second.SendFlush(), Add(5, 1)});
+    EXPECT_EQ(0u, CallsOf(SystemCall::Sync));  // the first one's stores are none of its business
+  }
+  Expect({errOK, errOK, Ids{1}, errOK}, {Open(), InitDb(5), Times(5, 0, 9), m_Host->SendFlush()});
+}
+
+int g_nAlive = 0;  // instances of a module that has nothing else
+
+int LUMBRA_ENTRY_CALL OfferInstances(void* pRoot, std::uint32_t nReason, void* pError) {
+  static LumbraLifecycle s_Lifecycle{};
+  s_Lifecycle.ObjectShutdown = [](LumbraInstance*) -> ResultCode {
+    return errOK;
+  };
+  s_Lifecycle.ObjectFree = [](LumbraInstance* pInstance) -> ResultCode {
+    --g_nAlive;
+    delete pInstance;
+    return errOK;
+  };
+  static constexpr HostFactory kFactory = [](std::uint32_t, HostObject*, std::uint32_t) -> void* {
+    auto* const pMade = new (std::nothrow) LumbraInstance{&s_Lifecycle, {}};
+    g_nAlive += pMade == nullptr ? 0 : 1;
+    return pMade;
+  };
+  if (nReason != kModuleLoad) return 1;
+  auto* const pHost = static_cast<HostObject*>(pRoot);
+  *static_cast<ResultCode*>(pError) = static_cast<const HostRootOperations*>(pHost->pOperations)
+                                          ->RegisterInterface(pHost, kSeparateInstance, 1, 0, 0, kFactory);
+  return 1;
+}
+
+TEST_F(HostTest, LeavesNoInstanceBehindWhenMemoryIsShort) {
+  Unload();
+  m_Host.emplace(&OfferInstances);
+  bool bFailed = true;
+  for (std::uint64_t nSkip = 0; bFailed; ++nSkip) {
+    FailAllocation(nSkip);
+    {
+      const host::Store Made = m_Host->Create();
+      bFailed = AllocationFailed();
+      EXPECT_NE(bFailed, static_cast<bool>(Made)) << nSkip;
+    }
+    EXPECT_EQ(0, g_nAlive) << nSkip;
+  }
+}
+
 }  // namespace
 }  // namespace lumbra::test

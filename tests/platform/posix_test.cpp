@@ -2,6 +2,7 @@
 #include <sys/resource.h>
 
 #include <cerrno>
+#include <thread>
 
 #include "platform/file.h"
 #include "platform/posix/posix.h"
@@ -46,6 +47,33 @@ TEST_F(PosixTest, FollowsLinksAndDeletesNone) {
   EXPECT_TRUE(fs::is_symlink(Folder() / "link") && fs::is_symlink(Folder() / "nowhere"));
 }
 
+// The name of a new file is brought to the disk where that can be had, and its content does not fail for it.
+TEST_F(PosixTest, FlushesAFileWhoseFolderCannotBeSynced) {
+  const auto SyncsOfFlushes = [this](const char16_t* pName, int nErrno) {
+    const auto pFile = OpenFile(pName);
+    std::string Answers;
+    FailCallsNatively(SystemCall::Sync, nErrno, 1);  // the one behind the file's own
+    for (int i = 0; i < 3; ++i) {
+      const std::uint64_t nBefore = CallsOf(SystemCall::Sync);
+      EXPECT_TRUE(pFile->SeekWrite(0, "x", 1, nullptr));
+      Answers += pFile->Flush() ? '+' : '-';
+      Answers += std::to_string(CallsOf(SystemCall::Sync) - nBefore);
+    }
+    return Answers;
+  };
+  for (const int nErrno : {EINVAL, EACCES, EPERM, EROFS, ENOTSUP, EBADF}) {
+    EXPECT_EQ("+2+1+1", SyncsOfFlushes(std::u16string(1, static_cast<char16_t>(u'A' + nErrno)).c_str(), nErrno))
+        << nErrno;
+  }
+  EXPECT_EQ("-2+2+1", SyncsOfFlushes(u"a", EIO));
+  EXPECT_EQ("-2+2+1", SyncsOfFlushes(u"b", ENOSPC));
+
+  fs::create_directory(Folder() / "before");
+  const auto pFile = OpenFile(u"before/a");
+  fs::rename(Folder() / "before", Folder() / "behind");
+  EXPECT_TRUE(pFile->SeekWrite(0, "x", 1, nullptr) && pFile->Flush());
+}
+
 // A segment's four files take four descriptors; hundreds of open segments are more than the usual limit.
 TEST_F(PosixTest, LiftsTheDescriptorLimitOnce) {
   rlimit Limit{};
@@ -58,6 +86,30 @@ TEST_F(PosixTest, LiftsTheDescriptorLimitOnce) {
   EXPECT_EQ(Limit.rlim_max, Limit.rlim_cur);
   FailCallsNatively(SystemCall::Open, EMFILE, 0, 2);
   EXPECT_CODE(static_cast<ResultCode>(0x80070004u), File().OpenWithFlags(Path("b"), fileWrite, createNew));
+}
+
+TEST_F(PosixTest, ServesFirstWhoWaitsFirst) {
+  os::Semaphore* pSemaphore = nullptr;
+  ASSERT_EQ(0u, os::CreateCountingSemaphore(&pSemaphore));
+  os::CriticalSection Guard;
+  std::string Served;
+  const auto WaitAs = [&](char cName) {
+    Guard.lock();
+    EXPECT_EQ(0u, os::WaitForSemaphore(pSemaphore, Guard));
+    Served += cName;
+  };
+  for (std::uint64_t nRound = 1; nRound <= 100; ++nRound) {
+    const std::uint64_t nWaits = CallsOf(SystemCall::Wait);
+    std::jthread Earlier([&] {
+      WaitAs('a');
+      os::ReleaseSemaphoreBy(pSemaphore, 1);
+    });
+    while (CallsOf(SystemCall::Wait) == nWaits) std::this_thread::yield();
+    os::ReleaseSemaphoreBy(pSemaphore, 1);  // for the one that waits, which may not have woken up yet
+    WaitAs('b');
+    ASSERT_EQ("ab", std::exchange(Served, ""));
+  }
+  os::CloseSemaphore(pSemaphore);
 }
 
 }  // namespace

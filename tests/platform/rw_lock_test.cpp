@@ -72,12 +72,21 @@ TEST_F(LockTest, AWriterHandsOnToTheNextWriterAndThenToAllReaders) {
   EXPECT_EQ(8u, Leave(Second, 8).size());  // all five readers hold it at once
 }
 
-TEST_F(LockTest, AWaitThatFailsIsAnException) {
-  m_Lock.LockExclusive();
+TEST_F(LockTest, AWaitThatFailsIsAnExceptionAndLeavesNoTrace) {
   FailCalls(SystemCall::Wait, os::kInvalidParameter, 0, UINT64_MAX);
   using Failure = ulo::CheckResultFailedException;
-  EXPECT_THAT([this] { m_Lock.LockShared(); },
-              ::testing::Throws<Failure>(::testing::Property(&Failure::Code, errPARAMETER_INVALID)));
+  const auto Throws = ::testing::Throws<Failure>(::testing::Property(&Failure::Code, errPARAMETER_INVALID));
+  m_Lock.LockExclusive();
+  EXPECT_THAT([this] { m_Lock.LockShared(); }, Throws);
+  EXPECT_THAT([this] { m_Lock.LockExclusive(); }, Throws);
+  m_Lock.Unlock();
+  m_Lock.LockShared();  // none of these has to wait, which would fail
+  EXPECT_THAT([this] { m_Lock.LockExclusive(); }, Throws);
+  m_Lock.LockShared();
+  m_Lock.Unlock();
+  m_Lock.Unlock();
+  m_Lock.LockExclusive();
+  m_Lock.Unlock();
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include <windows.h>
 // Behind it, what builds on it.
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 #include <optional>
 
@@ -32,6 +34,23 @@ HANDLE OpenStream(const std::filesystem::path& File, DWORD nDisposition) {
   return CreateFileW(File.c_str(), GENERIC_READ | GENERIC_WRITE, kAll, &Inherited, nDisposition, 0, nullptr);
 }
 
+// The new process; 0 when it could not be started. Wine fails one start in about a thousand with ERROR_INTERNAL_ERROR
+// (1359): the process ended before it came up. A start that failed has run nothing of the program, and is tried again;
+// how a program that was started ends is for the test to judge.
+std::intptr_t StartProcess(const std::wstring& Line, const std::filesystem::path& Folder, STARTUPINFOW* pStart) {
+  constexpr int kAttempts = 3;
+  for (int i = 0; i < kAttempts; ++i) {
+    std::wstring Scratch = Line;  // the system may write into it
+    PROCESS_INFORMATION Started{};
+    if (CreateProcessW(nullptr, Scratch.data(), nullptr, nullptr, TRUE, 0, nullptr, Folder.c_str(), pStart, &Started)) {
+      CloseHandle(Started.hThread);
+      return reinterpret_cast<std::intptr_t>(Started.hProcess);
+    }
+  }
+  ADD_FAILURE() << "CreateProcessW failed with the error " << GetLastError();
+  return 0;
+}
+
 }  // namespace
 
 Program::Program(const std::filesystem::path& Folder, const Arguments& What, const Environment& Beside)
@@ -50,11 +69,7 @@ Program::Program(const std::filesystem::path& Folder, const Arguments& What, con
   Start.hStdInput = OpenStream(Folder / "in", OPEN_ALWAYS);
   Start.hStdOutput = OpenStream(Folder / "out", CREATE_ALWAYS);
   Start.hStdError = OpenStream(Folder / "err", CREATE_ALWAYS);
-  PROCESS_INFORMATION Started{};
-  if (CreateProcessW(nullptr, Line.data(), nullptr, nullptr, TRUE, 0, nullptr, Folder.c_str(), &Start, &Started)) {
-    m_nProcess = reinterpret_cast<std::intptr_t>(Started.hProcess);
-    CloseHandle(Started.hThread);
-  }
+  m_nProcess = StartProcess(Line, Folder, &Start);
   for (const HANDLE Stream : {Start.hStdInput, Start.hStdOutput, Start.hStdError}) CloseHandle(Stream);
   for (std::size_t i = 0; i < Beside.size(); ++i) {
     SetEnvironmentVariableW(Wide(Beside[i].first).c_str(), Before[i] ? Before[i]->c_str() : nullptr);

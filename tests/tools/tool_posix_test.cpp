@@ -24,6 +24,19 @@ TEST_F(ToolPosixTest, WritesNothingIntoTheStoreThatItCannotPrint) {
   EXPECT_EQ(kTree, ReadFile("store/g_objbt.dat"));
 }
 
+TEST_F(ToolPosixTest, TakesNothingForMissingThatItCannotLookAt) {
+  Run("record --db a --segment-events 1", 0, "{'name':'x'}\n{'name':'y'}");
+  fs::remove(Folder() / "store/g_db_id.dat");  // the tool itself looks into a database that the store does not know
+  const fs::path Segment = At("store/a/00000002_events.dat");
+  fs::remove(Segment);
+  EXPECT_EQ(1, json::parse(Run("info --json")).at("databases")[1]["records"]);
+  fs::create_symlink(Segment.filename(), Segment);  // a link to itself, to which every look fails
+  Fails("info", "lumbra: look at " + Segment.string() + ": ");
+  fs::remove(At("store/a/segments.dat"));
+  fs::create_directory(At("store/a/segments.dat"));
+  Fails("record --db a", "lumbra: look at " + At("store/a/segments.dat: "));
+}
+
 TEST_F(ToolPosixTest, ModuleShowsItsEntryAlone) {
   EXPECT_THAT(RunProgram({"/bin/sh", "-c", "nm -D --defined-only " LUMBRA_MODULE}),
               ::testing::MatchesRegex("[0-9a-f]+ T LumbraModuleEntry\n"));

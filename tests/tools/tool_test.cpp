@@ -65,6 +65,18 @@ TEST_F(ToolTest, ChoosesEvents) {
   Fails("events --db 1 --from 0x0200000100000000", "this is no event of database 1");
 }
 
+TEST_F(ToolTest, ShowsWhatIsBehindASegmentThatCannotBeRead) {
+  Run("record --db 1 --segment-events 2", 0, "{'name':'a'}\n{'name':'b'}\n{'name':'c'}\n{'name':'d'}\n{'name':'e'}");
+  const auto pHeld = OpenFile(u"store/01/00000002_events.dat");
+  for (const std::string Options : {"", " --parents"}) {
+    const std::string Shown = Run("events --db 1" + Options, 3);
+    EXPECT_THAT(Shown, ::testing::ContainsRegex("a\n.*b\n.*e\n$"));
+    EXPECT_EQ(3, std::count(Shown.begin(), Shown.end(), '\n'));
+    EXPECT_EQ("lumbra: read segment 2 of database 1: errOPEN_FAILED (0x800000C3): 2 of its events are missing here\n",
+              ReadText("err"));
+  }
+}
+
 TEST_F(ToolTest, FindsNamesAndLinksObjects) {
   MakeTree();
   Run("scan --db 1 tree");

@@ -39,8 +39,11 @@ class Progress {
     std::condition_variable_any Stopped;
     std::unique_lock Hold(Lock);
     while (!Stopped.wait_for(Hold, Stop, kInterval, [&Stop] { return Stop.stop_requested(); })) {
-      const double nPart = static_cast<double>(Files.SizeOf(kNewIds)) / static_cast<double>(Files.SizeOf(kLiveIds));
-      std::fprintf(stderr, "\r%3.0f %% of the objects", 100 * nPart);
+      try {
+        const double nPart = static_cast<double>(Files.SizeOf(kNewIds)) / static_cast<double>(Files.SizeOf(kLiveIds));
+        std::fprintf(stderr, "\r%3.0f %% of the objects", 100 * nPart);
+      } catch (const Failure&) {  // what cannot be looked at now is left as it is shown
+      }
     }
     std::fputs("\r\033[K", stderr);
   }
@@ -111,6 +114,7 @@ int Clear(const CommonOptions& Common, const ClearOptions& Options) {
   Session Store(Common, Missing::Refuse);
   const std::uint32_t nDatabase = Store.OpenDatabaseToClear(Options.Database);
   Check(Store.Call(&LumbraOperations::ClearDB, nDatabase), "clear " + Options.Database.Describe());
+  Store.Flush();
   std::printf("cleared %s\n", Options.Database.Describe().c_str());
   return kExitOk;
 }

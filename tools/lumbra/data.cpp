@@ -89,6 +89,7 @@ int SetData(const CommonOptions& Common, const DataOptions& Options) {
     throw Failure("store " + BlockOf(Options), errNOT_SUPPORTED,
                   "this store keeps no block of no bytes under a new key");
   }
+  Store.Flush();
   return kExitOk;
 }
 
@@ -96,6 +97,7 @@ int ClearData(const CommonOptions& Common, const DataOptions& Options) {
   Session Store(Common, Missing::Refuse);
   Store.OpenDatabaseOf(Options.nId);
   Check(Store.Call(&LumbraOperations::RemoveAllObjectData, Options.nId), "clear the data of " + FormatId(Options.nId));
+  Store.Flush();
   return kExitOk;
 }
 

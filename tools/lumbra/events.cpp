@@ -105,6 +105,54 @@ class Printer {
   const EventsOptions& m_Options;
 };
 
+class EventReader {
+ public:
+  EventReader(const Session* pSession, std::uint32_t nDatabase, Printer* pPrinter)
+      : m_pSession(pSession), m_nDatabase(nDatabase), m_pPrinter(pPrinter) {}
+
+  // Prints a run of events, with the parents of their objects where these are wanted. *pnShown receives how many there
+  // were, also when it fails.
+  ResultCode Show(const Run& Wanted, bool bParents, std::uint64_t* pnShown) {
+    for (std::uint64_t& nDone = *pnShown; nDone < Wanted.nCount;) {
+      const std::uint64_t nId =
+          WithDatabase((std::uint64_t{Wanted.nSegment} << 32) | (Wanted.nFirst + nDone), m_nDatabase);
+      const auto nCount = static_cast<std::uint32_t>(std::min<std::uint64_t>(Wanted.nCount - nDone, kBatch));
+      std::uint32_t nRead = 0;
+      ResultCode nCode = Read(nId, nCount, nullptr, &nRead);
+      if (Failed(nCode)) return nCode;
+      for (std::uint32_t i = 0; i < nRead; ++i) m_pPrinter->OpenDatabaseOf(m_Batch[i].nObject);
+      m_Parents.Clear();
+      if (bParents) nCode = Read(nId, nCount, m_Parents.Handle(), &nRead);  // now the store can look at all objects
+      if (Failed(nCode)) return nCode;
+      for (std::uint32_t i = 0; i < nRead; ++i) {
+        m_pPrinter->Print(nId + i, m_Batch[i], i < m_Parents.Parents().size() ? m_Parents.Parents()[i] : 0);
+      }
+      nDone += nRead;
+    }
+    return errOK;
+  }
+
+ private:
+  // Reads at least one event. That there are no more of them is a success for the store; here they are known to be
+  // there.
+  ResultCode Read(std::uint64_t nId, std::uint32_t nCount, HostObject* pParents, std::uint32_t* pnRead) {
+    const ResultCode nCode = m_pSession->Call(&LumbraOperations::GetEvents, m_nDatabase, nId, m_Batch.data(),
+                                              kBatch * sizeof(Event), nCount, pnRead, pParents);
+    return Succeeded(nCode) && *pnRead == 0 ? errREAD_FAILED : nCode;
+  }
+
+  const Session* m_pSession;
+  const std::uint32_t m_nDatabase;
+  Printer* m_pPrinter;
+  std::vector<Event> m_Batch = std::vector<Event>(kBatch);
+  host::IdContainer m_Parents;
+};
+
+void Report(const Failure& Reason) {
+  std::fflush(stdout);  // so that it stands where the events are missing
+  std::fprintf(stderr, "lumbra: %s\n", Reason.what());
+}
+
 }  // namespace
 
 int Events(const CommonOptions& Common, const EventsOptions& Options) {
@@ -117,32 +165,22 @@ int Events(const CommonOptions& Common, const EventsOptions& Options) {
   const std::optional<DatabaseFiles> Files = Store.Files().Read(Options.Database);
   if (!Files) throw Failure("list " + Options.Database.Describe(), errREAD_FAILED);
   Printer Output(&Store, Options);
-  std::vector<Event> Batch(kBatch);
-  host::IdContainer Parents;
+  EventReader Reader(&Store, nDatabase, &Output);
+  int nStatus = kExitOk;
   for (const Run& Wanted : ChooseRuns(Files->Segments, Options)) {
-    for (std::uint64_t nDone = 0; nDone < Wanted.nCount;) {
-      const std::uint64_t nId =
-          WithDatabase((std::uint64_t{Wanted.nSegment} << 32) | (Wanted.nFirst + nDone), nDatabase);
-      const auto nCount = static_cast<std::uint32_t>(std::min<std::uint64_t>(Wanted.nCount - nDone, kBatch));
-      std::uint32_t nRead = 0;
-      const auto Read = [&](HostObject* pParents) {
-        Check(Store.Call(&LumbraOperations::GetEvents, nDatabase, nId, Batch.data(), kBatch * sizeof(Event), nCount,
-                         &nRead, pParents),
-              "read events");
-      };
-      Read(nullptr);
-      if (nRead == 0) break;
-      for (std::uint32_t i = 0; i < nRead; ++i) Output.OpenDatabaseOf(Batch[i].nObject);
-      Parents.Clear();
-      if (Options.bParents) Read(Parents.Handle());  // again, now that the store can look at all objects
-      for (std::uint32_t i = 0; i < nRead; ++i) {
-        Output.Print(nId + i, Batch[i], i < Parents.Parents().size() ? Parents.Parents()[i] : 0);
-      }
-      nDone += nRead;
-    }
+    std::uint64_t nShown = 0;
+    const ResultCode nCode = Reader.Show(Wanted, Options.bParents, &nShown);
+    if (Succeeded(nCode)) continue;
+    // The segments behind it may be sound: they are shown, too.
+    Report(Failure("read segment " + std::to_string(Wanted.nSegment) + " of " + Options.Database.Describe(), nCode,
+                   std::to_string(Wanted.nCount - nShown) + " of its events are missing here"));
+    nStatus = kExitIncomplete;
   }
-  Check(Output.UnreadableCode(), "read the names of some events");
-  return kExitOk;
+  if (const ResultCode nCode = Output.UnreadableCode(); Failed(nCode)) {
+    Report(Failure("read the names of some events", nCode));
+    if (nStatus == kExitOk) nStatus = kExitFailed;
+  }
+  return nStatus;
 }
 
 }  // namespace lumbra::tool

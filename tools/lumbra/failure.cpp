@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "host/trace_format.h"
+#include "machine.h"
 
 namespace lumbra::tool {
 namespace {
@@ -51,6 +52,12 @@ const char* MeaningOf(ResultCode nCode) {
   }
 }
 
+ResultCode CodeOf(const std::error_code& Error) {
+  if (Error == std::errc::permission_denied) return errACCESS_DENIED;
+  if (Error == std::errc::io_error) return errREAD_FAILED;
+  return Error == std::errc::no_such_file_or_directory ? errPATH_NOT_FOUND : errUNSPECIFIED;
+}
+
 }  // namespace
 
 Failure::Failure(const std::string& What, ResultCode nCode) : Failure(What, nCode, MeaningOf(nCode)) {}
@@ -58,6 +65,10 @@ Failure::Failure(const std::string& What, ResultCode nCode) : Failure(What, nCod
 Failure::Failure(const std::string& What, ResultCode nCode, const std::string& Meaning)
     : std::runtime_error(Printable(What) + ": " + host::DescribeCode(nCode) + ": " + Printable(Meaning)),
       m_nCode(nCode) {}
+
+Failure FailureAt(const std::filesystem::path& Path, const std::error_code& Error) {
+  return Failure("look at " + TextOf(Path), CodeOf(Error), MessageOf(Error));
+}
 
 std::string Printable(const std::string& Text) {
   std::string Shown;

@@ -1,8 +1,10 @@
 // What ends a command: one line that says what failed, with which code, and what that means for the user.
 #pragma once
 
+#include <filesystem>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 #include "lumbra/result_code.h"
 
@@ -19,6 +21,9 @@ class Failure : public std::runtime_error {
  private:
   ResultCode m_nCode;
 };
+
+// What the system said of a path that was looked at.
+Failure FailureAt(const std::filesystem::path& Path, const std::error_code& Error);
 
 // A text as it can be shown on a line of a terminal: control characters stand as \xNN.
 std::string Printable(const std::string& Text);

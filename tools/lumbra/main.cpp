@@ -10,8 +10,6 @@
 #include "machine.h"
 
 using lumbra::tool::Failure;
-using lumbra::tool::MessageOf;
-using lumbra::tool::TextOf;
 
 namespace {
 
@@ -19,11 +17,6 @@ int Report(const std::string& Problem) {
   std::fflush(stdout);
   std::fprintf(stderr, "lumbra: %s\n", Problem.c_str());
   return lumbra::tool::kExitFailed;
-}
-
-lumbra::ResultCode CodeOf(const std::error_code& Error) {
-  if (Error == std::errc::permission_denied) return lumbra::errACCESS_DENIED;
-  return Error == std::errc::no_such_file_or_directory ? lumbra::errPATH_NOT_FOUND : lumbra::errUNSPECIFIED;
 }
 
 }  // namespace
@@ -36,7 +29,7 @@ int main(int nCount, char** ppArguments) {
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return nStatus;
     return Report(Failure("write standard output", lumbra::errWRITE_FAILED, "what it said is incomplete").what());
   } catch (const std::filesystem::filesystem_error& Error) {
-    return Report(Failure("look at " + TextOf(Error.path1()), CodeOf(Error.code()), MessageOf(Error.code())).what());
+    return Report(lumbra::tool::FailureAt(Error.path1(), Error.code()).what());
   } catch (const std::bad_alloc&) {
     return Report(Failure("go on", lumbra::errOUT_OF_MEMORY).what());
   } catch (const std::exception& Error) {

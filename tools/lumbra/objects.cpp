@@ -100,6 +100,7 @@ int Find(const CommonOptions& Common, const FindOptions& Options) {
       ReportFailure(Failure((Options.bCreate ? "create \"" : "find \"") + Name + '"', nCode));
     }
   }
+  if (Options.bCreate) Store.Flush();
   return nStatus;
 }
 
@@ -154,6 +155,7 @@ int Link(const CommonOptions& Common, const LinkOptions& Options) {
   }
   const std::uint64_t nLink = WithoutDatabase(Options.nTarget);
   Check(Store.Call(&LumbraOperations::SetObjectData, Options.nId, &nLink, sizeof(nLink), kObjectLinkTag), What);
+  Store.Flush();
   std::printf("%s stands for %s\n", FormatId(Options.nId).c_str(), FormatId(Options.nTarget).c_str());
   return kExitOk;
 }

@@ -132,6 +132,7 @@ int Record(const CommonOptions& Common, const RecordOptions& Options) {
     throw;
   }
   Records.PrintSummary();
+  Store.Flush();
   if (Interrupted()) return kExitInterrupted;
   return bAllGood ? kExitOk : kExitFailed;
 }

@@ -97,6 +97,7 @@ int Scan(const CommonOptions& Common, const ScanOptions& Options) {
                  static_cast<unsigned long long>(Walker.Unreadable()));
   }
   Records.PrintSummary();
+  Store.Flush();
   if (Interrupted()) return kExitInterrupted;
   return Walker.Unreadable() == 0 ? kExitOk : kExitFailed;
 }

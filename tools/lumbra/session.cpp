@@ -173,6 +173,14 @@ bool Session::IsCorrupted() const {
   return nCorrupted != 0;
 }
 
+void Session::Flush() {
+  const ResultCode nCode = m_Host.SendFlush();
+  if (nCode == errWRITE_FAILED) {
+    throw Failure("bring it to the disk", nCode, "what was written now may be gone when the system starts again");
+  }
+  Check(nCode, "bring it to the disk");
+}
+
 std::uint32_t FlagsFor(std::uint32_t nType, const std::string& Name) {
   const bool bPath = nType == typeFile || nType == typeFolder;
   if (!bPath || !Name.starts_with('/')) return 0;

@@ -90,6 +90,9 @@ class Session {
 
   bool IsCorrupted() const;
 
+  // Brings what was written to the disk, or throws a Failure. The last step of every command that writes.
+  void Flush();
+
   // Calls one of the 19 operations.
   template <class... Parameters>
   ResultCode Call(ResultCode (*LumbraOperations::*pOperation)(HostObject*, Parameters...),

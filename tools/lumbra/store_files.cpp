@@ -1,10 +1,13 @@
 #include "store_files.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
+#include <memory>
+#include <system_error>
 
+#include "failure.h"
 #include "host/text.h"
 #include "lumbra/lumbra.h"
 #include "machine.h"
@@ -38,6 +41,49 @@ std::string IndexKey(const std::string& Name) {
     Key += static_cast<char>(c & 0x7F);
   }
   return Key;
+}
+
+// False for an error that says that nothing is there; throws a Failure for any other one.
+bool IsThere(const fs::path& Path, const std::error_code& Error) {
+  if (!Error) return true;
+  if (Error == std::errc::no_such_file_or_directory || Error == std::errc::not_a_directory) return false;
+  throw FailureAt(Path, Error);
+}
+
+bool IsThere(const fs::path& Path) {
+  std::error_code Error;
+  const bool bThere = fs::exists(Path, Error);
+  return IsThere(Path, Error) && bThere;
+}
+
+std::optional<std::uint64_t> SizeOfFile(const fs::path& Path) {
+  std::error_code Error;
+  const std::uint64_t nSize = fs::file_size(Path, Error);
+  return IsThere(Path, Error) ? std::optional(nSize) : std::nullopt;
+}
+
+// What a folder holds; nothing when it is not there.
+std::vector<fs::directory_entry> EntriesOf(const fs::path& Folder) {
+  std::vector<fs::directory_entry> Entries;
+  std::error_code Error;
+  fs::directory_iterator Listing(Folder, Error);
+  for (; !Error && Listing != fs::directory_iterator(); Listing.increment(Error)) Entries.push_back(*Listing);
+  IsThere(Folder, Error);
+  return Entries;
+}
+
+// Bytes of a file from an offset on, as many as it has of those; none when it is not there.
+std::string ReadBytes(const fs::path& Path, std::uint64_t nOffset, std::size_t nSize) {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> File(OpenStream(TextOf(Path), "rb"), &std::fclose);
+  const auto LastError = [] {
+    return std::error_code(errno, std::generic_category());
+  };
+  if (File == nullptr && !IsThere(Path, LastError())) return {};
+  std::string Content(nSize, '\0');
+  if (std::fseek(File.get(), static_cast<long>(nOffset), SEEK_SET) != 0) throw FailureAt(Path, LastError());
+  Content.resize(std::fread(Content.data(), 1, nSize, File.get()));
+  if (std::ferror(File.get()) != 0) throw FailureAt(Path, LastError());
+  return Content;
 }
 
 bool IsSeparatorOrControl(char c) {
@@ -78,7 +124,7 @@ std::optional<DatabaseName> ParseDatabaseName(const std::string& Text, std::stri
 }
 
 bool StoreFiles::Exists() const {
-  return fs::exists(m_Folder / "g_objid.dat");
+  return IsThere(m_Folder / "g_objid.dat");
 }
 
 bool StoreFiles::IsHeldByAnotherProcess() const {
@@ -89,7 +135,7 @@ bool StoreFiles::IsHeldByAnotherProcess() const {
 }
 
 bool StoreFiles::Has(const DatabaseName& Database) const {
-  return fs::exists(m_Folder / PathOf(Database.Folder()) / "segments.dat");
+  return IsThere(m_Folder / PathOf(Database.Folder()) / "segments.dat");
 }
 
 std::optional<DatabaseFiles> StoreFiles::Read(const DatabaseName& Database) const {
@@ -100,17 +146,17 @@ std::optional<DatabaseFiles> StoreFiles::Read(const DatabaseName& Database) cons
   } Header{};
   static_assert(sizeof(Header) == 12);
   const fs::path Folder = m_Folder / PathOf(Database.Folder());
-  std::ifstream File(Folder / "segments.dat", std::ios::binary);
-  if (!File.read(reinterpret_cast<char*>(&Header), sizeof(Header))) return {};
+  const std::string Read = ReadBytes(Folder / "segments.dat", 0, sizeof(Header));
+  if (Read.size() != sizeof(Header)) return {};
+  std::memcpy(&Header, Read.data(), sizeof(Header));
   if (std::memcmp(Header.Magic, "SDBH", 4) != 0 || Header.nEventSize == 0) return {};
 
   DatabaseFiles Found{Header.nEventSize, {}};
   if (Header.nFirstSegment == 0) return Found;
   for (std::uint32_t nNumber = Header.nFirstSegment;; ++nNumber) {
-    std::error_code Missing;
-    const std::uint64_t nSize = fs::file_size(Folder / FormatHex("%08X_events.dat", nNumber), Missing);
-    if (Missing) return Found;
-    const std::uint64_t nBytes = nSize < kRecordFileHeader ? 0 : nSize - kRecordFileHeader;
+    const std::optional<std::uint64_t> Size = SizeOfFile(Folder / FormatHex("%08X_events.dat", nNumber));
+    if (!Size) return Found;
+    const std::uint64_t nBytes = *Size < kRecordFileHeader ? 0 : *Size - kRecordFileHeader;
     Found.Segments.push_back({nNumber, nBytes / Header.nEventSize});
   }
 }
@@ -118,9 +164,9 @@ std::optional<DatabaseFiles> StoreFiles::Read(const DatabaseName& Database) cons
 std::vector<DatabaseName> StoreFiles::Databases() const {
   std::vector<DatabaseName> Numbered;
   std::vector<DatabaseName> Named;
-  for (const fs::directory_entry& Entry : fs::directory_iterator(m_Folder)) {
+  for (const fs::directory_entry& Entry : EntriesOf(m_Folder)) {
     const std::string Name = TextOf(Entry.path().filename());
-    if (!Entry.is_directory() || !fs::exists(Entry.path() / "segments.dat")) continue;
+    if (!Entry.is_directory() || !IsThere(Entry.path() / "segments.dat")) continue;
     const std::optional<std::uint32_t> Number = NumberOfFolder(Name);
     if (Number && FormatHex("%02X", *Number) == Name) {
       Numbered.push_back({Number, {}});
@@ -136,10 +182,9 @@ std::vector<DatabaseName> StoreFiles::Databases() const {
 
 bool StoreFiles::HasLostEvents(const DatabaseName& Database) const {
   if (const std::optional<DatabaseFiles> Found = Read(Database); Found && !Found->Segments.empty()) return false;
-  std::error_code Missing;
-  for (const fs::directory_entry& Entry : fs::directory_iterator(m_Folder / PathOf(Database.Folder()), Missing)) {
+  for (const fs::directory_entry& Entry : EntriesOf(m_Folder / PathOf(Database.Folder()))) {
     const bool bEvents = TextOf(Entry.path().filename()).ends_with("_events.dat");
-    if (bEvents && Entry.file_size(Missing) > kRecordFileHeader && !Missing) return true;
+    if (bEvents && SizeOfFile(Entry.path()).value_or(0) > kRecordFileHeader) return true;
   }
   return false;
 }
@@ -194,17 +239,15 @@ std::uint64_t StoreFiles::SharedObjectCount() const {
 }
 
 std::uint64_t StoreFiles::SizeOf(const char* pName) const {
-  std::error_code Missing;
-  const std::uint64_t nSize = fs::file_size(m_Folder / pName, Missing);
-  return Missing ? 0 : nSize;
+  return SizeOfFile(m_Folder / pName).value_or(0);
 }
 
 std::uint64_t StoreFiles::SizeOf(const DatabaseName& Database) const {
   std::uint64_t nSize = 0;
-  std::error_code Gone;
-  for (const fs::directory_entry& Entry : fs::directory_iterator(m_Folder / PathOf(Database.Folder()), Gone)) {
-    const std::uint64_t nOne = Entry.is_regular_file(Gone) ? Entry.file_size(Gone) : 0;
-    if (!Gone) nSize += nOne;
+  for (const fs::directory_entry& Entry : EntriesOf(m_Folder / PathOf(Database.Folder()))) {
+    std::error_code Error;
+    const bool bFile = Entry.is_regular_file(Error);
+    if (IsThere(Entry.path(), Error) && bFile) nSize += SizeOfFile(Entry.path()).value_or(0);
   }
   return nSize;
 }
@@ -212,12 +255,7 @@ std::uint64_t StoreFiles::SizeOf(const DatabaseName& Database) const {
 // Up to 64 bytes of one of the store's own files.
 std::string StoreFiles::ReadBlock(const char* pName, std::uint64_t nBlock) const {
   constexpr std::size_t kBlockSize = 64;
-  std::string Block(kBlockSize, '\0');
-  std::ifstream File(m_Folder / pName, std::ios::binary);
-  File.seekg(static_cast<std::streamoff>(nBlock * kBlockSize));
-  File.read(Block.data(), kBlockSize);
-  Block.resize(static_cast<std::size_t>(std::max<std::streamsize>(File.gcount(), 0)));
-  return Block;
+  return ReadBytes(m_Folder / pName, nBlock * kBlockSize, kBlockSize);
 }
 
 }  // namespace lumbra::tool

@@ -1,5 +1,7 @@
 // What the tool reads of a store's folder by itself: which databases there are, their event sizes and
 // segments. A database must be opened with the event size that it has: with another one it would start anew.
+//
+// What is not there is told apart from what cannot be looked at or read, for which all of this throws a Failure.
 #pragma once
 
 #include <cstdint>

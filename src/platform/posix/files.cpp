@@ -17,6 +17,8 @@
 
 namespace lumbra::os {
 
+static_assert(sizeof(off_t) == 8, "files are larger than 2 GB");
+
 struct OpenFile {
   int nDescriptor = -1;
   std::uint32_t nAccess = 0;
@@ -114,6 +116,13 @@ SystemError Sync(int nDescriptor) {
     if (errno != EINTR) return LastError();
   }
   return kSuccess;
+}
+
+// Whether a folder that could not be brought to the disk may be the next time, or has lost something. Any other error
+// says that it never will: it may not be read, is not there under this name, or lies on a file system that syncs no
+// folders.
+bool IsWorthAnotherSync(SystemError nError) {
+  return nError == kIoDevice || nError == kDiskFull || nError == kTooManyOpenFiles || nError == kNotEnoughMemory;
 }
 
 // CreateFile tells a missing folder from a missing file; the system does not.
@@ -291,8 +300,9 @@ SystemError Flush(FileHandle Handle) {
   SystemError nError = Sync(Handle->nDescriptor);
   if (nError != kSuccess || Handle->FolderToSync.empty()) return nError;
   nError = SyncFolder(Handle->FolderToSync);
-  if (nError == kSuccess) Handle->FolderToSync.clear();
-  return nError;
+  if (IsWorthAnotherSync(nError)) return nError;
+  Handle->FolderToSync.clear();
+  return kSuccess;
 }
 
 SystemError GetCreationTime(FileHandle Handle, std::uint64_t* pnTime) {

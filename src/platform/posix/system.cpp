@@ -6,8 +6,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <memory>
+#include <mutex>
 #include <new>
+#include <utility>
 
 #include "platform/posix/posix.h"
 
@@ -49,34 +50,85 @@ void CriticalSection::unlock() {
   pthread_mutex_unlock(MutexIn(m_Storage));
 }
 
+// The system's own semaphore gives its count to whoever asks first: one that has just come would take what was released
+// for those who wait and have not woken up yet. So each has a place in a queue, and is woken for itself.
+// The system's own semaphore gives its count to whoever asks first: one that has just come would take what was released
+// for those who wait and have not woken up yet. So each who waits has a place in a queue, and is woken for itself.
 struct Semaphore {
-  sem_t Native;
+  struct Place {
+    sem_t Wake;
+    bool bServed = false;
+    Place* pNext = nullptr;
+  };
+
+  // Takes one off the count, or a place at the queue's end, which then answers false.
+  bool TakeOrQueue(Place* pPlace) {
+    const std::lock_guard Hold(Guard);
+    if (nCount > 0) {
+      --nCount;
+      return true;
+    }
+    sem_init(&pPlace->Wake, 0, 0);
+    *LinkTo(nullptr) = pPlace;
+    return false;
+  }
+
+  // Gives up a place; whether it was served before.
+  bool Leave(Place* pPlace) {
+    const std::lock_guard Hold(Guard);  // who served it has let go of it
+    sem_destroy(&pPlace->Wake);
+    if (!pPlace->bServed) *LinkTo(pPlace) = pPlace->pNext;
+    return pPlace->bServed;
+  }
+
+  // Serves those who wait, in the order in which they came, and keeps what is left.
+  void Release(std::uint32_t nReleased) {
+    const std::lock_guard Hold(Guard);
+    for (; nReleased > 0 && pFirst != nullptr; --nReleased) {
+      Place* const pServed = std::exchange(pFirst, pFirst->pNext);
+      pServed->bServed = true;
+      sem_post(&pServed->Wake);
+    }
+    nCount += nReleased;
+  }
+
+ private:
+  Place** LinkTo(const Place* pPlace) {
+    Place** ppLink = &pFirst;
+    while (*ppLink != pPlace) ppLink = &(*ppLink)->pNext;
+    return ppLink;
+  }
+
+  CriticalSection Guard;
+  std::uint32_t nCount = 0;
+  Place* pFirst = nullptr;
 };
 
 SystemError CreateCountingSemaphore(Semaphore** ppSemaphore) {
-  std::unique_ptr<Semaphore> Created(new (std::nothrow) Semaphore);
-  if (Created == nullptr) return kNotEnoughMemory;
-  if (sem_init(&Created->Native, 0, 0) != 0) return ErrorFromErrno(errno);
-  *ppSemaphore = Created.release();
+  auto* const pCreated = new (std::nothrow) Semaphore;
+  if (pCreated == nullptr) return kNotEnoughMemory;
+  *ppSemaphore = pCreated;
   return kSuccess;
 }
 
-SystemError WaitForSemaphore(Semaphore* pSemaphore) {
+SystemError WaitForSemaphore(Semaphore* pSemaphore, CriticalSection& Held) {
+  Semaphore::Place Own;
+  const bool bTaken = pSemaphore != nullptr && pSemaphore->TakeOrQueue(&Own);
+  Held.unlock();
   if (pSemaphore == nullptr) return kInvalidHandle;
-  while (sem_wait(&pSemaphore->Native) != 0) {
-    if (errno != EINTR) return ErrorFromErrno(errno);
-  }
-  return kSuccess;
+  if (bTaken) return kSuccess;
+  int nErrno = 0;
+  do {
+    nErrno = sem_wait(&Own.Wake) == 0 ? 0 : errno;
+  } while (nErrno == EINTR);
+  return pSemaphore->Leave(&Own) ? kSuccess : ErrorFromErrno(nErrno);
 }
 
 void ReleaseSemaphoreBy(Semaphore* pSemaphore, std::uint32_t nCount) {
-  if (pSemaphore == nullptr) return;
-  for (std::uint32_t i = 0; i < nCount; ++i) sem_post(&pSemaphore->Native);
+  if (pSemaphore != nullptr) pSemaphore->Release(nCount);
 }
 
 void CloseSemaphore(Semaphore* pSemaphore) {
-  if (pSemaphore == nullptr) return;
-  sem_destroy(&pSemaphore->Native);
   delete pSemaphore;
 }
 

@@ -49,7 +49,9 @@ SystemError CreateCountingSemaphore(Semaphore** ppSemaphore) {
   return kSuccess;
 }
 
-SystemError WaitForSemaphore(Semaphore* pSemaphore) {
+// The kernel serves first who waits first.
+SystemError WaitForSemaphore(Semaphore* pSemaphore, CriticalSection& Held) {
+  Held.unlock();
   switch (WaitForSingleObjectEx(NativeHandle(pSemaphore), INFINITE, FALSE)) {
     case WAIT_OBJECT_0:
       return kSuccess;
