@@ -136,12 +136,11 @@ void Driver::Close() {
 bool Driver::Flush() {
   if (!m_pInstance->bOpen) return false;
   Begin(kFlush, 0);
-  const std::uint64_t nFaults = FaultsMade();
-  {
+  const auto Send = [this] {
     const InStore Now;
-    m_pInstance->Host.SendFlush();
-  }
-  if (FaultsMade() != nFaults) return false;
+    return m_pInstance->Host.SendFlush();
+  };
+  if (Failed(Send())) return false;
   Tell({Fact::Flushed});
   return true;
 }
