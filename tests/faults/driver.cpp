@@ -245,7 +245,11 @@ void Driver::TellDrops(const Database& Of) {
   if (Held.empty()) return;
   std::size_t nSegments = Held.size() + (Held.back().second >= Of.nSegmentEvents ? 1 : 0);
   if (Of.nMaxEvents == 0) {
-    const bool bMayBeOver = Info(Of.nId).second + kOneStepOfSize >= kGlobalLimit;
+    // Also what was written since the last add, which counts in the limit only now.
+    std::uint64_t nBytes = kOneStepOfSize;
+    std::error_code Missing;
+    for (const auto& One : fs::directory_iterator(FolderOf(Of), Missing)) nBytes += One.file_size();
+    const bool bMayBeOver = nBytes >= kGlobalLimit;
     if (nSegments > 1 && bMayBeOver) Tell(OverSegments(Fact::Drop, Held.front().first));
     return;
   }
@@ -373,18 +377,23 @@ bool Driver::IsMarkedCorrupted() const {
   return nMarked != 0;
 }
 
-// As it stands on the disk: from the segment that the header names, up to the first without an event file.
-Driver::Chain Driver::ChainOf(const Database& Of) const {
+fs::path Driver::FolderOf(const Database& Of) const {
   char Name[20];
   std::snprintf(Name, sizeof(Name), "%02X", Of.nId);
-  const fs::path Folder = m_With.Folder / (Of.Name.empty() ? Name : Narrow(Of.Name));
+  return m_With.Folder / (Of.Name.empty() ? Name : Narrow(Of.Name));
+}
+
+// As it stands on the disk: from the segment that the header names, up to the first without an event file.
+Driver::Chain Driver::ChainOf(const Database& Of) const {
+  const fs::path Folder = FolderOf(Of);
   std::uint32_t Header[3] = {};
   std::ifstream(Folder / "segments.dat", std::ios::binary).read(reinterpret_cast<char*>(Header), sizeof(Header));
   Chain There;
   for (std::uint32_t nSegment = Header[1]; nSegment != 0; ++nSegment) {
-    std::snprintf(Name, sizeof(Name), "%08X_", nSegment);
+    char Name[30];
+    std::snprintf(Name, sizeof(Name), "%08X_events.dat", nSegment);
     std::error_code Missing;
-    const std::uint64_t nSize = fs::file_size(Folder / (std::string(Name) + "events.dat"), Missing);
+    const std::uint64_t nSize = fs::file_size(Folder / Name, Missing);
     if (Missing) break;
     constexpr std::uint32_t kHeaderSize = 12;
     There[FirstOf(Of.nId) >> kSegmentShift | nSegment] =

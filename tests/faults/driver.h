@@ -94,6 +94,7 @@ class Driver {
   std::optional<std::string> EventOf(Id nId) const;
   std::optional<std::string> ValueOf(const Key& Of) const;
   std::pair<std::uint32_t, std::uint64_t> Info(std::uint32_t nDatabase) const;  // records, bytes
+  std::filesystem::path FolderOf(const Database& Of) const;
   Chain ChainOf(const Database& Of) const;
   void VerifyEvents(const Database& Of, const Chain& There, const Promises& Must, End How);
   void VerifyEvent(Id nId, const Promises& Must, End How);
