@@ -66,6 +66,11 @@ Driver::Driver(Setup With, Record Known)
                  {0, u"named" + std::u16string(Suffix.begin(), Suffix.end()), 9, 30}};
 }
 
+// The store's own objects take the first ids that are free.
+void Driver::TellOwnObjects() {
+  for (const char* const pName : {"System", "QOR", "host"}) Tell({Fact::Attempt, {Key::Name, 0}, pName});
+}
+
 void Driver::Tell(const Fact& Of) {
   m_Known.Apply(Of);
   if (m_With.Tell) m_With.Tell(Of);
@@ -83,6 +88,7 @@ ResultCode Driver::Call(ResultCode (*Ops::*pOperation)(HostObject*, Parameters..
 
 bool Driver::Open(Limits Set) {
   Begin(kOther, 0);
+  TellOwnObjects();
   if (m_pInstance == nullptr) m_pInstance = std::make_shared<Instance>();
   if (!m_pInstance->Store) {
     if (std::getenv("LUMBRA_FAULTS_TRACE") != nullptr) m_pInstance->Host.TraceToStream(600, stderr);

@@ -76,6 +76,7 @@ class Driver {
   ResultCode Call(ResultCode (*Ops::*pOperation)(HostObject*, Parameters...),
                   std::type_identity_t<Parameters>... Arguments) const;
   void Tell(const Fact& Of);
+  void TellOwnObjects();
   void Begin(OperationKind Kind, Id nWhere) { Tell({Fact::Begin, {Key::Event, nWhere, Kind}}); }
   std::uint64_t Below(std::uint64_t nEnd) { return m_Random() % nEnd; }
   const Key* Pick(Key::Kinds Kind);

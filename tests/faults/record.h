@@ -54,7 +54,8 @@ class Record {
   // its record is rewritten with its data.
   Promises Covered() const;
 
-  // Whether the value was ever under its key, or on its way there; for the bytes of an event, under any id.
+  // Whether the value was ever under its key, or on its way there; for the bytes of an event, and for a path that
+  // others lead through, under any id.
   bool WasTried(const Key& Of, const std::string& Value) const;
   // Whether each byte is 0 or that of an event which was tried under the id.
   bool IsTorn(Id nEvent, const std::string& Content) const;
@@ -67,12 +68,14 @@ class Record {
   const std::map<Id, std::uint32_t>& Segments() const { return m_Segments; }
 
  private:
+  void TryFolders(const std::string& Path);
   static void EraseRange(Promises* pFrom, Id nFrom, Id nEnd);
 
   Promises m_Now;
   Promises m_Flushed;
+  std::set<Id> m_ChangedObjects;  // whose data may have changed since
   std::map<Key, std::set<std::string>> m_Tried;
-  std::set<std::string> m_TriedEvents;
+  std::set<std::string> m_TriedAnywhere;
   std::set<Id> m_Used;
   std::set<Id> m_UsedAndFlushed;
   std::map<Id, std::uint32_t> m_Segments;

@@ -76,7 +76,7 @@ void RunBits(const Choice& Which) {
 
 void RunThreads(const Choice& Which) {
   constexpr std::uint32_t kThreads = 8;
-  const std::uint64_t nSteps = Which.bLong ? 2000 : 150;
+  const std::uint64_t nSteps = Which.bLong ? 5000 : 500;
   const fs::path Folder = Which.Fresh("threads");
   ResetSystem();
   Which.Start("threads", UINT64_MAX);
