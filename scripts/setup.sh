@@ -1,12 +1,14 @@
 #!/bin/sh
 # Installs what the project is built and tested with, from Debian's packages (Debian 12). Does nothing when all of it
-# is there. With "dev": also what contributors need. With "windows": also what builds for Windows and runs that.
+# is there. With "dev": also what contributors need. With "windows": also what builds for Windows and runs that. With
+# "fuzz": also the compiler of the fuzz targets.
 set -eu
 
 packages="g++ cmake ninja-build libcli11-dev nlohmann-json3-dev libutfcpp-dev libhowardhinnant-date-dev
           libgtest-dev libgmock-dev libbenchmark-dev"
 [ "${1:-}" = dev ] && packages="$packages clang-format"
 [ "${1:-}" = windows ] && packages="$packages g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-posix googletest wine wine64"
+[ "${1:-}" = fuzz ] && packages="$packages clang-14 libclang-rt-14-dev llvm-14"
 
 missing=""
 for package in $packages; do

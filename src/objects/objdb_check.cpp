@@ -118,9 +118,11 @@ ResultCode ObjectDB::CheckData(std::uint64_t nObjectId, const tODB_ID_ENTRY& obj
   for (std::uint32_t nEntry = 0; nEntry < objectEntry.nDataEntriesCount; ++nEntry) {
     const std::uint32_t bytesToRead = DataSize::Decode(dataEntries[nEntry].nDataSize).nStored;
     if (bytesToRead < kCrcSize) return errDATA_CORRUPTED;
+    const std::uint64_t nOffset = dataEntries[nEntry].nDataOffset;
+    // No memory for more than the file holds, whatever the entry claims: the read would come up short.
+    ODB_CHECK_AS("bytesRead == bytesToRead", nOffset + bytesToRead <= m_nSizeDT, errDATA_CORRUPTED);
     BlockBuffer buffer;
     if (!buffer.Resize(bytesToRead)) return errOUT_OF_MEMORY;
-    const std::uint64_t nOffset = dataEntries[nEntry].nDataOffset;
     ODB_CHECK(m_pFileData->SeekRead(dataEntries[nEntry].nDataOffset, buffer.Get(), bytesToRead, &bytesRead),
               DataReadErrorCode(nOffset));
     ODB_CHECK(bytesRead == bytesToRead, DataReadErrorCode(nOffset + bytesRead));

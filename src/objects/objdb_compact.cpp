@@ -189,14 +189,16 @@ ResultCode ObjectDB::Compaction::CopyBlock(std::uint64_t nIndex, tODB_DATA_ENTRY
           "lmb\tCompact: too big entry data size, entry id: %I64X, size: %d, object data is deleted", nIndex, nSize);
     return errOK;
   }
-  if (!m_Buffer.Resize(nSize)) {
+  // No memory is taken for what does not lie in the file, whatever the entry claims.
+  const bool bInFile = !m_Live.KnowsDataSize() || std::uint64_t{nOffset} + nSize <= m_Live.m_nSizeDT;
+  if (bInFile && !m_Buffer.Resize(nSize)) {
     if (bProtected) return errOUT_OF_MEMORY;
     Trace(kHostRoot, traceDamage,
           "lmb\tCompact: could not allocate buffer for data, entry id: %I64X, size: %d, object data is deleted", nIndex,
           nSize);
     return errOK;
   }
-  if (!ReadLive(nOffset, m_Buffer.Get(), nSize)) {
+  if (!bInFile || !ReadLive(nOffset, m_Buffer.Get(), nSize)) {
     Trace(kHostRoot, traceDamage,
           "lmb\tCompact: could not read data, entry id: %I64X, offset: %X, object data is deleted", nIndex, nOffset);
     return errOK;

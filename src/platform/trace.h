@@ -66,14 +66,14 @@ struct Conversion {
   Kind nKind;
 };
 
-consteval bool StartsWith(const char* pText, const char* pPrefix) {
+constexpr bool StartsWith(const char* pText, const char* pPrefix) {
   for (; *pPrefix != 0; ++pText, ++pPrefix) {
     if (*pText != *pPrefix) return false;
   }
   return true;
 }
 
-consteval Conversion ParseConversion(const char* pText) {
+constexpr Conversion ParseConversion(const char* pText) {
   struct Known {
     const char* pText;
     std::size_t nLength;
@@ -93,7 +93,7 @@ consteval Conversion ParseConversion(const char* pText) {
 }
 
 template <class... Arguments>
-consteval void CheckFormat(const char* pText) {
+constexpr void CheckFormat(const char* pText) {
   constexpr std::size_t kCount = sizeof...(Arguments);
   const Kind Kinds[kCount + 1] = {KindOf<Arguments>()...};
   std::size_t nNext = 0;

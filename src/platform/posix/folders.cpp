@@ -66,7 +66,7 @@ SystemError NamesOf(const std::string& Folder, std::vector<std::string>* pOwn,
   *ppNames = pOwn;
   if (t_nSearchScopes == 0) return List(Folder, pOwn);
   if (t_pListing == nullptr || t_pListing->Folder != Folder) {
-    auto pFresh = std::make_unique<FolderListing>(Folder);
+    auto pFresh = std::make_unique<FolderListing>(FolderListing{Folder, {}});
     const SystemError nError = List(Folder, &pFresh->Names);
     if (nError != kSuccess) return nError;
     KeepListing(std::move(pFresh));
