@@ -26,14 +26,18 @@ echo "fault programme: seed $seed"
 if [ -z "${TMPDIR:-}" ] && [ -d /dev/shm ] && [ -w /dev/shm ]; then export TMPDIR=/dev/shm; fi
 
 # All kinds as released; those that walk on bad ground also with the address sanitizer; the threads with the other one.
+failed=0
 for preset in release asan tsan; do
   scripts/build.sh "$preset" lumbra_faults
-  faults=build/$preset/tests/lumbra_faults
   case $preset in
-    release) "$faults" --seed "$seed" $long ;;
-    asan) "$faults" --seed "$seed" calls allocations moments bits ;;
-    tsan) "$faults" --seed "$seed" $long threads ;;
+    release) kinds= ;;
+    asan) kinds="calls allocations moments bits" ;;
+    tsan) kinds=threads ;;
   esac
+  sampled=$long
+  [ "$preset" != asan ] || sampled=
+  "build/$preset/tests/lumbra_faults" --seed "$seed" $sampled $kinds || failed=1
 done
 
-if [ -x scripts/fuzz.sh ]; then scripts/fuzz.sh $long --seed "$seed"; fi
+if [ -x scripts/fuzz.sh ]; then SEED=$seed scripts/fuzz.sh ${long:+3600} || failed=1; fi
+exit $failed
