@@ -37,24 +37,6 @@ TEST_F(LifecycleTest, PutsTheStoreWhereItIsTold) {
   EXPECT_CODE(errOPEN_FAILED, m_Host->Create().Init());  // not even beside one that has opened the shared store
 }
 
-// Whatever fails while an instance is initialised, it can be tried again, and everything balances in the end.
-TEST_F(LifecycleTest, GivesBackWhatAFailedStartTook) {
-  using enum SystemCall;
-  for (const SystemCall Failing : {Open, WriteAt, SetSize, MakeFolder}) {
-    for (std::uint64_t nSkip = 0; nSkip < 12; ++nSkip) {
-      StartAnew();
-      m_Store = m_Host->Create();
-      FailCalls(Failing, os::kDiskFull, nSkip);
-      const ResultCode nCode = m_Store.Init();
-      ResetSystem();
-      EXPECT_THAT(nCode, testing::AnyOf(errOK, errOPEN_FAILED, errWRITE_FAILED, errOUT_OF_SPACE)) << Name(nCode);
-      Expect({nSkip, errOK, errOK, errOK}, {nSkip, m_Store.Init(), InitDb(1), Add(1, 5)});
-      m_Host->SendFlush();
-      EXPECT_LE(1u, CallsOf(Sync));
-    }
-  }
-}
-
 TEST_F(LifecycleTest, SharesOneObjectStoreInTheProcess) {
   host::Store Second = m_Host->Create();
   Expect({errOK, errOK}, {Second.SetReportFolder(WideFolder() + u"/second"), Second.Init()});

@@ -89,15 +89,7 @@ TEST_F(SegmentTest, OpensOnceAPassingFailureHasPassed) {
   FailsOnce("a program copies the file", SystemCall::Open, os::kSharingViolation, 2);
   FailsOnce("creation time of the open file", SystemCall::Look, os::kIoDevice, 0);
   FailsOnce("header of the events", SystemCall::ReadAt, os::kIoDevice, 0);
-  bool bFailed = true;
-  for (std::uint64_t nSkip = 0; bFailed; ++nSkip) {
-    ASSERT_CODE(errOK, Start(Segment::Files::Existing));
-    FailAllocation(nSkip);
-    const ResultCode nCode = Add(2);
-    bFailed = AllocationFailed();
-    EXPECT_CODE(bFailed ? errOPEN_FAILED : errOK, nCode) << nSkip;
-  }
-  EXPECT_EQ((Answer{9, Name(errOK)}), EventCount());
+  EXPECT_EQ((Answer{8, Name(errOK)}), EventCount());
 }
 
 TEST_F(SegmentTest, LeavesNothingOfANewSegmentWhoseFileIsRefused) {

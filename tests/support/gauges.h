@@ -12,6 +12,7 @@ void ForgetCall(SystemCall Call);  // one that turned out to be a part of anothe
 // Counts an allocation; true when it is one that fails.
 bool CountAllocation();
 
+bool FaultsArePaused();
 bool TransfersAreRagged();
 std::int64_t ClockOfTest();  // 0 where the system's counts
 

@@ -1,6 +1,8 @@
 #include "support/system_calls.h"
 
+#include <algorithm>
 #include <atomic>
+#include <initializer_list>
 
 #include "support/gauges.h"
 
@@ -18,8 +20,33 @@ std::atomic<void (*)()> g_pWatchOpen{nullptr};
 std::atomic<bool> g_bRagged{false};
 std::atomic<std::int64_t> g_nClock{0};
 std::atomic<std::uint64_t> g_nAllocations{0};
-std::atomic<std::uint64_t> g_nFailAllocation{0};  // counts down to the one that fails; 0: none
-std::atomic<std::uintptr_t> g_nFailingThread{0};  // and not thread_local, for which some systems allocate
+std::atomic<std::uint64_t> g_nFailAllocation{0};   // counts down to the first that fails; 0: none
+std::atomic<std::uint64_t> g_nFailAllocations{0};  // how many are still to fail
+std::atomic<std::uintptr_t> g_nFailingThread{0};   // and not thread_local, for which some systems allocate
+
+std::atomic<bool> g_bPaused{false};
+Gauge g_Any;  // of all kinds of calls; nNative is the cause
+std::atomic<std::uint64_t> g_nFaults{0};
+
+// The error of a cause, where a call of the kind can meet it; otherwise that of a device.
+int NativeErrorFor(SystemCall Call, FaultCause Cause) {
+  using enum SystemCall;
+  const auto IsAmong = [Call](std::initializer_list<SystemCall> Calls) {
+    return std::ranges::find(Calls, Call) != Calls.end();
+  };
+  const bool bOpens = IsAmong({Open, OpenFolder});
+  if (Cause == FaultCause::Shortage && bOpens) return NativeError(os::kTooManyOpenFiles);
+  if (Cause == FaultCause::Shortage && IsAmong({Write, WriteAt, SetSize, MakeFolder}))
+    return NativeError(os::kDiskFull);
+  if (Cause == FaultCause::Denied && (bOpens || IsAmong({Look, Remove, MakeFolder})))
+    return NativeError(os::kAccessDenied);
+  return NativeError(os::kIoDevice);
+}
+
+bool IsNext(Gauge& Counted) {
+  const std::uint64_t nCall = Counted.nCalls++;
+  return nCall >= Counted.nFailFrom && nCall - Counted.nFailFrom < Counted.nFailTimes;
+}
 
 Gauge& GaugeOf(SystemCall Call) {
   return g_Gauges[static_cast<int>(Call)];
@@ -28,19 +55,28 @@ Gauge& GaugeOf(SystemCall Call) {
 }  // namespace
 
 int CountCall(SystemCall Call) {
+  if (g_bPaused) return 0;
   if (void (*const pWatch)() = g_pWatchOpen; pWatch != nullptr && Call == SystemCall::Open) pWatch();
-  Gauge& Counted = GaugeOf(Call);
-  const std::uint64_t nCall = Counted.nCalls++;
-  return nCall < Counted.nFailFrom || nCall - Counted.nFailFrom >= Counted.nFailTimes ? 0 : Counted.nNative.load();
+  const bool bAny = IsNext(g_Any);
+  const bool bOfItsKind = IsNext(GaugeOf(Call));
+  if (!bAny && !bOfItsKind) return 0;
+  ++g_nFaults;
+  return bOfItsKind ? GaugeOf(Call).nNative.load()
+                    : NativeErrorFor(Call, static_cast<FaultCause>(g_Any.nNative.load()));
 }
 
 void ForgetCall(SystemCall Call) {
   --GaugeOf(Call).nCalls;
+  --g_Any.nCalls;
 }
 
 bool CountAllocation() {
+  if (g_bPaused) return false;
   ++g_nAllocations;
-  return g_nFailAllocation != 0 && g_nFailingThread == CurrentThread() && --g_nFailAllocation == 0;
+  if (g_nFailAllocation == 0 || g_nFailingThread != CurrentThread() || --g_nFailAllocation != 0) return false;
+  if (--g_nFailAllocations != 0) g_nFailAllocation = 1;
+  ++g_nFaults;
+  return true;
 }
 
 bool TransfersAreRagged() {
@@ -51,10 +87,15 @@ std::int64_t ClockOfTest() {
 }
 
 void ResetSystem() {
-  for (Gauge& One : g_Gauges) {
+  const auto Reset = [](Gauge& One) {
     One.nCalls = 0;
     One.nFailFrom = UINT64_MAX;
-  }
+  };
+  for (Gauge& One : g_Gauges) Reset(One);
+  Reset(g_Any);
+  g_bPaused = false;
+  g_nFaults = 0;
+  WatchChanges({});
   g_pWatchOpen = nullptr;
   g_bRagged = false;
   g_nClock = 0;
@@ -83,6 +124,21 @@ void FailCallsNatively(SystemCall Call, int nNative, std::uint64_t nSkip, std::u
   One.nFailFrom = One.nCalls + nSkip;
 }
 
+void FailAnyCalls(FaultCause Cause, std::uint64_t nSkip, std::uint64_t nTimes) {
+  g_Any.nNative = static_cast<int>(Cause);
+  g_Any.nFailTimes = nTimes;
+  g_Any.nFailFrom = g_Any.nCalls + nSkip;
+}
+std::uint64_t FaultsMade() {
+  return g_nFaults;
+}
+void PauseFaults(bool bPaused) {
+  g_bPaused = bPaused;
+}
+bool FaultsArePaused() {
+  return g_bPaused;
+}
+
 void WatchOpen(void (*pWatch)()) {
   g_pWatchOpen = pWatch;
 }
@@ -95,8 +151,9 @@ void SetClock(std::int64_t nSeconds) {
 std::uint64_t Allocations() {
   return g_nAllocations;
 }
-void FailAllocation(std::uint64_t nSkip) {
+void FailAllocation(std::uint64_t nSkip, std::uint64_t nTimes) {
   g_nFailingThread = CurrentThread();
+  g_nFailAllocations = nTimes;
   g_nFailAllocation = nSkip + 1;
 }
 bool AllocationFailed() {

@@ -4,6 +4,8 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <string>
 
 #include "platform/os.h"
 
@@ -11,6 +13,7 @@ namespace lumbra::test {
 
 enum class SystemCall {
   Open,
+  OpenFolder,  // to list it or to sync it; posix alone
   Read,
   Write,
   ReadAt,
@@ -48,12 +51,36 @@ std::uint64_t AllCalls();
 void FailCalls(SystemCall Call, os::SystemError nError, std::uint64_t nSkip = 0, std::uint64_t nTimes = 1);
 void FailCallsNatively(SystemCall Call, int nNative, std::uint64_t nSkip = 0, std::uint64_t nTimes = 1);
 
+// Lets nSkip calls of all kinds pass and makes the next nTimes of them fail, each with the error that the cause has for
+// its kind: a device that fails, no room or no descriptors, or no right.
+enum class FaultCause { Device, Shortage, Denied };
+void FailAnyCalls(FaultCause Cause, std::uint64_t nSkip, std::uint64_t nTimes);
+std::uint64_t FaultsMade();  // calls and allocations that were made to fail since the last reset
+
+// While they are paused, calls and allocations are neither counted nor made to fail, and no change is told.
+void PauseFaults(bool bPaused);
+
 // Has a function called at each opening of a file, on the thread that opens.
 void WatchOpen(void (*pWatch)());
 
 // Makes every read and write move half of what is asked for, at least a byte; and on posix be interrupted every other
 // time.
 void MakeTransfersRagged(bool bRagged);
+
+// A change of what is on the disk.
+struct DiskChange {
+  enum Kind { Write, SetSize, Sync, Create, Remove, MakeFolder, SyncFolder };
+  Kind What;
+  std::string Path;
+  std::uint64_t nOffset = 0;  // of a write; the size that is set
+  std::string Bytes = {};     // of a write
+};
+enum class Fate { Happens, IsLost, Fails };  // lost: it is answered as done and never made
+
+// Has a function told of every change, in their order: before a write, a size or a sync, whose bytes it may alter and
+// whose fate it decides; after a name has come or gone. An empty function ends that. Posix alone.
+using ChangeWatch = std::function<Fate(DiskChange&)>;
+void WatchChanges(ChangeWatch Watch);
 
 // Sets the clock to a time in seconds since 1970; 0 gives it back to the system.
 void SetClock(std::int64_t nSeconds);
@@ -69,8 +96,8 @@ void SetIoPriority(std::uint32_t nPriority);
 // Allocations of the code under test, by operator new and by malloc.
 std::uint64_t Allocations();
 
-// Lets nSkip allocations of the calling thread pass and makes the next one fail.
-void FailAllocation(std::uint64_t nSkip);
-bool AllocationFailed();  // whether that came to pass; ends it otherwise
+// Lets nSkip allocations of the calling thread pass and makes the next nTimes of them fail.
+void FailAllocation(std::uint64_t nSkip, std::uint64_t nTimes = 1);
+bool AllocationFailed();  // whether all of that came to pass; ends it otherwise
 
 }  // namespace lumbra::test

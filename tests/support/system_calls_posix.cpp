@@ -8,15 +8,19 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 #include "platform/posix/posix.h"
 #include "support/gauges.h"
 
 namespace lumbra::test {
+extern "C" int __real_fstat(int, struct stat*);
 namespace {
 
 std::atomic<std::uint64_t> g_nTransfers{0};
@@ -35,7 +39,45 @@ bool Interrupts(std::size_t* pnSize) {
   return g_nTransfers++ % 2 != 0;
 }
 
+ChangeWatch g_Watch;
+
+bool Watched() {
+  return g_Watch && !FaultsArePaused();
+}
+
+std::string PathOf(int nDescriptor) {
+  char Path[PATH_MAX];
+  const std::string Link = "/proc/self/fd/" + std::to_string(nDescriptor);
+  const ssize_t nSize = readlink(Link.c_str(), Path, sizeof(Path));
+  return std::string(Path, static_cast<std::size_t>(std::max<ssize_t>(nSize, 0)));
+}
+
+// A name that has come or gone.
+void TellName(DiskChange::Kind What, const char* pPath) {
+  if (!Watched()) return;
+  DiskChange Change{What, pPath};
+  g_Watch(Change);
+}
+
+bool IsFolder(int nDescriptor) {
+  struct stat Status {};
+  return __real_fstat(nDescriptor, &Status) == 0 && S_ISDIR(Status.st_mode);
+}
+
+// Asks for the fate of a change of an open file, and makes it unless it is lost or fails; answers what the call does.
+template <class MakeIt>
+ssize_t Told(DiskChange Change, ssize_t nDone, MakeIt Make) {
+  const Fate Decided = g_Watch(Change);
+  if (Decided == Fate::Happens) return Make(Change);
+  errno = EIO;
+  return Decided == Fate::IsLost ? nDone : -1;
+}
+
 }  // namespace
+
+void WatchChanges(ChangeWatch Watch) {
+  g_Watch = std::move(Watch);
+}
 
 // The first errno value that becomes the error.
 int NativeError(os::SystemError nError) {
@@ -61,26 +103,64 @@ std::uintptr_t CurrentThread() {
 extern "C" {
 
 TRANSFER(read, (int f, void* p, size_t n), (f, p, n), Read)
-TRANSFER(write, (int f, const void* p, size_t n), (f, p, n), Write)
 TRANSFER(pread, (int f, void* p, size_t n, off_t o), (f, p, n, o), ReadAt)
-TRANSFER(pwrite, (int f, const void* p, size_t n, off_t o), (f, p, n, o), WriteAt)
 CALL(off_t, lseek, (int f, off_t o, int w), (f, o, w), Seek)
 CALL(int, fstat, (int f, struct stat* s), (f, s), Size)
-CALL(int, ftruncate, (int f, off_t n), (f, n), SetSize)
-CALL(int, fsync, (int f), (f), Sync)
 CALL(int, flock, (int f, int o), (f, o), Lock)
 CALL(int, stat, (const char* p, struct stat* s), (p, s), Look)
 CALL(int, statx, (int f, const char* p, int g, unsigned m, struct statx* s), (f, p, g, m, s), Look)
-CALL(int, unlink, (const char* p), (p), Remove)
-CALL(int, mkdir, (const char* p, mode_t m), (p, m), MakeFolder)
 CALL(int, sem_wait, (sem_t * s), (s), Wait)
 DETOUR(void*, malloc, (size_t n), (n), CountAllocation(), nullptr)
 DETOUR(void*, calloc, (size_t c, size_t n), (c, n), CountAllocation(), nullptr)
 
+ssize_t __real_pwrite(int, const void*, size_t, off_t);
+ssize_t __wrap_pwrite(int f, const void* p, size_t n, off_t o) {
+  if (Fails(SystemCall::WriteAt) || Interrupts(&n)) return -1;
+  if (!Watched()) return __real_pwrite(f, p, n, o);
+  DiskChange Change{DiskChange::Write, PathOf(f), static_cast<std::uint64_t>(o), {static_cast<const char*>(p), n}};
+  return Told(std::move(Change), static_cast<ssize_t>(n),
+              [f, o](const DiskChange& Made) { return __real_pwrite(f, Made.Bytes.data(), Made.Bytes.size(), o); });
+}
+ssize_t __real_write(int, const void*, size_t);
+ssize_t __wrap_write(int f, const void* p, size_t n) {
+  if (Fails(SystemCall::Write) || Interrupts(&n)) return -1;
+  if (!Watched()) return __real_write(f, p, n);
+  const auto nOffset = static_cast<std::uint64_t>(__real_lseek(f, 0, SEEK_CUR));
+  return Told({DiskChange::Write, PathOf(f), nOffset, {static_cast<const char*>(p), n}}, static_cast<ssize_t>(n),
+              [f](const DiskChange& Made) { return __real_write(f, Made.Bytes.data(), Made.Bytes.size()); });
+}
+int __real_ftruncate(int, off_t);
+int __wrap_ftruncate(int f, off_t n) {
+  if (Fails(SystemCall::SetSize)) return -1;
+  if (!Watched()) return __real_ftruncate(f, n);
+  return static_cast<int>(Told({DiskChange::SetSize, PathOf(f), static_cast<std::uint64_t>(n)}, 0,
+                               [f, n](const DiskChange&) { return __real_ftruncate(f, n); }));
+}
+int __real_fsync(int);
+int __wrap_fsync(int f) {
+  if (Fails(SystemCall::Sync)) return -1;
+  if (!Watched()) return __real_fsync(f);
+  return static_cast<int>(Told({IsFolder(f) ? DiskChange::SyncFolder : DiskChange::Sync, PathOf(f)}, 0,
+                               [f](const DiskChange&) { return __real_fsync(f); }));
+}
+int __real_unlink(const char*);
+int __wrap_unlink(const char* pPath) {
+  const int nAnswer = Fails(SystemCall::Remove) ? -1 : __real_unlink(pPath);
+  if (nAnswer == 0) TellName(DiskChange::Remove, pPath);
+  return nAnswer;
+}
+int __real_mkdir(const char*, mode_t);
+int __wrap_mkdir(const char* pPath, mode_t nMode) {
+  const int nAnswer = Fails(SystemCall::MakeFolder) ? -1 : __real_mkdir(pPath, nMode);
+  if (nAnswer == 0) TellName(DiskChange::MakeFolder, pPath);
+  return nAnswer;
+}
 int __real_open(const char*, int, ...);
 int __wrap_open(const char* pPath, int nFlags, mode_t nMode) {
-  const bool bFolder = (nFlags & O_DIRECTORY) != 0;  // a look, not a file that is opened
-  return !bFolder && Fails(SystemCall::Open) ? -1 : __real_open(pPath, nFlags, nMode);
+  if (Fails((nFlags & O_DIRECTORY) != 0 ? SystemCall::OpenFolder : SystemCall::Open)) return -1;
+  const int nDescriptor = __real_open(pPath, nFlags, nMode);
+  if (nDescriptor >= 0 && (nFlags & O_EXCL) != 0) TellName(DiskChange::Create, pPath);  // the store's way to create
+  return nDescriptor;
 }
 long __real_syscall(long, ...);
 long __wrap_syscall(long nNumber, long a, long b, long c) {

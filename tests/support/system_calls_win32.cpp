@@ -197,6 +197,8 @@ int NativeError(os::SystemError nError) {
   return static_cast<int>(nError);
 }
 
+void WatchChanges(ChangeWatch) {}
+
 std::uintptr_t CurrentThread() {
   return GetCurrentThreadId();
 }

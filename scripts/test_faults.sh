@@ -1,0 +1,43 @@
+#!/bin/sh
+# Runs the fault programme: every call that fails, every moment at which the process or the power goes, every bit, and
+# threads and kills; then the fuzzing. A sample of the cases, or with --long all of them. --seed N repeats a run.
+set -eu
+cd "$(dirname "$0")/.."
+
+seed=$(($(date +%s) % 100000))
+long=
+while [ $# -gt 0 ]; do
+  case $1 in
+    --long) long=--long ;;
+    --seed)
+      seed=$2
+      shift
+      ;;
+    *)
+      echo "usage: $0 [--long] [--seed N]" >&2
+      exit 2
+      ;;
+  esac
+  shift
+done
+echo "fault programme: seed $seed"
+
+# Where folders live in memory a run spends its time in the store.
+if [ -z "${TMPDIR:-}" ] && [ -d /dev/shm ] && [ -w /dev/shm ]; then export TMPDIR=/dev/shm; fi
+
+# All kinds as released; those that walk on bad ground also with the address sanitizer; the threads with the other one.
+failed=0
+for preset in release asan tsan; do
+  scripts/build.sh "$preset" lumbra_faults
+  case $preset in
+    release) kinds= ;;
+    asan) kinds="calls allocations moments bits" ;;
+    tsan) kinds=threads ;;
+  esac
+  sampled=$long
+  [ "$preset" != asan ] || sampled=
+  "build/$preset/tests/lumbra_faults" --seed "$seed" $sampled $kinds || failed=1
+done
+
+if [ -x scripts/fuzz.sh ]; then SEED=$seed scripts/fuzz.sh ${long:+3600} || failed=1; fi
+exit $failed
