@@ -154,9 +154,21 @@ ResultCode LoadPersistentIndexes(const std::u16string& Path, PersistentIndex* pN
   }
 }
 
+namespace {
+
+// Whether what stands behind a position is an item, or the beginning of it, and nothing else.
+bool IsLeftOf(File& Index, std::uint64_t nFrom, std::uint64_t nSize, const Block& Item) {
+  Block Left{};
+  std::uint64_t nPosition = 0;
+  if (nSize > Left.size() || Failed(Index.Seek(0, static_cast<std::int64_t>(nFrom), &nPosition))) return false;
+  return ReadSome(Index, Left.data(), nSize).Complete(nSize) && std::memcmp(Left.data(), Item.data(), nSize) == 0;
+}
+
+}  // namespace
+
 ResultCode SavePersistentIndex(const std::u16string& Path, std::uint32_t nIndex, std::string_view Name) {
   File Index;
-  ResultCode nCode = Index.OpenWithFlags(Path, fileWrite, openExisting);
+  ResultCode nCode = Index.OpenWithFlags(Path, fileRead | fileWrite, openExisting);
   if (Failed(nCode)) {
     Trace(kHostRoot, traceFailure, "lmb\tSavePersistentIndex(%u): File Create failed, ulo result = %u", nIndex,
           Number(nCode));
@@ -170,18 +182,18 @@ ResultCode SavePersistentIndex(const std::u16string& Path, std::uint32_t nIndex,
           Number(nCode));
     return nCode;
   }
-  // A name never lands at a position that would give it another id.
+  const Block Item = MakeBlock(Name);
   const std::uint64_t nExpected = std::uint64_t{kIndexBlockSize} * (std::uint64_t{nIndex} + 1);
-  // A part of an item that an attempt has left, and could not take back, is no name.
-  const bool bTorn = nPosition > nExpected && nPosition < nExpected + kIndexBlockSize;
-  if (bTorn && Succeeded(Index.SetSize(nExpected))) nCode = Index.Seek(kFromEnd, 0, &nPosition);
+  // What an attempt to save this item has left, and could not take back.
+  const bool bLeft = nPosition > nExpected && IsLeftOf(Index, nExpected, nPosition - nExpected, Item);
+  if (bLeft && Succeeded(Index.SetSize(nExpected))) nCode = Index.Seek(kFromEnd, 0, &nPosition);
+  // A name never lands at a position that would give it another id.
   if (nPosition != nExpected) {
     Trace(kHostRoot, traceFailure,
           "lmb\tSavePersistentIndex(%u): currentPos = %u (file size) is not equal to expected write pos = %u", nIndex,
           static_cast<std::uint32_t>(nPosition), static_cast<std::uint32_t>(nExpected));
     return errUNSPECIFIED;
   }
-  const Block Item = MakeBlock(Name);
   const Transfer Done = WriteAll(Index, Item.data(), Item.size());
   if (!Done.Complete(Item.size())) {
     Index.SetSize(nExpected);  // so that the next attempt finds the file as this one did
