@@ -148,11 +148,6 @@ class EventReader {
   host::IdContainer m_Parents;
 };
 
-void Report(const Failure& Reason) {
-  std::fflush(stdout);  // so that it stands where the events are missing
-  std::fprintf(stderr, "lumbra: %s\n", Reason.what());
-}
-
 }  // namespace
 
 int Events(const CommonOptions& Common, const EventsOptions& Options) {
@@ -172,12 +167,12 @@ int Events(const CommonOptions& Common, const EventsOptions& Options) {
     const ResultCode nCode = Reader.Show(Wanted, Options.bParents, &nShown);
     if (Succeeded(nCode)) continue;
     // The segments behind it may be sound: they are shown, too.
-    Report(Failure("read segment " + std::to_string(Wanted.nSegment) + " of " + Options.Database.Describe(), nCode,
+    ReportFailure(Failure("read segment " + std::to_string(Wanted.nSegment) + " of " + Options.Database.Describe(), nCode,
                    std::to_string(Wanted.nCount - nShown) + " of its events are missing here"));
     nStatus = kExitIncomplete;
   }
   if (const ResultCode nCode = Output.UnreadableCode(); Failed(nCode)) {
-    Report(Failure("read the names of some events", nCode));
+    ReportFailure(Failure("read the names of some events", nCode));
     if (nStatus == kExitOk) nStatus = kExitFailed;
   }
   return nStatus;

@@ -9,10 +9,6 @@
 namespace lumbra::tool {
 namespace {
 
-void ReportFailure(const Failure& Reason) {
-  std::fprintf(stderr, "lumbra: %s\n", Reason.what());
-}
-
 bool IsMissing(ResultCode nCode) {
   return nCode == errOBJECT_NOT_FOUND || nCode == errNOT_FOUND;
 }
