@@ -193,11 +193,18 @@ ResultCode Segment::GetEventCount(std::uint64_t* pnCount) {
   return errOK;
 }
 
+ResultCode Segment::MeasureData(std::uint64_t* pnSize) {
+  if (m_bOpened) {
+    *pnSize = m_pObjects->GetSize() + m_pEvents->GetSize();
+    return errOK;
+  }
+  if (m_bFailed || m_pEnv == nullptr) return errSTORE_NOT_INITIALIZED;
+  return m_pEnv->GetFileSize(u"*.dat", m_nNumber, pnSize);
+}
+
 std::uint64_t Segment::GetDataSize() {
-  if (m_bOpened) return m_pObjects->GetSize() + m_pEvents->GetSize();
-  if (m_bFailed || m_pEnv == nullptr) return 0;
   std::uint64_t nSize = 0;
-  return Succeeded(m_pEnv->GetFileSize(u"*.dat", m_nNumber, &nSize)) ? nSize : 0;
+  return Succeeded(MeasureData(&nSize)) ? nSize : 0;
 }
 
 std::uint64_t Segment::GetAge() const {

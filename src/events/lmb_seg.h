@@ -68,8 +68,9 @@ class Segment {
 
   // Without opening anything: from the folder when the segment is not open.
   ResultCode GetEventCount(std::uint64_t* pnCount);
-  std::uint64_t GetDataSize();   // bytes; 0 when it cannot be told
-  std::uint64_t GetAge() const;  // seconds; 0 when the clock stands before the creation
+  ResultCode MeasureData(std::uint64_t* pnSize);  // bytes
+  std::uint64_t GetDataSize();                    // the same; 0 when it cannot be told
+  std::uint64_t GetAge() const;                   // seconds; 0 when the clock stands before the creation
   std::uint64_t GetCreationTime() const { return m_nCreationTime; }  // FILETIME
 
   ResultCode Flush();  // always errOK

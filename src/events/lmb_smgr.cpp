@@ -86,10 +86,13 @@ ResultCode SegmentManager::ListSegments() {
     ResultCode nCode =
         pSegment->Init(m_pEnv, m_Header.nEventSize, Segment::Files::Existing, m_nNextNumber, m_pGlobalObjects);
     std::uint64_t nEvents = 0;
+    std::uint64_t nSize = 0;
     if (Succeeded(nCode)) nCode = pSegment->GetEventCount(&nEvents);
+    if (Succeeded(nCode)) nCode = pSegment->MeasureData(&nSize);
     if (nCode == errNOT_FOUND) break;
-    // Any other failure: whether the segment is there is not known, and its number must not be taken again.
-    if (Succeeded(nCode)) nCode = AppendEntry(std::move(pSegment), nEvents);
+    // Any other failure: whether the segment is there is not known, and its number must not be taken again; or how much
+    // is in it, and a limit of the size would not be kept.
+    if (Succeeded(nCode)) nCode = AppendEntry(std::move(pSegment), nEvents, nSize);
     if (Failed(nCode)) return nCode;
   }
   return errOK;
@@ -152,14 +155,14 @@ ResultCode SegmentManager::StartSegment() {
   std::uint64_t nEvents = 0;
   nCode = pSegment->GetEventCount(&nEvents);
   if (Failed(nCode)) return nCode;
-  nCode = AppendEntry(std::move(pSegment), nEvents);
+  const std::uint64_t nSize = pSegment->GetDataSize();
+  nCode = AppendEntry(std::move(pSegment), nEvents, nSize);
   if (Succeeded(nCode)) ++m_nNextNumber;
   return nCode;
 }
 
 // Puts a segment with the number m_nNextNumber at the chain's end.
-ResultCode SegmentManager::AppendEntry(std::unique_ptr<Segment> pSegment, std::uint64_t nEvents) {
-  const std::uint64_t nSize = pSegment->GetDataSize();
+ResultCode SegmentManager::AppendEntry(std::unique_ptr<Segment> pSegment, std::uint64_t nEvents, std::uint64_t nSize) {
   try {
     m_Segments.push_back({std::move(pSegment), m_nNextNumber, nEvents, nSize});
   } catch (const std::bad_alloc&) {

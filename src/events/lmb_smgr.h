@@ -144,7 +144,7 @@ class SegmentManager : private SegmentChain {
   bool LeaveOutUnfinished();
   ResultCode NewSegment();
   ResultCode StartSegment();
-  ResultCode AppendEntry(std::unique_ptr<Segment> pSegment, std::uint64_t nEvents);
+  ResultCode AppendEntry(std::unique_ptr<Segment> pSegment, std::uint64_t nEvents, std::uint64_t nSize);
   std::unique_ptr<Segment> MakeSegment();
   ResultCode WriteHeader();
   ResultCode MoveStart();

@@ -69,7 +69,8 @@ bool ReplaceAll(std::u16string* pText, std::u16string_view What, std::u16string_
 
 }  // namespace
 
-FailureWatch::FailureWatch() : m_pOuter(std::exchange(t_pWatch, this)) {}
+FailureWatch::FailureWatch(std::atomic<bool>* pbFailed)
+    : m_pbFailed(pbFailed), m_pOuter(std::exchange(t_pWatch, this)) {}
 
 FailureWatch::~FailureWatch() {
   t_pWatch = m_pOuter;
@@ -78,7 +79,7 @@ FailureWatch::~FailureWatch() {
 void FailureWatch::Note(std::uint32_t nLevel) {
   constexpr std::uint32_t kFailureLevel = 300;
   if (nLevel > kFailureLevel) return;
-  for (FailureWatch* pWatch = t_pWatch; pWatch != nullptr; pWatch = pWatch->m_pOuter) pWatch->m_bFailed = true;
+  for (FailureWatch* pWatch = t_pWatch; pWatch != nullptr; pWatch = pWatch->m_pOuter) *pWatch->m_pbFailed = true;
 }
 
 bool HostServices::Enter(StandaloneHost* pHost) {

@@ -1,6 +1,7 @@
 // The function tables of the stand-alone host.
 #pragma once
 
+#include <atomic>
 #include <string>
 
 #include "lumbra/host.h"
@@ -9,20 +10,20 @@ namespace lumbra::host {
 
 class StandaloneHost;
 
-// Sees whether a failure is traced on the thread that it lives on, whatever level the user asks for.
+// Sets a flag at once when a failure is traced on the thread that it lives on, whatever level the user asks for. The
+// flag outlives it.
 class FailureWatch {
  public:
-  FailureWatch();
+  explicit FailureWatch(std::atomic<bool>* pbFailed);
   ~FailureWatch();
   FailureWatch(const FailureWatch&) = delete;
   FailureWatch& operator=(const FailureWatch&) = delete;
 
   static void Note(std::uint32_t nLevel);  // of a line
-  bool Failed() const { return m_bFailed; }
 
  private:
+  std::atomic<bool>* const m_pbFailed;
   FailureWatch* const m_pOuter;  // one that lives already, and sees all that this one sees
-  bool m_bFailed = false;
 };
 
 struct HostServices {

@@ -159,13 +159,12 @@ void StandaloneHost::Release(LumbraInstance* pInstance) {
   m_Ended.notify_all();
 }
 
-// The store has no answer for the message but its trace, and that is what a module has, too.
+// The store has no answer for the message but its trace, and that is what a module has, too. What is traced counts from
+// that moment on: a flush on another thread may be answered before this one ends, and must not call it a success.
 ResultCode StandaloneHost::SendFlush() {
   if (Failed(m_nLoadResult)) return m_nLoadResult;
-  const FailureWatch Watch;
+  const FailureWatch Watch(&m_bFlushFailed);
   const ResultCode nCode = HostServices::Send(&m_Root, kFlushMessageClass, kFlushMessageId, nullptr, 0, 0);
-  const std::lock_guard Hold(m_Lock);
-  m_bFlushFailed |= Watch.Failed();
   return m_bFlushFailed ? errWRITE_FAILED : nCode;
 }
 

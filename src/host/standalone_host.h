@@ -74,7 +74,7 @@ class StandaloneHost {
 
   // Loads the component that is linked into the program, or the module whose entry is given (host/loaded_module.h).
   // LoadResult tells how that went; after a failure Create gives no store, whatever the module has registered. Beside
-  // another host nothing is loaded, and it is errALREADY_EXISTS; that host does not notice.
+  // another host nothing is loaded, and LoadResult is errALREADY_EXISTS; that host does not notice.
   explicit StandaloneHost(ModuleEntry pEntry = &LumbraModuleEntry);
   ~StandaloneHost();
   StandaloneHost(const StandaloneHost&) = delete;
@@ -96,8 +96,8 @@ class StandaloneHost {
   Store Create(std::uint32_t nInterfaceId = kSeparateInstance);
 
   // Makes every initialised instance flush its databases to the disk, and waits for that. errWRITE_FAILED when one of
-  // them traced a failure meanwhile (a line of level 300, whatever level the user traces): something is not on the
-  // disk. The system may have dropped it, and say the next time that all is well; so the answer stays until all
+  // them traced a failure meanwhile (a line of level 300 or below, whatever level the user traces): something is not on
+  // the disk. The system may have dropped it, and say the next time that all is well; so the answer stays until all
   // instances, since they share files, have ended and the store is opened again. Another failure when an instance could
   // not handle the message, and LoadResult when that is one; otherwise errOK.
   ResultCode SendFlush();
@@ -128,8 +128,8 @@ class StandaloneHost {
   std::condition_variable_any m_Ended;
   std::vector<Handler> m_Handlers;
   std::map<std::u16string, std::u16string> m_Placeholders;
-  bool m_bFlushFailed = false;  // since there were no instances
 
+  std::atomic<bool> m_bFlushFailed{false};  // since there were no instances
   std::atomic<std::uint32_t> m_nTraceLevel{0};
   std::mutex m_TraceLock;  // guards the sink, and keeps lines whole
   TraceCallback m_TraceCallback;

@@ -114,8 +114,8 @@ struct FoundFile {
 };
 
 // Calls Visit for each entry that matches a path whose last name may hold '*' and '?', until it answers
-// false. kFileNotFound when nothing matches (or the folder is missing), another number when the search itself
-// fails.
+// false. kFileNotFound when nothing matches (or the folder is missing), another number when the search itself, or the
+// look at an entry that matches, fails.
 SystemError FindFiles(std::u16string_view PathPattern, const std::function<bool(const FoundFile&)>& Visit);
 
 // While one lives, searches of this thread in one folder may take the names from a single listing of it. For
@@ -128,7 +128,7 @@ class SearchScope {
   SearchScope& operator=(const SearchScope&) = delete;
 };
 
-// The names of a folder's entries that are neither folders nor links, in no order.
+// The names of a folder's entries that are neither folders nor links, in no order. After an error some are missing.
 SystemError ListPlainFiles(std::u16string_view Folder, std::vector<std::u16string>* pNames);
 
 // Deletes those entries, the one of the given name behind all others. What cannot be deleted stays.

@@ -60,7 +60,8 @@ void ReaderWriterLock::Wait(os::Semaphore* pSemaphore, std::int32_t* pnWaiting) 
     Admit();  // the readers that queued behind a writer
     m_Guard.unlock();
   } else {
-    nError = os::WaitForSemaphore(pSemaphore, m_Guard);  // for nothing: all have been admitted
+    // All who waited have been admitted, so one release is left for this thread.
+    nError = os::WaitForSemaphore(pSemaphore, m_Guard);
     if (nError == os::kSuccess) return;
     Unlock();
   }

@@ -159,8 +159,8 @@ ResultCode StorageEnvironment::DeleteFiles(const char16_t* /*pPattern*/, std::ui
 }
 
 // Deletes the folder's segments from the newest on, each from its events on, up to the first whose events cannot be
-// deleted. So what is left, be it by an interruption, is the beginning of the chain, whole. False when there is such
-// one.
+// deleted. So what is left, be it by an interruption, is the beginning of the chain, whole. False when it stopped at
+// one, or could not list them.
 bool StorageEnvironment::DeleteSegments() {
   std::vector<std::u16string> Names;
   if (os::ListPlainFiles(m_Folder, &Names) != os::kSuccess) return false;

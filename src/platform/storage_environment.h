@@ -50,10 +50,10 @@ class StorageEnvironment {
   ResultCode OpenFile(const char16_t* pName, std::uint32_t nId, bool bCreate, bool bWritable,
                       std::unique_ptr<StorageFile>* ppFile);
 
-  // Id 0: deletes every plain file of the folder; folders and links stay. Segments go first, from the newest on, and
-  // "segments.dat" last: interrupted, it leaves a chain without its end. It ends at a segment whose events cannot be
-  // deleted. Otherwise deletes the id's four segment files. What cannot be
-  // deleted stays. Always errOK; the pattern has no influence.
+  // Id 0: deletes the folder's plain files, the segments first, from the newest on, and "segments.dat" last, so that an
+  // interruption leaves a chain without its end. At a segment whose events cannot be deleted it ends, and all else
+  // stays. Folders and links stay. Otherwise deletes the id's four segment files. What cannot be deleted stays. Always
+  // errOK; the pattern has no influence.
   ResultCode DeleteFiles(const char16_t* pPattern, std::uint32_t nId) noexcept;
 
   // Zero-filled memory, or null; given back with Free.

@@ -155,6 +155,17 @@ TEST_F(SegmentManagerTest, ListsWithoutOpening) {
 
 TEST_F(SegmentManagerTest, StartsAnewOnlyWhereItMust) {
   Fill(10, 35);
+  Restart();
+  // A size that cannot be had for a moment must not be missing from the total, on which limits depend.
+  const std::uint64_t nSize = m_pManager->GetTotalSize();
+  for (std::uint64_t nSkip = 0; nSkip < 16; ++nSkip) {
+    FailCalls(SystemCall::Look, os::kIoDevice, nSkip);
+    m_pManager = std::make_unique<SegmentManager>();
+    const ResultCode nCode = Init();
+    ResetSystem();
+    ASSERT_CODE(errOK, Failed(nCode) ? Init() : nCode);
+    ASSERT_EQ(nSize, m_pManager->GetTotalSize()) << nSkip;
+  }
   std::filesystem::remove(Folder() / "00000003_events.dat");
   Restart();
   EXPECT_EQ((std::pair{Totals{2, 20}, true}), (std::pair{Held(), Exists("00000004_events.dat")}));

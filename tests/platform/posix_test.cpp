@@ -47,6 +47,17 @@ TEST_F(PosixTest, FollowsLinksAndDeletesNone) {
   EXPECT_TRUE(fs::is_symlink(Folder() / "link") && fs::is_symlink(Folder() / "nowhere"));
 }
 
+TEST_F(PosixTest, DeletesNoSegmentWhileItCannotSeeThemAll) {
+  for (const char* const pName : {"00000001_events.dat", "00000002_events.dat"}) WriteFile(pName, {});
+  const auto LeftBy = [this](int nErrno) {
+    FailCallsNatively(SystemCall::Look, nErrno);
+    EXPECT_CODE(errOK, m_Environment.DeleteFiles(u"*.*", 0));
+    return std::distance(fs::directory_iterator(Folder()), fs::directory_iterator());
+  };
+  EXPECT_EQ(2, LeftBy(EIO));
+  EXPECT_EQ(0, LeftBy(ENOENT));  // one that is gone by then is no matter
+}
+
 // The name of a new file is brought to the disk where that can be had, and its content does not fail for it.
 TEST_F(PosixTest, FlushesAFileWhoseFolderCannotBeSynced) {
   const auto SyncsOfFlushes = [this](const char16_t* pName, int nErrno) {

@@ -67,7 +67,7 @@ TEST_F(ToolTest, ChoosesEvents) {
 
 TEST_F(ToolTest, ShowsWhatIsBehindASegmentThatCannotBeRead) {
   Run("record --db 1 --segment-events 2", 0, "{'name':'a'}\n{'name':'b'}\n{'name':'c'}\n{'name':'d'}\n{'name':'e'}");
-  const auto pHeld = OpenFile(u"store/01/00000002_events.dat");
+  auto pHeld = OpenFile(u"store/01/00000002_events.dat");
   for (const std::string Options : {"", " --parents"}) {
     const std::string Shown = Run("events --db 1" + Options, 3);
     EXPECT_THAT(Shown, ::testing::ContainsRegex("a\n.*b\n.*e\n$"));
@@ -75,6 +75,13 @@ TEST_F(ToolTest, ShowsWhatIsBehindASegmentThatCannotBeRead) {
     EXPECT_EQ("lumbra: read segment 2 of database 1: errOPEN_FAILED (0x800000C3): 2 of its events are missing here\n",
               ReadText("err"));
   }
+  pHeld.reset();
+  fs::remove(Folder() / "store/01/00000002_events.dat");  // where the chain ends now
+  EXPECT_THAT(Run("events --db 1", 3), EndsWith("b\n"));
+  EXPECT_EQ(
+      "lumbra: read segment 3 of database 1: errOBJECT_NOT_FOUND (0x800000C5): one before it is missing, and its 1 "
+      "events are out of reach\n",
+      ReadText("err"));
 }
 
 TEST_F(ToolTest, FindsNamesAndLinksObjects) {
@@ -109,6 +116,18 @@ TEST_F(ToolTest, FindsNamesAndLinksObjects) {
   Fails("link " + Root + ' ' + Other, "the store would not follow this link");
   Fails("link " + Shared + " 2", "2 stands for the host's name");
   Fails("link " + Other + ' ' + BelowFile, "nothing can stand for a file");
+}
+
+TEST_F(ToolTest, KeepsALinkThatItCannotRead) {
+  std::vector<std::string> Roots;
+  for (const std::string Name : {"HKLM", "HKCU", "HKCR"})
+    Roots.push_back(Find("1 --create --type 24 --check-mode " + Name));
+  Run("link " + Roots[0] + ' ' + Roots[1]);
+  const char* const pData = "store/01/00000001_objdt.dat";
+  Patch(pData, FileSize(pData) - 20, {'?'});  // in the link, with its CRC in front of the entry that leads to it
+  const Bytes kDamaged = ReadFile(pData);
+  Fails("link " + Roots[0] + ' ' + Roots[2], "errDATA_CORRUPTED");
+  EXPECT_EQ(kDamaged, ReadFile(pData));
 }
 
 TEST_F(ToolTest, KeepsDataOfObjects) {

@@ -29,8 +29,10 @@ constexpr Meaning kMeanings[] = {
     {"file signature is not valid", nullptr},
     {"corrupted persistent index", "the index of named databases was damaged and has been replaced by an empty one",
      true},
-    {"TryLoadPersistentIndexes: failed to read",
+    {"from file, ulo res = 0, bytesRead",
      "the index of named databases was cut off and has been replaced by an empty one", true},
+    {"TryLoadPersistentIndexes: failed to read",
+     "the index of named databases could not be read and was left as it is"},
     {"failed check", "an object, or what leads to it, is damaged or could not be written", true},
 };
 

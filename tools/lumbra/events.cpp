@@ -64,13 +64,16 @@ class Printer {
     }
   }
 
-  // nParent is the parent of the event's object, 0 when it has none. The object's database has been opened.
+  // nParent is the parent of the event's object, 0 when it has none or the store could not read it. The object's
+  // database has been opened.
   void Print(std::uint64_t nId, const Event& Shown, std::uint64_t nParent) {
     ObjectName Object;
     const ResultCode nCode = ReadName(Shown.nObject, &Object);
     const bool bNamed = Succeeded(nCode);
     const bool bGone = nCode == errOBJECT_NOT_FOUND || nCode == errNOT_FOUND;
     if (!bNamed && !bGone) m_nUnreadable = nCode;
+    const bool bKnowsParent = !m_Options.bParents || nParent != 0 || !bNamed || HasNoParent(Shown.nObject, Object);
+    if (!bKnowsParent) m_nUnreadable = errREAD_FAILED;
     if (m_Options.bJson) {
       nlohmann::ordered_json Line = {
           {"id", FormatId(nId)},   {"time", FormatTime(Shown.nTime)},   {"kind", Shown.nKind},
@@ -86,14 +89,26 @@ class Printer {
     }
     std::printf("%s  %s  %-6s  %12llu  ", FormatId(nId).c_str(), FormatTime(Shown.nTime).c_str(),
                 FormatKind(Shown.nKind).c_str(), static_cast<unsigned long long>(Shown.nValue));
-    if (m_Options.bParents) std::printf("%-18s  ", nParent == 0 ? "-" : FormatId(nParent).c_str());
+    if (m_Options.bParents)
+      std::printf("%-18s  ", nParent != 0 ? FormatId(nParent).c_str() : bKnowsParent ? "-" : "cannot be read");
     std::puts(bNamed ? Printable(Object.Name).c_str() : bGone ? "(its name is gone)" : "(its name cannot be read)");
   }
 
-  // The code of the last name that could not be read; errOK when all could that are there.
+  // The code of the last object that could not be read; errOK when all could that are there.
   ResultCode UnreadableCode() const { return m_nUnreadable; }
 
  private:
+  // Whether it is known that a named object has no parent. A parent of 0 alone does not tell.
+  bool HasNoParent(std::uint64_t nObject, const ObjectName& Object) const {
+    if (Object.Name.empty()) return true;  // one without a name never has a parent
+    host::IdContainer Above;
+    Above.AddParent(nObject);  // a file, here or above, takes it out again, and what is below the file is not told
+    if (Failed(m_pSession->Call(&LumbraOperations::GetObjectDataInto, nObject, Above.Handle(), 0))) return false;
+    if (Above.Parents().empty()) return Above.Hashes().empty();
+    // What cannot be read has a hash of 0 there.
+    return Above.Parents().size() == 1 && Above.Hashes().size() == 1 && Above.Hashes().front() != 0;
+  }
+
   ResultCode ReadName(std::uint64_t nObject, ObjectName* pObject) {
     const ResultCode nOpened = m_Opened[DatabaseOfId(nObject)];
     return Failed(nOpened) ? nOpened : m_pSession->ReadName(nObject, pObject);
@@ -148,11 +163,6 @@ class EventReader {
   host::IdContainer m_Parents;
 };
 
-void Report(const Failure& Reason) {
-  std::fflush(stdout);  // so that it stands where the events are missing
-  std::fprintf(stderr, "lumbra: %s\n", Reason.what());
-}
-
 }  // namespace
 
 int Events(const CommonOptions& Common, const EventsOptions& Options) {
@@ -166,18 +176,27 @@ int Events(const CommonOptions& Common, const EventsOptions& Options) {
   if (!Files) throw Failure("list " + Options.Database.Describe(), errREAD_FAILED);
   Printer Output(&Store, Options);
   EventReader Reader(&Store, nDatabase, &Output);
+  const auto SegmentFailure = [&Options](std::uint32_t nNumber, ResultCode nCode, const std::string& Meaning) {
+    return Failure("read segment " + std::to_string(nNumber) + " of " + Options.Database.Describe(), nCode, Meaning);
+  };
   int nStatus = kExitOk;
   for (const Run& Wanted : ChooseRuns(Files->Segments, Options)) {
     std::uint64_t nShown = 0;
     const ResultCode nCode = Reader.Show(Wanted, Options.bParents, &nShown);
     if (Succeeded(nCode)) continue;
     // The segments behind it may be sound: they are shown, too.
-    Report(Failure("read segment " + std::to_string(Wanted.nSegment) + " of " + Options.Database.Describe(), nCode,
-                   std::to_string(Wanted.nCount - nShown) + " of its events are missing here"));
+    ReportFailure(SegmentFailure(Wanted.nSegment, nCode,
+                                 std::to_string(Wanted.nCount - nShown) + " of its events are missing here"));
+    nStatus = kExitIncomplete;
+  }
+  for (const SegmentFile& Segment : Store.Files().OutOfReach(Options.Database, *Files)) {
+    ReportFailure(SegmentFailure(
+        Segment.nNumber, errOBJECT_NOT_FOUND,
+        "one before it is missing, and its " + std::to_string(Segment.nEvents) + " events are out of reach"));
     nStatus = kExitIncomplete;
   }
   if (const ResultCode nCode = Output.UnreadableCode(); Failed(nCode)) {
-    Report(Failure("read the names of some events", nCode));
+    ReportFailure(Failure("read the objects of some events", nCode));
     if (nStatus == kExitOk) nStatus = kExitFailed;
   }
   return nStatus;

@@ -85,6 +85,11 @@ std::string Printable(const std::string& Text) {
   return Shown;
 }
 
+void ReportFailure(const std::exception& Reason) {
+  std::fflush(stdout);
+  std::fprintf(stderr, "lumbra: %s\n", Reason.what());
+}
+
 void Check(ResultCode nCode, const std::string& What) {
   if (Failed(nCode)) throw Failure(What, nCode);
 }

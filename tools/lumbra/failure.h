@@ -1,6 +1,7 @@
 // What ends a command: one line that says what failed, with which code, and what that means for the user.
 #pragma once
 
+#include <exception>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
@@ -27,6 +28,9 @@ Failure FailureAt(const std::filesystem::path& Path, const std::error_code& Erro
 
 // A text as it can be shown on a line of a terminal: control characters stand as \xNN.
 std::string Printable(const std::string& Text);
+
+// "lumbra: " and what failed, on stderr, behind all that standard output was given before.
+void ReportFailure(const std::exception& Reason);
 
 // Throws a Failure for a failing code.
 void Check(ResultCode nCode, const std::string& What);

@@ -82,7 +82,7 @@ int Info(const CommonOptions& Common, const InfoOptions& Options) {
     try {
       Databases.push_back(Describe(Store, Database));
     } catch (const Failure& Reason) {  // one that cannot be opened does not hide the others
-      std::fprintf(stderr, "lumbra: %s\n", Reason.what());
+      ReportFailure(Reason);
       nStatus = kExitFailed;
     }
   }

@@ -13,9 +13,8 @@ using lumbra::tool::Failure;
 
 namespace {
 
-int Report(const std::string& Problem) {
-  std::fflush(stdout);
-  std::fprintf(stderr, "lumbra: %s\n", Problem.c_str());
+int Report(const std::exception& Problem) {
+  lumbra::tool::ReportFailure(Problem);
   return lumbra::tool::kExitFailed;
 }
 
@@ -27,12 +26,12 @@ int main(int nCount, char** ppArguments) {
   try {
     const int nStatus = lumbra::tool::ParseCommandLine(lumbra::tool::ProgramArguments(nCount, ppArguments))();
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return nStatus;
-    return Report(Failure("write standard output", lumbra::errWRITE_FAILED, "what it said is incomplete").what());
+    return Report(Failure("write standard output", lumbra::errWRITE_FAILED, "what it said is incomplete"));
   } catch (const std::filesystem::filesystem_error& Error) {
-    return Report(lumbra::tool::FailureAt(Error.path1(), Error.code()).what());
+    return Report(lumbra::tool::FailureAt(Error.path1(), Error.code()));
   } catch (const std::bad_alloc&) {
-    return Report(Failure("go on", lumbra::errOUT_OF_MEMORY).what());
+    return Report(Failure("go on", lumbra::errOUT_OF_MEMORY));
   } catch (const std::exception& Error) {
-    return Report(Error.what());
+    return Report(Error);
   }
 }

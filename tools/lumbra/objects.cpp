@@ -9,10 +9,6 @@
 namespace lumbra::tool {
 namespace {
 
-void ReportFailure(const Failure& Reason) {
-  std::fprintf(stderr, "lumbra: %s\n", Reason.what());
-}
-
 bool IsMissing(ResultCode nCode) {
   return nCode == errOBJECT_NOT_FOUND || nCode == errNOT_FOUND;
 }
@@ -27,13 +23,15 @@ void RequireObject(Session& Store, std::uint64_t nId, ObjectName* pName) {
   Check(Store.ReadName(nId, pName), "find " + FormatId(nId));
 }
 
-// What an object stands for; 0 when it stands for itself.
-std::uint64_t LinkOf(const Session& Store, std::uint64_t nId) {
+// What an object stands for; 0 when it stands for itself. One whose link cannot be read may stand for anything.
+std::uint64_t LinkOf(const Session& Store, std::uint64_t nId, const std::string& What) {
   std::uint64_t nLink = 0;
   std::uint32_t nSize = 0;
   const ResultCode nCode =
       Store.Call(&LumbraOperations::GetObjectData, nId, &nLink, sizeof(nLink), &nSize, kObjectLinkTag);
-  return nCode == errOK && nSize == sizeof(nLink) && nLink != 0 ? WithDatabase(nLink, DatabaseOfId(nId)) : 0;
+  if (IsMissing(nCode)) return 0;
+  Check(nCode, What);
+  return nSize == sizeof(nLink) && nLink != 0 ? WithDatabase(nLink, DatabaseOfId(nId)) : 0;
 }
 
 // Names lead on from keys, to whatever they are linked to; paths lead on from roots, to what can be the start of a
@@ -55,7 +53,7 @@ bool IsFollowed(std::uint32_t nFrom, std::uint32_t nTo) {
 
 // Where the store goes from an object while it builds a name: to what it links to, or to its parent; 0 at the end.
 std::uint64_t NextOf(const Session& Store, std::uint64_t nId, const std::string& What) {
-  if (const std::uint64_t nLink = LinkOf(Store, nId); nLink != 0) return nLink;
+  if (const std::uint64_t nLink = LinkOf(Store, nId, What); nLink != 0) return nLink;
   // A file on the way up empties the container, and the parents before it are not told: so it is marked.
   host::IdContainer Ancestors;
   Ancestors.AddParent(nId);
@@ -64,7 +62,10 @@ std::uint64_t NextOf(const Session& Store, std::uint64_t nId, const std::string&
   if (Listed.empty() || Listed.front() != nId) {
     throw Failure(What, errNOT_SUPPORTED, "nothing can stand for a file, or for what is below one");
   }
-  return Listed.size() == 1 ? 0 : Listed[1];
+  if (Listed.size() > 1) return Listed[1];
+  // An object that cannot be read has neither a parent nor a hash there.
+  if (Ancestors.Hashes().empty() || Ancestors.Hashes().front() == 0) throw Failure(What, errREAD_FAILED);
+  return 0;
 }
 
 bool LeadsTo(const Session& Store, std::uint64_t nFrom, std::uint64_t nTo, const std::string& What) {
@@ -136,7 +137,7 @@ int Link(const CommonOptions& Common, const LinkOptions& Options) {
   RequireObject(Store, Options.nId, &Object);
   RequireObject(Store, Options.nTarget, &Target);
   // Of an object that stands for another one the store tells the other's type.
-  if (const std::uint64_t nLink = LinkOf(Store, Options.nId); nLink != 0) {
+  if (const std::uint64_t nLink = LinkOf(Store, Options.nId, What); nLink != 0) {
     throw Failure(What, errOBJECT_ALREADY_EXISTS,
                   "it stands for " + FormatId(nLink) + " already; lumbra data clear would end that");
   }

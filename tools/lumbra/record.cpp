@@ -71,8 +71,9 @@ int Record(const CommonOptions& Common, const RecordOptions& Options) {
         bAllGood = false;
       }
     }
-  } catch (const Failure&) {
+  } catch (...) {
     Records.PrintSummary();
+    Store.TryToFlush();
     throw;
   }
   Records.PrintSummary();

@@ -86,9 +86,10 @@ int Scan(const CommonOptions& Common, const ScanOptions& Options) {
   Scanner Walker(&Records);
   try {
     for (const std::string& Path : Options.Paths) Walker.Walk(AbsolutePath(Path));
-  } catch (const Failure&) {
+  } catch (...) {
     Walker.EndProgress();
     Records.PrintSummary();
+    Store.TryToFlush();
     throw;
   }
   Walker.EndProgress();

@@ -93,6 +93,9 @@ class Session {
   // Brings what was written to the disk, or throws a Failure. The last step of every command that writes.
   void Flush();
 
+  // The same for a command that a failure ends: that is the one to be told, whatever becomes of the flush.
+  void TryToFlush() { (void)m_Host.SendFlush(); }
+
   // Calls one of the 19 operations.
   template <class... Parameters>
   ResultCode Call(ResultCode (*LumbraOperations::*pOperation)(HostObject*, Parameters...),

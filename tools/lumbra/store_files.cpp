@@ -19,6 +19,7 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t kMaxNameLength = 63;  // UTF-16 units
 constexpr std::uint64_t kRecordFileHeader = 12;
+constexpr const char* kEventFile = "%08X_events.dat";
 
 std::string FormatHex(const char* pFormat, std::uint32_t nValue) {
   char Text[32];
@@ -31,6 +32,17 @@ std::optional<std::uint32_t> NumberOfFolder(const std::string& Name) {
   if (Name.size() != 2 || Name.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) return {};
   const auto nNumber = static_cast<std::uint32_t>(std::stoul(Name, nullptr, 16));
   return nNumber < kFirstNamedDatabase ? std::optional(nNumber) : std::nullopt;
+}
+
+// The segment whose events are in a file of this name, 0 for any other file.
+std::uint32_t NumberOfEventFile(const std::string& Name) {
+  if (Name.find_first_not_of("0123456789ABCDEF") != 8) return 0;
+  const auto nNumber = static_cast<std::uint32_t>(std::stoul(Name.substr(0, 8), nullptr, 16));
+  return FormatHex(kEventFile, nNumber) == Name ? nNumber : 0;
+}
+
+std::uint64_t EventsOfSize(std::uint64_t nFileSize, std::uint32_t nEventSize) {
+  return nFileSize < kRecordFileHeader ? 0 : (nFileSize - kRecordFileHeader) / nEventSize;
 }
 
 // The form in which the index of names keeps a name: the low 7 bits of each UTF-16 unit, up to a zero.
@@ -154,10 +166,9 @@ std::optional<DatabaseFiles> StoreFiles::Read(const DatabaseName& Database) cons
   DatabaseFiles Found{Header.nEventSize, {}};
   if (Header.nFirstSegment == 0) return Found;
   for (std::uint32_t nNumber = Header.nFirstSegment;; ++nNumber) {
-    const std::optional<std::uint64_t> Size = SizeOfFile(Folder / FormatHex("%08X_events.dat", nNumber));
+    const std::optional<std::uint64_t> Size = SizeOfFile(Folder / FormatHex(kEventFile, nNumber));
     if (!Size) return Found;
-    const std::uint64_t nBytes = *Size < kRecordFileHeader ? 0 : *Size - kRecordFileHeader;
-    Found.Segments.push_back({nNumber, nBytes / Header.nEventSize});
+    Found.Segments.push_back({nNumber, EventsOfSize(*Size, Header.nEventSize)});
   }
 }
 
@@ -178,6 +189,19 @@ std::vector<DatabaseName> StoreFiles::Databases() const {
   std::sort(Named.begin(), Named.end(), [](const auto& a, const auto& b) { return a.Name < b.Name; });
   Numbered.insert(Numbered.end(), Named.begin(), Named.end());
   return Numbered;
+}
+
+std::vector<SegmentFile> StoreFiles::OutOfReach(const DatabaseName& Database, const DatabaseFiles& Chain) const {
+  const std::uint32_t nLast = Chain.Segments.empty() ? 0 : Chain.Segments.back().nNumber;
+  std::vector<SegmentFile> Found;
+  for (const fs::directory_entry& Entry : EntriesOf(m_Folder / PathOf(Database.Folder()))) {
+    const std::uint32_t nNumber = NumberOfEventFile(TextOf(Entry.path().filename()));
+    if (nNumber <= nLast) continue;
+    const std::uint64_t nEvents = EventsOfSize(SizeOfFile(Entry.path()).value_or(0), Chain.nEventSize);
+    if (nEvents != 0) Found.push_back({nNumber, nEvents});
+  }
+  std::sort(Found.begin(), Found.end(), [](const auto& a, const auto& b) { return a.nNumber < b.nNumber; });
+  return Found;
 }
 
 bool StoreFiles::HasLostEvents(const DatabaseName& Database) const {

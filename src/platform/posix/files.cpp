@@ -118,9 +118,9 @@ SystemError Sync(int nDescriptor) {
   return kSuccess;
 }
 
-// Whether a folder that could not be brought to the disk may be the next time, or has lost something. Any other error
-// says that it never will: it may not be read, is not there under this name, or lies on a file system that syncs no
-// folders.
+// Whether the failed sync of a folder is to be told and tried again: the next one may succeed, or this one has lost a
+// name. Any other error will come every time: the folder may not be read, is not there under this name, or lies on a
+// file system that does not sync folders.
 bool IsWorthAnotherSync(SystemError nError) {
   return nError == kIoDevice || nError == kDiskFull || nError == kTooManyOpenFiles || nError == kNotEnoughMemory;
 }

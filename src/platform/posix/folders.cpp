@@ -9,7 +9,6 @@
 #include <climits>
 #include <filesystem>
 #include <memory>
-#include <optional>
 #include <utility>
 
 #include "platform/posix/posix.h"
@@ -21,7 +20,7 @@ struct FolderCloser {
   void operator()(DIR* pFolder) const { closedir(pFolder); }
 };
 
-// Calls Visit with each entry of a folder but "." and "..".
+// Calls Visit with each entry of a folder but "." and "..", until it answers an error, which ends it.
 template <class VisitEntry>
 SystemError ForEachEntry(const std::string& Folder, VisitEntry Visit) {
   const int nDescriptor = OpenDescriptor(Folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -36,13 +35,17 @@ SystemError ForEachEntry(const std::string& Folder, VisitEntry Visit) {
     const dirent* const pEntry = readdir(Listing.get());
     if (pEntry == nullptr) return ErrorFromErrno(errno);
     const std::string_view Name = pEntry->d_name;
-    if (Name != "." && Name != "..") Visit(*pEntry, dirfd(Listing.get()));
+    if (Name == "." || Name == "..") continue;
+    const SystemError nError = Visit(*pEntry, dirfd(Listing.get()));
+    if (nError != kSuccess) return nError;
   }
 }
 
 SystemError List(const std::string& Folder, std::vector<std::string>* pNames) {
-  const SystemError nError = ForEachEntry(Folder.empty() ? "." : Folder,
-                                          [pNames](const dirent& Entry, int) { pNames->emplace_back(Entry.d_name); });
+  const SystemError nError = ForEachEntry(Folder.empty() ? "." : Folder, [pNames](const dirent& Entry, int) {
+    pNames->emplace_back(Entry.d_name);
+    return kSuccess;
+  });
   std::sort(pNames->begin(), pNames->end());
   return nError;
 }
@@ -89,21 +92,28 @@ bool Matches(std::string_view Pattern, std::string_view Name) {
   return Name.empty();
 }
 
-// The names of the entries that are neither folders nor links.
+// The names of the entries that are neither folders nor links. One that cannot be looked at may be a plain file: that
+// is an error, and not a file less.
 SystemError PlainFilesOf(const std::string& Folder, std::vector<std::string>* pNames) {
   return ForEachEntry(Folder, [pNames](const dirent& Entry, int nFolder) {
     struct stat Status {};
-    if (fstatat(nFolder, Entry.d_name, &Status, AT_SYMLINK_NOFOLLOW) != 0) return;
+    if (fstatat(nFolder, Entry.d_name, &Status, AT_SYMLINK_NOFOLLOW) != 0) {
+      return errno == ENOENT ? kSuccess : ErrorFromErrno(errno);
+    }
     if (!S_ISDIR(Status.st_mode) && !S_ISLNK(Status.st_mode)) pNames->emplace_back(Entry.d_name);
+    return kSuccess;
   });
 }
 
-// What a search tells about one entry; nothing when the entry is gone.
-std::optional<FoundFile> Look(const std::string& Folder, const std::string& Name) {
+// What a search tells about one entry; kFileNotFound when the entry is gone.
+SystemError Look(const std::string& Folder, const std::string& Name, FoundFile* pFound) {
   struct statx Status {};
-  if (statx(AT_FDCWD, (Folder + Name).c_str(), 0, STATX_BASIC_STATS | STATX_BTIME, &Status) != 0) return {};
+  if (statx(AT_FDCWD, (Folder + Name).c_str(), 0, STATX_BASIC_STATS | STATX_BTIME, &Status) != 0) {
+    return ErrorFromErrno(errno);
+  }
   const std::int64_t nSeconds = CreationFileTime(Status) / kFileTimeUnitsPerSecond - kSecondsTo1970;
-  return FoundFile{WideName(Name), S_ISDIR(Status.stx_mode), Status.stx_size, nSeconds};
+  *pFound = {WideName(Name), S_ISDIR(Status.stx_mode), Status.stx_size, nSeconds};
+  return kSuccess;
 }
 
 }  // namespace
@@ -165,11 +175,11 @@ SystemError FindFiles(std::u16string_view PathPattern, const std::function<bool(
   const std::string Pattern = Native.substr(nName);
 
   const std::size_t nWildcard = Pattern.find_first_of("*?");
+  FoundFile Found;
   if (nWildcard == std::string::npos) {
-    const std::optional<FoundFile> Found = Look(Folder, Pattern);
-    if (!Found) return ErrorFromErrno(errno);
-    Visit(*Found);
-    return kSuccess;
+    const SystemError nError = Look(Folder, Pattern, &Found);
+    if (nError == kSuccess) Visit(Found);
+    return nError;
   }
 
   std::vector<std::string> Own;
@@ -183,10 +193,11 @@ SystemError FindFiles(std::u16string_view PathPattern, const std::function<bool(
   for (auto Name = std::lower_bound(pNames->begin(), pNames->end(), Fixed);
        Name != pNames->end() && Name->starts_with(Fixed); ++Name) {
     if (!Matches(Pattern, *Name)) continue;
-    const std::optional<FoundFile> Found = Look(Folder, *Name);
-    if (!Found) continue;
+    const SystemError nLooked = Look(Folder, *Name, &Found);
+    if (nLooked == kFileNotFound) continue;
+    if (nLooked != kSuccess) return nLooked;
     bFound = true;
-    if (!Visit(*Found)) break;
+    if (!Visit(Found)) break;
   }
   return bFound ? kSuccess : kFileNotFound;
 }

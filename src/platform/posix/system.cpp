@@ -51,8 +51,6 @@ void CriticalSection::unlock() {
 }
 
 // The system's own semaphore gives its count to whoever asks first: one that has just come would take what was released
-// for those who wait and have not woken up yet. So each has a place in a queue, and is woken for itself.
-// The system's own semaphore gives its count to whoever asks first: one that has just come would take what was released
 // for those who wait and have not woken up yet. So each who waits has a place in a queue, and is woken for itself.
 struct Semaphore {
   struct Place {

@@ -141,9 +141,11 @@ SystemError FindFiles(std::u16string_view PathPattern, const std::function<bool(
   if (!Searching.Found()) return errno == ENOENT ? kFileNotFound : kGeneralFailure;
   do {
     const bool bFolder = (Found.attrib & _A_SUBDIR) != 0;
-    if (!Visit({Utf16(Found.name), bFolder, static_cast<std::uint64_t>(Found.size), Found.time_create})) break;
+    if (!Visit({Utf16(Found.name), bFolder, static_cast<std::uint64_t>(Found.size), Found.time_create})) {
+      return kSuccess;
+    }
   } while (Searching.Next(&Found));
-  return kSuccess;
+  return errno == ENOENT ? kSuccess : kGeneralFailure;  // at the end, or on the way there
 }
 
 SystemError ListPlainFiles(std::u16string_view Folder, std::vector<std::u16string>* pNames) {

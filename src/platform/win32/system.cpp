@@ -49,7 +49,6 @@ SystemError CreateCountingSemaphore(Semaphore** ppSemaphore) {
   return kSuccess;
 }
 
-// The kernel serves first who waits first.
 SystemError WaitForSemaphore(Semaphore* pSemaphore, CriticalSection& Held) {
   Held.unlock();
   switch (WaitForSingleObjectEx(NativeHandle(pSemaphore), INFINITE, FALSE)) {
