@@ -38,8 +38,8 @@ void Run() {
   Print("AddEvent", Count(1000, [&](std::uint64_t) { Store.Add(1); }));
   Event Buffer[100];
   Print("GetEvents of 100", Count(10, [&](std::uint64_t) {
-          Store.Call(&LumbraOperations::GetEvents, BenchStore::kDatabase, 0, Buffer, sizeof(Buffer), 100, nullptr,
-                     nullptr);
+          BenchStore::Require(Store.Call(&LumbraOperations::GetEvents, BenchStore::kDatabase, 0, Buffer, sizeof(Buffer),
+                                         100, nullptr, nullptr));
         }));
   Print("FindObject of 5 components, cached", Count(1000, [&](std::uint64_t) { Store.Find(Path); }));
   Path = kFolder + u"aaa";
@@ -52,19 +52,20 @@ void Run() {
   const std::uint64_t nObject = Store.AddSharedObjects(2);
   char Block[BenchStore::kBlockSize] = {};
   Print("GetObjectData of 100 bytes", Count(1000, [&](std::uint64_t) {
-          Store.Call(&LumbraOperations::GetObjectData, nObject, Block, sizeof(Block), nullptr, 1);
+          BenchStore::Require(Store.Call(&LumbraOperations::GetObjectData, nObject, Block, sizeof(Block), nullptr, 1));
         }));
   std::printf("%-44s %8llu reads in 1,000, and a look at the thread's priority each\n", "",
               static_cast<unsigned long long>(test::CallsOf(SystemCall::ReadAt)));
   Print("SetObjectData of 100 bytes, in place", Count(1000, [&](std::uint64_t) {
-          Store.Call(&LumbraOperations::SetObjectData, nObject, Block, sizeof(Block), 1);
+          BenchStore::Require(Store.Call(&LumbraOperations::SetObjectData, nObject, Block, sizeof(Block), 1));
         }));
   std::printf("%-44s %8llu reads and %llu writes in 1,000, and a look at the priority each\n", "",
               static_cast<unsigned long long>(test::CallsOf(SystemCall::ReadAt)),
               static_cast<unsigned long long>(test::CallsOf(SystemCall::WriteAt)));
   for (const std::uint32_t nObjects : {1000u, 20000u}) {
     Store.AddSharedObjects(nObjects);
-    const Counted Pass = Count(1, [&](std::uint64_t) { Store.Call(&LumbraOperations::Compact, kSystemDatabase); });
+    const Counted Pass =
+        Count(1, [&](std::uint64_t) { BenchStore::Require(Store.Call(&LumbraOperations::Compact, kSystemDatabase)); });
     std::printf("Compact of %6u objects %20s %8llu system calls  %8llu allocations\n", nObjects, "",
                 static_cast<unsigned long long>(Pass.nCalls), static_cast<unsigned long long>(Pass.nAllocations));
   }

@@ -52,8 +52,8 @@ void GetBatch(benchmark::State& State) {
   std::vector<Event> Buffer(kBatch);
   std::uint32_t nStart = 0;
   for (auto _ : State) {
-    g_Store->Call(&LumbraOperations::GetEvents, BenchStore::kDatabase, nStart, Buffer.data(), kBatch * sizeof(Event),
-                  kBatch, nullptr, nullptr);
+    BenchStore::Require(g_Store->Call(&LumbraOperations::GetEvents, BenchStore::kDatabase, nStart, Buffer.data(),
+                                      kBatch * sizeof(Event), kBatch, nullptr, nullptr));
     nStart = (nStart + kBatch) % kStored;
   }
 }
@@ -73,8 +73,8 @@ void GetRandom(benchmark::State& State) {
   Event Read;
   for (auto _ : State) {
     const std::uint64_t nStart = Random() % kStored;
-    g_Store->Call(&LumbraOperations::GetEvents, BenchStore::kDatabase, nStart, &Read, sizeof(Read), 1, nullptr,
-                  nullptr);
+    BenchStore::Require(g_Store->Call(&LumbraOperations::GetEvents, BenchStore::kDatabase, nStart, &Read, sizeof(Read),
+                                      1, nullptr, nullptr));
   }
 }
 

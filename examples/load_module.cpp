@@ -13,14 +13,16 @@ namespace {
 bool UseStore(host::Store& store) {
   std::uint64_t event[2] = {42, 0};  // 16 bytes of your own; bytes 8 to 15 refer to an object
   if (Failed(store.Init()) || Failed(store.Call(&LumbraOperations::InitDB, 1, sizeof(event)))) return false;
-  store.Call(&LumbraOperations::FindObjectSimple, 1, typeFile, u"C:\\Reports\\today.txt", kZeroTerminated, 1, 0,
-             &event[1]);
-  store.Call(&LumbraOperations::AddEvent, 1, event, sizeof(event), nullptr);
+  ResultCode code = store.Call(&LumbraOperations::FindObjectSimple, 1, typeFile, u"C:\\Reports\\today.txt",
+                               kZeroTerminated, 1, 0, &event[1]);
+  if (Succeeded(code)) code = store.Call(&LumbraOperations::AddEvent, 1, event, sizeof(event), nullptr);
 
   char16_t name[260] = {};
-  store.Call(&LumbraOperations::GetEvents, 1, 0, event, sizeof(event), 1, nullptr, nullptr);
-  if (Failed(store.Call(&LumbraOperations::GetObjectName, event[1], name, sizeof(name), nullptr, 0, nullptr)))
-    return false;
+  if (Succeeded(code)) code = store.Call(&LumbraOperations::GetEvents, 1, 0, event, sizeof(event), 1, nullptr, nullptr);
+  if (Succeeded(code)) {
+    code = store.Call(&LumbraOperations::GetObjectName, event[1], name, sizeof(name), nullptr, 0, nullptr);
+  }
+  if (Failed(code)) return false;
   std::printf("event %u is about ", static_cast<unsigned>(event[0]));
   for (const char16_t* c = name; *c != 0; ++c) std::putchar(static_cast<char>(*c));
   std::puts("");

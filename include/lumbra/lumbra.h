@@ -121,6 +121,8 @@ struct PropertyAccessRecord {
 // flush every open database.
 inline constexpr std::uint32_t kExpandMessageClass = 0x7CF3D716;
 inline constexpr std::uint32_t kExpandMessageId = 0x4EED86CA;
+// What the message is answered with when a handler has expanded the text.
+inline constexpr ResultCode kMessageExpanded = errFALSE;
 inline constexpr std::uint32_t kFlushMessageClass = 0x828F2F82;
 inline constexpr std::uint32_t kFlushMessageId = 0x6D649E90;
 

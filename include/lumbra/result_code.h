@@ -10,15 +10,6 @@
 
 namespace lumbra {
 
-using ResultCode = std::int32_t;
-
-constexpr bool Failed(ResultCode code) {
-  return code < 0;
-}
-constexpr bool Succeeded(ResultCode code) {
-  return code >= 0;
-}
-
 // The framework's and the platform's codes: X(name, value, message).
 #define LUMBRA_DESCRIBED_RESULT_CODES(X)                                             \
   X(errOK, 0x00000000, "No error")                                                   \
@@ -105,11 +96,22 @@ constexpr bool Succeeded(ResultCode code) {
   X(errPROPERTY_NOT_HANDLED, 0x80000188, "an unknown property or access mode")                      \
   X(errCONVERSION_FAILED, 0x80000202, "a UTF-16/UTF-8 conversion failed")
 
-#define LUMBRA_RESULT_CODE_CONSTANT(name, value, text) \
-  inline constexpr ResultCode name = static_cast<ResultCode>(value##u);
-LUMBRA_DESCRIBED_RESULT_CODES(LUMBRA_RESULT_CODE_CONSTANT)
-LUMBRA_PLAIN_RESULT_CODES(LUMBRA_RESULT_CODE_CONSTANT)
+// A type of its own, so that a code is neither a number nor a truth value by accident, and is not dropped without a
+// word. Codes without a name are values of it as well. In the tables it is a 32-bit integer: a host in C declares it
+// int32_t.
+enum class [[nodiscard]] ResultCode : std::int32_t{
+#define LUMBRA_RESULT_CODE_CONSTANT(name, value, text) name = static_cast<std::int32_t>(value##u),
+    LUMBRA_DESCRIBED_RESULT_CODES(LUMBRA_RESULT_CODE_CONSTANT) LUMBRA_PLAIN_RESULT_CODES(LUMBRA_RESULT_CODE_CONSTANT)
 #undef LUMBRA_RESULT_CODE_CONSTANT
+};
+using enum ResultCode;
+
+constexpr bool Failed(ResultCode code) {
+  return static_cast<std::int32_t>(code) < 0;
+}
+constexpr bool Succeeded(ResultCode code) {
+  return !Failed(code);
+}
 
 // The name of a code ("errNOT_FOUND"), or nullptr for a value without one.
 constexpr const char* ResultCodeName(ResultCode code) {

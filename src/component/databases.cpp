@@ -331,7 +331,7 @@ void Lumbra::EnforceGlobalLimit() {
   try {
     (void)CheckLimits();
   } catch (...) {
-    FAILED_STEP(ResultFromCurrentException());
+    TraceFailedStep(ResultFromCurrentException());
   }
 }
 

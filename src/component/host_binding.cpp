@@ -70,11 +70,12 @@ HostImport g_Imports[] = {
 
 // Where the trace lines of all rooms go: to the host's trace function, on behalf of the root unless a line
 // has an object of its own.
-ResultCode TraceToHost(HostObject* pObject, std::uint32_t nLevel, const char* pFormat, std::va_list Arguments) {
+void TraceToHost(HostObject* pObject, std::uint32_t nLevel, const char* pFormat, std::va_list Arguments) {
   HostObject* const pRoot = Root();
   const HostTraceFunction pTrace = g_Trace.Get(pRoot);
-  if (pTrace == nullptr) return errUNEXPECTED;
-  return pTrace(pObject == kHostRoot ? pRoot : pObject, nLevel, pFormat, Arguments);
+  if (pTrace == nullptr) return;
+  // Nobody could be told that a line was lost.
+  (void)pTrace(pObject == kHostRoot ? pRoot : pObject, nLevel, pFormat, Arguments);
 }
 
 }  // namespace
@@ -243,14 +244,14 @@ StringObject::StringObject(HostObject* pParent, std::u16string_view Text) {
     return;
   const auto nSize = static_cast<std::uint32_t>(Text.size() * sizeof(char16_t));
   if (Failed(StringOperationsOf(pObject).SetText(pObject, Text.data(), nSize, kCodePageUtf16, kCopyText))) {
-    SystemOf(pObject).CloseObject(pObject);
+    (void)SystemOf(pObject).CloseObject(pObject);  // the object is of no use either way
     return;
   }
   m_pObject = pObject;
 }
 
 StringObject::~StringObject() {
-  if (m_pObject != nullptr) SystemOf(m_pObject).CloseObject(m_pObject);
+  if (m_pObject != nullptr) (void)SystemOf(m_pObject).CloseObject(m_pObject);  // there is nobody to tell
 }
 
 ResultCode StringObject::AppendTo(HostString* pTarget) const {

@@ -53,7 +53,7 @@ void Lumbra::ReadCheckMode() {
   if (m_nCheckMode == 0) {
     ResultCode nSent = errOK;
     const HostText Value = Expand(u"%LumbraCheckData%", &nSent);
-    if (nSent == 1 && Value.Equals(u"1")) m_nCheckMode = 1;
+    if (nSent == kMessageExpanded && Value.Equals(u"1")) m_nCheckMode = 1;
   }
   if (m_nCheckMode != 0) Trace(&Handle, traceNotable, "lmb\t Lumbra check mode on");
 }
@@ -123,7 +123,8 @@ ResultCode Lumbra::OpenStore() {
 void Lumbra::RegisterWellKnownObjects() {
   m_nHostObjectId = kNoHostObject;
   for (const char16_t* const pName : {u"System", u"QOR"}) {
-    FindObject(kSystemDatabase, typeFile, pName, kZeroTerminated, findOrCreate, 0, 0, nullptr);
+    // A failure is traced, and costs nothing: they are found or created again at the next start.
+    (void)FindObject(kSystemDatabase, typeFile, pName, kZeroTerminated, findOrCreate, 0, 0, nullptr);
   }
 }
 
@@ -143,7 +144,7 @@ ResultCode Lumbra::LoadIndexAndCheck() {
 void Lumbra::RegisterHostName() {
   // Here the string object itself is what the message is sent about.
   const binding::StringObject Name(&Handle, u"%host%");
-  if (binding::Send(Name.Get(), kExpandMessageClass, kExpandMessageId, nullptr) != 1) return;
+  if (binding::Send(Name.Get(), kExpandMessageClass, kExpandMessageId, nullptr) != kMessageExpanded) return;
   HostText Expanded;
   Expanded.Append(Name);
   std::uint64_t nHostObjectId = kNoHostObject;
@@ -156,7 +157,12 @@ void Lumbra::GiveBack() {
   m_Slots[kSystemDatabase].Manager.TearDown();
   m_bMarkUnsaved = false;  // the next attempt may be in another folder
   if (std::exchange(m_bUsesSharedObjects, false)) SharedObjects::RemoveUser();
-  if (std::exchange(m_bHandlerRegistered, false)) binding::UnregisterFlushHandler(&Handle);
+  UnregisterHandler();
+}
+
+// A host that does not let go of the handler has no instance for it any more; there is nothing else to do here.
+void Lumbra::UnregisterHandler() {
+  if (std::exchange(m_bHandlerRegistered, false)) (void)binding::UnregisterFlushHandler(&Handle);
 }
 
 // ---- Messages and shutdown --------------------------------------------------------------------------------
@@ -166,7 +172,7 @@ ResultCode Lumbra::MessageReceive(std::uint32_t nClass, std::uint32_t nMessageId
   try {
     Flush();
   } catch (...) {
-    FAILED_STEP(ResultFromCurrentException());  // the line from which the host sees that not all is on the disk
+    TraceFailedStep(ResultFromCurrentException());  // the line from which the host sees that not all is on the disk
   }
   return errOK;
 }
@@ -188,7 +194,7 @@ void Lumbra::Flush() {
 ResultCode Lumbra::ObjectShutdown() {
   ForgetSharedInstance(this);
   SaveMark();
-  if (std::exchange(m_bHandlerRegistered, false)) binding::UnregisterFlushHandler(&Handle);
+  UnregisterHandler();
   if (std::exchange(m_bUsesSharedObjects, false)) SharedObjects::RemoveUser();
   for (DatabaseSlot& Slot : m_Slots) Slot.Manager.TearDown();
   std::vector<NamedDatabaseRef> Dropped;

@@ -150,6 +150,7 @@ class Lumbra : public HostedInstance {
   HostText ReportFolder();
   HostText Expand(const char16_t* pPlaceholder, ResultCode* pnSent);
   void GiveBack();
+  void UnregisterHandler();
 
   // properties.cpp
   static ResultCode TransferNumber(std::atomic<std::uint32_t>* pnField, PropertyAccessRecord* pRecord);

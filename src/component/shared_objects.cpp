@@ -37,16 +37,16 @@ ResultCode SharedStore::Open(const char16_t* pFolder, bool bCheckMode, bool bEnv
   if (!pEnvironment->Init(&Owner, pFolder, FolderContent::Keep, bEnvironmentFlag)) return errOPEN_FAILED;
   pStore = std::make_unique<ObjectDB>(bCheckMode);
   ObjectFiles Files;
-  // A file that cannot be opened is handed on as absent: the store refuses it.
-  pEnvironment->OpenFile(u"g_objbt.dat", 0, true, true, &Files.pTree);
-  pEnvironment->OpenFile(u"g_objid.dat", 0, true, true, &Files.pIds);
-  pEnvironment->OpenFile(u"g_objdt.dat", 0, true, true, &Files.pData);
+  // A file that cannot be opened is handed on as absent: the store refuses it, whatever the reason.
+  (void)pEnvironment->OpenFile(u"g_objbt.dat", 0, true, true, &Files.pTree);
+  (void)pEnvironment->OpenFile(u"g_objid.dat", 0, true, true, &Files.pIds);
+  (void)pEnvironment->OpenFile(u"g_objdt.dat", 0, true, true, &Files.pData);
   if (Failed(pStore->Open(0, Files, TreeHead::Large))) return errOPEN_FAILED;
   // At once, and not only when the first instance has created its well-known objects: those would be the newest, known
   // to the tree, and the quick check would not miss the others. A refill that fails is no reason not to start: the
   // store tries it again before it takes a name for missing.
   const ResultCode nRefilled = pStore->RefillEmptyTree();
-  if (Failed(nRefilled)) FAILED_STEP(nRefilled);
+  if (Failed(nRefilled)) TraceFailedStep(nRefilled);
   return errOK;
 }
 

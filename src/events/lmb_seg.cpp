@@ -74,16 +74,16 @@ ResultCode Segment::OpenEvents() {
   std::unique_ptr<StorageFile> pFile;
   const ResultCode nCode = m_pEnv->OpenFile(u"events.dat", m_nNumber, m_bCreate, m_bWritable, &pFile);
   if (Failed(nCode)) {
-    FAILED_STEP(nCode);
+    TraceFailedStep(nCode);
     m_bFailed = IsAboutTheFile(nCode);
     if (nCode == errOBJECT_NOT_FOUND && IsGone(u"events.dat")) LeaveChain();
     return nCode;
   }
-  if (!pFile->GetCreationTime(&m_nCreationTime)) return FAILED_STEP(errREAD_FAILED);
+  if (!pFile->GetCreationTime(&m_nCreationTime)) return FailedStep(errREAD_FAILED);
   m_pEvents.reset(new (std::nothrow) PlainDB);
-  if (m_pEvents == nullptr) return FAILED_STEP(errOUT_OF_MEMORY);
+  if (m_pEvents == nullptr) return FailedStep(errOUT_OF_MEMORY);
   if (!m_pEvents->Open(pFile, m_nEventSize, false)) {
-    FAILED_STEP(errWRITE_FAILED);
+    TraceFailedStep(errWRITE_FAILED);
     return errOPEN_FAILED;
   }
   return errOK;
@@ -91,13 +91,13 @@ ResultCode Segment::OpenEvents() {
 
 ResultCode Segment::OpenObjects() {
   m_pObjects.reset(new (std::nothrow) ObjectDB(m_bCheckMode));
-  if (m_pObjects == nullptr) return FAILED_STEP(errOUT_OF_MEMORY);
+  if (m_pObjects == nullptr) return FailedStep(errOUT_OF_MEMORY);
   ObjectFiles Opened;
   bool bGone = false;
   const ResultCode nRefused = OpenObjectFiles(&Opened, &bGone);
   const ResultCode nCode = m_pObjects->Open(m_nNumber, Opened, TreeHead::Small);
   if (Succeeded(nCode)) return errOK;
-  FAILED_STEP(Failed(nRefused) ? nRefused : nCode);
+  TraceFailedStep(Failed(nRefused) ? nRefused : nCode);
   m_bFailed = IsAboutTheFile(nRefused);
   // What the system did not let us open or read, because somebody holds it or the process has run out of something,
   // may be good.

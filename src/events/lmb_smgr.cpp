@@ -71,7 +71,7 @@ ResultCode SegmentManager::OpenHeader(std::uint32_t nEventSize) {
 FileContent SegmentManager::LookAtHeader(std::uint32_t nEventSize) {
   std::uint32_t nRead = 0;
   if (!m_pHeaderFile->SeekRead(0, &m_Header, sizeof(m_Header), &nRead)) {
-    return FileContent::Unread(FAILED_STEP(errREAD_FAILED));
+    return FileContent::Unread(FailedStep(errREAD_FAILED));
   }
   const bool bOurs = nRead == sizeof(m_Header) && std::memcmp(m_Header.nMagic, kMagic, sizeof(kMagic)) == 0;
   return bOurs && m_Header.nEventSize == nEventSize ? FileContent::Ours() : FileContent::Foreign();
@@ -177,7 +177,7 @@ ResultCode SegmentManager::AppendEntry(std::unique_ptr<Segment> pSegment, std::u
 
 ResultCode SegmentManager::WriteHeader() {
   m_bHeaderBehind = !m_pHeaderFile->SeekWrite(0, &m_Header, sizeof(m_Header), nullptr);
-  return m_bHeaderBehind ? FAILED_STEP(errWRITE_FAILED) : errOK;
+  return m_bHeaderBehind ? FailedStep(errWRITE_FAILED) : errOK;
 }
 
 // Writes again what could not be written before: should the process end first, the next start would find no segment
@@ -187,7 +187,7 @@ void SegmentManager::CatchUpHeader() {
 }
 
 void SegmentManager::SyncHeader() {
-  if (m_pHeaderFile != nullptr && !m_pHeaderFile->Flush()) FAILED_STEP(errWRITE_FAILED);
+  if (m_pHeaderFile != nullptr && !m_pHeaderFile->Flush()) TraceFailedStep(errWRITE_FAILED);
 }
 
 // Brings the number of the first segment that has its files to the disk. To be called before the files of a segment

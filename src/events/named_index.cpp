@@ -73,7 +73,7 @@ FileContent ReadSignature(File& Index, const std::u16string& Path, bool* pbCorru
   }
   *pbCorrupted = Signature == CorruptedSignature();
   if (*pbCorrupted || Signature == PlainSignature()) return FileContent::Ours();
-  Index.Close();
+  (void)Index.Close();  // nothing was written
   Trace(kHostRoot, traceDamage, "lmb\tTryLoadPersistentIndexes: file signature is not valid");
   Trace(kHostRoot, traceDamage, "lmb\tTryLoadPersistentIndexes: corrupted persistent index file (%S) content: %S",
         Path.c_str(), u"none");
@@ -156,6 +156,12 @@ ResultCode LoadPersistentIndexes(const std::u16string& Path, PersistentIndex* pN
 
 namespace {
 
+// Takes an item that could not be saved off the file again, so that the next attempt finds it as this one did. Should
+// that fail, too, the next one finds what is left.
+void CutBack(File& Index, std::uint64_t nSize) {
+  (void)Index.SetSize(nSize);
+}
+
 // Whether what stands behind a position is an item, or the beginning of it, and nothing else.
 bool IsLeftOf(File& Index, std::uint64_t nFrom, std::uint64_t nSize, const Block& Item) {
   Block Left{};
@@ -196,7 +202,7 @@ ResultCode SavePersistentIndex(const std::u16string& Path, std::uint32_t nIndex,
   }
   const Transfer Done = WriteAll(Index, Item.data(), Item.size());
   if (!Done.Complete(Item.size())) {
-    Index.SetSize(nExpected);  // so that the next attempt finds the file as this one did
+    CutBack(Index, nExpected);
     Trace(kHostRoot, traceFailure,
           "lmb\tSavePersistentIndex(%u): File Write failed, ulo result = %u, bytesWritten = %u", nIndex,
           Number(Done.nCode), Done.nBytes);
@@ -204,12 +210,12 @@ ResultCode SavePersistentIndex(const std::u16string& Path, std::uint32_t nIndex,
   }
   nCode = Index.Flush();
   if (Failed(nCode)) {
-    Index.SetSize(nExpected);
+    CutBack(Index, nExpected);
     Trace(kHostRoot, traceFailure, "lmb\tSavePersistentIndex(%u): File flush failed, ulo result = %u", nIndex,
           Number(nCode));
     return nCode;
   }
-  Index.Close();
+  (void)Index.Close();  // it is on the disk
   Trace(kHostRoot, traceRoutine, "lmb\tSavePersistentIndex: successful");
   return errOK;
 }
@@ -230,7 +236,7 @@ bool SaveCorruptedFlag(const std::u16string& Path) {
     return false;
   }
   if (Failed(Index.Flush())) {
-    FAILED_STEP(errWRITE_FAILED);
+    TraceFailedStep(errWRITE_FAILED);
     return false;
   }
   Trace(kHostRoot, traceRoutine, "lmb\tSaveCorruptedFlag: successful");
@@ -261,7 +267,7 @@ FileContent TryReadDatabaseId(const std::u16string& Path, std::uint32_t* pnId) {
   if (Failed(Done.nCode)) return FileContent::Unread(Done.nCode);
   if (!Done.Complete(sizeof(Bytes))) return FileContent::Foreign();
   *pnId = (std::uint32_t{Bytes[0]} << 24) | (std::uint32_t{Bytes[1]} << 16) | (std::uint32_t{Bytes[2]} << 8) | Bytes[3];
-  Identity.Close();
+  (void)Identity.Close();  // nothing was written
   if (*pnId >= kFirstNamedId) return FileContent::Ours();
   Trace(kHostRoot, traceFailure,
         "lmb\tTryReadDatabaseId: read index (%u) from file is less, than minimum named db index (%u)", *pnId,

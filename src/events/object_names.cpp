@@ -70,7 +70,7 @@ ResultCode FindSingleObject(ObjectDB& Store, std::uint8_t nType, std::uint32_t n
   std::uint64_t nParentHash = 0;
   if (nParentId != 0) {
     nParentHash = Store.GetObjectHash(nParentId);
-    if (nParentHash == 0) return FAILED_STEP(errOBJECT_NOT_FOUND);
+    if (nParentHash == 0) return FailedStep(errOBJECT_NOT_FOUND);
   }
   const std::uint64_t nHash = ObjectHash(nType, pName, nSize, nParentHash, nFlags);
   if (nHash == 0) return errHASH_ZERO;

@@ -172,8 +172,7 @@ std::uint32_t HostServices::ReadProperty(HostObject* pObject, std::uint32_t nPro
   }
   std::uint32_t nValue = 0;
   PropertyAccessRecord Record{&nValue, sizeof(nValue), 0, 0, propertyGet};
-  pInstance->pLifecycle->PropertyAccess(pInstance, nPropertyId, &Record);
-  return nValue;
+  return Succeeded(pInstance->pLifecycle->PropertyAccess(pInstance, nPropertyId, &Record)) ? nValue : 0;
 }
 
 void* HostServices::Allocate(HostObject* /*pObject*/, std::uint32_t nSize) {
@@ -218,7 +217,7 @@ ResultCode HostServices::Send(HostObject* pSender, std::uint32_t nClass, std::ui
     if (nClass == kExpandMessageClass && nMessageId == kExpandMessageId) {
       StringObject* const pString = StringObject::Of(pArgument != nullptr ? pArgument : pSender);
       if (pString == nullptr) return errPARAMETER_INVALID;
-      return ExpandPlaceholders(Host, &pString->Text) ? 1 : 0;
+      return ExpandPlaceholders(Host, &pString->Text) ? kMessageExpanded : errOK;
     }
     ResultCode nAnswer = errOK;
     for (const Store& Receiver : Host.HandlersOf(nClass)) {  // all of them, also when one fails

@@ -149,8 +149,8 @@ void StandaloneHost::Release(LumbraInstance* pInstance) {
     if (--m_Instances.at(pInstance) != 0) return;
     ++m_nEnding;
   }
-  pInstance->pLifecycle->ObjectShutdown(pInstance);
-  pInstance->pLifecycle->ObjectFree(pInstance);
+  (void)pInstance->pLifecycle->ObjectShutdown(pInstance);  // both answer errOK always
+  (void)pInstance->pLifecycle->ObjectFree(pInstance);
   {
     const std::lock_guard Hold(m_Lock);
     m_Instances.erase(pInstance);

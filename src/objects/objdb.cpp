@@ -108,7 +108,7 @@ ResultCode ObjectDB::Close() {
 ResultCode ObjectDB::Flush() {
   const std::lock_guard Hold(m_Lock);
   for (StorageFile* const pFile : {m_pFileBT.get(), m_pFileData.get()}) {
-    if (pFile != nullptr && !pFile->Flush()) FAILED_STEP(errWRITE_FAILED);
+    if (pFile != nullptr && !pFile->Flush()) TraceFailedStep(errWRITE_FAILED);
   }
   m_IdDB.Flush();
   return errOK;

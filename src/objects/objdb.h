@@ -41,7 +41,7 @@ class ObjectDB {
   // With bCheckData new files get every kind of CRC, and reads and writes are checked for their full byte
   // count. Files that exist keep the format they were created with.
   explicit ObjectDB(bool bCheckData);
-  ~ObjectDB() { Close(); }
+  ~ObjectDB() { (void)Close(); }  // answers errOK always
   ObjectDB(const ObjectDB&) = delete;
   ObjectDB& operator=(const ObjectDB&) = delete;
 

@@ -77,7 +77,7 @@ bool PlainDB::Close() {
 }
 
 bool PlainDB::Flush() {
-  if (m_pFile != nullptr && !m_pFile->Flush()) FAILED_STEP(errWRITE_FAILED);
+  if (m_pFile != nullptr && !m_pFile->Flush()) TraceFailedStep(errWRITE_FAILED);
   return true;
 }
 

@@ -82,8 +82,8 @@ class EnsureViolation : public Exception {
 }  // namespace ulo
 
 // Raises CheckResultFailedException when a code is a failure.
-#define ULO_CHECK_RESULT(code)                                               \
-  do {                                                                       \
-    if (const ::lumbra::ResultCode nChecked = (code); nChecked < 0)          \
-      throw ::ulo::CheckResultFailedException(__FILE__, __LINE__, nChecked); \
+#define ULO_CHECK_RESULT(code)                                                    \
+  do {                                                                            \
+    if (const ::lumbra::ResultCode nChecked = (code); ::lumbra::Failed(nChecked)) \
+      throw ::ulo::CheckResultFailedException(__FILE__, __LINE__, nChecked);      \
   } while (false)

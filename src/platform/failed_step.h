@@ -1,4 +1,5 @@
-// The line that a failed step of segments, their manager and of syncs leaves in the trace; answers the code.
+// The line that a failed step of segments, their manager and of syncs leaves in the trace: the code, and the place that
+// calls.
 #pragma once
 
 #include <cstdint>
@@ -7,11 +8,16 @@
 
 namespace lumbra {
 
-inline ResultCode TraceFailedStep(const char* pFile, std::int32_t nLine, ResultCode nCode) {
+inline void TraceFailedStep(ResultCode nCode, const char* pFile = __builtin_FILE(),
+                            std::int32_t nLine = __builtin_LINE()) {
   Trace(kHostRoot, traceFailure, "lmb\tFailed in %d line, file %s. Err: %terr", nLine, pFile, nCode);
+}
+
+// The same, as a step's answer.
+inline ResultCode FailedStep(ResultCode nCode, const char* pFile = __builtin_FILE(),
+                             std::int32_t nLine = __builtin_LINE()) {
+  TraceFailedStep(nCode, pFile, nLine);
   return nCode;
 }
 
 }  // namespace lumbra
-
-#define FAILED_STEP(code) ::lumbra::TraceFailedStep(__FILE__, __LINE__, (code))

@@ -47,14 +47,14 @@ os::SeekOrigin OriginOf(std::uint32_t nOrigin) {
 }  // namespace
 
 File::~File() {
-  Close();
+  (void)Close();  // who wants to know closes it before
 }
 
 ResultCode File::Create(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t nShare,
                         os::Disposition nDisposition, std::uint32_t nFlags) {
   os::FileHandle Opened = nullptr;
   const ResultCode nCode = ResultFromSystemError(os::Open(Path, nAccess, nShare, nDisposition, nFlags, &Opened));
-  Close();
+  (void)Close();  // of the file that was open before
   m_Handle = Opened;
   return nCode;
 }

@@ -4,7 +4,7 @@ namespace lumbra {
 
 IoPriorityGuard::~IoPriorityGuard() {
   os::SetThreadPointer(m_pOuter);
-  if (m_Saved.nLevel != os::kIoPriorityNormal) os::SetIoPriority(m_Saved);
+  if (m_Saved.nLevel != os::kIoPriorityNormal) (void)os::SetIoPriority(m_Saved);  // the work is done all the same
 }
 
 void IoPriorityGuard::Enter() noexcept {
@@ -12,7 +12,7 @@ void IoPriorityGuard::Enter() noexcept {
   os::IoPriority Found{};
   if (os::QueryIoPriority(&Found) != os::kSuccess) return;
   m_Saved = Found;
-  if (m_Saved.nLevel != os::kIoPriorityNormal) os::SetNormalIoPriority();
+  if (m_Saved.nLevel != os::kIoPriorityNormal) (void)os::SetNormalIoPriority();
 }
 
 }  // namespace lumbra

@@ -15,35 +15,39 @@
 
 namespace lumbra::os {
 
-// A Win32 error number.
-using SystemError = std::uint32_t;
-
-inline constexpr SystemError kSuccess = 0;
-inline constexpr SystemError kFileNotFound = 2;
-inline constexpr SystemError kPathNotFound = 3;
-inline constexpr SystemError kTooManyOpenFiles = 4;
-inline constexpr SystemError kAccessDenied = 5;
-inline constexpr SystemError kInvalidHandle = 6;
-inline constexpr SystemError kNotEnoughMemory = 8;
-inline constexpr SystemError kWriteProtect = 19;
-inline constexpr SystemError kGeneralFailure = 31;
-inline constexpr SystemError kSharingViolation = 32;
-inline constexpr SystemError kNotSupported = 50;
-inline constexpr SystemError kFileExists = 80;
-inline constexpr SystemError kInvalidParameter = 87;
-inline constexpr SystemError kDiskFull = 112;
-inline constexpr SystemError kInvalidName = 123;
-inline constexpr SystemError kNegativeSeek = 131;
-inline constexpr SystemError kBusy = 170;
-inline constexpr SystemError kAlreadyExists = 183;
-inline constexpr SystemError kNameTooLong = 206;
-inline constexpr SystemError kFileTooLarge = 223;
-inline constexpr SystemError kWaitAbandoned = 735;
-inline constexpr SystemError kOperationAborted = 995;
-inline constexpr SystemError kIoDevice = 1117;
-inline constexpr SystemError kNoSystemResources = 1450;
-inline constexpr SystemError kTimeout = 1460;
-inline constexpr SystemError kCannotResolveName = 1921;
+// A Win32 error number, named or not. A type of its own, which is neither a number nor a truth value by accident, and
+// not dropped without a word.
+enum class [[nodiscard]] SystemError : std::uint32_t{
+    kSuccess = 0,
+    kFileNotFound = 2,
+    kPathNotFound = 3,
+    kTooManyOpenFiles = 4,
+    kAccessDenied = 5,
+    kInvalidHandle = 6,
+    kNotEnoughMemory = 8,
+    kNoMoreFiles = 18,
+    kWriteProtect = 19,
+    kGeneralFailure = 31,
+    kSharingViolation = 32,
+    kNotSupported = 50,
+    kFileExists = 80,
+    kInvalidParameter = 87,
+    kDiskFull = 112,
+    kInvalidName = 123,
+    kNegativeSeek = 131,
+    kBusy = 170,
+    kAlreadyExists = 183,
+    kNameTooLong = 206,
+    kFileTooLarge = 223,
+    kWaitAbandoned = 735,
+    kOperationAborted = 995,
+    kNoToken = 1008,
+    kIoDevice = 1117,
+    kNoSystemResources = 1450,
+    kTimeout = 1460,
+    kCannotResolveName = 1921,
+};
+using enum SystemError;
 
 // ---- Files ------------------------------------------------------------------------------------------------
 

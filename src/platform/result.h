@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "lumbra/result_code.h"
+#include "platform/os.h"
 
 namespace lumbra {
 
@@ -14,6 +15,9 @@ const char16_t* ResultCodeMessage(ResultCode nCode);
 // The code of a Win32 error number or an HRESULT. Total: every value yields a code; a number without a name
 // of its own passes through as 0x8007xxxx.
 ResultCode ResultFromSystemError(std::uint32_t nError);
+inline ResultCode ResultFromSystemError(os::SystemError nError) {
+  return ResultFromSystemError(static_cast<std::uint32_t>(nError));
+}
 
 // The form in which the host knows some of the framework's codes; every other code unchanged.
 ResultCode ToHostResult(ResultCode nCode);

@@ -113,7 +113,7 @@ bool StorageEnvironment::Init(StorageOwner* pOwner, const char16_t* pFolder, Fol
   }
   if (m_Folder.empty()) return false;
   if (CreateDirectories(m_Folder) != errOK) return false;
-  if (Content == FolderContent::Wipe) DeleteFiles(u"*.*", 0);
+  if (Content == FolderContent::Wipe) (void)DeleteFiles(u"*.*", 0);  // answers errOK always
   m_bEnvironmentFlag = bEnvironmentFlag;
   return true;
 }
@@ -148,9 +148,9 @@ ResultCode StorageEnvironment::DeleteFiles(const char16_t* /*pPattern*/, std::ui
   if (m_Folder.empty()) return errOK;
   try {
     if (nId != 0) {
-      for (const std::u16string_view Name : kSegmentFiles) os::RemoveFile(PathOf(FileName(Name, nId)));
+      for (const std::u16string_view Name : kSegmentFiles) Delete(FileName(Name, nId));
     } else if (DeleteSegments()) {
-      os::RemovePlainFiles(m_Folder, kChainFile);
+      (void)os::RemovePlainFiles(m_Folder, kChainFile);
     }
   } catch (const std::bad_alloc&) {
     // What was not reached stays, like any other file that could not be deleted.
@@ -170,10 +170,15 @@ bool StorageEnvironment::DeleteSegments() {
     if (os::RemoveFile(PathOf(Name)) != os::kSuccess) return false;
     const std::u16string Number = Name.substr(0, kPrefixLength);
     for (const std::u16string_view Other : kSegmentFiles) {
-      if (Other != kEventFile) os::RemoveFile(PathOf(Number + std::u16string(Other)));
+      if (Other != kEventFile) Delete(Number + std::u16string(Other));
     }
   }
   return true;
+}
+
+// What cannot be deleted stays; who has to know looks for it afterwards.
+void StorageEnvironment::Delete(std::u16string_view FileName) const {
+  (void)os::RemoveFile(PathOf(FileName));
 }
 
 void* StorageEnvironment::Alloc(std::uint32_t nSize) noexcept {

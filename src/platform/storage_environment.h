@@ -80,6 +80,7 @@ class StorageEnvironment {
  private:
   std::u16string PathOf(std::u16string_view FileName) const;
   bool DeleteSegments();
+  void Delete(std::u16string_view FileName) const;
 
   StorageOwner* m_pOwner = nullptr;
   std::u16string m_Folder;          // as passed to Init; empty until then

@@ -10,7 +10,7 @@ namespace lumbra {
 StorageFile::StorageFile(os::FileHandle Handle, std::u16string Path) : m_Handle(Handle), m_Path(std::move(Path)) {}
 
 StorageFile::~StorageFile() {
-  os::Close(m_Handle);
+  (void)os::Close(m_Handle);  // what was written has reached the system before
 }
 
 bool StorageFile::SeekRead(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead) {

@@ -20,18 +20,18 @@ class StorageFile {
   StorageFile& operator=(const StorageFile&) = delete;
 
   // A read that reaches the end of the file succeeds with fewer bytes. pnRead may be null.
-  bool SeekRead(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead);
+  [[nodiscard]] bool SeekRead(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead);
 
   // A write past the end extends the file. pnWritten may be null.
-  bool SeekWrite(std::uint64_t nOffset, const void* pData, std::uint32_t nSize, std::uint32_t* pnWritten);
-  bool GetSize(std::uint64_t* pnSize);
-  bool SetSize(std::uint64_t nSize);
+  [[nodiscard]] bool SeekWrite(std::uint64_t nOffset, const void* pData, std::uint32_t nSize, std::uint32_t* pnWritten);
+  [[nodiscard]] bool GetSize(std::uint64_t* pnSize);
+  [[nodiscard]] bool SetSize(std::uint64_t nSize);
 
   // Brings writes to the disk; free of charge when nothing was written since the last successful flush.
-  bool Flush();
+  [[nodiscard]] bool Flush();
 
   // When the file was created, as a FILETIME.
-  bool GetCreationTime(std::uint64_t* pnTime);
+  [[nodiscard]] bool GetCreationTime(std::uint64_t* pnTime);
 
   bool Modified() const { return m_bModified; }
   const std::u16string& Path() const { return m_Path; }

@@ -13,14 +13,13 @@ void SetTraceSink(TraceSink pSink) noexcept {
   g_pSink.store(pSink, std::memory_order_release);
 }
 
-ResultCode TraceLine(HostObject* pObject, std::uint32_t nLevel, const char* pFormat, ...) noexcept {
+void TraceLine(HostObject* pObject, std::uint32_t nLevel, const char* pFormat, ...) noexcept {
   const TraceSink pSink = g_pSink.load(std::memory_order_acquire);
-  if (pSink == nullptr) return errUNEXPECTED;
+  if (pSink == nullptr) return;
   std::va_list Arguments;
   va_start(Arguments, pFormat);
-  const ResultCode nAnswer = pSink(pObject, nLevel, pFormat, Arguments);
+  pSink(pObject, nLevel, pFormat, Arguments);
   va_end(Arguments);
-  return nAnswer;
 }
 
 }  // namespace lumbra

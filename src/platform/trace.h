@@ -31,12 +31,11 @@ inline constexpr HostObject* kHostRoot = nullptr;
 
 // Where lines go; null (at first) drops them. Set when a host loads the component, cleared when it unloads
 // it.
-using TraceSink = ResultCode (*)(HostObject* pObject, std::uint32_t nLevel, const char* pFormat,
-                                 std::va_list Arguments);
+using TraceSink = void (*)(HostObject* pObject, std::uint32_t nLevel, const char* pFormat, std::va_list Arguments);
 void SetTraceSink(TraceSink pSink) noexcept;
 
-// The unchecked form behind Trace: answers the sink's answer, errUNEXPECTED without one.
-ResultCode TraceLine(HostObject* pObject, std::uint32_t nLevel, const char* pFormat, ...) noexcept;
+// The unchecked form behind Trace.
+void TraceLine(HostObject* pObject, std::uint32_t nLevel, const char* pFormat, ...) noexcept;
 
 namespace trace_detail {
 
@@ -123,11 +122,11 @@ struct TraceFormat {
 };
 
 // Writes one line on behalf of pObject (kHostRoot, or an instance for the lines of its operations). From any
-// thread, at any time; callers ignore the answer, and no failure reaches them.
+// thread, at any time; a line that cannot be written is lost, and nothing else.
 template <class... Arguments>
-ResultCode Trace(HostObject* pObject, TraceLevel nLevel, TraceFormat<std::type_identity_t<Arguments>...> Format,
-                 Arguments... Values) noexcept {
-  return TraceLine(pObject, nLevel, Format.pText, Values...);
+void Trace(HostObject* pObject, TraceLevel nLevel, TraceFormat<std::type_identity_t<Arguments>...> Format,
+           Arguments... Values) noexcept {
+  TraceLine(pObject, nLevel, Format.pText, Values...);
 }
 
 }  // namespace lumbra

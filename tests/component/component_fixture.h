@@ -48,7 +48,7 @@ class ComponentTest : public World {
   ResultCode Open(std::uint32_t nCheckMode = 0) {
     m_Store = host::Store();
     m_Store = m_Host->Create();
-    m_Store.SetNumber(propCHECK_MODE, nCheckMode);
+    EXPECT_CODE(errOK, m_Store.SetNumber(propCHECK_MODE, nCheckMode));
     return m_Store.Init();
   }
 

@@ -63,7 +63,7 @@ TEST_F(DatabasesTest, HasIdsFor207Names) {
 // A name is handed out only once it is in the index file; otherwise it gets the same id at the next attempt.
 TEST_F(DatabasesTest, DoesNotKeepANameThatWasNotSaved) {
   FailCalls(SystemCall::Write, os::kIoDevice, 1);  // after the identity file; the output is untouched
-  Expect({99u, static_cast<ResultCode>(0x8007045Du), errPARAMETER_INVALID}, {OpenNamed(u"a"), m_nLast, Add(49, 1)});
+  Expect({99u, CodeOfNumber(0x8007045D), errPARAMETER_INVALID}, {OpenNamed(u"a"), m_nLast, Add(49, 1)});
   Expect({49u, errOK}, {OpenNamed(u"a"), Add(49, 1)});
   // A folder where a file should be, behind the identity file; the id is told all the same.
   fs::create_directories(Folder() / "b/segments.dat");

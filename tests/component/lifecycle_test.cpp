@@ -103,7 +103,7 @@ TEST_F(LifecycleTest, SavesAMarkThatCouldNotBeSavedAtTheNextFlush) {
   ASSERT_CODE(errOK, OpenPatched("g_objdt.dat", nLast, {0}, 1));
   FailCalls(SystemCall::Open, os::kIoDevice);
   Expect({u"", errDATA_CORRUPTED, false}, {NameOf(nId), m_nLast, IsMarked()});
-  m_Host->SendFlush();
+  EXPECT_CODE(errOK, m_Host->SendFlush());
   EXPECT_TRUE(IsMarked());
 }
 
@@ -181,7 +181,7 @@ TEST_F(LifecycleTest, AnswersForItsProperties) {
 TEST_F(LifecycleTest, FlushesOnTheHostsMessage) {
   const auto SyncsOfFlush = [this] {
     ResetSystem();
-    m_Host->SendFlush();
+    EXPECT_CODE(errOK, m_Host->SendFlush());
     return CallsOf(SystemCall::Sync);
   };
   EXPECT_LE(12u, SyncsOfFlush());

@@ -136,7 +136,7 @@ TEST_F(ModuleTest, KnowsTheRootFromLoadToUnload) {
     const ResultCode nSet = pInstance->pLifecycle->PropertyAccess(pInstance, propREPORT_FOLDER, &Record);
     EXPECT_CODE(nReason == kModuleUnload ? errUNEXPECTED : errOK, nSet) << nReason;
   }
-  pInstance->pLifecycle->ObjectFree(pInstance);
+  EXPECT_CODE(errOK, pInstance->pLifecycle->ObjectFree(pInstance));
 }
 
 // A host may make one binding wait for another.
@@ -146,7 +146,7 @@ TEST_F(ModuleTest, HoldsNoLockWhileTheHostBindsAFunction) {
     char16_t Folder[] = u"/folder";
     PropertyAccessRecord Record{Folder, sizeof(Folder), 0, kCodePageUtf16, propertySet};
     EXPECT_CODE(errOK, pInstance->pLifecycle->PropertyAccess(pInstance, propREPORT_FOLDER, &Record));
-    pInstance->pLifecycle->ObjectFree(pInstance);
+    EXPECT_CODE(errOK, pInstance->pLifecycle->ObjectFree(pInstance));
   };
   LumbraInstance* const pOne = Make(kSeparateInstance);
   LumbraInstance* const pOther = Make(kSeparateInstance);
@@ -181,9 +181,10 @@ TEST_F(ModuleTest, MakesSeparateAndSharedInstances) {
   EXPECT_EQ(pNew, Make(kSharedInstance));
   // A first request found the handle as the module makes it: the host's operations are told of those that follow.
   EXPECT_EQ((std::map<HostObject*, std::uint32_t>{{&pShared->Handle, 3}, {&pNew->Handle, 1}}), m_References);
-  pShared->pLifecycle->ObjectFree(pShared);  // no longer the shared one: its end changes nothing
+  EXPECT_CODE(errOK, pShared->pLifecycle->ObjectFree(pShared));  // no longer the shared one: its end changes nothing
   EXPECT_EQ(pNew, Make(kSharedInstance));
-  for (LumbraInstance* const pInstance : {pOne, pOther, pNew}) pInstance->pLifecycle->ObjectFree(pInstance);
+  for (LumbraInstance* const pInstance : {pOne, pOther, pNew})
+    EXPECT_CODE(errOK, pInstance->pLifecycle->ObjectFree(pInstance));
 }
 
 }  // namespace

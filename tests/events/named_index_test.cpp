@@ -77,7 +77,7 @@ TEST_F(NamedIndexTest, AppendsNamesInOrderOrSaysWhyNot) {
   FailCalls(SystemCall::Write, os::kDiskFull);
   EXPECT_CODE(errOUT_OF_SPACE, SavePersistentIndex(m_Path, 0, "a"));
   FailCalls(SystemCall::Sync, os::kIoDevice);
-  EXPECT_CODE(static_cast<ResultCode>(0x8007045Du), SavePersistentIndex(m_Path, 0, "a"));
+  EXPECT_CODE(CodeOfNumber(0x8007045D), SavePersistentIndex(m_Path, 0, "a"));
   // What the failed attempts wrote does not stand in the way.
   EXPECT_CODE(errOK, SavePersistentIndex(m_Path, 0, "first"));
   EXPECT_CODE(errOK, SavePersistentIndex(m_Path, 1, kLong));

@@ -95,7 +95,7 @@ bool Driver::Open(Limits Set) {
     m_pInstance->Host.SetPlaceholder(u"%Report%", m_With.Folder.u16string());
     m_pInstance->Host.SetPlaceholder(u"%host%", u"host");
     m_pInstance->Store = m_pInstance->Host.Create();
-    m_pInstance->Store.SetNumber(propCHECK_MODE, m_With.bChecked ? 1 : 0);
+    (void)m_pInstance->Store.SetNumber(propCHECK_MODE, m_With.bChecked ? 1 : 0);
   }
   if (!m_pInstance->bOpen) {
     const InStore Now;
@@ -174,7 +174,7 @@ void Driver::Step(std::uint64_t nStep) {
   } else if (nWhat < 37) {
     Flush();
   } else if (nWhat < 38) {
-    Call(&Ops::Compact, 0);
+    (void)Call(&Ops::Compact, 0);
   } else if (Below(2) == 0) {
     if (Below(3) == 0) Clear(Db);
   } else if (m_With.pInstance == nullptr) {
@@ -320,13 +320,13 @@ void Driver::RemoveData() {
   const Id nObject = pPicked->nId;
   Begin(kOther, nObject);
   for (std::uint32_t nTag = 1; nTag <= 3; ++nTag) Tell({Fact::TakeBack, {Key::Data, nObject, nTag}});
-  Call(&Ops::RemoveAllObjectData, nObject);
+  (void)Call(&Ops::RemoveAllObjectData, nObject);
 }
 
 void Driver::Clear(const Database& Which) {
   Tell(OverSegments(Fact::Clear, FirstOf(Which.nId) >> kSegmentShift, Id{1} << (kDatabaseShift - kSegmentShift)));
   Begin(kClear, Which.nId);
-  Call(&Ops::ClearDB, Which.nId);
+  (void)Call(&Ops::ClearDB, Which.nId);
 }
 
 // What is read is compared; that a read fails is another matter.
@@ -340,11 +340,11 @@ void Driver::Read() {
     host::ByteBlob Blob;
     char Buffer[5 * kEventSize];
     std::uint32_t nRead = 0;
-    Call(&Ops::GetEvents, DatabaseOf(pKey->nId), 0, Buffer, sizeof(Buffer), 5, &nRead, Ids.Handle());
-    Call(&Ops::GetObjectDataInto, pKey->nId, Ids.Handle(), pKey->nTag);
-    Call(&Ops::GetObjectDataInto, pKey->nId, Blob.Handle(), pKey->nTag);
-    Call(&Ops::EnumFirstObject, DatabaseOf(pKey->nId), nullptr);
-    Call(&Ops::EnumNextObject, pKey->nId, nullptr);
+    (void)Call(&Ops::GetEvents, DatabaseOf(pKey->nId), 0, Buffer, sizeof(Buffer), 5, &nRead, Ids.Handle());
+    (void)Call(&Ops::GetObjectDataInto, pKey->nId, Ids.Handle(), pKey->nTag);
+    (void)Call(&Ops::GetObjectDataInto, pKey->nId, Blob.Handle(), pKey->nTag);
+    (void)Call(&Ops::EnumFirstObject, DatabaseOf(pKey->nId), nullptr);
+    (void)Call(&Ops::EnumNextObject, pKey->nId, nullptr);
   }
   Info(kAllDatabases);
 }
@@ -374,13 +374,13 @@ std::optional<std::string> Driver::ValueOf(const Key& Of) const {
 
 std::pair<std::uint32_t, std::uint64_t> Driver::Info(std::uint32_t nDatabase) const {
   std::pair<std::uint32_t, std::uint64_t> Told;
-  Call(&Ops::GetDBInfo, nDatabase, &Told.first, &Told.second, nullptr);
+  (void)Call(&Ops::GetDBInfo, nDatabase, &Told.first, &Told.second, nullptr);
   return Told;
 }
 
 bool Driver::IsMarkedCorrupted() const {
   std::uint32_t nMarked = 0;
-  m_pInstance->Store.GetNumber(propCORRUPTED, &nMarked);
+  (void)m_pInstance->Store.GetNumber(propCORRUPTED, &nMarked);
   return nMarked != 0;
 }
 

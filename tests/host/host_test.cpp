@@ -24,7 +24,7 @@ TEST(TraceFormat, UnderstandsTheDialect) {
   EXPECT_EQ("ab|abcdef|  ab|abc",
             Format("%.*S|%.*S|%*.*S|%.3s", 2, u"abcdef", -1, u"abcdef", 4, 2, u"abcdef", "abcdef"));
   EXPECT_EQ("errNOT_FOUND (0x8000004C) (0x80070004) errOK (0x00000000)",
-            Format("%terr %terr %terr", errNOT_FOUND, static_cast<ResultCode>(0x80070004u), errOK));
+            Format("%terr %terr %terr", errNOT_FOUND, CodeOfNumber(0x80070004), errOK));
   EXPECT_EQ("100% %q %d", Format("100%% %q %d", 1));
   EXPECT_EQ("x", Format("x"));
 }
@@ -47,7 +47,7 @@ TEST_F(HostTest, TracesByLevelUntilItIsUnloaded) {
   EXPECT_EQ(std::string::npos, Text.find("Lumbra::AddEvent Database"));  // of level 600
 
   Unload();
-  EXPECT_CODE(errUNEXPECTED, Trace(kHostRoot, traceFailure, "lmb\tnobody listens"));
+  Trace(kHostRoot, traceFailure, "lmb\tnobody listens");
   EXPECT_EQ(1, LumbraModuleEntry(nullptr, 1, nullptr));  // the system's own notifications
   Load();
   EXPECT_CODE(errOK, Open());

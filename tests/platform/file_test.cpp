@@ -38,14 +38,14 @@ TEST_F(FileTest, FlushesOnlyWhatWasWrittenAndKeepsTheReasonOfAFailure) {
   EXPECT_TRUE(pFile->SeekWrite(0, "x", 1, nullptr));
   FailCalls(SystemCall::Sync, os::kIoDevice);
   EXPECT_FALSE(pFile->Flush());
-  EXPECT_EQ(1117u, pFile->LastSystemError());
+  EXPECT_EQ(os::kIoDevice, pFile->LastSystemError());
   EXPECT_TRUE(pFile->Modified());
   EXPECT_TRUE(pFile->Flush());
   EXPECT_EQ(1 + kSyncsOfANewFile, CallsOf(SystemCall::Sync));
   EXPECT_TRUE(pFile->SetSize(0) && pFile->Flush() && pFile->Flush());
   EXPECT_EQ(2 + kSyncsOfANewFile, CallsOf(SystemCall::Sync));
 
-  constexpr auto kDiskFails = static_cast<ResultCode>(0x8007045Du);
+  constexpr ResultCode kDiskFails = CodeOfNumber(0x8007045D);
   const std::pair<os::SystemError, ResultCode> kCases[] = {
       {os::kDiskFull, errOUT_OF_SPACE},         {os::kAccessDenied, errACCESS_DENIED},
       {os::kNotEnoughMemory, errOUT_OF_MEMORY}, {os::kInvalidParameter, errPARAMETER_INVALID},

@@ -29,10 +29,12 @@ TEST_F(PosixTest, GoesOnAfterInterruptedAndPartialTransfers) {
 }
 
 TEST(Errno, BecomesWin32Errors) {
-  const std::pair<int, os::SystemError> kErrors[] = {{0, 0},      {ENOSPC, 112}, {EDQUOT, 112},     {EACCES, 5},
-                                                     {ENOMEM, 8}, {EINVAL, 87},  {EWOULDBLOCK, 32}, {ENFILE, 4},
-                                                     {EIO, 1117}, {ENOENT, 2},   {EPROTO, 31}};
-  for (const auto& [nErrno, nError] : kErrors) EXPECT_EQ(nError, os::ErrorFromErrno(nErrno)) << nErrno;
+  const std::pair<int, std::uint32_t> kErrors[] = {{0, 0},      {ENOSPC, 112}, {EDQUOT, 112},     {EACCES, 5},
+                                                   {ENOMEM, 8}, {EINVAL, 87},  {EWOULDBLOCK, 32}, {ENFILE, 4},
+                                                   {EIO, 1117}, {ENOENT, 2},   {EPROTO, 31}};
+  for (const auto& [nErrno, nNumber] : kErrors) {
+    EXPECT_EQ(nNumber, static_cast<std::uint32_t>(os::ErrorFromErrno(nErrno))) << nErrno;
+  }
 }
 
 TEST_F(PosixTest, FollowsLinksAndDeletesNone) {
@@ -96,17 +98,17 @@ TEST_F(PosixTest, LiftsTheDescriptorLimitOnce) {
   ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &Limit));
   EXPECT_EQ(Limit.rlim_max, Limit.rlim_cur);
   FailCallsNatively(SystemCall::Open, EMFILE, 0, 2);
-  EXPECT_CODE(static_cast<ResultCode>(0x80070004u), File().OpenWithFlags(Path("b"), fileWrite, createNew));
+  EXPECT_CODE(CodeOfNumber(0x80070004), File().OpenWithFlags(Path("b"), fileWrite, createNew));
 }
 
 TEST_F(PosixTest, ServesFirstWhoWaitsFirst) {
   os::Semaphore* pSemaphore = nullptr;
-  ASSERT_EQ(0u, os::CreateCountingSemaphore(&pSemaphore));
+  ASSERT_EQ(os::kSuccess, os::CreateCountingSemaphore(&pSemaphore));
   os::CriticalSection Guard;
   std::string Served;
   const auto WaitAs = [&](char cName) {
     Guard.lock();
-    EXPECT_EQ(0u, os::WaitForSemaphore(pSemaphore, Guard));
+    EXPECT_EQ(os::kSuccess, os::WaitForSemaphore(pSemaphore, Guard));
     Served += cName;
   };
   for (std::uint64_t nRound = 1; nRound <= 100; ++nRound) {

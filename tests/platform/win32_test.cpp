@@ -16,8 +16,8 @@
 namespace lumbra::test {
 namespace {
 
-constexpr auto kDiskFails = static_cast<ResultCode>(0x8007045Du);
-constexpr os::SystemError kNoSuchFunction = 127;
+constexpr ResultCode kDiskFails = CodeOfNumber(0x8007045D);
+constexpr auto kNoSuchFunction = static_cast<os::SystemError>(127);
 
 class Win32Test : public World {
  protected:
@@ -153,7 +153,7 @@ TEST_F(Win32Test, OpensFilesUnderTheIdentityOfTheProcess) {
   const std::uint64_t nOpened = CallsOf(SystemCall::Open);
   FailCalls(SystemCall::Token, os::kAccessDenied);
   using Failure = ulo::CheckResultFailedException;
-  EXPECT_THAT([&] { m_Environment.OpenFile(u"b", 0, true, true, &pFile); },
+  EXPECT_THAT([&] { (void)m_Environment.OpenFile(u"b", 0, true, true, &pFile); },
               testing::Throws<Failure>(testing::Property(&Failure::Code, errACCESS_DENIED)));
   EXPECT_EQ((std::pair{nOpened, nBorrowed}), (std::pair{CallsOf(SystemCall::Open), BorrowedToken()}));
   RevertToSelf();
@@ -209,11 +209,11 @@ TEST_F(Win32PathTest, OpensMeasuresAndDeletesFilesInEveryFolder) {
     EXPECT_EQ(7u, nSize);
     EXPECT_CODE(errNOT_FOUND, m_Environment.GetFileSize(u"*.dat", 6, &nSize));
     for (const std::uint32_t nId : {5, 0}) {
-      m_Environment.DeleteFiles(u"*.*", nId);  // what is held stays
+      EXPECT_CODE(errOK, m_Environment.DeleteFiles(u"*.*", nId));  // what is held stays
       EXPECT_CODE(errOK, m_Environment.GetFileSize(u"events.dat", 5, &nSize));
     }
     pFile.reset();
-    m_Environment.DeleteFiles(u"*.*", 0);
+    EXPECT_CODE(errOK, m_Environment.DeleteFiles(u"*.*", 0));
     EXPECT_CODE(errNOT_FOUND, m_Environment.GetFileSize(u"events.dat", 5, &nSize));
   }
 }

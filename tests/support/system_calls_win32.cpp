@@ -112,7 +112,7 @@ DETOUR(BOOL WINAPI, CreateDirectoryW, (LPCWSTR p, SECURITY_ATTRIBUTES* a), (p, a
 CALL(OpenThreadToken, (HANDLE h, DWORD a, BOOL s, HANDLE* t), (h, a, s, t), Token)
 DETOUR(DWORD WINAPI, GetFileAttributesW, (LPCWSTR p), (p), Fails(SystemCall::Look, p), INVALID_FILE_ATTRIBUTES)
 DETOUR(DWORD WINAPI, WaitForSingleObjectEx, (HANDLE h, DWORD n, BOOL a), (h, n, a), Fails(SystemCall::Wait),
-       GetLastError() == os::kWaitAbandoned ? WAIT_ABANDONED : WAIT_FAILED)
+       GetLastError() == static_cast<DWORD>(os::kWaitAbandoned) ? WAIT_ABANDONED : WAIT_FAILED)
 DETOUR(HANDLE WINAPI, FindFirstFileExW,
        (LPCWSTR p, FINDEX_INFO_LEVELS i, void* d, FINDEX_SEARCH_OPS o, void* f, DWORD a), (p, i, d, o, f, a),
        IsTooLong(p), INVALID_HANDLE_VALUE)

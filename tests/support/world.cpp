@@ -14,9 +14,8 @@ namespace {
 std::mutex g_TraceLock;
 std::vector<std::pair<std::uint32_t, std::string>> g_Lines;
 
-ResultCode Capture(HostObject*, std::uint32_t nLevel, const char* pFormat, std::va_list Arguments) {
+void Capture(HostObject*, std::uint32_t nLevel, const char* pFormat, std::va_list Arguments) {
   NoteTraceLine(nLevel, host::FormatTraceLine(pFormat, Arguments));
-  return errOK;
 }
 
 }  // namespace

@@ -24,6 +24,11 @@ using Bytes = std::vector<std::uint8_t>;
 // A code by its name, so that a failed comparison reads well.
 std::string Name(ResultCode nCode);
 
+// A code that has a number alone.
+constexpr ResultCode CodeOfNumber(std::uint32_t nNumber) {
+  return static_cast<ResultCode>(static_cast<std::int32_t>(nNumber));
+}
+
 #define EXPECT_CODE(expected, actual) EXPECT_EQ(::lumbra::test::Name(expected), ::lumbra::test::Name(actual))
 #define ASSERT_CODE(expected, actual) ASSERT_EQ(::lumbra::test::Name(expected), ::lumbra::test::Name(actual))
 

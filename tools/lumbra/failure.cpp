@@ -8,14 +8,16 @@
 namespace lumbra::tool {
 namespace {
 
+// The system's number for too many open files, which has no name of its own among the codes.
+constexpr auto kTooManyOpenFiles = static_cast<ResultCode>(static_cast<std::int32_t>(0x80070004u));
+
 const char* MeaningOf(ResultCode nCode) {
+  if (nCode == kTooManyOpenFiles) return "this process may not have so many files open";
   switch (nCode) {
     case errSHARING_VIOLATION:
       return "another process holds the store; try again when it is done";
     case errOPEN_FAILED:
       return "the files cannot be opened or created; is the disk full, or are they somebody else's?";
-    case static_cast<ResultCode>(0x80070004):
-      return "this process may not have so many files open";
     case errOBJECT_NOT_FOUND:
     case errFILE_NOT_FOUND:
     case errPATH_NOT_FOUND:

@@ -156,7 +156,7 @@ SystemError MakeFolder(std::u16string_view Path) {
   if (mkdir(Native.c_str(), kMode) != 0) return ErrorFromErrno(errno);
   // Files in it will be flushed, which is worth little while the folder's own name is not on the disk. Where that
   // cannot be had, because the parent may not be read or the system does not sync folders, it is there all the same.
-  SyncFolder(std::filesystem::path(Native).parent_path());
+  (void)SyncFolder(std::filesystem::path(Native).parent_path());
   return kSuccess;
 }
 

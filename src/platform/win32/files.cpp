@@ -59,7 +59,7 @@ void SetCreatedNow(HANDLE Created) {
 }  // namespace
 
 SystemError LastError() {
-  const DWORD nError = GetLastError();
+  const auto nError = static_cast<SystemError>(GetLastError());
   return nError == kSuccess ? kGeneralFailure : nError;
 }
 

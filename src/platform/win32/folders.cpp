@@ -160,7 +160,7 @@ SystemError ListPlainFiles(std::u16string_view Folder, std::vector<std::u16strin
     if ((Found.dwFileAttributes & kNotPlain) == 0) pNames->emplace_back(Utf16(Found.cFileName));
   } while (Listing.Next(&Found));
   const SystemError nError = LastError();
-  return nError == ERROR_NO_MORE_FILES ? kSuccess : nError;
+  return nError == kNoMoreFiles ? kSuccess : nError;
 }
 
 SystemError RemovePlainFiles(std::u16string_view Folder, std::u16string_view LastName) {
@@ -169,7 +169,7 @@ SystemError RemovePlainFiles(std::u16string_view Folder, std::u16string_view Las
   std::partition(Names.begin(), Names.end(), [&](const std::u16string& Name) { return Name != LastName; });
   std::u16string Path(Folder);
   if (!IsSeparator(Path.back())) Path += u'\\';
-  for (const std::u16string& Name : Names) RemoveFile(Path + Name);
+  for (const std::u16string& Name : Names) (void)RemoveFile(Path + Name);  // what cannot be deleted stays
   return nError;
 }
 

@@ -95,7 +95,7 @@ SystemError SuspendImpersonation(void** ppToken) {
   constexpr DWORD kRights = TOKEN_DUPLICATE | TOKEN_IMPERSONATE | TOKEN_QUERY;
   HANDLE Token = nullptr;
   if (!OpenThreadToken(GetCurrentThread(), kRights, TRUE, &Token)) {
-    if (const SystemError nError = LastError(); nError != ERROR_NO_TOKEN) return nError;
+    if (const SystemError nError = LastError(); nError != kNoToken) return nError;
     Token = nullptr;
   }
   RevertToSelf();
@@ -122,7 +122,9 @@ struct ThreadFunctions {
   ErrorOfStatusFunction pErrorOfStatus = nullptr;
 
   bool AreAllThere() const { return pQuery != nullptr && pSet != nullptr && pErrorOfStatus != nullptr; }
-  SystemError ErrorOf(LONG nStatus) const { return nStatus >= 0 ? kSuccess : pErrorOfStatus(nStatus); }
+  SystemError ErrorOf(LONG nStatus) const {
+    return nStatus >= 0 ? kSuccess : static_cast<SystemError>(pErrorOfStatus(nStatus));
+  }
 };
 
 // Looked up until all three are found, and then kept. Threads that look at the same time find the same.
