@@ -133,9 +133,9 @@ class HashTree {
 
   StorageFile* pFileBT = nullptr;
   Options m_Use{};
-  tODB_BT_HEADER m_Header{};        // as Look read and mended it ...
-  bool m_bHeaderMended = false;     // ... and whether it has to be written
-  std::uint64_t m_nActualSize = 0;  // of the file, as Look saw it
+  tODB_BT_HEADER m_Header{};        // what Look read, with the size that it should have
+  bool m_bHeaderMended = false;     // the size in the file is another one: Take writes m_Header
+  std::uint64_t m_nActualSize = 0;  // bytes of the file when Look saw it
   DataCrc m_Crc;
   bool m_bNodeCrcs = false;
   std::uint64_t m_nSizeBT = 0;              // used size of the file, as nDBSize
