@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "objects/failed_check.h"
+#include "platform/failed_step.h"
 
 namespace lumbra {
 namespace {
@@ -170,9 +171,15 @@ ResultCode HashTree::IsEmpty(bool* pbEmpty) {
 
 ResultCode HashTree::SetUsable(bool bUsable) {
   const std::uint32_t nFirstNodeOffset = bUsable ? FirstNodeOffset : 0;
+  if (bUsable) Sync();
   ODB_CHECK(BT_SeekWrite(offsetof(tODB_BT_HEADER, nFirstNodeOffset), &nFirstNodeOffset, sizeof(nFirstNodeOffset), NULL),
             errWRITE_FAILED);
+  if (!bUsable) Sync();
   return errOK;
+}
+
+void HashTree::Sync() {
+  if (!pFileBT->Flush()) FAILED_STEP(errWRITE_FAILED);
 }
 
 ResultCode HashTree::Find(std::uint64_t nHash, std::uint32_t* pnShortId) {

@@ -72,6 +72,8 @@ class HashTree {
   ResultCode IsEmpty(bool* pbEmpty);
 
   // Whether the next Open takes the tree as it is, or starts it anew: so that half a tree never passes for the whole.
+  // Nor when the power goes: "not usable" is on the disk before anything that is written later, and all that was
+  // written before is there ahead of "usable". A sync that fails is traced, and does not end the step.
   ResultCode SetUsable(bool bUsable);
 
   // Empties the open tree, which keeps its kind. After a failure nothing can be read from it until this succeeds.
@@ -107,6 +109,7 @@ class HashTree {
   FileContent LookAtHeader();
   FileContent LookAtRoot();
   ResultCode StoreHeader();
+  void Sync();
   bool PrepareHead();
 
   bool BT_SeekRead(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead);
@@ -133,9 +136,9 @@ class HashTree {
 
   StorageFile* pFileBT = nullptr;
   Options m_Use{};
-  tODB_BT_HEADER m_Header{};        // as Look read and mended it ...
-  bool m_bHeaderMended = false;     // ... and whether it has to be written
-  std::uint64_t m_nActualSize = 0;  // of the file, as Look saw it
+  tODB_BT_HEADER m_Header{};        // what Look read, with the size that it should have
+  bool m_bHeaderMended = false;     // the size in the file is another one: Take writes m_Header
+  std::uint64_t m_nActualSize = 0;  // bytes of the file when Look saw it
   DataCrc m_Crc;
   bool m_bNodeCrcs = false;
   std::uint64_t m_nSizeBT = 0;              // used size of the file, as nDBSize

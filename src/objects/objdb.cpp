@@ -10,14 +10,6 @@
 #include "platform/failed_step.h"
 
 namespace lumbra {
-namespace {
-
-// The code of a look that failed; errOK when the file was read, whatever is in it.
-ResultCode FailureOf(const FileContent& Found) {
-  return Found.OrStartAnew([] { return errOK; });
-}
-
-}  // namespace
 
 ObjectDB::ObjectDB(bool bCheckData)
     : m_nConfigFlags(bCheckData ? kCheckedFeatures : kPlainFeatures), m_bConfigNodeCrcs(bCheckData) {}
@@ -38,8 +30,8 @@ ResultCode ObjectDB::Open(std::uint32_t nNumber, ObjectFiles& Files, TreeHead He
   m_Crc = DataCrc(Has(featureNameCrc));
   const FileContent Tree =
       m_Tree.Look(Files.pTree.get(), {m_bConfigNodeCrcs, Has(featureNameCrc), Head == TreeHead::Large});
-  nCode = FailureOf(Tree);
-  if (Succeeded(nCode) && Failed(FailureOf(Ids))) nCode = errOPEN_FAILED;
+  nCode = Tree.Failure();
+  if (Succeeded(nCode) && Failed(Ids.Failure())) nCode = errOPEN_FAILED;
 
   if (Succeeded(nCode)) nCode = Data.OrStartAnew([&] { return WriteMagic(*Files.pData); });
   if (Succeeded(nCode)) nCode = m_Tree.Take(Tree);
@@ -78,7 +70,7 @@ FileContent ObjectDB::LookAtDataFile(StorageFile& File) {
 // The feature set of a data file whose own is lost: with that of this process, the blocks that the records reach would
 // be read wrong, or a CRC be missed that was never there. The id file's kind tells how they were written.
 ResultCode ObjectDB::ChooseFeatures(const FileContent& Ids) {
-  ODB_CHECK_AS("m_IdDB.Look(*Files.pIds, sizeof(tODB_ID_ENTRY))", Succeeded(FailureOf(Ids)), errREAD_FAILED);
+  if (Failed(Ids.Failure())) return errOPEN_FAILED;
   m_nDataFlags = m_nConfigFlags;
   if (Ids.IsOurs() && m_IdDB.GetRecordCount() != 0) {
     m_nDataFlags = m_IdDB.IsChecked() ? kCheckedFeatures : kPlainFeatures;

@@ -90,9 +90,10 @@ class ObjectDB {
 
   // Puts the objects back into a tree that knows none, as one that Open had to start anew; only where the store has
   // CRCs. Records that are damaged are left out, and traced. Of several with one hash the newest is found, as before.
-  // After a failure (errREAD_FAILED, errWRITE_FAILED, errOUT_OF_MEMORY) objects that are found are answered; each
-  // search for another one first tries to finish the refill, and as long as that fails it answers the failure's code
-  // and creates nothing. A store that is closed meanwhile has its tree started anew by the next Open.
+  // After a failure (errREAD_FAILED, errWRITE_FAILED, errOUT_OF_MEMORY, errOUT_OF_SPACE) objects that are found are
+  // answered; each search for another one first goes on with the refill at the record where it stopped, and as long as
+  // that fails it answers the failure's code and creates nothing. A store that is closed meanwhile has its tree started
+  // anew by the next Open.
   ResultCode RefillEmptyTree();
 
   // A cheap check of the two newest objects, where a crash leaves its marks: errOK or the code of the first
@@ -144,6 +145,7 @@ class ObjectDB {
     ResultCode nFailure = errOK;  // of the last attempt; errOK: nothing is left to do
     Step Next = Step::LookAtTree;
     std::uint64_t nLeft = 0;   // so many of the oldest records are still to be looked at
+    bool bBegun = false;       // the tree's header says that it may not be used
     std::uint32_t nAdded = 0;  // objects put back so far
   };
 
@@ -194,6 +196,7 @@ class ObjectDB {
   ResultCode InsertMissingHash(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry);
   ResultCode FinishRefill();
   ResultCode ContinueRefill();
+  ResultCode RefillRest();
   ResultCode BeginRefill();
   ResultCode EndRefill();
   ResultCode RefillRecord(std::uint64_t nIndex);

@@ -201,9 +201,16 @@ ResultCode ObjectDB::FinishRefill() {
   return m_Refill.nFailure;
 }
 
-// From the newest record to the oldest. A record that cannot be read now is the one to go on with; after a failed
-// change of the tree nobody knows what it holds, and it is filled from the start.
+// Failed writes may have left a damaged node in the tree. It is then filled from the start within the same attempt: to
+// the quick check the answer errDATA_CORRUPTED would mean that the store is damaged.
 ResultCode ObjectDB::ContinueRefill() {
+  const ResultCode nCode = RefillRest();
+  const bool bDamaged = nCode == errDATA_CORRUPTED && m_Refill.Next == TreeRefill::Step::StartTreeAnew;
+  return bDamaged ? RefillRest() : nCode;
+}
+
+// From the newest record to the oldest. The next attempt goes on with the record that could not be read or put back.
+ResultCode ObjectDB::RefillRest() {
   if (m_Refill.Next != TreeRefill::Step::PutBack) {
     const ResultCode nCode = BeginRefill();
     if (Failed(nCode)) return nCode;
@@ -228,7 +235,7 @@ ResultCode ObjectDB::BeginRefill() {
 }
 
 ResultCode ObjectDB::EndRefill() {
-  if (m_Refill.nAdded != 0) {
+  if (m_Refill.bBegun) {
     const ResultCode nCode = m_Tree.SetUsable(true);
     if (Failed(nCode)) return nCode;
     Trace(kHostRoot, traceDamage, "lmb\tBT was repaired, %lu object hashes were added", m_Refill.nAdded);
@@ -245,7 +252,7 @@ ResultCode ObjectDB::RefillRecord(std::uint64_t nIndex) {
   if (nCode == errDATA_CORRUPTED) return errOK;
   if (Failed(nCode) || !IsInTree(Entry)) return nCode;
   nCode = RefillHash(Entry.nObjectHash, static_cast<std::uint32_t>(nIndex + 1));
-  if (Failed(nCode)) m_Refill.Next = TreeRefill::Step::StartTreeAnew;
+  if (nCode == errDATA_CORRUPTED) m_Refill.Next = TreeRefill::Step::StartTreeAnew;
   return nCode;
 }
 
@@ -255,8 +262,9 @@ ResultCode ObjectDB::RefillHash(std::uint64_t nHash, std::uint32_t nShortId) {
   ResultCode nCode = WalkToSlot(nHash, false, &At, &Found);
   if (Failed(nCode) || Found != 0) return nCode;  // a newer object has the hash
   // With the first object, and not before: a tree that is empty for good reason is left alone.
-  if (m_Refill.nAdded == 0) nCode = m_Tree.SetUsable(false);
+  if (!m_Refill.bBegun) nCode = m_Tree.SetUsable(false);
   if (Failed(nCode)) return nCode;
+  m_Refill.bBegun = true;
   Trace(kHostRoot, traceDamage, "lmb\tObject %lu - hash not found in BT", nShortId);
   nCode = m_Tree.WriteSlot(At, nHash, nShortId);
   if (Succeeded(nCode)) ++m_Refill.nAdded;

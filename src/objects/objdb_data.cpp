@@ -131,7 +131,8 @@ ResultCode ObjectDB::SetObjectData(tObjectId nObjectId, const void* pData, std::
   if (object_entry.nDataEntriesCount != 0) {
     nCode = ReadDataEntries(nObjectId, object_entry, &Entries);
     if (Failed(nCode)) return nCode;
-    ODB_CHECK(object_entry.nDataEntriesOffset >= sizeof(FILE_MAGIC), errDATA_CORRUPTED);  // its end was read
+    // All of it was read, so it ends inside the file; it must not begin in the magic either, for it may be rewritten.
+    ODB_CHECK(object_entry.nDataEntriesOffset >= sizeof(FILE_MAGIC), errDATA_CORRUPTED);
   }
   std::uint32_t nEntry = Entries.Find(nDataType);
   if (nEntry == DataEntries::kNone) {

@@ -14,6 +14,9 @@ class [[nodiscard]] FileContent {
 
   bool IsOurs() const { return m_Found == Found::Ours; }
 
+  // Why the file was not read; errOK when it was, whatever is in it.
+  ResultCode Failure() const { return m_nFailure; }
+
   // Opens what is ours as it is, and has what is foreign started anew: there is no other way to that. Of what was not
   // read the answer is the failure, and the file stays as it is.
   template <class StartAnew>
