@@ -179,7 +179,7 @@ ResultCode HashTree::SetUsable(bool bUsable) {
 }
 
 void HashTree::Sync() {
-  if (!pFileBT->Flush()) FAILED_STEP(errWRITE_FAILED);
+  if (!pFileBT->Flush()) TraceFailedStep(errWRITE_FAILED);
 }
 
 ResultCode HashTree::Find(std::uint64_t nHash, std::uint32_t* pnShortId) {

@@ -250,9 +250,11 @@ ResultCode ObjectDB::WalkToSlot(std::uint64_t nHash, bool bForce, HashTree::Plac
     const tObjectId Candidate = MakeObjectId(m_nNumber, nEntry);
     tODB_ID_ENTRY Entry{};
     nCode = GetIdEntry(Candidate, &Entry, TraceMiss::No);
-    if (nCode == errNOT_FOUND) return errDATA_CORRUPTED;  // the slot names a record that is not there
-    if (Failed(nCode)) return nCode;
     *pFound = Candidate;
+    if (nCode == errNOT_FOUND) nCode = errDATA_CORRUPTED;  // the slot names a record that is not there
+    // A repairing creation takes the slot of a record that is lost: no name that leads here could be created otherwise.
+    if (nCode == errDATA_CORRUPTED && bForce) return errOK;
+    if (Failed(nCode)) return nCode;
     if (Entry.nObjectHash == nHash) return errOK;
     if (pAt->nLevel == HashTree::kMaxLevel) break;
     nCode = m_Tree.Split(pAt, nHash, Entry.nObjectHash, nEntry);

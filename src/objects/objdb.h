@@ -5,7 +5,8 @@
 // never deleted. What needs more room than it had is written new block first, then the entry or array, then the id
 // record, then zeros over what was replaced, so that an interruption leaves the old or the new data reachable and at
 // worst unreferenced bytes. A block that fits its room is rewritten in place; if that is interrupted, its CRC tells,
-// where it has one.
+// where it has one. If a call fails meanwhile, a block whose size was to change is put back, at the cost of reading it
+// before; one that keeps its size is not read, and what of it was written stays.
 //
 // Any thread may call any operation: one lock per store is held for each operation's whole run. No operation
 // throws. A failed check writes one trace line and answers the code named in it; damage is answered with
@@ -181,6 +182,10 @@ class ObjectDB {
   ResultCode FindRoom(const tODB_DATA_ENTRY& Entry, std::uint32_t* pnRoom, bool* pbInFile);
   bool BuildBlock(tObjectId nObjectId, const void* pData, std::uint32_t nSize, BlockBuffer* pScratch,
                   ByteView* pBlock) const;
+  ResultCode MoveBlock(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries,
+                       std::uint32_t nEntry, ByteView Block, bool bOldInFile);
+  ResultCode RewriteBlock(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries,
+                          std::uint32_t nEntry, ByteView Block, std::uint32_t nRoom);
   ResultCode OverwriteBlock(const tODB_DATA_ENTRY* pde, ByteView dataToWrite);
   ResultCode StoreDataEntry(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries,
                             std::uint32_t nEntry);

@@ -141,46 +141,27 @@ ResultCode ObjectDB::SetObjectData(tObjectId nObjectId, const void* pData, std::
     Entries.Items[nEntry] = {nDataType, 0, 0};
   }
 
-  tODB_DATA_ENTRY* const pde = &Entries.Items[nEntry];
-  const DataSize Old = DataSize::Decode(pde->nDataSize);
-  const std::uint32_t nOldOffset = pde->nDataOffset;
   std::uint32_t nRoom = 0;
-  bool bInFile = false;  // before the file grows: what was outside of it may be another block's place then
-  nCode = FindRoom(*pde, &nRoom, &bInFile);
+  bool bInFile = false;
+  nCode = FindRoom(Entries.Items[nEntry], &nRoom, &bInFile);
   if (Failed(nCode)) return nCode;
   BlockBuffer Scratch;
   ByteView Block{};
   if (!BuildBlock(nObjectId, pData, nSize, &Scratch, &Block)) return errOUT_OF_MEMORY;
-  DataSize New{Block.size(), nRoom};
-  const bool bAppended = New.nStored > nRoom;
-  if (bAppended) {
-    std::uint32_t nOffset = 0;
-    nCode = AppendData(Block.begin(), Block.size(), &nOffset);
-    pde->nDataOffset = nOffset;
-    New.nCapacity = New.nStored;
-  } else {
-    nCode = OverwriteBlock(pde, Block);
-  }
-  if (Failed(nCode)) return nCode;
-
-  if (bAppended || New.nStored != Old.nStored) {
-    pde->nDataSize = New.Encode();
-    nCode = StoreDataEntry(nObjectId, object_entry, &Entries, nEntry);
-    if (Failed(nCode)) return nCode;
-  }
-  return bAppended && bInFile ? ZeroFill(m_pFileData.get(), nOldOffset, Old.nStored) : errOK;
+  return Block.size() > nRoom ? MoveBlock(nObjectId, object_entry, &Entries, nEntry, Block, bInFile)
+                              : RewriteBlock(nObjectId, object_entry, &Entries, nEntry, Block, nRoom);
 }
 
-// How much may be written over a block, and whether all of it lies in the file. Where no CRC has vouched for the entry,
-// a place outside is one that it invents, and has no room; nothing ever goes over the magic.
+// How much may be written over a block, and whether its stored bytes all lie in the file. An entry without a CRC may be
+// damaged: if its room reaches beyond the end of the file, it counts for none. Nothing ever goes over the magic.
 ResultCode ObjectDB::FindRoom(const tODB_DATA_ENTRY& Entry, std::uint32_t* pnRoom, bool* pbInFile) {
   const DataSize Old = DataSize::Decode(Entry.nDataSize);
-  const std::uint32_t nTaken = std::max(Old.nStored, Old.nCapacity);
-  if (nTaken == 0) return errOK;
+  if (Old.nStored == 0 && Old.nCapacity == 0) return errOK;
   ODB_CHECK(Entry.nDataOffset >= sizeof(FILE_MAGIC), errDATA_CORRUPTED);
   ODB_CHECK_AS("m_pFileData->GetSize(&m_nSizeDT)", KnowsDataSize(), errREAD_FAILED);
-  *pbInFile = std::uint64_t{Entry.nDataOffset} + nTaken <= m_nSizeDT;
-  *pnRoom = Has(featureArrayCrc) || *pbInFile ? Old.nCapacity : 0;
+  const std::uint64_t nOffset = Entry.nDataOffset;
+  *pbInFile = nOffset + Old.nStored <= m_nSizeDT;
+  *pnRoom = Has(featureArrayCrc) || nOffset + Old.nCapacity <= m_nSizeDT ? Old.nCapacity : 0;
   return errOK;
 }
 
@@ -200,6 +181,48 @@ bool ObjectDB::BuildBlock(tObjectId nObjectId, const void* pData, std::uint32_t 
   if (Has(featureMask)) MaskDataBlock(pScratch->Get(), pScratch->size());
   *pBlock = {pScratch->Get(), pScratch->size()};
   return true;
+}
+
+// Appends a block that does not fit the room of the old one. That is wiped last, if it lay in the file before the new
+// one was appended: otherwise the new one may lie in its place.
+ResultCode ObjectDB::MoveBlock(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries,
+                               std::uint32_t nEntry, ByteView Block, bool bOldInFile) {
+  tODB_DATA_ENTRY* const pde = &pEntries->Items[nEntry];
+  const tODB_DATA_ENTRY Old = *pde;
+  std::uint32_t nOffset = 0;
+  ResultCode nCode = AppendData(Block.begin(), Block.size(), &nOffset);
+  if (Failed(nCode)) return nCode;
+  pde->nDataOffset = nOffset;
+  pde->nDataSize = DataSize{Block.size(), Block.size()}.Encode();
+  nCode = StoreDataEntry(nObjectId, object_entry, pEntries, nEntry);
+  if (Failed(nCode) || !bOldInFile) return nCode;
+  return ZeroFill(m_pFileData.get(), Old.nDataOffset, DataSize::Decode(Old.nDataSize).nStored);
+}
+
+// Writes a block into the room of the old one. One of another size can be read only through its new entry, and the old
+// one only through the old entry: when either cannot be written, the old bytes are put back.
+ResultCode ObjectDB::RewriteBlock(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries,
+                                  std::uint32_t nEntry, ByteView Block, std::uint32_t nRoom) {
+  tODB_DATA_ENTRY* const pde = &pEntries->Items[nEntry];
+  const std::uint32_t nOffset = pde->nDataOffset;
+  const std::uint32_t nOldStored = DataSize::Decode(pde->nDataSize).nStored;
+  if (Block.size() == nOldStored) return OverwriteBlock(pde, Block);
+
+  BlockBuffer Replaced;  // as much of the old block as is written over
+  std::uint32_t nReplaced = 0;
+  if (!Replaced.Resize(std::min(nOldStored, Block.size()))) return errOUT_OF_MEMORY;
+  // A block that cannot be read may be replaced all the same; then there is nothing to put back.
+  (void)m_pFileData->SeekRead(nOffset, Replaced.Get(), Replaced.size(), &nReplaced);
+  ResultCode nCode = OverwriteBlock(pde, Block);
+  if (Succeeded(nCode)) {
+    pde->nDataSize = DataSize{Block.size(), nRoom}.Encode();
+    // Only an empty block fits no room: an offset outside of the file would pass for damage in checks and compaction.
+    if (nRoom == 0) pde->nDataOffset = 0;
+    nCode = StoreDataEntry(nObjectId, object_entry, pEntries, nEntry);
+  }
+  // The answer is the first failure, also when this write fails as well.
+  if (Failed(nCode)) (void)m_pFileData->SeekWrite(nOffset, Replaced.Get(), nReplaced, nullptr);
+  return nCode;
 }
 
 ResultCode ObjectDB::OverwriteBlock(const tODB_DATA_ENTRY* pde, ByteView dataToWrite) {

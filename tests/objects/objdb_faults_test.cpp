@@ -125,6 +125,23 @@ TEST_F(ObjectDbFaultsTest, ARightlyEmptyTreeIsLeftAlone) {
   EXPECT_EQ((std::pair{UINT64_C(0), Lines()}), (std::pair{CallsOf(SystemCall::WriteAt), TakeTrace(400)}));
 }
 
+// Neither the old bytes under the new size, nor the new ones under the old.
+TEST_F(ObjectDbFaultsTest, AFailedRewriteKeepsTheOldData) {
+  for (const bool bCheckData : {false, true}) {
+    Start(bCheckData, {{0x0101, "one"}}, "the longest of them");
+    std::string Old = "the longest of them";
+    for (const std::string New : {"shorter", "longer again"}) {
+      for (const std::uint64_t nWritten : {0u, 1u}) {  // the block; its entry fails
+        FailCalls(SystemCall::WriteAt, os::kDiskFull, nWritten);
+        EXPECT_CODE(errWRITE_FAILED, SetData(Id(1), 1, New));
+        EXPECT_EQ(Old, DataOf(Id(1), 1)) << bCheckData << nWritten;
+      }
+      ASSERT_CODE(errOK, SetData(Id(1), 1, New));
+      Old = New;
+    }
+  }
+}
+
 // Of two records with one hash the tree's is the answer, also when the other one was read last.
 TEST_F(ObjectDbFaultsTest, TheTreeDecidesBetweenRecordsOfOneHash) {
   Start(false, {{0x0101, "old"}});

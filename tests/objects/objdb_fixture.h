@@ -86,7 +86,8 @@ class ObjectDbTest : public World {
   }
 
   ResultCode SetData(tObjectId id, std::uint32_t nKey, std::string_view Data) {
-    return m_pDb->SetObjectData(id, Data.data(), static_cast<std::uint32_t>(Data.size()), nKey);
+    const void* const pData = Data.empty() ? nullptr : Data.data();
+    return m_pDb->SetObjectData(id, pData, static_cast<std::uint32_t>(Data.size()), nKey);
   }
 
   // The data, or the code of the failure.

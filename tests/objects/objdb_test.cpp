@@ -150,12 +150,12 @@ TEST_F(ObjectDbTest, ChecksEntriesWithoutCrcs) {
   const Bytes kBefore = ReadFile("dt");
   EXPECT_EQ(Lines(2, Name(errDATA_CORRUPTED)), Names({SetData(Id(1), 1, "other"), SetData(Id(1), 1, "longer data")}));
   EXPECT_EQ(kBefore, ReadFile("dt"));
-  // A place outside the file has no room. It is not wiped either: the new block may lie there.
-  for (const std::string Data : {"fits", "a block that goes on to the place outside"}) {
+  // A place outside the file has no room, not even for nothing. It is not wiped either: the new block may lie there.
+  for (const std::string Data : {"fits", "a block that goes on to the place outside", ""}) {
     Damage("dt", 14, "1e000000 05000580");
     m_pDb.reset();
     fs::resize_file(Folder() / "dt", 22);
-    Open(false);
+    Open(true);
     ASSERT_CODE(errOK, SetData(Id(1), 1, Data));
     EXPECT_EQ((Lines{Data, "n"}), (Lines{DataOf(Id(1), 1), NameOf(Id(1))}));
     EXPECT_EQ(22 + Data.size(), FileSize("dt"));
@@ -173,6 +173,21 @@ TEST_F(ObjectDbTest, ReplacesABlockThatWasCutOff) {
     ASSERT_CODE(errOK, SetData(Id(1), 1, Data));
     EXPECT_EQ(Data, DataOf(Id(1), 1));
     EXPECT_EQ(FileSizes(), m_pDb->GetSize());
+  }
+}
+
+// Where its spare room alone was cut off, the block itself is still wiped when a longer one replaces it.
+TEST_F(ObjectDbTest, WipesABlockWhoseSpareRoomWasCutOff) {
+  for (const std::size_t nCrc : {0u, 4u}) {
+    Start(nCrc != 0, {{0x0101, "n"}}, "data");
+    const std::uint64_t nPlace = FileSize("dt");
+    ASSERT_EQ(Names({errOK, errOK}), Names({SetData(Id(1), 1, "behind its array"), SetData(Id(1), 1, "short")}));
+    m_pDb.reset();
+    fs::resize_file(Folder() / "dt", FileSize("dt") - 3);
+    Open(nCrc != 0);
+    ASSERT_CODE(errOK, SetData(Id(1), 1, "longer than its room"));
+    EXPECT_EQ((Lines{std::string(5 + nCrc, '\0'), "longer than its room"}),
+              (Lines{ReadText("dt").substr(nPlace, 5 + nCrc), DataOf(Id(1), 1)}));
   }
 }
 
