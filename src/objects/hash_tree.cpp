@@ -12,6 +12,8 @@
 namespace lumbra {
 namespace {
 
+using objdb::FailedCheck;
+
 constexpr char kPlainMagic[4] = {'O', 'D', 'B', 'T'};
 constexpr char kCheckedMagic[4] = {'O', 'D', 'B', 'C'};
 
@@ -42,7 +44,7 @@ std::uint32_t HashTree::GetHashDigit(std::uint64_t nHash, std::uint32_t nLevel) 
 
 FileContent HashTree::Look(StorageFile* pFile, const Options& Use) {
   Close();
-  pFileBT = pFile;
+  m_pFile = pFile;
   m_Use = Use;
   m_Crc = DataCrc(Use.bSeededCrcs);
   const FileContent Header = LookAtHeader();
@@ -65,7 +67,7 @@ ResultCode HashTree::Take(const FileContent& Found) {
 }
 
 void HashTree::Close() {
-  pFileBT = nullptr;
+  m_pFile = nullptr;
   m_nSizeBT = 0;
   m_btHead.clear();
   m_nodeChecked.clear();
@@ -73,57 +75,64 @@ void HashTree::Close() {
 
 // Tells whether the header is that of a tree which can be used, and mends its size in memory.
 FileContent HashTree::LookAtHeader() {
-  tODB_BT_HEADER& hdr = m_Header;
-  std::uint32_t bytes = 0;
-  ODB_LOOK(pFileBT->SeekRead(0, &hdr, sizeof(hdr), &bytes), errREAD_FAILED);
-  if (bytes != sizeof(hdr) || hdr.nFirstNodeOffset != FirstNodeOffset) return FileContent::Foreign();
-  m_bNodeCrcs = std::memcmp(hdr.Magic, kCheckedMagic, sizeof(hdr.Magic)) == 0;
-  if (!m_bNodeCrcs && std::memcmp(hdr.Magic, kPlainMagic, sizeof(hdr.Magic)) != 0) return FileContent::Foreign();
+  tODB_BT_HEADER& Header = m_Header;
+  std::uint32_t nRead = 0;
+  if (!m_pFile->SeekRead(0, &Header, sizeof(Header), &nRead))
+    return FileContent::Unread(FailedCheck("pFileBT->SeekRead(0, &hdr, sizeof(hdr), &bytes)", errREAD_FAILED));
+  if (nRead != sizeof(Header) || Header.nFirstNodeOffset != FirstNodeOffset) return FileContent::Foreign();
+  m_bNodeCrcs = std::memcmp(Header.Magic, kCheckedMagic, sizeof(Header.Magic)) == 0;
+  if (!m_bNodeCrcs && std::memcmp(Header.Magic, kPlainMagic, sizeof(Header.Magic)) != 0) return FileContent::Foreign();
 
-  std::uint64_t actualSize = 0;
-  ODB_LOOK(pFileBT->GetSize(&actualSize), errREAD_FAILED);
-  m_nActualSize = actualSize;
+  std::uint64_t nActualSize = 0;
+  if (!m_pFile->GetSize(&nActualSize))
+    return FileContent::Unread(FailedCheck("pFileBT->GetSize(&actualSize)", errREAD_FAILED));
+  m_nActualSize = nActualSize;
   m_bHeaderMended = false;
-  if (hdr.nDBSize != actualSize) {
-    Trace(kHostRoot, traceFailure, "lmb\tWrong BT size in header, actual: %I64X, from header: %I64X", actualSize,
-          hdr.nDBSize);
-    hdr.nDBSize = actualSize;
+  if (Header.nDBSize != nActualSize) {
+    Trace(kHostRoot, traceFailure, "lmb\tWrong BT size in header, actual: %I64X, from header: %I64X", nActualSize,
+          Header.nDBSize);
+    Header.nDBSize = nActualSize;
     m_bHeaderMended = true;
   }
   const std::uint64_t nMinimalSize = RootEnd();
-  if (hdr.nDBSize < nMinimalSize) {
+  if (Header.nDBSize < nMinimalSize) {
     Trace(kHostRoot, traceFailure, "lmb\tToo small BT size, rewrite it it. BT size: %I64X, minimal size: %I64X",
-          hdr.nDBSize, nMinimalSize);
+          Header.nDBSize, nMinimalSize);
     return FileContent::Foreign();
   }
-  if (const std::uint64_t nUnaligned = hdr.nDBSize; nUnaligned % sizeof(tODB_BT_OFFSET) != 0) {
-    hdr.nDBSize += sizeof(tODB_BT_OFFSET) - nUnaligned % sizeof(tODB_BT_OFFSET);
+  if (const std::uint64_t nUnaligned = Header.nDBSize; nUnaligned % sizeof(tODB_BT_OFFSET) != 0) {
+    Header.nDBSize += sizeof(tODB_BT_OFFSET) - nUnaligned % sizeof(tODB_BT_OFFSET);
     m_bHeaderMended = true;
-    Trace(kHostRoot, traceFailure, "lmb\tBT file size unaligned: %I64X, after align: %I64X", nUnaligned, hdr.nDBSize);
+    Trace(kHostRoot, traceFailure, "lmb\tBT file size unaligned: %I64X, after align: %I64X", nUnaligned,
+          Header.nDBSize);
   }
   return FileContent::Ours();
 }
 
 FileContent HashTree::LookAtRoot() {
-  constexpr std::uint32_t OffsetsSize = kRootEntries * sizeof(tODB_BT_OFFSET);
-  constexpr std::uint32_t nCrcOffset = FirstNodeOffset + OffsetsSize;
-  tODB_BT_OFFSET offsets[kRootEntries];
-  std::uint32_t crc32 = 0;
-  std::uint32_t bytes = 0;
-  ODB_LOOK(pFileBT->SeekRead(FirstNodeOffset, offsets, OffsetsSize, &bytes), errREAD_FAILED);
-  ODB_LOOK(bytes == OffsetsSize, errREAD_FAILED);
-  ODB_LOOK(pFileBT->SeekRead(nCrcOffset, &crc32, sizeof(crc32), &bytes), errREAD_FAILED);
-  ODB_LOOK(bytes == sizeof(crc32), errREAD_FAILED);
-  return ValidDataCrc(0, offsets, OffsetsSize, &crc32) ? FileContent::Ours() : FileContent::Foreign();
+  constexpr std::uint32_t kRootSize = kRootEntries * sizeof(tODB_BT_OFFSET);
+  constexpr std::uint32_t nCrcOffset = FirstNodeOffset + kRootSize;
+  tODB_BT_OFFSET Slots[kRootEntries];
+  std::uint32_t nCrc = 0;
+  std::uint32_t nRead = 0;
+  if (!m_pFile->SeekRead(FirstNodeOffset, Slots, kRootSize, &nRead))
+    return FileContent::Unread(
+        FailedCheck("pFileBT->SeekRead(FirstNodeOffset, offsets, OffsetsSize, &bytes)", errREAD_FAILED));
+  if (nRead != kRootSize) return FileContent::Unread(FailedCheck("bytes == OffsetsSize", errREAD_FAILED));
+  if (!m_pFile->SeekRead(nCrcOffset, &nCrc, sizeof(nCrc), &nRead))
+    return FileContent::Unread(
+        FailedCheck("pFileBT->SeekRead(nCrcOffset, &crc32, sizeof(crc32), &bytes)", errREAD_FAILED));
+  if (nRead != sizeof(nCrc)) return FileContent::Unread(FailedCheck("bytes == sizeof(crc32)", errREAD_FAILED));
+  return ValidDataCrc(0, Slots, kRootSize, &nCrc) ? FileContent::Ours() : FileContent::Foreign();
 }
 
 // Brings a mended size into the header, and the file to that size.
 ResultCode HashTree::StoreHeader() {
-  const tODB_BT_HEADER& hdr = m_Header;
-  const tODB_BT_HEADER& newHdr = hdr;
-  if (m_bHeaderMended) ODB_CHECK(pFileBT->SeekWrite(0, &newHdr, sizeof(newHdr), NULL), errWRITE_FAILED);
-  if (hdr.nDBSize != m_nActualSize) ODB_CHECK(pFileBT->SetSize(hdr.nDBSize), errWRITE_FAILED);
-  m_nSizeBT = hdr.nDBSize;
+  if (m_bHeaderMended && !m_pFile->SeekWrite(0, &m_Header, sizeof(m_Header), nullptr))
+    return FailedCheck("pFileBT->SeekWrite(0, &newHdr, sizeof(newHdr), NULL)", errWRITE_FAILED);
+  if (m_Header.nDBSize != m_nActualSize && !m_pFile->SetSize(m_Header.nDBSize))
+    return FailedCheck("pFileBT->SetSize(hdr.nDBSize)", errWRITE_FAILED);
+  m_nSizeBT = m_Header.nDBSize;
   return errOK;
 }
 
@@ -141,16 +150,17 @@ bool HashTree::PrepareHead() {
 }
 
 ResultCode HashTree::StartAnew() {
-  ODB_CHECK(pFileBT->SetSize(0), errWRITE_FAILED);
+  if (!m_pFile->SetSize(0)) return FailedCheck("pFileBT->SetSize(0)", errWRITE_FAILED);
   m_btHead.clear();
   std::fill(m_nodeChecked.begin() + FirstNodeOffset + 1, m_nodeChecked.end(), std::uint8_t{0});
-  tODB_BT_HEADER hdr{{}, FirstNodeOffset, FirstNodeOffset};
-  std::memcpy(hdr.Magic, m_bNodeCrcs ? kCheckedMagic : kPlainMagic, sizeof(hdr.Magic));
-  ODB_CHECK(pFileBT->SeekWrite(0, &hdr, sizeof(hdr), 0), errWRITE_FAILED);
+  tODB_BT_HEADER Header{{}, FirstNodeOffset, FirstNodeOffset};
+  std::memcpy(Header.Magic, m_bNodeCrcs ? kCheckedMagic : kPlainMagic, sizeof(Header.Magic));
+  if (!m_pFile->SeekWrite(0, &Header, sizeof(Header), 0))
+    return FailedCheck("pFileBT->SeekWrite(0, &hdr, sizeof(hdr), 0)", errWRITE_FAILED);
   // All that the file holds is known: the root is added without reading it back.
-  m_nSizeBT = hdr.nDBSize;
-  const auto* const pHeader = reinterpret_cast<const std::uint8_t*>(&hdr);
-  m_btHead.assign(pHeader, pHeader + sizeof(hdr));
+  m_nSizeBT = Header.nDBSize;
+  const auto* const pHeader = reinterpret_cast<const std::uint8_t*>(&Header);
+  m_btHead.assign(pHeader, pHeader + sizeof(Header));
   std::uint32_t nRoot = 0;
   return BT_AddNode(0, 0, &nRoot);
 }
@@ -172,14 +182,16 @@ ResultCode HashTree::IsEmpty(bool* pbEmpty) {
 ResultCode HashTree::SetUsable(bool bUsable) {
   const std::uint32_t nFirstNodeOffset = bUsable ? FirstNodeOffset : 0;
   if (bUsable) Sync();
-  ODB_CHECK(BT_SeekWrite(offsetof(tODB_BT_HEADER, nFirstNodeOffset), &nFirstNodeOffset, sizeof(nFirstNodeOffset), NULL),
-            errWRITE_FAILED);
+  if (!BT_SeekWrite(offsetof(tODB_BT_HEADER, nFirstNodeOffset), &nFirstNodeOffset, sizeof(nFirstNodeOffset), nullptr))
+    return FailedCheck(
+        "BT_SeekWrite(offsetof(tODB_BT_HEADER, nFirstNodeOffset), &nFirstNodeOffset, sizeof(nFirstNodeOffset), NULL)",
+        errWRITE_FAILED);
   if (!bUsable) Sync();
   return errOK;
 }
 
 void HashTree::Sync() {
-  if (!pFileBT->Flush()) TraceFailedStep(errWRITE_FAILED);
+  if (!m_pFile->Flush()) TraceFailedStep(errWRITE_FAILED);
 }
 
 ResultCode HashTree::Find(std::uint64_t nHash, std::uint32_t* pnShortId) {
@@ -240,36 +252,41 @@ ResultCode HashTree::BT_GetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nP
     return ReadEntry(nNodeOffset, nEntryNo, pOffset);
   }
 
-  const auto offsetsSize = static_cast<std::uint32_t>(EntriesOf(nLevel) * sizeof(tODB_BT_OFFSET));
-  const std::uint32_t nCrcOffset = nNodeOffset + offsetsSize;
-  tODB_BT_OFFSET offsets[kRootEntries];
-  const ResultCode nCode = ReadEntries(nNodeOffset, offsetsSize, offsets);
+  const auto nSlotsSize = static_cast<std::uint32_t>(EntriesOf(nLevel) * sizeof(tODB_BT_OFFSET));
+  const std::uint32_t nCrcOffset = nNodeOffset + nSlotsSize;
+  tODB_BT_OFFSET Slots[kRootEntries];
+  const ResultCode nCode = ReadEntries(nNodeOffset, nSlotsSize, Slots);
   if (Failed(nCode)) return nCode;
-  std::uint32_t crc32 = 0;
-  std::uint32_t bytes = 0;
-  ODB_CHECK(BT_SeekRead(nCrcOffset, &crc32, sizeof(crc32), &bytes), ReadErrorCode(nNodeOffset));
-  ODB_CHECK(bytes == sizeof(crc32), ReadErrorCode(nCrcOffset + bytes));
-  ODB_CHECK(ValidDataCrc(nPreviousOffset, offsets, offsetsSize, &crc32), errDATA_CORRUPTED);
-  *pOffset = offsets[nEntryNo];
+  std::uint32_t nCrc = 0;
+  std::uint32_t nRead = 0;
+  if (!BT_SeekRead(nCrcOffset, &nCrc, sizeof(nCrc), &nRead))
+    return FailedCheck("BT_SeekRead(nCrcOffset, &crc32, sizeof(crc32), &bytes)", ReadErrorCode(nNodeOffset));
+  if (nRead != sizeof(nCrc)) return FailedCheck("bytes == sizeof(crc32)", ReadErrorCode(nCrcOffset + nRead));
+  if (!ValidDataCrc(nPreviousOffset, Slots, nSlotsSize, &nCrc))
+    return FailedCheck("ValidDataCrc(nPreviousOffset, offsets, offsetsSize, &crc32)", errDATA_CORRUPTED);
+  *pOffset = Slots[nEntryNo];
   if (bInHead && nMark < 255) m_nodeChecked[nNodeOffset] = static_cast<std::uint8_t>(nMark);
   return errOK;
 }
 
 ResultCode HashTree::ReadEntry(std::uint32_t nNodeOffset, std::uint32_t nEntryNo, tODB_BT_OFFSET* pOffset) {
   const std::uint64_t nPosition = nNodeOffset + std::uint64_t{nEntryNo} * sizeof(tODB_BT_OFFSET);
-  std::uint32_t bytes = 0;
-  // clang-format off
-  ODB_CHECK(BT_SeekRead(nNodeOffset+nEntryNo*sizeof(tODB_BT_OFFSET), pOffset, sizeof(tODB_BT_OFFSET), &bytes),
-            ReadErrorCode(nNodeOffset));
-  // clang-format on
-  ODB_CHECK(bytes == sizeof(tODB_BT_OFFSET), ReadErrorCode(nPosition + bytes));
+  std::uint32_t nRead = 0;
+  if (!BT_SeekRead(nNodeOffset + nEntryNo * sizeof(tODB_BT_OFFSET), pOffset, sizeof(tODB_BT_OFFSET), &nRead))
+    return FailedCheck(
+        "BT_SeekRead(nNodeOffset+nEntryNo*sizeof(tODB_BT_OFFSET), pOffset, sizeof(tODB_BT_OFFSET), &bytes)",
+        ReadErrorCode(nNodeOffset));
+  if (nRead != sizeof(tODB_BT_OFFSET))
+    return FailedCheck("bytes == sizeof(tODB_BT_OFFSET)", ReadErrorCode(nPosition + nRead));
   return errOK;
 }
 
-ResultCode HashTree::ReadEntries(std::uint32_t nNodeOffset, std::uint32_t offsetsSize, tODB_BT_OFFSET* offsets) {
-  std::uint32_t bytes = 0;
-  ODB_CHECK(BT_SeekRead(nNodeOffset, offsets, offsetsSize, &bytes), ReadErrorCode(nNodeOffset));
-  ODB_CHECK(bytes == offsetsSize, ReadErrorCode(std::uint64_t{nNodeOffset} + bytes));
+ResultCode HashTree::ReadEntries(std::uint32_t nNodeOffset, std::uint32_t nSlotsSize, tODB_BT_OFFSET* Slots) {
+  std::uint32_t nRead = 0;
+  if (!BT_SeekRead(nNodeOffset, Slots, nSlotsSize, &nRead))
+    return FailedCheck("BT_SeekRead(nNodeOffset, offsets, offsetsSize, &bytes)", ReadErrorCode(nNodeOffset));
+  if (nRead != nSlotsSize)
+    return FailedCheck("bytes == offsetsSize", ReadErrorCode(std::uint64_t{nNodeOffset} + nRead));
   return errOK;
 }
 
@@ -279,83 +296,85 @@ ResultCode HashTree::BT_SetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nP
   nPreviousOffset &= ~kChildBit;
   if (nNodeOffset < FirstNodeOffset) return errPARAMETER_INVALID;
   if (!m_bNodeCrcs) return WriteEntry(nNodeOffset, nEntryNo, nOffset);
-  const auto offsetsSize = static_cast<std::uint32_t>(EntriesOf(nLevel) * sizeof(tODB_BT_OFFSET));
-  tODB_BT_OFFSET offsets[kRootEntries];
-  ResultCode nCode = ReadEntries(nNodeOffset, offsetsSize, offsets);
+  const auto nSlotsSize = static_cast<std::uint32_t>(EntriesOf(nLevel) * sizeof(tODB_BT_OFFSET));
+  tODB_BT_OFFSET Slots[kRootEntries];
+  ResultCode nCode = ReadEntries(nNodeOffset, nSlotsSize, Slots);
   if (Failed(nCode)) return nCode;
-  const tODB_BT_OFFSET nOldOffset = std::exchange(offsets[nEntryNo], nOffset);
-  nCode = WriteNodeCrc(nNodeOffset, offsetsSize, m_Crc.Of(nPreviousOffset, offsets, offsetsSize));
+  const tODB_BT_OFFSET nOldOffset = std::exchange(Slots[nEntryNo], nOffset);
+  nCode = WriteNodeCrc(nNodeOffset, nSlotsSize, m_Crc.Of(nPreviousOffset, Slots, nSlotsSize));
   if (Succeeded(nCode)) nCode = WriteEntry(nNodeOffset, nEntryNo, nOffset);
   if (Succeeded(nCode)) return errOK;
   // The CRC that fits the slots again, as far as it can be written: otherwise one failed call costs the whole node.
-  offsets[nEntryNo] = nOldOffset;
-  const std::uint32_t nOldCrc = m_Crc.Of(nPreviousOffset, offsets, offsetsSize);
+  Slots[nEntryNo] = nOldOffset;
+  const std::uint32_t nOldCrc = m_Crc.Of(nPreviousOffset, Slots, nSlotsSize);
   std::uint32_t nWritten = 0;
-  BT_SeekWrite(std::uint64_t{nNodeOffset} + offsetsSize, &nOldCrc, sizeof(nOldCrc), &nWritten);
+  BT_SeekWrite(std::uint64_t{nNodeOffset} + nSlotsSize, &nOldCrc, sizeof(nOldCrc), &nWritten);
   return nCode;
 }
 
-ResultCode HashTree::WriteNodeCrc(std::uint32_t nNodeOffset, std::uint32_t offsetsSize, std::uint32_t crc32) {
-  std::uint32_t bytes = 0;
-  // clang-format off
-  ODB_CHECK(BT_SeekWrite(nNodeOffset+offsetsSize, &crc32, sizeof(crc32), &bytes), errWRITE_FAILED);
-  // clang-format on
-  ODB_CHECK(bytes == sizeof(crc32), errWRITE_FAILED);
+ResultCode HashTree::WriteNodeCrc(std::uint32_t nNodeOffset, std::uint32_t nSlotsSize, std::uint32_t nCrc) {
+  std::uint32_t nRead = 0;
+  if (!BT_SeekWrite(nNodeOffset + nSlotsSize, &nCrc, sizeof(nCrc), &nRead))
+    return FailedCheck("BT_SeekWrite(nNodeOffset+offsetsSize, &crc32, sizeof(crc32), &bytes)", errWRITE_FAILED);
+  if (nRead != sizeof(nCrc)) return FailedCheck("bytes == sizeof(crc32)", errWRITE_FAILED);
   return errOK;
 }
 
 ResultCode HashTree::WriteEntry(std::uint32_t nNodeOffset, std::uint32_t nEntryNo, tODB_BT_OFFSET nOffset) {
-  std::uint32_t bytes = 0;
-  // clang-format off
-  ODB_CHECK(BT_SeekWrite(nNodeOffset+nEntryNo*sizeof(tODB_BT_OFFSET), &nOffset, sizeof(nOffset), &bytes),
-            errWRITE_FAILED);
-  // clang-format on
-  ODB_CHECK(bytes == sizeof(tODB_BT_OFFSET), errWRITE_FAILED);
+  std::uint32_t nRead = 0;
+  if (!BT_SeekWrite(nNodeOffset + nEntryNo * sizeof(tODB_BT_OFFSET), &nOffset, sizeof(nOffset), &nRead))
+    return FailedCheck("BT_SeekWrite(nNodeOffset+nEntryNo*sizeof(tODB_BT_OFFSET), &nOffset, sizeof(nOffset), &bytes)",
+                       errWRITE_FAILED);
+  if (nRead != sizeof(tODB_BT_OFFSET)) return FailedCheck("bytes == sizeof(tODB_BT_OFFSET)", errWRITE_FAILED);
   return errOK;
 }
 
 ResultCode HashTree::BT_AddNode(std::uint32_t nLevel, std::uint32_t nPreviousOffset, std::uint32_t* pnNodeOffset) {
-  const auto write_size = static_cast<std::uint32_t>(EntriesOf(nLevel) * sizeof(tODB_BT_OFFSET));
+  const auto nSlotsSize = static_cast<std::uint32_t>(EntriesOf(nLevel) * sizeof(tODB_BT_OFFSET));
   std::uint64_t nOldSize = 0;
-  const ResultCode nCode = BT_ExtendDB(write_size + CrcSize(), &nOldSize);
+  const ResultCode nCode = BT_ExtendDB(nSlotsSize + CrcSize(), &nOldSize);
   if (Failed(nCode)) return nCode;
   auto nNodeOffset = static_cast<std::uint32_t>(nOldSize);
   *pnNodeOffset = nNodeOffset;
 
-  constexpr tODB_BT_OFFSET offsets[kRootEntries] = {};
-  std::uint32_t bytesWritten = 0;
-  ODB_CHECK(BT_SeekWrite(nNodeOffset, offsets, write_size, &bytesWritten), errWRITE_FAILED);
-  ODB_CHECK((bytesWritten == write_size), errWRITE_FAILED);
+  constexpr tODB_BT_OFFSET Slots[kRootEntries] = {};
+  std::uint32_t nWritten = 0;
+  if (!BT_SeekWrite(nNodeOffset, Slots, nSlotsSize, &nWritten))
+    return FailedCheck("BT_SeekWrite(nNodeOffset, offsets, write_size, &bytesWritten)", errWRITE_FAILED);
+  if (nWritten != nSlotsSize) return FailedCheck("(bytesWritten == write_size)", errWRITE_FAILED);
   if (!m_bNodeCrcs) return errOK;
-  const std::uint32_t crc32 = m_Crc.Of(nPreviousOffset, offsets, write_size);
-  nNodeOffset += write_size;
-  ODB_CHECK(BT_SeekWrite(nNodeOffset, &crc32, sizeof(crc32), &bytesWritten), errWRITE_FAILED);
-  ODB_CHECK((bytesWritten == sizeof(crc32)), errWRITE_FAILED);
+  const std::uint32_t nCrc = m_Crc.Of(nPreviousOffset, Slots, nSlotsSize);
+  nNodeOffset += nSlotsSize;
+  if (!BT_SeekWrite(nNodeOffset, &nCrc, sizeof(nCrc), &nWritten))
+    return FailedCheck("BT_SeekWrite(nNodeOffset, &crc32, sizeof(crc32), &bytesWritten)", errWRITE_FAILED);
+  if (nWritten != sizeof(nCrc)) return FailedCheck("(bytesWritten == sizeof(crc32))", errWRITE_FAILED);
   return errOK;
 }
 
 ResultCode HashTree::BT_ExtendDB(std::uint32_t nAdded, std::uint64_t* pnOldSize) {
-  tODB_BT_HEADER hdr{};
-  std::uint32_t bytesRead = 0;
-  ODB_CHECK(BT_SeekRead(0, &hdr, sizeof(hdr), &bytesRead), ReadErrorCode(0));
-  ODB_CHECK((sizeof(hdr) == bytesRead), ReadErrorCode(bytesRead));
-  if (hdr.nDBSize + nAdded > kChildBit) return errOUT_OF_SPACE;  // a slot has no bits for a higher offset
-  *pnOldSize = hdr.nDBSize;
-  hdr.nDBSize += nAdded;
-  m_nSizeBT = hdr.nDBSize;
+  tODB_BT_HEADER Header{};
+  std::uint32_t nRead = 0;
+  if (!BT_SeekRead(0, &Header, sizeof(Header), &nRead))
+    return FailedCheck("BT_SeekRead(0, &hdr, sizeof(hdr), &bytesRead)", ReadErrorCode(0));
+  if (sizeof(Header) != nRead) return FailedCheck("(sizeof(hdr) == bytesRead)", ReadErrorCode(nRead));
+  if (Header.nDBSize + nAdded > kChildBit) return errOUT_OF_SPACE;  // a slot has no bits for a higher offset
+  *pnOldSize = Header.nDBSize;
+  Header.nDBSize += nAdded;
+  m_nSizeBT = Header.nDBSize;
   // Before the node itself: a crash in between leaves a size that the next Open finds wrong and mends.
-  ODB_CHECK(BT_SeekWrite(0, &hdr, sizeof(hdr), NULL), errWRITE_FAILED);
+  if (!BT_SeekWrite(0, &Header, sizeof(Header), nullptr))
+    return FailedCheck("BT_SeekWrite(0, &hdr, sizeof(hdr), NULL)", errWRITE_FAILED);
   return errOK;
 }
 
 // ---- The head in memory -----------------------------------------------------------------------------------
 
 bool HashTree::BT_SeekRead(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead) {
-  if (nOffset + nSize > m_nBtHeadSize) return pFileBT->SeekRead(nOffset, pBuffer, nSize, pnRead);
+  if (nOffset + nSize > m_nBtHeadSize) return m_pFile->SeekRead(nOffset, pBuffer, nSize, pnRead);
   if (m_btHead.empty()) {
     m_btHead.resize(m_nBtHeadSize);
     std::uint32_t nHeld = 0;
-    if (!pFileBT->SeekRead(0, m_btHead.data(), m_nBtHeadSize, &nHeld)) {
+    if (!m_pFile->SeekRead(0, m_btHead.data(), m_nBtHeadSize, &nHeld)) {
       m_btHead.clear();
       return false;
     }
@@ -368,7 +387,7 @@ bool HashTree::BT_SeekRead(std::uint64_t nOffset, void* pBuffer, std::uint32_t n
 }
 
 bool HashTree::BT_SeekWrite(std::uint64_t nOffset, const void* pData, std::uint32_t nSize, std::uint32_t* pnWritten) {
-  if (!pFileBT->SeekWrite(nOffset, pData, nSize, pnWritten)) return false;
+  if (!m_pFile->SeekWrite(nOffset, pData, nSize, pnWritten)) return false;
   if (nOffset >= m_nBtHeadSize || m_btHead.empty()) return true;  // an unread head stays so: the next read fills it
   const auto nStart = static_cast<std::size_t>(nOffset);
   const auto nEnd = static_cast<std::size_t>(std::min<std::uint64_t>(nOffset + nSize, m_nBtHeadSize));

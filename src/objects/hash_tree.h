@@ -117,10 +117,10 @@ class HashTree {
   ResultCode BT_GetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nPreviousOffset, std::uint32_t nLevel,
                              std::uint32_t nEntryNo, tODB_BT_OFFSET* pOffset);
   ResultCode ReadEntry(std::uint32_t nNodeOffset, std::uint32_t nEntryNo, tODB_BT_OFFSET* pOffset);
-  ResultCode ReadEntries(std::uint32_t nNodeOffset, std::uint32_t offsetsSize, tODB_BT_OFFSET* offsets);
+  ResultCode ReadEntries(std::uint32_t nNodeOffset, std::uint32_t nSlotsSize, tODB_BT_OFFSET* Slots);
   ResultCode BT_SetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nPreviousOffset, std::uint32_t nLevel,
                              std::uint32_t nEntryNo, tODB_BT_OFFSET nOffset);
-  ResultCode WriteNodeCrc(std::uint32_t nNodeOffset, std::uint32_t offsetsSize, std::uint32_t crc32);
+  ResultCode WriteNodeCrc(std::uint32_t nNodeOffset, std::uint32_t nSlotsSize, std::uint32_t nCrc);
   ResultCode WriteEntry(std::uint32_t nNodeOffset, std::uint32_t nEntryNo, tODB_BT_OFFSET nOffset);
   ResultCode BT_AddNode(std::uint32_t nLevel, std::uint32_t nPreviousOffset, std::uint32_t* pnNodeOffset);
   ResultCode BT_ExtendDB(std::uint32_t nAdded, std::uint64_t* pnOldSize);
@@ -134,7 +134,7 @@ class HashTree {
     return nMissingFrom >= m_nSizeBT ? errDATA_CORRUPTED : errREAD_FAILED;
   }
 
-  StorageFile* pFileBT = nullptr;
+  StorageFile* m_pFile = nullptr;
   Options m_Use{};
   tODB_BT_HEADER m_Header{};        // what Look read, with the size that it should have
   bool m_bHeaderMended = false;     // the size in the file is another one: Take writes m_Header

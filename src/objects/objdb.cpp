@@ -11,6 +11,8 @@
 
 namespace lumbra {
 
+using objdb::FailedCheck;
+
 ObjectDB::ObjectDB(bool bCheckData)
     : m_nConfigFlags(bCheckData ? kCheckedFeatures : kPlainFeatures), m_bConfigNodeCrcs(bCheckData) {}
 
@@ -54,13 +56,14 @@ ResultCode ObjectDB::Open(std::uint32_t nNumber, ObjectFiles& Files, TreeHead He
 
 // Tells the feature set by the file's magic.
 FileContent ObjectDB::LookAtDataFile(StorageFile& File) {
-  StorageFile* const pFileData = &File;
-  FILE_MAGIC fileMagic{};
-  std::uint32_t bytesRead = 0;
-  ODB_LOOK(pFileData->SeekRead(0, fileMagic, sizeof(FILE_MAGIC), &bytesRead), errREAD_FAILED);
-  if (bytesRead != sizeof(FILE_MAGIC)) return FileContent::Foreign();
+  FILE_MAGIC Magic{};
+  std::uint32_t nRead = 0;
+  if (!File.SeekRead(0, Magic, sizeof(FILE_MAGIC), &nRead))
+    return FileContent::Unread(
+        FailedCheck("pFileData->SeekRead(0, fileMagic, sizeof(FILE_MAGIC), &bytesRead)", errREAD_FAILED));
+  if (nRead != sizeof(FILE_MAGIC)) return FileContent::Foreign();
   for (const FeatureMagic& Known : kFeatureMagics) {
-    if (std::memcmp(Known.Magic, fileMagic, sizeof(FILE_MAGIC)) != 0) continue;
+    if (std::memcmp(Known.Magic, Magic, sizeof(FILE_MAGIC)) != 0) continue;
     m_nDataFlags = Known.nFeatures;
     return FileContent::Ours();
   }
@@ -79,11 +82,11 @@ ResultCode ObjectDB::ChooseFeatures(const FileContent& Ids) {
 }
 
 ResultCode ObjectDB::WriteMagic(StorageFile& File) {
-  const FILE_MAGIC& newFileMagic = MagicOf(m_nDataFlags);
-  StorageFile* const pFileData = &File;
-  std::uint32_t bytesWritten = 0;
-  ODB_CHECK(pFileData->SeekWrite(0, newFileMagic, sizeof(FILE_MAGIC), &bytesWritten), errWRITE_FAILED);
-  if (ChecksByteCounts() && bytesWritten != sizeof(FILE_MAGIC)) return errWRITE_FAILED;
+  const FILE_MAGIC& Magic = MagicOf(m_nDataFlags);
+  std::uint32_t nWritten = 0;
+  if (!File.SeekWrite(0, Magic, sizeof(FILE_MAGIC), &nWritten))
+    return FailedCheck("pFileData->SeekWrite(0, newFileMagic, sizeof(FILE_MAGIC), &bytesWritten)", errWRITE_FAILED);
+  if (ChecksByteCounts() && nWritten != sizeof(FILE_MAGIC)) return errWRITE_FAILED;
   return errOK;
 }
 
@@ -128,11 +131,12 @@ ResultCode ObjectDB::GetIdEntry(tObjectId id, tODB_ID_ENTRY* pEntry, TraceMiss M
     return errOK;
   }
   if (Miss == TraceMiss::Yes) Trace(kHostRoot, traceRoutine, "lmb\tObject not found in cache by Id %I64X", id);
-  std::uint32_t bytesRead = 0;
+  std::uint32_t nRead = 0;
   const std::uint64_t nIndex = std::uint64_t{MAKE_SHORT_OBJECT_ID(id)} - 1;
-  const ResultCode nCode = m_IdDB.GetRecord(nIndex, pEntry, sizeof(tODB_ID_ENTRY), &bytesRead);
+  const ResultCode nCode = m_IdDB.GetRecord(nIndex, pEntry, sizeof(tODB_ID_ENTRY), &nRead);
   if (Failed(nCode)) return nCode;
-  if (ChecksByteCounts()) ODB_CHECK(sizeof(tODB_ID_ENTRY) == bytesRead, errDATA_CORRUPTED);
+  if (ChecksByteCounts() && sizeof(tODB_ID_ENTRY) != nRead)
+    return FailedCheck("sizeof(tODB_ID_ENTRY) == bytesRead", errDATA_CORRUPTED);
   m_Cache.Insert(id, *pEntry);
   return errOK;
 }
@@ -176,9 +180,8 @@ ResultCode ObjectDB::LookUp(std::uint64_t nHash, tObjectId* pId) {
   nCode = GetIdEntry(id, &Entry, Miss);
   if (Failed(nCode)) return nCode;
   if (Entry.nObjectHash != nHash) return errOBJECT_NOT_FOUND;
-  // clang-format off
-  ODB_CHECK((tObjectId)(MAKE_SHORT_OBJECT_ID(id)-1) < m_IdDB.GetRecordCount(), errDATA_CORRUPTED);
-  // clang-format on
+  if ((tObjectId)(MAKE_SHORT_OBJECT_ID(id) - 1) >= m_IdDB.GetRecordCount())
+    return FailedCheck("(tObjectId)(MAKE_SHORT_OBJECT_ID(id)-1) < m_IdDB.GetRecordCount()", errDATA_CORRUPTED);
   m_Cache.Vouch(id);
   *pId = id;
   return errOK;
@@ -320,11 +323,12 @@ ResultCode ObjectDB::AppendName(const NewObject& Object, std::uint32_t* pnOffset
 
 ResultCode ObjectDB::AppendData(const void* pData, std::uint32_t nDataSize, std::uint32_t* pnOffset) {
   std::uint64_t nOffset = 0;
-  std::uint32_t bytesWritten = 0;
-  ODB_CHECK(m_pFileData->GetSize(&nOffset), errWRITE_FAILED);
+  std::uint32_t nWritten = 0;
+  if (!m_pFileData->GetSize(&nOffset)) return FailedCheck("m_pFileData->GetSize(&nOffset)", errWRITE_FAILED);
   if (nOffset + nDataSize > kMaxDataFileSize) return errOUT_OF_SPACE;
-  ODB_CHECK(m_pFileData->SeekWrite(nOffset, pData, nDataSize, &bytesWritten), errWRITE_FAILED);
-  if (ChecksByteCounts()) ODB_CHECK(nDataSize == bytesWritten, errWRITE_FAILED);
+  if (!m_pFileData->SeekWrite(nOffset, pData, nDataSize, &nWritten))
+    return FailedCheck("m_pFileData->SeekWrite(nOffset, pData, nDataSize, &bytesWritten)", errWRITE_FAILED);
+  if (ChecksByteCounts() && nDataSize != nWritten) return FailedCheck("nDataSize == bytesWritten", errWRITE_FAILED);
   m_bSizeKnownDT = true;
   m_nSizeDT = nOffset + nDataSize;  // from the file: a write that failed may have left bytes before this one
   *pnOffset = static_cast<std::uint32_t>(nOffset);
@@ -339,43 +343,45 @@ ResultCode ObjectDB::GetObjectName(tObjectId nObjectId, void* pBuffer, std::uint
   if (nObjectId == 0 || (nBufferSize > 0 && pBuffer == nullptr)) return errPARAMETER_INVALID;
   if (StoreNumberOf(nObjectId) != m_nNumber) return errOBJECT_NOT_FOUND;
   const std::lock_guard Hold(m_Lock);
-  tODB_ID_ENTRY object_entry{};
-  const ResultCode nCode = GetIdEntry(nObjectId, &object_entry, TraceMiss::Yes);
+  tODB_ID_ENTRY Entry{};
+  const ResultCode nCode = GetIdEntry(nObjectId, &Entry, TraceMiss::Yes);
   if (Failed(nCode)) return nCode;
-  if (pnNameSize != nullptr) *pnNameSize = object_entry.nNameSize;
-  if (pnParentId != nullptr) *pnParentId = object_entry.nParentId;
-  if (pnFlags != nullptr) *pnFlags = object_entry.nFlags;
-  if (pnType != nullptr) *pnType = object_entry.nType;
-  if (pnHash != nullptr) *pnHash = object_entry.nObjectHash;
+  if (pnNameSize != nullptr) *pnNameSize = Entry.nNameSize;
+  if (pnParentId != nullptr) *pnParentId = Entry.nParentId;
+  if (pnFlags != nullptr) *pnFlags = Entry.nFlags;
+  if (pnType != nullptr) *pnType = Entry.nType;
+  if (pnHash != nullptr) *pnHash = Entry.nObjectHash;
 
-  const std::uint32_t nSize = std::min(nBufferSize, std::uint32_t{object_entry.nNameSize});
+  const std::uint32_t nSize = std::min(nBufferSize, std::uint32_t{Entry.nNameSize});
   if (nSize == 0) return errOK;
   if (Has(featureNameCrc)) {
-    const ResultCode nRead = ReadCheckedName(object_entry, pBuffer, nSize);
+    const ResultCode nRead = ReadCheckedName(Entry, pBuffer, nSize);
     if (Failed(nRead)) return nRead;
   } else {
     std::uint32_t nRead = 0;
-    const bool bRead = m_pFileData->SeekRead(object_entry.nName, pBuffer, nSize, &nRead);
-    if (!bRead || nRead != nSize) return DataReadErrorCode(std::uint64_t{object_entry.nName} + nRead);
+    const bool bRead = m_pFileData->SeekRead(Entry.nName, pBuffer, nSize, &nRead);
+    if (!bRead || nRead != nSize) return DataReadErrorCode(std::uint64_t{Entry.nName} + nRead);
   }
-  return nSize < object_entry.nNameSize ? errBUFFER_TOO_SMALL : errOK;
+  return nSize < Entry.nNameSize ? errBUFFER_TOO_SMALL : errOK;
 }
 
 // Reads the whole name and its CRC, and delivers the first nSize bytes, also those of a name that fails the
 // CRC.
-ResultCode ObjectDB::ReadCheckedName(const tODB_ID_ENTRY& object_entry, void* pBuffer, std::uint32_t nSize) {
-  const std::uint32_t bytesToRead = object_entry.nNameSize + kCrcSize;
-  NameBuffer buffer;
-  if (!buffer.Resize(bytesToRead)) return errOUT_OF_MEMORY;
-  std::uint32_t bytesRead = 0;
-  ODB_CHECK(m_pFileData->SeekRead(object_entry.nName, buffer.Get(), bytesToRead, &bytesRead),
-            DataReadErrorCode(object_entry.nName));
-  ODB_CHECK(bytesRead == bytesToRead, DataReadErrorCode(std::uint64_t{object_entry.nName} + bytesRead));
-  std::memcpy(pBuffer, buffer.Get(), nSize);
-  // clang-format off
-  ODB_CHECK(ValidDataCrc(object_entry.nObjectHash, buffer.Get(), object_entry.nNameSize, buffer.Get() + object_entry.nNameSize),
-            errDATA_CORRUPTED);
-  // clang-format on
+ResultCode ObjectDB::ReadCheckedName(const tODB_ID_ENTRY& Entry, void* pBuffer, std::uint32_t nSize) {
+  const std::uint32_t nWanted = Entry.nNameSize + kCrcSize;
+  NameBuffer Buffer;
+  if (!Buffer.Resize(nWanted)) return errOUT_OF_MEMORY;
+  std::uint32_t nRead = 0;
+  if (!m_pFileData->SeekRead(Entry.nName, Buffer.Get(), nWanted, &nRead))
+    return FailedCheck("m_pFileData->SeekRead(object_entry.nName, buffer.Get(), bytesToRead, &bytesRead)",
+                       DataReadErrorCode(Entry.nName));
+  if (nRead != nWanted)
+    return FailedCheck("bytesRead == bytesToRead", DataReadErrorCode(std::uint64_t{Entry.nName} + nRead));
+  std::memcpy(pBuffer, Buffer.Get(), nSize);
+  if (!ValidDataCrc(Entry.nObjectHash, Buffer.Get(), Entry.nNameSize, Buffer.Get() + Entry.nNameSize))
+    return FailedCheck(
+        "ValidDataCrc(object_entry.nObjectHash, buffer.Get(), object_entry.nNameSize, buffer.Get() + object_entry.nNameSize)",
+        errDATA_CORRUPTED);
   return errOK;
 }
 

@@ -171,34 +171,35 @@ class ObjectDB {
   ResultCode FindOrInsert(const NewObject& Object, bool bForce, tObjectId* pId, bool* pbExisted);
   ResultCode WalkToSlot(std::uint64_t nHash, bool bForce, HashTree::Place* pAt, tObjectId* pFound);
   ResultCode CreateInSlot(const HashTree::Place& At, const NewObject& Object, bool bReplaces, tObjectId* pId);
-  ResultCode ReadCheckedName(const tODB_ID_ENTRY& object_entry, void* pBuffer, std::uint32_t nSize);
+  ResultCode ReadCheckedName(const tODB_ID_ENTRY& Entry, void* pBuffer, std::uint32_t nSize);
 
   std::uint32_t ArraySize(std::uint32_t nCount) const;
-  ResultCode ReadDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries);
+  ResultCode ReadDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY& Entry, DataEntries* pEntries);
   void SealDataEntries(tObjectId nObjectId, DataEntries* pEntries) const;
-  ResultCode CheckBlockInFile(const tODB_DATA_ENTRY* pde, std::uint32_t nDataSize);
-  ResultCode ReadPlainBlock(const tODB_DATA_ENTRY* pde, std::uint8_t* readBuf, std::uint32_t nDataSize);
-  ResultCode ReadCheckedBlock(tObjectId nObjectId, const tODB_DATA_ENTRY* pde, std::uint32_t nDataSize, void* pBuffer);
+  ResultCode CheckBlockInFile(const tODB_DATA_ENTRY* pItem, std::uint32_t nDataSize);
+  ResultCode ReadPlainBlock(const tODB_DATA_ENTRY* pItem, std::uint8_t* pBlock, std::uint32_t nDataSize);
+  ResultCode ReadCheckedBlock(tObjectId nObjectId, const tODB_DATA_ENTRY* pItem, std::uint32_t nDataSize,
+                              void* pBuffer);
   ResultCode FindRoom(const tODB_DATA_ENTRY& Entry, std::uint32_t* pnRoom, bool* pbInFile);
   bool BuildBlock(tObjectId nObjectId, const void* pData, std::uint32_t nSize, BlockBuffer* pScratch,
                   ByteView* pBlock) const;
-  ResultCode MoveBlock(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries,
-                       std::uint32_t nEntry, ByteView Block, bool bOldInFile);
-  ResultCode RewriteBlock(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries,
-                          std::uint32_t nEntry, ByteView Block, std::uint32_t nRoom);
-  ResultCode OverwriteBlock(const tODB_DATA_ENTRY* pde, ByteView dataToWrite);
-  ResultCode StoreDataEntry(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries,
+  ResultCode MoveBlock(tObjectId nObjectId, const tODB_ID_ENTRY& Entry, DataEntries* pEntries, std::uint32_t nEntry,
+                       ByteView Block, bool bOldInFile);
+  ResultCode RewriteBlock(tObjectId nObjectId, const tODB_ID_ENTRY& Entry, DataEntries* pEntries, std::uint32_t nEntry,
+                          ByteView Block, std::uint32_t nRoom);
+  ResultCode OverwriteBlock(const tODB_DATA_ENTRY* pItem, ByteView Block);
+  ResultCode StoreDataEntry(tObjectId nObjectId, const tODB_ID_ENTRY& Entry, DataEntries* pEntries,
                             std::uint32_t nEntry);
-  ResultCode AppendDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries);
+  ResultCode AppendDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY& Entry, DataEntries* pEntries);
 
   ResultCode CheckNewestObject(std::uint64_t nObjectId, bool* pbHashMissing);
-  ResultCode CheckName(const tODB_ID_ENTRY& objectEntry);
-  ResultCode CheckData(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry);
+  ResultCode CheckName(const tODB_ID_ENTRY& Entry);
+  ResultCode CheckData(std::uint64_t nObjectId, const tODB_ID_ENTRY& Entry);
   ResultCode ReadRecordForCheck(std::uint64_t nObjectId, tODB_ID_ENTRY* pEntry);
-  ResultCode CheckNamePlace(const tODB_ID_ENTRY& objectEntry);
+  ResultCode CheckNamePlace(const tODB_ID_ENTRY& Entry);
   ResultCode RepairTree(std::uint64_t nRecords);
-  ResultCode PutBack(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry, bool* pbAdded);
-  ResultCode InsertMissingHash(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry);
+  ResultCode PutBack(std::uint64_t nObjectId, const tODB_ID_ENTRY& Entry, bool* pbAdded);
+  ResultCode InsertMissingHash(std::uint64_t nObjectId, const tODB_ID_ENTRY& Entry);
   ResultCode FinishRefill();
   ResultCode ContinueRefill();
   ResultCode RefillRest();

@@ -13,6 +13,8 @@
 namespace lumbra {
 namespace {
 
+using objdb::FailedCheck;
+
 constexpr std::uint64_t kCheckedObjects = 2;
 
 // So many objects in a row that the tree finds end the repair: older ones were written long before the crash.
@@ -26,7 +28,8 @@ ResultCode ObjectDB::FastConsistencyCheck() {
   if (!HasCrcs()) return errOK;
   const ResultCode nRefilled = FinishRefill();
   if (Failed(nRefilled)) return nRefilled;  // what half a tree does not find is no damage
-  ODB_CHECK(Succeeded(m_IdDB.FastConsistencyCheck()), errDATA_CORRUPTED);
+  if (Failed(m_IdDB.FastConsistencyCheck()))
+    return FailedCheck("Succeeded(m_IdDB.FastConsistencyCheck())", errDATA_CORRUPTED);
   const std::uint64_t nRecords = m_IdDB.GetRecordCount();
   std::uint32_t nMissing = 0;
   for (std::uint64_t nIndex = nRecords - std::min(nRecords, kCheckedObjects); nIndex < nRecords; ++nIndex) {
@@ -44,91 +47,101 @@ ResultCode ObjectDB::FastConsistencyCheck() {
 
 // nObjectId is the index of the object's record here, one less than its short id.
 ResultCode ObjectDB::CheckNewestObject(std::uint64_t nObjectId, bool* pbHashMissing) {
-  tODB_ID_ENTRY objectEntry{};
-  const ResultCode nCode = ReadRecordForCheck(nObjectId, &objectEntry);
+  tODB_ID_ENTRY Entry{};
+  const ResultCode nCode = ReadRecordForCheck(nObjectId, &Entry);
   if (Failed(nCode)) return nCode;
-  if (IsInTree(objectEntry)) {
-    tObjectId idFromBt = 0;
-    const ResultCode nFound = FindObject(objectEntry.nObjectHash, &idFromBt);
+  if (IsInTree(Entry)) {
+    tObjectId Found = 0;
+    const ResultCode nFound = FindObject(Entry.nObjectHash, &Found);
     if (nFound == errOBJECT_NOT_FOUND) {
       Trace(kHostRoot, traceDamage, "lmb\tObject %lu - hash not found in BT", static_cast<std::uint32_t>(nObjectId));
       *pbHashMissing = true;
     } else {
-      ODB_CHECK_AS("FindObject(objectEntry.nObjectHash, &idFromBt)", Succeeded(nFound), errDATA_CORRUPTED);
-      ODB_CHECK(MAKE_SHORT_OBJECT_ID(idFromBt) == nObjectId + 1, errDATA_CORRUPTED);
+      if (Failed(nFound)) return FailedCheck("FindObject(objectEntry.nObjectHash, &idFromBt)", errDATA_CORRUPTED);
+      if (MAKE_SHORT_OBJECT_ID(Found) != nObjectId + 1)
+        return FailedCheck("MAKE_SHORT_OBJECT_ID(idFromBt) == nObjectId + 1", errDATA_CORRUPTED);
     }
   }
   if (!*pbHashMissing) {
-    const ResultCode nName = CheckName(objectEntry);
+    const ResultCode nName = CheckName(Entry);
     if (Failed(nName)) return nName;
   }
-  return objectEntry.nDataEntriesCount == 0 ? errOK : CheckData(nObjectId, objectEntry);
+  return Entry.nDataEntriesCount == 0 ? errOK : CheckData(nObjectId, Entry);
 }
 
 ResultCode ObjectDB::ReadRecordForCheck(std::uint64_t nObjectId, tODB_ID_ENTRY* pEntry) {
-  std::uint32_t bytesRead = 0;
-  const ResultCode nRead = m_IdDB.GetRecord(nObjectId, pEntry, sizeof(tODB_ID_ENTRY), &bytesRead);
-  ODB_CHECK_AS("m_IdDB.GetRecord(nObjectId, &objectEntry, sizeof(tODB_ID_ENTRY), &bytesRead)", Succeeded(nRead),
-               errDATA_CORRUPTED);
-  ODB_CHECK(bytesRead == sizeof(tODB_ID_ENTRY), errDATA_CORRUPTED);
+  std::uint32_t nRead = 0;
+  if (Failed(m_IdDB.GetRecord(nObjectId, pEntry, sizeof(tODB_ID_ENTRY), &nRead)))
+    return FailedCheck("m_IdDB.GetRecord(nObjectId, &objectEntry, sizeof(tODB_ID_ENTRY), &bytesRead)",
+                       errDATA_CORRUPTED);
+  if (nRead != sizeof(tODB_ID_ENTRY)) return FailedCheck("bytesRead == sizeof(tODB_ID_ENTRY)", errDATA_CORRUPTED);
   return CheckNamePlace(*pEntry);
 }
 
-ResultCode ObjectDB::CheckNamePlace(const tODB_ID_ENTRY& objectEntry) {
-  ODB_CHECK_AS("m_pFileData->GetSize(&m_nSizeDT)", KnowsDataSize(), errREAD_FAILED);
-  ODB_CHECK_AS("objectEntry.nName + objectEntry.nNameSize <= m_nSizeDT",
-               std::uint64_t{objectEntry.nName} + objectEntry.nNameSize <= m_nSizeDT, errDATA_CORRUPTED);
+ResultCode ObjectDB::CheckNamePlace(const tODB_ID_ENTRY& Entry) {
+  if (!KnowsDataSize()) return FailedCheck("m_pFileData->GetSize(&m_nSizeDT)", errREAD_FAILED);
+  if (std::uint64_t{Entry.nName} + Entry.nNameSize > m_nSizeDT)
+    return FailedCheck("objectEntry.nName + objectEntry.nNameSize <= m_nSizeDT", errDATA_CORRUPTED);
   return errOK;
 }
 
-ResultCode ObjectDB::CheckName(const tODB_ID_ENTRY& objectEntry) {
-  const bool bHasBlock = objectEntry.nNameSize != 0;  // an anonymous object has no name block
+ResultCode ObjectDB::CheckName(const tODB_ID_ENTRY& Entry) {
+  const bool bHasBlock = Entry.nNameSize != 0;  // an anonymous object has no name block
   if (!bHasBlock || !Has(featureNameCrc)) return errOK;
-  const std::uint32_t bytesToRead = objectEntry.nNameSize + kCrcSize;
-  NameBuffer buffer;
-  if (!buffer.Resize(bytesToRead)) return errOUT_OF_MEMORY;
-  std::uint32_t bytesRead = 0;
-  ODB_CHECK(m_pFileData->SeekRead(objectEntry.nName, buffer.Get(), bytesToRead, &bytesRead),
-            DataReadErrorCode(objectEntry.nName));
-  ODB_CHECK(bytesRead == bytesToRead, DataReadErrorCode(std::uint64_t{objectEntry.nName} + bytesRead));
-  // clang-format off
-  ODB_CHECK(ValidDataCrc(objectEntry.nObjectHash, buffer.Get(), objectEntry.nNameSize, buffer.Get() + objectEntry.nNameSize),
-            errDATA_CORRUPTED);
-  // clang-format on
+  const std::uint32_t nWanted = Entry.nNameSize + kCrcSize;
+  NameBuffer Buffer;
+  if (!Buffer.Resize(nWanted)) return errOUT_OF_MEMORY;
+  std::uint32_t nRead = 0;
+  if (!m_pFileData->SeekRead(Entry.nName, Buffer.Get(), nWanted, &nRead))
+    return FailedCheck("m_pFileData->SeekRead(objectEntry.nName, buffer.Get(), bytesToRead, &bytesRead)",
+                       DataReadErrorCode(Entry.nName));
+  if (nRead != nWanted)
+    return FailedCheck("bytesRead == bytesToRead", DataReadErrorCode(std::uint64_t{Entry.nName} + nRead));
+  if (!ValidDataCrc(Entry.nObjectHash, Buffer.Get(), Entry.nNameSize, Buffer.Get() + Entry.nNameSize))
+    return FailedCheck(
+        "ValidDataCrc(objectEntry.nObjectHash, buffer.Get(), objectEntry.nNameSize, buffer.Get() + objectEntry.nNameSize)",
+        errDATA_CORRUPTED);
   return errOK;
 }
 
-ResultCode ObjectDB::CheckData(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry) {
-  const std::uint32_t dataEntriesBytesCount = ArraySize(objectEntry.nDataEntriesCount);
-  ODB_CHECK_AS("objectEntry.nDataEntriesOffset + dataEntriesBytesCount <= m_nSizeDT",
-               std::uint64_t{objectEntry.nDataEntriesOffset} + dataEntriesBytesCount <= m_nSizeDT, errDATA_CORRUPTED);
+ResultCode ObjectDB::CheckData(std::uint64_t nObjectId, const tODB_ID_ENTRY& Entry) {
+  const std::uint32_t nArraySize = ArraySize(Entry.nDataEntriesCount);
+  if (std::uint64_t{Entry.nDataEntriesOffset} + nArraySize > m_nSizeDT)
+    return FailedCheck("objectEntry.nDataEntriesOffset + dataEntriesBytesCount <= m_nSizeDT", errDATA_CORRUPTED);
   DataEntries Entries;
   tODB_DATA_ENTRY* const dataEntries = Entries.Items;
-  std::uint32_t bytesRead = 0;
-  // clang-format off
-  ODB_CHECK(m_pFileData->SeekRead(objectEntry.nDataEntriesOffset, dataEntries, dataEntriesBytesCount, &bytesRead),
-            errREAD_FAILED);
-  ODB_CHECK(bytesRead == dataEntriesBytesCount, errREAD_FAILED);
+  std::uint32_t nRead = 0;
+  if (!m_pFileData->SeekRead(Entry.nDataEntriesOffset, dataEntries, nArraySize, &nRead))
+    return FailedCheck(
+        "m_pFileData->SeekRead(objectEntry.nDataEntriesOffset, dataEntries, dataEntriesBytesCount, &bytesRead)",
+        errREAD_FAILED);
+  if (nRead != nArraySize) return FailedCheck("bytesRead == dataEntriesBytesCount", errREAD_FAILED);
   if (Has(featureArrayCrc)) {
-    ODB_CHECK(ValidDataCrc(nObjectId + 1, dataEntries, objectEntry.nDataEntriesCount * sizeof(tODB_DATA_ENTRY), dataEntries + objectEntry.nDataEntriesCount),
-              errDATA_CORRUPTED);
+    if (!ValidDataCrc(nObjectId + 1, dataEntries, Entry.nDataEntriesCount * sizeof(tODB_DATA_ENTRY),
+                      dataEntries + Entry.nDataEntriesCount))
+      return FailedCheck(
+          "ValidDataCrc(nObjectId + 1, dataEntries, objectEntry.nDataEntriesCount * sizeof(tODB_DATA_ENTRY), dataEntries + objectEntry.nDataEntriesCount)",
+          errDATA_CORRUPTED);
   }
-  // clang-format on
   if (!Has(featureBlockCrc)) return errOK;
-  for (std::uint32_t nEntry = 0; nEntry < objectEntry.nDataEntriesCount; ++nEntry) {
-    const std::uint32_t bytesToRead = DataSize::Decode(dataEntries[nEntry].nDataSize).nStored;
-    if (bytesToRead < kCrcSize) return errDATA_CORRUPTED;
+  for (std::uint32_t nEntry = 0; nEntry < Entry.nDataEntriesCount; ++nEntry) {
+    const std::uint32_t nWanted = DataSize::Decode(dataEntries[nEntry].nDataSize).nStored;
+    if (nWanted < kCrcSize) return errDATA_CORRUPTED;
     const std::uint64_t nOffset = dataEntries[nEntry].nDataOffset;
     // No memory for more than the file holds, whatever the entry claims: the read would come up short.
-    ODB_CHECK_AS("bytesRead == bytesToRead", nOffset + bytesToRead <= m_nSizeDT, errDATA_CORRUPTED);
-    BlockBuffer buffer;
-    if (!buffer.Resize(bytesToRead)) return errOUT_OF_MEMORY;
-    ODB_CHECK(m_pFileData->SeekRead(dataEntries[nEntry].nDataOffset, buffer.Get(), bytesToRead, &bytesRead),
-              DataReadErrorCode(nOffset));
-    ODB_CHECK(bytesRead == bytesToRead, DataReadErrorCode(nOffset + bytesRead));
-    if (Has(featureMask)) MaskDataBlock(buffer.Get(), bytesToRead);
-    const std::uint32_t userDataSize = bytesToRead - kCrcSize;
-    ODB_CHECK(ValidDataCrc(nObjectId + 1, buffer.Get(), userDataSize, buffer.Get() + userDataSize), errDATA_CORRUPTED);
+    if (nOffset + nWanted > m_nSizeDT) return FailedCheck("bytesRead == bytesToRead", errDATA_CORRUPTED);
+    BlockBuffer Buffer;
+    if (!Buffer.Resize(nWanted)) return errOUT_OF_MEMORY;
+    if (!m_pFileData->SeekRead(dataEntries[nEntry].nDataOffset, Buffer.Get(), nWanted, &nRead))
+      return FailedCheck(
+          "m_pFileData->SeekRead(dataEntries[nEntry].nDataOffset, buffer.Get(), bytesToRead, &bytesRead)",
+          DataReadErrorCode(nOffset));
+    if (nRead != nWanted) return FailedCheck("bytesRead == bytesToRead", DataReadErrorCode(nOffset + nRead));
+    if (Has(featureMask)) MaskDataBlock(Buffer.Get(), nWanted);
+    const std::uint32_t nUserSize = nWanted - kCrcSize;
+    if (!ValidDataCrc(nObjectId + 1, Buffer.Get(), nUserSize, Buffer.Get() + nUserSize))
+      return FailedCheck("ValidDataCrc(nObjectId + 1, buffer.Get(), userDataSize, buffer.Get() + userDataSize)",
+                         errDATA_CORRUPTED);
   }
   return errOK;
 }
@@ -139,12 +152,12 @@ ResultCode ObjectDB::RepairTree(std::uint64_t nRecords) {
   std::uint32_t nAdded = 0;
   std::uint32_t nFoundRun = 0;
   for (std::uint64_t nObjectId = nRecords; nObjectId-- > 0 && nFoundRun < kFoundRunEndsRepair;) {
-    tODB_ID_ENTRY objectEntry{};
-    const ResultCode nCode = ReadRecordForCheck(nObjectId, &objectEntry);
+    tODB_ID_ENTRY Entry{};
+    const ResultCode nCode = ReadRecordForCheck(nObjectId, &Entry);
     if (Failed(nCode)) return nCode;
-    if (!IsInTree(objectEntry)) continue;
+    if (!IsInTree(Entry)) continue;
     bool bAdded = false;
-    const ResultCode nPutBack = PutBack(nObjectId, objectEntry, &bAdded);
+    const ResultCode nPutBack = PutBack(nObjectId, Entry, &bAdded);
     if (Failed(nPutBack)) return nPutBack;
     nAdded += bAdded ? 1 : 0;
     nFoundRun = bAdded ? 0 : nFoundRun + 1;
@@ -154,36 +167,44 @@ ResultCode ObjectDB::RepairTree(std::uint64_t nRecords) {
 }
 
 // Adds an object to the tree, unless that finds it, or a newer one of the same hash.
-ResultCode ObjectDB::PutBack(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry, bool* pbAdded) {
-  tObjectId idFromBt = 0;
-  const ResultCode nFound = FindObject(objectEntry.nObjectHash, &idFromBt);
+ResultCode ObjectDB::PutBack(std::uint64_t nObjectId, const tODB_ID_ENTRY& Entry, bool* pbAdded) {
+  tObjectId Found = 0;
+  const ResultCode nFound = FindObject(Entry.nObjectHash, &Found);
   if (Succeeded(nFound)) return errOK;
-  ODB_CHECK_AS("FindObject(objectEntry.nObjectHash, &idFromBt)", nFound == errOBJECT_NOT_FOUND, errDATA_CORRUPTED);
+  if (nFound != errOBJECT_NOT_FOUND)
+    return FailedCheck("FindObject(objectEntry.nObjectHash, &idFromBt)", errDATA_CORRUPTED);
   Trace(kHostRoot, traceDamage, "lmb\tObject %lu - hash not found in BT", static_cast<std::uint32_t>(nObjectId + 1));
   *pbAdded = true;
-  return InsertMissingHash(nObjectId, objectEntry);
+  return InsertMissingHash(nObjectId, Entry);
 }
 
-ResultCode ObjectDB::InsertMissingHash(std::uint64_t nObjectId, const tODB_ID_ENTRY& objectEntry) {
-  const std::uint64_t nHash = objectEntry.nObjectHash;
+ResultCode ObjectDB::InsertMissingHash(std::uint64_t nObjectId, const tODB_ID_ENTRY& Entry) {
+  const std::uint64_t nHash = Entry.nObjectHash;
   HashTree::Place At;
-  tODB_BT_OFFSET next_offset = 0;
+  tODB_BT_OFFSET nNext = 0;
   while (At.nLevel <= HashTree::kMaxLevel) {
-    ODB_CHECK(Succeeded(m_Tree.ReadSlot(At, nHash, &next_offset)), errDATA_CORRUPTED);
-    if (next_offset == 0) break;
-    if (HashTree::IsChild(next_offset)) {
-      HashTree::Descend(&At, next_offset);
+    if (Failed(m_Tree.ReadSlot(At, nHash, &nNext)))
+      return FailedCheck("Succeeded(m_Tree.ReadSlot(At, nHash, &next_offset))", errDATA_CORRUPTED);
+    if (nNext == 0) break;
+    if (HashTree::IsChild(nNext)) {
+      HashTree::Descend(&At, nNext);
       continue;
     }
     if (At.nLevel == HashTree::kMaxLevel) break;
-    tODB_ID_ENTRY object_entry{};
-    const tObjectId Other = MakeObjectId(m_nNumber, next_offset);
-    ODB_CHECK(Succeeded(GetIdEntry(Other, &object_entry, TraceMiss::No)), errDATA_CORRUPTED);
-    ODB_CHECK(object_entry.nObjectHash != objectEntry.nObjectHash, errDATA_CORRUPTED);
-    ODB_CHECK(Succeeded(m_Tree.Split(&At, nHash, object_entry.nObjectHash, next_offset)), errDATA_CORRUPTED);
+    tODB_ID_ENTRY OtherEntry{};
+    const tObjectId Other = MakeObjectId(m_nNumber, nNext);
+    if (Failed(GetIdEntry(Other, &OtherEntry, TraceMiss::No)))
+      return FailedCheck("Succeeded(GetIdEntry(Other, &object_entry, TraceMiss::No))", errDATA_CORRUPTED);
+    if (OtherEntry.nObjectHash == Entry.nObjectHash)
+      return FailedCheck("object_entry.nObjectHash != objectEntry.nObjectHash", errDATA_CORRUPTED);
+    if (Failed(m_Tree.Split(&At, nHash, OtherEntry.nObjectHash, nNext)))
+      return FailedCheck("Succeeded(m_Tree.Split(&At, nHash, object_entry.nObjectHash, next_offset))",
+                         errDATA_CORRUPTED);
   }
-  ODB_CHECK(0 == next_offset, errDATA_CORRUPTED);
-  ODB_CHECK(Succeeded(m_Tree.WriteSlot(At, nHash, static_cast<std::uint32_t>(nObjectId + 1))), errDATA_CORRUPTED);
+  if (0 != nNext) return FailedCheck("0 == next_offset", errDATA_CORRUPTED);
+  if (Failed(m_Tree.WriteSlot(At, nHash, static_cast<std::uint32_t>(nObjectId + 1))))
+    return FailedCheck("Succeeded(m_Tree.WriteSlot(At, nHash, static_cast<std::uint32_t>(nObjectId + 1)))",
+                       errDATA_CORRUPTED);
   return errOK;
 }
 

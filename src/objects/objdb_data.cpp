@@ -9,6 +9,8 @@
 namespace lumbra {
 namespace {
 
+using objdb::FailedCheck;
+
 // Blocks of this size and less are read without a look at the file's size, unless everything is checked.
 constexpr std::uint32_t kLargeBlock = 4096;
 
@@ -25,32 +27,32 @@ ResultCode ObjectDB::GetObjectData(tObjectId nObjectId, void* pBuffer, std::uint
   if (nBufferSize == 0 && pnDataSize == nullptr) return errPARAMETER_INVALID;
   if (StoreNumberOf(nObjectId) != m_nNumber) return errOBJECT_NOT_FOUND;
   const std::lock_guard Hold(m_Lock);
-  tODB_ID_ENTRY object_entry{};
-  ResultCode nCode = GetIdEntry(nObjectId, &object_entry, TraceMiss::Yes);
+  tODB_ID_ENTRY Entry{};
+  ResultCode nCode = GetIdEntry(nObjectId, &Entry, TraceMiss::Yes);
   if (Failed(nCode)) return nCode;
-  if (object_entry.nDataEntriesCount == 0) return errNOT_FOUND;
+  if (Entry.nDataEntriesCount == 0) return errNOT_FOUND;
   DataEntries Entries;
-  nCode = ReadDataEntries(nObjectId, object_entry, &Entries);
+  nCode = ReadDataEntries(nObjectId, Entry, &Entries);
   if (Failed(nCode)) return nCode;
   const std::uint32_t nEntry = Entries.Find(nDataType);
   if (nEntry == DataEntries::kNone) return errNOT_FOUND;
 
-  const tODB_DATA_ENTRY* const pde = &Entries.Items[nEntry];
-  const std::uint32_t nDataSize = DataSize::Decode(pde->nDataSize).nStored;
+  const tODB_DATA_ENTRY* const pItem = &Entries.Items[nEntry];
+  const std::uint32_t nDataSize = DataSize::Decode(pItem->nDataSize).nStored;
   if (ChecksByteCounts() || nDataSize > kLargeBlock) {
-    nCode = CheckBlockInFile(pde, nDataSize);
+    nCode = CheckBlockInFile(pItem, nDataSize);
     if (Failed(nCode)) return nCode;
   }
-  std::uint32_t userDataSize = nDataSize;
+  std::uint32_t nUserSize = nDataSize;
   if (Has(featureBlockCrc)) {
-    ODB_CHECK(userDataSize >= sizeof(uint32_t), errDATA_CORRUPTED);
-    userDataSize -= kCrcSize;
+    if (nUserSize < sizeof(uint32_t)) return FailedCheck("userDataSize >= sizeof(uint32_t)", errDATA_CORRUPTED);
+    nUserSize -= kCrcSize;
   }
-  if (pnDataSize != nullptr) *pnDataSize = userDataSize;
-  if (nBufferSize > 0 && nBufferSize < userDataSize) return errBUFFER_TOO_SMALL;
+  if (pnDataSize != nullptr) *pnDataSize = nUserSize;
+  if (nBufferSize > 0 && nBufferSize < nUserSize) return errBUFFER_TOO_SMALL;
   void* const pWanted = nBufferSize > 0 ? pBuffer : nullptr;
-  if (Has(featureBlockCrc)) return ReadCheckedBlock(nObjectId, pde, nDataSize, pWanted);
-  return pWanted == nullptr ? errOK : ReadPlainBlock(pde, static_cast<std::uint8_t*>(pWanted), nDataSize);
+  if (Has(featureBlockCrc)) return ReadCheckedBlock(nObjectId, pItem, nDataSize, pWanted);
+  return pWanted == nullptr ? errOK : ReadPlainBlock(pItem, static_cast<std::uint8_t*>(pWanted), nDataSize);
 }
 
 std::uint32_t ObjectDB::DataEntries::Find(std::uint32_t nDataType) const {
@@ -65,53 +67,58 @@ std::uint32_t ObjectDB::ArraySize(std::uint32_t nCount) const {
   return nCount * static_cast<std::uint32_t>(sizeof(tODB_DATA_ENTRY)) + (Has(featureArrayCrc) ? kCrcSize : 0);
 }
 
-ResultCode ObjectDB::ReadDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries) {
-  tODB_DATA_ENTRY* const data_entries = pEntries->Items;
-  pEntries->nCount = object_entry.nDataEntriesCount;
-  const std::uint32_t bytesToRead = ArraySize(object_entry.nDataEntriesCount);
-  std::uint32_t bytesRead = 0;
-  ODB_CHECK(m_pFileData->SeekRead(object_entry.nDataEntriesOffset, data_entries, bytesToRead, &bytesRead),
-            DataReadErrorCode(object_entry.nDataEntriesOffset));
-  ODB_CHECK(bytesToRead == bytesRead, DataReadErrorCode(std::uint64_t{object_entry.nDataEntriesOffset} + bytesRead));
+ResultCode ObjectDB::ReadDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY& Entry, DataEntries* pEntries) {
+  pEntries->nCount = Entry.nDataEntriesCount;
+  const std::uint32_t nWanted = ArraySize(Entry.nDataEntriesCount);
+  std::uint32_t nRead = 0;
+  if (!m_pFileData->SeekRead(Entry.nDataEntriesOffset, pEntries->Items, nWanted, &nRead))
+    return FailedCheck("m_pFileData->SeekRead(object_entry.nDataEntriesOffset, data_entries, bytesToRead, &bytesRead)",
+                       DataReadErrorCode(Entry.nDataEntriesOffset));
+  if (nWanted != nRead)
+    return FailedCheck("bytesToRead == bytesRead", DataReadErrorCode(std::uint64_t{Entry.nDataEntriesOffset} + nRead));
   if (!Has(featureArrayCrc)) return errOK;
-  // clang-format off
-  ODB_CHECK(ValidDataCrc(nObjectId, data_entries, object_entry.nDataEntriesCount * sizeof(tODB_DATA_ENTRY), data_entries + object_entry.nDataEntriesCount),
-            errDATA_CORRUPTED);
-  // clang-format on
+  if (!ValidDataCrc(nObjectId, pEntries->Items, Entry.nDataEntriesCount * sizeof(tODB_DATA_ENTRY),
+                    pEntries->Items + Entry.nDataEntriesCount))
+    return FailedCheck(
+        "ValidDataCrc(nObjectId, data_entries, object_entry.nDataEntriesCount * sizeof(tODB_DATA_ENTRY), data_entries + object_entry.nDataEntriesCount)",
+        errDATA_CORRUPTED);
   return errOK;
 }
 
 // Before any memory is taken for a block: that all of it can be there.
-ResultCode ObjectDB::CheckBlockInFile(const tODB_DATA_ENTRY* pde, std::uint32_t nDataSize) {
-  std::uint64_t dataFileSize = 0;
-  ODB_CHECK(m_pFileData->GetSize(&dataFileSize), errREAD_FAILED);
-  ODB_CHECK(dataFileSize > pde->nDataOffset, errDATA_CORRUPTED);
-  dataFileSize -= pde->nDataOffset;
-  ODB_CHECK(dataFileSize >= nDataSize, errDATA_CORRUPTED);
+ResultCode ObjectDB::CheckBlockInFile(const tODB_DATA_ENTRY* pItem, std::uint32_t nDataSize) {
+  std::uint64_t nFileSize = 0;
+  if (!m_pFileData->GetSize(&nFileSize)) return FailedCheck("m_pFileData->GetSize(&dataFileSize)", errREAD_FAILED);
+  if (nFileSize <= pItem->nDataOffset) return FailedCheck("dataFileSize > pde->nDataOffset", errDATA_CORRUPTED);
+  nFileSize -= pItem->nDataOffset;
+  if (nFileSize < nDataSize) return FailedCheck("dataFileSize >= nDataSize", errDATA_CORRUPTED);
   return errOK;
 }
 
 // Reads a block's stored bytes and takes the mask off.
-ResultCode ObjectDB::ReadPlainBlock(const tODB_DATA_ENTRY* pde, std::uint8_t* readBuf, std::uint32_t nDataSize) {
-  std::uint32_t bytesRead = 0;
-  ODB_CHECK(m_pFileData->SeekRead(pde->nDataOffset, readBuf, nDataSize, &bytesRead),
-            DataReadErrorCode(pde->nDataOffset));
-  ODB_CHECK(nDataSize == bytesRead, DataReadErrorCode(std::uint64_t{pde->nDataOffset} + bytesRead));
-  if (Has(featureMask)) MaskDataBlock(readBuf, nDataSize);
+ResultCode ObjectDB::ReadPlainBlock(const tODB_DATA_ENTRY* pItem, std::uint8_t* pBlock, std::uint32_t nDataSize) {
+  std::uint32_t nRead = 0;
+  if (!m_pFileData->SeekRead(pItem->nDataOffset, pBlock, nDataSize, &nRead))
+    return FailedCheck("m_pFileData->SeekRead(pde->nDataOffset, readBuf, nDataSize, &bytesRead)",
+                       DataReadErrorCode(pItem->nDataOffset));
+  if (nDataSize != nRead)
+    return FailedCheck("nDataSize == bytesRead", DataReadErrorCode(std::uint64_t{pItem->nDataOffset} + nRead));
+  if (Has(featureMask)) MaskDataBlock(pBlock, nDataSize);
   return errOK;
 }
 
 // The same for a block with a CRC, which is checked also when nobody wants the bytes (pBuffer null).
-ResultCode ObjectDB::ReadCheckedBlock(tObjectId nObjectId, const tODB_DATA_ENTRY* pde, std::uint32_t nDataSize,
+ResultCode ObjectDB::ReadCheckedBlock(tObjectId nObjectId, const tODB_DATA_ENTRY* pItem, std::uint32_t nDataSize,
                                       void* pBuffer) {
   BlockBuffer Scratch;
   if (!Scratch.Resize(nDataSize)) return errOUT_OF_MEMORY;
-  std::uint8_t* const readBuf = Scratch.Get();
-  const ResultCode nCode = ReadPlainBlock(pde, readBuf, nDataSize);
+  std::uint8_t* const pBlock = Scratch.Get();
+  const ResultCode nCode = ReadPlainBlock(pItem, pBlock, nDataSize);
   if (Failed(nCode)) return nCode;
-  const std::uint32_t userDataSize = nDataSize - kCrcSize;
-  ODB_CHECK(ValidDataCrc(nObjectId, readBuf, userDataSize, readBuf + userDataSize), errDATA_CORRUPTED);
-  if (pBuffer != nullptr && userDataSize != 0) std::memcpy(pBuffer, readBuf, userDataSize);
+  const std::uint32_t nUserSize = nDataSize - kCrcSize;
+  if (!ValidDataCrc(nObjectId, pBlock, nUserSize, pBlock + nUserSize))
+    return FailedCheck("ValidDataCrc(nObjectId, readBuf, userDataSize, readBuf + userDataSize)", errDATA_CORRUPTED);
+  if (pBuffer != nullptr && nUserSize != 0) std::memcpy(pBuffer, pBlock, nUserSize);
   return errOK;
 }
 
@@ -123,16 +130,17 @@ ResultCode ObjectDB::SetObjectData(tObjectId nObjectId, const void* pData, std::
   if (nSize >= kSizeLimit - (Has(featureBlockCrc) ? kCrcSize : 0)) return errSIZE_INVALID;
   if (StoreNumberOf(nObjectId) != m_nNumber) return errOBJECT_NOT_FOUND;
   const std::lock_guard Hold(m_Lock);
-  tODB_ID_ENTRY object_entry{};
-  ResultCode nCode = GetIdEntry(nObjectId, &object_entry, TraceMiss::No);
+  tODB_ID_ENTRY Entry{};
+  ResultCode nCode = GetIdEntry(nObjectId, &Entry, TraceMiss::No);
   if (Failed(nCode)) return nCode;
   DataEntries Entries;
   Entries.nCount = 0;
-  if (object_entry.nDataEntriesCount != 0) {
-    nCode = ReadDataEntries(nObjectId, object_entry, &Entries);
+  if (Entry.nDataEntriesCount != 0) {
+    nCode = ReadDataEntries(nObjectId, Entry, &Entries);
     if (Failed(nCode)) return nCode;
     // All of it was read, so it ends inside the file; it must not begin in the magic either, for it may be rewritten.
-    ODB_CHECK(object_entry.nDataEntriesOffset >= sizeof(FILE_MAGIC), errDATA_CORRUPTED);
+    if (Entry.nDataEntriesOffset < sizeof(FILE_MAGIC))
+      return FailedCheck("object_entry.nDataEntriesOffset >= sizeof(FILE_MAGIC)", errDATA_CORRUPTED);
   }
   std::uint32_t nEntry = Entries.Find(nDataType);
   if (nEntry == DataEntries::kNone) {
@@ -148,8 +156,8 @@ ResultCode ObjectDB::SetObjectData(tObjectId nObjectId, const void* pData, std::
   BlockBuffer Scratch;
   ByteView Block{};
   if (!BuildBlock(nObjectId, pData, nSize, &Scratch, &Block)) return errOUT_OF_MEMORY;
-  return Block.size() > nRoom ? MoveBlock(nObjectId, object_entry, &Entries, nEntry, Block, bInFile)
-                              : RewriteBlock(nObjectId, object_entry, &Entries, nEntry, Block, nRoom);
+  return Block.size() > nRoom ? MoveBlock(nObjectId, Entry, &Entries, nEntry, Block, bInFile)
+                              : RewriteBlock(nObjectId, Entry, &Entries, nEntry, Block, nRoom);
 }
 
 // How much may be written over a block, and whether its stored bytes all lie in the file. An entry without a CRC may be
@@ -157,8 +165,9 @@ ResultCode ObjectDB::SetObjectData(tObjectId nObjectId, const void* pData, std::
 ResultCode ObjectDB::FindRoom(const tODB_DATA_ENTRY& Entry, std::uint32_t* pnRoom, bool* pbInFile) {
   const DataSize Old = DataSize::Decode(Entry.nDataSize);
   if (Old.nStored == 0 && Old.nCapacity == 0) return errOK;
-  ODB_CHECK(Entry.nDataOffset >= sizeof(FILE_MAGIC), errDATA_CORRUPTED);
-  ODB_CHECK_AS("m_pFileData->GetSize(&m_nSizeDT)", KnowsDataSize(), errREAD_FAILED);
+  if (Entry.nDataOffset < sizeof(FILE_MAGIC))
+    return FailedCheck("Entry.nDataOffset >= sizeof(FILE_MAGIC)", errDATA_CORRUPTED);
+  if (!KnowsDataSize()) return FailedCheck("m_pFileData->GetSize(&m_nSizeDT)", errREAD_FAILED);
   const std::uint64_t nOffset = Entry.nDataOffset;
   *pbInFile = nOffset + Old.nStored <= m_nSizeDT;
   *pnRoom = Has(featureArrayCrc) || nOffset + Old.nCapacity <= m_nSizeDT ? Old.nCapacity : 0;
@@ -185,111 +194,117 @@ bool ObjectDB::BuildBlock(tObjectId nObjectId, const void* pData, std::uint32_t 
 
 // Appends a block that does not fit the room of the old one. That is wiped last, if it lay in the file before the new
 // one was appended: otherwise the new one may lie in its place.
-ResultCode ObjectDB::MoveBlock(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries,
+ResultCode ObjectDB::MoveBlock(tObjectId nObjectId, const tODB_ID_ENTRY& Entry, DataEntries* pEntries,
                                std::uint32_t nEntry, ByteView Block, bool bOldInFile) {
-  tODB_DATA_ENTRY* const pde = &pEntries->Items[nEntry];
-  const tODB_DATA_ENTRY Old = *pde;
+  tODB_DATA_ENTRY* const pItem = &pEntries->Items[nEntry];
+  const tODB_DATA_ENTRY Old = *pItem;
   std::uint32_t nOffset = 0;
   ResultCode nCode = AppendData(Block.begin(), Block.size(), &nOffset);
   if (Failed(nCode)) return nCode;
-  pde->nDataOffset = nOffset;
-  pde->nDataSize = DataSize{Block.size(), Block.size()}.Encode();
-  nCode = StoreDataEntry(nObjectId, object_entry, pEntries, nEntry);
+  pItem->nDataOffset = nOffset;
+  pItem->nDataSize = DataSize{Block.size(), Block.size()}.Encode();
+  nCode = StoreDataEntry(nObjectId, Entry, pEntries, nEntry);
   if (Failed(nCode) || !bOldInFile) return nCode;
   return ZeroFill(m_pFileData.get(), Old.nDataOffset, DataSize::Decode(Old.nDataSize).nStored);
 }
 
 // Writes a block into the room of the old one. One of another size can be read only through its new entry, and the old
 // one only through the old entry: when either cannot be written, the old bytes are put back.
-ResultCode ObjectDB::RewriteBlock(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries,
+ResultCode ObjectDB::RewriteBlock(tObjectId nObjectId, const tODB_ID_ENTRY& Entry, DataEntries* pEntries,
                                   std::uint32_t nEntry, ByteView Block, std::uint32_t nRoom) {
-  tODB_DATA_ENTRY* const pde = &pEntries->Items[nEntry];
-  const std::uint32_t nOffset = pde->nDataOffset;
-  const std::uint32_t nOldStored = DataSize::Decode(pde->nDataSize).nStored;
-  if (Block.size() == nOldStored) return OverwriteBlock(pde, Block);
+  tODB_DATA_ENTRY* const pItem = &pEntries->Items[nEntry];
+  const std::uint32_t nOffset = pItem->nDataOffset;
+  const std::uint32_t nOldStored = DataSize::Decode(pItem->nDataSize).nStored;
+  if (Block.size() == nOldStored) return OverwriteBlock(pItem, Block);
 
   BlockBuffer Replaced;  // as much of the old block as is written over
   std::uint32_t nReplaced = 0;
   if (!Replaced.Resize(std::min(nOldStored, Block.size()))) return errOUT_OF_MEMORY;
   // A block that cannot be read may be replaced all the same; then there is nothing to put back.
   (void)m_pFileData->SeekRead(nOffset, Replaced.Get(), Replaced.size(), &nReplaced);
-  ResultCode nCode = OverwriteBlock(pde, Block);
+  ResultCode nCode = OverwriteBlock(pItem, Block);
   if (Succeeded(nCode)) {
-    pde->nDataSize = DataSize{Block.size(), nRoom}.Encode();
+    pItem->nDataSize = DataSize{Block.size(), nRoom}.Encode();
     // Only an empty block fits no room: an offset outside of the file would pass for damage in checks and compaction.
-    if (nRoom == 0) pde->nDataOffset = 0;
-    nCode = StoreDataEntry(nObjectId, object_entry, pEntries, nEntry);
+    if (nRoom == 0) pItem->nDataOffset = 0;
+    nCode = StoreDataEntry(nObjectId, Entry, pEntries, nEntry);
   }
   // The answer is the first failure, also when this write fails as well.
   if (Failed(nCode)) (void)m_pFileData->SeekWrite(nOffset, Replaced.Get(), nReplaced, nullptr);
   return nCode;
 }
 
-ResultCode ObjectDB::OverwriteBlock(const tODB_DATA_ENTRY* pde, ByteView dataToWrite) {
-  std::uint32_t bytesWritten = 0;
-  ODB_CHECK(m_pFileData->SeekWrite(pde->nDataOffset, dataToWrite.begin(), dataToWrite.size(), &bytesWritten),
-            errWRITE_FAILED);
-  if (ChecksByteCounts()) ODB_CHECK(dataToWrite.size() == bytesWritten, errWRITE_FAILED);
+ResultCode ObjectDB::OverwriteBlock(const tODB_DATA_ENTRY* pItem, ByteView Block) {
+  std::uint32_t nWritten = 0;
+  if (!m_pFileData->SeekWrite(pItem->nDataOffset, Block.begin(), Block.size(), &nWritten))
+    return FailedCheck(
+        "m_pFileData->SeekWrite(pde->nDataOffset, dataToWrite.begin(), dataToWrite.size(), &bytesWritten)",
+        errWRITE_FAILED);
+  if (ChecksByteCounts() && Block.size() != nWritten)
+    return FailedCheck("dataToWrite.size() == bytesWritten", errWRITE_FAILED);
   // A block that a CRC vouches for may stand where the file had been cut off.
-  if (bytesWritten != 0) m_nSizeDT = std::max(m_nSizeDT, std::uint64_t{pde->nDataOffset} + bytesWritten);
+  if (nWritten != 0) m_nSizeDT = std::max(m_nSizeDT, std::uint64_t{pItem->nDataOffset} + nWritten);
   return errOK;
 }
 
 // Brings one changed or added entry to the disk.
-ResultCode ObjectDB::StoreDataEntry(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries,
+ResultCode ObjectDB::StoreDataEntry(tObjectId nObjectId, const tODB_ID_ENTRY& Entry, DataEntries* pEntries,
                                     std::uint32_t nEntry) {
-  if (pEntries->nCount != object_entry.nDataEntriesCount) {
-    return AppendDataEntries(nObjectId, object_entry, pEntries);
+  if (pEntries->nCount != Entry.nDataEntriesCount) {
+    return AppendDataEntries(nObjectId, Entry, pEntries);
   }
-  std::uint32_t bytesWritten = 0;
+  std::uint32_t nWritten = 0;
   if (Has(featureArrayCrc)) {
     SealDataEntries(nObjectId, pEntries);
-    const tODB_DATA_ENTRY* const data_entries = pEntries->Items;
-    const std::uint32_t sizeToWrite = ArraySize(pEntries->nCount);
-    ODB_CHECK(m_pFileData->SeekWrite(object_entry.nDataEntriesOffset, data_entries, sizeToWrite, &bytesWritten),
-              errWRITE_FAILED);
-    if (ChecksByteCounts()) ODB_CHECK(sizeToWrite == bytesWritten, errWRITE_FAILED);
+    const std::uint32_t nSize = ArraySize(pEntries->nCount);
+    if (!m_pFileData->SeekWrite(Entry.nDataEntriesOffset, pEntries->Items, nSize, &nWritten))
+      return FailedCheck(
+          "m_pFileData->SeekWrite(object_entry.nDataEntriesOffset, data_entries, sizeToWrite, &bytesWritten)",
+          errWRITE_FAILED);
+    if (ChecksByteCounts() && nSize != nWritten) return FailedCheck("sizeToWrite == bytesWritten", errWRITE_FAILED);
     return errOK;
   }
-  const tODB_DATA_ENTRY* const pde = &pEntries->Items[nEntry];
-  // clang-format off
-  ODB_CHECK(m_pFileData->SeekWrite(object_entry.nDataEntriesOffset+nEntry*sizeof(tODB_DATA_ENTRY), pde, sizeof(tODB_DATA_ENTRY), &bytesWritten),
-            errWRITE_FAILED);
-  // clang-format on
-  if (ChecksByteCounts()) ODB_CHECK(sizeof(tODB_DATA_ENTRY) == bytesWritten, errWRITE_FAILED);
+  const tODB_DATA_ENTRY* const pItem = &pEntries->Items[nEntry];
+  if (!m_pFileData->SeekWrite(Entry.nDataEntriesOffset + nEntry * sizeof(tODB_DATA_ENTRY), pItem,
+                              sizeof(tODB_DATA_ENTRY), &nWritten))
+    return FailedCheck(
+        "m_pFileData->SeekWrite(object_entry.nDataEntriesOffset+nEntry*sizeof(tODB_DATA_ENTRY), pde, sizeof(tODB_DATA_ENTRY), &bytesWritten)",
+        errWRITE_FAILED);
+  if (ChecksByteCounts() && sizeof(tODB_DATA_ENTRY) != nWritten)
+    return FailedCheck("sizeof(tODB_DATA_ENTRY) == bytesWritten", errWRITE_FAILED);
   return errOK;
 }
 
 // A longer array goes to the end of the file; the record is led to it; then the old array is wiped.
-ResultCode ObjectDB::AppendDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY& object_entry, DataEntries* pEntries) {
+ResultCode ObjectDB::AppendDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY& Entry, DataEntries* pEntries) {
   SealDataEntries(nObjectId, pEntries);
   std::uint32_t nOffset = 0;
   ResultCode nCode = AppendData(pEntries->Items, ArraySize(pEntries->nCount), &nOffset);
   if (Failed(nCode)) return nCode;
-  tODB_ID_ENTRY NewEntry = object_entry;
+  tODB_ID_ENTRY NewEntry = Entry;
   NewEntry.nDataEntriesOffset = nOffset;
   NewEntry.nDataEntriesCount = static_cast<std::uint8_t>(pEntries->nCount);
   nCode = SetIdEntry(nObjectId, &NewEntry);
   if (Failed(nCode)) return nCode;
-  const bool bHadArray = object_entry.nDataEntriesOffset != 0 && object_entry.nDataEntriesCount >= 1;
+  const bool bHadArray = Entry.nDataEntriesOffset != 0 && Entry.nDataEntriesCount >= 1;
   if (!bHadArray) return errOK;
-  return ZeroFill(m_pFileData.get(), object_entry.nDataEntriesOffset, ArraySize(object_entry.nDataEntriesCount));
+  return ZeroFill(m_pFileData.get(), Entry.nDataEntriesOffset, ArraySize(Entry.nDataEntriesCount));
 }
 
 // Puts the CRC behind the last entry, when the feature set has one there.
 void ObjectDB::SealDataEntries(tObjectId nObjectId, DataEntries* pEntries) const {
   if (!Has(featureArrayCrc)) return;
-  tODB_DATA_ENTRY* const data_entries = pEntries->Items;
-  const std::uint32_t nCrc = m_Crc.Of(nObjectId, data_entries, pEntries->nCount * sizeof(tODB_DATA_ENTRY));
-  std::memcpy(data_entries + pEntries->nCount, &nCrc, sizeof(nCrc));
+  const std::uint32_t nCrc = m_Crc.Of(nObjectId, pEntries->Items, pEntries->nCount * sizeof(tODB_DATA_ENTRY));
+  std::memcpy(pEntries->Items + pEntries->nCount, &nCrc, sizeof(nCrc));
 }
 
 ResultCode ObjectDB::ZeroFill(StorageFile* pFile, std::uint64_t nOffset, std::uint32_t nCount) {
   constexpr std::uint32_t kPiece = 512;
-  constexpr std::uint8_t zeroes[kPiece] = {};
+  constexpr std::uint8_t kZeros[kPiece] = {};
   while (nCount > 0) {
     const std::uint32_t n = nCount < kPiece ? nCount : kPiece;
-    ODB_CHECK(pFile->SeekWrite(nOffset, zeroes, n, NULL), errWRITE_FAILED);
+    if (!pFile->SeekWrite(nOffset, kZeros, n, nullptr))
+      return FailedCheck("pFile->SeekWrite(nOffset, zeroes, n, NULL)", errWRITE_FAILED);
     nOffset += n;
     nCount -= n;
   }

@@ -11,6 +11,8 @@
 namespace lumbra {
 namespace {
 
+using plaindb::FailedCheck;
+
 constexpr char kUncheckedMagic[4] = {'P', 'L', 'D', 'B'};
 constexpr char kCheckedMagic[4] = {'P', 'L', 'D', 'P'};
 
@@ -87,17 +89,18 @@ ResultCode PlainDB::FastConsistencyCheck() const {
 
 ResultCode PlainDB::AddRecord(const void* pData, std::uint32_t nDataSize, std::uint64_t* pnIndex) {
   if (pData == nullptr || nDataSize != UserRecordSize()) return errPARAMETER_INVALID;
-  std::uint64_t pos = 0;
-  PLAINDB_CHECK(m_pFile->GetSize(&pos), errREAD_FAILED);
+  std::uint64_t nPosition = 0;
+  if (!m_pFile->GetSize(&nPosition)) return FailedCheck("m_pFile->GetSize(&pos)", errREAD_FAILED);
   // From the file's size, not from the count: so the end of a torn append is overwritten.
-  const std::uint64_t nIndex = RecordCountOfSize(pos, m_nRecordSize);
+  const std::uint64_t nIndex = RecordCountOfSize(nPosition, m_nRecordSize);
   if (nIndex >= kMaxRecords) return errTOO_MANY_RECORDS;
-  pos = nIndex * m_nRecordSize;
+  nPosition = nIndex * m_nRecordSize;
   if (m_bChecked) {
     const ResultCode nCode = WriteCheckedRecord(PositionOf(nIndex), pData, nDataSize);
     if (Failed(nCode)) return nCode;
   } else {
-    PLAINDB_CHECK(m_pFile->SeekWrite(pos + sizeof(tPLAINDB_HEADER), pData, nDataSize, 0), errWRITE_FAILED);
+    if (!m_pFile->SeekWrite(nPosition + sizeof(tPLAINDB_HEADER), pData, nDataSize, 0))
+      return FailedCheck("m_pFile->SeekWrite(pos + sizeof(tPLAINDB_HEADER), pData, nDataSize, 0)", errWRITE_FAILED);
   }
   m_nRecordCount = nIndex + 1;
   if (pnIndex != nullptr) *pnIndex = nIndex;
@@ -116,9 +119,10 @@ ResultCode PlainDB::WriteCheckedRecord(std::uint64_t nPosition, const void* pDat
 ResultCode PlainDB::SetRecord(std::uint64_t nIndex, const void* pData, std::uint32_t nDataSize) {
   if (pData == nullptr || nDataSize != UserRecordSize()) return errPARAMETER_INVALID;
   if (nIndex >= m_nRecordCount) return errNOT_FOUND;
-  const std::uint64_t pos = PositionOf(nIndex);
-  if (m_bChecked) return WriteCheckedRecord(pos, pData, nDataSize);
-  PLAINDB_CHECK(m_pFile->SeekWrite(pos, pData, nDataSize, 0), errWRITE_FAILED);
+  const std::uint64_t nPosition = PositionOf(nIndex);
+  if (m_bChecked) return WriteCheckedRecord(nPosition, pData, nDataSize);
+  if (!m_pFile->SeekWrite(nPosition, pData, nDataSize, 0))
+    return FailedCheck("m_pFile->SeekWrite(pos, pData, nDataSize, 0)", errWRITE_FAILED);
   return errOK;
 }
 
@@ -131,26 +135,30 @@ ResultCode PlainDB::GetRecord(std::uint64_t nIndex, void* pDataBuff, std::uint32
 }
 
 ResultCode PlainDB::GetUncheckedRecord(std::uint64_t nIndex, void* pDataBuff, std::uint32_t nDataBuffSize) {
-  const std::uint64_t pos = PositionOf(nIndex);
-  PLAINDB_CHECK((pos + nDataBuffSize <= GetSize() + sizeof(tPLAINDB_HEADER)), errDATA_CORRUPTED);
-  std::uint32_t bytesRead = 0;
-  PLAINDB_CHECK(m_pFile->SeekRead(pos, pDataBuff, nDataBuffSize, &bytesRead), errREAD_FAILED);
-  PLAINDB_CHECK((m_nRecordSize == bytesRead), errREAD_FAILED);
+  const std::uint64_t nPosition = PositionOf(nIndex);
+  if (nPosition + nDataBuffSize > GetSize() + sizeof(tPLAINDB_HEADER))
+    return FailedCheck("(pos + nDataBuffSize <= GetSize() + sizeof(tPLAINDB_HEADER))", errDATA_CORRUPTED);
+  std::uint32_t nRead = 0;
+  if (!m_pFile->SeekRead(nPosition, pDataBuff, nDataBuffSize, &nRead))
+    return FailedCheck("m_pFile->SeekRead(pos, pDataBuff, nDataBuffSize, &bytesRead)", errREAD_FAILED);
+  if (m_nRecordSize != nRead) return FailedCheck("(m_nRecordSize == bytesRead)", errREAD_FAILED);
   return errOK;
 }
 
 ResultCode PlainDB::GetCheckedRecord(std::uint64_t nIndex, void* pDataBuff) {
-  const std::uint64_t pos = PositionOf(nIndex);
-  RecordBuffer localBuffer;
-  if (!localBuffer.Resize(m_nRecordSize)) return errOUT_OF_MEMORY;
-  PLAINDB_CHECK((pos + m_nRecordSize <= GetSize() + sizeof(tPLAINDB_HEADER)), errDATA_CORRUPTED);
-  std::uint32_t bytesRead = 0;
-  PLAINDB_CHECK(m_pFile->SeekRead(pos, localBuffer.Get(), m_nRecordSize, &bytesRead), errREAD_FAILED);
-  PLAINDB_CHECK((m_nRecordSize == bytesRead), errREAD_FAILED);
-  std::memcpy(pDataBuff, localBuffer.Get(), UserRecordSize());
-  const std::uint32_t crc32Value = StoredCrc(localBuffer.Get() + UserRecordSize());
-  const std::uint32_t realCrc32Value = Crc32(0, localBuffer.Get(), UserRecordSize());
-  PLAINDB_CHECK((crc32Value == realCrc32Value), errDATA_CORRUPTED);
+  const std::uint64_t nPosition = PositionOf(nIndex);
+  RecordBuffer Record;
+  if (!Record.Resize(m_nRecordSize)) return errOUT_OF_MEMORY;
+  if (nPosition + m_nRecordSize > GetSize() + sizeof(tPLAINDB_HEADER))
+    return FailedCheck("(pos + m_nRecordSize <= GetSize() + sizeof(tPLAINDB_HEADER))", errDATA_CORRUPTED);
+  std::uint32_t nRead = 0;
+  if (!m_pFile->SeekRead(nPosition, Record.Get(), m_nRecordSize, &nRead))
+    return FailedCheck("m_pFile->SeekRead(pos, localBuffer.Get(), m_nRecordSize, &bytesRead)", errREAD_FAILED);
+  if (m_nRecordSize != nRead) return FailedCheck("(m_nRecordSize == bytesRead)", errREAD_FAILED);
+  std::memcpy(pDataBuff, Record.Get(), UserRecordSize());
+  const std::uint32_t nStoredCrc = StoredCrc(Record.Get() + UserRecordSize());
+  const std::uint32_t nCrc = Crc32(0, Record.Get(), UserRecordSize());
+  if (nStoredCrc != nCrc) return FailedCheck("(crc32Value == realCrc32Value)", errDATA_CORRUPTED);
   return errOK;
 }
 
@@ -161,34 +169,35 @@ ResultCode PlainDB::GetRecords(std::uint64_t nFirst, void* pDataBuff, std::uint3
   nDataBuffSize -= nDataBuffSize % UserRecordSize();
   if (nFirst >= kMaxRecords) nDataBuffSize = 0;  // no record stands there, and the position would not fit
   if (m_bChecked) return GetCheckedRecords(nFirst, pDataBuff, nDataBuffSize, pnCount);
-  std::uint32_t bytesRead = 0;
-  m_bReadFailed = !m_pFile->SeekRead(PositionOf(nFirst), pDataBuff, nDataBuffSize, &bytesRead);
-  if (pnCount != nullptr) *pnCount = m_bReadFailed ? 0 : bytesRead / m_nRecordSize;
+  std::uint32_t nRead = 0;
+  m_bReadFailed = !m_pFile->SeekRead(PositionOf(nFirst), pDataBuff, nDataBuffSize, &nRead);
+  if (pnCount != nullptr) *pnCount = m_bReadFailed ? 0 : nRead / m_nRecordSize;
   return errOK;
 }
 
 ResultCode PlainDB::GetCheckedRecords(std::uint64_t nFirst, void* pDataBuff, std::uint32_t nDataBuffSize,
                                       std::uint32_t* pnCount) {
-  // The names of the class's own sizes, as they stand in the check's text.
-  const std::uint32_t UserRecordSize = this->UserRecordSize();
+  const std::uint32_t nUserSize = UserRecordSize();
   auto* pCursor = static_cast<std::uint8_t*>(pDataBuff);
-  std::uint64_t pos = PositionOf(nFirst);
+  std::uint64_t nPosition = PositionOf(nFirst);
   std::uint32_t nCount = 0;
-  for (; nDataBuffSize >= UserRecordSize; nDataBuffSize -= UserRecordSize) {
-    std::uint32_t nDataRead = 0;
-    m_bReadFailed = !m_pFile->SeekRead(pos, pCursor, UserRecordSize, &nDataRead);
-    if (m_bReadFailed || nDataRead != UserRecordSize) break;
-    PLAINDB_CHECK((pos + UserRecordSize + CheckedAdditionSize <= GetSize() + sizeof(tPLAINDB_HEADER)),
-                  errDATA_CORRUPTED);
-    std::uint32_t crc32Value = 0;
-    PLAINDB_CHECK(m_pFile->SeekRead(pos + UserRecordSize, &crc32Value, CheckedAdditionSize, &nDataRead),
-                  errREAD_FAILED);
-    PLAINDB_CHECK(nDataRead == CheckedAdditionSize, errREAD_FAILED);
-    const std::uint32_t realCrc32Value = Crc32(0, pCursor, UserRecordSize);
-    PLAINDB_CHECK((crc32Value == realCrc32Value), errDATA_CORRUPTED);
+  for (; nDataBuffSize >= nUserSize; nDataBuffSize -= nUserSize) {
+    std::uint32_t nRead = 0;
+    m_bReadFailed = !m_pFile->SeekRead(nPosition, pCursor, nUserSize, &nRead);
+    if (m_bReadFailed || nRead != nUserSize) break;
+    if (nPosition + nUserSize + CheckedAdditionSize > GetSize() + sizeof(tPLAINDB_HEADER))
+      return FailedCheck("(pos + UserRecordSize + CheckedAdditionSize <= GetSize() + sizeof(tPLAINDB_HEADER))",
+                         errDATA_CORRUPTED);
+    std::uint32_t nStoredCrc = 0;
+    if (!m_pFile->SeekRead(nPosition + nUserSize, &nStoredCrc, CheckedAdditionSize, &nRead))
+      return FailedCheck("m_pFile->SeekRead(pos + UserRecordSize, &crc32Value, CheckedAdditionSize, &nDataRead)",
+                         errREAD_FAILED);
+    if (nRead != CheckedAdditionSize) return FailedCheck("nDataRead == CheckedAdditionSize", errREAD_FAILED);
+    const std::uint32_t nCrc = Crc32(0, pCursor, nUserSize);
+    if (nStoredCrc != nCrc) return FailedCheck("(crc32Value == realCrc32Value)", errDATA_CORRUPTED);
     ++nCount;
-    pos += m_nRecordSize;
-    pCursor += UserRecordSize;
+    nPosition += m_nRecordSize;
+    pCursor += nUserSize;
   }
   if (pnCount != nullptr) *pnCount = nCount;
   return errOK;

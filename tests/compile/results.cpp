@@ -1,6 +1,6 @@
-// What the types of results refuse: case 0 compiles, and each other one is a mistake that must not.
-#include <memory>
-
+// What the types of results, and the list of texts, refuse: case 0 compiles, and each other one is a mistake that must
+// not.
+#include "objects/failed_check.h"
 #include "platform/storage_file.h"
 
 using namespace lumbra;
@@ -37,5 +37,7 @@ bool Try([[maybe_unused]] StorageFile& File) {
 #elif MISTAKE == 10  // a write that nobody looks at
   File.SetSize(0);
   return true;
+#elif MISTAKE == 11  // a failed check whose text is not listed
+  return Failed(objdb::FailedCheck("File.SetSize(0)", errWRITE_FAILED));
 #endif
 }
