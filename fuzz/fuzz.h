@@ -95,16 +95,22 @@ class FuzzStore {
   ResultCode Open(bool bCheckMode) {
     Close();
     m_Store = m_Host.Create();
-    m_Store.SetNumber(propCHECK_MODE, bCheckMode ? 1 : 0);
+    RequireCode(errOK, m_Store.SetNumber(propCHECK_MODE, bCheckMode ? 1 : 0), "setting the mode");
     return m_Store.Init();
   }
   void Close() { m_Store = host::Store(); }
-  void Flush() { m_Host.SendFlush(); }
+  void Flush() { RequireCode(errOK, m_Host.SendFlush(), "flushing"); }
 
   template <class... Parameters>
   ResultCode Call(ResultCode (*Ops::*pOperation)(HostObject*, Parameters...),
                   std::type_identity_t<Parameters>... Arguments) const {
     return m_Store.Call(pOperation, Arguments...);
+  }
+  // Where any answer will do.
+  template <class... Parameters>
+  void Try(ResultCode (*Ops::*pOperation)(HostObject*, Parameters...),
+           std::type_identity_t<Parameters>... Arguments) const {
+    (void)m_Store.Call(pOperation, Arguments...);
   }
 
  private:

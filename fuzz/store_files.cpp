@@ -57,15 +57,15 @@ bool OpenAll(FuzzStore* pStore, bool bCheckMode, std::uint32_t nEventSize, Datab
 void Fill(const FuzzStore& Store, std::uint32_t nDatabase) {
   std::uint64_t Event[2] = {};
   for (const char16_t* const pName : {u"C:\\Dir\\file.txt", u"D:/Dir/other.txt", u"\\\\server\\share\\third"}) {
-    Find(Store, nDatabase, typeFile, pName, 1, &Event[1]);
-    Store.Call(&Ops::SetObjectData, Event[1], "some bytes", 10, 1);
-    Store.Call(&Ops::SetObjectData, Event[1], pName, 6, 2);
-    Store.Call(&Ops::AddEvent, nDatabase, Event, kEventSize, nullptr);
+    (void)Find(Store, nDatabase, typeFile, pName, 1, &Event[1]);
+    Store.Try(&Ops::SetObjectData, Event[1], "some bytes", 10, 1);
+    Store.Try(&Ops::SetObjectData, Event[1], pName, 6, 2);
+    Store.Try(&Ops::AddEvent, nDatabase, Event, kEventSize, nullptr);
   }
   std::uint64_t nKey = 0;
-  Find(Store, nDatabase, typeRegistryKey, u"HKLM\\Software", 1, &nKey);
+  (void)Find(Store, nDatabase, typeRegistryKey, u"HKLM\\Software", 1, &nKey);
   const std::uint64_t nLink = WithoutDatabase(nKey) - 1;
-  Store.Call(&Ops::SetObjectData, nKey, &nLink, sizeof(nLink), kObjectLinkTag);
+  Store.Try(&Ops::SetObjectData, nKey, &nLink, sizeof(nLink), kObjectLinkTag);
 }
 
 std::map<std::string, Bytes> MakeSoundStore(bool bCheckMode) {
@@ -73,7 +73,7 @@ std::map<std::string, Bytes> MakeSoundStore(bool bCheckMode) {
   FuzzStore Store;
   Databases Opened;
   Require(OpenAll(&Store, bCheckMode, kEventSize, &Opened), "a fresh store opens");
-  Store.Call(&Ops::SetDBParams, 1, limitSegmentEvents, 2);
+  Store.Try(&Ops::SetDBParams, 1, limitSegmentEvents, 2);
   for (const std::uint32_t nDatabase : Opened.Ids) Fill(Store, nDatabase);
   Store.Close();
   std::map<std::string, Bytes> Files;
@@ -134,14 +134,14 @@ void ReadObject(const FuzzStore& Store, std::uint64_t nId) {
   std::uint32_t nSize = 0;
   std::uint32_t nType = 0;
   for (const std::uint32_t nRoom : {0u, 7u, std::uint32_t{sizeof(Name)}}) {
-    Store.Call(&Ops::GetObjectName, nId, nRoom == 0 ? nullptr : Name, nRoom, &nSize, 0, &nType);
+    Store.Try(&Ops::GetObjectName, nId, nRoom == 0 ? nullptr : Name, nRoom, &nSize, 0, &nType);
   }
   std::uint8_t Data[40];
-  Store.Call(&Ops::GetObjectData, nId, Data, sizeof(Data), &nSize, 1);
+  Store.Try(&Ops::GetObjectData, nId, Data, sizeof(Data), &nSize, 1);
   host::ByteBlob Blob;
-  Store.Call(&Ops::GetObjectDataInto, nId, Blob.Handle(), 2);
+  Store.Try(&Ops::GetObjectDataInto, nId, Blob.Handle(), 2);
   host::IdContainer Ancestors;
-  Store.Call(&Ops::GetObjectDataInto, nId, Ancestors.Handle(), 0);
+  Store.Try(&Ops::GetObjectDataInto, nId, Ancestors.Handle(), 0);
 }
 
 void ReadAll(const FuzzStore& Store, const Databases& Opened) {
@@ -150,7 +150,7 @@ void ReadAll(const FuzzStore& Store, const Databases& Opened) {
       std::uint8_t Events[8 * kEventSize];
       std::uint32_t nRead = 0;
       host::IdContainer Parents;
-      Store.Call(&Ops::GetEvents, nDatabase, nStart, Events, sizeof(Events), 8, &nRead, Parents.Handle());
+      Store.Try(&Ops::GetEvents, nDatabase, nStart, Events, sizeof(Events), 8, &nRead, Parents.Handle());
     }
     for (std::uint64_t nShortId = 0; nShortId <= 10; ++nShortId) {
       ReadObject(Store, WithDatabase(nShortId, nDatabase));
@@ -166,16 +166,16 @@ void WriteAll(const FuzzStore& Store, const Databases& Opened) {
       for (const char16_t* const pName : {u"C:\\Dir\\file.txt", u"D:/Dir/new.txt", u"E:\\x"}) {
         std::uint64_t nId = 0;
         if (Failed(Find(Store, nDatabase, typeFile, pName, nCreate, &nId))) continue;
-        Store.Call(&Ops::SetObjectData, nId, "more bytes than before", 6 + nCreate * 6, 1 + nCreate);
+        Store.Try(&Ops::SetObjectData, nId, "more bytes than before", 6 + nCreate * 6, 1 + nCreate);
         host::ByteBlob Blob(Bytes(600, 'b'));
-        Store.Call(&Ops::SetObjectDataFrom, nId, Blob.Handle(), 2);
+        Store.Try(&Ops::SetObjectDataFrom, nId, Blob.Handle(), 2);
       }
     }
     const std::uint64_t nSecond = WithDatabase(nDatabase == 0 ? 4 : (2ull << 32) + 2, nDatabase);
-    Store.Call(&Ops::RemoveAllObjectData, nSecond);
-    Store.Call(&Ops::UpdateEvent, nSecond - 1, "updated to this", kEventSize);
+    Store.Try(&Ops::RemoveAllObjectData, nSecond);
+    Store.Try(&Ops::UpdateEvent, nSecond - 1, "updated to this", kEventSize);
   }
-  Store.Call(&Ops::Compact, kSystemDatabase);
+  Store.Try(&Ops::Compact, kSystemDatabase);
 }
 
 // What the header of database 1 claims; as much as there is of it.

@@ -484,7 +484,9 @@ void Driver::VerifyLookups(const std::set<Id>& Stores, const Promises& Must, End
     if (Of.Kind == Key::Name && Stores.contains(Of.nId >> kSegmentShift))
       Newest[{Of.nId >> kSegmentShift, Value}] = Of.nId;
   }
-  for (const auto& [Where, nExpected] : Newest) {
+  for (const auto& One : Newest) {
+    const auto& Where = One.first;
+    const Id nExpected = One.second;
     const std::u16string Path(Where.second.begin(), Where.second.end());
     const auto Look = [&](std::uint32_t nMode, Id* pnId) {
       return Call(&Ops::FindObject, DatabaseOf(nExpected), typeFile, Path.c_str(), kZeroTerminated, nMode, 0, 0, pnId);

@@ -32,6 +32,7 @@ class Driver {
     std::function<void(const Fact&)> Tell = {};     // receives every fact, before the call that it stands before
     std::uint32_t nFirst = 1;                       // its numbered databases: this one and the next
     std::shared_ptr<Instance> pInstance = nullptr;  // that others use as well; then no limit reaches over databases
+    std::function<std::uint64_t(std::uint64_t nEnd)> Choose = {};  // a number below the end; otherwise the seed decides
   };
   explicit Driver(Setup With, Record Known = {});
   ~Driver() { Close(); }
@@ -78,7 +79,7 @@ class Driver {
   void Tell(const Fact& Of);
   void TellOwnObjects();
   void Begin(OperationKind Kind, Id nWhere) { Tell({Fact::Begin, {Key::Event, nWhere, Kind}}); }
-  std::uint64_t Below(std::uint64_t nEnd) { return m_Random() % nEnd; }
+  std::uint64_t Below(std::uint64_t nEnd) { return m_With.Choose ? m_With.Choose(nEnd) : m_Random() % nEnd; }
   const Key* Pick(Key::Kinds Kind);
 
   bool OpenDatabase(Database* pDatabase, Limits Set);
