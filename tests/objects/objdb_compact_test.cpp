@@ -142,12 +142,6 @@ TEST_F(ObjectDbCompactTest, LeavesTheLiveStoreAlone) {
       ResetSystem();
     }
   }
-  bool bFailed = true;
-  for (std::uint64_t nSkip = 0; bFailed; ++nSkip) {
-    const ResultCode nCode = Compact([nSkip] { FailAllocation(nSkip); });
-    bFailed = AllocationFailed();
-    EXPECT_CODE(bFailed ? errOUT_OF_MEMORY : errOK, nCode) << nSkip;
-  }
   EXPECT_EQ(kFiles, (std::pair{ReadFile("id"), ReadFile("dt")}));
   for (std::uint32_t i = 1; i <= 12; ++i) ExpectWhole(i);
 }

@@ -210,33 +210,5 @@ TEST_F(ObjectDbTest, ForcesItsWayThroughABrokenNode) {
   EXPECT_EQ((std::vector{Id(5), Id(5)}), (std::vector{Create(0x0101, "one", true), Find(0x0101)}));
 }
 
-// The disk fills up before each write of a change in turn: what was there stays, and the store goes on. In the checked
-// form a slot whose CRC was written and whose value was not is damage, which a forced creation clears away.
-TEST_F(ObjectDbTest, LosesNothingToAFullDisk) {
-  for (const bool bCheckData : {false, true}) {
-    bool bAllDone = false;
-    for (std::uint64_t nSkip = 0; !bAllDone && !HasFatalFailure(); ++nSkip) {
-      Start(bCheckData, {{0x0101, "one"}}, "old");
-      FailCalls(SystemCall::WriteAt, os::kDiskFull, nSkip, UINT64_MAX);
-      const bool bSet = Succeeded(SetData(Id(1), 1, "a longer block"));
-      const bool bAdded = Succeeded(SetData(Id(1), 2, "2"));
-      const bool bCreated = Create(0x0201, "two") != 0;
-      EXPECT_CODE(bCreated ? errOK : errWRITE_FAILED, m_nLast);
-      bAllDone = bSet && bAdded && bCreated;
-      ResetSystem();
-      Open(bCheckData);
-
-      EXPECT_EQ("one", NameOf(Id(1)));
-      const std::string Data = DataOf(Id(1), 1);
-      EXPECT_EQ(!bSet && Data == "old" ? "old" : "a longer block", Data) << nSkip;
-      const std::string Added = DataOf(Id(1), 2);
-      EXPECT_EQ(!bAdded && Added != "2" ? Name(errNOT_FOUND) : "2", Added) << nSkip;
-      tObjectId Two = Create(0x0201, "two");
-      if (bCheckData && m_nLast == errDATA_CORRUPTED) Two = Create(0x0201, "two", true);
-      EXPECT_EQ((std::pair{std::string("two"), Two}), (std::pair{NameOf(Two), Find(0x0201)}));
-    }
-  }
-}
-
 }  // namespace
 }  // namespace lumbra::test
