@@ -214,10 +214,6 @@ std::optional<Id> Driver::Find(std::uint32_t nDatabase) {
       Below(2) == 0
           ? Call(&Ops::FindObject, nDatabase, typeFile, Wide.c_str(), kZeroTerminated, kRepairing, 0, 0, &nId)
           : Call(&Ops::FindObjectSimple, nDatabase, typeFile, Wide.c_str(), kZeroTerminated, kRepairing, 0, &nId);
-  if (nCode == errDATA_CORRUPTED && m_Compared != End::Whole) {
-    ++m_nRefusedNames;
-    return 0;
-  }
   if (Failed(nCode)) {
     m_LastFailure = "finding in " + Hex(nDatabase) + ", " + host::DescribeCode(nCode);
     return {};

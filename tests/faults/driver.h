@@ -59,9 +59,6 @@ class Driver {
   bool IsMarkedCorrupted() const;
 
   Record& Known() { return m_Known; }
-  // Names that could not be created after damage or a loss of power, since the way to their place in the tree leads to
-  // the record of another one, which is lost. That is the format's price; events go on without them.
-  std::uint64_t RefusedNames() const { return m_nRefusedNames; }
 
  private:
   using Ops = LumbraOperations;
@@ -83,7 +80,7 @@ class Driver {
   const Key* Pick(Key::Kinds Kind);
 
   bool OpenDatabase(Database* pDatabase, Limits Set);
-  std::optional<Id> Find(std::uint32_t nDatabase);  // 0 for a name that was refused
+  std::optional<Id> Find(std::uint32_t nDatabase);
   bool Add(const Database& To);
   void TellDrops(const Database& Of);
   void LearnDrops(const Database& Of);
@@ -111,7 +108,6 @@ class Driver {
   std::uint64_t m_nSerial;
   End m_Compared = End::Whole;  // as what it was compared last: it decides which ids may come back
   std::string m_LastFailure;    // of finding or adding
-  std::uint64_t m_nRefusedNames = 0;
 };
 
 }  // namespace lumbra::test

@@ -56,9 +56,9 @@ Tape TapeOf(const Choice& Which, bool bChecked) {
   return All;
 }
 
-// Opens what is left, compares it, and goes on. Answers how many names were refused.
-std::uint64_t CheckMoment(const Choice& Which, bool bChecked, const Disk& Left, const Record& Known, Random* pPower,
-                          Driver::Lookups Names) {
+// Opens what is left, compares it, and goes on.
+void CheckMoment(const Choice& Which, bool bChecked, const Disk& Left, const Record& Known, Random* pPower,
+                 Driver::Lookups Names) {
   const fs::path Folder = Which.Folder / "moment";
   Left.Build(Folder, pPower);
   ResetSystem();
@@ -66,7 +66,6 @@ std::uint64_t CheckMoment(const Choice& Which, bool bChecked, const Disk& Left, 
   if (!Next.Open(Driver::Limits::No)) Found("it does not open");
   Next.Verify(pPower == nullptr ? Driver::End::Whole : Driver::End::Power, Names);
   Next.AddToEach("after a new start");
-  return Next.RefusedNames();
 }
 
 // A tape that is played: the disk and the record as they are at each moment.
@@ -93,21 +92,15 @@ bool EndsMoment(const Tape::value_type& Next) {
   return pFact == nullptr || pFact->Kind == Fact::TakeBack || pFact->Kind == Fact::Drop || pFact->Kind == Fact::Clear;
 }
 
-struct Cuts {
-  std::uint64_t nMade = 0;
-  std::uint64_t nRefusedNames = 0;
-};
-
-// A case's number: checked or not, the process or the power, and at which moment.
-Cuts CheckMoments(const Choice& Which, bool bChecked, const Tape& All, std::uint64_t nWanted) {
+// A case's number: checked or not, the process or the power, and at which moment. Answers how many there were.
+std::uint64_t CheckMoments(const Choice& Which, bool bChecked, const Tape& All, std::uint64_t nWanted) {
   std::vector<std::size_t> Moments;
   for (std::size_t i = 1; i < All.size(); ++i) {
     if (EndsMoment(All[i])) Moments.push_back(i);
   }
   Moments.push_back(All.size());
-  Cuts Done;
   Choice Half = Which;
-  if (Which.nOnly && (*Which.nOnly % 2 != 0) != bChecked) return Done;
+  if (Which.nOnly && (*Which.nOnly % 2 != 0) != bChecked) return 0;
   if (Which.nOnly) Half.nOnly = *Which.nOnly / 2;
   const std::vector<std::uint64_t> Cases = Half.Cases(2 * Moments.size(), nWanted);
   Player Now;
@@ -120,11 +113,10 @@ Cuts CheckMoments(const Choice& Which, bool bChecked, const Tape& All, std::uint
     Which.Start("moments", 2 * nCase + (bChecked ? 1 : 0));
     Random Power(Which.nSeed + nCase);
     const bool bMayFail = bPower ? Now.bTreeUnflushed : Now.bTreeJust && bChecked;
-    Done.nRefusedNames += CheckMoment(Which, bChecked, Now.Made, Now.Known, bPower ? &Power : nullptr,
-                                      bMayFail ? Driver::Lookups::MayFail : Driver::Lookups::MustSucceed);
-    ++Done.nMade;
+    CheckMoment(Which, bChecked, Now.Made, Now.Known, bPower ? &Power : nullptr,
+                bMayFail ? Driver::Lookups::MayFail : Driver::Lookups::MustSucceed);
   }
-  return Done;
+  return Cases.size();
 }
 
 void CheckOrder(const Tape& All) {
@@ -162,7 +154,7 @@ void CheckOrderUnderFault(const Choice& Which, bool bChecked, DiskChange::Kind W
 }  // namespace
 
 void RunMoments(const Choice& Which) {
-  Cuts All;
+  std::uint64_t nCuts = 0;
   for (const bool bChecked : {false, true}) {
     const Tape Played = TapeOf(Which, bChecked);
     if (!Which.nOnly) {
@@ -175,12 +167,9 @@ void RunMoments(const Choice& Which) {
         CheckOrderUnderFault(Which, bChecked, DiskChange::Sync, n);
       }
     }
-    const Cuts Done = CheckMoments(Which, bChecked, Played, 1200);
-    All.nMade += Done.nMade;
-    All.nRefusedNames += Done.nRefusedNames;
+    nCuts += CheckMoments(Which, bChecked, Played, 1200);
   }
-  std::printf("moments: %llu cuts, after which %llu names were refused\n", static_cast<unsigned long long>(All.nMade),
-              static_cast<unsigned long long>(All.nRefusedNames));
+  std::printf("moments: %llu cuts\n", static_cast<unsigned long long>(nCuts));
 }
 
 // ---- Planted faults ---------------------------------------------------------------------------------------
