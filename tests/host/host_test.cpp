@@ -71,13 +71,6 @@ TEST_F(HostTest, TellsOfAFailedFlushUntilTheStoreIsOpenedAgain) {
   }
 }
 
-TEST_F(HostTest, TellsOfAFailedFlushBeforeItEnds) {
-  ResultCode nMeanwhile = errOK;
-  m_Host->TraceToCallback(300, [&](std::uint32_t, std::string_view) { nMeanwhile = m_Host->SendFlush(); });
-  FailCalls(SystemCall::Sync, os::kIoDevice);
-  Expect({errWRITE_FAILED, errWRITE_FAILED}, {m_Host->SendFlush(), nMeanwhile});
-}
-
 TEST_F(HostTest, IsRefusedBesideAnotherOne) {
   {
     ResetSystem();
