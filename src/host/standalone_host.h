@@ -87,6 +87,7 @@ class StandaloneHost {
 
   // Sends the trace lines up to a level (300 failures ... 600 every detail; 0 none) to a file that stays
   // open, to a file that is created, or to a callback, which must bear calls from any thread, one at a time.
+  // A callback must not call the host or a store: a thread that traces may hold a lock that the call waits for.
   // A line that the level drops is not formatted.
   void TraceToStream(std::uint32_t nLevel, std::FILE* pStream);
   bool TraceToFile(std::uint32_t nLevel, const std::filesystem::path& Path);
