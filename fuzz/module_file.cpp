@@ -7,9 +7,9 @@
 namespace lumbra::fuzz {
 namespace {
 
-void Read(const Bytes& Content) {
-  const fs::path Path = Folder() / "module";
-  WriteFile(Path, Content);
+void Read(const std::string& Content) {
+  const std::filesystem::path Path = Folder() / "module";
+  std::ofstream(Path, std::ios::binary) << Content;
   host::ModuleFile Module;
   const host::ModuleProblem Problem = host::ReadModuleFile(Path, &Module);
   Require(Problem || host::WhyForeign(Module) || Module.Format == "ELF", "this system loads shared objects alone");
@@ -17,14 +17,14 @@ void Read(const Bytes& Content) {
 }
 
 // True where there is metadata.
-bool Seal(Bytes* pContent) {
-  constexpr std::ptrdiff_t kDigest = offsetof(tMODULE_METADATA, Digest);
-  const auto At =
-      std::search(pContent->begin(), pContent->end(), std::begin(kMetadataSignature1), std::end(kMetadataSignature1));
-  if (pContent->end() - At < static_cast<std::ptrdiff_t>(sizeof(tMODULE_METADATA))) return false;
+bool Seal(std::string* pContent) {
+  constexpr std::size_t kDigest = offsetof(tMODULE_METADATA, Digest);
+  const std::string Signature(std::begin(kMetadataSignature1), std::end(kMetadataSignature1));
+  const std::size_t nAt = pContent->find(Signature);
+  if (nAt == std::string::npos || pContent->size() - nAt < sizeof(tMODULE_METADATA)) return false;
   Md5 Computed;
-  Computed.Update(&*At, kDigest);
-  std::ranges::copy(Computed.Digest(), At + kDigest);
+  Computed.Update(pContent->data() + nAt, kDigest);
+  std::ranges::copy(Computed.Digest(), pContent->begin() + static_cast<std::ptrdiff_t>(nAt + kDigest));
   return true;
 }
 
@@ -33,7 +33,7 @@ bool Seal(Bytes* pContent) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t nSize) {
   using namespace lumbra::fuzz;
-  Bytes Content(pData, pData + nSize);
+  std::string Content = Input(pData, nSize).Rest();
   Read(Content);
   if (Seal(&Content)) Read(Content);
   return 0;

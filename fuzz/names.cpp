@@ -1,13 +1,25 @@
-// Names of every type, with every override of flags: an object that was created is found again by the same name; the
-// name that it comes back with leads to it, too, but where the way of splitting paths reads that name another way; and
-// a buffer of any size is written no farther than its end.
+// Names of every type, with every override of flags. The law: an object that was created is found again by its name,
+// and by the name that it comes back with, but where the way of splitting paths reads that one another way.
 #include "fuzz.h"
-#include "lumbra/lumbra.h"
+#include "host/standalone_host.h"
 
 namespace lumbra::fuzz {
 namespace {
 
 constexpr std::uint32_t kDatabase = 1;
+using Ops = LumbraOperations;
+
+// One database for all inputs, cleared for each: that is quicker than a new store.
+struct Names {
+  Names() {
+    Host.SetPlaceholder(u"%Report%", Folder().u16string());
+    Host.SetPlaceholder(u"%host%", u"fuzz-host");
+    const bool bOpen = Succeeded(Store.Init()) && Succeeded(Store.Call(&Ops::InitDB, kDatabase, 16));
+    Require(bOpen, "a fresh store opens");
+  }
+  host::StandaloneHost Host;
+  host::Store Store = Host.Create();
+};
 
 struct Query {
   std::uint32_t nType;
@@ -17,52 +29,35 @@ struct Query {
   std::int32_t nSize;   // bytes, or how to find out
 };
 
-ResultCode Find(const FuzzStore& Store, const Query& By, std::uint32_t nCreate, std::uint64_t* pnId) {
-  return Store.Call(&Ops::FindObject, kDatabase, By.nType, By.Name.data(), By.nSize, nCreate, By.nOverride, By.nParent,
-                    pnId);
+// The object of a name; 0 of one that is refused or not there.
+std::uint64_t Find(const host::Store& Store, const Query& By, std::uint32_t nCreate) {
+  std::uint64_t nId = 0;
+  const ResultCode nCode = Store.Call(&Ops::FindObject, kDatabase, By.nType, By.Name.data(), By.nSize, nCreate,
+                                      By.nOverride, By.nParent, &nId);
+  Require(Succeeded(nCode) || nId == 0, "a failure gives no object");
+  return nId;
 }
 
-// Reads a name with no room, with exactly enough, and with less.
-std::u16string NameOf(const FuzzStore& Store, std::uint64_t nId, std::uint32_t nOverride, std::uint32_t* pnSize) {
+// Reads a name into a room of just that size; no byte behind it is touched.
+ResultCode NameOf(const host::Store& Store, std::uint64_t nId, std::uint32_t nOverride, std::uint32_t* pnSize,
+                  std::u16string* pFound) {
+  const std::unique_ptr<char[]> pRoom(new char[*pnSize]);
+  const std::uint32_t nRoom = *pnSize;
   std::uint32_t nType = 0;
-  RequireCode(errOK, Store.Call(&Ops::GetObjectName, nId, nullptr, 0, pnSize, nOverride, &nType), "the size of a name");
-  std::uint32_t nAgain = 0;
-  const std::uint32_t nShort = *pnSize / 3;
-  if (nShort != 0) {
-    const std::unique_ptr<std::uint8_t[]> pShort(new std::uint8_t[nShort]);
-    auto* const pName = reinterpret_cast<char16_t*>(pShort.get());
-    RequireCode(errBUFFER_TOO_SMALL, Store.Call(&Ops::GetObjectName, nId, pName, nShort, &nAgain, nOverride, nullptr),
-                "a name without room");
-    Require(nAgain == *pnSize, "a size stays the same");
-  }
-  if (*pnSize == 0) return {};
-  const std::unique_ptr<std::uint8_t[]> pExact(new std::uint8_t[*pnSize]);
-  auto* const pName = reinterpret_cast<char16_t*>(pExact.get());
-  RequireCode(errOK, Store.Call(&Ops::GetObjectName, nId, pName, *pnSize, &nAgain, nOverride, nullptr), "a name");
-  Require(nAgain == *pnSize, "a size stays the same");
-  std::u16string Name((*pnSize + 1) / 2, u'\0');
-  std::memcpy(Name.data(), pExact.get(), *pnSize);
-  return Name;
+  auto* const pName = nRoom == 0 ? nullptr : reinterpret_cast<char16_t*>(pRoom.get());
+  const ResultCode nCode = Store.Call(&Ops::GetObjectName, nId, pName, nRoom, pnSize, nOverride, &nType);
+  pFound->assign((nRoom + 1) / 2, u'\0');
+  std::copy_n(pRoom.get(), nRoom, reinterpret_cast<char*>(pFound->data()));
+  return nCode;
 }
 
-bool HasLoneSurrogate(std::u16string_view Name) {
-  for (std::size_t i = 0; i < Name.size(); ++i) {
-    const auto Is = [&](std::size_t n, char16_t cKind) {
-      return n < Name.size() && (Name[n] & 0xFC00) == cKind;
-    };
-    if (Is(i, 0xDC00) || (Is(i, 0xD800) && !Is(i + 1, 0xDC00))) return true;
-    if (Is(i, 0xD800)) ++i;
-  }
-  return false;
-}
-
-// Whether the name that comes back must lead to the object. Not so: what UTF-8 cannot tell (half characters), names of
-// registry values, in front of which a '/' comes back, paths that end with a separator, which makes a folder of the
-// last component, and paths that start with one that goes: what is left may look like a root.
+// Whether the name that comes back must lead to the object. Not so: halves of characters, which UTF-8 cannot tell,
+// names of registry values, in front of which a '/' comes back, paths that end with a separator, which makes a folder
+// of the last component, and paths that start with one that goes: what is left may look like a root.
 bool ComesBackAsItIs(const Query& By) {
   if (By.nSize < 0 || By.nSize % 2 != 0 || By.nParent != 0) return false;
-  std::u16string_view Name(By.Name.data(), static_cast<std::size_t>(By.nSize) / 2);
-  if (HasLoneSurrogate(Name)) return false;
+  const std::u16string_view Name(By.Name.data(), static_cast<std::size_t>(By.nSize) / 2);
+  if (std::ranges::any_of(Name, [](char16_t c) { return (c & 0xF800) == 0xD800; })) return false;
   const bool bSplitByDefault = By.nType >= typeFile && By.nType <= typeRegistryKey;
   const bool bSplits = ((bSplitByDefault ? std::uint32_t{fObjSplitPath} : 0) | (By.nOverride & 0xFFFF)) &
                        ~(By.nOverride >> 16) & fObjSplitPath;
@@ -72,68 +67,58 @@ bool ComesBackAsItIs(const Query& By) {
   return bServer || !Name.starts_with(u'\\');
 }
 
-void RoundTrip(const FuzzStore& Store, const Query& By) {
-  std::uint64_t nId = 0;
-  std::uint64_t nAgain = 0;
-  (void)Find(Store, By, 0, &nAgain);  // mostly not there yet
-  const ResultCode nCode = Find(Store, By, 1, &nId);
-  if (Failed(nCode)) return Require(nId == 0, "a failure gives no object");
-  if (By.nSize == 0) return;  // anonymous
-  RequireCode(errOK, Find(Store, By, 0, &nAgain), "finding what was created");
-  Require(nId == nAgain, "a name has one object");
+// Answers the object.
+std::uint64_t RoundTrip(const host::Store& Store, const Query& By) {
+  const std::uint64_t nId = Find(Store, By, 1);
+  if (nId == 0 || By.nSize == 0) return nId;  // refused, or anonymous
+  Require(Find(Store, By, 0) == nId, "a name has one object");
   Query Back = By;
-  std::uint32_t nSize = 0;
-  Back.Name = NameOf(Store, nId, By.nOverride, &nSize);
-  Back.nSize = static_cast<std::int32_t>(nSize);
   Back.nParent = 0;
-  if (nSize == 0) return Require(!ComesBackAsItIs(By), "a name is not empty");
-  const ResultCode nBack = Find(Store, Back, 1, &nAgain);
-  if (!ComesBackAsItIs(By)) return;
-  RequireCode(errOK, nBack, "finding by the name that came back");
-  Require(nId == nAgain, "the name that comes back leads to the object");
+  std::uint32_t nSize = 0;
+  Require(NameOf(Store, nId, By.nOverride, &nSize, &Back.Name) == errOK, "a name has a size");
+  std::uint32_t nShort = nSize / 3;
+  if (nShort != 0)
+    Require(NameOf(Store, nId, By.nOverride, &nShort, &Back.Name) == errBUFFER_TOO_SMALL && nShort == nSize,
+            "a name that does not fit tells its size");
+  if (nSize != 0) Require(NameOf(Store, nId, By.nOverride, &nSize, &Back.Name) == errOK, "a name is read");
+  Back.nSize = static_cast<std::int32_t>(nSize);
+  const std::uint64_t nBack = nSize == 0 ? 0 : Find(Store, Back, 1);
+  Require(nBack == nId || !ComesBackAsItIs(By), "the name that comes back leads to the object");
+  return nId;
 }
 
-// One database for all inputs, cleared for each: that is quicker than a new store.
-struct NameStore : FuzzStore {
-  NameStore() {
-    EmptyFolder();
-    RequireCode(errOK, Open(false), "opening");
-    RequireCode(errOK, Call(&Ops::InitDB, kDatabase, 16), "opening a database");
+// A byte of the input makes a unit: the characters that matter come often.
+Query Take(Input* pFrom, std::uint64_t nParent) {
+  constexpr char16_t kOften[] = u"\\/:?C\u00e9\u6f22\U00010437HKLM{}UNC";
+  const std::uint64_t nHow = pFrom->Number();
+  Query By{static_cast<std::uint32_t>(pFrom->Number()), 0, (nHow & 1) != 0 ? nParent : 0, {}, 0};
+  if ((nHow & 2) != 0) By.nOverride = static_cast<std::uint32_t>(pFrom->Number(4));
+  const std::size_t nLong = By.nType == 0xFF ? 33000 : 600;  // also one that is too long
+  if ((nHow & 4) != 0) By.nType = 1 + By.nType % 4;
+  for (const char c : pFrom->Bytes(pFrom->Number())) {
+    const auto n = static_cast<std::uint8_t>(c);
+    By.Name += n < 0x80 ? char16_t{n} : n < 0xC0 ? kOften[n % 16] : static_cast<char16_t>(n << 8 | n);
   }
-};
-
-// A few names, the later ones below the object of the first if they say so. A byte of the input makes a unit: the
-// characters that matter come often.
-void Run(Input From) {
-  static const NameStore Store;
-  RequireCode(errOK, Store.Call(&Ops::ClearDB, kDatabase), "clearing");
-  std::uint64_t nParent = 0;
-  for (int i = 0; i < 16 && !From.IsDone(); ++i) {
-    const std::uint8_t nHow = From.Byte();
-    Query By{From.Byte(), 0, (nHow & 1) != 0 ? nParent : 0, {}, 0};
-    if ((nHow & 2) != 0) By.nOverride = From.Take<std::uint32_t>();
-    if ((nHow & 4) != 0) By.nType = 1 + By.nType % 4;
-    const std::size_t nLength = From.Byte();
-    constexpr char16_t kOften[] = u"\\/:?C\u00e9\u6f22\U00010437HKLM{}UNC";
-    for (const std::uint8_t n : From.TakeBytes(nLength)) {
-      By.Name += n < 0x80 ? char16_t{n} : n < 0xC0 ? kOften[n % 16] : static_cast<char16_t>(n << 8 | n);
-    }
-    if ((nHow & 8) != 0) By.Name = u"\\\\?\\Volume{0123456789abcdef0123456789abcdef0123}\\" + By.Name;
-    if ((nHow & 16) != 0) {
-      const std::size_t nLong = i == 0 && By.nType == 0xFF ? 33000 : 600;  // also one that is too long
-      while (!By.Name.empty() && By.Name.size() < nLong) By.Name += By.Name;
-    }
-    By.nSize = static_cast<std::int32_t>(By.Name.size() * 2 - ((nHow & 32) != 0 && !By.Name.empty() ? 1 : 0));
-    if ((nHow & 64) != 0) By.nSize = kZeroTerminated + ((nHow & 128) != 0 ? 1 : 0);
-    RoundTrip(Store, By);
-    if (nParent == 0) (void)Find(Store, By, 1, &nParent);
-  }
+  if ((nHow & 8) != 0) By.Name = u"\\\\?\\Volume{0123456789abcdef0123456789abcdef0123}\\" + By.Name;
+  while ((nHow & 16) != 0 && !By.Name.empty() && By.Name.size() < nLong) By.Name += By.Name;
+  By.nSize = static_cast<std::int32_t>(By.Name.size() * 2 - ((nHow & 32) != 0 && !By.Name.empty() ? 1 : 0));
+  if ((nHow & 64) != 0) By.nSize = kZeroTerminated + ((nHow & 128) != 0 ? 1 : 0);
+  return By;
 }
 
 }  // namespace
 }  // namespace lumbra::fuzz
 
+// A few names, the later ones below the object of the first if they say so.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t nSize) {
-  lumbra::fuzz::Run({pData, nSize});
+  using namespace lumbra::fuzz;
+  static const Names Opened;
+  Require(Opened.Store.Call(&Ops::ClearDB, kDatabase) == lumbra::errOK, "a database is cleared");
+  Input From(pData, nSize);
+  std::uint64_t nParent = 0;
+  for (int i = 0; i < 16 && !From.IsDone(); ++i) {
+    const std::uint64_t nId = RoundTrip(Opened.Store, Take(&From, nParent));
+    if (nParent == 0) nParent = nId;
+  }
   return 0;
 }

@@ -1,31 +1,19 @@
-// Operations against the record of what was answered that the fault programme keeps: the input is the choices of its
-// driver. In the end, and after a new start, the store holds what was acknowledged.
+// The input is the choices of the driver: what it does, and with what. Every answer is the one that its record expects,
+// and so is all content in the end, also after a new start.
 #include "faults/driver.h"
-#include "faults/findings.h"
 #include "fuzz.h"
-#include "support/system_calls.h"
-
-namespace lumbra::test {
-
-void Found(const std::string& What) {
-  fuzz::Require(false, What);
-}
-void PauseFaults(bool /*bPaused*/) {}  // there are none
-
-}  // namespace lumbra::test
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pData, std::size_t nSize) {
   using namespace lumbra::fuzz;
   using lumbra::test::Driver;
-  EmptyFolder();
+  std::filesystem::remove_all(Folder());
   Input From(pData, nSize);
-  Driver::Setup With{Folder(), From.Byte() % 2 != 0};
-  With.Choose = [&From](std::uint64_t nEnd) {
-    return From.Take<std::uint16_t>() % nEnd;
+  const auto Choose = [&](std::uint64_t nEnd) {
+    return From.Below(nEnd);
   };
-  Driver Work(std::move(With));
+  Driver Work({.Folder = Folder(), .bChecked = From.Below(2) != 0, .Choose = Choose, .bExact = true});
   Require(Work.Open(), "it opens");
-  for (std::uint64_t nStep = 0; !From.IsDone(); ++nStep) Work.Step(nStep);
+  while (!From.IsDone()) Work.Step();
   for (const char* const pWhen : {"in the end", "after a new start"}) {
     Work.Verify(Driver::End::Whole, Driver::Lookups::MustSucceed);
     Work.AddToEach(pWhen);

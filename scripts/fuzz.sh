@@ -1,12 +1,29 @@
 #!/bin/sh
-# Sets up, builds the fuzz targets, and runs them: all of them within some SECONDS (default 300), two at a time, each for
-# the same time. SEED chooses the random numbers; otherwise the clock does. Ends with 1 if anything is found: what the
-# target said of it stays in build/fuzz/logs, and the input in build/fuzz/found; once mended, it belongs into fuzz/corpus,
-# whose inputs every run starts with. What a run learns stays in build/fuzz/corpus for the next one.
+# Sets up, builds the fuzz targets, and runs them: all of them within 300 seconds (with --long 3600), two at a time, each
+# for the same time. --seed N chooses the random numbers; otherwise the clock does. Ends with 1 if anything is found: what
+# the target said of it stays in build/fuzz/logs, and the input in build/fuzz/found; once mended, it belongs into
+# fuzz/corpus, whose inputs every run starts with. What a run learns stays in build/fuzz/corpus for the next one.
 set -eu
 cd "$(dirname "$0")/.."
-seconds=${1:-300}
-seed=${SEED:-$(date +%s)}
+
+usage() {
+  echo "usage: $0 [--long] [--seconds N] [--seed N]" >&2
+  exit 2
+}
+seconds=300
+seed=$(date +%s)
+while [ $# -gt 0 ]; do
+  case $1 in
+    --long) seconds=3600 ;;
+    --seconds | --seed)
+      [ $# -gt 1 ] || usage
+      if [ "$1" = --seed ]; then seed=$2; else seconds=$2; fi
+      shift
+      ;;
+    *) usage ;;
+  esac
+  shift
+done
 scripts/setup.sh fuzz
 scripts/build.sh fuzz
 

@@ -10,7 +10,7 @@ while [ $# -gt 0 ]; do
   case $1 in
     --long) long=--long ;;
     --seed)
-      seed=$2
+      seed=${2:?a number}
       shift
       ;;
     *)
@@ -39,5 +39,5 @@ for preset in release asan tsan; do
   "build/$preset/tests/lumbra_faults" --seed "$seed" $sampled $kinds || failed=1
 done
 
-if [ -x scripts/fuzz.sh ]; then SEED=$seed scripts/fuzz.sh ${long:+3600} || failed=1; fi
+scripts/fuzz.sh $long --seed "$seed" || failed=1
 exit $failed

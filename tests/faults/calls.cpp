@@ -1,105 +1,109 @@
 // Every system call and every allocation of a run of work fails, once or until the fault is gone. Nothing crashes; what
 // was answered as done is kept; and when the fault is gone the store goes on as it is.
 #include <algorithm>
-#include <cstdio>
 
-#include "faults/driver.h"
-#include "faults/findings.h"
-#include "faults/kinds.h"
-#include "support/system_calls.h"
+#include "faults/programme.h"
 
 namespace lumbra::test {
 namespace {
 
-constexpr std::uint64_t kSteps = 120;
-constexpr std::uint64_t kStepsOfAFault = 3;  // those that a fault for good lasts
+constexpr int kSteps = 120;
+constexpr int kStepsOfAFault = 3;  // those that a fault for good lasts
 
-enum class Failing { Nothing, Call, Allocation };
+using Fail = void (*)(FaultCause Cause, std::uint64_t nSkip, std::uint64_t nTimes);
+void FailAllocations(FaultCause, std::uint64_t nSkip, std::uint64_t nTimes) {
+  FailAllocation(nSkip, nTimes);
+}
 
 // The case's number: checked or not, once or for good, and which call, from which follows why it fails.
 struct Disturbance {
   explicit Disturbance(std::uint64_t nCase)
       : bChecked(nCase % 2 != 0),
-        bForGood(nCase / 2 % 2 != 0),
+        nTimes(nCase / 2 % 2 != 0 ? UINT64_MAX : 1),
         nSkip(nCase / 4),
         Cause(static_cast<FaultCause>(nSkip % 3)) {}
-  void Begin(Failing What) const {
-    const std::uint64_t nTimes = bForGood ? UINT64_MAX : 1;
-    if (What == Failing::Call) FailAnyCalls(Cause, nSkip, nTimes);
-    if (What == Failing::Allocation) FailAllocation(nSkip, nTimes);
-  }
   bool bChecked;
-  bool bForGood;
+  std::uint64_t nTimes;
   std::uint64_t nSkip;
   FaultCause Cause;
 };
 
-void EndFaults() {
-  FailAnyCalls(FaultCause::Device, 0, 0);
-  AllocationFailed();
-}
-
-void WorkUnder(Failing What, const Disturbance& How, Driver* pDriver) {
-  How.Begin(What);
-  const auto GoOn = [&] {
-    EndFaults();
-    if (How.Cause == FaultCause::Denied) pDriver->Close();  // a right that was refused is not asked for again
-    if (!pDriver->Open()) Found("it does not open when the fault is gone");
-    pDriver->AddToEach("when the fault is gone");
-  };
-  pDriver->Open();
-  std::uint64_t nUnderFault = 0;
-  for (std::uint64_t nStep = 0; nStep < kSteps; ++nStep) {
-    pDriver->Step(nStep);
-    if (FaultsMade() != 0 && ++nUnderFault == kStepsOfAFault) GoOn();
+// A flush during which a sync failed is answered so, and so is each one behind it, until the store is opened again.
+struct FlushWatch {
+  void operator()(const Fact& Of) {
+    const std::uint64_t nNow = FailedCalls(SystemCall::Sync);
+    bFailed = bFailed || (bFlushing && nNow != nBefore);
+    if (Of.Kind == Fact::Flushed && bFailed) Found("a flush is answered as done whose sync failed");
+    if (Of.Kind != Fact::Begin) return;
+    bFlushing = Of.Of.nTag == kFlush;
+    bFailed = bFailed && Of.Of.nTag != kOpen;
+    nBefore = nNow;
   }
-  if (What != Failing::Nothing) GoOn();
+  bool bFlushing = false;
+  bool bFailed = false;
+  std::uint64_t nBefore = 0;
+};
+
+void GoOn(const Disturbance& How, Driver* pDriver) {
+  FailAnyCalls(How.Cause, 0, 0);
+  (void)AllocationFailed();
+  if (How.Cause == FaultCause::Denied) pDriver->Close();  // a right that was refused is not asked for again
+  if (!pDriver->Open()) Found("it does not open when the fault is gone");
+  pDriver->AddToEach("when the fault is gone");
 }
 
-std::uint64_t Disturb(const Choice& Which, Failing What, std::uint64_t nCase) {
+void WorkUnder(Fail Begin, const Disturbance& How, Driver* pDriver) {
+  if (Begin != nullptr) Begin(How.Cause, How.nSkip, How.nTimes);
+  (void)pDriver->Open();  // the first fault may be here
+  int nUnderFault = 0;
+  for (int i = 0; i < kSteps; ++i) {
+    pDriver->Step();
+    if (FaultsMade() != 0 && ++nUnderFault == kStepsOfAFault) GoOn(How, pDriver);
+  }
+  if (Begin != nullptr) GoOn(How, pDriver);
+}
+
+// Answers how many faults there were; without a fault, how many there could be.
+std::uint64_t Disturb(const Choice& Which, Fail Begin, std::uint64_t nCase, std::uint64_t (*pCount)()) {
   const Disturbance How(nCase);
   ResetSystem();
   SetClock(SystemClock() + 1000);  // so that every segment has an age
-  Driver Work({Which.Fresh("calls"), How.bChecked, Which.nSeed});
-  WorkUnder(What, How, &Work);
+  Driver::Setup With = Which.With(Which.Fresh("calls"), How.bChecked);
+  With.Tell = FlushWatch();
+  Driver Work(std::move(With));
+  WorkUnder(Begin, How, &Work);
   const std::uint64_t nFaults = FaultsMade();
+  const std::uint64_t nAll = pCount();
   const auto Lookups = How.bChecked && nFaults != 0 ? Driver::Lookups::MayFail : Driver::Lookups::MustSucceed;
   Work.Verify(Driver::End::Whole, Lookups);
   Work.Close();
-  const std::uint64_t nAll = What == Failing::Allocation ? Allocations() : AllCalls();
   if (!Work.Open()) Found("it does not open again");
   Work.Verify(Driver::End::Whole, Lookups);
   // A slot that could not be written behind its node's CRC is damage to the next lookup.
   if (Work.IsMarkedCorrupted() && Lookups == Driver::Lookups::MustSucceed) Found("it is marked corrupted");
   Work.AddToEach("after a new start");
-  return What == Failing::Nothing ? nAll : nFaults;
+  return Begin == nullptr ? nAll : nFaults;
 }
 
-void RunEach(const Choice& Which, Failing What, const char* pKind, std::uint64_t nWanted) {
-  Which.Start(pKind, UINT64_MAX);
-  std::uint64_t nAll = 0;
-  for (const std::uint64_t nChecked : {0, 1}) {
-    Disturb(Which, Failing::Nothing, nChecked);
-    nAll = std::max(nAll, What == Failing::Call ? AllCalls() : Allocations());
-  }
+std::string RunEach(const Choice& Which, Fail Begin, std::uint64_t (*pCount)(), const char* pKind) {
+  Which.Start(pKind, kNoCase);
+  const std::uint64_t nAll = 4 * std::max(Disturb(Which, nullptr, 0, pCount), Disturb(Which, nullptr, 1, pCount));
   std::uint64_t nFaults = 0;
-  const std::vector<std::uint64_t> Cases = Which.Cases(4 * nAll, nWanted);
+  const std::vector<std::uint64_t> Cases = Which.Cases(nAll, 600);
   for (const std::uint64_t nCase : Cases) {
     Which.Start(pKind, nCase);
-    nFaults += Disturb(Which, What, nCase);
+    nFaults += Disturb(Which, Begin, nCase, pCount);
   }
-  std::printf("%s: %zu runs of %llu, %llu failed\n", pKind, Cases.size(), static_cast<unsigned long long>(4 * nAll),
-              static_cast<unsigned long long>(nFaults));
+  return std::to_string(Cases.size()) + " runs of " + std::to_string(nAll) + ", " + std::to_string(nFaults) + " failed";
 }
 
 }  // namespace
 
-void RunCalls(const Choice& Which) {
-  RunEach(Which, Failing::Call, "calls", 600);
+std::string RunCalls(const Choice& Which) {
+  return RunEach(Which, &FailAnyCalls, &AllCalls, "calls");
 }
-
-void RunAllocations(const Choice& Which) {
-  RunEach(Which, Failing::Allocation, "allocations", 600);
+std::string RunAllocations(const Choice& Which) {
+  return RunEach(Which, &FailAllocations, &Allocations, "allocations");
 }
 
 }  // namespace lumbra::test

@@ -4,27 +4,27 @@
 #include <cstring>
 #include <fstream>
 
-#include "faults/findings.h"
-
 namespace lumbra::test {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t kSector = 512;
-
 std::string FolderOf(const std::string& Path) {
   return fs::path(Path).parent_path().string();
 }
 
-// Puts bytes into a file that grows as it must; with pPower only some of their sectors.
-void Put(std::string* pFile, const DiskChange& Write, Random* pPower) {
+std::uint64_t AllThere(std::uint64_t nEnd) {
+  return nEnd - 1;
+}
+
+// Puts bytes into a file that grows as it must, sector by sector.
+void Put(std::string* pFile, const DiskChange& Write, const Source& Choose) {
+  constexpr std::size_t kSector = 512;
   const std::size_t nEnd = Write.nOffset + Write.Bytes.size();
   if (pFile->size() < nEnd) pFile->resize(nEnd);
   for (std::size_t nAt = Write.nOffset; nAt < nEnd;) {
     const std::size_t nPiece = std::min(nEnd, (nAt / kSector + 1) * kSector) - nAt;
-    if (pPower == nullptr || (*pPower)() % 2 == 0)
-      pFile->replace(nAt, nPiece, Write.Bytes, nAt - Write.nOffset, nPiece);
+    if (Choose(2) == 1) pFile->replace(nAt, nPiece, Write.Bytes, nAt - Write.nOffset, nPiece);
     nAt += nPiece;
   }
 }
@@ -36,10 +36,9 @@ std::uint32_t FirstOf(const std::optional<std::string>& Header) {
   return nFirst;
 }
 
-std::string EventsOf(const std::string& Folder, std::uint32_t nSegment) {
-  char Name[30];
-  std::snprintf(Name, sizeof(Name), "/%08X_events.dat", nSegment);
-  return Folder + Name;
+// "" of a file that belongs to no segment.
+std::string SegmentOf(const std::string& File) {
+  return File.size() > 9 && File[8] == '_' ? File.substr(0, 8) : "";
 }
 
 }  // namespace
@@ -47,137 +46,130 @@ std::string EventsOf(const std::string& Folder, std::uint32_t nSegment) {
 // ---- The disk ---------------------------------------------------------------------------------------------
 
 void Disk::Apply(const DiskChange& Change) {
-  Name& Of = m_Names[Change.Path];
+  std::vector<File>& Of = m_Names[Change.Path];
+  if (Of.empty()) Of.emplace_back();
   switch (Change.What) {
     case DiskChange::Create:
     case DiskChange::MakeFolder:
-      Of.Since.push_back(std::make_shared<File>());
-      Of.Since.back()->bFolder = Change.What == DiskChange::MakeFolder;
+      Of.push_back({true, Change.What == DiskChange::MakeFolder});
       break;
     case DiskChange::Remove:
-      Of.Since.push_back(nullptr);
+      Of.emplace_back();
       break;
     case DiskChange::Write:
     case DiskChange::SetSize:
-      if (Of.Last() != nullptr) Of.Last()->Since.push_back(Change);
+      Of.back().Pending.push_back(Change);
       break;
     case DiskChange::Sync:
-      if (Of.Last() == nullptr) break;
-      Of.Last()->Synced = Of.Last()->Content(nullptr, false);
-      Of.Last()->Since.clear();
+      Of.back().Synced = ContentOf(Of.back(), &AllThere);
+      Of.back().Pending.clear();
       break;
     case DiskChange::SyncFolder:
       for (auto& [Path, Inside] : m_Names) {
-        if (FolderOf(Path) != Change.Path) continue;
-        Inside.pSynced = Inside.Last();
-        Inside.Since.clear();
+        if (FolderOf(Path) == Change.Path) Inside.erase(Inside.begin(), Inside.end() - 1);
       }
       break;
   }
 }
 
-std::string Disk::File::Content(Random* pPower, bool bNothing) const {
-  std::string Bytes = Synced;
-  for (const DiskChange& One : Since) {
-    const std::uint64_t nFate = pPower == nullptr ? 0 : (*pPower)() % 4;  // there, there, torn or not there
-    if (bNothing || nFate == 3) continue;
+std::string Disk::ContentOf(const File& Of, const Source& Choose) {
+  std::string Bytes = Of.Synced;
+  for (const DiskChange& One : Of.Pending) {
+    const std::uint64_t nFate = Choose(4);  // not there, torn, there, there
+    if (nFate == 0) continue;
     if (One.What == DiskChange::SetSize) {
       Bytes.resize(One.nOffset);
     } else {
-      Put(&Bytes, One, nFate == 2 ? pPower : nullptr);
+      Put(&Bytes, One, nFate == 1 ? Choose : &AllThere);
     }
   }
   return Bytes;
 }
 
-void Disk::Build(const fs::path& Folder, Random* pPower) const {
+void Disk::Build(const fs::path& Folder, const Source& Choose) const {
   fs::remove_all(Folder);
   fs::create_directories(Folder);
-  // In one of four, nothing is there that was not synced.
-  const bool bNothing = pPower != nullptr && (*pPower)() % 4 == 0;
   for (const auto& [Path, Of] : m_Names) {
-    std::shared_ptr<File> pFile = Of.Last();
-    if (pPower != nullptr) {
-      const std::size_t nHappened = bNothing ? 0 : (*pPower)() % (Of.Since.size() + 1);
-      pFile = nHappened == 0 ? Of.pSynced : Of.Since[nHappened - 1];
-    }
-    if (pFile == nullptr || !fs::exists((Folder / Path).parent_path())) continue;
-    if (pFile->bFolder) {
+    const File& Chosen = Of[Choose(Of.size())];
+    if (!Chosen.bThere || !fs::exists((Folder / Path).parent_path())) continue;
+    if (Chosen.bFolder) {
       fs::create_directory(Folder / Path);
     } else {
-      std::ofstream(Folder / Path, std::ios::binary) << pFile->Content(pPower, bNothing);
+      std::ofstream(Folder / Path, std::ios::binary) << ContentOf(Chosen, Choose);
     }
   }
 }
 
 std::optional<std::string> Disk::Now(const std::string& Path) const {
   const auto Found = m_Names.find(Path);
-  if (Found == m_Names.end() || Found->second.Last() == nullptr) return {};
-  return Found->second.Last()->Content(nullptr, false);
+  if (Found == m_Names.end() || !Found->second.back().bThere) return {};
+  return ContentOf(Found->second.back(), &AllThere);
 }
 
 std::optional<std::string> Disk::Synced(const std::string& Path) const {
   const auto Found = m_Names.find(Path);
-  if (Found == m_Names.end() || Found->second.Last() == nullptr) return {};
-  return Found->second.Last()->Synced;
+  if (Found == m_Names.end() || !Found->second.back().bThere) return {};
+  return Found->second.back().Synced;
 }
 
 // ---- The order --------------------------------------------------------------------------------------------
 
 void OrderWatch::Apply(const Fact& Of) {
   if (Of.Kind != Fact::Begin) return;
-  m_nOperation = Of.Of.nTag;
-  ++m_nOperations;
+  m_nKind = Of.Of.nTag;
+  ++m_nOperation;
   m_LastCleared.clear();
+}
+
+void OrderWatch::Apply(const FailedChange& Change) {
+  (Change.What == DiskChange::Sync ? m_Unsynced : m_Owed)[FolderOf(Change.Path)] = m_nOperation;
 }
 
 void OrderWatch::Apply(const DiskChange& Change) {
   const std::string Folder = FolderOf(Change.Path);
   const std::string File = fs::path(Change.Path).filename().string();
-  const bool bHeader = File == "segments.dat";
-  if (const auto Owed = m_Owed.find(Folder); Owed != m_Owed.end()) {
-    const bool bPaid = bHeader && Change.What == DiskChange::Write;
-    const bool bDue = Owed->second != m_nOperations && (m_nOperation == kAddOrLimit || m_nOperation == kFlush);
-    if (bDue && !bPaid) Found("before the header that is owed: " + Change.Path);
-    if (bPaid || bDue || m_nOperation == kClear) m_Owed.erase(Owed);
-  }
-  if (Change.What == DiskChange::Remove) CheckRemoval(Folder, File);
+  CheckDebt(Folder, Change);
+  if (Change.What == DiskChange::Remove && m_nKind == kClear) CheckClear(Folder, File);
+  if (Change.What == DiskChange::Remove && m_nKind != kClear) CheckRemoval(Folder, File);
   m_Disk.Apply(Change);
-  if ((bHeader && Change.What == DiskChange::Write) || Change.What == DiskChange::Remove) CheckFirst(Folder);
+  const bool bHeader = File == "segments.dat" && Change.What == DiskChange::Write;
+  if (m_nKind != kClear && (bHeader || Change.What == DiskChange::Remove)) CheckFirst(Folder);
 }
 
-void OrderWatch::ApplyFailed(const DiskChange& Change) {
-  (Change.What == DiskChange::Sync ? m_Unsynced : m_Owed)[FolderOf(Change.Path)] = m_nOperations;
+void OrderWatch::CheckDebt(const std::string& Folder, const DiskChange& Change) {
+  const auto Owed = m_Owed.find(Folder);
+  if (Owed == m_Owed.end()) return;
+  const bool bPaid = Change.What == DiskChange::Write && Change.Path.ends_with("segments.dat");
+  const bool bDue = Owed->second != m_nOperation && (m_nKind == kAddOrLimit || m_nKind == kFlush);
+  if (bDue && !bPaid) Found("before the header that is owed: " + Change.Path);
+  if (bPaid || bDue || m_nKind == kClear) m_Owed.erase(Owed);
 }
 
-void OrderWatch::CheckRemoval(const std::string& Folder, const std::string& File) {
-  const bool bOfSegment = File.size() > 9 && File[8] == '_';
-  if (m_nOperation == kClear) {
-    const auto Rank = [](const std::string& Name) {
-      return Name.size() > 9 && Name[8] == '_' ? Name.substr(0, 8) : "0";
-    };
-    if (!m_LastCleared.empty() && Rank(File) > Rank(m_LastCleared)) Found("cleared too late: " + Folder + '/' + File);
-    if (m_LastCleared == "segments.dat") Found("cleared behind the header: " + Folder + '/' + File);
-    m_LastCleared = File;
-    return;
-  }
+void OrderWatch::CheckClear(const std::string& Folder, const std::string& File) {
+  if (!m_LastCleared.empty() && SegmentOf(File) > SegmentOf(m_LastCleared))
+    Found("cleared too late: " + Folder + '/' + File);
+  if (m_LastCleared == "segments.dat") Found("cleared behind the header: " + Folder + '/' + File);
+  m_LastCleared = File;
+}
+
+void OrderWatch::CheckRemoval(const std::string& Folder, const std::string& File) const {
+  const std::string Segment = SegmentOf(File);
   const auto Unsynced = m_Unsynced.find(Folder);
-  const bool bGoesOn = Unsynced != m_Unsynced.end() && Unsynced->second == m_nOperations;
-  if (!bOfSegment || m_Owed.contains(Folder) || bGoesOn) return;
-  const auto nSegment = static_cast<std::uint32_t>(std::stoul(File.substr(0, 8), nullptr, 16));
+  const bool bGoesOn = Unsynced != m_Unsynced.end() && Unsynced->second == m_nOperation;
+  if (Segment.empty() || m_Owed.contains(Folder) || bGoesOn) return;
   constexpr std::size_t kHeaderSize = 12;
-  const std::optional<std::string> Events = m_Disk.Now(EventsOf(Folder, nSegment));
+  const std::optional<std::string> Events = m_Disk.Now(Folder + '/' + Segment + "_events.dat");
   if (!Events || Events->size() <= kHeaderSize) return;  // what is left of one that never had an event
-  const std::string Header = Folder + "/segments.dat";
-  if (FirstOf(m_Disk.Synced(Header)) <= nSegment)
+  if (FirstOf(m_Disk.Synced(Folder + "/segments.dat")) <= std::stoul(Segment, nullptr, 16))
     Found("removed before its header is on the disk: " + Folder + '/' + File);
 }
 
 void OrderWatch::CheckFirst(const std::string& Folder) const {
   const std::uint32_t nFirst = FirstOf(m_Disk.Now(Folder + "/segments.dat"));
-  if (m_nOperation == kClear || m_Owed.contains(Folder)) return;
-  if (nFirst == 0 || m_Disk.Now(EventsOf(Folder, nFirst))) return;
-  Found("the header names a segment that is not there: " + EventsOf(Folder, nFirst));
+  if (nFirst == 0 || m_Owed.contains(Folder)) return;
+  char Name[30];
+  std::snprintf(Name, sizeof(Name), "/%08X_events.dat", nFirst);
+  if (!m_Disk.Now(Folder + Name)) Found("the header names a segment that is not there: " + Folder + Name);
 }
 
 }  // namespace lumbra::test

@@ -3,28 +3,28 @@
 
 #include <filesystem>
 #include <map>
-#include <memory>
 #include <optional>
 #include <string>
 #include <variant>
 #include <vector>
 
 #include "faults/driver.h"
-#include "faults/record.h"
 #include "support/system_calls.h"
 
 namespace lumbra::test {
 
+// One that was made to fail.
+struct FailedChange : DiskChange {};
 // What a driver told and what reached the boundary meanwhile, in their order. Paths are below the store's folder.
-using Tape = std::vector<std::variant<Fact, DiskChange>>;
+using Moment = std::variant<Fact, DiskChange, FailedChange>;
+using Tape = std::vector<Moment>;
 
+// What each change came to that no sync followed is a choice: of 4 the first is that it never happened, of 2 that a
+// sector of a torn one did not. The highest number is always that all is there.
 class Disk {
  public:
   void Apply(const DiskChange& Change);
-
-  // Makes the folder anew as a new start finds it when the process ends now; or, with pPower, when the power goes: each
-  // change since the last sync of its file or folder is there, or not, or its sectors in part.
-  void Build(const std::filesystem::path& Folder, Random* pPower) const;
+  void Build(const std::filesystem::path& Folder, const Source& Choose) const;
 
   // The bytes of a file: as they are now, or as they are for good. Nothing where it is missing.
   std::optional<std::string> Now(const std::string& Path) const;
@@ -32,20 +32,15 @@ class Disk {
 
  private:
   struct File {
+    bool bThere = false;
     bool bFolder = false;
-    std::string Synced;
-    std::vector<DiskChange> Since;
-
-    std::string Content(Random* pPower, bool bNothing) const;
+    std::string Synced = {};
+    std::vector<DiskChange> Pending = {};
   };
-  struct Name {
-    std::shared_ptr<File> pSynced;             // null: there was no file of the name
-    std::vector<std::shared_ptr<File>> Since;  // null: removed
+  static std::string ContentOf(const File& Of, const Source& Choose);
 
-    const std::shared_ptr<File>& Last() const { return Since.empty() ? pSynced : Since.back(); }
-  };
-
-  std::map<std::string, Name> m_Names;
+  // Under each name: what its folder holds for good, and what has come and gone since the last sync of the folder.
+  std::map<std::string, std::vector<File>> m_Names;
 };
 
 // Watches the order of what is written while segments come and go:
@@ -57,19 +52,19 @@ class Disk {
 class OrderWatch {
  public:
   void Apply(const Fact& Of);
-  void Apply(const DiskChange& Change);        // that has happened
-  void ApplyFailed(const DiskChange& Change);  // that was made to fail
-
-  const Disk& Made() const { return m_Disk; }
+  void Apply(const DiskChange& Change);
+  void Apply(const FailedChange& Change);
 
  private:
-  void CheckRemoval(const std::string& Folder, const std::string& File);
+  void CheckDebt(const std::string& Folder, const DiskChange& Change);
+  void CheckClear(const std::string& Folder, const std::string& File);
+  void CheckRemoval(const std::string& Folder, const std::string& File) const;
   void CheckFirst(const std::string& Folder) const;
 
   Disk m_Disk;
-  std::uint32_t m_nOperation = kOther;
-  std::uint64_t m_nOperations = 0;
-  std::string m_LastCleared;  // the last file that this clear has removed, by folder and name
+  std::uint32_t m_nKind = kOther;
+  std::uint64_t m_nOperation = 0;
+  std::string m_LastCleared;  // the last file that this clear has removed
   // By folder, the operation in which a header could not be written, and not be synced.
   std::map<std::string, std::uint64_t> m_Owed;
   std::map<std::string, std::uint64_t> m_Unsynced;

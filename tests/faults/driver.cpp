@@ -1,14 +1,10 @@
 #include "faults/driver.h"
 
 #include <algorithm>
-#include <cstring>
 #include <fstream>
-#include <iterator>
-#include <numeric>
+#include <random>
 
-#include "faults/findings.h"
 #include "host/trace_format.h"
-#include "support/system_calls.h"
 
 namespace lumbra::test {
 namespace {
@@ -16,16 +12,13 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::uint32_t kEventSize = 32;
+constexpr std::uint32_t kHeaderSize = 12;       // of an event file
 constexpr std::uint64_t kGlobalLimit = 9000;    // bytes: some segments of a small database
 constexpr std::uint64_t kOneStepOfSize = 1500;  // what an add can bring at most: a new segment and an event
+constexpr std::uint32_t kFinding = 0;
+constexpr std::uint32_t kRepairing = 2;
 
-// Faults are for the store, and not for its driver.
-struct InStore {
-  InStore() { PauseFaults(false); }
-  ~InStore() { PauseFaults(true); }
-};
-
-std::string EventOfSerial(std::uint64_t nSerial, Id nObject) {
+std::string EventOf(std::uint64_t nSerial, Id nObject) {
   const std::uint64_t Parts[] = {nSerial, nObject, nSerial * 0x9E3779B97F4A7C15, ~nSerial};
   static_assert(sizeof(Parts) == kEventSize);
   return {reinterpret_cast<const char*>(Parts), sizeof(Parts)};
@@ -34,19 +27,16 @@ std::string EventOfSerial(std::uint64_t nSerial, Id nObject) {
 std::string Narrow(std::u16string_view Text) {
   return {Text.begin(), Text.end()};
 }
-std::string Hex(std::uint64_t n) {
-  char Text[20];
-  std::snprintf(Text, sizeof(Text), "%016llx", static_cast<unsigned long long>(n));
+std::string Format(const char* pFormat, std::uint64_t n) {
+  char Text[40];
+  std::snprintf(Text, sizeof(Text), pFormat, static_cast<unsigned long long>(n));
   return Text;
 }
 std::string Describe(const Key& Of) {
   constexpr const char* kKinds[] = {"event ", "name of ", "data of "};
-  return kKinds[Of.Kind] + Hex(Of.nId) + (Of.Kind == Key::Data ? " tag " + std::to_string(Of.nTag) : "");
+  return kKinds[Of.Kind] + Format("%016llx", Of.nId) + (Of.nTag != 0 ? " tag " + std::to_string(Of.nTag) : "");
 }
 
-std::uint32_t DatabaseOf(Id nId) {
-  return static_cast<std::uint32_t>(nId >> kDatabaseShift);
-}
 Id FirstOf(std::uint32_t nDatabase) {
   return Id{nDatabase} << kDatabaseShift;
 }
@@ -54,21 +44,26 @@ Fact OverSegments(Fact::Kinds Kind, Id nFirst, Id nCount = 1) {
   return {Kind, {Key::Event, nFirst << kSegmentShift}, {}, (nFirst + nCount) << kSegmentShift};
 }
 
+void NeverPause(bool /*bOutside*/) {}
+
 }  // namespace
+
+Source SourceOf(std::uint64_t nSeed) {
+  return [Random = std::mt19937_64(nSeed)](std::uint64_t nEnd) mutable {
+    return Random() % nEnd;
+  };
+}
 
 Driver::Driver(Setup With, Record Known)
     : m_With(std::move(With)), m_Known(std::move(Known)), m_pInstance(m_With.pInstance), m_nSerial(m_With.nSeed << 32) {
-  PauseFaults(true);
-  const bool bAlone = m_pInstance == nullptr;
+  if (m_With.pPause == nullptr) m_With.pPause = &NeverPause;
+  m_With.pPause(true);
+  if (!m_With.Choose) m_With.Choose = SourceOf(m_With.nSeed);
+  const bool bGlobal = !IsShared() && !m_With.bExact;
   const std::string Suffix = std::to_string(m_With.nFirst);
   m_Databases = {{m_With.nFirst, {}, 6, 20},
-                 {m_With.nFirst + 1, {}, 7, bAlone ? 0u : 21u},
+                 {m_With.nFirst + 1, {}, 7, bGlobal ? 0u : 21u},
                  {0, u"named" + std::u16string(Suffix.begin(), Suffix.end()), 9, 30}};
-}
-
-// The store's own objects take the first ids that are free.
-void Driver::TellOwnObjects() {
-  for (const char* const pName : {"System", "QOR", "host"}) Tell({Fact::Attempt, {Key::Name, 0}, pName});
 }
 
 void Driver::Tell(const Fact& Of) {
@@ -76,166 +71,180 @@ void Driver::Tell(const Fact& Of) {
   if (m_With.Tell) m_With.Tell(Of);
 }
 
+auto Driver::InStore(auto Work) const {
+  m_With.pPause(false);
+  const auto Answer = Work();
+  m_With.pPause(true);
+  return Answer;
+}
+
 template <class... Parameters>
 ResultCode Driver::Call(ResultCode (*Ops::*pOperation)(HostObject*, Parameters...),
                         std::type_identity_t<Parameters>... Arguments) const {
   if (!m_pInstance || !m_pInstance->bOpen) return errSTORE_NOT_INITIALIZED;
-  const InStore Now;
-  return m_pInstance->Store.Call(pOperation, Arguments...);
+  return InStore([&] { return m_pInstance->Store.Call(pOperation, Arguments...); });
+}
+
+void Driver::Expect(bool bTrue, const std::string& What) const {
+  if (!bTrue && m_With.bExact) Found(std::string("in ") + m_pAct + ": " + What);
+}
+
+bool Driver::Done(ResultCode nCode, const std::string& What) {
+  if (Failed(nCode)) m_LastFailure = What + ", " + host::DescribeCode(nCode);
+  Expect(Succeeded(nCode), m_LastFailure);
+  return Succeeded(nCode);
 }
 
 // ---- Opening and closing ----------------------------------------------------------------------------------
 
 bool Driver::Open(Limits Set) {
-  Begin(kOther, 0);
-  TellOwnObjects();
-  if (m_pInstance == nullptr) m_pInstance = std::make_shared<Instance>();
-  if (!m_pInstance->Store) {
-    if (std::getenv("LUMBRA_FAULTS_TRACE") != nullptr) m_pInstance->Host.TraceToStream(600, stderr);
-    m_pInstance->Host.SetPlaceholder(u"%Report%", m_With.Folder.u16string());
-    m_pInstance->Host.SetPlaceholder(u"%host%", u"host");
-    m_pInstance->Store = m_pInstance->Host.Create();
-    (void)m_pInstance->Store.SetNumber(propCHECK_MODE, m_With.bChecked ? 1 : 0);
-  }
-  if (!m_pInstance->bOpen) {
-    const InStore Now;
-    m_pInstance->bOpen = Succeeded(m_pInstance->Store.Init());
-  }
-  bool bOpen = m_pInstance->bOpen;
+  bool bOpen = OpenStore();
   for (Database& One : m_Databases) bOpen = OpenDatabase(&One, Set) && bOpen;
-  if (Set == Limits::Yes && m_With.pInstance == nullptr) {
-    bOpen = Succeeded(Call(&Ops::SetDBParams, kAllDatabases, limitGlobalSize, kGlobalLimit)) && bOpen;
+  const bool bGlobal = Set == Limits::Yes && !IsShared() && !m_With.bExact;
+  return (!bGlobal || Done(Call(&Ops::SetDBParams, kAllDatabases, limitGlobalSize, kGlobalLimit), "limiting")) && bOpen;
+}
+
+bool Driver::OpenStore() {
+  // The store's own objects take the first ids that are free.
+  for (const char* const pName : {"System", "QOR", "host"}) Tell({Fact::Attempt, {Key::Name, 0}, pName});
+  if (m_pInstance == nullptr) {
+    Begin(kOpen);
+    m_pInstance = std::make_shared<Instance>();
   }
-  return bOpen;
+  Begin(kOther);
+  Instance& Now = *m_pInstance;
+  if (!Now.Store) {
+    if (m_With.Trace) Now.Host.TraceToCallback(600, m_With.Trace);
+    Now.Host.SetPlaceholder(u"%Report%", m_With.Folder.u16string());
+    Now.Host.SetPlaceholder(u"%host%", u"host");
+    Now.Store = Now.Host.Create();
+    if (!Done(Now.Store.SetNumber(propCHECK_MODE, m_With.bChecked ? 1 : 0), "setting the mode")) return false;
+  }
+  if (Now.bOpen) return true;
+  return Now.bOpen = Done(InStore([&] { return Now.Store.Init(); }), "opening the store");
 }
 
 bool Driver::OpenDatabase(Database* pDatabase, Limits Set) {
-  Begin(kOther, pDatabase->nId);
-  ResultCode nCode = errOK;
-  if (pDatabase->Name.empty()) {
-    nCode = Call(&Ops::InitDB, pDatabase->nId, kEventSize);
-    if (nCode == errALREADY_DONE) nCode = errOK;
-  } else {
-    nCode = Call(&Ops::InitDBByName, pDatabase->Name.c_str(), kEventSize, &pDatabase->nId);
-  }
-  if (Failed(nCode)) return false;
+  Begin(kOther);
+  const bool bNamed = !pDatabase->Name.empty();
+  ResultCode nCode = bNamed ? Call(&Ops::InitDBByName, pDatabase->Name.c_str(), kEventSize, &pDatabase->nId)
+                            : Call(&Ops::InitDB, pDatabase->nId, kEventSize);
+  if (nCode == errALREADY_DONE) nCode = errOK;
+  if (!Done(nCode, "opening a database")) return false;
   if (Set == Limits::No) return true;
-  TellDrops(*pDatabase);
-  Begin(kAddOrLimit, pDatabase->nId);
-  const auto SetLimit = [&](LumbraLimit Kind, std::uint64_t nValue) {
-    if (Succeeded(nCode)) nCode = Call(&Ops::SetDBParams, pDatabase->nId, Kind, nValue);
-  };
-  if (pDatabase->nMaxEvents != 0) {
-    SetLimit(limitDatabaseSize, 1000000000);  // so that it counts for itself
-    SetLimit(limitDatabaseEvents, pDatabase->nMaxEvents);
+  if (m_With.bExact) {
+    pDatabase->nSegmentEvents = static_cast<std::uint32_t>(2 + Below(8));
+    pDatabase->nMaxEvents = static_cast<std::uint32_t>(1 + Below(30));
   }
-  SetLimit(limitSegmentEvents, pDatabase->nSegmentEvents);
-  if (Failed(nCode)) return false;
+  TellDrops(*pDatabase);
+  Begin(kAddOrLimit);
+  const auto SetLimit = [&](LumbraLimit Kind, std::uint64_t nValue) {
+    return Done(Call(&Ops::SetDBParams, pDatabase->nId, Kind, nValue), "limiting");
+  };
+  // With a size of its own a database does not count in the limit over all.
+  if (pDatabase->nMaxEvents != 0 && !SetLimit(limitDatabaseSize, 1000000000)) return false;
+  if (!SetLimit(limitDatabaseEvents, pDatabase->nMaxEvents)) return false;
+  if (!SetLimit(limitSegmentEvents, pDatabase->nSegmentEvents)) return false;
   LearnDrops(*pDatabase);
   return true;
 }
 
 void Driver::Close() {
-  if (m_pInstance == nullptr || m_With.pInstance != nullptr) return;
-  const InStore Now;
+  if (m_pInstance == nullptr || IsShared()) return;
+  m_With.pPause(false);
   m_pInstance.reset();
-}
-
-bool Driver::Flush() {
-  if (!m_pInstance->bOpen) return false;
-  Begin(kFlush, 0);
-  const auto Send = [this] {
-    const InStore Now;
-    return m_pInstance->Host.SendFlush();
-  };
-  if (Failed(Send())) return false;
-  Tell({Fact::Flushed});
-  return true;
+  m_With.pPause(true);
 }
 
 // ---- The work ---------------------------------------------------------------------------------------------
 
-void Driver::Step(std::uint64_t nStep) {
-  m_Random.seed(m_With.nSeed * 1000003 + nStep);
-  const Database& Db = m_Databases[Below(m_Databases.size())];
-  const std::uint64_t nWhat = Below(40);
-  if (nWhat < 20) {
-    Add(Db);
-  } else if (nWhat < 23) {
-    Update();
-  } else if (nWhat < 27) {
-    SetData();
-  } else if (nWhat < 28) {
-    RemoveData();
-  } else if (nWhat < 33) {
-    Read();
-  } else if (nWhat < 35) {
-    Find(0);
-  } else if (nWhat < 37) {
-    Flush();
-  } else if (nWhat < 38) {
-    (void)Call(&Ops::Compact, 0);
-  } else if (Below(2) == 0) {
-    if (Below(3) == 0) Clear(Db);
-  } else if (m_With.pInstance == nullptr) {
-    // Files that a store does not write again are not synced again: what is to be covered is flushed before it ends.
-    Flush();
-    Close();
-    Open();
-  }
+struct Driver::Act {
+  std::uint64_t nWeight;
+  const char* pName;
+  void (Driver::*pDo)();
+};
+const Driver::Act Driver::kActs[] = {{40, "add", &Driver::AddOne},      {6, "update", &Driver::Update},
+                                     {8, "set data", &Driver::SetData}, {2, "remove data", &Driver::RemoveData},
+                                     {8, "read", &Driver::Read},        {4, "read a row", &Driver::ReadRow},
+                                     {4, "find", &Driver::FindShared},  {4, "flush", &Driver::Flush},
+                                     {2, "compact", &Driver::Compact},  {1, "clear", &Driver::ClearOne},
+                                     {2, "reopen", &Driver::Reopen}};
+
+void Driver::Step() {
+  std::uint64_t nAll = 0;
+  for (const Act& One : kActs) nAll += One.nWeight;
+  std::uint64_t nChosen = Below(nAll);
+  const Act* pChosen = kActs;
+  while (nChosen >= pChosen->nWeight) nChosen -= (pChosen++)->nWeight;
+  m_pAct = pChosen->pName;
+  (this->*pChosen->pDo)();
 }
 
 void Driver::AddToEach(const char* pWhen) {
-  const auto Expect = [&](bool bDone) {
-    if (!bDone) Found(std::string("an add fails ") + pWhen + ": " + m_LastFailure);
+  const auto Require = [&](bool bDone) {
+    if (!bDone && m_Compared != End::Foreign) Found(std::string("an add fails ") + pWhen + ": " + m_LastFailure);
   };
-  Expect(Find(0).has_value());
+  Require(Find(kSystemDatabase, AnyPath()).has_value());
   // A newest segment that lost a file with the power says so once, and the chain goes on behind it.
-  for (const Database& One : m_Databases) Expect(Add(One) || (m_Compared != End::Whole && Add(One)));
+  for (const Database& One : m_Databases) Require(Add(One) || (m_Compared != End::Whole && Add(One)));
 }
 
-const Key* Driver::Pick(Key::Kinds Kind) {
-  std::vector<const Key*> Of;
-  for (const auto& One : m_Known.Now()) {
-    if (One.first.Kind == Kind) Of.push_back(&One.first);
-  }
-  return Of.empty() ? nullptr : Of[Below(Of.size())];
+std::optional<Key> Driver::Pick(Key::Kinds Kind) {
+  const Promises& All = m_Known.Now();
+  const auto First = All.lower_bound({Kind, 0});
+  const auto Last = All.lower_bound({static_cast<Key::Kinds>(Kind + 1), 0});
+  if (First == Last) return {};
+  return std::next(First, static_cast<std::ptrdiff_t>(Below(static_cast<std::uint64_t>(std::distance(First, Last)))))
+      ->first;
 }
 
-// Finds or creates an object under one of a few names, so that some are there already.
-std::optional<Id> Driver::Find(std::uint32_t nDatabase) {
-  Begin(kOther, nDatabase);
-  const std::string Path =
-      "C:\\Dir" + std::to_string(m_With.nFirst * 10 + Below(4)) + "\\Name" + std::to_string(Below(40));
+ResultCode Driver::Look(std::uint32_t nDatabase, const std::string& Path, std::uint32_t nMode, Id* pnId) const {
   const std::u16string Wide(Path.begin(), Path.end());
-  Id nId = 0;
-  constexpr std::uint32_t kRepairing = 2;
-  const ResultCode nCode =
-      Below(2) == 0
-          ? Call(&Ops::FindObject, nDatabase, typeFile, Wide.c_str(), kZeroTerminated, kRepairing, 0, 0, &nId)
-          : Call(&Ops::FindObjectSimple, nDatabase, typeFile, Wide.c_str(), kZeroTerminated, kRepairing, 0, &nId);
-  if (Failed(nCode)) {
-    m_LastFailure = "finding in " + Hex(nDatabase) + ", " + host::DescribeCode(nCode);
-    return {};
+  if (Path.back() % 2 == 0)
+    return Call(&Ops::FindObject, nDatabase, typeFile, Wide.c_str(), kZeroTerminated, nMode, 0, 0, pnId);
+  return Call(&Ops::FindObjectSimple, nDatabase, typeFile, Wide.c_str(), kZeroTerminated, nMode, 0, pnId);
+}
+
+// One of a few, so that some are there already.
+std::string Driver::AnyPath() {
+  const std::string Folder = std::to_string(m_With.nFirst * 10 + Below(4));
+  return "C:\\Dir" + Folder + "\\Name" + std::to_string(Below(40));
+}
+
+std::optional<Id> Driver::Find(std::uint32_t nDatabase, const std::string& Path) {
+  Begin(kOther);
+  Id nKnown = 0;
+  if (m_With.bExact) {
+    const ResultCode nCode = Look(nDatabase, Path, kFinding, &nKnown);
+    const auto Known = m_Known.Now().find({Key::Name, nKnown});
+    const bool bKnown = Succeeded(nCode) && Known != m_Known.Now().end() && Known->second == Path;
+    Expect(bKnown || nCode == errOBJECT_NOT_FOUND, "a wrong answer for the name " + Path);
   }
+  Id nId = 0;
+  if (!Done(Look(nDatabase, Path, kRepairing, &nId), "finding in " + std::to_string(nDatabase))) return {};
+  Expect(nKnown == 0 ? !m_Known.Now().contains({Key::Name, nId}) : nId == nKnown, "another object for " + Path);
   Tell({Fact::Promise, {Key::Name, nId}, Path});
   return nId;
 }
 
 bool Driver::Add(const Database& To) {
-  const std::optional<Id> nObject = Find(To.nId);
+  const std::optional<Id> nObject = Find(To.nId, AnyPath());
   if (!nObject) return false;
   TellDrops(To);
-  const std::string Content = EventOfSerial(++m_nSerial, *nObject);
-  Tell({Fact::Attempt, {Key::Event, FirstOf(To.nId)}, Content});
-  Begin(kAddOrLimit, To.nId);
+  const Chain Held = m_With.bExact ? ChainOf(To) : Chain();
+  const std::string Content = EventOf(++m_nSerial, *nObject);
+  Tell({Fact::Attempt, {Key::Event, 0}, Content});
+  Begin(kAddOrLimit);
   Id nId = 0;
-  if (const ResultCode nCode = Call(&Ops::AddEvent, To.nId, Content.data(), kEventSize, &nId); Failed(nCode)) {
-    m_LastFailure = "adding in " + Hex(To.nId) + ", " + host::DescribeCode(nCode);
-    return false;
-  }
+  const ResultCode nCode = Call(&Ops::AddEvent, To.nId, Content.data(), kEventSize, &nId);
+  if (!Done(nCode, "adding to " + std::to_string(To.nId))) return false;
   const bool bUsed = m_Known.IsUsed(nId, m_Compared == End::Power);
-  if (bUsed && m_Compared != End::Damage) Found("the id of an event came back: " + Hex(nId));
+  if (bUsed && m_Compared <= End::Power) Found("the id of an event came back: " + Describe({Key::Event, nId}));
+  if (!Held.empty()) {
+    const auto& [nNewest, nEvents] = *Held.rbegin();
+    const bool bFull = nEvents >= To.nSegmentEvents;
+    Expect(nId == (bFull ? (nNewest + 1) << kSegmentShift : nNewest << kSegmentShift | nEvents), "ids go up by one");
+  }
   Tell({Fact::Promise, {Key::Event, nId}, Content});
   LearnDrops(To);
   return true;
@@ -243,162 +252,215 @@ bool Driver::Add(const Database& To) {
 
 // Takes back what the limits of a database may drop at its next check.
 void Driver::TellDrops(const Database& Of) {
-  const auto& All = m_Known.Segments();
-  const Id nFirst = FirstOf(Of.nId) >> kSegmentShift;
-  const std::vector<std::pair<Id, std::uint32_t>> Held(All.lower_bound(nFirst),
-                                                       All.lower_bound(FirstOf(Of.nId + 1) >> kSegmentShift));
+  const Chain Held = ChainOf(Of);
   if (Held.empty()) return;
-  std::size_t nSegments = Held.size() + (Held.back().second >= Of.nSegmentEvents ? 1 : 0);
+  std::size_t nSegments = Held.size() + (Held.rbegin()->second >= Of.nSegmentEvents ? 1 : 0);
+  std::uint64_t nCounted = 0;
   if (Of.nMaxEvents == 0) {
     // Also what was written since the last add, which counts in the limit only now.
-    std::uint64_t nBytes = kOneStepOfSize;
     std::error_code Missing;
-    for (const auto& One : fs::directory_iterator(FolderOf(Of), Missing)) nBytes += One.file_size();
-    const bool bMayBeOver = nBytes >= kGlobalLimit;
-    if (nSegments > 1 && bMayBeOver) Tell(OverSegments(Fact::Drop, Held.front().first));
+    for (const auto& One : fs::directory_iterator(FolderOf(Of), Missing)) nCounted += One.file_size();
+    const bool bMayBeOver = nCounted + kOneStepOfSize >= kGlobalLimit;
+    if (nSegments > 1 && bMayBeOver) Tell(OverSegments(Fact::Drop, Held.begin()->first));
     return;
   }
-  std::uint32_t nEvents = 0;
-  for (const auto& One : Held) nEvents += One.second;
-  for (std::size_t i = 0; i < Held.size() && nSegments > 1 && nEvents > Of.nMaxEvents; ++i, --nSegments) {
-    Tell(OverSegments(Fact::Drop, Held[i].first));
-    nEvents -= Held[i].second;
+  for (const auto& One : Held) nCounted += One.second;
+  for (auto Oldest = Held.begin(); nSegments > 1 && nCounted > Of.nMaxEvents; ++Oldest, --nSegments) {
+    Tell(OverSegments(Fact::Drop, Oldest->first));
+    nCounted -= Oldest->second;
   }
 }
 
 // What is gone the store alone knows: it may have been killed before it dropped what it was about to.
 void Driver::LearnDrops(const Database& Of) {
-  const std::uint32_t nRecords = Info(Of.nId).first;
-  for (;;) {
-    std::uint32_t nHeld = 0;
-    Id nOldest = 0;
-    for (const auto& [nSegment, nEvents] : m_Known.Segments()) {
-      if (DatabaseOf(nSegment << kSegmentShift) != Of.nId) continue;
-      if (nOldest == 0) nOldest = nSegment;
-      nHeld += nEvents;
-    }
-    if (nHeld <= nRecords) return;
-    Tell(OverSegments(Fact::Gone, nOldest));
+  const std::uint32_t nRecords = RecordsOf(Of.nId);
+  const Chain Held = m_Known.SegmentsOf(Of.nId);
+  std::uint64_t nHeld = 0;
+  for (const auto& One : Held) nHeld += One.second;
+  for (auto Oldest = Held.begin(); nHeld > nRecords; ++Oldest) {
+    Tell(OverSegments(Fact::Gone, Oldest->first));
+    nHeld -= Oldest->second;
   }
+  Expect(nHeld == nRecords, "a database tells events that were never added");
+}
+
+void Driver::Replace(const Key& Of, const std::string& Content, auto Write) {
+  Begin(kOther);
+  Tell({Fact::Attempt, Of, Content});
+  Tell({Fact::TakeBack, Of});
+  if (Done(Write(static_cast<std::uint32_t>(Content.size())), "replacing")) Tell({Fact::Promise, Of, Content});
 }
 
 void Driver::Update() {
-  const Key* const pPicked = Pick(Key::Event);
-  if (pPicked == nullptr) return;
-  const Key Event = *pPicked;
-  Begin(kOther, Event.nId);
-  const std::string Content = EventOfSerial(++m_nSerial, 0);
-  Tell({Fact::Attempt, Event, Content});
-  Tell({Fact::TakeBack, Event});
-  const ResultCode nCode = Call(&Ops::UpdateEvent, Event.nId, Content.data(), kEventSize);
-  if (Succeeded(nCode)) Tell({Fact::Promise, Event, Content});
+  const std::optional<Key> Event = Pick(Key::Event);
+  if (!Event) return;
+  const std::string Content = EventOf(++m_nSerial, 0);
+  Replace(*Event, Content,
+          [&](std::uint32_t nSize) { return Call(&Ops::UpdateEvent, Event->nId, Content.data(), nSize); });
 }
 
 void Driver::SetData() {
-  const Key* const pPicked = Pick(Key::Name);
-  if (pPicked == nullptr) return;
-  const Key Block{Key::Data, pPicked->nId, static_cast<std::uint32_t>(1 + Below(3))};
-  Begin(kOther, Block.nId);
+  const std::optional<Key> Object = Pick(Key::Name);
+  if (!Object) return;
+  const Key Block{Key::Data, Object->nId, static_cast<std::uint32_t>(1 + Below(3))};
   std::string Content(1 + Below(Below(4) == 0 ? 5000 : 60), '\0');
-  for (char& c : Content) c = static_cast<char>(Below(256));
-  Tell({Fact::Attempt, Block, Content});
-  Tell({Fact::TakeBack, Block});
+  std::ranges::generate(Content, [n = Below(256)]() mutable { return static_cast<char>(n = n * 5 + 1); });
   host::ByteBlob Saved({Content.begin(), Content.end()});
-  const auto nSize = static_cast<std::uint32_t>(Content.size());
-  const ResultCode nCode = Below(2) == 0 ? Call(&Ops::SetObjectData, Block.nId, Content.data(), nSize, Block.nTag)
-                                         : Call(&Ops::SetObjectDataFrom, Block.nId, Saved.Handle(), Block.nTag);
-  if (Succeeded(nCode)) Tell({Fact::Promise, Block, Content});
+  Replace(Block, Content, [&](std::uint32_t nSize) {
+    if (Below(2) == 0) return Call(&Ops::SetObjectData, Block.nId, Content.data(), nSize, Block.nTag);
+    return Call(&Ops::SetObjectDataFrom, Block.nId, Saved.Handle(), Block.nTag);
+  });
 }
 
 void Driver::RemoveData() {
-  const Key* const pPicked = Pick(Key::Data);
-  if (pPicked == nullptr) return;
-  const Id nObject = pPicked->nId;
-  Begin(kOther, nObject);
-  for (std::uint32_t nTag = 1; nTag <= 3; ++nTag) Tell({Fact::TakeBack, {Key::Data, nObject, nTag}});
-  (void)Call(&Ops::RemoveAllObjectData, nObject);
-}
-
-void Driver::Clear(const Database& Which) {
-  Tell(OverSegments(Fact::Clear, FirstOf(Which.nId) >> kSegmentShift, Id{1} << (kDatabaseShift - kSegmentShift)));
-  Begin(kClear, Which.nId);
-  (void)Call(&Ops::ClearDB, Which.nId);
+  const std::optional<Key> Block = Pick(Key::Data);
+  if (!Block) return;
+  Begin(kOther);
+  for (std::uint32_t nTag = 1; nTag <= 3; ++nTag) Tell({Fact::TakeBack, {Key::Data, Block->nId, nTag}});
+  if (!Done(Call(&Ops::RemoveAllObjectData, Block->nId), "removing data")) return;
+  Expect(!ValueOf(*Block), "data stays that was removed");
 }
 
 // What is read is compared; that a read fails is another matter.
 void Driver::Read() {
   for (const Key::Kinds Kind : {Key::Event, Key::Name, Key::Data}) {
-    const Key* const pKey = Pick(Kind);
-    if (pKey == nullptr) continue;
-    const std::optional<std::string> Value = ValueOf(*pKey);
-    if (Value && *Value != m_Known.Now().at(*pKey)) Found("a read delivers a wrong " + Describe(*pKey));
-    host::IdContainer Ids;
+    const std::optional<Key> Picked = Pick(Kind);
+    if (!Picked) continue;
+    const std::optional<std::string> Value = ValueOf(*Picked);
+    Expect(Value.has_value(), "unreadable: " + Describe(*Picked));
+    if (Value && *Value != m_Known.Now().at(*Picked)) Found("a read delivers a wrong " + Describe(*Picked));
     host::ByteBlob Blob;
-    char Buffer[5 * kEventSize];
-    std::uint32_t nRead = 0;
-    (void)Call(&Ops::GetEvents, DatabaseOf(pKey->nId), 0, Buffer, sizeof(Buffer), 5, &nRead, Ids.Handle());
-    (void)Call(&Ops::GetObjectDataInto, pKey->nId, Ids.Handle(), pKey->nTag);
-    (void)Call(&Ops::GetObjectDataInto, pKey->nId, Blob.Handle(), pKey->nTag);
-    (void)Call(&Ops::EnumFirstObject, DatabaseOf(pKey->nId), nullptr);
-    (void)Call(&Ops::EnumNextObject, pKey->nId, nullptr);
+    host::IdContainer Ids;
+    const ResultCode nCode = Call(&Ops::GetObjectDataInto, Picked->nId, Blob.Handle(), Picked->nTag);
+    const bool bBlob = Succeeded(nCode) && Kind == Key::Data;
+    if (bBlob && std::string(Blob.Content().begin(), Blob.Content().end()) != m_Known.Now().at(*Picked))
+      Found("a read delivers other " + Describe(*Picked));
+    // That these answer is enough: there is no such data, and enumerating is not supported.
+    (void)Call(&Ops::GetObjectDataInto, Picked->nId, Ids.Handle(), Picked->nTag);
+    (void)Call(&Ops::EnumFirstObject, DatabaseOfId(Picked->nId), nullptr);
+    (void)Call(&Ops::EnumNextObject, Picked->nId, nullptr);
   }
-  Info(kAllDatabases);
+  (void)RecordsOf(kAllDatabases);  // others may use it as well
+}
+
+// Some events from a position, from the end or from an event's id, with the folders of the objects that they are about.
+void Driver::ReadRow() {
+  const Database& Of = Any();
+  const Promises& Known = m_Known.Now();
+  const std::vector<Promises::value_type> All(Known.lower_bound({Key::Event, FirstOf(Of.nId)}),
+                                              Known.lower_bound({Key::Event, FirstOf(Of.nId + 1)}));
+  if (All.empty()) return;
+  const std::uint64_t nAt = Below(All.size());
+  const Id Starts[] = {nAt, nAt - All.size(), All[nAt].first.nId};
+  std::string Rows(5 * kEventSize, '\0');
+  std::uint32_t nRead = 0;
+  host::IdContainer Folders;
+  const ResultCode nCode =
+      Call(&Ops::GetEvents, Of.nId, Starts[Below(3)], Rows.data(), 5 * kEventSize, 5, &nRead, Folders.Handle());
+  if (!m_With.bExact || !Done(nCode, "reading a row")) return;
+  Expect(nRead == std::min<std::size_t>(5, All.size() - nAt), "a row of another length");
+  for (std::size_t i = 0; i < nRead; ++i) {
+    const std::string& Content = All[nAt + i].second;
+    Expect(Rows.substr(i * kEventSize, kEventSize) == Content,
+           "a row delivers a wrong " + Describe(All[nAt + i].first));
+    Id nObject = 0;
+    std::copy_n(Content.data() + sizeof(Id), sizeof(Id), reinterpret_cast<char*>(&nObject));
+    const auto Path = Known.find({Key::Name, nObject});
+    if (Path == Known.end()) continue;
+    const std::string Folder = Path->second.substr(0, Path->second.rfind('\\'));
+    Expect(ValueOf({Key::Name, Folders.Parents().at(i)}) == Folder, "another folder than " + Folder);
+  }
+}
+
+void Driver::Flush() {
+  if (!m_pInstance->bOpen) return;
+  Begin(kFlush);
+  if (Done(InStore([this] { return m_pInstance->Host.SendFlush(); }), "flushing")) Tell({Fact::Flushed});
+}
+
+void Driver::Compact() {
+  (void)Done(Call(&Ops::Compact, kSystemDatabase), "compacting");  // the live files stay as they are
+}
+
+bool Driver::Clear(const Database& Which) {
+  Tell(OverSegments(Fact::Clear, FirstOf(Which.nId) >> kSegmentShift, Id{1} << (kDatabaseShift - kSegmentShift)));
+  Begin(kClear);
+  return Done(Call(&Ops::ClearDB, Which.nId), "clearing");
+}
+
+// Files that a store does not write again are not synced again: what is to be covered is flushed before it ends. Where
+// nothing disturbs, the next start meets what it may meet: half an event, compacted files in their place, another mode.
+void Driver::Reopen() {
+  if (IsShared()) return;
+  Flush();
+  if (m_With.bExact) Compact();
+  Close();
+  if (m_With.bExact) {
+    if (Below(2) == 0) {
+      for (const char* const pName : {"g_objid", "g_objdt"}) {
+        fs::rename(m_With.Folder / (std::string(pName) + "compacted.dat"),
+                   m_With.Folder / (std::string(pName) + ".dat"));
+      }
+    }
+    const Database& Torn = Any();
+    const auto [nSegment, nEvents] = *ChainOf(Torn).rbegin();
+    fs::resize_file(EventFile(Torn, nSegment), kHeaderSize + nEvents * kEventSize + Below(kEventSize));
+    m_With.bChecked = Below(2) == 0;
+  }
+  (void)Open();  // where that may fail, the next one to open goes on
 }
 
 // ---- Reading ----------------------------------------------------------------------------------------------
 
-std::optional<std::string> Driver::EventOf(Id nId) const {
-  std::string Content(kEventSize, '\0');
-  std::uint32_t nRead = 0;
-  const ResultCode nCode = Call(&Ops::GetEvents, DatabaseOf(nId), nId, Content.data(), kEventSize, 1, &nRead, nullptr);
-  return nCode == errOK && nRead == 1 ? std::optional(Content) : std::nullopt;
-}
-
 std::optional<std::string> Driver::ValueOf(const Key& Of) const {
-  if (Of.Kind == Key::Event) return EventOf(Of.nId);
-  if (Of.Kind == Key::Name) {
-    char16_t Name[200] = {};
-    const ResultCode nCode = Call(&Ops::GetObjectName, Of.nId, Name, sizeof(Name), nullptr, 0, nullptr);
-    return Succeeded(nCode) ? std::optional(Narrow(Name)) : std::nullopt;
-  }
-  std::string Content(6000, '\0');
+  const std::uint32_t nDatabase = DatabaseOfId(Of.nId);
   std::uint32_t nSize = 0;
-  const ResultCode nCode = Call(&Ops::GetObjectData, Of.nId, Content.data(), 6000, &nSize, Of.nTag);
+  std::string Content(6000, '\0');
+  char16_t Name[200] = {};
+  ResultCode nCode = errOK;
+  if (Of.Kind == Key::Event) {
+    nCode = Call(&Ops::GetEvents, nDatabase, Of.nId, Content.data(), kEventSize, 1, &nSize, nullptr);
+    nSize *= kEventSize;
+    if (nSize == 0) return {};
+  } else if (Of.Kind == Key::Name) {
+    nCode = Call(&Ops::GetObjectName, Of.nId, Name, sizeof(Name), nullptr, 0, nullptr);
+    return Succeeded(nCode) ? std::optional(Narrow(Name)) : std::nullopt;
+  } else {
+    nCode = Call(&Ops::GetObjectData, Of.nId, Content.data(), 6000, &nSize, Of.nTag);
+  }
   Content.resize(std::min(nSize, 6000u));
   return Succeeded(nCode) ? std::optional(Content) : std::nullopt;
 }
 
-std::pair<std::uint32_t, std::uint64_t> Driver::Info(std::uint32_t nDatabase) const {
-  std::pair<std::uint32_t, std::uint64_t> Told;
-  (void)Call(&Ops::GetDBInfo, nDatabase, &Told.first, &Told.second, nullptr);
-  return Told;
+std::uint32_t Driver::RecordsOf(std::uint32_t nDatabase) const {
+  std::uint32_t nRecords = 0;
+  std::uint64_t nBytes = 0;
+  (void)Call(&Ops::GetDBInfo, nDatabase, &nRecords, &nBytes, nullptr);  // 0 of one that is not open
+  return nRecords;
 }
 
 bool Driver::IsMarkedCorrupted() const {
   std::uint32_t nMarked = 0;
-  (void)m_pInstance->Store.GetNumber(propCORRUPTED, &nMarked);
-  return nMarked != 0;
+  return Succeeded(m_pInstance->Store.GetNumber(propCORRUPTED, &nMarked)) && nMarked != 0;
 }
 
 fs::path Driver::FolderOf(const Database& Of) const {
-  char Name[20];
-  std::snprintf(Name, sizeof(Name), "%02X", Of.nId);
-  return m_With.Folder / (Of.Name.empty() ? Name : Narrow(Of.Name));
+  return m_With.Folder / (Of.Name.empty() ? Format("%02llX", Of.nId) : Narrow(Of.Name));
+}
+
+fs::path Driver::EventFile(const Database& Of, Id nSegment) const {
+  return FolderOf(Of) / (Format("%08llX", nSegment & 0xFFFFFF) + "_events.dat");
 }
 
 // As it stands on the disk: from the segment that the header names, up to the first without an event file.
 Driver::Chain Driver::ChainOf(const Database& Of) const {
-  const fs::path Folder = FolderOf(Of);
   std::uint32_t Header[3] = {};
-  std::ifstream(Folder / "segments.dat", std::ios::binary).read(reinterpret_cast<char*>(Header), sizeof(Header));
+  std::ifstream(FolderOf(Of) / "segments.dat", std::ios::binary).read(reinterpret_cast<char*>(Header), sizeof(Header));
   Chain There;
   for (std::uint32_t nSegment = Header[1]; nSegment != 0; ++nSegment) {
-    char Name[30];
-    std::snprintf(Name, sizeof(Name), "%08X_events.dat", nSegment);
     std::error_code Missing;
-    const std::uint64_t nSize = fs::file_size(Folder / Name, Missing);
+    const std::uint64_t nSize = fs::file_size(EventFile(Of, nSegment), Missing);
     if (Missing) break;
-    constexpr std::uint32_t kHeaderSize = 12;
     There[FirstOf(Of.nId) >> kSegmentShift | nSegment] =
         nSize < kHeaderSize ? 0 : static_cast<std::uint32_t>((nSize - kHeaderSize) / kEventSize);
   }
@@ -409,91 +471,113 @@ Driver::Chain Driver::ChainOf(const Database& Of) const {
 
 void Driver::Verify(End Of, Lookups Which) {
   m_Compared = Of;
+  m_pAct = "comparing";
   const Promises Must = Of == End::Power ? m_Known.Covered() : m_Known.Now();
+  const Promises Known = m_Known.Now();
+  std::set<Key> Events;
   std::set<Id> Newest = {0};
   for (const Database& One : m_Databases) {
     const Chain There = ChainOf(One);
     if (!There.empty()) Newest.insert(There.rbegin()->first);
-    VerifyEvents(One, There, Must, Of);
+    std::uint32_t nRecords = 0;
+    for (const auto& [nSegment, nEvents] : There) {
+      nRecords += nEvents;
+      for (Id i = 0; i < nEvents; ++i) Events.insert({Key::Event, (nSegment << kSegmentShift) + i});
+    }
+    const std::uint32_t nTold = RecordsOf(One.nId);
+    if (nTold != nRecords && Of == End::Whole)
+      Found("a database tells " + std::to_string(nTold) + " events, its files have " + std::to_string(nRecords));
   }
-  VerifyObjects(Must, Of);
+  for (const auto& [Event, Value] : Must) VerifyValue(Event, &Value, Of);
+  for (const auto& One : Known) {
+    if (One.first.Kind != Key::Event && !Must.contains(One.first)) VerifyValue(One.first, nullptr, Of);
+  }
+  for (const Key& Event : Events) {
+    if (!Must.contains(Event)) VerifyValue(Event, nullptr, Of);
+  }
   VerifyLookups(Newest, Must, Of, Which);
 }
 
-// Events have no CRC: what damage makes of them is not compared, but read.
-void Driver::VerifyEvents(const Database& Of, const Chain& There, const Promises& Must, End How) {
-  std::uint32_t nRecords = 0;
-  for (const auto& One : There) nRecords += One.second;
-  const std::uint32_t nTold = Info(Of.nId).first;
-  if (nTold != nRecords && How == End::Whole) {
-    Found("database " + Hex(Of.nId) + " tells " + std::to_string(nTold) + " events, its files have " +
-          std::to_string(nRecords));
-  }
-  for (const auto& [Event, Value] : Must) {
-    if (Event.Kind != Key::Event || DatabaseOf(Event.nId) != Of.nId || How == End::Damage) continue;
-    const auto Segment = There.find(Event.nId >> kSegmentShift);
-    const bool bThere = Segment != There.end() && static_cast<std::uint32_t>(Event.nId) < Segment->second;
-    if (!bThere) Found("lost: " + Describe(Event));
-  }
-  for (const auto& [nSegment, nCount] : There) {
-    const Id nFirst = nSegment << kSegmentShift;
-    for (Id nId = nFirst; nId < nFirst + nCount; ++nId) VerifyEvent(nId, Must, How);
-  }
-}
-
-void Driver::VerifyEvent(Id nId, const Promises& Must, End How) {
-  const Key Event{Key::Event, nId};
-  const std::optional<std::string> Content = EventOf(nId);
-  if (How == End::Damage) return;
-  const auto Promised = Must.find(Event);
-  const bool bMust = Promised != Must.end();
-  const bool bTried = Content && m_Known.WasTried(Event, *Content);
-  const bool bTorn = How == End::Power && (!Content || m_Known.IsTorn(nId, *Content));
-  if (bMust ? Content != Promised->second : !bTried && !bTorn) {
-    Found((Content ? "altered: " : "unreadable: ") + Describe(Event));
-  }
-  // One that was under way and made it is there from now on.
-  if (!bMust && bTried && How == End::Whole && !m_Known.IsUsed(nId, false)) Tell({Fact::Promise, Event, *Content});
-}
-
-void Driver::VerifyObjects(const Promises& Must, End How) {
-  for (const auto& [Of, Value] : Must) {
-    if (Of.Kind == Key::Event) continue;
-    const std::optional<std::string> There = ValueOf(Of);
-    if (There != Value && (There || How != End::Damage))
-      Found((There ? "altered: " : "lost: ") + Describe(Of) + (Of.Kind == Key::Name ? " (" + Value + ")" : ""));
-  }
-  // Where CRCs vouch for names and data, nothing is delivered that never was there.
-  for (const auto& [Of, Value] : m_Known.Now()) {
-    if (Of.Kind == Key::Event || Must.contains(Of) || !m_With.bChecked || How != End::Power) continue;
-    const std::optional<std::string> There = ValueOf(Of);
-    // A record of zeros, as a file has that was extended and not written, has the right CRC: an object without a name.
+// One that must be there, or one that may be. Events have no CRC: what damage makes of them is not compared, but read.
+void Driver::VerifyValue(const Key& Of, const std::string* pMust, End How) {
+  const std::optional<std::string> There = ValueOf(Of);
+  const bool bEvent = Of.Kind == Key::Event;
+  bool bGood = How == End::Foreign || (How == End::Damage && (bEvent || !There));
+  if (pMust != nullptr) {
+    bGood = bGood || There == *pMust;
+  } else if (bEvent) {
+    const bool bTried = There && m_Known.WasTried(Of, *There);
+    bGood = bGood || bTried || (How == End::Power && (!There || m_Known.IsTorn(Of.nId, *There)));
+    // One that was under way and made it is there from now on.
+    if (bTried && How == End::Whole && !m_Known.IsUsed(Of.nId, false)) Tell({Fact::Promise, Of, *There});
+  } else {
+    // Where CRCs vouch for names and data, nothing is delivered that never was there. A record of zeros, as a file has
+    // that was extended and not written, has the right CRC: an object without a name.
     const bool bZeros = There && Of.Kind == Key::Name && (There->empty() || There->starts_with('\\'));
-    if (There && !bZeros && !m_Known.WasTried(Of, *There))
-      Found("delivered as good: wrong " + Describe(Of) + (Of.Kind == Key::Name ? " (" + Value + "): " + *There : ""));
+    bGood = bGood || !m_With.bChecked || !There || bZeros || m_Known.WasTried(Of, *There);
   }
+  if (!bGood) Found((There ? "altered: " : "lost: ") + Describe(Of) + (pMust && !bEvent ? " (" + *pMust + ")" : ""));
 }
 
-void Driver::VerifyLookups(const std::set<Id>& Stores, const Promises& Must, End How, Lookups Which) {
-  std::map<std::pair<Id, std::string>, Id> Newest;  // of each name in each store
-  for (const auto& [Of, Value] : Must) {
-    if (Of.Kind == Key::Name && Stores.contains(Of.nId >> kSegmentShift))
-      Newest[{Of.nId >> kSegmentShift, Value}] = Of.nId;
+// The newest object of each name: an older one was out of reach when that was made.
+void Driver::VerifyLookups(const std::set<Id>& Segments, const Promises& Must, End How, Lookups Which) {
+  std::map<std::pair<Id, std::string>, Id> Newest;
+  for (const auto& [Of, Path] : Must) {
+    const Id nSegment = Of.nId >> kSegmentShift;
+    if (Of.Kind == Key::Name && Segments.contains(nSegment)) Newest[{nSegment, Path}] = Of.nId;
   }
   for (const auto& One : Newest) {
-    const auto& Where = One.first;
-    const Id nExpected = One.second;
-    const std::u16string Path(Where.second.begin(), Where.second.end());
-    const auto Look = [&](std::uint32_t nMode, Id* pnId) {
-      return Call(&Ops::FindObject, DatabaseOf(nExpected), typeFile, Path.c_str(), kZeroTerminated, nMode, 0, 0, pnId);
-    };
+    const std::string& Path = One.first.second;
+    const std::uint32_t nDatabase = DatabaseOfId(One.second);
     Id nId = 0;
-    const ResultCode nCode = Look(0, &nId);
-    if (Succeeded(nCode) ? nId == nExpected || How == End::Power : How == End::Damage) continue;
-    if (Failed(nCode) && Which == Lookups::MayFail && Succeeded(Look(2, &nId))) continue;
+    const ResultCode nCode = Look(nDatabase, Path, kFinding, &nId);
+    if (How == End::Foreign || (How == End::Damage && Failed(nCode))) continue;
+    if (Succeeded(nCode) && (nId == One.second || How == End::Power)) continue;
     // A creation that repaired has cut the node off, and was killed before it told the new id.
     if (Succeeded(nCode) && Which == Lookups::MayFail && !Must.contains({Key::Name, nId})) continue;
-    Found("not found under its " + Describe({Key::Name, nExpected}) + ": " + Where.second + ", but " + Hex(nId));
+    if (Failed(nCode) && Which == Lookups::MayFail && Succeeded(Look(nDatabase, Path, kRepairing, &nId))) continue;
+    Found("not found: " + Describe({Key::Name, One.second}) + " (" + Path + ")");
+  }
+}
+
+void Driver::UseDamaged(End Of) {
+  if (!Open(Limits::No)) return;
+  Verify(Of, Lookups::MayFail);
+  for (const bool bCleared : {false, true}) {
+    m_Known = {};
+    AddToEach("after damage");
+    for (const Database& One : m_Databases) (void)Find(One.nId, "Alone");
+    Flush();
+    Close();
+    m_With.bChecked = !m_With.bChecked;
+    if (!Open(Limits::No)) Found("it does not open again");
+    for (const auto& [One, Value] : m_Known.Now()) {
+      // The whole name of an object may lead through one that is damaged.
+      if (One.Kind == Key::Event || Value == "Alone") VerifyValue(One, &Value, End::Whole);
+    }
+    for (const Database& One : m_Databases) {
+      if (!bCleared && !Clear(One)) Found("it cannot be cleared: " + m_LastFailure);
+    }
+  }
+}
+
+// ---- Files ------------------------------------------------------------------------------------------------
+
+Files ReadFiles(const fs::path& Folder) {
+  Files All;
+  for (const auto& Entry : fs::recursive_directory_iterator(Folder)) {
+    if (!Entry.is_regular_file()) continue;
+    std::ifstream Stream(Entry.path(), std::ios::binary);
+    All[Entry.path().lexically_relative(Folder).string()] = std::string(std::istreambuf_iterator<char>(Stream), {});
+  }
+  return All;
+}
+
+void WriteFiles(const fs::path& Folder, const Files& All) {
+  fs::remove_all(Folder);
+  for (const auto& [Path, Content] : All) {
+    fs::create_directories((Folder / Path).parent_path());
+    std::ofstream(Folder / Path, std::ios::binary) << Content;
   }
 }
 

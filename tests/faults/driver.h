@@ -1,11 +1,11 @@
-// A host that works with a store in every way, and keeps a record of what was acknowledged.
+// A host that works with a store in every way, and keeps a record of what was acknowledged. What disturbs the store is
+// none of its business: the fault programme and the fuzz targets stand around it.
 #pragma once
 
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -14,7 +14,9 @@
 
 namespace lumbra::test {
 
-using Random = std::mt19937_64;
+// A number below the end, which is not 0.
+using Source = std::function<std::uint64_t(std::uint64_t nEnd)>;
+Source SourceOf(std::uint64_t nSeed);
 
 // A store that is loaded into a host; one at a time in a process.
 struct Instance {
@@ -23,16 +25,23 @@ struct Instance {
   bool bOpen = false;
 };
 
+// Called with what a driver finds, on any thread. Whoever uses a driver says what becomes of it: the fault programme
+// prints it with what reproduces it, a fuzz target ends.
+void Found(const std::string& What);
+
 class Driver {
  public:
   struct Setup {
     std::filesystem::path Folder;
     bool bChecked = false;
-    std::uint64_t nSeed = 1;
-    std::function<void(const Fact&)> Tell = {};     // receives every fact, before the call that it stands before
-    std::uint32_t nFirst = 1;                       // its numbered databases: this one and the next
-    std::shared_ptr<Instance> pInstance = nullptr;  // that others use as well; then no limit reaches over databases
-    std::function<std::uint64_t(std::uint64_t nEnd)> Choose = {};  // a number below the end; otherwise the seed decides
+    std::uint64_t nSeed = 1;                         // numbers what it writes
+    Source Choose = {};                              // decides what it does; otherwise the seed does
+    bool bExact = false;                             // nothing disturbs the store: every answer is known
+    std::function<void(const Fact&)> Tell = {};      // receives every fact, before the call that it stands before
+    host::StandaloneHost::TraceCallback Trace = {};  // receives every line of the store's trace
+    void (*pPause)(bool bOutside) = nullptr;         // called when the store is left, and with false when it is entered
+    std::uint32_t nFirst = 1;                        // its numbered databases: this one and the next
+    std::shared_ptr<Instance> pInstance = nullptr;   // that others use as well; then no limit reaches over databases
   };
   explicit Driver(Setup With, Record Known = {});
   ~Driver() { Close(); }
@@ -44,24 +53,29 @@ class Driver {
   bool Open(Limits Set = Limits::Yes);
   void Close();
 
-  // One operation, which the seed and the number decide; sometimes a flush, or the end of the store and a new start.
-  void Step(std::uint64_t nStep);
-  bool Flush();
+  // One operation; sometimes a flush, or the end of the store and a new start.
+  void Step();
+  void Flush();
   // Creates a name and adds an event in each database, and a shared name. A failure is told as a finding.
   void AddToEach(const char* pWhen);
 
   // Compares the store with the record. Whole: everything is there; Power: the disk may have lost some of what no flush
-  // covered; Damage: anything may be lost, and only what is delivered counts. Lookups that may fail are those in a tree
-  // that was cut short; a repair makes up for them.
-  enum class End { Whole, Power, Damage };
+  // covered; Damage: anything may be lost, and where CRCs vouch for it only what is delivered counts; Foreign: any
+  // bytes may be delivered. Lookups that may fail are those in a tree that was cut short; a repair makes up for them.
+  enum class End { Whole, Power, Damage, Foreign };
   enum class Lookups { MustSucceed, MayFail };
   void Verify(End Of, Lookups Which);
+  // Everything with a store that is damaged or foreign, if it opens: reading, adding, clearing. What is acknowledged
+  // from then on is there after a new start.
+  void UseDamaged(End Of);
   bool IsMarkedCorrupted() const;
 
-  Record& Known() { return m_Known; }
+  const Record& Known() const { return m_Known; }
 
  private:
   using Ops = LumbraOperations;
+  struct Act;
+  static const Act kActs[];
   struct Database {
     std::uint32_t nId;
     std::u16string Name;  // empty: numbered
@@ -70,44 +84,62 @@ class Driver {
   };
   using Chain = std::map<Id, std::uint32_t>;  // whole records by segment
 
+  auto InStore(auto Work) const;
   template <class... Parameters>
   ResultCode Call(ResultCode (*Ops::*pOperation)(HostObject*, Parameters...),
                   std::type_identity_t<Parameters>... Arguments) const;
+  bool Done(ResultCode nCode, const std::string& What);
+  void Expect(bool bTrue, const std::string& What) const;  // of an undisturbed store
   void Tell(const Fact& Of);
-  void TellOwnObjects();
-  void Begin(OperationKind Kind, Id nWhere) { Tell({Fact::Begin, {Key::Event, nWhere, Kind}}); }
-  std::uint64_t Below(std::uint64_t nEnd) { return m_With.Choose ? m_With.Choose(nEnd) : m_Random() % nEnd; }
-  const Key* Pick(Key::Kinds Kind);
+  void Begin(OperationKind Kind) { Tell({Fact::Begin, {Key::Event, 0, Kind}}); }
+  bool IsShared() const { return m_With.pInstance != nullptr; }
+  std::uint64_t Below(std::uint64_t nEnd) { return m_With.Choose(nEnd); }
+  const Database& Any() { return m_Databases[Below(m_Databases.size())]; }
+  std::optional<Key> Pick(Key::Kinds Kind);
 
+  bool OpenStore();
   bool OpenDatabase(Database* pDatabase, Limits Set);
-  std::optional<Id> Find(std::uint32_t nDatabase);
-  bool Add(const Database& To);
   void TellDrops(const Database& Of);
   void LearnDrops(const Database& Of);
+  ResultCode Look(std::uint32_t nDatabase, const std::string& Path, std::uint32_t nMode, Id* pnId) const;
+  std::string AnyPath();
+  std::optional<Id> Find(std::uint32_t nDatabase, const std::string& Path);
+  bool Add(const Database& To);
+
+  void AddOne() { (void)Add(Any()); }  // its failure was told where nothing may fail
+  void FindShared() { (void)Find(kSystemDatabase, AnyPath()); }
+  void Replace(const Key& Of, const std::string& Content, auto Write);
   void Update();
   void SetData();
   void RemoveData();
-  void Clear(const Database& Which);
   void Read();
+  void ReadRow();
+  void Compact();
+  void ClearOne() { (void)Clear(Any()); }  // half of it is no less than was told
+  bool Clear(const Database& Which);
+  void Reopen();
 
-  std::optional<std::string> EventOf(Id nId) const;
   std::optional<std::string> ValueOf(const Key& Of) const;
-  std::pair<std::uint32_t, std::uint64_t> Info(std::uint32_t nDatabase) const;  // records, bytes
+  std::uint32_t RecordsOf(std::uint32_t nDatabase) const;
   std::filesystem::path FolderOf(const Database& Of) const;
+  std::filesystem::path EventFile(const Database& Of, Id nSegment) const;
   Chain ChainOf(const Database& Of) const;
-  void VerifyEvents(const Database& Of, const Chain& There, const Promises& Must, End How);
-  void VerifyEvent(Id nId, const Promises& Must, End How);
-  void VerifyObjects(const Promises& Must, End How);
-  void VerifyLookups(const std::set<Id>& Stores, const Promises& Must, End How, Lookups Which);
+  void VerifyValue(const Key& Of, const std::string* pMust, End How);
+  void VerifyLookups(const std::set<Id>& Segments, const Promises& Must, End How, Lookups Which);
 
   Setup m_With;
   Record m_Known;
   std::shared_ptr<Instance> m_pInstance;
   std::vector<Database> m_Databases;
-  Random m_Random;
   std::uint64_t m_nSerial;
   End m_Compared = End::Whole;  // as what it was compared last: it decides which ids may come back
-  std::string m_LastFailure;    // of finding or adding
+  std::string m_LastFailure;
+  const char* m_pAct = "";
 };
+
+// The files of a folder by their paths below it.
+using Files = std::map<std::string, std::string>;
+Files ReadFiles(const std::filesystem::path& Folder);
+void WriteFiles(const std::filesystem::path& Folder, const Files& All);  // in place of what is there
 
 }  // namespace lumbra::test

@@ -1,17 +1,18 @@
-// The fault programme: lumbra_faults [--seed N] [--long] [--only CASE] [KIND ...]
+// lumbra_faults [--seed N] [--long] [--only CASE] [KIND ...]
 #include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
+#include <iterator>
 #include <random>
-#include <string>
 
-#include "faults/findings.h"
-#include "faults/kinds.h"
+#include "faults/programme.h"
+
+extern "C" void __sanitizer_set_death_callback(void (*pCallback)()) __attribute__((weak));
 
 namespace lumbra::test {
 namespace {
@@ -20,39 +21,51 @@ namespace fs = std::filesystem;
 
 struct Kind {
   const char* pName;
-  void (*pRun)(const Choice& Which);
+  std::string (*pRun)(const Choice& Which);
+  std::vector<std::uint64_t> KeptSeeds = {};  // that once found something, and are run always
 };
-constexpr Kind kKinds[] = {{"canary", &RunCanary},   {"calls", &RunCalls}, {"allocations", &RunAllocations},
-                           {"moments", &RunMoments}, {"bits", &RunBits},   {"threads", &RunThreads},
-                           {"kills", &RunKills}};
+const Kind kKinds[] = {{"canary", &RunCanary},            // planted faults: each must be found
+                       {"calls", &RunCalls},              // each system call fails, once and for good
+                       {"allocations", &RunAllocations},  // each allocation
+                       {"moments", &RunMoments, {1}},     // the process or the power ends at each moment
+                       {"bits", &RunBits},                // each bit of a small checked store is another one
+                       {"threads", &RunThreads},          // eight threads do everything at once
+                       {"kills", &RunKills}};             // a recorder is killed, again and again
 
-// Seeds that once found something, and are run always.
-struct KeptSeed {
-  const char* pKind;
-  std::uint64_t nSeed;
-};
-constexpr KeptSeed kKeptSeeds[] = {{"moments", 1}};
+constexpr std::uint64_t kPrintedPerCase = 3;
+char g_Case[200];  // a signal prints it
+std::atomic<std::uint64_t> g_nFindings{0};
+std::atomic<std::uint64_t> g_nInCase{0};
+std::atomic<bool> g_bPlanted{false};
 
-const Kind* KindOf(const std::string& Name) {
-  const Kind* const pFound = std::ranges::find_if(kKinds, [&](const Kind& One) { return Name == One.pName; });
-  return pFound == std::end(kKinds) ? nullptr : pFound;
+void TellCase() {
+  for (const char* const pText :
+       {"\nFOUND ", static_cast<const char*>(g_Case), ": it crashed, or took more than a minute\n"}) {
+    if (write(STDOUT_FILENO, pText, std::strlen(pText)) < 0) return;
+  }
+}
+void EndCase(int nSignal) {
+  TellCase();
+  signal(nSignal, SIG_DFL);
+  raise(nSignal);
 }
 
-int Run(int nArguments, char** ppArguments) {
+int Main(int nArguments, char** ppArguments) {
   Choice Which;
   Which.nSeed = std::random_device()() % 100000;
-  std::vector<const Kind*> Kinds;
+  std::vector<Kind> Kinds;
   for (int i = 1; i < nArguments; ++i) {
     const std::string Text = ppArguments[i];
-    const bool bNumber = Text == "--seed" || Text == "--only";
-    if (Text == "--long") {
+    const Kind* const pKind = std::ranges::find(kKinds, Text, &Kind::pName);
+    const char* const pValue = i + 1 < nArguments ? ppArguments[i + 1] : nullptr;
+    if (pKind != std::end(kKinds)) {
+      Kinds.push_back(*pKind);
+    } else if (Text == "--long") {
       Which.bLong = true;
-    } else if (bNumber && i + 1 < nArguments) {
+    } else if ((Text == "--seed" || Text == "--only") && pValue != nullptr) {
       const std::uint64_t nValue = std::strtoull(ppArguments[++i], nullptr, 0);
       if (Text == "--seed") Which.nSeed = nValue;
       if (Text == "--only") Which.nOnly = nValue;
-    } else if (KindOf(Text) != nullptr) {
-      Kinds.push_back(KindOf(Text));
     } else {
       std::fprintf(stderr, "usage: lumbra_faults [--seed N] [--long] [--only CASE] [KIND ...]; kinds:");
       for (const Kind& One : kKinds) std::fprintf(stderr, " %s", One.pName);
@@ -60,44 +73,59 @@ int Run(int nArguments, char** ppArguments) {
       return 2;
     }
   }
-  if (Kinds.empty()) {
-    for (const Kind& One : kKinds) Kinds.push_back(&One);
-  }
-  std::printf("seed %llu\n", static_cast<unsigned long long>(Which.nSeed));
+  if (Kinds.empty()) std::ranges::copy(kKinds, std::back_inserter(Kinds));
   Which.Folder = fs::canonical(fs::temp_directory_path()) / ("lumbra-faults-" + std::to_string(getpid()));
-  for (const Kind* const pKind : Kinds) {
-    const std::clock_t nBegun = std::clock();
-    pKind->pRun(Which);
-    for (const KeptSeed& Kept : kKeptSeeds) {
-      const bool bAgain = std::strcmp(Kept.pKind, pKind->pName) == 0 && !Which.nOnly && Kept.nSeed != Which.nSeed;
-      Choice Again = Which;
-      Again.nSeed = Kept.nSeed;
-      Again.bLong = false;
-      if (bAgain) pKind->pRun(Again);
+  for (const Kind& One : Kinds) {
+    std::vector<std::uint64_t> Seeds = {Which.nSeed};
+    if (!Which.nOnly) std::ranges::remove_copy(One.KeptSeeds, std::back_inserter(Seeds), Which.nSeed);
+    for (const std::uint64_t nSeed : Seeds) {
+      const std::string Counts = One.pRun({nSeed, Which.bLong && nSeed == Which.nSeed, Which.nOnly, Which.Folder});
+      std::printf("%s --seed %llu: %s\n", One.pName, static_cast<unsigned long long>(nSeed), Counts.c_str());
+      std::fflush(stdout);
     }
-    std::printf("  %.1f s\n", static_cast<double>(std::clock() - nBegun) / CLOCKS_PER_SEC);
-    std::fflush(stdout);
   }
   fs::remove_all(Which.Folder);
-  std::printf("%llu found\n", static_cast<unsigned long long>(Findings()));
-  return Findings() == 0 ? 0 : 1;
+  std::printf("%llu found\n", static_cast<unsigned long long>(g_nFindings));
+  return g_nFindings == 0 ? 0 : 1;
 }
 
 }  // namespace
 
+void Found(const std::string& What) {
+  ++g_nFindings;
+  if (++g_nInCase > kPrintedPerCase || g_bPlanted) return;  // more of the same, as a rule
+  std::printf("FOUND %s: %s\n", g_Case, What.c_str());
+  std::fflush(stdout);
+}
+
+bool IsFound(const std::function<void()>& Planted) {
+  const std::uint64_t nBefore = g_nFindings;
+  g_bPlanted = true;
+  Planted();
+  g_bPlanted = false;
+  return g_nFindings.exchange(nBefore) != nBefore;
+}
+
 std::vector<std::uint64_t> Choice::Cases(std::uint64_t nAll, std::uint64_t nWanted) const {
   if (nOnly) return {*nOnly};
-  std::vector<std::uint64_t> Numbers(nAll);
-  for (std::uint64_t i = 0; i < nAll; ++i) Numbers[i] = i;
-  if (bLong || nAll <= nWanted) return Numbers;
-  std::vector<std::uint64_t> Some;
-  std::ranges::sample(Numbers, std::back_inserter(Some), static_cast<std::ptrdiff_t>(nWanted), std::mt19937_64(nSeed));
-  return Some;
+  const Source Chance = SourceOf(nSeed);
+  std::vector<std::uint64_t> Numbers;
+  for (std::uint64_t i = 0; i < nAll; ++i) {
+    if (bLong || Chance(nAll) < nWanted) Numbers.push_back(i);
+  }
+  return Numbers;
 }
 
 void Choice::Start(const std::string& Kind, std::uint64_t nCase) const {
-  const std::string Only = nCase == UINT64_MAX ? "" : " --only " + std::to_string(nCase);
-  StartCase(Kind + " --seed " + std::to_string(nSeed) + Only);
+  const std::string Only = nCase == kNoCase ? "" : " --only " + std::to_string(nCase);
+  std::snprintf(g_Case, sizeof(g_Case), "%s --seed %llu%s", Kind.c_str(), static_cast<unsigned long long>(nSeed),
+                Only.c_str());
+  g_nInCase = 0;
+  const bool bSanitized = __sanitizer_set_death_callback != nullptr;
+  if (bSanitized) __sanitizer_set_death_callback(&TellCase);
+  for (const int nSignal : {SIGALRM, SIGABRT}) signal(nSignal, &EndCase);
+  if (!bSanitized) signal(SIGSEGV, &EndCase);
+  alarm(60);
 }
 
 fs::path Choice::Fresh(const char* pName) const {
@@ -106,8 +134,18 @@ fs::path Choice::Fresh(const char* pName) const {
   return Folder / pName;
 }
 
+Driver::Setup Choice::With(const fs::path& Store, bool bChecked, std::uint64_t nSerials) const {
+  Driver::Setup Made{.Folder = Store, .bChecked = bChecked, .nSeed = nSeed + nSerials, .pPause = &PauseFaults};
+  if (std::getenv("LUMBRA_FAULTS_TRACE") != nullptr) {
+    Made.Trace = [](std::uint32_t nLevel, std::string_view Line) {
+      host::WriteTraceLine(stderr, nLevel, Line);
+    };
+  }
+  return Made;
+}
+
 }  // namespace lumbra::test
 
 int main(int nArguments, char** ppArguments) {
-  return lumbra::test::Run(nArguments, ppArguments);
+  return lumbra::test::Main(nArguments, ppArguments);
 }

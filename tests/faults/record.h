@@ -5,10 +5,10 @@
 
 #include <compare>
 #include <cstdint>
+#include <iosfwd>
 #include <map>
 #include <set>
 #include <string>
-#include <utility>
 
 namespace lumbra::test {
 
@@ -17,16 +17,19 @@ inline constexpr int kDatabaseShift = 56;
 inline constexpr int kSegmentShift = 32;
 
 struct Key {
-  enum Kinds : char { Event, Name, Data };
+  enum Kinds : int { Event, Name, Data };
   Kinds Kind;
-  Id nId;
+  Id nId;  // 0 in an attempt: under any id
   std::uint32_t nTag = 0;
   auto operator<=>(const Key&) const = default;
 };
 using Promises = std::map<Key, std::string>;
 
+// Kinds of operations, as far as the order of writes and the answer of a flush depend on them.
+enum OperationKind : std::uint32_t { kOther, kOpen, kAddOrLimit, kFlush, kClear };
+
 struct Fact {
-  enum Kinds : char {
+  enum Kinds : int {
     Attempt,   // the value may be there from now on
     Promise,   // the value is there
     TakeBack,  // the key may change
@@ -34,16 +37,15 @@ struct Fact {
     Gone,      // it has gone: those segments count no more
     Clear,     // as both, and ids may come back
     Flushed,   // all that is promised is on the disk itself
-    Begin      // of an operation: its kind is the tag, its database or segment the id
+    Begin      // of an operation, whose kind is the tag
   };
   Kinds Kind;
   Key Of{};
   std::string Value{};
   Id nEnd = 0;
 };
-
-// Kinds of operations that Begin tells, as far as the order of writes depends on them.
-enum OperationKind : std::uint32_t { kOther, kAddOrLimit, kFlush, kClear };
+std::ostream& operator<<(std::ostream& To, const Fact& Of);
+std::istream& operator>>(std::istream& From, Fact& Of);
 
 class Record {
  public:
@@ -52,10 +54,9 @@ class Record {
   const Promises& Now() const { return m_Now; }
   // What the last flush covered, as far as it has not been replaced since. Data and name of an object stand together:
   // its record is rewritten with its data.
-  Promises Covered() const;
+  const Promises& Covered() const { return m_Covered; }
 
-  // Whether the value was ever under its key, or on its way there; for the bytes of an event, and for a path that
-  // others lead through, under any id.
+  // Whether the value was ever under its key, or on its way there or to any.
   bool WasTried(const Key& Of, const std::string& Value) const;
   // Whether each byte is 0 or that of an event which was tried under the id.
   bool IsTorn(Id nEvent, const std::string& Content) const;
@@ -65,17 +66,15 @@ class Record {
     return (bFlushedOnly ? m_UsedAndFlushed : m_Used).contains(nEvent);
   }
   // Events by segment (the upper half of the id), as far as they are counted among a database's.
-  const std::map<Id, std::uint32_t>& Segments() const { return m_Segments; }
+  std::map<Id, std::uint32_t> SegmentsOf(std::uint32_t nDatabase) const;
 
  private:
-  void TryFolders(const std::string& Path);
-  static void EraseRange(Promises* pFrom, Id nFrom, Id nEnd);
+  const std::set<std::string>& Tried(const Key& Of) const;
+  void Try(const Key& Of, const std::string& Value);
 
   Promises m_Now;
-  Promises m_Flushed;
-  std::set<Id> m_ChangedObjects;  // whose data may have changed since
+  Promises m_Covered;
   std::map<Key, std::set<std::string>> m_Tried;
-  std::set<std::string> m_TriedAnywhere;
   std::set<Id> m_Used;
   std::set<Id> m_UsedAndFlushed;
   std::map<Id, std::uint32_t> m_Segments;

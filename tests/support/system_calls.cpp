@@ -11,6 +11,7 @@ namespace {
 
 struct Gauge {
   std::atomic<std::uint64_t> nCalls{0};
+  std::atomic<std::uint64_t> nFailed{0};
   std::atomic<std::uint64_t> nFailFrom{UINT64_MAX};  // from the call of this number on ...
   std::atomic<std::uint64_t> nFailTimes{0};          // ... so many fail
   std::atomic<int> nNative{0};
@@ -61,6 +62,7 @@ int CountCall(SystemCall Call) {
   const bool bOfItsKind = IsNext(GaugeOf(Call));
   if (!bAny && !bOfItsKind) return 0;
   ++g_nFaults;
+  ++GaugeOf(Call).nFailed;
   return bOfItsKind ? GaugeOf(Call).nNative.load()
                     : NativeErrorFor(Call, static_cast<FaultCause>(g_Any.nNative.load()));
 }
@@ -89,6 +91,7 @@ std::int64_t ClockOfTest() {
 void ResetSystem() {
   const auto Reset = [](Gauge& One) {
     One.nCalls = 0;
+    One.nFailed = 0;
     One.nFailFrom = UINT64_MAX;
   };
   for (Gauge& One : g_Gauges) Reset(One);
@@ -111,6 +114,10 @@ std::uint64_t AllCalls() {
   std::uint64_t nSum = 0;
   for (const Gauge& One : g_Gauges) nSum += One.nCalls;
   return nSum;
+}
+
+std::uint64_t FailedCalls(SystemCall Call) {
+  return GaugeOf(Call).nFailed;
 }
 
 void FailCalls(SystemCall Call, os::SystemError nError, std::uint64_t nSkip, std::uint64_t nTimes) {

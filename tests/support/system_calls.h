@@ -45,6 +45,7 @@ void ResetSystem();
 
 std::uint64_t CallsOf(SystemCall Call);
 std::uint64_t AllCalls();
+std::uint64_t FailedCalls(SystemCall Call);  // those that were made to fail
 
 // Lets nSkip calls pass and then makes nTimes of them fail with an error, or with a number of the system's own (on
 // posix an errno value).
