@@ -163,11 +163,12 @@ void CutBack(File& Index, std::uint64_t nSize) {
 }
 
 // Whether what stands behind a position is an item, or the beginning of it, and nothing else.
-bool IsLeftOf(File& Index, std::uint64_t nFrom, std::size_t nSize, const Block& Item) {
+bool IsLeftOf(File& Index, std::uint64_t nFrom, std::uint64_t nSize, const Block& Item) {
   Block Left{};
   std::uint64_t nPosition = 0;
   if (nSize > Left.size() || Failed(Index.Seek(0, static_cast<std::int64_t>(nFrom), &nPosition))) return false;
-  return ReadSome(Index, Left.data(), nSize).Complete(nSize) && std::memcmp(Left.data(), Item.data(), nSize) == 0;
+  const auto nLeft = static_cast<std::size_t>(nSize);
+  return ReadSome(Index, Left.data(), nLeft).Complete(nLeft) && std::memcmp(Left.data(), Item.data(), nLeft) == 0;
 }
 
 }  // namespace
