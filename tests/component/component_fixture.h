@@ -53,7 +53,7 @@ class ComponentTest : public World {
   }
 
   // The same after bytes of a file have changed.
-  ResultCode OpenPatched(const char* pName, std::size_t nOffset, const Bytes& Content, std::uint32_t nCheckMode) {
+  ResultCode OpenPatched(const char* pName, std::uint64_t nOffset, const Bytes& Content, std::uint32_t nCheckMode) {
     m_Store = host::Store();
     Patch(pName, nOffset, Content);
     return Open(nCheckMode);

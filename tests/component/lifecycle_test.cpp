@@ -95,7 +95,7 @@ TEST_F(LifecycleTest, MarksDamageForGood) {
 TEST_F(LifecycleTest, SavesAMarkThatCouldNotBeSavedAtTheNextFlush) {
   OpenFresh(1);
   const std::uint64_t nId = Find(0, u"C:\\damaged");
-  const std::size_t nLast = FileSize("g_objdt.dat") - 1;
+  const std::uint64_t nLast = FileSize("g_objdt.dat") - 1;
   Find(0, u"C:\\newer\\newest");
   const auto IsMarked = [this] {
     return ReadText("g_db_id.dat").find("Ver 1.0 Corrupted") != std::string::npos;

@@ -87,7 +87,7 @@ void World::WriteFile(const fs::path& Name, const Bytes& Content) const {
   EXPECT_TRUE(File.flush()) << Name;
 }
 
-void World::Patch(const fs::path& Name, std::size_t nOffset, const Bytes& Content) const {
+void World::Patch(const fs::path& Name, std::uint64_t nOffset, const Bytes& Content) const {
   Bytes Whole = ReadFile(Name);
   ASSERT_LE(nOffset + Content.size(), Whole.size());
   std::copy(Content.begin(), Content.end(), Whole.begin() + static_cast<std::ptrdiff_t>(nOffset));

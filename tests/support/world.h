@@ -56,7 +56,7 @@ class World : public ::testing::Test, public StorageOwner {
   void WriteFile(const fs::path& Name, const Bytes& Content) const;
   std::uint64_t FileSize(const fs::path& Name) const { return fs::file_size(m_Folder / Name); }
   // Changes bytes in place, from an offset on.
-  void Patch(const fs::path& Name, std::size_t nOffset, const Bytes& Content) const;
+  void Patch(const fs::path& Name, std::uint64_t nOffset, const Bytes& Content) const;
 
   // Opens a file of the folder for reading and writing, creating it where it is missing.
   std::unique_ptr<StorageFile> OpenFile(const char16_t* pName);
