@@ -5,7 +5,7 @@
 #include <stdexcept>
 
 #include "objects/objdb.h"
-#include "support/system_calls.h"
+#include "support/steps.h"
 #include "support/world.h"
 
 namespace lumbra::test {

@@ -44,27 +44,45 @@ TEST_F(ObjectDbTest, ServesEveryFeatureSet) {
 TEST_F(ObjectDbTest, StoresRecordsFieldByField) {
   Start(false, {{0x1122334455667788, "name"}});
   ASSERT_CODE(errOK, SetData(Id(1), 0xAABBCCDD, "data!"));
-  EXPECT_EQ(FromHex("504c44420c0000001d000000 8877665544332211 0500000000000000 04000000 0400 01 09 0d000000 01"),
-            ReadFile("id"));
-  // The magic, the name, the data masked with 27 9e 5c 3a, and its entry: key, offset, size 5 and room 5.
-  EXPECT_EQ(FromHex("4f44424f 6e616d65 43ff285b06 ddccbbaa 08000000 05000580"), ReadFile("dt"));
+  Step("the id file", ReadFile("id"))
+      .Holds({{"header", "504c4442 0c000000 1d000000"},
+              {"hash", "8877665544332211"},
+              {"parent", "0500000000000000"},
+              {"name and its size", "04000000 0400"},
+              {"flags and type", "01 09"},
+              {"entries and their count", "0d000000 01"}});
+  Step("the data file", ReadFile("dt"))
+      .Holds({{"magic", "4f44424f"},
+              {"name", "6e616d65"},
+              {"data, masked with 27 9e 5c 3a", "43ff285b06"},
+              {"key and offset of its entry", "ddccbbaa 08000000"},
+              {"size 5 and room 5", "05000580"}});
 }
 
 TEST_F(ObjectDbTest, RefusesWrongArguments) {
   Start(false, {{1, "a"}});
   tObjectId id = 0;
   std::uint32_t nSize = 0;
-  EXPECT_EQ(Lines(8, Name(errPARAMETER_INVALID)),
-            Names({CodeOf(Find(0)), m_pDb->FindObject(1, nullptr), CodeOf(Create(1, {})), CodeOf(Create(0, "x")),
-                   m_pDb->GetObjectName(Id(1), nullptr, 1, &nSize, nullptr, nullptr, nullptr, nullptr),
-                   m_pDb->GetObjectData(Id(1), nullptr, 0, nullptr, 1),
-                   m_pDb->GetObjectData(Id(1), nullptr, 4, &nSize, 1), m_pDb->SetObjectData(Id(1), &id, 0, 1)}));
-  EXPECT_EQ(Lines(2, Name(errSIZE_INVALID)),
-            Names({CodeOf(Create(77, std::string(65536, 'x'))), m_pDb->SetObjectData(Id(1), &id, 0x80000000, 1)}));
+  AllAnswer(errPARAMETER_INVALID,
+            {{"finding hash 0", m_pDb->FindObject(0, &id)},
+             {"no room for an id", m_pDb->FindObject(1, nullptr)},
+             {"a hash without a name", CodeOf(Create(1, {}))},
+             {"a name without a hash", CodeOf(Create(0, "x"))},
+             {"name, size without buffer",
+              m_pDb->GetObjectName(Id(1), nullptr, 1, &nSize, nullptr, nullptr, nullptr, nullptr)},
+             {"data, nothing asked for", m_pDb->GetObjectData(Id(1), nullptr, 0, nullptr, 1)},
+             {"data, size without buffer", m_pDb->GetObjectData(Id(1), nullptr, 4, &nSize, 1)},
+             {"data of no bytes", m_pDb->SetObjectData(Id(1), &id, 0, 1)}});
+  AllAnswer(errSIZE_INVALID, {{"a name of 64 KiB", CodeOf(Create(77, std::string(65536, 'x')))},
+                              {"data of 2 GiB", m_pDb->SetObjectData(Id(1), &id, 0x80000000, 1)}});
   const tObjectId kForeign = MakeObjectId(kNumber + 1, 1);
-  EXPECT_EQ(Lines(3, Name(errOBJECT_NOT_FOUND)),
-            (Lines{NameOf(kForeign), DataOf(kForeign, 1), Name(m_pDb->RemoveAllObjectData(kForeign))}));
-  EXPECT_EQ(Lines(3, Name(errNOT_FOUND)), (Lines{NameOf(Id(2)), NameOf(Id(0)), DataOf(Id(1), 1)}));
+  AllAnswer(errOBJECT_NOT_FOUND, {{"name of another store's", m_pDb->GetObjectName(kForeign, nullptr, 0, &nSize,
+                                                                                   nullptr, nullptr, nullptr, nullptr)},
+                                  {"data of another store's", m_pDb->GetObjectData(kForeign, nullptr, 0, &nSize, 1)},
+                                  {"removing another store's", m_pDb->RemoveAllObjectData(kForeign)}});
+  AllAnswer(errNOT_FOUND, {{"a name behind the last",
+                            m_pDb->GetObjectName(Id(2), nullptr, 0, &nSize, nullptr, nullptr, nullptr, nullptr)},
+                           {"data of a key that is not there", m_pDb->GetObjectData(Id(1), nullptr, 0, &nSize, 1)}});
 }
 
 TEST_F(ObjectDbTest, AnonymousObjectsAreReachedByIdAlone) {

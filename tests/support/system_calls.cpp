@@ -11,6 +11,7 @@ namespace {
 
 struct Gauge {
   std::atomic<std::uint64_t> nCalls{0};
+  std::atomic<std::uint64_t> nMarked{0};
   std::atomic<std::uint64_t> nFailed{0};
   std::atomic<std::uint64_t> nFailFrom{UINT64_MAX};  // from the call of this number on ...
   std::atomic<std::uint64_t> nFailTimes{0};          // ... so many fail
@@ -91,6 +92,7 @@ std::int64_t ClockOfTest() {
 void ResetSystem() {
   const auto Reset = [](Gauge& One) {
     One.nCalls = 0;
+    One.nMarked = 0;
     One.nFailed = 0;
     One.nFailFrom = UINT64_MAX;
   };
@@ -114,6 +116,13 @@ std::uint64_t AllCalls() {
   std::uint64_t nSum = 0;
   for (const Gauge& One : g_Gauges) nSum += One.nCalls;
   return nSum;
+}
+
+void MarkCalls() {
+  for (Gauge& One : g_Gauges) One.nMarked = One.nCalls.load();
+}
+std::uint64_t CallsSinceMark(SystemCall Call) {
+  return GaugeOf(Call).nCalls - GaugeOf(Call).nMarked;
 }
 
 std::uint64_t FailedCalls(SystemCall Call) {

@@ -45,7 +45,9 @@ void ResetSystem();
 
 std::uint64_t CallsOf(SystemCall Call);
 std::uint64_t AllCalls();
-std::uint64_t FailedCalls(SystemCall Call);  // those that were made to fail
+void MarkCalls();
+std::uint64_t CallsSinceMark(SystemCall Call);  // or since the last reset
+std::uint64_t FailedCalls(SystemCall Call);     // those that were made to fail
 
 // Lets nSkip calls pass and then makes nTimes of them fail with an error, or with a number of the system's own (on
 // posix an errno value).

@@ -100,7 +100,7 @@ std::unique_ptr<StorageFile> World::OpenFile(const char16_t* pName) {
   return pFile;
 }
 
-std::vector<std::string> World::TakeTrace(std::uint32_t nLevel) {
+std::vector<std::string> TakeTrace(std::uint32_t nLevel) {
   const std::lock_guard Hold(g_TraceLock);
   std::vector<std::string> Lines;
   for (const auto& [nLineLevel, Line] : g_Lines) {

@@ -61,16 +61,16 @@ class World : public ::testing::Test, public StorageOwner {
   // Opens a file of the folder for reading and writing, creating it where it is missing.
   std::unique_ptr<StorageFile> OpenFile(const char16_t* pName);
 
-  // The lines that were traced since the last call, "LEVEL text", without the "lmb\t" in front and without
-  // the place of a failed check in the source; with a level, those up to it.
-  std::vector<std::string> TakeTrace(std::uint32_t nLevel = UINT32_MAX);
-
   StorageEnvironment m_Environment;  // on the folder
   bool m_bExactSizes = false;
 
  private:
   fs::path m_Folder;
 };
+
+// The lines that were traced since the last call, "LEVEL text", without the "lmb\t" in front and without the place of a
+// failed check in the source; with a level, those up to it.
+std::vector<std::string> TakeTrace(std::uint32_t nLevel = UINT32_MAX);
 
 // Adds a line to what TakeTrace gives; for tests whose lines come through a host.
 void NoteTraceLine(std::uint32_t nLevel, std::string_view Line);

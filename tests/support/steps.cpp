@@ -1,0 +1,75 @@
+#include "support/steps.h"
+
+namespace lumbra::test {
+namespace {
+
+void EndStep() {
+  (void)TakeTrace();
+  MarkCalls();
+}
+
+void FailAt(const Place& Where, const std::string& Words, const std::string& What) {
+  ADD_FAILURE_AT(Where.pFile, Where.nLine) << Words << ": " << What;
+}
+
+}  // namespace
+
+std::string Show(ResultCode nCode) {
+  return Name(nCode);
+}
+std::string Show(const Bytes& Data) {
+  return std::to_string(Data.size()) + " bytes " + ToHex(Data);
+}
+std::string Show(const std::vector<std::string>& Lines) {
+  std::string Text = std::to_string(Lines.size()) + " lines";
+  for (const std::string& Line : Lines) Text += "\n  " + Line;
+  return Text;
+}
+
+StepBase::StepBase(std::string Words, Place Where) : m_Words(std::move(Words)), m_Where(Where) {}
+StepBase::~StepBase() {
+  EndStep();
+}
+
+void StepBase::Fail(const std::string& What) const {
+  FailAt(m_Where, m_Words, What);
+}
+void StepBase::Differs(const std::string& Expected, const std::string& Was) const {
+  Fail("expected " + Expected + ", was " + Was);
+}
+
+void StepBase::CheckLines(const std::vector<std::string>& Expected, std::uint32_t nUpTo) const {
+  const std::vector<std::string> Said = TakeTrace(nUpTo);
+  if (Said != Expected) Differs(Show(Expected), Show(Said));
+}
+
+void StepBase::CheckFields(const std::vector<Field>& Expected, const Bytes& Data) const {
+  std::size_t nAt = 0;
+  for (const Field& One : Expected) {
+    const Bytes Wanted = FromHex(One.Hex);
+    const std::size_t nEnd = std::min(Data.size(), nAt + Wanted.size());
+    const Bytes There(Data.begin() + static_cast<std::ptrdiff_t>(std::min(nAt, nEnd)),
+                      Data.begin() + static_cast<std::ptrdiff_t>(nEnd));
+    if (There != Wanted) {
+      Differs(One.Name + " at " + std::to_string(nAt) + " to be " + ToHex(Wanted), ToHex(There) + " in " + ToHex(Data));
+      return;
+    }
+    nAt += Wanted.size();
+  }
+  if (nAt != Data.size()) Differs(std::to_string(nAt) + " bytes", Show(Data));
+}
+
+void StepBase::CheckCalls(SystemCall Call, std::uint64_t nExpected) const {
+  const std::uint64_t nMade = CallsSinceMark(Call);
+  if (nMade != nExpected) Fail("expected " + std::to_string(nExpected) + " calls, made " + std::to_string(nMade));
+}
+
+void AllAnswer(ResultCode nExpected, std::initializer_list<Answer> Given, const char* pFile, int nLine) {
+  for (const Answer& One : Given) {
+    if (One.nCode != nExpected)
+      FailAt({pFile, nLine}, One.Words, "expected " + Show(nExpected) + ", was " + Show(One.nCode));
+  }
+  EndStep();
+}
+
+}  // namespace lumbra::test
