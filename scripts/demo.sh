@@ -6,7 +6,7 @@ here=$(cd "$(dirname "$0")/.." && pwd)
 folder=${1:-/usr/share}
 
 "$here/scripts/setup.sh"
-"$here/scripts/build.sh" release lumbra
+"$here/scripts/build.sh" release lumbra_tool
 
 LUMBRA_STORE="$here/build/demo-store"
 export LUMBRA_STORE

@@ -5,7 +5,7 @@ set -eu
 cd "$(dirname "$0")/.."
 
 scripts/setup.sh
-scripts/build.sh release lumbra lumbra_module
+scripts/build.sh release lumbra_tool lumbra_module
 scripts/test.sh windows-x86-64
 scripts/test.sh windows-x86
 
