@@ -5,8 +5,8 @@
 #include <iterator>
 
 #include "faults/driver.h"
+#include "format/crc32.h"
 #include "fuzz.h"
-#include "objects/crc32.h"
 
 namespace lumbra::fuzz {
 namespace {
