@@ -41,15 +41,6 @@ TEST_F(ObjectDbTest, ServesEveryFeatureSet) {
   }
 }
 
-TEST_F(ObjectDbTest, StoresRecordsFieldByField) {
-  Start(false, {{0x1122334455667788, "name"}});
-  ASSERT_CODE(errOK, SetData(Id(1), 0xAABBCCDD, "data!"));
-  EXPECT_EQ(FromHex("504c44420c0000001d000000 8877665544332211 0500000000000000 04000000 0400 01 09 0d000000 01"),
-            ReadFile("id"));
-  // The magic, the name, the data masked with 27 9e 5c 3a, and its entry: key, offset, size 5 and room 5.
-  EXPECT_EQ(FromHex("4f44424f 6e616d65 43ff285b06 ddccbbaa 08000000 05000580"), ReadFile("dt"));
-}
-
 TEST_F(ObjectDbTest, RefusesWrongArguments) {
   Start(false, {{1, "a"}});
   tObjectId id = 0;

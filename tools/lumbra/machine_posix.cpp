@@ -116,9 +116,9 @@ std::string WhyNotUsable(const std::filesystem::path& Folder) {
     return Folder.has_relative_path() ? WhyNotUsable(Folder.parent_path()) : std::string();
   }
   if (!S_ISDIR(Status.st_mode)) return Folder.string() + " is no folder";
-  for (const std::u16string& Name :
-       {std::u16string(), std::u16string(kSharedTreeFile), std::u16string(kSharedIdsFile),
-        std::u16string(kSharedDataFile), std::u16string(kIndexFile), NumberedFolder(kSystemDatabase)}) {
+  const std::filesystem::path Used[] = {
+      {}, kSharedTreeFile, kSharedIdsFile, kSharedDataFile, kIndexFile, NumberedFolder(kSystemDatabase)};
+  for (const std::filesystem::path& Name : Used) {
     const std::filesystem::path Path = Folder / Name;
     if (access(Path.c_str(), R_OK | W_OK) != 0 && errno != ENOENT) return Path.string() + ": " + std::strerror(errno);
   }
