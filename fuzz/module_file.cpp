@@ -1,7 +1,7 @@
 // Any file is read as a module: it is one, or there is a reason. Where the input has metadata, its digest is made to
 // fit in a second attempt, so that what it vouches for is looked at.
 #include "host/module_file.h"
-#include "events/md5.h"
+#include "format/md5.h"
 #include "fuzz.h"
 
 namespace lumbra::fuzz {

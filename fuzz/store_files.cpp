@@ -5,8 +5,10 @@
 #include <iterator>
 
 #include "faults/driver.h"
+#include "format/crc32.h"
+#include "format/object_files.h"
+#include "format/record_file.h"
 #include "fuzz.h"
-#include "objects/crc32.h"
 
 namespace lumbra::fuzz {
 namespace {
@@ -47,11 +49,13 @@ void Change(Input* pFrom, std::string* pFile) {
   }
 }
 
-// Gives every record of 29 bytes the CRC that fits, so that its content is looked at.
+// Gives every id record the CRC that fits, so that its content is looked at.
 void Seal(std::string* pFile) {
-  for (std::size_t nAt = 12; nAt + 33 <= pFile->size(); nAt += 33) {
-    const std::uint32_t nCrc = Crc32(0, pFile->data() + nAt, 29);
-    pFile->replace(nAt + 29, sizeof(nCrc), reinterpret_cast<const char*>(&nCrc), sizeof(nCrc));
+  constexpr std::size_t kSize = sizeof(tODB_ID_ENTRY);
+  constexpr std::size_t kStoredSize = kSize + kCrcSize;
+  for (std::size_t nAt = sizeof(tPLAINDB_HEADER); nAt + kStoredSize <= pFile->size(); nAt += kStoredSize) {
+    const std::uint32_t nCrc = Crc32(0, pFile->data() + nAt, kSize);
+    pFile->replace(nAt + kSize, kCrcSize, reinterpret_cast<const char*>(&nCrc), kCrcSize);
   }
 }
 

@@ -7,6 +7,7 @@
 
 #include "component/lumbra.h"
 #include "component/shared_objects.h"
+#include "format/file_names.h"
 #include "platform/failed_step.h"
 #include "platform/result.h"
 #include "platform/trace.h"
@@ -18,12 +19,6 @@ constexpr std::size_t kMaxNameLength = 63;
 
 bool CountsInTotal(const SegmentManager& Manager) {
   return Manager.GetDbMaxSize() == 0;
-}
-
-// The folder of a numbered database: its id as two hexadecimal digits.
-std::u16string NumberedFolder(std::uint32_t nDatabase) {
-  constexpr char16_t kDigits[] = u"0123456789ABCDEF";
-  return {kDigits[nDatabase >> 4], kDigits[nDatabase & 0xFu]};
 }
 
 // Sets one of the limits that do not decide whether the database counts in the size total.
@@ -47,16 +42,6 @@ ResultCode SetLimit(SegmentManager& Manager, std::uint32_t nKind, std::uint64_t 
     default:
       return errNOT_SUPPORTED;
   }
-}
-
-// The form in which the index keeps a name: the low 7 bits of each unit.
-std::string IndexKey(std::u16string_view Name) {
-  std::string Key;
-  for (const char16_t c : Name.substr(0, kMaxIndexNameLength)) {
-    if ((c & 0x7F) == 0) break;  // in the file a zero ends the name
-    Key += static_cast<char>(c & 0x7F);
-  }
-  return Key;
 }
 
 }  // namespace
@@ -171,7 +156,7 @@ ResultCode Lumbra::OpenNamed(const char16_t* pName, std::uint32_t nEventSize, st
 
   const HostText Folder = DatabaseFolder(pName);
   if (!InitEnvironment(&Named->Environment, Folder)) return errOPEN_FAILED;
-  ValidateDatabaseId(Folder.View(), u"g_db_id_val.log", nId);
+  ValidateDatabaseId(Folder.View(), kIdentityFile, nId);
   SegmentManager& Manager = Named->Manager;
   const ResultCode nCode = InitManager(&Manager, &Named->Environment, nEventSize);
   if (Succeeded(nCode)) {

@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "component/lumbra.h"
+#include "format/event_file.h"
 #include "platform/trace.h"
 
 namespace lumbra {
@@ -79,12 +80,11 @@ ResultCode Lumbra::GetEvents(std::uint32_t nDatabase, std::uint64_t nStart, void
 // One value for each event: the parent of the object that the event names, or 0.
 ResultCode Lumbra::AppendParents(const void* pEvents, std::uint32_t nCount, std::uint32_t nEventSize,
                                  HostObject* pParents) {
-  constexpr std::uint32_t kObjectIdOffset = 8;
   const auto* pEvent = static_cast<const std::uint8_t*>(pEvents);
-  const bool bHasObjectId = nEventSize >= kObjectIdOffset + sizeof(std::uint64_t);
+  const bool bHasObjectId = nEventSize >= kObjectIdInEvent + sizeof(std::uint64_t);
   for (std::uint32_t i = 0; i < nCount; ++i, pEvent += nEventSize) {
     std::uint64_t nObjectId = 0;
-    if (bHasObjectId) std::memcpy(&nObjectId, pEvent + kObjectIdOffset, sizeof(nObjectId));
+    if (bHasObjectId) std::memcpy(&nObjectId, pEvent + kObjectIdInEvent, sizeof(nObjectId));
     const ResultCode nCode = binding::AppendToContainer(pParents, kParentList, ParentOf(nObjectId));
     if (Failed(nCode)) return nCode;
   }

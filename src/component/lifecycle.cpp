@@ -5,6 +5,7 @@
 #include "component/factory.h"
 #include "component/lumbra.h"
 #include "component/shared_objects.h"
+#include "format/file_names.h"
 #include "platform/failed_step.h"
 #include "platform/result.h"
 #include "platform/trace.h"
@@ -96,7 +97,7 @@ ResultCode Lumbra::OpenStore() {
   HostText Folder = ReportFolder();
   if (Folder.Empty()) return errOPEN_FAILED;  // rather than the current folder of the process
   HostText IndexPath = Folder.Copy();
-  IndexPath.Join(u"g_db_id.dat");
+  IndexPath.Join(kIndexFile);
   m_IndexPath = IndexPath.View();
   ReadCheckMode();
 
@@ -104,7 +105,7 @@ ResultCode Lumbra::OpenStore() {
   if (Failed(nShared)) return errOPEN_FAILED;
   m_bUsesSharedObjects = true;
 
-  Folder.Append(u"00");
+  Folder.Append(NumberedFolder(kSystemDatabase));
   Folder.EnsureTrailingSeparator();
   DatabaseSlot& System = m_Slots[kSystemDatabase];
   if (!InitEnvironment(&System.Environment, Folder)) return errOPEN_FAILED;

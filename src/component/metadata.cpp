@@ -7,7 +7,7 @@
 #include <bit>
 #include <span>
 
-#include "events/md5.h"
+#include "format/md5.h"
 #include "lumbra/lumbra.h"
 
 namespace lumbra {

@@ -4,6 +4,7 @@
 
 #include "component/lumbra.h"
 #include "component/shared_objects.h"
+#include "format/file_names.h"
 #include "platform/io_priority.h"
 #include "platform/trace.h"
 
@@ -131,8 +132,8 @@ ResultCode Lumbra::Compact(std::uint32_t nDatabase) {
   std::unique_ptr<StorageFile> pNewIds;
   std::unique_ptr<StorageFile> pNewData;
   StorageEnvironment& Environment = *SharedObjects::Environment();
-  const bool bReady = Succeeded(Environment.OpenFile(u"g_objidcompacted.dat", 0, true, true, &pNewIds)) &&
-                      Succeeded(Environment.OpenFile(u"g_objdtcompacted.dat", 0, true, true, &pNewData)) &&
+  const bool bReady = Succeeded(Environment.OpenFile(kCompactedIdsFile, 0, true, true, &pNewIds)) &&
+                      Succeeded(Environment.OpenFile(kCompactedDataFile, 0, true, true, &pNewData)) &&
                       pNewIds->SetSize(0) && pNewData->SetSize(0);
   if (!bReady) return errWRITE_FAILED;
 

@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "component/host_binding.h"
+#include "format/file_names.h"
 #include "platform/failed_step.h"
 #include "platform/os.h"
 #include "platform/result.h"
@@ -38,9 +39,9 @@ ResultCode SharedStore::Open(const char16_t* pFolder, bool bCheckMode, bool bEnv
   pStore = std::make_unique<ObjectDB>(bCheckMode);
   ObjectFiles Files;
   // A file that cannot be opened is handed on as absent: the store refuses it, whatever the reason.
-  (void)pEnvironment->OpenFile(u"g_objbt.dat", 0, true, true, &Files.pTree);
-  (void)pEnvironment->OpenFile(u"g_objid.dat", 0, true, true, &Files.pIds);
-  (void)pEnvironment->OpenFile(u"g_objdt.dat", 0, true, true, &Files.pData);
+  (void)pEnvironment->OpenFile(kSharedTreeFile, 0, true, true, &Files.pTree);
+  (void)pEnvironment->OpenFile(kSharedIdsFile, 0, true, true, &Files.pIds);
+  (void)pEnvironment->OpenFile(kSharedDataFile, 0, true, true, &Files.pData);
   if (Failed(pStore->Open(0, Files, TreeHead::Large))) return errOPEN_FAILED;
   // At once, and not only when the first instance has created its well-known objects: those would be the newest, known
   // to the tree, and the quick check would not miss the others. A refill that fails is no reason not to start: the

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 
+#include "format/file_names.h"
 #include "platform/failed_step.h"
 #include "platform/os.h"
 #include "platform/result.h"
@@ -30,7 +31,7 @@ ResultCode Segment::Init(StorageEnvironment* pEnv, std::uint32_t nEventSize, Fil
   m_pGlobalObjects = pGlobalObjects;
   m_bWritable = true;
   m_bCreate = Which == Files::New;
-  if (!m_bCreate) return m_pEnv->GetFileCreationTime(u"events.dat", nNumber, &m_nCreationTime);
+  if (!m_bCreate) return m_pEnv->GetFileCreationTime(kEventsFile, nNumber, &m_nCreationTime);
   // A new segment never inherits records of an older one with its number.
   if (nNumber != 0) (void)m_pEnv->DeleteFiles(u"*.*", nNumber);  // answers errOK always
   return Open();
@@ -41,10 +42,10 @@ bool Segment::IsUnfinished() {
   const auto SizeOf = [&](const char16_t* pName) {
     return m_pEnv->GetFileSize(pName, m_nNumber, &nSize);
   };
-  const ResultCode nIds = SizeOf(u"objid.dat");
+  const ResultCode nIds = SizeOf(kIdsFile);
   if (nIds == errNOT_FOUND) return true;
-  if (Failed(nIds) || PlainDB::RecordCountOfSize(nSize, sizeof(tODB_ID_ENTRY)) != 0) return false;
-  return SizeOf(u"objbt.dat") == errNOT_FOUND || SizeOf(u"objdt.dat") == errNOT_FOUND;
+  if (Failed(nIds) || RecordCountOfSize(nSize, sizeof(tODB_ID_ENTRY)) != 0) return false;
+  return SizeOf(kTreeFile) == errNOT_FOUND || SizeOf(kDataFile) == errNOT_FOUND;
 }
 
 // ---- Opening ----------------------------------------------------------------------------------------------
@@ -72,11 +73,11 @@ Segment::OpenAttempt::~OpenAttempt() {
 
 ResultCode Segment::OpenEvents() {
   std::unique_ptr<StorageFile> pFile;
-  const ResultCode nCode = m_pEnv->OpenFile(u"events.dat", m_nNumber, m_bCreate, m_bWritable, &pFile);
+  const ResultCode nCode = m_pEnv->OpenFile(kEventsFile, m_nNumber, m_bCreate, m_bWritable, &pFile);
   if (Failed(nCode)) {
     TraceFailedStep(nCode);
     m_bFailed = IsAboutTheFile(nCode);
-    if (nCode == errOBJECT_NOT_FOUND && IsGone(u"events.dat")) LeaveChain();
+    if (nCode == errOBJECT_NOT_FOUND && IsGone(kEventsFile)) LeaveChain();
     return nCode;
   }
   if (!pFile->GetCreationTime(&m_nCreationTime)) return FailedStep(errREAD_FAILED);
@@ -120,9 +121,9 @@ ResultCode Segment::OpenObjectFiles(ObjectFiles* pFiles, bool* pbGone) {
     if (bGone) *pbGone = true;
     if (!bGone) nRefused = nOpened;
   };
-  OpenFile(u"objbt.dat", &pFiles->pTree);
-  OpenFile(u"objid.dat", &pFiles->pIds);
-  OpenFile(u"objdt.dat", &pFiles->pData);
+  OpenFile(kTreeFile, &pFiles->pTree);
+  OpenFile(kIdsFile, &pFiles->pIds);
+  OpenFile(kDataFile, &pFiles->pData);
   return nRefused;
 }
 
@@ -187,9 +188,9 @@ ResultCode Segment::GetEventCount(std::uint64_t* pnCount) {
   }
   if (m_bFailed || m_pEnv == nullptr) return errSTORE_NOT_INITIALIZED;
   std::uint64_t nFileSize = 0;
-  const ResultCode nCode = m_pEnv->GetFileSize(u"events.dat", m_nNumber, &nFileSize);
+  const ResultCode nCode = m_pEnv->GetFileSize(kEventsFile, m_nNumber, &nFileSize);
   if (Failed(nCode)) return nCode;
-  *pnCount = PlainDB::RecordCountOfSize(nFileSize, m_nEventSize);
+  *pnCount = RecordCountOfSize(nFileSize, m_nEventSize);
   return errOK;
 }
 

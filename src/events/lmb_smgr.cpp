@@ -6,15 +6,11 @@
 #include <new>
 #include <utility>
 
+#include "format/file_names.h"
 #include "platform/failed_step.h"
 #include "platform/result.h"
 
 namespace lumbra {
-namespace {
-
-constexpr char kMagic[4] = {'S', 'D', 'B', 'H'};
-
-}  // namespace
 
 // ---- Opening and closing ----------------------------------------------------------------------------------
 
@@ -58,10 +54,10 @@ ResultCode SegmentManager::OpenChain(std::uint32_t nEventSize) {
 }
 
 ResultCode SegmentManager::OpenHeader(std::uint32_t nEventSize) {
-  const ResultCode nCode = m_pEnv->OpenFile(u"segments.dat", 0, true, true, &m_pHeaderFile);
+  const ResultCode nCode = m_pEnv->OpenFile(kSegmentsFile, 0, true, true, &m_pHeaderFile);
   if (Failed(nCode)) return nCode;
   return LookAtHeader(nEventSize).OrStartAnew([&] {
-    std::memcpy(m_Header.nMagic, kMagic, sizeof(kMagic));
+    std::memcpy(m_Header.nMagic, kSegmentsMagic, sizeof(kSegmentsMagic));
     m_Header.nFirstSegment = 0;
     m_Header.nEventSize = nEventSize;
     return WriteHeader();
@@ -73,14 +69,15 @@ FileContent SegmentManager::LookAtHeader(std::uint32_t nEventSize) {
   if (!m_pHeaderFile->SeekRead(0, &m_Header, sizeof(m_Header), &nRead)) {
     return FileContent::Unread(FailedStep(errREAD_FAILED));
   }
-  const bool bOurs = nRead == sizeof(m_Header) && std::memcmp(m_Header.nMagic, kMagic, sizeof(kMagic)) == 0;
+  const bool bOurs =
+      nRead == sizeof(m_Header) && std::memcmp(m_Header.nMagic, kSegmentsMagic, sizeof(kSegmentsMagic)) == 0;
   return bOurs && m_Header.nEventSize == nEventSize ? FileContent::Ours() : FileContent::Foreign();
 }
 
 // Takes up the segments from the first number on, until one has no event file: there the chain ends.
 ResultCode SegmentManager::ListSegments() {
   const os::SearchScope OneListingOfTheFolder;
-  for (m_nNextNumber = m_Header.nFirstSegment; m_nNextNumber < kNumberLimit; ++m_nNextNumber) {
+  for (m_nNextNumber = m_Header.nFirstSegment; m_nNextNumber < kSegmentNumberLimit; ++m_nNextNumber) {
     std::unique_ptr<Segment> pSegment = MakeSegment();
     if (pSegment == nullptr) return errOUT_OF_MEMORY;
     ResultCode nCode =
@@ -116,7 +113,7 @@ ResultCode SegmentManager::Clear() {
   TearDown();
   (void)m_pEnv->DeleteFiles(u"*.*", 0);  // answers errOK always
   std::uint64_t nTime = 0;
-  const bool bAllGone = m_pEnv->GetFileCreationTime(u"????????_events.dat", 0, &nTime) == errNOT_FOUND;
+  const bool bAllGone = m_pEnv->GetFileCreationTime(kAnyEventsFile, 0, &nTime) == errNOT_FOUND;
   const ResultCode nCode = Init(m_pEnv, m_Header.nEventSize, m_pGlobalObjects, m_bCheckMode);
   return Succeeded(nCode) && !bAllGone ? errACCESS_DENIED : nCode;
 }
@@ -145,7 +142,7 @@ ResultCode SegmentManager::NewSegment() {
 }
 
 ResultCode SegmentManager::StartSegment() {
-  if (m_nNextNumber >= kNumberLimit) return errOUT_OF_SPACE;
+  if (m_nNextNumber >= kSegmentNumberLimit) return errOUT_OF_SPACE;
   std::unique_ptr<Segment> pSegment = MakeSegment();
   if (pSegment == nullptr) return errOUT_OF_MEMORY;
   ResultCode nCode = pSegment->Init(m_pEnv, m_Header.nEventSize, Segment::Files::New, m_nNextNumber, m_pGlobalObjects);
@@ -207,7 +204,7 @@ void SegmentManager::BeforeDiscard() {
   if (m_Header.nFirstSegment != m_nNextNumber) return;
   // No other segment is left. The next start takes up this number, as that of a segment which was only begun.
   std::unique_ptr<StorageFile> pBegun;
-  (void)m_pEnv->OpenFile(u"events.dat", m_nNextNumber, true, true, &pBegun);
+  (void)m_pEnv->OpenFile(kEventsFile, m_nNextNumber, true, true, &pBegun);
 }
 
 SegmentManager::tSEGMENT_ENTRY* SegmentManager::FindEntry(std::uint32_t nSegment) {

@@ -1,5 +1,5 @@
 // One event database: a folder with a chain of numbered segments and "segments.dat", which says where the
-// chain starts.
+// chain starts (format/segments_file.h).
 //
 // Events go to the newest segment; a new one is started when it is full, old or large enough, and the oldest
 // are dropped while the database exceeds its limits. The newest is never dropped. Totals of events and bytes
@@ -17,20 +17,13 @@
 #include <vector>
 
 #include "events/lmb_seg.h"
+#include "format/segments_file.h"
 #include "lumbra/result_code.h"
 #include "platform/file_content.h"
 #include "platform/os.h"
 #include "platform/storage_environment.h"
 
 namespace lumbra {
-
-// The whole content of "segments.dat".
-struct tSDB_HEADER {
-  char nMagic[4];               // 0: "SDBH"
-  std::uint32_t nFirstSegment;  // 4: number of the oldest segment; the others follow without a gap. 0: none yet
-  std::uint32_t nEventSize;     // 8: bytes of every event of the database
-};
-static_assert(sizeof(tSDB_HEADER) == 12);
 
 class SegmentManager : private SegmentChain {
  public:
@@ -121,9 +114,6 @@ class SegmentManager : private SegmentChain {
   ResultCode EnumNextObject(std::uint32_t nSegment);
 
  private:
-  // Segment numbers start at 1 and stay below this.
-  static constexpr std::uint32_t kNumberLimit = 0x7FFFFFF0;
-
   struct tSEGMENT_ENTRY {
     std::unique_ptr<Segment> pSegment;
     std::uint32_t nNumber;

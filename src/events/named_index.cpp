@@ -13,23 +13,6 @@
 namespace lumbra {
 namespace {
 
-constexpr std::uint32_t kFirstNamedId = 48;
-
-using Block = std::array<char, kIndexBlockSize>;
-
-Block MakeBlock(std::string_view Text) {
-  Block Filled{};
-  std::copy_n(Text.begin(), std::min<std::size_t>(Text.size(), kIndexBlockSize), Filled.begin());
-  return Filled;
-}
-
-Block PlainSignature() {
-  return MakeBlock("The file contains indexes of named databases. Ver 1.0");
-}
-Block CorruptedSignature() {
-  return MakeBlock("The file contains indexes of named databases. Ver 1.0 Corrupted");
-}
-
 // Codes stand as plain numbers in the lines of these files.
 std::uint32_t Number(ResultCode nCode) {
   return static_cast<std::uint32_t>(nCode);
@@ -63,7 +46,7 @@ Transfer WriteAll(File& To, const void* pData, std::size_t nSize) {
 // ---- The index --------------------------------------------------------------------------------------------
 
 FileContent ReadSignature(File& Index, const std::u16string& Path, bool* pbCorrupted) {
-  Block Signature{};
+  IndexBlock Signature{};
   const Transfer Done = ReadSome(Index, Signature.data(), Signature.size());
   if (!Done.Complete(Signature.size())) {
     Trace(kHostRoot, traceDamage,
@@ -71,8 +54,8 @@ FileContent ReadSignature(File& Index, const std::u16string& Path, bool* pbCorru
           Number(Done.nCode), Done.nBytes);
     return Failed(Done.nCode) ? FileContent::Unread(errUNSPECIFIED) : FileContent::Foreign();
   }
-  *pbCorrupted = Signature == CorruptedSignature();
-  if (*pbCorrupted || Signature == PlainSignature()) return FileContent::Ours();
+  *pbCorrupted = Signature == kCorruptedIndexSignature;
+  if (*pbCorrupted || Signature == kIndexSignature) return FileContent::Ours();
   (void)Index.Close();  // nothing was written
   Trace(kHostRoot, traceDamage, "lmb\tTryLoadPersistentIndexes: file signature is not valid");
   Trace(kHostRoot, traceDamage, "lmb\tTryLoadPersistentIndexes: corrupted persistent index file (%S) content: %S",
@@ -92,7 +75,7 @@ FileContent TryLoadPersistentIndexes(const std::u16string& Path, PersistentIndex
   const FileContent Signature = ReadSignature(Index, Path, pbCorrupted);
   if (!Signature.IsOurs()) return Signature;
 
-  std::vector<Block> Items(kMaxIndexNames);
+  std::vector<IndexBlock> Items(kMaxIndexNames);
   const Transfer Done = ReadSome(Index, Items.data(), Items.size() * kIndexBlockSize);
   if (Failed(Done.nCode) || Done.nBytes % kIndexBlockSize != 0) {
     Trace(kHostRoot, traceDamage,
@@ -101,7 +84,7 @@ FileContent TryLoadPersistentIndexes(const std::u16string& Path, PersistentIndex
     return Failed(Done.nCode) ? FileContent::Unread(errUNSPECIFIED) : FileContent::Foreign();
   }
   Items.resize(Done.nBytes / kIndexBlockSize);
-  for (const Block& Item : Items) pNames->emplace_back(Item.data(), strnlen(Item.data(), kMaxIndexNameLength));
+  for (const IndexBlock& Item : Items) pNames->emplace_back(Item.data(), strnlen(Item.data(), kMaxIndexNameLength));
   Trace(kHostRoot, traceRoutine, "lmb\tTryLoadPersistentIndexes: successful, %u items read, %s",
         static_cast<std::uint32_t>(pNames->size()), *pbCorrupted ? "DB Corrupted" : "DB Ok");
   return FileContent::Ours();
@@ -115,7 +98,7 @@ bool TryCreatePersistentIndexesFile(const std::u16string& Path) {
           Number(nOpened));
     return false;
   }
-  const Block Signature = PlainSignature();
+  const IndexBlock& Signature = kIndexSignature;
   const Transfer Done = WriteAll(Index, Signature.data(), Signature.size());
   if (!Done.Complete(Signature.size())) {
     Trace(kHostRoot, traceFailure,
@@ -163,8 +146,8 @@ void CutBack(File& Index, std::uint64_t nSize) {
 }
 
 // Whether what stands behind a position is an item, or the beginning of it, and nothing else.
-bool IsLeftOf(File& Index, std::uint64_t nFrom, std::uint64_t nSize, const Block& Item) {
-  Block Left{};
+bool IsLeftOf(File& Index, std::uint64_t nFrom, std::uint64_t nSize, const IndexBlock& Item) {
+  IndexBlock Left{};
   std::uint64_t nPosition = 0;
   if (nSize > Left.size() || Failed(Index.Seek(0, static_cast<std::int64_t>(nFrom), &nPosition))) return false;
   const auto nLeft = static_cast<std::size_t>(nSize);
@@ -189,7 +172,7 @@ ResultCode SavePersistentIndex(const std::u16string& Path, std::uint32_t nIndex,
           Number(nCode));
     return nCode;
   }
-  const Block Item = MakeBlock(Name);
+  const IndexBlock Item = MakeIndexBlock(Name);
   const std::uint64_t nExpected = std::uint64_t{kIndexBlockSize} * (std::uint64_t{nIndex} + 1);
   // What an attempt to save this item has left, and could not take back.
   const bool bLeft = nPosition > nExpected && IsLeftOf(Index, nExpected, nPosition - nExpected, Item);
@@ -228,7 +211,7 @@ bool SaveCorruptedFlag(const std::u16string& Path) {
     Trace(kHostRoot, traceFailure, "lmb\tSaveCorruptedFlag: failed to open file, ulo res = %u", Number(nOpened));
     return false;
   }
-  const Block Signature = CorruptedSignature();
+  const IndexBlock& Signature = kCorruptedIndexSignature;
   const Transfer Done = WriteAll(Index, Signature.data(), Signature.size());
   if (!Done.Complete(Signature.size())) {
     Trace(kHostRoot, traceFailure,
@@ -263,16 +246,16 @@ FileContent TryReadDatabaseId(const std::u16string& Path, std::uint32_t* pnId) {
   File Identity;
   const ResultCode nOpened = Identity.OpenWithFlags(Path, fileRead, openExisting);
   if (Failed(nOpened)) return IsMissing(nOpened) ? FileContent::Foreign() : FileContent::Unread(nOpened);
-  std::uint8_t Bytes[4];
-  const Transfer Done = ReadSome(Identity, Bytes, sizeof(Bytes));
+  IdentityBytes Bytes{};
+  const Transfer Done = ReadSome(Identity, Bytes.data(), sizeof(Bytes));
   if (Failed(Done.nCode)) return FileContent::Unread(Done.nCode);
   if (!Done.Complete(sizeof(Bytes))) return FileContent::Foreign();
-  *pnId = (std::uint32_t{Bytes[0]} << 24) | (std::uint32_t{Bytes[1]} << 16) | (std::uint32_t{Bytes[2]} << 8) | Bytes[3];
+  *pnId = DecodeIdentity(Bytes);
   (void)Identity.Close();  // nothing was written
-  if (*pnId >= kFirstNamedId) return FileContent::Ours();
+  if (*pnId >= kFirstNamedDatabase) return FileContent::Ours();
   Trace(kHostRoot, traceFailure,
         "lmb\tTryReadDatabaseId: read index (%u) from file is less, than minimum named db index (%u)", *pnId,
-        kFirstNamedId);
+        kFirstNamedDatabase);
   if (*pnId != 0) {
     Trace(kHostRoot, traceDamage, "lmb\tTryReadDatabaseId: corrupted index file (%S) content: %S", Path.c_str(),
           u"none");
@@ -284,11 +267,8 @@ bool TrySaveDatabaseId(const std::u16string& Path, std::uint32_t nId) {
   Trace(kHostRoot, traceRoutine, "lmb\tTrySaveDatabaseId: indexFilePath = '%S', databaseId = %u", Path.c_str(), nId);
   File Identity;
   if (Failed(Identity.OpenWithFlags(Path, fileWrite, createAlways))) return false;
-  const auto Byte = [nId](int nShift) {
-    return static_cast<std::uint8_t>(nId >> nShift);
-  };
-  const std::uint8_t Bytes[4] = {Byte(24), Byte(16), Byte(8), Byte(0)};
-  if (!WriteAll(Identity, Bytes, sizeof(Bytes)).Complete(sizeof(Bytes))) return false;
+  const IdentityBytes Bytes = EncodeIdentity(nId);
+  if (!WriteAll(Identity, Bytes.data(), sizeof(Bytes)).Complete(sizeof(Bytes))) return false;
   return Succeeded(Identity.Flush()) && Succeeded(Identity.Close());
 }
 

@@ -1,10 +1,5 @@
-// The two small files that tie database names to database ids across restarts.
-//
-// "g_db_id.dat" in the report folder: a signature block of 64 bytes, then one block of 64 bytes per name,
-// zero-padded, whose position gives the id (48 + position). Names are only ever appended, and compared byte
-// for byte. The signature has two forms; the second says that damaged object data was met at some time.
-//
-// "g_db_id_val.log" in a named database's folder: the id the folder was made for, 4 bytes, big-endian.
+// The two small files that tie database names to database ids across restarts (format/named_index_file.h). Names are
+// compared byte for byte.
 //
 // The files are opened and closed within each operation and not shared, so that a second process which holds
 // one makes the operation fail. There is no lock here: the component calls these under its own. Each outcome
@@ -16,16 +11,13 @@
 #include <string_view>
 #include <vector>
 
+#include "format/named_index_file.h"
 #include "lumbra/result_code.h"
 
 namespace lumbra {
 
 // The names, in order of their ids.
 using PersistentIndex = std::vector<std::string>;
-
-inline constexpr std::uint32_t kIndexBlockSize = 64;  // of the signature and of each name
-inline constexpr std::uint32_t kMaxIndexNames = 207;  // ids 48 to 254
-inline constexpr std::uint32_t kMaxIndexNameLength = 63;
 
 // Loads the names, and whether the file is marked corrupted. A file that is missing or damaged is replaced by
 // an empty one. errUNSPECIFIED when that fails, too, or when the file is there and cannot be opened or read.

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "events/md5.h"
+#include "format/md5.h"
 #include "lumbra/lumbra.h"
 #include "platform/storage_environment.h"
 

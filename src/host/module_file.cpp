@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "events/md5.h"
+#include "format/md5.h"
 #include "host/module_image.h"
 #include "lumbra/lumbra.h"
 

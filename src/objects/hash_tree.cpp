@@ -14,31 +14,11 @@ namespace {
 
 using objdb::FailedCheck;
 
-constexpr char kPlainMagic[4] = {'O', 'D', 'B', 'T'};
-constexpr char kCheckedMagic[4] = {'O', 'D', 'B', 'C'};
-
-// How many bits of the hash a level takes: 8, 4, 2, 1, and 1 on every deeper level.
-constexpr std::uint32_t kLevelBits[] = {8, 4, 2, 1};
-std::uint32_t BitsOf(std::uint32_t nLevel) {
-  return nLevel < 4 ? kLevelBits[nLevel] : 1;
-}
-
 // How much of the file the large head holds beyond the root: room for some hundred nodes of the next levels.
 constexpr std::uint32_t kLargeHeadPlain = 16384;
 constexpr std::uint32_t kLargeHeadChecked = 17408;
 
 }  // namespace
-
-std::uint32_t HashTree::EntriesOf(std::uint32_t nLevel) {
-  return 1u << BitsOf(nLevel);
-}
-
-std::uint32_t HashTree::GetHashDigit(std::uint64_t nHash, std::uint32_t nLevel) {
-  constexpr std::uint32_t kShifts[] = {0, 8, 12, 14};
-  const std::uint32_t nShift = nLevel < 4 ? kShifts[nLevel] : nLevel + 11;
-  if (nShift >= 64) return 0;  // the hash is used up
-  return static_cast<std::uint32_t>(nHash >> nShift) & (EntriesOf(nLevel) - 1);
-}
 
 // ---- Opening ----------------------------------------------------------------------------------------------
 
@@ -80,8 +60,8 @@ FileContent HashTree::LookAtHeader() {
   if (!m_pFile->SeekRead(0, &Header, sizeof(Header), &nRead))
     return FileContent::Unread(FailedCheck("pFileBT->SeekRead(0, &hdr, sizeof(hdr), &bytes)", errREAD_FAILED));
   if (nRead != sizeof(Header) || Header.nFirstNodeOffset != FirstNodeOffset) return FileContent::Foreign();
-  m_bNodeCrcs = std::memcmp(Header.Magic, kCheckedMagic, sizeof(Header.Magic)) == 0;
-  if (!m_bNodeCrcs && std::memcmp(Header.Magic, kPlainMagic, sizeof(Header.Magic)) != 0) return FileContent::Foreign();
+  m_bNodeCrcs = std::memcmp(Header.Magic, kCheckedTreeMagic, sizeof(Header.Magic)) == 0;
+  if (!m_bNodeCrcs && std::memcmp(Header.Magic, kTreeMagic, sizeof(Header.Magic)) != 0) return FileContent::Foreign();
 
   std::uint64_t nActualSize = 0;
   if (!m_pFile->GetSize(&nActualSize))
@@ -110,9 +90,9 @@ FileContent HashTree::LookAtHeader() {
 }
 
 FileContent HashTree::LookAtRoot() {
-  constexpr std::uint32_t kRootSize = kRootEntries * sizeof(tODB_BT_OFFSET);
+  constexpr std::uint32_t kRootSize = kRootSlots * sizeof(tODB_BT_OFFSET);
   constexpr std::uint32_t nCrcOffset = FirstNodeOffset + kRootSize;
-  tODB_BT_OFFSET Slots[kRootEntries];
+  tODB_BT_OFFSET Slots[kRootSlots];
   std::uint32_t nCrc = 0;
   std::uint32_t nRead = 0;
   if (!m_pFile->SeekRead(FirstNodeOffset, Slots, kRootSize, &nRead))
@@ -154,7 +134,7 @@ ResultCode HashTree::StartAnew() {
   m_btHead.clear();
   std::fill(m_nodeChecked.begin() + FirstNodeOffset + 1, m_nodeChecked.end(), std::uint8_t{0});
   tODB_BT_HEADER Header{{}, FirstNodeOffset, FirstNodeOffset};
-  std::memcpy(Header.Magic, m_bNodeCrcs ? kCheckedMagic : kPlainMagic, sizeof(Header.Magic));
+  std::memcpy(Header.Magic, m_bNodeCrcs ? kCheckedTreeMagic : kTreeMagic, sizeof(Header.Magic));
   if (!m_pFile->SeekWrite(0, &Header, sizeof(Header), 0))
     return FailedCheck("pFileBT->SeekWrite(0, &hdr, sizeof(hdr), 0)", errWRITE_FAILED);
   // All that the file holds is known: the root is added without reading it back.
@@ -169,7 +149,7 @@ ResultCode HashTree::StartAnew() {
 
 ResultCode HashTree::IsEmpty(bool* pbEmpty) {
   bool bEmpty = true;
-  for (std::uint64_t nDigit = 0; nDigit < kRootEntries && bEmpty; ++nDigit) {
+  for (std::uint64_t nDigit = 0; nDigit < kRootSlots && bEmpty; ++nDigit) {
     tODB_BT_OFFSET nEntry = 0;
     const ResultCode nCode = ReadSlot(Place(), nDigit, &nEntry);
     if (Failed(nCode)) return nCode;
@@ -195,7 +175,7 @@ void HashTree::Sync() {
 }
 
 ResultCode HashTree::Find(std::uint64_t nHash, std::uint32_t* pnShortId) {
-  for (Place At; At.nLevel <= kMaxLevel;) {
+  for (Place At; At.nLevel <= kMaxTreeLevel;) {
     tODB_BT_OFFSET nEntry = 0;
     const ResultCode nCode = ReadSlot(At, nHash, &nEntry);
     if (Failed(nCode)) return nCode;
@@ -252,9 +232,9 @@ ResultCode HashTree::BT_GetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nP
     return ReadEntry(nNodeOffset, nEntryNo, pOffset);
   }
 
-  const auto nSlotsSize = static_cast<std::uint32_t>(EntriesOf(nLevel) * sizeof(tODB_BT_OFFSET));
+  const auto nSlotsSize = static_cast<std::uint32_t>(SlotsOnLevel(nLevel) * sizeof(tODB_BT_OFFSET));
   const std::uint32_t nCrcOffset = nNodeOffset + nSlotsSize;
-  tODB_BT_OFFSET Slots[kRootEntries];
+  tODB_BT_OFFSET Slots[kRootSlots];
   const ResultCode nCode = ReadEntries(nNodeOffset, nSlotsSize, Slots);
   if (Failed(nCode)) return nCode;
   std::uint32_t nCrc = 0;
@@ -296,8 +276,8 @@ ResultCode HashTree::BT_SetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nP
   nPreviousOffset &= ~kChildBit;
   if (nNodeOffset < FirstNodeOffset) return errPARAMETER_INVALID;
   if (!m_bNodeCrcs) return WriteEntry(nNodeOffset, nEntryNo, nOffset);
-  const auto nSlotsSize = static_cast<std::uint32_t>(EntriesOf(nLevel) * sizeof(tODB_BT_OFFSET));
-  tODB_BT_OFFSET Slots[kRootEntries];
+  const auto nSlotsSize = static_cast<std::uint32_t>(SlotsOnLevel(nLevel) * sizeof(tODB_BT_OFFSET));
+  tODB_BT_OFFSET Slots[kRootSlots];
   ResultCode nCode = ReadEntries(nNodeOffset, nSlotsSize, Slots);
   if (Failed(nCode)) return nCode;
   const tODB_BT_OFFSET nOldOffset = std::exchange(Slots[nEntryNo], nOffset);
@@ -330,14 +310,14 @@ ResultCode HashTree::WriteEntry(std::uint32_t nNodeOffset, std::uint32_t nEntryN
 }
 
 ResultCode HashTree::BT_AddNode(std::uint32_t nLevel, std::uint32_t nPreviousOffset, std::uint32_t* pnNodeOffset) {
-  const auto nSlotsSize = static_cast<std::uint32_t>(EntriesOf(nLevel) * sizeof(tODB_BT_OFFSET));
+  const auto nSlotsSize = static_cast<std::uint32_t>(SlotsOnLevel(nLevel) * sizeof(tODB_BT_OFFSET));
   std::uint64_t nOldSize = 0;
   const ResultCode nCode = BT_ExtendDB(nSlotsSize + CrcSize(), &nOldSize);
   if (Failed(nCode)) return nCode;
   auto nNodeOffset = static_cast<std::uint32_t>(nOldSize);
   *pnNodeOffset = nNodeOffset;
 
-  constexpr tODB_BT_OFFSET Slots[kRootEntries] = {};
+  constexpr tODB_BT_OFFSET Slots[kRootSlots] = {};
   std::uint32_t nWritten = 0;
   if (!BT_SeekWrite(nNodeOffset, Slots, nSlotsSize, &nWritten))
     return FailedCheck("BT_SeekWrite(nNodeOffset, offsets, write_size, &bytesWritten)", errWRITE_FAILED);

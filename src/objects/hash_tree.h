@@ -1,13 +1,8 @@
-// The tree that finds an object by its 64-bit hash: a radix tree over the bits of the hash, in a file of its
-// own.
+// The tree that finds an object by its 64-bit hash, in a file of its own (format/tree_file.h).
 //
-// The root takes the lowest 8 bits of the hash, the next level 4 bits, the next 2, every deeper one 1. A slot
-// holds nothing (0), a child node (0x80000000 | file offset), or the short id of the one object whose hash
-// leads there. Nodes are only ever appended and never freed. An insertion writes the new object's slot last,
-// when everything that it points to exists: interrupted, it leaves at worst an object that the tree does not
-// reach, which the repair of the store puts back, or a node that nothing points to.
-//
-// In an "ODBC" file every node is followed by the CRC of its entries, seeded with the offset of its parent.
+// Nodes are only ever appended and never freed. An insertion writes the new object's slot last, when everything that it
+// points to exists: interrupted, it leaves at worst an object that the tree does not reach, which the repair of the
+// store puts back, or a node that nothing points to.
 //
 // The object store's lock serialises all of this.
 #pragma once
@@ -16,31 +11,17 @@
 #include <cstdint>
 #include <vector>
 
+#include "format/crc32.h"
+#include "format/data_crc.h"
+#include "format/tree_file.h"
 #include "lumbra/result_code.h"
-#include "objects/data_crc.h"
 #include "platform/file_content.h"
 #include "platform/storage_file.h"
 
 namespace lumbra {
 
-struct tODB_BT_HEADER {
-  char Magic[4];                   //  0: "ODBT": nodes without, "ODBC": nodes with a CRC
-  std::uint32_t nFirstNodeOffset;  //  4: 16, where the root stands; 0 while a tree is filled that may not be used yet
-  std::uint64_t nDBSize;           //  8: used size of the file, the end of the last node
-};
-static_assert(sizeof(tODB_BT_HEADER) == 16);
-
-// A slot of a node.
-using tODB_BT_OFFSET = std::uint32_t;
-
 class HashTree {
  public:
-  static constexpr std::uint32_t FirstNodeOffset = sizeof(tODB_BT_HEADER);
-
-  // A walk ends at this level at the latest. The bits of a hash are used up at level 52, where any two
-  // different hashes have parted; what goes deeper is damage.
-  static constexpr std::uint32_t kMaxLevel = 64;
-
   struct Options {
     bool bNodeCrcsIfCreated;  // an existing file keeps its own kind
     bool bSeededCrcs;
@@ -84,7 +65,6 @@ class HashTree {
   ResultCode Find(std::uint64_t nHash, std::uint32_t* pnShortId);
 
   // The steps of a walk that inserts: look at the slot, follow it, split it, or fill it.
-  static bool IsChild(tODB_BT_OFFSET nEntry) { return (nEntry & kChildBit) != 0; }
   ResultCode ReadSlot(const Place& At, std::uint64_t nHash, tODB_BT_OFFSET* pnEntry);
   ResultCode WriteSlot(const Place& At, std::uint64_t nHash, tODB_BT_OFFSET nEntry);
   static void Descend(Place* pAt, tODB_BT_OFFSET nChild);
@@ -95,16 +75,9 @@ class HashTree {
   // Empties the parent's slot that leads to a broken node. errPARAMETER_INVALID at the root.
   ResultCode Detach(const Place& At, std::uint64_t nHash);
 
-  // The bits of the hash that a level takes.
-  static std::uint32_t GetHashDigit(std::uint64_t nHash, std::uint32_t nLevel);
-
  private:
-  static constexpr tODB_BT_OFFSET kChildBit = 0x80000000;
-  static constexpr std::uint32_t kRootEntries = 256;
-
-  static std::uint32_t EntriesOf(std::uint32_t nLevel);
   std::uint32_t CrcSize() const { return m_bNodeCrcs ? kCrcSize : 0; }
-  std::uint32_t RootEnd() const { return FirstNodeOffset + kRootEntries * sizeof(tODB_BT_OFFSET) + CrcSize(); }
+  std::uint32_t RootEnd() const { return FirstNodeOffset + kRootSlots * sizeof(tODB_BT_OFFSET) + CrcSize(); }
 
   FileContent LookAtHeader();
   FileContent LookAtRoot();

@@ -232,10 +232,10 @@ ResultCode ObjectDB::FindOrInsert(const NewObject& Object, bool bForce, tObjectI
 // another hash that stands there moves down. With bForce broken nodes are detached.
 ResultCode ObjectDB::WalkToSlot(std::uint64_t nHash, bool bForce, HashTree::Place* pAt, tObjectId* pFound) {
   std::uint32_t nDetached = 0;
-  while (pAt->nLevel <= HashTree::kMaxLevel) {
+  while (pAt->nLevel <= kMaxTreeLevel) {
     tODB_BT_OFFSET nEntry = 0;
     ResultCode nCode = m_Tree.ReadSlot(*pAt, nHash, &nEntry);
-    if (nCode == errDATA_CORRUPTED && bForce && nDetached++ <= HashTree::kMaxLevel) {
+    if (nCode == errDATA_CORRUPTED && bForce && nDetached++ <= kMaxTreeLevel) {
       // What hangs below the broken node is left to the repair; the walk begins again at the root.
       nCode = m_Tree.Detach(*pAt, nHash);
       if (Failed(nCode)) return nCode;
@@ -245,7 +245,7 @@ ResultCode ObjectDB::WalkToSlot(std::uint64_t nHash, bool bForce, HashTree::Plac
     if (Failed(nCode)) return nCode;
     *pFound = 0;
     if (nEntry == 0) return errOK;
-    if (HashTree::IsChild(nEntry)) {
+    if (IsChild(nEntry)) {
       HashTree::Descend(pAt, nEntry);
       continue;
     }
@@ -259,7 +259,7 @@ ResultCode ObjectDB::WalkToSlot(std::uint64_t nHash, bool bForce, HashTree::Plac
     if (nCode == errDATA_CORRUPTED && bForce) return errOK;
     if (Failed(nCode)) return nCode;
     if (Entry.nObjectHash == nHash) return errOK;
-    if (pAt->nLevel == HashTree::kMaxLevel) break;
+    if (pAt->nLevel == kMaxTreeLevel) break;
     nCode = m_Tree.Split(pAt, nHash, Entry.nObjectHash, nEntry);
     if (Failed(nCode)) return nCode;
   }
@@ -285,9 +285,6 @@ ResultCode ObjectDB::CreateInSlot(const HashTree::Place& At, const NewObject& Ob
 
 // Appends an object's name and record; *pEntry is the record.
 ResultCode ObjectDB::AddObject(const NewObject& Object, tObjectId* pId, tODB_ID_ENTRY* pEntry) {
-  // More would leave no room in the 31 bits of a tree slot; the limit has a digit less than that.
-  constexpr std::uint64_t kMaxRecordCount = 0x7FFFFF0;
-
   if (Object.nNameSize > kMaxNameSize) return errSIZE_INVALID;
   tODB_ID_ENTRY& Entry = *pEntry;
   Entry = {};
@@ -302,7 +299,7 @@ ResultCode ObjectDB::AddObject(const NewObject& Object, tObjectId* pId, tODB_ID_
     if (Failed(nCode)) return nCode;
     Entry.nName = nName;
   }
-  if (m_IdDB.GetRecordCount() > kMaxRecordCount) return errOUT_OF_SPACE;
+  if (m_IdDB.GetRecordCount() > kMaxObjects) return errOUT_OF_SPACE;
   std::uint64_t nIndex = 0;
   const ResultCode nCode = m_IdDB.AddRecord(&Entry, sizeof(Entry), &nIndex);
   if (Failed(nCode)) return nCode;

@@ -1,12 +1,12 @@
 // The object store: names with a type and a parent, found by a 64-bit hash that the caller computes, and from
 // then on addressed by a 64-bit id; each with up to 255 data blocks under 32-bit keys.
 //
-// Three files: the tree that finds hashes (hash_tree.h), the id records and the data file (objdb_format.h). Objects are
-// never deleted. What needs more room than it had is written new block first, then the entry or array, then the id
-// record, then zeros over what was replaced, so that an interruption leaves the old or the new data reachable and at
-// worst unreferenced bytes. A block that fits its room is rewritten in place; if that is interrupted, its CRC tells,
-// where it has one. If a call fails meanwhile, a block whose size was to change is put back, at the cost of reading it
-// before; one that keeps its size is not read, and what of it was written stays.
+// Three files: the tree that finds hashes (format/tree_file.h), the id records and the data file
+// (format/object_files.h). Objects are never deleted. What needs more room than it had is written new block first, then
+// the entry or array, then the id record, then zeros over what was replaced, so that an interruption leaves the old or
+// the new data reachable and at worst unreferenced bytes. A block that fits its room is rewritten in place; if that is
+// interrupted, its CRC tells, where it has one. If a call fails meanwhile, a block whose size was to change is put
+// back, at the cost of reading it before; one that keeps its size is not read, and what of it was written stays.
 //
 // Any thread may call any operation: one lock per store is held for each operation's whole run. No operation
 // throws. A failed check writes one trace line and answers the code named in it; damage is answered with
@@ -16,10 +16,10 @@
 #include <cstdint>
 #include <memory>
 
+#include "format/data_crc.h"
+#include "format/object_files.h"
 #include "lumbra/result_code.h"
-#include "objects/data_crc.h"
 #include "objects/hash_tree.h"
-#include "objects/objdb_format.h"
 #include "objects/object_cache.h"
 #include "objects/plaindb.h"
 #include "platform/os.h"

@@ -182,15 +182,15 @@ ResultCode ObjectDB::InsertMissingHash(std::uint64_t nObjectId, const tODB_ID_EN
   const std::uint64_t nHash = Entry.nObjectHash;
   HashTree::Place At;
   tODB_BT_OFFSET nNext = 0;
-  while (At.nLevel <= HashTree::kMaxLevel) {
+  while (At.nLevel <= kMaxTreeLevel) {
     if (Failed(m_Tree.ReadSlot(At, nHash, &nNext)))
       return FailedCheck("Succeeded(m_Tree.ReadSlot(At, nHash, &next_offset))", errDATA_CORRUPTED);
     if (nNext == 0) break;
-    if (HashTree::IsChild(nNext)) {
+    if (IsChild(nNext)) {
       HashTree::Descend(&At, nNext);
       continue;
     }
-    if (At.nLevel == HashTree::kMaxLevel) break;
+    if (At.nLevel == kMaxTreeLevel) break;
     tODB_ID_ENTRY OtherEntry{};
     const tObjectId Other = MakeObjectId(m_nNumber, nNext);
     if (Failed(GetIdEntry(Other, &OtherEntry, TraceMiss::No)))

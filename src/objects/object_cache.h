@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "objects/objdb_format.h"
+#include "format/object_files.h"
 
 namespace lumbra {
 

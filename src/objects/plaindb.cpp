@@ -3,7 +3,6 @@
 #include <cstring>
 #include <utility>
 
-#include "objects/crc32.h"
 #include "objects/failed_check.h"
 #include "platform/failed_step.h"
 #include "platform/scratch_buffer.h"
@@ -12,9 +11,6 @@ namespace lumbra {
 namespace {
 
 using plaindb::FailedCheck;
-
-constexpr char kUncheckedMagic[4] = {'P', 'L', 'D', 'B'};
-constexpr char kCheckedMagic[4] = {'P', 'L', 'D', 'P'};
 
 // Room without an allocation for the id records of the object store, 33 bytes stored, and for most events.
 using RecordBuffer = ScratchBuffer<128>;
@@ -39,8 +35,8 @@ FileContent PlainDB::Look(StorageFile& File, std::uint32_t nUserRecordSize) {
   std::uint32_t nRead = 0;
   if (!File.SeekRead(0, &Header, sizeof(Header), &nRead)) return FileContent::Unread(errREAD_FAILED);
   if (nRead != sizeof(Header) || Header.nHeaderSize != sizeof(Header)) return FileContent::Foreign();
-  const bool bUnchecked = std::memcmp(Header.Magic, kUncheckedMagic, sizeof(Header.Magic)) == 0;
-  const bool bChecked = std::memcmp(Header.Magic, kCheckedMagic, sizeof(Header.Magic)) == 0;
+  const bool bUnchecked = std::memcmp(Header.Magic, kRecordMagic, sizeof(Header.Magic)) == 0;
+  const bool bChecked = std::memcmp(Header.Magic, kCheckedRecordMagic, sizeof(Header.Magic)) == 0;
   if (!bUnchecked && !bChecked) return FileContent::Foreign();
   if (std::uint64_t{Header.nRecordSize} != std::uint64_t{nUserRecordSize} + (bChecked ? CheckedAdditionSize : 0)) {
     return FileContent::Foreign();
@@ -67,7 +63,7 @@ ResultCode PlainDB::Recreate(StorageFile& File, std::uint32_t nUserRecordSize, b
   m_bChecked = bChecked;
   m_nRecordCount = 0;
   tPLAINDB_HEADER Header{{}, sizeof(Header), m_nRecordSize};
-  std::memcpy(Header.Magic, bChecked ? kCheckedMagic : kUncheckedMagic, sizeof(Header.Magic));
+  std::memcpy(Header.Magic, bChecked ? kCheckedRecordMagic : kRecordMagic, sizeof(Header.Magic));
   if (!File.SetSize(0) || !File.SeekWrite(0, &Header, sizeof(Header), nullptr)) return errWRITE_FAILED;
   m_nOpenFileSize = sizeof(Header);
   return errOK;
@@ -202,11 +198,4 @@ ResultCode PlainDB::GetCheckedRecords(std::uint64_t nFirst, void* pDataBuff, std
   if (pnCount != nullptr) *pnCount = nCount;
   return errOK;
 }
-
-std::uint64_t PlainDB::RecordCountOfSize(std::uint64_t nFileSize, std::uint32_t nStoredRecordSize) {
-  constexpr std::uint64_t nHeader = sizeof(tPLAINDB_HEADER);
-  if (nFileSize < nHeader || nStoredRecordSize == 0) return 0;
-  return (nFileSize - nHeader) / nStoredRecordSize;
-}
-
 }  // namespace lumbra

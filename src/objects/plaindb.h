@@ -1,39 +1,29 @@
-// A file of fixed-size records behind a 12-byte header, addressed by index. Events are kept in one, id
-// records in another.
+// A file of fixed-size records (format/record_file.h), addressed by index. Events are kept in one, id records in
+// another.
 //
-// In a checked file ("PLDP") every record is followed by the CRC of its bytes, which is looked at on every
-// read. An existing file's own kind wins over the one asked for. Bytes past the last whole record, a torn
-// append, are not counted and are overwritten by the next append.
+// The CRC of a record in a checked file is looked at on every read. An existing file's own kind wins over the one asked
+// for.
 //
 // It takes no lock: its owner serialises all calls. A failed check writes a trace line and answers the code
 // that the line names; arguments are refused without one.
 #pragma once
 
-#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 
+#include "format/crc32.h"
+#include "format/record_file.h"
 #include "lumbra/result_code.h"
 #include "platform/file_content.h"
 #include "platform/storage_file.h"
 
 namespace lumbra {
 
-static_assert(std::endian::native == std::endian::little, "the files are little-endian and are read as they stand");
-
-// The head of the file. Record i stands at 12 + i * nRecordSize.
-struct tPLAINDB_HEADER {
-  char Magic[4];              //  0: "PLDB" without, "PLDP" with record CRCs
-  std::uint32_t nHeaderSize;  //  4: 12
-  std::uint32_t nRecordSize;  //  8: stored bytes per record: the user's, and 4 for the CRC in a checked file
-};
-static_assert(sizeof(tPLAINDB_HEADER) == 12);
-
 class PlainDB {
  public:
-  // Bytes that a checked record has behind the user's: the u32 CRC, seed 0.
-  static constexpr std::uint32_t CheckedAdditionSize = 4;
+  // Bytes that a checked record has behind the user's.
+  static constexpr std::uint32_t CheckedAdditionSize = kCrcSize;
 
   PlainDB() = default;
   ~PlainDB() { Close(); }
@@ -79,13 +69,7 @@ class PlainDB {
   // Whether the last GetRecords stopped where a read failed, and not at the end of the file: its answer is the same.
   bool ReadFailed() const { return m_bReadFailed; }
 
-  // The records of a file of that size, without opening it.
-  static std::uint64_t RecordCountOfSize(std::uint64_t nFileSize, std::uint32_t nStoredRecordSize);
-
  private:
-  // At most 0xFFFFFFFF records.
-  static constexpr std::uint64_t kMaxRecords = 0xFFFFFFFF;
-
   std::uint64_t PositionOf(std::uint64_t nIndex) const { return sizeof(tPLAINDB_HEADER) + nIndex * m_nRecordSize; }
   ResultCode Recreate(StorageFile& File, std::uint32_t nUserRecordSize, bool bChecked);
   ResultCode WriteCheckedRecord(std::uint64_t nPosition, const void* pData, std::uint32_t nDataSize);

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "format/file_names.h"
 #include "platform/exception.h"
 #include "platform/file.h"
 #include "platform/folders.h"
@@ -20,13 +21,7 @@ namespace {
 
 // The files of one segment, in the order in which a dropped or discarded one loses them. Nothing leads to it by then:
 // what an interruption leaves stays until the folder is cleared.
-constexpr std::u16string_view kEventFile = u"events.dat";
-constexpr std::u16string_view kSegmentFiles[] = {u"objbt.dat", u"objid.dat", u"objdt.dat", kEventFile};
-
-// The file that says where the chain of segments starts: it goes last, since nothing leads to a segment without it.
-constexpr std::u16string_view kChainFile = u"segments.dat";
-
-constexpr std::size_t kPrefixLength = 9;  // of "%08X_"
+constexpr std::u16string_view kSegmentFiles[] = {kTreeFile, kIdsFile, kDataFile, kEventsFile};
 
 // The longest file name that is built, in UTF-16 units.
 constexpr std::size_t kMaxFileName = 260;
@@ -35,21 +30,8 @@ constexpr std::size_t kMaxFileName = 260;
 constexpr std::int64_t kSecondsTo1970 = 11644473600;
 constexpr std::int64_t kFileTimeUnitsPerSecond = 10000000;
 
-// "%08X_"
-std::u16string NumberPrefix(std::uint32_t nId) {
-  std::u16string Prefix;
-  for (int nShift = 28; nShift >= 0; nShift -= 4) Prefix += u"0123456789ABCDEF"[(nId >> nShift) & 0xFu];
-  return Prefix + u'_';
-}
-
-bool IsEventFile(std::u16string_view Name) {
-  if (Name.size() != kPrefixLength + kEventFile.size() || !Name.ends_with(kEventFile)) return false;
-  return Name[kPrefixLength - 1] == u'_' && Name.find_first_not_of(u"0123456789ABCDEF") == kPrefixLength - 1;
-}
-
 std::u16string FileName(std::u16string_view Name, std::uint32_t nId) {
-  std::u16string Full = nId == 0 ? std::u16string() : NumberPrefix(nId);
-  Full += Name;
+  std::u16string Full = nId == 0 ? std::u16string(Name) : SegmentFileName(nId, Name);
   if (Full.size() > kMaxFileName) Full.resize(kMaxFileName);
   return Full;
 }
@@ -76,7 +58,7 @@ PathBlock BuildFilePath(std::u16string_view Folder, std::u16string_view Name, st
   };
   Append(Folder);
   if (!EndsWithSeparator(Folder)) Append(u"\\");
-  if (nId != 0) Append(NumberPrefix(nId));
+  if (nId != 0) Append(SegmentPrefix(nId));
   Append(Name);
   return Path;
 }
@@ -150,7 +132,8 @@ ResultCode StorageEnvironment::DeleteFiles(const char16_t* /*pPattern*/, std::ui
     if (nId != 0) {
       for (const std::u16string_view Name : kSegmentFiles) Delete(FileName(Name, nId));
     } else if (DeleteSegments()) {
-      (void)os::RemovePlainFiles(m_Folder, kChainFile);
+      // What says where the chain starts goes last: nothing leads to a segment without it.
+      (void)os::RemovePlainFiles(m_Folder, kSegmentsFile);
     }
   } catch (const std::bad_alloc&) {
     // What was not reached stays, like any other file that could not be deleted.
@@ -164,13 +147,13 @@ ResultCode StorageEnvironment::DeleteFiles(const char16_t* /*pPattern*/, std::ui
 bool StorageEnvironment::DeleteSegments() {
   std::vector<std::u16string> Names;
   if (os::ListPlainFiles(m_Folder, &Names) != os::kSuccess) return false;
-  std::erase_if(Names, [](const std::u16string& Name) { return !IsEventFile(Name); });
+  std::erase_if(Names, [](const std::u16string& Name) { return !IsEventsFileName(Name); });
   std::sort(Names.begin(), Names.end(), std::greater<>());
   for (const std::u16string& Name : Names) {
     if (os::RemoveFile(PathOf(Name)) != os::kSuccess) return false;
-    const std::u16string Number = Name.substr(0, kPrefixLength);
+    const std::u16string Number = Name.substr(0, kSegmentPrefixLength);
     for (const std::u16string_view Other : kSegmentFiles) {
-      if (Other != kEventFile) Delete(Number + std::u16string(Other));
+      if (Other != kEventsFile) Delete(Number + std::u16string(Other));
     }
   }
   return true;

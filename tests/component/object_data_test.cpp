@@ -4,7 +4,7 @@
 
 #include "component/component_fixture.h"
 #include "events/object_hash.h"
-#include "objects/crc32.h"
+#include "format/crc32.h"
 
 namespace lumbra::test {
 namespace {

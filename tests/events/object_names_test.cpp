@@ -1,10 +1,10 @@
 // Object names: hashes, paths that come back as they went in, roots, links and parents.
 #include <cstring>
 
-#include "events/md5.h"
 #include "events/object_hash.h"
 #include "events/path_root.h"
 #include "events/segment_fixture.h"
+#include "format/md5.h"
 #include "support/system_calls.h"
 
 namespace lumbra::test {

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <sstream>
 
-#include "events/md5.h"
+#include "format/md5.h"
 #include "host/module_file.h"
 #include "support/world.h"
 

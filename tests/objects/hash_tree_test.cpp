@@ -21,7 +21,7 @@ TEST_F(HashTreeTest, TakesDigitsOffTheHash) {
   constexpr std::uint64_t kHash = 0xFEDCBA9876543210;
   const std::pair<std::uint32_t, std::uint32_t> kDigits[] = {{0, 0x10}, {1, 0x2}, {2, 0x3}, {3, 0},  {4, 0},
                                                              {6, 0},    {7, 1},   {52, 1},  {53, 0}, {64, 0}};
-  for (const auto& [nLevel, nDigit] : kDigits) EXPECT_EQ(nDigit, HashTree::GetHashDigit(kHash, nLevel)) << nLevel;
+  for (const auto& [nLevel, nDigit] : kDigits) EXPECT_EQ(nDigit, GetHashDigit(kHash, nLevel)) << nLevel;
 }
 
 TEST_F(HashTreeTest, SplitsWhereHashesPart) {

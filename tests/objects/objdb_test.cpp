@@ -41,24 +41,6 @@ TEST_F(ObjectDbTest, ServesEveryFeatureSet) {
   }
 }
 
-TEST_F(ObjectDbTest, StoresRecordsFieldByField) {
-  Start(false, {{0x1122334455667788, "name"}});
-  ASSERT_CODE(errOK, SetData(Id(1), 0xAABBCCDD, "data!"));
-  Step("the id file", ReadFile("id"))
-      .Holds({{"header", "504c4442 0c000000 1d000000"},
-              {"hash", "8877665544332211"},
-              {"parent", "0500000000000000"},
-              {"name and its size", "04000000 0400"},
-              {"flags and type", "01 09"},
-              {"entries and their count", "0d000000 01"}});
-  Step("the data file", ReadFile("dt"))
-      .Holds({{"magic", "4f44424f"},
-              {"name", "6e616d65"},
-              {"data, masked with 27 9e 5c 3a", "43ff285b06"},
-              {"key and offset of its entry", "ddccbbaa 08000000"},
-              {"size 5 and room 5", "05000580"}});
-}
-
 TEST_F(ObjectDbTest, RefusesWrongArguments) {
   Start(false, {{1, "a"}});
   tObjectId id = 0;

@@ -8,19 +8,16 @@
 
 #include "commands.h"
 #include "failure.h"
+#include "format/file_names.h"
+#include "host/text.h"
 #include "machine.h"
 
 namespace lumbra::tool {
 namespace {
 
-constexpr const char* kLiveIds = "g_objid.dat";
-constexpr const char* kLiveData = "g_objdt.dat";
-constexpr const char* kNewIds = "g_objidcompacted.dat";
-constexpr const char* kNewData = "g_objdtcompacted.dat";
-
-void PrintSizes(const char* pWhen, const StoreFiles& Files, const char* pIds, const char* pData) {
-  std::printf("%-7s %-22s %14llu bytes   %-22s %14llu bytes\n", pWhen, pIds,
-              static_cast<unsigned long long>(Files.SizeOf(pIds)), pData,
+void PrintSizes(const char* pWhen, const StoreFiles& Files, const char16_t* pIds, const char16_t* pData) {
+  std::printf("%-7s %-22s %14llu bytes   %-22s %14llu bytes\n", pWhen, host::ToUtf8(pIds).c_str(),
+              static_cast<unsigned long long>(Files.SizeOf(pIds)), host::ToUtf8(pData).c_str(),
               static_cast<unsigned long long>(Files.SizeOf(pData)));
 }
 
@@ -40,7 +37,8 @@ class Progress {
     std::unique_lock Hold(Lock);
     while (!Stopped.wait_for(Hold, Stop, kInterval, [&Stop] { return Stop.stop_requested(); })) {
       try {
-        const double nPart = static_cast<double>(Files.SizeOf(kNewIds)) / static_cast<double>(Files.SizeOf(kLiveIds));
+        const double nPart =
+            static_cast<double>(Files.SizeOf(kCompactedIdsFile)) / static_cast<double>(Files.SizeOf(kSharedIdsFile));
         std::fprintf(stderr, "\r%3.0f %% of the objects", 100 * nPart);
       } catch (const Failure&) {  // what cannot be looked at now is left as it is shown
       }
@@ -57,7 +55,7 @@ class NewPair {
   explicit NewPair(const StoreFiles& Files) : m_Folder(Files.Folder()) {}
   ~NewPair() {
     if (m_bKept) return;
-    for (const char* const pName : {kNewIds, kNewData}) {
+    for (const char16_t* const pName : {kCompactedIdsFile, kCompactedDataFile}) {
       std::error_code Ignored;
       std::filesystem::remove(m_Folder / pName, Ignored);
     }
@@ -93,20 +91,20 @@ int Compact(const CommonOptions& Common, const NoOptions& /*Options*/) {
   };
   Session Store(InModeOfStore(Common), Missing::Refuse, Note);
   const StoreFiles& Files = Store.Files();
-  PrintSizes("before", Files, kLiveIds, kLiveData);
+  PrintSizes("before", Files, kSharedIdsFile, kSharedDataFile);
   WatchForInterrupt();
   if (!WritePair(Store)) {
     std::puts("interrupted; the new pair is gone again");
     return kExitInterrupted;
   }
-  PrintSizes("after", Files, kNewIds, kNewData);
+  PrintSizes("after", Files, kCompactedIdsFile, kCompactedDataFile);
   if (nLosses != 0) std::puts("What was left out is still in the live files, as far as it can be read there.");
   std::printf(
       "The compacted pair lies beside the live one, which stays in use. To put it in its place, before any other "
       "command\n"
       "and while nothing has the store open: keep copies of %s and %s, and rename the pair over them. All other\n"
       "files stay as they are.\n",
-      kLiveIds, kLiveData);
+      host::ToUtf8(kSharedIdsFile).c_str(), host::ToUtf8(kSharedDataFile).c_str());
   return nLosses == 0 ? kExitOk : kExitFailed;
 }
 

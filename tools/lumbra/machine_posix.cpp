@@ -10,7 +10,9 @@
 #include <cstring>
 
 #include "event_time.h"
+#include "format/file_names.h"
 #include "host/text.h"
+#include "lumbra/lumbra.h"
 #include "machine.h"
 
 namespace lumbra::tool {
@@ -114,8 +116,10 @@ std::string WhyNotUsable(const std::filesystem::path& Folder) {
     return Folder.has_relative_path() ? WhyNotUsable(Folder.parent_path()) : std::string();
   }
   if (!S_ISDIR(Status.st_mode)) return Folder.string() + " is no folder";
-  for (const char* const pName : {"", "g_objbt.dat", "g_objid.dat", "g_objdt.dat", "g_db_id.dat", "00"}) {
-    const std::filesystem::path Path = Folder / pName;
+  const std::filesystem::path Used[] = {
+      {}, kSharedTreeFile, kSharedIdsFile, kSharedDataFile, kIndexFile, NumberedFolder(kSystemDatabase)};
+  for (const std::filesystem::path& Name : Used) {
+    const std::filesystem::path Path = Folder / Name;
     if (access(Path.c_str(), R_OK | W_OK) != 0 && errno != ENOENT) return Path.string() + ": " + std::strerror(errno);
   }
   return {};

@@ -10,6 +10,7 @@
 #include <memory>
 #include <system_error>
 
+#include "format/file_names.h"
 #include "host/system_win32.h"
 #include "host/text.h"
 #include "machine.h"
@@ -196,7 +197,7 @@ std::string WhyNotUsable(const std::filesystem::path& Folder) {
                                                                       : host::SystemMessage(nError);
   }
   if ((nAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) return TextOf(Folder) + " is no folder";
-  for (const char* const pName : {"g_objbt.dat", "g_objid.dat", "g_objdt.dat", "g_db_id.dat"}) {
+  for (const char16_t* const pName : {kSharedTreeFile, kSharedIdsFile, kSharedDataFile, kIndexFile}) {
     const std::filesystem::path Path = Folder / pName;
     const HANDLE Opened = CreateFileW(Path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                       nullptr, OPEN_EXISTING, 0, nullptr);

@@ -8,6 +8,12 @@
 #include <system_error>
 
 #include "failure.h"
+#include "format/crc32.h"
+#include "format/file_names.h"
+#include "format/named_index_file.h"
+#include "format/object_files.h"
+#include "format/record_file.h"
+#include "format/segments_file.h"
 #include "host/text.h"
 #include "lumbra/lumbra.h"
 #include "machine.h"
@@ -17,14 +23,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t kMaxNameLength = 63;  // UTF-16 units
-constexpr std::uint64_t kRecordFileHeader = 12;
-constexpr const char* kEventFile = "%08X_events.dat";
-
-std::string FormatHex(const char* pFormat, std::uint32_t nValue) {
-  char Text[32];
-  std::snprintf(Text, sizeof(Text), pFormat, nValue);
-  return Text;
+fs::path EventsFile(std::uint32_t nSegment) {
+  return SegmentFileName(nSegment, kEventsFile);
 }
 
 // The number of the database whose folder has this name, in upper or lower case.
@@ -35,24 +35,20 @@ std::optional<std::uint32_t> NumberOfFolder(const std::string& Name) {
 }
 
 // The segment whose events are in a file of this name, 0 for any other file.
-std::uint32_t NumberOfEventFile(const std::string& Name) {
-  if (Name.find_first_not_of("0123456789ABCDEF") != 8) return 0;
-  const auto nNumber = static_cast<std::uint32_t>(std::stoul(Name.substr(0, 8), nullptr, 16));
-  return FormatHex(kEventFile, nNumber) == Name ? nNumber : 0;
+std::uint32_t NumberOfEventsFile(const fs::path& Name) {
+  const std::string Text = TextOf(Name);
+  if (Text.find_first_not_of("0123456789ABCDEF") != 8) return 0;
+  const auto nNumber = static_cast<std::uint32_t>(std::stoul(Text.substr(0, 8), nullptr, 16));
+  return EventsFile(nNumber) == Name ? nNumber : 0;
 }
 
-std::uint64_t EventsOfSize(std::uint64_t nFileSize, std::uint32_t nEventSize) {
-  return nFileSize < kRecordFileHeader ? 0 : (nFileSize - kRecordFileHeader) / nEventSize;
+// The name that an item of the index holds.
+std::string KeyOfItem(const std::string& Item) {
+  return Item.substr(0, Item.find('\0'));
 }
 
-// The form in which the index of names keeps a name: the low 7 bits of each UTF-16 unit, up to a zero.
-std::string IndexKey(const std::string& Name) {
-  std::string Key;
-  for (const char16_t c : host::ToUtf16(Name)) {
-    if ((c & 0x7F) == 0) break;
-    Key += static_cast<char>(c & 0x7F);
-  }
-  return Key;
+std::string KeyOf(const DatabaseName& Database) {
+  return IndexKey(host::ToUtf16(Database.Name));
 }
 
 // False for an error that says that nothing is there; throws a Failure for any other one.
@@ -98,6 +94,10 @@ std::string ReadBytes(const fs::path& Path, std::uint64_t nOffset, std::size_t n
   return Content;
 }
 
+bool StartsWith(const std::string& Content, const FILE_MAGIC& Magic) {
+  return Content.starts_with(std::string_view(Magic, sizeof(Magic)));
+}
+
 bool IsSeparatorOrControl(char c) {
   return c == '/' || c == '\\' || (c >= 0 && c < 0x20) || c == 0x7F;
 }
@@ -105,7 +105,7 @@ bool IsSeparatorOrControl(char c) {
 }  // namespace
 
 std::string DatabaseName::Folder() const {
-  return Number ? FormatHex("%02X", *Number) : Name;
+  return Number ? host::ToUtf8(NumberedFolder(*Number)) : Name;
 }
 
 std::string DatabaseName::Describe() const {
@@ -131,44 +131,39 @@ std::optional<DatabaseName> ParseDatabaseName(const std::string& Text, std::stri
   if (NumberOfFolder(Text)) return Refuse("the folder of that name belongs to a numbered database");
   const std::u16string Wide = host::ToUtf16(Text);
   if (host::ToUtf8(Wide) != Text) return Refuse("a name must be UTF-8");
-  if (Wide.size() > kMaxNameLength) return Refuse("a name has at most 63 characters");
+  if (Wide.size() > kMaxIndexNameLength) return Refuse("a name has at most 63 characters");
   return DatabaseName{{}, Text};
 }
 
 bool StoreFiles::Exists() const {
-  return IsThere(m_Folder / "g_objid.dat");
+  return IsThere(m_Folder / kSharedIdsFile);
 }
 
 bool StoreFiles::IsHeldByAnotherProcess() const {
-  for (const char* const pName : {"g_objbt.dat", "g_objid.dat", "g_objdt.dat", "00/segments.dat"}) {
+  for (const char16_t* const pName : {kSharedTreeFile, kSharedIdsFile, kSharedDataFile}) {
     if (IsHeld(m_Folder / pName)) return true;
   }
-  return false;
+  return IsHeld(m_Folder / NumberedFolder(kSystemDatabase) / kSegmentsFile);
 }
 
 bool StoreFiles::Has(const DatabaseName& Database) const {
-  return IsThere(m_Folder / PathOf(Database.Folder()) / "segments.dat");
+  return IsThere(m_Folder / PathOf(Database.Folder()) / kSegmentsFile);
 }
 
 std::optional<DatabaseFiles> StoreFiles::Read(const DatabaseName& Database) const {
-  struct {
-    char Magic[4];
-    std::uint32_t nFirstSegment;
-    std::uint32_t nEventSize;
-  } Header{};
-  static_assert(sizeof(Header) == 12);
+  tSDB_HEADER Header{};
   const fs::path Folder = m_Folder / PathOf(Database.Folder());
-  const std::string Read = ReadBytes(Folder / "segments.dat", 0, sizeof(Header));
+  const std::string Read = ReadBytes(Folder / kSegmentsFile, 0, sizeof(Header));
   if (Read.size() != sizeof(Header)) return {};
   std::memcpy(&Header, Read.data(), sizeof(Header));
-  if (std::memcmp(Header.Magic, "SDBH", 4) != 0 || Header.nEventSize == 0) return {};
+  if (std::memcmp(Header.nMagic, kSegmentsMagic, sizeof(kSegmentsMagic)) != 0 || Header.nEventSize == 0) return {};
 
   DatabaseFiles Found{Header.nEventSize, {}};
   if (Header.nFirstSegment == 0) return Found;
   for (std::uint32_t nNumber = Header.nFirstSegment;; ++nNumber) {
-    const std::optional<std::uint64_t> Size = SizeOfFile(Folder / FormatHex(kEventFile, nNumber));
+    const std::optional<std::uint64_t> Size = SizeOfFile(Folder / EventsFile(nNumber));
     if (!Size) return Found;
-    Found.Segments.push_back({nNumber, EventsOfSize(*Size, Header.nEventSize)});
+    Found.Segments.push_back({nNumber, RecordCountOfSize(*Size, Header.nEventSize)});
   }
 }
 
@@ -177,9 +172,9 @@ std::vector<DatabaseName> StoreFiles::Databases() const {
   std::vector<DatabaseName> Named;
   for (const fs::directory_entry& Entry : EntriesOf(m_Folder)) {
     const std::string Name = TextOf(Entry.path().filename());
-    if (!Entry.is_directory() || !IsThere(Entry.path() / "segments.dat")) continue;
+    if (!Entry.is_directory() || !IsThere(Entry.path() / kSegmentsFile)) continue;
     const std::optional<std::uint32_t> Number = NumberOfFolder(Name);
-    if (Number && FormatHex("%02X", *Number) == Name) {
+    if (Number && DatabaseName{Number, {}}.Folder() == Name) {
       Numbered.push_back({Number, {}});
     } else {
       Named.push_back({{}, Name});
@@ -195,9 +190,9 @@ std::vector<SegmentFile> StoreFiles::OutOfReach(const DatabaseName& Database, co
   const std::uint32_t nLast = Chain.Segments.empty() ? 0 : Chain.Segments.back().nNumber;
   std::vector<SegmentFile> Found;
   for (const fs::directory_entry& Entry : EntriesOf(m_Folder / PathOf(Database.Folder()))) {
-    const std::uint32_t nNumber = NumberOfEventFile(TextOf(Entry.path().filename()));
+    const std::uint32_t nNumber = NumberOfEventsFile(Entry.path().filename());
     if (nNumber <= nLast) continue;
-    const std::uint64_t nEvents = EventsOfSize(SizeOfFile(Entry.path()).value_or(0), Chain.nEventSize);
+    const std::uint64_t nEvents = RecordCountOfSize(SizeOfFile(Entry.path()).value_or(0), Chain.nEventSize);
     if (nEvents != 0) Found.push_back({nNumber, nEvents});
   }
   std::sort(Found.begin(), Found.end(), [](const auto& a, const auto& b) { return a.nNumber < b.nNumber; });
@@ -207,8 +202,8 @@ std::vector<SegmentFile> StoreFiles::OutOfReach(const DatabaseName& Database, co
 bool StoreFiles::HasLostEvents(const DatabaseName& Database) const {
   if (const std::optional<DatabaseFiles> Found = Read(Database); Found && !Found->Segments.empty()) return false;
   for (const fs::directory_entry& Entry : EntriesOf(m_Folder / PathOf(Database.Folder()))) {
-    const bool bEvents = TextOf(Entry.path().filename()).ends_with("_events.dat");
-    if (bEvents && SizeOfFile(Entry.path()).value_or(0) > kRecordFileHeader) return true;
+    const bool bEvents = NumberOfEventsFile(Entry.path().filename()) != 0;
+    if (bEvents && SizeOfFile(Entry.path()).value_or(0) > sizeof(tPLAINDB_HEADER)) return true;
   }
   return false;
 }
@@ -217,7 +212,7 @@ std::optional<DatabaseName> StoreFiles::Namesake(const DatabaseName& Database) c
   if (Database.Number || !Exists()) return {};
   for (const DatabaseName& Other : Databases()) {
     if (Other.Number || Other.Name == Database.Name) continue;
-    const bool bOneId = IndexKey(Other.Name) == IndexKey(Database.Name);
+    const bool bOneId = KeyOf(Other) == KeyOf(Database);
     if (bOneId || IsSameFolderName(Other.Name, Database.Name)) return Other;
   }
   return {};
@@ -226,43 +221,45 @@ std::optional<DatabaseName> StoreFiles::Namesake(const DatabaseName& Database) c
 bool StoreFiles::HasId(const DatabaseName& Database) const {
   if (Database.Number) return true;
   for (std::uint64_t nBlock = 1;; ++nBlock) {
-    const std::string Item = ReadBlock("g_db_id.dat", nBlock);
+    const std::string Item = ReadBlock(kIndexFile, nBlock);
     if (Item.empty()) return false;
-    if (Item.substr(0, Item.find('\0')) == IndexKey(Database.Name)) return true;
+    if (KeyOfItem(Item) == KeyOf(Database)) return true;
   }
 }
 
 std::optional<DatabaseName> StoreFiles::DatabaseOfNumber(std::uint32_t nId) const {
   if (nId < kFirstNamedDatabase) return DatabaseName{nId, {}};
-  const std::string Item = ReadBlock("g_db_id.dat", std::uint64_t{nId - kFirstNamedDatabase} + 1);
+  const std::string Item = ReadBlock(kIndexFile, std::uint64_t{nId - kFirstNamedDatabase} + 1);
   if (Item.empty()) return {};
-  const std::string Key = Item.substr(0, Item.find('\0'));
   for (const DatabaseName& Candidate : Databases()) {
-    if (!Candidate.Number && IndexKey(Candidate.Name) == Key) return Candidate;
+    if (!Candidate.Number && KeyOf(Candidate) == KeyOfItem(Item)) return Candidate;
   }
   return {};
 }
 
 bool StoreFiles::IsMarkedCorrupted() const {
-  return ReadBlock("g_db_id.dat", 0).find("Ver 1.0 Corrupted") != std::string::npos;
+  const std::string Signature = ReadBlock(kIndexFile, 0);
+  return std::equal(Signature.begin(), Signature.end(), kCorruptedIndexSignature.begin(),
+                    kCorruptedIndexSignature.end());
 }
 
 bool StoreFiles::SharedObjectsHaveCrcs() const {
-  const std::string Magic = ReadBlock("g_objdt.dat", 0).substr(0, 4);
-  return Magic == "ODBQ" || Magic == "ODBR" || Magic == "ODBS";
+  const std::string Head = ReadBlock(kSharedDataFile, 0);
+  return std::any_of(std::begin(kFeatureMagics), std::end(kFeatureMagics), [&Head](const FeatureMagic& Known) {
+    return StartsWith(Head, Known.Magic) && (Known.nFeatures & featureBlockCrc) != 0;
+  });
 }
 
 bool StoreFiles::SharedRecordsHaveCrcs() const {
-  return ReadBlock("g_objid.dat", 0).starts_with("PLDP");
+  return StartsWith(ReadBlock(kSharedIdsFile, 0), kCheckedRecordMagic);
 }
 
 std::uint64_t StoreFiles::SharedObjectCount() const {
-  const std::uint64_t nSize = SizeOf("g_objid.dat");
-  const std::uint32_t nRecord = SharedRecordsHaveCrcs() ? 33 : 29;
-  return nSize < kRecordFileHeader ? 0 : (nSize - kRecordFileHeader) / nRecord;
+  constexpr std::uint32_t kEntrySize = sizeof(tODB_ID_ENTRY);
+  return RecordCountOfSize(SizeOf(kSharedIdsFile), SharedRecordsHaveCrcs() ? kEntrySize + kCrcSize : kEntrySize);
 }
 
-std::uint64_t StoreFiles::SizeOf(const char* pName) const {
+std::uint64_t StoreFiles::SizeOf(const char16_t* pName) const {
   return SizeOfFile(m_Folder / pName).value_or(0);
 }
 
@@ -276,10 +273,9 @@ std::uint64_t StoreFiles::SizeOf(const DatabaseName& Database) const {
   return nSize;
 }
 
-// Up to 64 bytes of one of the store's own files.
-std::string StoreFiles::ReadBlock(const char* pName, std::uint64_t nBlock) const {
-  constexpr std::size_t kBlockSize = 64;
-  return ReadBytes(m_Folder / pName, nBlock * kBlockSize, kBlockSize);
+// One of the blocks that the index has, or as many bytes of another of the store's own files.
+std::string StoreFiles::ReadBlock(const char16_t* pName, std::uint64_t nBlock) const {
+  return ReadBytes(m_Folder / pName, nBlock * kIndexBlockSize, kIndexBlockSize);
 }
 
 }  // namespace lumbra::tool

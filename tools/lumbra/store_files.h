@@ -76,11 +76,11 @@ class StoreFiles {
   std::uint64_t SharedObjectCount() const;
 
   // Bytes of one of the store's own files, and of all files of a database; 0 when there are none.
-  std::uint64_t SizeOf(const char* pName) const;
+  std::uint64_t SizeOf(const char16_t* pName) const;
   std::uint64_t SizeOf(const DatabaseName& Database) const;
 
  private:
-  std::string ReadBlock(const char* pName, std::uint64_t nBlock) const;
+  std::string ReadBlock(const char16_t* pName, std::uint64_t nBlock) const;
 
   std::filesystem::path m_Folder;
 };

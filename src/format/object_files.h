@@ -1,4 +1,6 @@
-// The id and data files of an object store, field by field. (The tree file: hash_tree.h.)
+// The id and data files of an object store, field by field. (The tree file: tree_file.h.)
+//
+// Id file: a record file (record_file.h) of tODB_ID_ENTRY; record i describes the object with short id i + 1.
 //
 // Data file: a 4-byte magic that names the feature set, then blocks, each appended at what was then the end of the file
 // and found only through the record or entry that points to it. A block that is replaced is overwritten with zeros and
@@ -12,21 +14,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
+
+#include "format/object_id.h"
 
 namespace lumbra {
-
-// An object: the number of its store in the high, its short id (record index + 1) in the low 32 bits.
-using tObjectId = std::uint64_t;
-constexpr std::uint32_t MAKE_SHORT_OBJECT_ID(tObjectId id) {
-  return static_cast<std::uint32_t>(id);
-}
-constexpr std::uint32_t StoreNumberOf(tObjectId id) {
-  return static_cast<std::uint32_t>(id >> 32);
-}
-constexpr tObjectId MakeObjectId(std::uint32_t nNumber, std::uint32_t nShortId) {
-  return (tObjectId{nNumber} << 32) | nShortId;
-}
 
 using FILE_MAGIC = char[4];
 
@@ -63,10 +54,10 @@ inline constexpr std::uint64_t kMaxDataFileSize = std::uint64_t{1} << 32;
 
 #pragma pack(push, 1)
 
-// The id record, one per object, in a PlainDB with 29 user bytes.
+// The id record, one per object: 29 bytes, and a CRC where the file is a checked one.
 struct tODB_ID_ENTRY {
   std::uint64_t nObjectHash;  //  0: 0 for an anonymous object, kInvalidHash for one that compaction left nameless
-  std::uint64_t nParentId;    //  8: the parent's object id, 0 for none
+  tObjectId nParentId;        //  8: the parent's object id, 0 for none
   std::uint32_t nName;        // 16: offset of the name block, 0 without a name
   std::uint16_t nNameSize;    // 20: bytes of the name
   std::uint8_t nFlags;        // 22: bit 0: the name is UTF-8, otherwise UTF-16
@@ -75,7 +66,10 @@ struct tODB_ID_ENTRY {
   std::uint8_t nDataEntriesCount;    // 28
 };
 static_assert(sizeof(tODB_ID_ENTRY) == 29);
-static_assert(offsetof(tODB_ID_ENTRY, nName) == 16 && offsetof(tODB_ID_ENTRY, nDataEntriesCount) == 28);
+static_assert(offsetof(tODB_ID_ENTRY, nParentId) == 8 && offsetof(tODB_ID_ENTRY, nName) == 16);
+static_assert(offsetof(tODB_ID_ENTRY, nNameSize) == 20 && offsetof(tODB_ID_ENTRY, nFlags) == 22);
+static_assert(offsetof(tODB_ID_ENTRY, nType) == 23 && offsetof(tODB_ID_ENTRY, nDataEntriesOffset) == 24);
+static_assert(offsetof(tODB_ID_ENTRY, nDataEntriesCount) == 28);
 
 struct tODB_DATA_ENTRY {
   std::uint32_t nDataType;    // 0: the key of the block within its object
@@ -83,6 +77,7 @@ struct tODB_DATA_ENTRY {
   std::uint32_t nDataSize;    // 8: see DataSize
 };
 static_assert(sizeof(tODB_DATA_ENTRY) == 12);
+static_assert(offsetof(tODB_DATA_ENTRY, nDataOffset) == 4 && offsetof(tODB_DATA_ENTRY, nDataSize) == 8);
 
 #pragma pack(pop)
 
@@ -94,9 +89,13 @@ constexpr bool IsInTree(const tODB_ID_ENTRY& Entry) {
   return Entry.nObjectHash != 0 && Entry.nObjectHash != kInvalidHash;
 }
 
-// More names than this do not fit nNameSize; more entries not nDataEntriesCount.
+// A longer name does not fit nNameSize; more entries do not fit nDataEntriesCount.
 inline constexpr std::uint32_t kMaxNameSize = 65535;
 inline constexpr std::uint32_t kMaxDataEntries = 255;
+
+// So many objects at most: more would leave no room in the 31 bits of a tree slot; the limit has a digit less than
+// that.
+inline constexpr std::uint64_t kMaxObjects = 0x7FFFFF0;
 
 // nDataSize tells the bytes that are stored (CRC included) and the room they have on disk. Top bit clear:
 // both are the value. Top bit set: stored in bits 0 to 14, room in bits 16 to 30.

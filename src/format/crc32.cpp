@@ -1,4 +1,4 @@
-#include "objects/crc32.h"
+#include "format/crc32.h"
 
 #include <array>
 

@@ -5,12 +5,9 @@
 #include <cstdint>
 #include <cstring>
 
-#include "objects/crc32.h"
+#include "format/crc32.h"
 
 namespace lumbra {
-
-// Bytes of a stored CRC.
-inline constexpr std::uint32_t kCrcSize = sizeof(std::uint32_t);
 
 class DataCrc {
  public:

@@ -1,0 +1,30 @@
+#include "format/file_names.h"
+
+namespace lumbra {
+namespace {
+
+constexpr std::u16string_view kDigits = u"0123456789ABCDEF";
+
+}  // namespace
+
+std::u16string NumberedFolder(std::uint32_t nDatabase) {
+  return {kDigits[(nDatabase >> 4) & 0xFu], kDigits[nDatabase & 0xFu]};
+}
+
+std::u16string SegmentPrefix(std::uint32_t nSegment) {
+  std::u16string Prefix;
+  for (int nShift = 28; nShift >= 0; nShift -= 4) Prefix += kDigits[(nSegment >> nShift) & 0xFu];
+  return Prefix + u'_';
+}
+
+std::u16string SegmentFileName(std::uint32_t nSegment, std::u16string_view Name) {
+  return SegmentPrefix(nSegment).append(Name);
+}
+
+bool IsEventsFileName(std::u16string_view Name) {
+  constexpr std::size_t kDigitCount = kSegmentPrefixLength - 1;
+  if (Name.find_first_not_of(kDigits) != kDigitCount || Name[kDigitCount] != u'_') return false;
+  return Name.substr(kSegmentPrefixLength) == kEventsFile;
+}
+
+}  // namespace lumbra
