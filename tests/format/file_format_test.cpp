@@ -10,8 +10,8 @@ namespace {
 
 using Files = std::map<std::string, std::string>;  // contents by names in the store's folder
 
-// A heading "### `name`, `name`: 12 bytes" begins files of equal content. Below it the lines of columns tell bytes: up
-// to 7 digits of an offset, two blanks, the bytes, two blanks, their meaning. All others are 0.
+// A heading "### `name`, `name`: 12 bytes" begins files of equal content. A line below it tells some of the bytes: up
+// to 7 digits of their offset, two blanks, the bytes, two blanks, what they mean. All others are 0.
 Files ReadDocument() {
   Files Shown;
   std::vector<std::string*> Contents;
