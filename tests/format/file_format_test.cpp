@@ -1,7 +1,7 @@
 // docs/file-format.md shows the files of a small store byte by byte: here that store is made, and compared with them.
 #include <fstream>
 #include <map>
-#include <regex>
+#include <sstream>
 
 #include "component/component_fixture.h"
 
@@ -10,25 +10,25 @@ namespace {
 
 using Files = std::map<std::string, std::string>;  // contents by names in the store's folder
 
-// A heading "### `name`, `name`: 12 bytes" begins files of equal content, and a line "  8  01 00  meaning" tells the
-// bytes from an offset on. All others are 0.
+// A heading "### `name`, `name`: 12 bytes" begins files of equal content. A line below it tells some of the bytes: up
+// to 7 digits of their offset, two blanks, the bytes, two blanks, what they mean. All others are 0.
 Files ReadDocument() {
-  const std::regex kHeading("### .*: (\\d+) bytes");
-  const std::regex kName("`([^`]+)`");
-  const std::regex kBytes(" +(\\d+)  ([0-9a-f]{2}(?: [0-9a-f]{2})*)  .*");
   Files Shown;
   std::vector<std::string*> Contents;
   std::ifstream Document(LUMBRA_DOCS "/file-format.md");
   for (std::string Line; std::getline(Document, Line);) {
-    std::smatch Found;
-    if (std::regex_match(Line, Found, kHeading)) {
+    if (Line.starts_with("### `")) {
+      const std::size_t nSize = std::stoul(Line.substr(Line.rfind(": ") + 2));
+      std::istringstream Heading(Line);
       Contents.clear();
-      for (std::sregex_iterator Name(Line.begin(), Line.end(), kName); Name != std::sregex_iterator(); ++Name)
-        Contents.push_back(&(Shown[(*Name)[1]] = std::string(std::stoul(Found[1]), '\0')));
-    } else if (std::regex_match(Line, Found, kBytes)) {
-      const Bytes Told = FromHex(Found[2].str());
-      for (std::string* const pContent : Contents)
-        pContent->replace(std::stoul(Found[1]), Told.size(), std::string(Told.begin(), Told.end()));
+      for (std::string Name; std::getline(std::getline(Heading, Name, '`'), Name, '`');)
+        Contents.push_back(&(Shown[Name] = std::string(nSize, '\0')));
+    } else if (Line.starts_with("   ")) {
+      constexpr std::size_t kFirst = 9;
+      for (std::string* const pContent : Contents) {
+        const Bytes Told = FromHex(Line.substr(kFirst, Line.find("  ", kFirst) - kFirst));
+        pContent->replace(std::stoul(Line), Told.size(), std::string(Told.begin(), Told.end()));
+      }
     }
   }
   return Shown;
