@@ -1,190 +1,169 @@
 // The instance: initialisation and what it gives back, properties, sharing, flushing.
-#include <gmock/gmock.h>
-
 #include "component/component_fixture.h"
-#include "platform/file.h"
 
 namespace lumbra::test {
 namespace {
 
-class LifecycleTest : public ComponentTest {};
+class LifecycleTest : public ComponentTest {
+ protected:
+  bool IsMarked() const { return ReadText("g_db_id.dat").find("Ver 1.0 Corrupted") != std::string::npos; }
 
-TEST_F(LifecycleTest, OpensTheStoreInTheHostsCheckMode) {
-  const Bytes Index = ReadFile("g_db_id.dat");
-  for (const std::uint32_t nMode : {0u, 1u}) {
-    StartAnew();
-    WriteFile("g_db_id.dat", Index);
-    m_Host->SetPlaceholder(u"%LumbraCheckData%", nMode == 1 ? u"1" : u"0");
-    TakeTrace();
-    Expect({errOK, nMode == 1 ? Lines{"400  Lumbra check mode on"} : Lines{}}, {Open(), TakeTrace(400)});
-    EXPECT_EQ(nMode == 1 ? "4f444253" : "4f44424f", ToHex(ReadFile("g_objdt.dat")).substr(0, 8));
-    Expect({nMode, 0u, u"System"}, {Number(propCHECK_MODE), Number(propCORRUPTED), NameOf(1)});
-    TakeTrace();
-    Expect({errOK, Lines{"400 ObjectInitDone: Lumbra already initialized"}}, {m_Store.Init(), TakeTrace()});
+  ResultCode Access(std::uint32_t nProperty, std::uint32_t nMode, void* pBuffer, std::uint32_t nSize) {
+    m_Record = {pBuffer, nSize, 0, m_Record.nCodePage, nMode};
+    return m_Store.Instance()->pLifecycle->PropertyAccess(m_Store.Instance(), nProperty, &m_Record);
   }
+  PropertyAccessRecord m_Record{};
+};
+
+TEST_F(LifecycleTest, TheHostSaysWhetherNewFilesAreChecked) {
+  EXPECT_EQ("ODBO", ReadText("g_objdt.dat").substr(0, 4));
+  m_Host->SetPlaceholder(u"%LumbraCheckData%", u"0");
+  TakeTrace();
+  Step("an opening without checks", Open()).Is(errOK).Says({});
+  m_Host->SetPlaceholder(u"%LumbraCheckData%", u"1");
+  Step("an opening with checks", Open()).Is(errOK).Says({"400  Lumbra check mode on"});
+  Step("another", m_Store.Init()).Is(errOK).Says({"400 ObjectInitDone: Lumbra already initialized"});
+  StartAnew();
+  Restart();
+  EXPECT_EQ("ODBS", ReadText("g_objdt.dat").substr(0, 4));
 }
 
 TEST_F(LifecycleTest, PutsTheStoreWhereItIsTold) {
   for (const auto& [pTail, pFile] :
        {std::pair{u"/a/b", "a/b/0A/segments.dat"}, {u"/c\\d\\", "c/d/g_db_id.dat"}, {u"/e/", "e/00/segments.dat"}}) {
     m_Store = m_Host->Create();
-    Expect({errOK, errOK, errOK}, {m_Store.SetReportFolder(WideFolder() + pTail), m_Store.Init(), InitDb(10)});
-    EXPECT_TRUE(Exists(pFile)) << pFile;
+    Must(m_Store.SetReportFolder(WideFolder() + pTail));
+    Must(m_Store.Init());
+    Must(InitDb(10));
+    EXPECT_TRUE(fs::exists(Folder() / pFile)) << pFile;
   }
   m_Host->SetPlaceholder(u"%Report%", u"");
-  EXPECT_CODE(errOPEN_FAILED, m_Host->Create().Init());  // not even beside one that has opened the shared store
+  Step("nowhere", m_Host->Create().Init()).Is(errOPEN_FAILED);  // though the shared objects are open
 }
 
-TEST_F(LifecycleTest, SharesOneObjectStoreInTheProcess) {
+TEST_F(LifecycleTest, InitialisedInstancesOfAProcessShareTheirObjects) {
   host::Store Second = m_Host->Create();
-  Expect({errOK, errOK}, {Second.SetReportFolder(WideFolder() + u"/second"), Second.Init()});
-  EXPECT_FALSE(Exists("second/g_objbt.dat"));
-  const std::uint64_t nId = Find(0, u"C:\\shared");
-  std::uint64_t nSame = 0;
+  Must(Second.SetReportFolder(WideFolder() + u"/second"));
+  Must(Second.Call(&Ops::InitDB, 1, 16));
   std::uint32_t nType = 0;
-  EXPECT_CODE(errOK, Second.Call(&Ops::FindObjectSimple, 0, typeFile, u"C:\\SHARED", kZeroTerminated, 0, 0, &nSame));
+  Step("object 1 before", Second.Call(&Ops::GetObjectName, WithDatabase(1, 1), nullptr, 0, nullptr, 0, &nType))
+      .Is(errOBJECT_NOT_FOUND);
+  Must(Second.Init());
+  const std::uint64_t nId = Find(0, u"C:\\shared");
+  Close();  // they stay open for the second
+  std::uint64_t nSame = 0;
+  Must(Second.Call(&Ops::FindObjectSimple, 0, typeFile, u"C:\\SHARED", kZeroTerminated, 0, 0, &nSame));
   EXPECT_EQ(nId, nSame);
-  host::Store Uncounted = m_Host->Create();  // not initialised: the shared store could go while it uses it
-  Expect({errOK, errOK, errOBJECT_NOT_FOUND},
-         {Uncounted.SetReportFolder(WideFolder() + u"/third"), Uncounted.Call(&Ops::InitDB, 1, 16),
-          Uncounted.Call(&Ops::GetObjectName, WithDatabase(1, 1), nullptr, 0, nullptr, 0, &nType)});
-  m_Store = host::Store();  // the store stays open for the second
-  EXPECT_CODE(errOK, Second.Call(&Ops::FindObjectSimple, 0, typeFile, u"C:\\after", kZeroTerminated, 1, 0, &nSame));
-  File Held;
-  const std::u16string kFile = WideFolder() + u"/g_objdt.dat";
-  EXPECT_CODE(errSHARING_VIOLATION, Held.OpenWithFlags(kFile, fileRead, openExisting));
-  Second = host::Store();
-  EXPECT_CODE(errOK, Held.OpenWithFlags(kFile, fileRead, openExisting));
+  EXPECT_FALSE(fs::exists(Folder() / "second/g_objbt.dat"));
 }
 
-TEST_F(LifecycleTest, HandsOutSharedAndSeparateInstances) {
-  m_Store = host::Store();
+TEST_F(LifecycleTest, TheSharedInstanceLastsUntilItsLastUserEnds) {
+  Close();
   host::Store First = m_Host->Create(kSharedInstance);
   host::Store Same = m_Host->Create(kSharedInstance);
-  EXPECT_EQ(First.Instance(), Same.Instance());
-  EXPECT_NE(First.Instance(), m_Host->Create(kSeparateInstance).Instance());
   First = host::Store();
-  EXPECT_CODE(errOK, Same.Init());  // still there for its second user
-  const host::Store New = m_Host->Create(kNewSharedInstance);
-  EXPECT_NE(Same.Instance(), New.Instance());
-  EXPECT_EQ(New.Instance(), m_Host->Create(kSharedInstance).Instance());
-  EXPECT_FALSE(m_Host->Create(0x1234));
-}
-
-TEST_F(LifecycleTest, MarksDamageForGood) {
-  OpenFresh(1);
-  const std::uint64_t nId = Find(0, u"C:\\damaged");
-  const Bytes Sound = ReadFile("g_objdt.dat");
-  const std::size_t nLast = Sound.size() - 1;  // in the newest name's CRC
-  const Bytes Damage{static_cast<std::uint8_t>(Sound[nLast] ^ 1)};
-  // Found by the quick check.
-  Expect({errOK, 1u}, {OpenPatched("g_objdt.dat", nLast, Damage, 1), Number(propCORRUPTED)});
-  const Bytes Index = ReadFile("g_db_id.dat");
-  EXPECT_EQ((Bytes{'.', 0}), (Bytes{Index[51], Index[53]}));
-
-  // Met while working, where the check does not look: the file keeps the mark, also when the damage is gone.
-  Expect({errOK, 0u}, {OpenPatched("g_objdt.dat", 0, Sound, 1), Number(propCORRUPTED)});
-  Find(0, u"C:\\newer\\newest");
-  Expect({errOK, 0u, u"", errDATA_CORRUPTED, 1u}, {OpenPatched("g_objdt.dat", nLast, Damage, 1), Number(propCORRUPTED),
-                                                   NameOf(nId), m_nLast, Number(propCORRUPTED)});
-  Expect({errOK, 1u}, {OpenPatched("g_objdt.dat", 0, Sound, 1), Number(propCORRUPTED)});
-}
-
-TEST_F(LifecycleTest, SavesAMarkThatCouldNotBeSavedAtTheNextFlush) {
-  OpenFresh(1);
-  const std::uint64_t nId = Find(0, u"C:\\damaged");
-  const std::uint64_t nLast = FileSize("g_objdt.dat") - 1;
-  Find(0, u"C:\\newer\\newest");
-  const auto IsMarked = [this] {
-    return ReadText("g_db_id.dat").find("Ver 1.0 Corrupted") != std::string::npos;
-  };
-  ASSERT_CODE(errOK, OpenPatched("g_objdt.dat", nLast, {0}, 1));
-  FailCalls(SystemCall::Open, os::kIoDevice);
-  Expect({u"", errDATA_CORRUPTED, false}, {NameOf(nId), m_nLast, IsMarked()});
-  EXPECT_CODE(errOK, m_Host->SendFlush());
-  EXPECT_TRUE(IsMarked());
-}
-
-// The tree of the shared objects is lost: everything is found under its old id, whatever the newest objects look like.
-TEST_F(LifecycleTest, RebuildsALostTree) {
-  const Bytes kLost{1, 2, 3, 4};  // in place of the CRC of its root
-  OpenFresh(1);
-  const std::uint64_t nId = Find(0, u"C:\\kept");
-  Expect({errOK, nId, u"System", 0u},
-         {OpenPatched("g_objbt.dat", 1040, kLost, 1), Find(0, u"C:\\kept", 0), NameOf(1), Number(propCORRUPTED)});
-
-  Find(0, u"C:\\newest");
-  m_Store = host::Store();
-  Bytes Records = ReadFile("g_objid.dat");
-  Records.back() ^= 1;
-  WriteFile("g_objid.dat", Records);
-  // Half of a tree is no reason not to start; what it does not find is neither missing nor damaged, and comes back.
-  constexpr std::uint64_t kWritesOfAnEmptyTree = 4;
-  for (std::uint64_t nSkip = 0; nSkip < 14; ++nSkip) {
-    const bool bStarts = nSkip >= kWritesOfAnEmptyTree;
-    FailCalls(SystemCall::WriteAt, os::kDiskFull, nSkip, UINT64_MAX);
-    EXPECT_CODE(bStarts ? errOK : errOPEN_FAILED, OpenPatched("g_objbt.dat", 1040, kLost, 1)) << nSkip;
-    if (bStarts) Expect({nSkip, UINT64_C(0), errWRITE_FAILED}, {nSkip, Find(0, u"C:\\never", 1), m_nLast});
-    ResetSystem();
-    if (bStarts) Expect({nSkip, nId}, {nSkip, Find(0, u"C:\\kept", 0)});
-    Expect({nSkip, errOK, nId, 1u}, {nSkip, Open(1), Find(0, u"C:\\kept", 0), Number(propCORRUPTED)});
-  }
-}
-
-TEST_F(LifecycleTest, AnswersForItsProperties) {
-  m_Store = m_Host->Create();
-  PropertyAccessRecord Record{};
-  const auto Access = [&](std::uint32_t nProperty, std::uint32_t nMode, void* pBuffer, std::uint32_t nSize) {
-    Record = {pBuffer, nSize, 0, Record.nCodePage, nMode};
-    LumbraInstance* const pInstance = m_Store.Instance();
-    return pInstance->pLifecycle->PropertyAccess(pInstance, nProperty, &Record);
-  };
-  // How far the last access moved on in a buffer.
-  const auto Moved = [&](const void* pBuffer) {
-    return static_cast<std::uint32_t>(static_cast<char*>(Record.pBuffer) - static_cast<const char*>(pBuffer));
-  };
-  std::uint32_t nValue = 99;
-  for (const std::uint32_t nProperty :
-       {propCHECK_MODE, propENVIRONMENT_FLAG, propEXACT_FILE_SIZES, propWRITES_SUSPENDED}) {
-    for (std::uint32_t nSet : {7u, 0u}) {
-      Expect({errOK, errOK, 4u, errBUFFER_TOO_SMALL, 0u, errOK, nSet, 4u, 4u},
-             {Access(nProperty, propertyProbe, nullptr, 0), Access(nProperty, propertySet, &nSet, 4), Moved(&nSet),
-              Access(nProperty, propertyGet, &nValue, 3), Moved(&nValue), Access(nProperty, propertyGet, &nValue, 4),
-              nValue, Record.nCount, Moved(&nValue)});
-    }
-  }
-  char Comment[] = "abcdefg";
-  Expect({errPROPERTY_NOT_HANDLED, errPROPERTY_NOT_HANDLED, errOK, 1u, errOK, 6u, errOK, "Lumbra", 7u, errOK,
-          kCodePage8Bit},
-         {Access(propCORRUPTED, propertySet, &nValue, 4), Access(0x12345678, propertyGet, &nValue, 4),
-          Access(propINTERFACE_CONSTANT, propertyGet, &nValue, 4), nValue,
-          Access(propINTERFACE_COMMENT, propertySet, Comment, 8), Moved(Comment),
-          Access(propINTERFACE_COMMENT, propertyGet, Comment, 8), std::string(Comment), Moved(Comment),
-          Access(propINTERFACE_COMMENT, propertyCodePage, nullptr, 0), Record.nCodePage});
-
-  char16_t Text[20] = {};
-  char Folder[] = "/t\xC3\xA9st";
-  Expect({errOK, 0u}, {Access(propREPORT_FOLDER, propertyGet, nullptr, 0), Record.nCount});
-  Record.nCodePage = kCodePageUtf8;
-  Expect({errOK, 6u, errOK, 12u, errBUFFER_TOO_SMALL, errOK, u"/t\u00E9st", 12u},
-         {Access(propREPORT_FOLDER, propertySet, Folder, 6), Moved(Folder),
-          Access(propREPORT_FOLDER, propertyGet, nullptr, 0), Record.nCount,
-          Access(propREPORT_FOLDER, propertyGet, Text, 11), Access(propREPORT_FOLDER, propertyGet, Text, sizeof(Text)),
-          std::u16string(Text), Moved(Text)});
-
-  Expect({errOK, errPROPERTY_READ_ONLY, errOK}, {Open(), Access(propENVIRONMENT_FLAG, propertySet, &nValue, 4),
-                                                 Access(propENVIRONMENT_FLAG, propertyGet, &nValue, 4)});
+  Step("its initialisation", Same.Init()).Is(errOK);
 }
 
 TEST_F(LifecycleTest, FlushesOnTheHostsMessage) {
-  const auto SyncsOfFlush = [this] {
-    ResetSystem();
-    EXPECT_CODE(errOK, m_Host->SendFlush());
-    return CallsOf(SystemCall::Sync);
-  };
-  EXPECT_LE(12u, SyncsOfFlush());
-  EXPECT_EQ(0u, SyncsOfFlush());  // nothing was written since
-  Expect({errOK, errOK, 2u}, {Add(5, 1), Add(m_nNamed, 1), SyncsOfFlush()});
+  Must(m_Host->SendFlush());
+  MarkCalls();
+  Step("with nothing to flush", m_Host->SendFlush()).Is(errOK).Calls(SystemCall::Sync, 0);
+  Fill(5, 1, 1);
+  Fill(m_nNamed, 1, 1);
+  Step("with an event in two databases", m_Host->SendFlush()).Is(errOK).Calls(SystemCall::Sync, 2);
+}
+
+// ---- Damage -----------------------------------------------------------------------------------------------
+
+TEST_F(LifecycleTest, TellsOfDamageThatTheQuickCheckFinds) {
+  OpenFresh(1);
+  RestartWith("g_objdt.dat", FileSize("g_objdt.dat") - 1, {0}, 1);  // in the newest name's CRC
+  EXPECT_EQ(1u, Number(propCORRUPTED));
+  EXPECT_FALSE(IsMarked());  // the next start finds it again
+}
+
+TEST_F(LifecycleTest, MarksTheStoreForGoodWhenDamageIsMetOrAtTheNextFlush) {
+  OpenFresh(1);
+  const std::uint64_t nId = Find(0, u"C:\\damaged");
+  const std::uint64_t nLast = FileSize("g_objdt.dat") - 1;
+  Find(0, u"C:\\newer\\newest");  // where the quick check looks
+  RestartWith("g_objdt.dat", nLast, {0}, 1);
+  EXPECT_EQ(0u, Number(propCORRUPTED));
+  FailCalls(SystemCall::Open, os::kIoDevice);
+  EXPECT_EQ(u"errDATA_CORRUPTED (0x800000D8)", NameOf(nId));
+  EXPECT_EQ(1u, Number(propCORRUPTED));
+  EXPECT_FALSE(IsMarked());
+  Must(m_Host->SendFlush());
+  EXPECT_TRUE(IsMarked());
+  Restart(1);
+  EXPECT_EQ(1u, Number(propCORRUPTED));
+}
+
+TEST_F(LifecycleTest, FindsAllNamesAgainWhoseTreeIsLost) {
+  OpenFresh(1);
+  const std::uint64_t nId = Find(0, u"C:\\kept");
+  RestartWith("g_objbt.dat", 1040, {1, 2, 3, 4}, 1);  // the CRC of its root
+  EXPECT_EQ(nId, Find(0, u"C:\\kept", 0));
+  EXPECT_EQ(u"System", NameOf(1));
+  EXPECT_EQ(0u, Number(propCORRUPTED));
+  // Half of a tree is no reason not to start; what it does not find is neither missing nor damaged.
+  FailCalls(SystemCall::WriteAt, os::kDiskFull, 6, UINT64_MAX);
+  RestartWith("g_objbt.dat", 1040, {1, 2, 3, 4}, 1);
+  Step("a name meanwhile", FindObject(0, u"C:\\kept", 1, nullptr)).Is(errWRITE_FAILED);
+  ResetSystem();
+  EXPECT_EQ(nId, Find(0, u"C:\\kept", 0));
+}
+
+// ---- Properties -------------------------------------------------------------------------------------------
+
+TEST_F(LifecycleTest, HasNumbersThatAreSetAndRead) {
+  m_Store = m_Host->Create();
+  std::uint32_t nValue = 0;
+  for (const std::uint32_t nProperty :
+       {propCHECK_MODE, propENVIRONMENT_FLAG, propEXACT_FILE_SIZES, propWRITES_SUSPENDED}) {
+    SCOPED_TRACE(nProperty);
+    Must(Access(nProperty, propertyProbe, nullptr, 0));
+    nValue = 7;
+    Must(Access(nProperty, propertySet, &nValue, 4));
+    EXPECT_EQ(&nValue + 1, m_Record.pBuffer);
+    nValue = 99;
+    Step("a byte too few", Access(nProperty, propertyGet, &nValue, 3)).Is(errBUFFER_TOO_SMALL);
+    EXPECT_EQ(99u, nValue);
+    Must(Access(nProperty, propertyGet, &nValue, 4));
+    EXPECT_EQ(7u, nValue);
+    EXPECT_EQ(&nValue + 1, m_Record.pBuffer);
+  }
+  Must(Access(propINTERFACE_CONSTANT, propertyGet, &nValue, 4));
+  EXPECT_EQ(1u, nValue);
+  AllAnswer(errPROPERTY_NOT_HANDLED, {{"setting the damage", Access(propCORRUPTED, propertySet, &nValue, 4)},
+                                      {"no property", Access(0x12345678, propertyGet, &nValue, 4)}});
+  Must(m_Store.Init());
+  Step("the flag of an open store", Access(propENVIRONMENT_FLAG, propertySet, &nValue, 4)).Is(errPROPERTY_READ_ONLY);
+}
+
+TEST_F(LifecycleTest, HasACommentThatStays) {
+  char Comment[] = "abcdefg";
+  Must(Access(propINTERFACE_COMMENT, propertySet, Comment, 8));
+  EXPECT_EQ(Comment + 6, m_Record.pBuffer);
+  Must(Access(propINTERFACE_COMMENT, propertyGet, Comment, 8));
+  EXPECT_STREQ("Lumbra", Comment);
+  Must(Access(propINTERFACE_COMMENT, propertyCodePage, nullptr, 0));
+  EXPECT_EQ(kCodePage8Bit, m_Record.nCodePage);
+}
+
+TEST_F(LifecycleTest, TakesItsReportFolderInTheHostsCodePage) {
+  char Told[] = "/t\xC3\xA9st";
+  char16_t Text[20] = {};
+  Must(Access(propREPORT_FOLDER, propertyGet, nullptr, 0));
+  EXPECT_EQ(0u, m_Record.nCount);
+  m_Record.nCodePage = kCodePageUtf8;
+  Must(Access(propREPORT_FOLDER, propertySet, Told, 6));
+  EXPECT_EQ(Told + 6, m_Record.pBuffer);
+  Step("a byte too few", Access(propREPORT_FOLDER, propertyGet, Text, 11)).Is(errBUFFER_TOO_SMALL);
+  Must(Access(propREPORT_FOLDER, propertyGet, Text, 12));
+  EXPECT_EQ(u"/t\u00E9st", std::u16string(Text));
+  EXPECT_EQ(Text + 6, m_Record.pBuffer);
 }
 
 }  // namespace
