@@ -11,7 +11,7 @@
 namespace lumbra::test {
 namespace {
 
-// A file with bytes written over, as a dump in hex tells: "OFFSET: BYTES OFFSET: BYTES".
+// A file with bytes written over, as a dump in hex tells: "OFFSET: BYTES OFFSET: BYTES (what for)".
 Bytes With(Bytes File, const std::string& Dump) {
   std::istringstream Text(Dump);
   std::size_t nAt = 0;
@@ -99,24 +99,29 @@ TEST_F(ModuleFileTest, RefusesWhatIsNoModule) {
 }
 
 TEST_F(ModuleFileTest, RefusesWhatHasNoMetadata) {
-  // No sections; a longer name, another one, one that ends or starts behind the names; a section without bytes.
-  ExpectRefused(kNoMetadata, kElf64, {"3c: 0000", "f7: 58", "f0: 58", "19a: 11", "13a: ffffffff", "13e: 08"});
-  // No room for the directory, no such directory; another type, another id, no language.
-  ExpectRefused(kNoMetadata, kPe64, {"54: 87 ec: 10 f0: 01 f4: 02", "c4: 02", "218: 0b", "230: 02", "246: 00"});
-  // The way to ids, to languages, to the data: not by a folder, in a circle, out of the file.
+  ExpectRefused(
+      kNoMetadata, kElf64,
+      {"3c: 0000 (no sections)", "13e: 08 (a section without bytes)", "f7: 58 (a longer name)", "f0: 58 (another name)",
+       "19a: 11 (a name that ends behind the names)", "13a: ffffffff (one that starts behind them)"});
   ExpectRefused(kNoMetadata, kPe64,
-                {"21f: 00", "21c: 00000080", "234: 00000080", "234: 00000090", "24c: 00000080", "24c: ffffff7f"});
+                {"54: 87 ec: 10 f0: 01 f4: 02 (no room for the directory)", "c4: 02 (no directory)",
+                 "218: 0b (another type)", "230: 02 (another id)", "246: 00 (no language)"});
+  ExpectRefused(kNoMetadata, kPe64,
+                {"21f: 00 (no folder of ids)", "234: 00000080 (a folder of languages in a circle)",
+                 "21c: 00000080 (a folder of ids in a circle)", "234: 00000090 (a folder of languages out of the file)",
+                 "24c: 00000080 (a folder for data)", "24c: ffffff7f (data out of the file)"});
 }
 
 TEST_F(ModuleFileTest, RefusesWhatLeadsNowhere) {
-  // The number of the sections, their table, the metadata, the size of the names.
   ExpectRefused(kCutShort, kElf64,
-                {"3c: ffff", "28: 9001", "28: 0000000001", "152: 9001", "19a: 9001", "19a: ffffffffffffffff"});
-  ExpectRefused(kDamaged + "table of sections is damaged", kElf64, {"3a: 2800", "3e: 0300"});
-  ExpectRefused(kCutShort, kPe64, {"3c: ffffffff", "46: ffff", "4c: 0003"});  // headers, sections, symbols
+                {"3c: ffff (too many sections)", "28: 9001 (their table)", "28: 0000000001 (their table, far away)",
+                 "152: 9001 (the metadata)", "19a: 9001 (more names)", "19a: ffffffffffffffff (far more names)"});
+  ExpectRefused(kCutShort, kPe64, {"3c: ffffffff (headers)", "46: ffff (too many sections)", "4c: 0003 (symbols)"});
+  ExpectRefused(kDamaged + "table of sections is damaged", kElf64, {"3a: 2800 (small ones)", "3e: 0300 (no names)"});
   ExpectRefused(kDamaged + "header is damaged", kPe64, {"58: 0701"});
-  // No data of the resource; bytes in front of the section, behind it in the file, behind it in memory.
-  ExpectRefused(kDamaged + "resources are damaged", kPe64, {"24c: 00", "250: ff0f", "250: 8410", "dc: 0000 150: dc"});
+  ExpectRefused(kDamaged + "resources are damaged", kPe64,
+                {"24c: 00 (no data)", "250: ff0f (in front of the section)", "250: 8410 (behind it in the file)",
+                 "dc: 0000 150: dc (behind it in memory)"});
 }
 
 TEST_F(ModuleFileTest, RefusesDamagedAndForeignMetadata) {
