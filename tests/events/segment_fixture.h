@@ -45,9 +45,6 @@ class SegmentTest : public World {
                      std::uint32_t nFlags = 0) {
     return Given({nType, nFlags, Name.data(), static_cast<std::uint32_t>(Name.size() * 2), nMode, 0});
   }
-  std::uint64_t FindBelow(std::uint64_t nParent, std::uint8_t nType, std::u16string_view Name) {
-    return Given({nType, 0, Name.data(), static_cast<std::uint32_t>(Name.size() * 2), findOrCreate, nParent});
-  }
 
   std::u16string NameOf(std::uint64_t nId) {
     std::u16string Full(30000, u'?');

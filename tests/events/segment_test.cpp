@@ -46,21 +46,6 @@ TEST_F(SegmentFilesTest, GoesWithAFileOfItsObjectStore) {
   EXPECT_CODE(errSTORE_NOT_INITIALIZED, m_pSegment->GetEventCount(&nCount));
 }
 
-// A call that failed says nothing about the files, nor does a process that has run out of something.
-TEST_F(SegmentFilesTest, OpensOnceAPassingFailureHasPassed) {
-  const auto FailsOnce = [&](const char* pWhat, SystemCall Call, os::SystemError nError, std::uint64_t nSkip) {
-    Start(Segment::Files::Existing);
-    FailCalls(Call, nError, nSkip);
-    EXPECT_CODE(errOPEN_FAILED, Add(2)) << pWhat;
-    EXPECT_CODE(errOK, Add(3)) << pWhat;
-  };
-  FailsOnce("no descriptor for the events", SystemCall::Open, os::kTooManyOpenFiles, 0);
-  FailsOnce("no descriptor for the last file", SystemCall::Open, os::kTooManyOpenFiles, 3);
-  FailsOnce("a program copies a file", SystemCall::Open, os::kSharingViolation, 2);
-  FailsOnce("creation time of the open file", SystemCall::Look, os::kIoDevice, 0);
-  FailsOnce("header of the events", SystemCall::ReadAt, os::kIoDevice, 0);
-}
-
 TEST_F(SegmentFilesTest, LeavesNothingWhereAFileOfANewOneIsRefused) {
   FailCalls(SystemCall::Open, os::kSharingViolation, 3);
   EXPECT_CODE(errOPEN_FAILED, Init(Segment::Files::New));
