@@ -47,9 +47,9 @@ class SegmentTest : public World {
   }
 
   std::u16string NameOf(std::uint64_t nId) {
-    std::u16string Full(30000, u'?');
+    std::u16string Full(50000, u'?');
     std::uint32_t nSize = 0;
-    Must(m_pSegment->GetObjectName(nId, Full.data(), 60000, &nSize, 0, nullptr));
+    Must(m_pSegment->GetObjectName(nId, Full.data(), 100000, &nSize, 0, nullptr));
     return Full.substr(0, nSize / 2);
   }
 

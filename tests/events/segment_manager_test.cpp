@@ -263,6 +263,8 @@ TEST_F(SegmentManagerTest, GoesOnBehindItsOnlySegmentThatHasLostAFile) {
 TEST_F(SegmentManagerTest, LosesNothingWhileTheFolderIsAway) {
   Fill(10, 35);
   Restart();
+  FailCalls(SystemCall::Open, os::kPathNotFound, 2);
+  EXPECT_EQ("none, errOPEN_FAILED", Get(0, 1));
   const std::string kAway = Folder().string() + "-away";
   fs::rename(Folder(), kAway);
   EXPECT_EQ("none, errOPEN_FAILED", Get(0, 1));
