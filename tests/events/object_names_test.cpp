@@ -47,7 +47,7 @@ TEST(PathRoots, AreRecognised) {
   }
 }
 
-class ObjectNamesTest : public SegmentTest {};
+class ObjectNamesTest : public SegmentWorld {};
 
 TEST_F(ObjectNamesTest, PathsComeBack) {
   // By the type of the object: a path, and how it comes back; "" where it does so unchanged.
@@ -158,13 +158,13 @@ TEST_F(ObjectNamesTest, CreatesWhatDamageHidesOnRequestAlone) {
   EXPECT_EQ(u"name", NameOf(nOld));  // is still there under its id
 }
 
-class ObjectLinksTest : public SegmentTest {
+class ObjectLinksTest : public SegmentWorld {
  protected:
   void SetUp() override {
     m_pGlobal = std::make_unique<ObjectDB>(false);
     ObjectFiles Files{OpenFile(u"g_bt"), OpenFile(u"g_id"), OpenFile(u"g_dt")};
     Must(m_pGlobal->Open(0, Files, TreeHead::Large));
-    SegmentTest::SetUp();
+    SegmentWorld::SetUp();
   }
 
   void Link(std::uint64_t nFrom, std::uint64_t nTo) { Must(m_pSegment->SetObjectData(nFrom, &nTo, 8, kObjectLinkTag)); }

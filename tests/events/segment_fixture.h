@@ -8,7 +8,7 @@
 
 namespace lumbra::test {
 
-class SegmentTest : public World {
+class SegmentWorld : public World {
  protected:
   static constexpr std::uint32_t kNumber = 3;
   static constexpr std::uint8_t kPlainType = 77;  // of which nothing is known: its names are taken as they are

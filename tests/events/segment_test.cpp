@@ -4,7 +4,7 @@
 namespace lumbra::test {
 namespace {
 
-class SegmentFilesTest : public SegmentTest {
+class SegmentTest : public SegmentWorld {
  protected:
   static constexpr const char* kFiles[] = {"00000003_events.dat", "00000003_objbt.dat", "00000003_objid.dat",
                                            "00000003_objdt.dat"};
@@ -14,12 +14,12 @@ class SegmentFilesTest : public SegmentTest {
   }
 };
 
-TEST_F(SegmentFilesTest, HasNoAgeWhereTheClockWasSetBack) {
+TEST_F(SegmentTest, HasNoAgeWhereTheClockWasSetBack) {
   SetClock(1000);
   EXPECT_EQ(0u, m_pSegment->GetAge());
 }
 
-TEST_F(SegmentFilesTest, LosesItsEventsAloneToAForeignHeader) {
+TEST_F(SegmentTest, LosesItsEventsAloneToAForeignHeader) {
   const std::uint64_t nName = Find(kPlainType, u"name");
   m_pSegment.reset();
   Patch(kFiles[0], 0, {'X'});
@@ -28,7 +28,7 @@ TEST_F(SegmentFilesTest, LosesItsEventsAloneToAForeignHeader) {
   EXPECT_EQ(0u, EventCount());
 }
 
-TEST_F(SegmentFilesTest, IsTriedOnceWhereAFileIsDenied) {
+TEST_F(SegmentTest, IsTriedOnceWhereAFileIsDenied) {
   Start(Segment::Files::Existing);
   FailCalls(SystemCall::Open, os::kAccessDenied);
   Step("add", Add(2)).Is(errOPEN_FAILED).Says({"300 Failed step. Err: errACCESS_DENIED (0x80000045)"});
@@ -36,7 +36,7 @@ TEST_F(SegmentFilesTest, IsTriedOnceWhereAFileIsDenied) {
   ExpectFiles(true);
 }
 
-TEST_F(SegmentFilesTest, GoesWithAFileOfItsObjectStore) {
+TEST_F(SegmentTest, GoesWithAFileOfItsObjectStore) {
   Start(Segment::Files::Existing);
   fs::remove(Folder() / kFiles[2]);
   Step("add", Add(2)).Is(errOPEN_FAILED).Says({"300 Failed step. Err: errPARAMETER_INVALID (0x80000046)"});
@@ -46,7 +46,7 @@ TEST_F(SegmentFilesTest, GoesWithAFileOfItsObjectStore) {
   EXPECT_CODE(errSTORE_NOT_INITIALIZED, m_pSegment->GetEventCount(&nCount));
 }
 
-TEST_F(SegmentFilesTest, LeavesNothingWhereAFileOfANewOneIsRefused) {
+TEST_F(SegmentTest, LeavesNothingWhereAFileOfANewOneIsRefused) {
   FailCalls(SystemCall::Open, os::kSharingViolation, 3);
   EXPECT_CODE(errOPEN_FAILED, Init(Segment::Files::New));
   ExpectFiles(false);
