@@ -4,228 +4,210 @@
 #include "events/object_hash.h"
 #include "events/path_root.h"
 #include "events/segment_fixture.h"
-#include "format/md5.h"
-#include "support/system_calls.h"
 
 namespace lumbra::test {
 namespace {
 
 const std::u16string kVolume = u"\\\\?\\Volume{12345678-1234-1234-1234-123456789012}\\";
 
-TEST(ObjectHash, HasItsCheckValues) {
-  const std::string k40 = "1234567890123456789012345678901234567890";
-  for (const auto& [pDigest, Text] : {std::pair{"d41d8cd98f00b204e9800998ecf8427e", std::string()},
-                                      {"900150983cd24fb0d6963f7d28e17f72", "abc"},
-                                      {"57edf4a22be3c955ac49da2e2107b67a", k40 + k40},
-                                      {"ef1772b6dff9a122358552954ad0df65", std::string(55, 'a')},
-                                      {"3b0c8ac703f828b04c6c197006d17218", std::string(56, 'a')},
-                                      {"014842d480b571495a4a0363793f7367", std::string(64, 'a')}}) {
-    Md5 Computed;
-    Computed.Update(Text.data(), Text.size());
-    const auto Digest = Computed.Digest();
-    EXPECT_EQ(pDigest, ToHex({Digest.begin(), Digest.end()}));
-  }
-  const std::uint64_t nRoot = ObjectHash(20, u"C:", 4, 0, 0);
-  EXPECT_EQ((std::vector{0xF6421B83E11B14FBu, 0x3EB17711082D599Bu, 0x3EB17711082D599Bu}),
-            (std::vector{nRoot, ObjectHash(2, u"Dir", 6, nRoot, fObjNoCase), ObjectHash(2, u"DIR", 6, nRoot, 0)}));
-  EXPECT_NE(0x3EB17711082D599Bu, ObjectHash(2, u"Dir", 6, nRoot, 0));
-  // Longer than a piece, upper-cased throughout.
-  EXPECT_EQ(ObjectHash(1, std::u16string(100, u'\u00C4').data(), 200, 5, 0),
-            ObjectHash(1, std::u16string(100, u'\u00E4').data(), 200, 5, fObjNoCase));
+TEST(ObjectHash, IsTheFoldedMd5OfTypeParentAndName) {
+  const auto Hash = [](std::uint8_t nType, const std::u16string& Name, std::uint64_t nParent, std::uint32_t nFlags) {
+    return ObjectHash(nType, Name.data(), static_cast<std::uint32_t>(Name.size() * 2), nParent, nFlags);
+  };
+  const std::uint64_t nRoot = Hash(typeDriveRoot, u"C:", 0, 0);
+  EXPECT_EQ(0xF6421B83E11B14FBu, nRoot);
+  EXPECT_EQ(0x3EB17711082D599Bu, Hash(typeFolder, u"DIR", nRoot, 0));
+  EXPECT_EQ(0x3EB17711082D599Bu, Hash(typeFolder, u"Dir", nRoot, fObjNoCase));
+  EXPECT_NE(0x3EB17711082D599Bu, Hash(typeFolder, u"Dir", nRoot, 0));
+  // With type and parent these fill a block but for the length, and just so; the last is longer than a piece.
+  EXPECT_EQ(0xFEC6356F6BCA606Eu, Hash(typeFolder, std::u16string(22, u'X'), nRoot, 0));
+  EXPECT_EQ(0x7B3F232CB1739C64u, Hash(typeFolder, std::u16string(26, u'X'), nRoot, 0));
+  EXPECT_EQ(Hash(1, std::u16string(100, u'\u00C4'), 5, 0), Hash(1, std::u16string(100, u'\u00E4'), 5, fObjNoCase));
 }
 
 TEST(PathRoots, AreRecognised) {
   // By the types of the path and of its root: paths, with the root between '<' and '>', which is empty for none.
   const std::tuple<std::uint8_t, std::uint8_t, std::vector<std::u16string>> kCases[] = {
-      {1, 20, {u"<C:>\\x", u"<A:>\\", u"<z:>", u"<>1:\\x", u"<>C", u"<>\\x", u"<>\\\\"}},
-      {2, 20, {u"\\\\?\\<C:>\\x", u"\\??\\<C:>\\x", u"\\\\?\\<>x", u"\\\\?\\<>" + kVolume.substr(4, 44)}},
-      {1, 22, {u"<" + kVolume + u">dir"}},
-      {3, 24, {u"<HKLM>\\Software", u"<HKCU>", u"<HKEY_LOCAL_MACHINE>\\a", u"<>hklm\\a", u"<>C:\\x"}},
-      {3, 24, {u"<\2\x8000>", u"<\6\x8000>", u"<>\7\x8000"}},  // handles
-      {4, 24, {u"<HKEY_USERS>X\\y"}},
-      {1, 27, {u"<\\\\server>\\share", u"<\\\\server>", u"<\\\\a>/b", u"\\\\?\\<UNC\\server>\\f", u"<UNC\\s>\\f"}}};
-  for (const auto& [nType, nRootType, Paths] : kCases) {
-    for (std::u16string Path : Paths) {
-      const std::size_t nStart = Path.find(u'<');
-      const std::size_t nLength = Path.find(u'>') - nStart - 1;
-      const PathRoot Root = FindPathRoot(nType, Path.erase(nStart, 1).erase(nStart + nLength, 1));
-      EXPECT_EQ(std::tuple(Path, nStart, nLength, nRootType),
-                std::tuple(Path, Root.nStart, Root.nLength, nLength == 0 ? nRootType : Root.nType));
+      {typeFile, typeDriveRoot, {u"<C:>\\x", u"<A:>\\", u"<z:>", u"<>1:\\x", u"<>C", u"<>\\x", u"<>\\\\"}},
+      {typeFolder, typeDriveRoot, {u"\\\\?\\<C:>\\x", u"\\??\\<C:>\\x", u"\\\\?\\<>" + kVolume.substr(4, 44)}},
+      {typeFile, typeVolumeRoot, {u"<" + kVolume + u">dir"}},
+      {typeFile, typeServerRoot, {u"<\\\\server>\\share", u"<\\\\a>/b", u"<UNC\\s>\\f", u"\\\\?\\<UNC\\server>\\f"}},
+      {typeRegistryKey, typeRegistryRoot, {u"<HKLM>\\Software", u"<HKEY_LOCAL_MACHINE>\\a", u"<>hklm\\a", u"<>C:\\x"}},
+      {typeRegistryKey, typeRegistryRoot, {u"<\2\x8000>", u"<\6\x8000>", u"<>\7\x8000"}},  // handles
+      {typeRegistryValue, typeRegistryRoot, {u"<HKEY_USERS>X\\y"}}};
+  for (const auto& [nType, nRootType, AllMarked] : kCases) {
+    for (const std::u16string& Marked : AllMarked) {
+      std::u16string Path = Marked;
+      std::erase_if(Path, [](char16_t c) { return c == u'<' || c == u'>'; });
+      const auto [nFoundType, nStart, nLength] = FindPathRoot(nType, Path);
+      EXPECT_EQ(nRootType, nFoundType) << ::testing::PrintToString(Marked);
+      const std::u16string Root = u'<' + Path.substr(nStart, nLength) + u'>';
+      EXPECT_EQ(Marked, Path.replace(nStart, nLength, Root));
     }
   }
 }
 
-class ObjectNamesTest : public SegmentTest {};
+class ObjectNamesTest : public SegmentWorld {};
 
 TEST_F(ObjectNamesTest, PathsComeBack) {
-  // Object type, path, and how it comes back; "" where it does so unchanged.
+  // By the type of the object: a path, and how it comes back; "" where it does so unchanged.
   const std::tuple<std::uint8_t, std::u16string, std::u16string> kCases[] = {
-      {1, u"\\\\?\\C:\\long", u"C:\\long"},
-      {1, u"C:\\\\runs\\\\of\\\\\\them\\", u"C:\\runs\\of\\them"},
-      {1, u"\\no\\root", u"no\\root"},
-      {1, kVolume + u"dir\\f", kVolume + u"\\dir\\f"},
-      {3, u"HKEY_USERSX\\y", u"HKEY_USERS\\X\\y"},
-      {1, u"C:\\Dir/mixed\\file", u""},
-      {1, u"relative/x", u""},
-      {1, u"\\\\server\\share\\f", u""},
-      {1, u"C:\\\u65E5\u672C\u8A9E\\\u00E9t\u00E9", u""},
-      {2, u"D:", u""},
-      {4, u"HKLM\\one name", u""},
-      {32, u"a\\name/of any kind", u""},
-      {99, std::u16string(300, u'x'), u""}};
+      {typeFile, u"\\\\?\\C:\\long", u"C:\\long"},
+      {typeFile, u"C:\\\\runs\\of\\\\\\them\\", u"C:\\runs\\of\\them"},
+      {typeFile, u"\\no\\root", u"no\\root"},
+      {typeFile, kVolume + u"dir\\f", kVolume + u"\\dir\\f"},
+      {typeRegistryKey, u"HKEY_USERSX\\y", u"HKEY_USERS\\X\\y"},
+      {typeFile, u"C:\\Dir/mixed\\file", u""},
+      {typeFile, u"\\\\server\\share\\f", u""},
+      {typeFile, u"C:\\\u65E5\u672C\u8A9E\\\u00E9t\u00E9", u""},
+      {typeRegistryValue, u"HKLM\\one name", u""},
+      {typeName, u"a\\name/of any kind", u""},
+      {typeFolder, std::u16string(300, u'x'), u""}};
   for (const auto& [nType, Path, Changed] : kCases) {
     const std::uint64_t nId = Find(nType, Path);
-    EXPECT_EQ(std::tuple(Changed.empty() ? Path : Changed, nId, nId),
-              std::tuple(NameOf(nId), Find(nType, Path), Find(nType, Path, findOnly)));
+    EXPECT_EQ(Changed.empty() ? Path : Changed, NameOf(nId));
+    EXPECT_EQ(nId, Find(nType, Path, findOnly));
   }
-}
-
-TEST_F(ObjectNamesTest, AChainOfTypedComponents) {
-  const std::uint64_t nFile = Find(1, u"C:\\Dir\\file.txt");
-  const std::uint64_t nDir = Find(2, u"C:\\Dir");
-  const std::uint64_t nRoot = Find(20, u"C:");
-  for (const auto& [nId, nParent, nType] : {std::tuple{nFile, nDir, 1}, {nDir, nRoot, 2}, {nRoot, 0, 20}}) {
-    std::uint64_t nFound = 99;
-    std::uint8_t nFoundType = 0;
-    EXPECT_CODE(errOK, m_pSegment->GetObjectParent(nId, &nFound, nullptr, &nFoundType));
-    EXPECT_EQ((std::tuple{nId, nParent, nType}), (std::tuple{nId, nFound, int{nFoundType}}));
-  }
-  EXPECT_EQ(nFile, Find(1, u"FILE.TXT", findOrCreate, 0, nDir));  // a parent takes the place of a root
-  EXPECT_EQ(u"HKLM\\Key/Value", NameOf(Find(4, u"Value", findOrCreate, 0, Find(3, u"HKLM\\Key"))));
 }
 
 TEST_F(ObjectNamesTest, CaseCountsOnlyWithoutARootAndOnRequest) {
-  EXPECT_EQ(Find(1, u"C:\\Dir\\File"), Find(1, u"c:\\dIR\\fILE"));
-  EXPECT_EQ(Find(1, u"dir/File"), Find(1, u"DIR/file"));  // by the type's defaults
   constexpr std::uint32_t kCase = RemoveObjectFlags(fObjNoCase);
-  EXPECT_EQ(u"/a/makefile", NameOf(Find(1, u"/a/makefile", findOrCreate, kCase)));
-  EXPECT_EQ(u"/a/Makefile", NameOf(Find(1, u"/a/Makefile", findOrCreate, kCase)));
-  EXPECT_EQ(Find(1, u"C:\\y", findOrCreate, kCase), Find(1, u"C:\\Y", findOrCreate, kCase));  // a root has its own way
-  EXPECT_NE(Find(77, u"name"), Find(77, u"NAME"));
-  EXPECT_EQ(Find(77, u"both", findOrCreate, fObjNoCase), Find(77, u"BOTH", findOrCreate, fObjNoCase));
+  EXPECT_EQ(Find(typeFile, u"dir/File"), Find(typeFile, u"DIR/file"));
+  EXPECT_NE(Find(typeFile, u"/a/f", findOrCreate, kCase), Find(typeFile, u"/a/F", findOrCreate, kCase));
+  EXPECT_EQ(Find(typeFile, u"C:\\y", findOrCreate, kCase), Find(typeFile, u"c:\\Y", findOrCreate, kCase));
+  EXPECT_NE(Find(kPlainType, u"name"), Find(kPlainType, u"NAME"));
+  EXPECT_EQ(Find(kPlainType, u"both", findOrCreate, fObjNoCase), Find(kPlainType, u"BOTH", findOrCreate, fObjNoCase));
 }
 
-TEST_F(ObjectNamesTest, TakesSizesAndRefusesWhatIsWrong) {
-  const std::uint64_t nName = Find(77, u"name");
-  const Answer kFound{nName, Name(errOK)};
-  const Answer kMissing{0, Name(errOBJECT_NOT_FOUND)};
-  const Answer kRefused{0, Name(errPARAMETER_INVALID)};
-  const auto Asked = [&](const ObjectQuery& Query) {
-    return WithCode(Ask(Query));
-  };
-  // Up to its zero, which a lookup also looks for without being told, or of a size in bytes.
-  EXPECT_EQ(std::vector(3, kFound),
-            (std::vector{Asked({77, 0, u"name", kWideZeroTerminated, findOrCreate, 0}),
-                         Asked({77, 0, u"name", 0, findOnly, 0}), Asked({77, 0, "n\0a\0m\0e", 8, findOnly, 0})}));
-  EXPECT_NE(0u, Ask({77, 0, "8bit", kByteZeroTerminated, findOrCreate, 0}));
-  EXPECT_EQ((Answer{0, Name(errOK)}),
-            (Answer{NameOf(Ask({77, 0, u"ignored", 0, findOrCreate, 0})).size(), Name(m_nLast)}));
-  EXPECT_EQ(std::vector(3, kRefused),
-            (std::vector{Asked({77, 0, nullptr, 0, findOrCreate, nName}), Asked({77, 0, nullptr, 0, findOnly, 0}),
-                         Asked({77, 0, nullptr, 4, findOrCreate, 0})}));
-  EXPECT_CODE(errPARAMETER_INVALID,
-              m_pSegment->FindObject(StoreChoice::Own, {77, 0, u"name", 8, findOrCreate, 0}, nullptr));
-  EXPECT_EQ((Answer{0, Name(errUNSPECIFIED)}), WithCode(Find(1, u"\\/\\")));
-  // A lookup creates the root alone.
-  EXPECT_EQ(kMissing, WithCode(Find(1, u"E:\\a", findOnly)));
-  EXPECT_NE(0u, Find(20, u"E:", findOnly));
-  // A registry handle has four bytes, and five are none.
-  EXPECT_EQ(kMissing, Asked({3, 0, u"\2\x8000x", 5, findOnly, 0}));
-  EXPECT_NE(0u, Ask({3, 0, u"\2\x8000x", 4, findOnly, 0}));
-  EXPECT_EQ(kMissing, WithCode(Find(77, u"child", findOrCreate, 0, MakeObjectId(kNumber, 9999))));
-  EXPECT_EQ((std::vector<std::string>{"300 Failed step. Err: errOBJECT_NOT_FOUND (0x800000C5)"}), TakeTrace(300));
+TEST_F(ObjectNamesTest, AParentTakesThePlaceOfARoot) {
+  const std::uint64_t nFolder = Find(typeFolder, u"C:\\Dir");
+  const std::uint64_t nKey = Find(typeRegistryKey, u"HKLM\\Key");
+  EXPECT_EQ(u"C:\\Dir\\f", NameOf(Given({typeFile, 0, u"f", 2, findOrCreate, nFolder})));
+  EXPECT_EQ(u"HKLM\\Key/Value", NameOf(Given({typeRegistryValue, 0, u"Value", 10, findOrCreate, nKey})));
+}
+
+TEST_F(ObjectNamesTest, TakesNamesBySizeOrUpToTheirZero) {
+  const std::uint64_t nName = Find(kPlainType, u"name");
+  EXPECT_EQ(nName, Given({kPlainType, 0, u"name", kWideZeroTerminated, findOrCreate, 0}));
+  EXPECT_EQ(nName, Given({kPlainType, 0, u"name", 0, findOnly, 0}));  // a lookup does so without being told
+  EXPECT_EQ(nName, Given({kPlainType, 0, u"name, and more", 8, findOnly, 0}));
+  const std::uint64_t nBytes = Given({kPlainType, 0, "8bit, and more", 4, findOrCreate, 0});
+  EXPECT_EQ(nBytes, Given({kPlainType, 0, "8bit", kByteZeroTerminated, findOrCreate, 0}));
+  EXPECT_EQ(u"", NameOf(Given({kPlainType, 0, u"ignored", 0, findOrCreate, 0})));
+}
+
+TEST_F(ObjectNamesTest, RefusesWhatIsNoName) {
+  const std::uint64_t nName = Find(kPlainType, u"name");
+  std::uint32_t nSize = 0;
+  AllAnswer(errPARAMETER_INVALID,
+            {{"no name below a parent", Ask({kPlainType, 0, nullptr, 0, findOrCreate, nName})},
+             {"no name to look for", Ask({kPlainType, 0, nullptr, 0, findOnly, 0})},
+             {"no name of a size", Ask({kPlainType, 0, nullptr, 4, findOrCreate, 0})},
+             {"a buffer of a size alone", m_pSegment->GetObjectName(nName, nullptr, 2, &nSize, 0, nullptr)}});
+  EXPECT_CODE(errUNSPECIFIED, Ask({typeFile, 0, u"\\/\\", 6, findOrCreate, 0}));
+  Step("below nothing", Ask({kPlainType, 0, u"child", 10, findOrCreate, MakeObjectId(kNumber, 9999)}))
+      .Is(errOBJECT_NOT_FOUND)
+      .Says({"300 Failed step. Err: errOBJECT_NOT_FOUND (0x800000C5)"});
+}
+
+TEST_F(ObjectNamesTest, ALookupCreatesTheRootAlone) {
+  EXPECT_CODE(errOBJECT_NOT_FOUND, Ask({typeFile, 0, u"E:\\a", 8, findOnly, 0}));
+  EXPECT_NE(0u, Find(typeDriveRoot, u"E:", findOnly));
+  // A registry handle is one, and has four bytes.
+  EXPECT_CODE(errOK, Ask({typeRegistryKey, 0, u"\2\x8000x", 4, findOnly, 0}));
+  EXPECT_CODE(errOBJECT_NOT_FOUND, Ask({typeRegistryKey, 0, u"\2\x8000x", 5, findOnly, 0}));
 }
 
 TEST_F(ObjectNamesTest, StoresTheShorterForm) {
-  const std::uint64_t nBefore = FileSize("00000003_objdt.dat");
-  Find(32, u"latin");
-  EXPECT_EQ(nBefore + 5, FileSize("00000003_objdt.dat"));
-  Find(32, u"\u65E5\u672C\u8A9E");  // nine bytes as UTF-8, six as UTF-16
-  EXPECT_EQ(nBefore + 11, FileSize("00000003_objdt.dat"));
-  Find(77, u"latin");  // a type that does not ask for UTF-8
-  EXPECT_EQ(nBefore + 21, FileSize("00000003_objdt.dat"));
+  const auto BytesOf = [&](std::uint8_t nType, std::u16string_view Name) {
+    const std::uint64_t nBefore = FileSize("00000003_objdt.dat");
+    Find(nType, Name);
+    return FileSize("00000003_objdt.dat") - nBefore;
+  };
+  EXPECT_EQ(5u, BytesOf(typeName, u"latin"));
+  EXPECT_EQ(6u, BytesOf(typeName, u"\u65E5\u672C\u8A9E"));  // nine as UTF-8
+  EXPECT_EQ(10u, BytesOf(kPlainType, u"latin"));            // does not ask for UTF-8
 }
 
-TEST_F(ObjectNamesTest, FillsBuffersOfEverySize) {
-  const std::u16string kName = u"C:\\Dir\\f\u65E5";
-  const std::uint64_t nId = Find(1, kName);
-  const auto nNeeded = static_cast<std::uint32_t>(kName.size() * 2);
-  for (std::uint32_t nSize = 0; nSize <= nNeeded + 3; ++nSize) {
-    Bytes Buffer(nSize + 4, 0xEE);
-    Bytes Expected = Buffer;
-    std::uint32_t nReported = 0;
-    const ResultCode nCode = m_pSegment->GetObjectName(nId, Buffer.data(), nSize, &nReported, 0, nullptr);
-    EXPECT_CODE(nSize < nNeeded ? errBUFFER_TOO_SMALL : errOK, nCode) << nSize;
-    EXPECT_EQ(nNeeded, nReported) << nSize;
-    // The name, of its zero what there is room for, and nothing past the end. An incomplete name may be any.
-    const void* const pName = nSize < nNeeded ? Buffer.data() : static_cast<const void*>(kName.c_str());
-    std::memcpy(Expected.data(), pName, std::min(nSize, nNeeded + 2));
-    EXPECT_EQ(Expected, Buffer);
+TEST_F(ObjectNamesTest, FillBuffersOfEverySizeAndNothingBehindThem) {
+  const std::u16string kName = u"C:\\f";  // of 8 bytes, and 2 of the zero
+  const std::uint64_t nId = Find(typeFile, kName);
+  for (std::uint32_t nSize = 0; nSize <= 12; ++nSize) {
+    Bytes Buffer(nSize + 1, 0xEE);
+    std::uint32_t nNeeded = 0;
+    const ResultCode nCode = m_pSegment->GetObjectName(nId, Buffer.data(), nSize, &nNeeded, 0, nullptr);
+    EXPECT_CODE(nSize < 8 ? errBUFFER_TOO_SMALL : errOK, nCode) << nSize;
+    EXPECT_EQ(8u, nNeeded) << nSize;
+    EXPECT_EQ(0xEE, Buffer.back()) << nSize;
+    EXPECT_TRUE(nSize < 8 || std::memcmp(kName.c_str(), Buffer.data(), std::min(nSize, 10u)) == 0) << nSize;
   }
-  std::uint8_t nType = 0;
-  EXPECT_CODE(errOK, m_pSegment->GetObjectName(nId, nullptr, 0, nullptr, 0, &nType));
-  EXPECT_EQ(1, nType);
-  EXPECT_CODE(errPARAMETER_INVALID, m_pSegment->GetObjectName(nId, nullptr, 0, nullptr, 0, nullptr));
-  EXPECT_CODE(errPARAMETER_INVALID, m_pSegment->GetObjectName(nId, nullptr, 2, nullptr, 0, &nType));
-  EXPECT_CODE(errOBJECT_NOT_FOUND, m_pSegment->GetObjectName(MakeObjectId(9, 1), nullptr, 0, nullptr, 0, &nType));
 }
 
-TEST_F(ObjectNamesTest, FollowsLinksAtRoots) {
-  m_pGlobal = std::make_unique<ObjectDB>(false);
-  ObjectFiles Files{OpenFile(u"g_bt"), OpenFile(u"g_id"), OpenFile(u"g_dt")};
-  ASSERT_CODE(errOK, m_pGlobal->Open(0, Files, TreeHead::Large));
-  ASSERT_CODE(errOK, Start(Segment::Files::New));
-  const auto Link = [&](std::uint64_t nFrom, std::uint64_t nTo) {
-    ASSERT_CODE(errOK, m_pSegment->SetObjectData(nFrom, &nTo, 8, kObjectLinkTag));
-  };
-  const std::uint64_t nDrive = Find(20, u"M:", findOrCreate, fObjNoCase);
-  Link(nDrive, Find(2, u"C:\\mounted"));
-  EXPECT_EQ(u"C:\\mounted\\f", NameOf(Find(1, u"M:\\f")));
-  EXPECT_EQ(u"M:\\g", NameOf(Find(1, u"M:\\g", findOrCreate, RemoveObjectFlags(fObjFollowLinks))));
-
-  // A registry root is always followed, and a linked key stands for another when a name is built.
-  Link(Find(3, u"HKLM"), Find(3, u"HKEY_LOCAL_MACHINE"));
-  EXPECT_EQ(u"HKEY_LOCAL_MACHINE\\Software", NameOf(Find(3, u"HKLM\\Software")));
-  const std::uint64_t nCurrent = Find(3, u"HKEY_LOCAL_MACHINE\\Current");
-  Link(nCurrent, Find(3, u"HKEY_LOCAL_MACHINE\\Set001"));
-  EXPECT_EQ(u"HKEY_LOCAL_MACHINE\\Set001", NameOf(nCurrent));
-
-  // What was written to the shared store is flushed with the segment.
-  const auto Share = [&](const char16_t* pName) {
-    return Ask({2, 0, pName, kWideZeroTerminated, findOrCreate, 0}, StoreChoice::Global);
-  };
-  const std::uint64_t nShared = Share(u"C:\\shared");
-  EXPECT_EQ((std::pair{UINT64_C(0), std::u16string(u"C:\\shared")}), (std::pair{nShared >> 32, NameOf(nShared)}));
-  EXPECT_CODE(errOK, m_pSegment->Flush());
-  Share(u"C:\\new");
-  ResetSystem();
-  EXPECT_CODE(errOK, m_pSegment->Flush());
-  EXPECT_EQ(3u, CallsOf(SystemCall::Sync));
-  // A link into the shared store cannot be followed; one that runs in a circle ends.
-  Link(nDrive, nShared);
-  EXPECT_EQ((Answer{0, Name(errOBJECT_NOT_FOUND)}), WithCode(Find(1, u"M:\\h")));
-  Link(nCurrent, nCurrent);
-  EXPECT_EQ(u"", NameOf(nCurrent));
-  EXPECT_CODE(errDATA_CORRUPTED, m_nLast);
-  std::u16string Deep = u"D:";  // as long as a chain may be, it is no circle
-  for (int i = 0; i < 20000; ++i) Deep += u"\\d";
-  EXPECT_EQ(Deep.size(), NameOf(Find(1, Deep)).size());
-}
-
-TEST_F(ObjectNamesTest, RepairsOnRequest) {
-  ASSERT_CODE(errOK, Start(Segment::Files::New, true));
-  Find(77, u"one");
-  const std::uint64_t nOld = Find(77, u"two");
+TEST_F(ObjectNamesTest, CreatesWhatDamageHidesOnRequestAlone) {
+  Start(Segment::Files::New, true);
+  const std::uint64_t nOld = Find(kPlainType, u"name");
   m_pSegment.reset();
   Bytes Root(1028, 0x80);  // every slot leads to a node where there is none; the CRC is right
   const std::uint32_t nCrc = Crc32(0, Root.data(), 1024);
   std::memcpy(Root.data() + 1024, &nCrc, 4);
   Patch("00000003_objbt.dat", 16, Root);
-  ASSERT_CODE(errOK, Start(Segment::Files::Existing, true));
-  EXPECT_EQ((Answer{0, Name(errDATA_CORRUPTED)}), WithCode(Find(77, u"two")));
-  EXPECT_EQ((Answer{nOld + 1, Name(errDATA_REPAIRED)}), WithCode(Find(77, u"two", findOrCreateRepairing)));
-  EXPECT_EQ((Answer{nOld + 1, Name(errOK)}), WithCode(Find(77, u"two", findOrCreateRepairing)));
-  EXPECT_EQ(u"two", NameOf(nOld));  // is still there under its id
+  Start(Segment::Files::Existing, true);
+  EXPECT_CODE(errDATA_CORRUPTED, Ask({kPlainType, 0, u"name", 8, findOrCreate, 0}));
+  EXPECT_CODE(errDATA_REPAIRED, Ask({kPlainType, 0, u"name", 8, findOrCreateRepairing, 0}));
+  EXPECT_EQ(nOld + 1, Find(kPlainType, u"name"));
+  EXPECT_EQ(u"name", NameOf(nOld));  // is still there under its id
+}
+
+class ObjectLinksTest : public SegmentWorld {
+ protected:
+  void SetUp() override {
+    m_pGlobal = std::make_unique<ObjectDB>(false);
+    ObjectFiles Files{OpenFile(u"g_bt"), OpenFile(u"g_id"), OpenFile(u"g_dt")};
+    Must(m_pGlobal->Open(0, Files, TreeHead::Large));
+    SegmentWorld::SetUp();
+  }
+
+  void Link(std::uint64_t nFrom, std::uint64_t nTo) { Must(m_pSegment->SetObjectData(nFrom, &nTo, 8, kObjectLinkTag)); }
+  std::uint64_t FindShared(const char16_t* pName) {
+    return Given({typeFolder, 0, pName, kWideZeroTerminated, findOrCreate, 0}, StoreChoice::Global);
+  }
+};
+
+TEST_F(ObjectLinksTest, ADriveLeadsToAFolderUnlessToldOtherwise) {
+  Link(Find(typeDriveRoot, u"M:"), Find(typeFolder, u"C:\\mounted"));
+  EXPECT_EQ(u"C:\\mounted\\f", NameOf(Find(typeFile, u"M:\\f")));
+  EXPECT_EQ(u"M:\\g", NameOf(Find(typeFile, u"M:\\g", findOrCreate, RemoveObjectFlags(fObjFollowLinks))));
+}
+
+TEST_F(ObjectLinksTest, ARegistryRootLeadsToAnother) {
+  Link(Find(typeRegistryKey, u"HKLM"), Find(typeRegistryKey, u"HKEY_LOCAL_MACHINE"));
+  EXPECT_EQ(u"HKEY_LOCAL_MACHINE\\Software", NameOf(Find(typeRegistryKey, u"HKLM\\Software")));
+}
+
+TEST_F(ObjectLinksTest, CannotBeFollowedIntoTheSharedStore) {
+  Link(Find(typeDriveRoot, u"M:"), FindShared(u"C:\\shared"));
+  EXPECT_CODE(errOBJECT_NOT_FOUND, Ask({typeFile, 0, u"M:\\h", 8, findOrCreate, 0}));
+}
+
+TEST_F(ObjectLinksTest, EndInACircle) {
+  const std::uint64_t nKey = Find(typeRegistryKey, u"HKCU\\Key");
+  Link(nKey, nKey);
+  std::uint32_t nSize = 0;
+  EXPECT_CODE(errDATA_CORRUPTED, m_pSegment->GetObjectName(nKey, nullptr, 0, &nSize, 0, nullptr));
+}
+
+TEST_F(ObjectLinksTest, AChainAsLongAsItMayBeIsNoCircle) {
+  std::u16string Deep = u"D:";
+  for (int i = 0; i < 20000; ++i) Deep += u"\\d";
+  EXPECT_EQ(Deep, NameOf(Find(typeFile, Deep)));
+}
+
+TEST_F(ObjectLinksTest, TheSharedStoreIsFlushedWithTheSegment) {
+  EXPECT_EQ(u"C:\\shared", NameOf(FindShared(u"C:\\shared")));
+  Must(m_pSegment->Flush());
+  FindShared(u"C:\\new");
+  MarkCalls();
+  Step("flush its three files", m_pSegment->Flush()).Is(errOK).Calls(SystemCall::Sync, 3);
 }
 
 }  // namespace

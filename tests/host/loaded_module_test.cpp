@@ -63,8 +63,11 @@ TEST_F(LoadedModuleTest, RefusesWhatIsForeignBeforeLoadingIt) {
   EXPECT_FALSE(IsInProcess());
 }
 
+std::vector<std::uint32_t> g_Reasons;
+
 // Registers its interfaces, and refuses the host then without a reason.
 int LUMBRA_ENTRY_CALL RefuseHost(void* pRoot, std::uint32_t nReason, void* pError) {
+  g_Reasons.push_back(nReason);
   LumbraModuleEntry(pRoot, nReason, pError);
   return nReason == kModuleLoad ? 0 : 1;
 }
@@ -73,6 +76,8 @@ TEST_F(LoadedModuleTest, GivesNoStoreOfAModuleThatRefusesItsHost) {
   m_Host.emplace(&RefuseHost);
   EXPECT_CODE(errUNSPECIFIED, m_Host->LoadResult());
   EXPECT_FALSE(m_Host->Create());
+  m_Host.reset();
+  EXPECT_EQ((std::vector{kModuleLoad, kModuleUnload}), g_Reasons);
 }
 
 }  // namespace
