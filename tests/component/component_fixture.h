@@ -2,7 +2,6 @@
 #pragma once
 
 #include <optional>
-#include <source_location>
 
 #include "host/standalone_host.h"
 #include "support/system_calls.h"
@@ -150,8 +149,8 @@ class ComponentTest : public World {
   };
   static Lines Answers(std::initializer_list<Answer> Given) { return {Given.begin(), Given.end()}; }
   static void Expect(std::initializer_list<Answer> Expected, std::initializer_list<Answer> Given,
-                     std::source_location Where = std::source_location::current()) {
-    EXPECT_EQ(Answers(Expected), Answers(Given)) << Where.file_name() << ':' << Where.line();
+                     const char* pFile = __builtin_FILE(), int nLine = __builtin_LINE()) {
+    EXPECT_EQ(Answers(Expected), Answers(Given)) << pFile << ':' << nLine;
   }
 
   std::optional<host::StandaloneHost> m_Host;

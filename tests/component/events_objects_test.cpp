@@ -57,7 +57,8 @@ TEST_F(EventsObjectsTest, GivesTheParentsOfTheirObjects) {
   Expect({errOK, Ids(), errOK, Ids{Find(5, u"C:\\Dir", 0, typeFolder), 0, Find(0, u"D:", 0, typeDriveRoot), 0, 0, 0}},
          {GetInto(nullptr, Parents.Handle()), Parents.Parents(), GetInto(&nRead, Parents.Handle()), Parents.Parents()});
   FailAllocation(0);  // the container cannot take them
-  EXPECT_CODE(errOUT_OF_MEMORY, GetInto(&nRead, host::IdContainer().Handle()));
+  const ResultCode nRefused = GetInto(&nRead, host::IdContainer().Handle());
+  EXPECT_CODE(errOUT_OF_MEMORY, nRefused);
   EXPECT_TRUE(AllocationFailed());
 }
 

@@ -196,7 +196,8 @@ TEST_F(ObjectDataTest, ListsTheWayUp) {
   for (const std::uint64_t nStart : {nSub, nFile})  // the file empties what is there
     Expect({errOK, kParents, kHashes}, {Into(nStart, Lists.Handle()), Lists.Parents(), Lists.Hashes()});
   FailAllocation(0);
-  EXPECT_CODE(errOUT_OF_MEMORY, Into(nSub, host::IdContainer().Handle()));
+  const ResultCode nRefused = Into(nSub, host::IdContainer().Handle());
+  EXPECT_CODE(errOUT_OF_MEMORY, nRefused);
   EXPECT_TRUE(AllocationFailed());
   Lists.Clear();
   Expect({errOK, Ids{}, Ids{0}, 0u},
