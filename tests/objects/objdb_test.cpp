@@ -56,7 +56,7 @@ TEST_F(ObjectDbTest, RefusesWrongArguments) {
   std::uint32_t nSize = 0;
   EXPECT_EQ(Lines(8, Name(errPARAMETER_INVALID)),
             Names({CodeOf(Find(0)), m_pDb->FindObject(1, nullptr), CodeOf(Create(1, {})), CodeOf(Create(0, "x")),
-                   m_pDb->GetObjectName(Id(1), nullptr, 1, &nSize, nullptr, nullptr, nullptr, nullptr),
+                   m_pDb->ReadName(Id(1), {static_cast<std::uint8_t*>(nullptr), 1}),
                    m_pDb->GetObjectData(Id(1), nullptr, 0, nullptr, 1),
                    m_pDb->GetObjectData(Id(1), nullptr, 4, &nSize, 1), m_pDb->SetObjectData(Id(1), &id, 0, 1)}));
   EXPECT_EQ(Lines(2, Name(errSIZE_INVALID)),
