@@ -1,6 +1,5 @@
 // The component: its properties.
 #include <cstring>
-#include <mutex>
 
 #include "component/lumbra.h"
 
@@ -88,7 +87,7 @@ ResultCode Lumbra::TransferWritesSuspended(PropertyAccessRecord* pRecord) {
 }
 
 ResultCode Lumbra::TransferReportFolder(PropertyAccessRecord* pRecord) {
-  const std::lock_guard Hold(m_MainLock);
+  const os::Hold Hold(m_FolderLock);
   switch (pRecord->nMode) {
     case propertyProbe:
       return errOK;
