@@ -77,27 +77,74 @@ inline constexpr std::uint32_t kObjectLinkTag = 0xCD000001;
 // The size of a name that ends with a zero character.
 inline constexpr std::int32_t kZeroTerminated = -2;
 
-// Kinds of SetDBParams. Sizes are in bytes, ages in seconds; 0 means no limit. Limits are not stored: the
-// caller sets them again after every start.
+// Kinds of SetDBParams; kLimits tells what each one does. 0 means no limit. Limits are not stored: the caller sets them
+// again after every start. Those of a database act above their value: it may hold exactly as much. Those of a segment,
+// and that of all databases, act at their value.
 enum LumbraLimit : std::uint32_t {
-  limitDatabaseSize = 1,    // oldest segments are dropped while the database is larger
-  limitDatabaseAge = 2,     // ... while the oldest segment is older
-  limitDatabaseEvents = 3,  // ... while it holds more events
-  limitSegmentSize = 4,     // a new segment is started when the newest reaches this size
-  limitSegmentAge = 5,      // ... when it is this old
-  limitSegmentEvents = 6,   // ... when it holds this many events
-  limitGlobalSize = 7,      // database 255 only: one limit for all databases without a size limit of their own
+  limitDatabaseSize = 1,
+  limitDatabaseAge = 2,
+  limitDatabaseEvents = 3,
+  limitSegmentSize = 4,
+  limitSegmentAge = 5,
+  limitSegmentEvents = 6,
+  limitGlobalSize = 7,  // with kAllDatabases only; of the databases that have no size limit of their own
 };
 
-// Properties of an instance (LumbraLifecycle::PropertyAccess).
-inline constexpr std::uint32_t propCHECK_MODE = 0x30600001;          // u32: new files get every CRC
-inline constexpr std::uint32_t propENVIRONMENT_FLAG = 0x30600002;    // u32: recorded; frozen by initialisation
-inline constexpr std::uint32_t propCORRUPTED = 0x30600003;           // u32, read only: damage was met
-inline constexpr std::uint32_t propEXACT_FILE_SIZES = 0x30600004;    // u32: measure files, not directory entries
-inline constexpr std::uint32_t propWRITES_SUSPENDED = 0x30600005;    // u32: writing operations answer errREAD_ONLY
-inline constexpr std::uint32_t propREPORT_FOLDER = 0x20900044;       // UTF-16 text: the folder of the store
-inline constexpr std::uint32_t propINTERFACE_COMMENT = 0x20900083;   // 8-bit text "Lumbra"
-inline constexpr std::uint32_t propINTERFACE_CONSTANT = 0x21A00082;  // u32, read only: kInterfaceConstant
+struct LumbraLimitInfo {
+  LumbraLimit nKind;
+  const char* pName;     // the tool's option
+  const char* pUnit;     // of the value
+  const char* pMeaning;  // "..." stands for the beginning of the line above
+};
+inline constexpr LumbraLimitInfo kLimits[] = {
+    {limitSegmentEvents, "segment-events", "events", "Start a new segment at so many events"},
+    {limitSegmentSize, "segment-size", "bytes", "... at so many bytes"},
+    {limitSegmentAge, "segment-age", "seconds", "... when the newest is so many seconds old"},
+    {limitDatabaseEvents, "max-events", "events", "Drop the oldest segments above so many events"},
+    {limitDatabaseSize, "max-size", "bytes", "... above so many bytes"},
+    {limitDatabaseAge, "max-age", "seconds", "... when they are older than so many seconds"},
+    {limitGlobalSize, "global-size", "bytes", "Keep all databases together below so many bytes"},
+};
+
+// Properties of an instance (LumbraLifecycle::PropertyAccess); kProperties tells what each one is.
+enum LumbraProperty : std::uint32_t {
+  propCHECK_MODE = 0x30600001,
+  propENVIRONMENT_FLAG = 0x30600002,
+  propCORRUPTED = 0x30600003,
+  propEXACT_FILE_SIZES = 0x30600004,
+  propWRITES_SUSPENDED = 0x30600005,
+  propREPORT_FOLDER = 0x20900044,
+  propINTERFACE_COMMENT = 0x20900083,
+  propINTERFACE_CONSTANT = 0x21A00082,
+};
+
+enum class LumbraPropertyType { Number, Utf16, Bytes8 };  // a u32, UTF-16 text, 8-bit text
+enum class LumbraPropertySet { Always, UntilInitialized, Ignored, Never };
+
+struct LumbraPropertyInfo {
+  LumbraProperty nId;
+  const char* pName;
+  LumbraPropertyType Type;
+  LumbraPropertySet Set;
+  const char* pMeaning;
+};
+inline constexpr LumbraPropertyInfo kProperties[] = {
+    {propCHECK_MODE, "propCHECK_MODE", LumbraPropertyType::Number, LumbraPropertySet::Always,
+     "files created from now on get every kind of CRC"},
+    {propENVIRONMENT_FLAG, "propENVIRONMENT_FLAG", LumbraPropertyType::Number, LumbraPropertySet::UntilInitialized,
+     "recorded; read-only once initialised"},
+    {propCORRUPTED, "propCORRUPTED", LumbraPropertyType::Number, LumbraPropertySet::Never,
+     "damaged data was met, now or at some earlier time"},
+    {propEXACT_FILE_SIZES, "propEXACT_FILE_SIZES", LumbraPropertyType::Number, LumbraPropertySet::Always,
+     "measure files instead of trusting the folder's entries"},
+    {propWRITES_SUSPENDED, "propWRITES_SUSPENDED", LumbraPropertyType::Number, LumbraPropertySet::Always,
+     "operations that write answer `errREAD_ONLY`"},
+    {propREPORT_FOLDER, "propREPORT_FOLDER", LumbraPropertyType::Utf16, LumbraPropertySet::Always,
+     "the folder of the store; empty: the host's \"%Report%\""},
+    {propINTERFACE_COMMENT, "propINTERFACE_COMMENT", LumbraPropertyType::Bytes8, LumbraPropertySet::Ignored,
+     "\"Lumbra\""},
+    {propINTERFACE_CONSTANT, "propINTERFACE_CONSTANT", LumbraPropertyType::Number, LumbraPropertySet::Never, "1"},
+};
 
 inline constexpr std::uint32_t kInterfaceConstant = 1;
 

@@ -1,147 +1,97 @@
-// The component: opening, limiting, describing and clearing databases, and the limit on all of them together.
-//
-// The size total is the sum of the data sizes of the open databases 1 to 254 that have no size limit of their
-// own. It is kept by taking a database's size out before a change and putting it back after.
-#include <algorithm>
-#include <mutex>
+#include "component/databases.h"
 
-#include "component/lumbra.h"
-#include "component/shared_objects.h"
+#include <algorithm>
+#include <utility>
+
 #include "format/file_names.h"
+#include "format/named_index_file.h"
 #include "platform/failed_step.h"
+#include "platform/invariant.h"
 #include "platform/result.h"
 #include "platform/trace.h"
 
 namespace lumbra {
-namespace {
-
-constexpr std::size_t kMaxNameLength = 63;
-
-bool CountsInTotal(const SegmentManager& Manager) {
-  return Manager.GetDbMaxSize() == 0;
+Databases::Databases(DatabasesOwner& Owner) : m_Owner(Owner) {
+  for (std::uint32_t nDatabase = 0; nDatabase < kSlots; ++nDatabase) m_Slots[nDatabase].nId = nDatabase;
 }
-
-// Sets one of the limits that do not decide whether the database counts in the size total.
-ResultCode SetLimit(SegmentManager& Manager, std::uint32_t nKind, std::uint64_t nValue) {
-  switch (nKind) {
-    case limitDatabaseAge:
-      Manager.SetDbMaxAge(nValue);
-      return errOK;
-    case limitDatabaseEvents:
-      Manager.SetDbMaxEvents(nValue);
-      return errOK;
-    case limitSegmentSize:
-      Manager.SetSegmentMaxSize(nValue);
-      return errOK;
-    case limitSegmentAge:
-      Manager.SetSegmentMaxAge(nValue);
-      return errOK;
-    case limitSegmentEvents:
-      Manager.SetSegmentMaxEvents(nValue);
-      return errOK;
-    default:
-      return errNOT_SUPPORTED;
-  }
-}
-
-}  // namespace
 
 // ---- Which database ---------------------------------------------------------------------------------------
 
-Lumbra::Database Lumbra::FindDatabase(std::uint32_t nDatabase) {
-  if (nDatabase < kFirstNamedDatabase) return Database(&m_Slots[nDatabase].Manager);
+Database Databases::Find(std::uint32_t nDatabase) {
+  if (nDatabase < kSlots) return Database(&m_Slots[nDatabase]);
+  const os::Hold Hold(m_Lock);
   return Database(FindNamed(nDatabase));
 }
 
-NamedDatabaseRef Lumbra::FindNamed(std::uint32_t nDatabase) {
-  const std::lock_guard Hold(m_MainLock);
-  for (const NamedDatabaseRef& Named : m_NamedDatabases) {
+NamedDatabaseRef Databases::FindNamed(std::uint32_t nDatabase) {
+  for (const NamedDatabaseRef& Named : m_Named) {
     if (Named->nId == nDatabase) return Named;
   }
   return {};
 }
 
-NamedDatabaseRef Lumbra::FindNamed(const char16_t* pName) {
-  const std::lock_guard Hold(m_MainLock);
-  for (const NamedDatabaseRef& Named : m_NamedDatabases) {
+NamedDatabaseRef Databases::FindNamed(const char16_t* pName) {
+  for (const NamedDatabaseRef& Named : m_Named) {
     if (Named->Name.Equals(pName)) return Named;
   }
   return {};
 }
 
-NamedDatabaseRef Lumbra::NamedAt(std::size_t nPosition) {
-  const std::lock_guard Hold(m_MainLock);
-  return nPosition < m_NamedDatabases.size() ? m_NamedDatabases[nPosition] : NamedDatabaseRef();
-}
+// ---- Opening and closing ----------------------------------------------------------------------------------
 
-// ---- The size total ---------------------------------------------------------------------------------------
-
-Lumbra::SizeChange::SizeChange(std::uint64_t* pnTotal, SegmentManager& Manager)
-    : m_pnTotal(CountsInTotal(Manager) ? pnTotal : nullptr), m_Manager(Manager) {
-  if (m_pnTotal != nullptr) *m_pnTotal -= m_Manager.GetTotalSize();
-}
-
-Lumbra::SizeChange::~SizeChange() {
-  if (m_pnTotal != nullptr) *m_pnTotal += m_Manager.GetTotalSize();
-}
-
-// ---- Opening ----------------------------------------------------------------------------------------------
-
-HostText Lumbra::DatabaseFolder(std::u16string_view Name) {
-  HostText Folder = ReportFolder();
+HostText Databases::FolderOf(std::u16string_view Name) {
+  HostText Folder = m_Owner.StoreFolder();
   if (Folder.Empty()) return Folder;  // nowhere, rather than in the current folder of the process
   Folder.Append(Name);
   Folder.EnsureTrailingSeparator();
   return Folder;
 }
 
-bool Lumbra::InitEnvironment(StorageEnvironment* pEnvironment, const HostText& Folder) {
-  return pEnvironment->Init(&m_Owner, Folder.Text(), FolderContent::Keep, m_nEnvironmentFlag != 0);
+bool Databases::InitEnvironment(DatabaseSlot* pSlot, const HostText& Folder) {
+  return pSlot->Environment.Init(&m_Owner, Folder.Text(), FolderContent::Keep, m_Owner.Settings().bEnvironmentFlag);
 }
 
-ResultCode Lumbra::InitManager(SegmentManager* pManager, StorageEnvironment* pEnvironment, std::uint32_t nEventSize) {
-  // An instance that does not count as a user of the shared store may not use that of others, which can go at any time.
-  ObjectDB* const pShared = m_bUsesSharedObjects ? SharedObjects::Store() : nullptr;
-  return pManager->Init(pEnvironment, nEventSize, pShared, m_nCheckMode != 0);
+ResultCode Databases::InitManager(DatabaseSlot* pSlot, std::uint32_t nEventSize) {
+  const DatabasesOwner::OpenSettings With = m_Owner.Settings();
+  return pSlot->Manager.Init(&pSlot->Environment, nEventSize, With.pSharedObjects, With.bCheckMode);
 }
 
-ResultCode Lumbra::InitDB(std::uint32_t nDatabase, std::uint32_t nEventSize) {
-  if (nDatabase >= kFirstNamedDatabase) return errPARAMETER_INVALID;
-  const SharedHold Hold(m_Lock);
-  if (m_nWritesSuspended != 0) return errREAD_ONLY;
-  const std::lock_guard MainHold(m_MainLock);
+ResultCode Databases::OpenSystem(HostText Folder, Database* pOpened) {
+  const os::Hold Hold(m_Lock);
+  DatabaseSlot& System = m_Slots[kSystemDatabase];
+  Folder.Append(NumberedFolder(kSystemDatabase));
+  Folder.EnsureTrailingSeparator();
+  constexpr std::uint32_t kSystemEventSize = 1;  // the system database has objects alone
+  if (!InitEnvironment(&System, Folder)) return errOPEN_FAILED;
+  *pOpened = Database(&System);
+  return InitManager(&System, kSystemEventSize);
+}
+
+ResultCode Databases::Open(std::uint32_t nDatabase, std::uint32_t nEventSize, Database* pOpened) {
+  const os::Hold Hold(m_Lock);
   DatabaseSlot& Slot = m_Slots[nDatabase];
   ResultCode nCode = errALREADY_DONE;
   // The environment of an open database is in use: it is left as it is.
   if (!Slot.Manager.IsInitialized()) {
-    const HostText Folder = DatabaseFolder(NumberedFolder(nDatabase));
-    if (!InitEnvironment(&Slot.Environment, Folder)) return errOPEN_FAILED;
-    nCode = InitManager(&Slot.Manager, &Slot.Environment, nEventSize);
+    if (!InitEnvironment(&Slot, FolderOf(NumberedFolder(nDatabase)))) return errOPEN_FAILED;
+    nCode = InitManager(&Slot, nEventSize);
   }
-  const bool bCounts = nDatabase != kSystemDatabase && CountsInTotal(Slot.Manager);
-  if (Succeeded(nCode) && bCounts) m_nSizeTotal += Slot.Manager.GetTotalSize();
-  Trace(&Handle, traceRoutine, "lmb\tLumbra::InitDB(%X, %d) = %terr, events/size/time: %u/%I64u/%I64u", nDatabase,
-        nEventSize, nCode, static_cast<std::uint32_t>(Slot.Manager.GetTotalEvents()), Slot.Manager.GetTotalSize(),
-        Slot.Manager.GetOldestCreationTime());
+  if (Succeeded(nCode)) Count(&Slot);
+  LUMBRA_INVARIANT(IsTotalTheSum());
+  *pOpened = Database(&Slot);
   return nCode;
 }
 
-ResultCode Lumbra::InitDBByName(const char16_t* pName, std::uint32_t nEventSize, std::uint32_t* pnDatabase) {
-  Trace(&Handle, traceRoutine, "lmb\tLumbra::InitDBByName method: name = %ws", pName);
-  if (pName == nullptr || pName[0] == 0 || pnDatabase == nullptr) return errPARAMETER_INVALID;
-  if (std::char_traits<char16_t>::find(pName, kMaxNameLength + 1, u'\0') == nullptr) return errPARAMETER_INVALID;
-  const SharedHold Hold(m_Lock);
-  if (m_nWritesSuspended != 0) return errREAD_ONLY;
-  const std::lock_guard MainHold(m_MainLock);
-  if (const NamedDatabaseRef Open = FindNamed(pName); Open.Get() != nullptr && Open->Manager.IsInitialized()) {
-    *pnDatabase = Open->nId;
-    Trace(&Handle, traceRoutine, "lmb\tLumbra::InitDBByName method: db already initialized, dbId = %d", Open->nId);
-    return errOK;
+ResultCode Databases::Open(const char16_t* pName, std::uint32_t nEventSize, Database* pOpened) {
+  const os::Hold Hold(m_Lock);
+  if (const NamedDatabaseRef Named = FindNamed(pName); Named.Get() != nullptr && Named->Manager.IsInitialized()) {
+    *pOpened = Database(Named);
+    return errALREADY_DONE;
   }
-  return OpenNamed(pName, nEventSize, pnDatabase);
+  return OpenNamed(pName, nEventSize, pOpened);
 }
 
-ResultCode Lumbra::OpenNamed(const char16_t* pName, std::uint32_t nEventSize, std::uint32_t* pnDatabase) {
+ResultCode Databases::OpenNamed(const char16_t* pName, std::uint32_t nEventSize, Database* pOpened) {
   const std::string Key = IndexKey(pName);
   auto nPosition = static_cast<std::uint32_t>(m_Index.size());
   const bool bKnown = FindPersistentIndex(m_Index, Key, &nPosition);
@@ -154,109 +104,148 @@ ResultCode Lumbra::OpenNamed(const char16_t* pName, std::uint32_t nEventSize, st
   // Not in the list yet: this is the one reference, with which the database goes unless it is kept.
   if (!bListed) Named = NamedDatabaseRef(new NamedDatabase(HostText(pName), nId));
 
-  const HostText Folder = DatabaseFolder(pName);
-  if (!InitEnvironment(&Named->Environment, Folder)) return errOPEN_FAILED;
+  const HostText Folder = FolderOf(pName);
+  if (!InitEnvironment(Named.Get(), Folder)) return errOPEN_FAILED;
   ValidateDatabaseId(Folder.View(), kIdentityFile, nId);
-  SegmentManager& Manager = Named->Manager;
-  const ResultCode nCode = InitManager(&Manager, &Named->Environment, nEventSize);
+  const ResultCode nCode = InitManager(Named.Get(), nEventSize);
   if (Succeeded(nCode)) {
     const ResultCode nKept = bListed ? errOK : KeepNamed(Named, bKnown ? nullptr : &Key);
     if (Failed(nKept)) return nKept;
-    if (CountsInTotal(Manager)) m_nSizeTotal += Manager.GetTotalSize();
+    Count(Named.Get());
   }
-  *pnDatabase = nId;
-  Trace(&Handle, traceRoutine, "lmb\tLumbra::InitDBByName(%u, %X) = %terr, events/size/time: %u/%I64u/%I64u",
-        nEventSize, nId, nCode, static_cast<std::uint32_t>(Manager.GetTotalEvents()), Manager.GetTotalSize(),
-        Manager.GetOldestCreationTime());
+  LUMBRA_INVARIANT(IsTotalTheSum());
+  *pOpened = Database(Named);
   return nCode;
 }
 
 // Takes an open named database into the list, and a key that is new into the index: into the file first, so
 // that a name which was handed out has its id for ever.
-ResultCode Lumbra::KeepNamed(const NamedDatabaseRef& Named, const std::string* pNewKey) {
-  m_NamedDatabases.reserve(m_NamedDatabases.size() + 1);
+ResultCode Databases::KeepNamed(const NamedDatabaseRef& Named, const std::string* pNewKey) {
+  m_Named.reserve(m_Named.size() + 1);
   if (pNewKey != nullptr) {
     m_Index.reserve(m_Index.size() + 1);
     std::string Key = *pNewKey;
     const auto nPosition = static_cast<std::uint32_t>(m_Index.size());
-    Trace(&Handle, traceRoutine, "lmb\tInitDBByName: trying to save persistent index(%u), to file '%S'", nPosition,
-          m_IndexPath.c_str());
+    Trace(m_Owner.Handle(), traceRoutine, "lmb\tInitDBByName: trying to save persistent index(%u), to file '%S'",
+          nPosition, m_IndexPath.c_str());
     const ResultCode nCode = SavePersistentIndex(m_IndexPath, nPosition, Key);
     if (Failed(nCode)) return ToHostResult(nCode);
     m_Index.push_back(std::move(Key));
   }
-  m_NamedDatabases.push_back(Named);
+  m_Named.push_back(Named);
   return errOK;
 }
 
-// ---- Limits -----------------------------------------------------------------------------------------------
-
-// Runs an operation on the databases 1 to 47, and then on the named ones from 48 on up to the first that is
-// not open. Answers the failure of the last database that failed.
-template <class Operation>
-ResultCode Lumbra::OnEveryDatabase(Operation Do) {
-  ResultCode nAnswer = errOK;
-  for (std::uint32_t nDatabase = 1; nDatabase <= kLastNamedDatabase; ++nDatabase) {
-    const ResultCode nCode = Do(nDatabase);
-    const bool bMissing = nDatabase >= kFirstNamedDatabase && nCode == errPARAMETER_INVALID;
-    if (bMissing) break;
-    if (Failed(nCode)) nAnswer = nCode;
-  }
-  return nAnswer;
+void Databases::CloseSystem() {
+  m_Slots[kSystemDatabase].Manager.TearDown();
 }
 
-ResultCode Lumbra::SetDBParams(std::uint32_t nDatabase, std::uint32_t nKind, std::uint64_t nValue) {
-  const SharedHold Hold(m_Lock);
-  if (m_nWritesSuspended != 0) return errREAD_ONLY;
-  if (nDatabase != kAllDatabases) return SetOneDBParam(nDatabase, nKind, nValue);
-  Trace(&Handle, traceRoutine, "lmb\tLumbra::SetDBParams(%X, %u, %I64u)", nDatabase, nKind, nValue);
-  if (nKind == limitGlobalSize) {
-    const std::lock_guard MainHold(m_MainLock);
-    m_nGlobalSizeLimit = nValue;
-    RecomputeSizeTotal();
-    return errOK;
+void Databases::CloseAll() {
+  for (DatabaseSlot& Slot : m_Slots) Slot.Manager.TearDown();
+  std::vector<NamedDatabaseRef> Dropped;  // behind the lock
+  const os::Hold Hold(m_Lock);
+  for (const NamedDatabaseRef& Named : m_Named) {
+    const SizeTotal::Change Leaving(&m_Total, Named.Get(), SizeTotal::Afterwards::Gone);
   }
-  return OnEveryDatabase([&](std::uint32_t nOne) { return SetOneDBParam(nOne, nKind, nValue); });
+  Dropped.swap(m_Named);
 }
 
-ResultCode Lumbra::SetOneDBParam(std::uint32_t nDatabase, std::uint32_t nKind, std::uint64_t nValue) {
-  Trace(&Handle, traceRoutine, "lmb\tLumbra::SetDBParams(%X, %u, %I64u)", nDatabase, nKind, nValue);
-  const Database Found = FindDatabase(nDatabase);
-  if (!Found.IsOpen()) return errPARAMETER_INVALID;
-  SegmentManager& Manager = Found.Manager();
-  const std::lock_guard Hold(m_MainLock);
-  if (nKind == limitDatabaseSize) {
-    Manager.SetDbMaxSize(nValue);
-    RecomputeSizeTotal();
-    return errOK;
-  }
-  if (nDatabase == kSystemDatabase) return SetLimit(Manager, nKind, nValue);
-  // A limit starts and drops segments at once, so the size total changes with it.
-  const SizeChange Change(&m_nSizeTotal, Manager);
-  return SetLimit(Manager, nKind, nValue);
+// ---- The index of names -----------------------------------------------------------------------------------
+
+void Databases::SetIndexPath(std::u16string Path) {
+  const os::Hold Hold(m_Lock);
+  m_IndexPath = std::move(Path);
 }
 
-void Lumbra::RecomputeSizeTotal() {
-  const std::lock_guard Hold(m_MainLock);
-  if (m_nGlobalSizeLimit == 0) return;
-  m_nSizeTotal = 0;
-  const auto Add = [this](SegmentManager& Manager) {
-    if (CountsInTotal(Manager)) m_nSizeTotal += Manager.GetTotalSize();
+ResultCode Databases::LoadIndex(bool* pbCorrupted) {
+  const os::Hold Hold(m_Lock);
+  Trace(m_Owner.Handle(), traceRoutine, "lmb\tObjectInitDone: trying to load persistent indexes, from file '%S'",
+        m_IndexPath.c_str());
+  return LoadPersistentIndexes(m_IndexPath, &m_Index, pbCorrupted);
+}
+
+void Databases::SaveMark() {
+  if (!m_bMarkUnsaved) return;
+  const os::Hold Hold(m_Lock);
+  if (m_bMarkUnsaved.exchange(false) && !SaveCorruptedFlag(m_IndexPath)) m_bMarkUnsaved = true;
+}
+
+// ---- Changes of one database ------------------------------------------------------------------------------
+
+ResultCode Databases::Add(const Database& To, const void* pData, std::uint32_t nSize, std::uint64_t* pnEventId) {
+  const os::Hold Hold(m_Lock);
+  ResultCode nCode = errOK;
+  {
+    const SizeTotal::Change Growing(&m_Total, &To.Slot());
+    nCode = To.Manager().AddEvent(pData, nSize, pnEventId);
+  }
+  if (To.Slot().Counts()) EnforceGlobalLimit();
+  LUMBRA_INVARIANT(IsTotalTheSum());
+  return nCode;
+}
+
+ResultCode Databases::Clear(const Database& Which) {
+  const os::Hold Hold(m_Lock);
+  const SizeTotal::Change Shrinking(&m_Total, &Which.Slot());
+  return Which.Manager().Clear();
+}
+
+// A limit starts and drops segments at once, so the size total changes with it. One of the size takes the database out
+// of the total, and its end puts it back.
+ResultCode Databases::SetLimit(const Database& Of, LumbraLimit nKind, std::uint64_t nValue) {
+  const os::Hold Hold(m_Lock);
+  const SizeTotal::Change Limited(&m_Total, &Of.Slot());
+  return Of.Manager().SetLimit(nKind, nValue);
+}
+
+// ---- All databases together -------------------------------------------------------------------------------
+
+Databases::Totals Databases::Sum() {
+  Totals Found;
+  const auto Add = [&Found](SegmentManager& Manager) {
+    Found.nRecords += static_cast<std::uint32_t>(Manager.GetTotalEvents());
+    Found.nDataSize += Manager.GetTotalSize();
+    Found.nGreatestAge = std::max(Found.nGreatestAge, Manager.GetOldestAge());
   };
   for (std::uint32_t nDatabase = 1; nDatabase < kSlots; ++nDatabase) Add(m_Slots[nDatabase].Manager);
-  for (const NamedDatabaseRef& Named : m_NamedDatabases) Add(Named->Manager);
+  const os::Hold Hold(m_Lock);
+  for (const NamedDatabaseRef& Named : m_Named) Add(Named->Manager);
+  return Found;
+}
+
+void Databases::SetGlobalLimit(std::uint64_t nBytes) {
+  const os::Hold Hold(m_Lock);
+  m_nGlobalSizeLimit = nBytes;
+  if (nBytes != 0) Recount();
+}
+
+// Brings the total to what the databases hold now: it does not know of a segment that was found to hold less when a
+// read opened it.
+void Databases::Recount() {
+  for (DatabaseSlot& Slot : m_Slots) Count(&Slot);
+  for (const NamedDatabaseRef& Named : m_Named) Count(Named.Get());
+}
+
+void Databases::Count(DatabaseSlot* pSlot) {
+  const SizeTotal::Change Counted(&m_Total, pSlot);
+}
+
+bool Databases::IsTotalTheSum() const {
+  std::uint64_t nSum = 0;
+  for (const DatabaseSlot& Slot : m_Slots) nSum += Slot.nCounted;
+  for (const NamedDatabaseRef& Named : m_Named) nSum += Named->nCounted;
+  return nSum == m_Total.Bytes();
 }
 
 namespace {
 
-// Looks for the database whose oldest segment is the oldest of all, among those that may lose one: those that
-// count in the size total and hold more than one segment. Only an age above 0 qualifies; the first of equal
-// ones stays.
+// Looks for the database whose oldest segment has the greatest age, among those that may lose one: those that count in
+// the size total and hold more than one segment. Only an age above 0 qualifies; the first of equal ones stays.
 class OldestSearch {
  public:
-  bool Offer(SegmentManager& Manager) {
-    if (!CountsInTotal(Manager) || Manager.GetSegmentCount() <= 1) return false;
-    const std::uint64_t nAge = Manager.GetOldestAge();
+  bool Offer(DatabaseSlot& Slot) {
+    if (!Slot.Counts() || Slot.Manager.GetSegmentCount() <= 1) return false;
+    const std::uint64_t nAge = Slot.Manager.GetOldestAge();
     if (nAge <= m_nGreatestAge) return false;
     m_nGreatestAge = nAge;
     return true;
@@ -268,120 +257,53 @@ class OldestSearch {
 
 }  // namespace
 
-// Called with the main lock held. Drops one segment at most: a store far over its limit shrinks with each
-// further add.
-ResultCode Lumbra::CheckLimits() {
-  if (m_nGlobalSizeLimit == 0 || m_nSizeTotal < m_nGlobalSizeLimit) return errOK;
-  OldestSearch Search;
-  std::uint32_t nChosen = 0;
-  for (std::uint32_t nDatabase = 1; nDatabase < kSlots; ++nDatabase) {
-    if (Search.Offer(m_Slots[nDatabase].Manager)) nChosen = nDatabase;
-  }
-  if (nChosen == 0) return CheckLimitsNamed();
-  if (!IsOverGlobalLimit()) return errOK;
-  Trace(&Handle, traceRoutine, "lmb\tCheckLimits: going to delete a segment (%X,%I64X,%I64X)", nChosen, m_nSizeTotal,
-        m_nGlobalSizeLimit);
-  return DropOldestSegment(m_Slots[nChosen].Manager);
-}
-
-// Looks once more before a segment goes: the total does not know of a segment that was found to hold less when a read
-// opened it.
-bool Lumbra::IsOverGlobalLimit() {
-  RecomputeSizeTotal();
-  return m_nSizeTotal >= m_nGlobalSizeLimit;
-}
-
-ResultCode Lumbra::CheckLimitsNamed() {
-  const std::lock_guard Hold(m_MainLock);
-  OldestSearch Search;
-  NamedDatabaseRef Chosen;
-  for (const NamedDatabaseRef& Named : m_NamedDatabases) {
-    if (Search.Offer(Named->Manager)) Chosen = Named;
-  }
-  if (Chosen.Get() == nullptr) return errUNSPECIFIED;
-  if (!IsOverGlobalLimit()) return errOK;
-  Trace(&Handle, traceRoutine, "lmb\tCheckLimitsNamed: going to delete a segment (%X,%I64X,%I64X)", Chosen->nId,
-        m_nSizeTotal, m_nGlobalSizeLimit);
-  return DropOldestSegment(Chosen->Manager);
-}
-
-ResultCode Lumbra::DropOldestSegment(SegmentManager& Manager) {
-  const SizeChange Change(&m_nSizeTotal, Manager);
-  return Manager.DeleteOldestSegment();
-}
-
 // Behind an event that was added, whose answer does not depend on it. What fails or throws here is done at the next
 // add.
-void Lumbra::EnforceGlobalLimit() {
+void Databases::EnforceGlobalLimit() {
   try {
-    (void)CheckLimits();
+    CheckLimits();
   } catch (...) {
     TraceFailedStep(ResultFromCurrentException());
   }
 }
 
-// ---- Information and clearing -----------------------------------------------------------------------------
-
-ResultCode Lumbra::GetDBInfo(std::uint32_t nDatabase, std::uint32_t* pnRecords, std::uint64_t* pnDataSize,
-                             std::uint64_t* pnTime) {
-  Trace(&Handle, traceRoutine, "lmb\tLumbra::GetDBInfo method: db = %u", nDatabase);
-  const SharedHold Hold(m_Lock);
-  std::uint32_t nRecords = 0;
-  std::uint64_t nDataSize = 0;
-  std::uint64_t nTime = 0;
-  if (nDatabase == kAllDatabases) {
-    GetTotals(&nRecords, &nDataSize, &nTime);
-  } else {
-    const Database Found = FindDatabase(nDatabase);
-    if (!Found.IsOpen()) {
-      Trace(&Handle, traceRoutine,
-            "lmb\tLumbra::GetDBInfo method: this is invalid named db, return errPARAMETER_INVALID");
-      return errPARAMETER_INVALID;
-    }
-    nRecords = static_cast<std::uint32_t>(Found.Manager().GetTotalEvents());
-    nDataSize = Found.Manager().GetTotalSize();
-    nTime = Found.Manager().GetOldestCreationTime();
-    Trace(&Handle, traceRoutine, "lmb\tLumbra::GetDBInfo method: records = %u, datasize = %I64u, timestamp = %I64u",
-          nRecords, nDataSize, nTime);
+// Drops one segment at most: a store far over its limit shrinks with each further add. A named database loses one only
+// when no numbered one can, however old it is.
+void Databases::CheckLimits() {
+  if (m_nGlobalSizeLimit == 0 || m_Total.Bytes() < m_nGlobalSizeLimit) return;
+  OldestSearch Search;
+  DatabaseSlot* pChosen = nullptr;
+  for (DatabaseSlot& Slot : m_Slots) {
+    if (Search.Offer(Slot)) pChosen = &Slot;
   }
-  if (pnRecords != nullptr) *pnRecords = nRecords;
-  if (pnDataSize != nullptr) *pnDataSize = nDataSize;
-  if (pnTime != nullptr) *pnTime = nTime;
-  return errOK;
+  if (pChosen == nullptr) return CheckLimitsNamed();
+  if (!IsOverGlobalLimit()) return;
+  Trace(m_Owner.Handle(), traceRoutine, "lmb\tCheckLimits: going to delete a segment (%X,%I64X,%I64X)", pChosen->nId,
+        m_Total.Bytes(), m_nGlobalSizeLimit);
+  DropOldestSegment(pChosen);
 }
 
-// Sums, and the greatest age in seconds.
-void Lumbra::GetTotals(std::uint32_t* pnRecords, std::uint64_t* pnDataSize, std::uint64_t* pnTime) {
-  const auto Add = [&](SegmentManager& Manager) {
-    *pnRecords += static_cast<std::uint32_t>(Manager.GetTotalEvents());
-    *pnDataSize += Manager.GetTotalSize();
-    *pnTime = std::max(*pnTime, Manager.GetOldestAge());
-  };
-  for (std::uint32_t nDatabase = 1; nDatabase < kSlots; ++nDatabase) Add(m_Slots[nDatabase].Manager);
-  const std::lock_guard Hold(m_MainLock);
-  for (const NamedDatabaseRef& Named : m_NamedDatabases) Add(Named->Manager);
-}
-
-ResultCode Lumbra::ClearDB(std::uint32_t nDatabase) {
-  const SharedHold Hold(m_Lock);
-  if (m_nWritesSuspended != 0) return errREAD_ONLY;
-  if (nDatabase == kSystemDatabase) return errPARAMETER_INVALID;
-  if (nDatabase == kAllDatabases) return OnEveryDatabase([this](std::uint32_t nOne) { return ClearOneDB(nOne); });
-  return ClearOneDB(nDatabase);
-}
-
-ResultCode Lumbra::ClearOneDB(std::uint32_t nDatabase) {
-  const Database Found = FindDatabase(nDatabase);
-  if (!Found.IsOpen()) return errPARAMETER_INVALID;
-  SegmentManager& Manager = Found.Manager();
-  const std::lock_guard Hold(m_MainLock);
-  ResultCode nCode = errOK;
-  {
-    const SizeChange Change(&m_nSizeTotal, Manager);
-    nCode = Manager.Clear();
+void Databases::CheckLimitsNamed() {
+  OldestSearch Search;
+  NamedDatabaseRef Chosen;
+  for (const NamedDatabaseRef& Named : m_Named) {
+    if (Search.Offer(*Named.Get())) Chosen = Named;
   }
-  Trace(&Handle, traceRoutine, "lmb\tLumbra::ClearDB(%X) = %terr", nDatabase, nCode);
-  return nCode;
+  if (Chosen.Get() == nullptr || !IsOverGlobalLimit()) return;
+  Trace(m_Owner.Handle(), traceRoutine, "lmb\tCheckLimitsNamed: going to delete a segment (%X,%I64X,%I64X)",
+        Chosen->nId, m_Total.Bytes(), m_nGlobalSizeLimit);
+  DropOldestSegment(Chosen.Get());
+}
+
+// Looks once more before a segment goes.
+bool Databases::IsOverGlobalLimit() {
+  Recount();
+  return m_Total.Bytes() >= m_nGlobalSizeLimit;
+}
+
+void Databases::DropOldestSegment(DatabaseSlot* pSlot) {
+  const SizeTotal::Change Shrinking(&m_Total, pSlot);
+  (void)pSlot->Manager.DeleteOldestSegment();  // what cannot be done now is done at the next add
 }
 
 }  // namespace lumbra

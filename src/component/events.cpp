@@ -1,6 +1,5 @@
 // The component: adding, reading and rewriting events.
 #include <cstring>
-#include <mutex>
 
 #include "component/lumbra.h"
 #include "format/event_file.h"
@@ -13,33 +12,12 @@ namespace lumbra {
 ResultCode Lumbra::AddEvent(std::uint32_t nDatabase, const void* pData, std::uint32_t nSize, std::uint64_t* pnEventId) {
   Trace(&Handle, traceDetail, "lmb\tLumbra::AddEvent Database - %X", nDatabase);
   if (nDatabase == kSystemDatabase) return errNOT_SUPPORTED;
-  if (nDatabase >= kFirstNamedDatabase) return AddEventNamed(nDatabase, pData, nSize, pnEventId);
   const SharedHold Hold(m_Lock);
   if (m_nWritesSuspended != 0) return errREAD_ONLY;
-  return Append(m_Slots[nDatabase].Manager, nDatabase, pData, nSize, pnEventId);
-}
-
-ResultCode Lumbra::AddEventNamed(std::uint32_t nDatabase, const void* pData, std::uint32_t nSize,
-                                 std::uint64_t* pnEventId) {
-  const SharedHold Hold(m_Lock);
-  if (m_nWritesSuspended != 0) return errREAD_ONLY;
-  const NamedDatabaseRef Named = FindNamed(nDatabase);
-  if (Named.Get() == nullptr) return errPARAMETER_INVALID;
-  return Append(Named->Manager, nDatabase, pData, nSize, pnEventId);
-}
-
-// Under the main lock from the size that is taken out of the total to the limit that is checked: so the total
-// never sees a half-done add.
-ResultCode Lumbra::Append(SegmentManager& Manager, std::uint32_t nDatabase, const void* pData, std::uint32_t nSize,
-                          std::uint64_t* pnEventId) {
-  const std::lock_guard Hold(m_MainLock);
+  const Database Found = m_Databases.Find(nDatabase);
+  if (!Found.IsOpen()) return errPARAMETER_INVALID;
   std::uint64_t nEventId = 0;
-  ResultCode nCode = errOK;
-  {
-    const SizeChange Change(&m_nSizeTotal, Manager);
-    nCode = Manager.AddEvent(pData, nSize, &nEventId);
-  }
-  if (Manager.GetDbMaxSize() == 0) EnforceGlobalLimit();
+  const ResultCode nCode = m_Databases.Add(Found, pData, nSize, &nEventId);
   nEventId = WithDatabase(nEventId, nDatabase);
   if (pnEventId != nullptr) *pnEventId = nEventId;
   if (nDatabase < kFirstNamedDatabase) {
@@ -60,7 +38,7 @@ ResultCode Lumbra::GetEvents(std::uint32_t nDatabase, std::uint64_t nStart, void
     nDatabase = nNamed;
     nStart = WithoutDatabase(nStart);
   }
-  const Database Found = FindDatabase(nDatabase);
+  const Database Found = m_Databases.Find(nDatabase);
   if (!Found.IsOpen()) return errPARAMETER_INVALID;
   std::uint32_t nRead = 0;
   ResultCode nCode =
@@ -94,7 +72,7 @@ ResultCode Lumbra::AppendParents(const void* pEvents, std::uint32_t nCount, std:
 std::uint64_t Lumbra::ParentOf(std::uint64_t nObjectId) {
   const std::uint32_t nDatabase = DatabaseOfId(nObjectId);
   const std::uint64_t nLocalId = WithoutDatabase(nObjectId);
-  const Database Found = FindDatabase(nDatabase);
+  const Database Found = m_Databases.Find(nDatabase);
   if (!Found.IsOpen()) return 0;
   std::uint64_t nParent = 0;
   const ResultCode nCode = Found.Manager().GetObjectParent(nLocalId, &nParent, nullptr, nullptr);
@@ -102,19 +80,12 @@ std::uint64_t Lumbra::ParentOf(std::uint64_t nObjectId) {
   return WithDatabase(nParent, nDatabase);
 }
 
-// Damaged data marks the whole store, once: the property, and the index file for the next start.
+// Damaged data marks the whole store, once: the property, and the index file for the next start. While that fails it is
+// tried again whenever damage is met, at each flush, and at the shutdown.
 void Lumbra::MarkCorruptedOn(ResultCode nCode) {
   if (nCode != errDATA_CORRUPTED) return;
-  if (m_nCorrupted.exchange(1) == 0) m_bMarkUnsaved = true;
-  SaveMark();
-}
-
-// Saves a mark that is not saved yet. While that fails it is tried again whenever damage is met, at each flush, and at
-// the shutdown.
-void Lumbra::SaveMark() {
-  if (!m_bMarkUnsaved) return;
-  const std::lock_guard Hold(m_MainLock);  // which every use of the index file by an operation holds
-  if (m_bMarkUnsaved.exchange(false) && !SaveCorruptedFlag(m_IndexPath)) m_bMarkUnsaved = true;
+  if (m_nCorrupted.exchange(1) == 0) m_Databases.NeedMark(true);
+  m_Databases.SaveMark();
 }
 
 // ---- Rewriting --------------------------------------------------------------------------------------------
@@ -122,7 +93,7 @@ void Lumbra::SaveMark() {
 ResultCode Lumbra::UpdateEvent(std::uint64_t nEventId, const void* pData, std::uint32_t nSize) {
   const SharedHold Hold(m_Lock);
   if (m_nWritesSuspended != 0) return errREAD_ONLY;
-  const Database Found = FindDatabase(DatabaseOfId(nEventId));
+  const Database Found = m_Databases.Find(DatabaseOfId(nEventId));
   if (!Found.IsOpen()) return errPARAMETER_INVALID;
   const std::uint64_t nLocalId = WithoutDatabase(nEventId);
   const ResultCode nCode =

@@ -1,7 +1,6 @@
 #include "component/factory.h"
 
 #include <cstring>
-#include <mutex>
 #include <new>
 
 #include "component/host_binding.h"
@@ -11,12 +10,16 @@
 namespace lumbra {
 namespace {
 
-// Guards the pointer to the shared instance, and nothing else; taken alone.
-os::CriticalSection& GlobalLock() {
-  static os::CriticalSection Lock;
-  return Lock;
+// The pointer to the shared instance. Its lock is taken alone.
+struct SharedPointer {
+  os::CriticalSection Lock;
+  Lumbra* pInstance GUARDED_BY(Lock) = nullptr;
+};
+
+SharedPointer& Shared() {
+  static SharedPointer Pointer;
+  return Pointer;
 }
-Lumbra* g_pShared = nullptr;
 
 Lumbra* MakeInstance(HostObject* pRequester) {
   static_assert(alignof(Lumbra) <= 8, "a host's memory bears no more");
@@ -27,11 +30,12 @@ Lumbra* MakeInstance(HostObject* pRequester) {
 }
 
 Lumbra* SharedInstance(HostObject* pRequester) {
+  SharedPointer& Pointer = Shared();
   Lumbra* pShared = nullptr;
   {
-    const std::lock_guard Hold(GlobalLock());
-    if (g_pShared == nullptr) g_pShared = MakeInstance(pRequester);
-    pShared = g_pShared;
+    const os::Hold Hold(Pointer.Lock);
+    if (Pointer.pInstance == nullptr) Pointer.pInstance = MakeInstance(pRequester);
+    pShared = Pointer.pInstance;
   }
   if (pShared != nullptr) binding::ReferenceShared(&pShared->Handle);
   return pShared;
@@ -40,8 +44,9 @@ Lumbra* SharedInstance(HostObject* pRequester) {
 Lumbra* NewSharedInstance(HostObject* pRequester) {
   Lumbra* const pNew = MakeInstance(pRequester);
   if (pNew == nullptr) return nullptr;
-  const std::lock_guard Hold(GlobalLock());
-  g_pShared = pNew;
+  SharedPointer& Pointer = Shared();
+  const os::Hold Hold(Pointer.Lock);
+  Pointer.pInstance = pNew;
   return pNew;
 }
 
@@ -66,8 +71,9 @@ void* LumbraFactory(std::uint32_t /*nIgnored*/, HostObject* pRequester, std::uin
 }
 
 void ForgetSharedInstance(const LumbraInstance* pInstance) {
-  const std::lock_guard Hold(GlobalLock());
-  if (g_pShared == pInstance) g_pShared = nullptr;
+  SharedPointer& Pointer = Shared();
+  const os::Hold Hold(Pointer.Lock);
+  if (Pointer.pInstance == pInstance) Pointer.pInstance = nullptr;
 }
 
 }  // namespace lumbra

@@ -1,5 +1,4 @@
 // The component: construction, initialisation, messages and shutdown.
-#include <mutex>
 #include <utility>
 
 #include "component/factory.h"
@@ -17,7 +16,7 @@ Lumbra::Lumbra() {
   Handle.pOperations = &kOperations;
 }
 
-// The members follow in the reverse order of their declaration: named databases, locks, slots.
+// The members follow in the reverse order of their declaration, the databases first.
 Lumbra::~Lumbra() {
   ForgetSharedInstance(this);
 }
@@ -28,7 +27,13 @@ Lumbra& Lumbra::Of(HostObject* pHandle) {
 }
 
 bool Lumbra::Owner::ExactFileSizes() {
-  return binding::ReadProperty(m_pHandle, propEXACT_FILE_SIZES) != 0;
+  return binding::ReadProperty(Handle(), propEXACT_FILE_SIZES) != 0;
+}
+
+// An instance that does not count as a user of the shared store may not use that of others, which can go at any time.
+DatabasesOwner::OpenSettings Lumbra::Owner::Settings() {
+  ObjectDB* const pShared = m_Instance.m_bUsesSharedObjects ? SharedObjects::Store() : nullptr;
+  return {m_Instance.m_nCheckMode != 0, m_Instance.m_nEnvironmentFlag != 0, pShared};
 }
 
 // ---- Texts from the host ----------------------------------------------------------------------------------
@@ -44,8 +49,13 @@ HostText Lumbra::Expand(const char16_t* pPlaceholder, ResultCode* pnSent) {
 }
 
 HostText Lumbra::ReportFolder() {
+  HostText Folder;
+  {
+    const os::Hold Hold(m_FolderLock);
+    Folder = m_ReportFolder.Copy();
+  }
   ResultCode nIgnored = errOK;
-  HostText Folder = m_ReportFolder.Empty() ? Expand(u"%Report%", &nIgnored) : m_ReportFolder.Copy();
+  if (Folder.Empty()) Folder = Expand(u"%Report%", &nIgnored);
   Folder.EnsureTrailingSeparator();
   return Folder;
 }
@@ -98,23 +108,20 @@ ResultCode Lumbra::OpenStore() {
   if (Folder.Empty()) return errOPEN_FAILED;  // rather than the current folder of the process
   HostText IndexPath = Folder.Copy();
   IndexPath.Join(kIndexFile);
-  m_IndexPath = IndexPath.View();
+  m_Databases.SetIndexPath(std::u16string(IndexPath.View()));
   ReadCheckMode();
 
   const ResultCode nShared = SharedObjects::AddUser(Folder.Text(), m_nCheckMode != 0, m_nEnvironmentFlag != 0);
   if (Failed(nShared)) return errOPEN_FAILED;
   m_bUsesSharedObjects = true;
 
-  Folder.Append(NumberedFolder(kSystemDatabase));
-  Folder.EnsureTrailingSeparator();
-  DatabaseSlot& System = m_Slots[kSystemDatabase];
-  if (!InitEnvironment(&System.Environment, Folder)) return errOPEN_FAILED;
-  constexpr std::uint32_t kSystemEventSize = 1;  // the system database has objects alone
-  const ResultCode nOpened = InitManager(&System.Manager, &System.Environment, kSystemEventSize);
+  Database System;
+  const ResultCode nOpened = m_Databases.OpenSystem(std::move(Folder), &System);
+  if (!System.IsOpen()) return nOpened;
 
   RegisterWellKnownObjects();
   if (Succeeded(nOpened)) {
-    const ResultCode nCode = LoadIndexAndCheck();
+    const ResultCode nCode = LoadIndexAndCheck(System);
     if (Failed(nCode)) return nCode;
   }
   RegisterHostName();
@@ -129,16 +136,12 @@ void Lumbra::RegisterWellKnownObjects() {
   }
 }
 
-ResultCode Lumbra::LoadIndexAndCheck() {
-  Trace(&Handle, traceRoutine, "lmb\tObjectInitDone: trying to load persistent indexes, from file '%S'",
-        m_IndexPath.c_str());
+ResultCode Lumbra::LoadIndexAndCheck(const Database& System) {
   bool bCorrupted = false;
-  if (Failed(LoadPersistentIndexes(m_IndexPath, &m_Index, &bCorrupted))) return errOPEN_FAILED;
-  if (!bCorrupted) {
-    bCorrupted = m_Slots[kSystemDatabase].Manager.Check(StoreChoice::Global) == errDATA_CORRUPTED;
-  }
+  if (Failed(m_Databases.LoadIndex(&bCorrupted))) return errOPEN_FAILED;
+  if (!bCorrupted) bCorrupted = System.Manager().Check(StoreChoice::Global) == errDATA_CORRUPTED;
   // Damage that was met on the way here waits to be marked in the file.
-  m_nCorrupted = bCorrupted || m_bMarkUnsaved ? 1 : 0;
+  m_nCorrupted = bCorrupted || m_Databases.IsMarkUnsaved() ? 1 : 0;
   return errOK;
 }
 
@@ -155,8 +158,8 @@ void Lumbra::RegisterHostName() {
 }
 
 void Lumbra::GiveBack() {
-  m_Slots[kSystemDatabase].Manager.TearDown();
-  m_bMarkUnsaved = false;  // the next attempt may be in another folder
+  m_Databases.CloseSystem();
+  m_Databases.NeedMark(false);  // the next attempt may be in another folder
   if (std::exchange(m_bUsesSharedObjects, false)) SharedObjects::RemoveUser();
   UnregisterHandler();
 }
@@ -178,31 +181,21 @@ ResultCode Lumbra::MessageReceive(std::uint32_t nClass, std::uint32_t nMessageId
   return errOK;
 }
 
+// Without the main lock, since a flush waits for the disk. An add to the database that is being flushed holds that lock
+// while it waits for the database, and adds to all others then wait as well.
 void Lumbra::Flush() {
   const SharedHold Hold(m_Lock);
   // What fails is traced; a slot that is not open has nothing to flush.
-  for (DatabaseSlot& Slot : m_Slots) (void)Slot.Manager.Flush();
-  // One at a time, and without the main lock: a flush waits for the disk, and adds to other databases need not wait
-  // with it.
-  for (std::size_t i = 0;; ++i) {
-    const NamedDatabaseRef Named = NamedAt(i);
-    if (Named.Get() == nullptr) break;
-    (void)Named->Manager.Flush();
-  }
-  SaveMark();
+  m_Databases.ForEach([](SegmentManager& Manager) { (void)Manager.Flush(); });
+  m_Databases.SaveMark();
 }
 
 ResultCode Lumbra::ObjectShutdown() {
   ForgetSharedInstance(this);
-  SaveMark();
+  m_Databases.SaveMark();
   UnregisterHandler();
   if (std::exchange(m_bUsesSharedObjects, false)) SharedObjects::RemoveUser();
-  for (DatabaseSlot& Slot : m_Slots) Slot.Manager.TearDown();
-  std::vector<NamedDatabaseRef> Dropped;
-  {
-    const std::lock_guard Hold(m_MainLock);
-    Dropped.swap(m_NamedDatabases);
-  }
+  m_Databases.CloseAll();
   return errOK;
 }
 

@@ -20,7 +20,7 @@ ResultCode Lumbra::GetObjectData(std::uint64_t nObjectId, void* pBuffer, std::ui
   nObjectId = WithoutAlias(nObjectId);
   const SharedHold Hold(m_Lock);
   const IoPriorityGuard Guard;
-  const Database Found = FindDatabase(DatabaseOfId(nObjectId));
+  const Database Found = m_Databases.Find(DatabaseOfId(nObjectId));
   if (!Found.IsOpen()) return errPARAMETER_INVALID;
   const std::uint64_t nLocalId = WithoutDatabase(nObjectId);
   const ResultCode nCode = Found.Manager().GetObjectData(nLocalId, pBuffer, nBufferSize, pnDataSize, nTag);
@@ -35,7 +35,7 @@ ResultCode Lumbra::SetObjectData(std::uint64_t nObjectId, const void* pData, std
   const SharedHold Hold(m_Lock);
   if (m_nWritesSuspended != 0) return errREAD_ONLY;
   const IoPriorityGuard Guard;
-  const Database Found = FindDatabase(DatabaseOfId(nObjectId));
+  const Database Found = m_Databases.Find(DatabaseOfId(nObjectId));
   if (!Found.IsOpen()) return errPARAMETER_INVALID;
   const std::uint64_t nLocalId = WithoutDatabase(nObjectId);
   const ResultCode nCode = Found.Manager().SetObjectData(nLocalId, pData, nSize, nTag);
@@ -48,7 +48,7 @@ ResultCode Lumbra::RemoveAllObjectData(std::uint64_t nObjectId) {
   nObjectId = WithoutAlias(nObjectId);
   const SharedHold Hold(m_Lock);
   if (m_nWritesSuspended != 0) return errREAD_ONLY;
-  const Database Found = FindDatabase(DatabaseOfId(nObjectId));
+  const Database Found = m_Databases.Find(DatabaseOfId(nObjectId));
   if (!Found.IsOpen()) return errPARAMETER_INVALID;
   const std::uint64_t nLocalId = WithoutDatabase(nObjectId);
   const ResultCode nCode = Found.Manager().RemoveAllObjectData(nLocalId);
@@ -62,7 +62,7 @@ ResultCode Lumbra::GetObjectDataInto(std::uint64_t nObjectId, HostObject* pTarge
   if (pTarget == nullptr) return errPARAMETER_INVALID;
   nObjectId = WithoutAlias(nObjectId);
   const SharedHold Hold(m_Lock);
-  const Database Found = FindDatabase(DatabaseOfId(nObjectId));
+  const Database Found = m_Databases.Find(DatabaseOfId(nObjectId));
   if (!Found.IsOpen()) return errPARAMETER_INVALID;
   if (binding::IsContainer(pTarget)) return ListAncestors(Found.Manager(), nObjectId, pTarget);
 
@@ -112,7 +112,7 @@ ResultCode Lumbra::SetObjectDataFrom(std::uint64_t nObjectId, HostObject* pSourc
   nObjectId = WithoutAlias(nObjectId);
   const SharedHold Hold(m_Lock);
   if (m_nWritesSuspended != 0) return errREAD_ONLY;
-  const Database Found = FindDatabase(DatabaseOfId(nObjectId));
+  const Database Found = m_Databases.Find(DatabaseOfId(nObjectId));
   if (!Found.IsOpen()) return errPARAMETER_INVALID;
 
   ObjectBuffer Buffer;

@@ -1,6 +1,5 @@
 // The component: finding, creating, naming and enumerating objects, and compacting the shared ones.
 #include <memory>
-#include <mutex>
 
 #include "component/lumbra.h"
 #include "component/shared_objects.h"
@@ -43,7 +42,7 @@ ResultCode Lumbra::FindObject(std::uint32_t nDatabase, std::uint32_t nType, cons
   const SharedHold Hold(m_Lock);
   if (m_nWritesSuspended != 0 && nCreate != 0) return errREAD_ONLY;
   const IoPriorityGuard Guard;
-  const Database Found = FindDatabase(nDatabase);
+  const Database Found = m_Databases.Find(nDatabase);
   if (!Found.IsOpen()) return errPARAMETER_INVALID;
   if (pnObjectId != nullptr) *pnObjectId = 0;                    // also when something is thrown
   if (nNameSize < kZeroTerminated) return errPARAMETER_INVALID;  // no size at all, which could not even be traced
@@ -73,7 +72,7 @@ ResultCode Lumbra::GetObjectName(std::uint64_t nObjectId, char16_t* pBuffer, std
   const SharedHold Hold(m_Lock);
   const IoPriorityGuard Guard;
   const std::uint32_t nDatabase = DatabaseOfId(nObjectId);
-  const Database Found = FindDatabase(nDatabase);
+  const Database Found = m_Databases.Find(nDatabase);
   if (!Found.IsOpen()) return errPARAMETER_INVALID;
   if (pBuffer == nullptr && nBufferSize == 0 && pnType == nullptr) return errOK;
 
@@ -102,7 +101,7 @@ ResultCode Lumbra::GetObjectName(std::uint64_t nObjectId, char16_t* pBuffer, std
 ResultCode Lumbra::EnumFirstObject(std::uint32_t nDatabase, std::uint64_t* pnObjectId) {
   if (pnObjectId == nullptr) return errPARAMETER_INVALID;
   const SharedHold Hold(m_Lock);
-  const Database Found = FindDatabase(nDatabase);
+  const Database Found = m_Databases.Find(nDatabase);
   if (!Found.IsOpen()) return errPARAMETER_INVALID;
   const ResultCode nCode = Found.Manager().EnumFirstObject();
   if (Succeeded(nCode)) *pnObjectId = WithDatabase(*pnObjectId, nDatabase);
@@ -113,7 +112,7 @@ ResultCode Lumbra::EnumNextObject(std::uint64_t nObjectId, std::uint64_t* pnNext
   nObjectId = WithoutAlias(nObjectId);
   const SharedHold Hold(m_Lock);
   const std::uint32_t nDatabase = DatabaseOfId(nObjectId);
-  const Database Found = FindDatabase(nDatabase);
+  const Database Found = m_Databases.Find(nDatabase);
   if (!Found.IsOpen()) return errPARAMETER_INVALID;
   const ResultCode nCode = Found.Manager().EnumNextObject(SegmentOfId(nObjectId));
   if (Succeeded(nCode) && pnNextId != nullptr) *pnNextId = WithDatabase(*pnNextId, nDatabase);
@@ -127,7 +126,10 @@ ResultCode Lumbra::Compact(std::uint32_t nDatabase) {
   if (nDatabase != kSystemDatabase) return errPARAMETER_INVALID;
   const SharedHold Hold(m_Lock);
   if (m_nWritesSuspended != 0) return errREAD_ONLY;
-  const std::lock_guard MainHold(m_MainLock);
+  return m_Databases.Alone([this] { return CompactSharedObjects(); });
+}
+
+ResultCode Lumbra::CompactSharedObjects() {
   if (!m_bUsesSharedObjects) return errSTORE_NOT_INITIALIZED;
   std::unique_ptr<StorageFile> pNewIds;
   std::unique_ptr<StorageFile> pNewData;

@@ -1,6 +1,6 @@
 // The component: its properties.
+#include <algorithm>
 #include <cstring>
-#include <mutex>
 
 #include "component/lumbra.h"
 
@@ -20,14 +20,24 @@ ResultCode PutValue(PropertyAccessRecord* pRecord, const void* pValue, std::uint
   return errOK;
 }
 
+// Null for an id that is no property's.
+const LumbraPropertyInfo* FindProperty(std::uint32_t nPropertyId) {
+  const auto* const pFound = std::find_if(std::begin(kProperties), std::end(kProperties),
+                                          [&](const LumbraPropertyInfo& Info) { return Info.nId == nPropertyId; });
+  return pFound == std::end(kProperties) ? nullptr : pFound;
+}
+
 }  // namespace
 
 ResultCode Lumbra::PropertyAccess(std::uint32_t nPropertyId, PropertyAccessRecord* pRecord) {
-  switch (nPropertyId) {
+  const LumbraPropertyInfo* const pInfo = FindProperty(nPropertyId);
+  if (pInfo == nullptr) return errPROPERTY_NOT_HANDLED;
+  const bool bFrozen = pInfo->Set == LumbraPropertySet::UntilInitialized && m_bInitialized;
+  if (bFrozen && pRecord->nMode == propertySet) return errPROPERTY_READ_ONLY;
+  switch (pInfo->nId) {
     case propCHECK_MODE:
       return TransferNumber(&m_nCheckMode, pRecord);
     case propENVIRONMENT_FLAG:
-      if (pRecord->nMode == propertySet && m_bInitialized) return errPROPERTY_READ_ONLY;
       return TransferNumber(&m_nEnvironmentFlag, pRecord);
     case propCORRUPTED:
       return TransferReadOnly(m_nCorrupted, pRecord);
@@ -41,9 +51,8 @@ ResultCode Lumbra::PropertyAccess(std::uint32_t nPropertyId, PropertyAccessRecor
       return TransferComment(pRecord);
     case propINTERFACE_CONSTANT:
       return TransferReadOnly(kInterfaceConstant, pRecord);
-    default:
-      return errPROPERTY_NOT_HANDLED;
   }
+  return errPROPERTY_NOT_HANDLED;
 }
 
 ResultCode Lumbra::TransferNumber(std::atomic<std::uint32_t>* pnField, PropertyAccessRecord* pRecord) {
@@ -88,7 +97,7 @@ ResultCode Lumbra::TransferWritesSuspended(PropertyAccessRecord* pRecord) {
 }
 
 ResultCode Lumbra::TransferReportFolder(PropertyAccessRecord* pRecord) {
-  const std::lock_guard Hold(m_MainLock);
+  const os::Hold Hold(m_FolderLock);
   switch (pRecord->nMode) {
     case propertyProbe:
       return errOK;

@@ -1,7 +1,6 @@
 #include "component/shared_objects.h"
 
 #include <memory>
-#include <mutex>
 
 #include "component/host_binding.h"
 #include "format/file_names.h"
@@ -19,13 +18,13 @@ class NoOwner final : public StorageOwner {
 
 struct SharedStore {
   os::CriticalSection Lock;  // an instance that comes second waits until the first has opened the store
-  std::uint32_t nUsers = 0;
+  std::uint32_t nUsers GUARDED_BY(Lock) = 0;
   NoOwner Owner;
-  std::unique_ptr<StorageEnvironment> pEnvironment;
-  std::unique_ptr<ObjectDB> pStore;
+  std::unique_ptr<StorageEnvironment> pEnvironment GUARDED_BY(Lock);
+  std::unique_ptr<ObjectDB> pStore GUARDED_BY(Lock);
 
-  ResultCode Open(const char16_t* pFolder, bool bCheckMode, bool bEnvironmentFlag);
-  void Close();
+  ResultCode Open(const char16_t* pFolder, bool bCheckMode, bool bEnvironmentFlag) REQUIRES(Lock);
+  void Close() REQUIRES(Lock);
 };
 
 SharedStore& Shared() {
@@ -60,7 +59,7 @@ void SharedStore::Close() {
 
 ResultCode SharedObjects::AddUser(const char16_t* pFolder, bool bCheckMode, bool bEnvironmentFlag) {
   SharedStore& Now = Shared();
-  const std::lock_guard Hold(Now.Lock);
+  const os::Hold Hold(Now.Lock);
   if (binding::AtomicIncrement(&Now.nUsers) != 1) return errOK;
   ResultCode nCode = errOK;
   try {
@@ -76,19 +75,19 @@ ResultCode SharedObjects::AddUser(const char16_t* pFolder, bool bCheckMode, bool
 
 void SharedObjects::RemoveUser() {
   SharedStore& Now = Shared();
-  const std::lock_guard Hold(Now.Lock);
+  const os::Hold Hold(Now.Lock);
   if (binding::AtomicDecrement(&Now.nUsers) == 0) Now.Close();
 }
 
 ObjectDB* SharedObjects::Store() {
   SharedStore& Now = Shared();
-  const std::lock_guard Hold(Now.Lock);
+  const os::Hold Hold(Now.Lock);
   return Now.pStore.get();
 }
 
 StorageEnvironment* SharedObjects::Environment() {
   SharedStore& Now = Shared();
-  const std::lock_guard Hold(Now.Lock);
+  const os::Hold Hold(Now.Lock);
   return Now.pEnvironment.get();
 }
 

@@ -249,9 +249,13 @@ ResultCode Segment::GetObjectName(std::uint64_t nId, void* pBuffer, std::uint32_
 
 ResultCode Segment::GetObjectParent(std::uint64_t nId, std::uint64_t* pnParentId, std::uint64_t* pnHash,
                                     std::uint8_t* pnType) {
-  return OnStoreOf(nId, [&](ObjectDB& Store) {
-    return Store.GetObjectName(nId, nullptr, 0, nullptr, pnParentId, nullptr, pnType, pnHash);
-  });
+  ObjectDescription About{};
+  const ResultCode nCode = OnStoreOf(nId, [&](ObjectDB& Store) { return Store.Describe(nId, &About); });
+  if (Failed(nCode)) return nCode;
+  if (pnParentId != nullptr) *pnParentId = About.nParentId;
+  if (pnHash != nullptr) *pnHash = About.nHash;
+  if (pnType != nullptr) *pnType = About.nType;
+  return errOK;
 }
 
 ResultCode Segment::GetObjectData(std::uint64_t nId, void* pBuffer, std::uint32_t nBufferSize, std::uint32_t* pnSize,

@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <cstring>
-#include <mutex>
 #include <new>
 #include <utility>
 
 #include "format/file_names.h"
 #include "platform/failed_step.h"
+#include "platform/invariant.h"
 #include "platform/result.h"
 
 namespace lumbra {
@@ -16,7 +16,12 @@ namespace lumbra {
 
 ResultCode SegmentManager::Init(StorageEnvironment* pEnv, std::uint32_t nEventSize, ObjectDB* pGlobalObjects,
                                 bool bCheckMode) {
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
+  return Open(pEnv, nEventSize, pGlobalObjects, bCheckMode);
+}
+
+ResultCode SegmentManager::Open(StorageEnvironment* pEnv, std::uint32_t nEventSize, ObjectDB* pGlobalObjects,
+                                bool bCheckMode) {
   if (m_bInitialized) return errALREADY_DONE;
   if (pEnv == nullptr) return errPARAMETER_INVALID;
   m_pEnv = pEnv;
@@ -30,10 +35,11 @@ ResultCode SegmentManager::Init(StorageEnvironment* pEnv, std::uint32_t nEventSi
     nCode = ResultFromCurrentException();
   }
   if (Failed(nCode)) {
-    TearDown();  // so that "segments.dat" is free for another attempt
+    Close();  // so that "segments.dat" is free for another attempt
     m_nTotalSize = m_nTotalEvents = 0;
     return nCode;
   }
+  LUMBRA_INVARIANT(IsConsistent());
   m_bInitialized = true;
   return errOK;
 }
@@ -57,6 +63,7 @@ ResultCode SegmentManager::OpenHeader(std::uint32_t nEventSize) {
   const ResultCode nCode = m_pEnv->OpenFile(kSegmentsFile, 0, true, true, &m_pHeaderFile);
   if (Failed(nCode)) return nCode;
   return LookAtHeader(nEventSize).OrStartAnew([&] {
+    m_Lock.AssertHeld();
     std::memcpy(m_Header.nMagic, kSegmentsMagic, sizeof(kSegmentsMagic));
     m_Header.nFirstSegment = 0;
     m_Header.nEventSize = nEventSize;
@@ -109,17 +116,21 @@ bool SegmentManager::LeaveOutUnfinished() {
 
 ResultCode SegmentManager::Clear() {
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
-  const std::lock_guard Hold(m_Lock);
-  TearDown();
+  const os::Hold Hold(m_Lock);
+  Close();
   (void)m_pEnv->DeleteFiles(u"*.*", 0);  // answers errOK always
   std::uint64_t nTime = 0;
   const bool bAllGone = m_pEnv->GetFileCreationTime(kAnyEventsFile, 0, &nTime) == errNOT_FOUND;
-  const ResultCode nCode = Init(m_pEnv, m_Header.nEventSize, m_pGlobalObjects, m_bCheckMode);
+  const ResultCode nCode = Open(m_pEnv, m_Header.nEventSize, m_pGlobalObjects, m_bCheckMode);
   return Succeeded(nCode) && !bAllGone ? errACCESS_DENIED : nCode;
 }
 
 void SegmentManager::TearDown() {
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
+  Close();
+}
+
+void SegmentManager::Close() {
   if (m_bInitialized.exchange(false)) CatchUpHeader();
   m_Segments.clear();
   m_pHeaderFile.reset();
@@ -199,6 +210,7 @@ ResultCode SegmentManager::MoveStart() {
 }
 
 void SegmentManager::BeforeDiscard() {
+  m_Lock.AssertHeld();  // by the operation on the segment
   if (m_Segments.empty() || !m_Segments.front().pSegment->IsDiscarded()) return;
   (void)MoveStart();  // a failure is traced, and remembered
   if (m_Header.nFirstSegment != m_nNextNumber) return;
@@ -218,14 +230,41 @@ SegmentManager::tSEGMENT_ENTRY* SegmentManager::FindEntry(std::uint32_t nSegment
 
 // ---- Limits -----------------------------------------------------------------------------------------------
 
-void SegmentManager::SetLimit(std::atomic<std::uint64_t>* pLimit, std::uint64_t nLimit) {
-  const std::lock_guard Hold(m_Lock);
+std::atomic<std::uint64_t>* SegmentManager::LimitOf(LumbraLimit nKind) {
+  switch (nKind) {
+    case limitDatabaseSize:
+      return &m_nDbMaxSize;
+    case limitDatabaseAge:
+      return &m_nDbMaxAge;
+    case limitDatabaseEvents:
+      return &m_nDbMaxEvents;
+    case limitSegmentSize:
+      return &m_nSegmentMaxSize;
+    case limitSegmentAge:
+      return &m_nSegmentMaxAge;
+    case limitSegmentEvents:
+      return &m_nSegmentMaxEvents;
+    case limitGlobalSize:  // of all databases together
+      break;
+  }
+  return nullptr;
+}
+
+ResultCode SegmentManager::SetLimit(LumbraLimit nKind, std::uint64_t nLimit) {
+  std::atomic<std::uint64_t>* const pLimit = LimitOf(nKind);
+  if (pLimit == nullptr) return errNOT_SUPPORTED;
+  const os::Hold Hold(m_Lock);
   *pLimit = nLimit;
-  (void)CheckLimits(false);  // what cannot be done now is tried again at the next add
+  (void)EnforceLimits(false);  // what cannot be done now is tried again at the next add
+  return errOK;
 }
 
 ResultCode SegmentManager::CheckLimits(bool bForce) {
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
+  return EnforceLimits(bForce);
+}
+
+ResultCode SegmentManager::EnforceLimits(bool bForce) {
   if (m_Segments.empty()) return errOK;
   CatchUpHeader();
   if (IsNewestFull()) {
@@ -236,6 +275,7 @@ ResultCode SegmentManager::CheckLimits(bool bForce) {
     const ResultCode nCode = DeleteOldest(bForce);
     if (Failed(nCode)) return nCode;
   }
+  LUMBRA_INVARIANT(IsConsistent());
   return errOK;
 }
 
@@ -274,8 +314,8 @@ ResultCode SegmentManager::DeleteOldest(bool bForced) {
 
 ResultCode SegmentManager::AddEvent(const void* pData, std::uint32_t nSize, std::uint64_t* pnId) {
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
-  const std::lock_guard Hold(m_Lock);
-  (void)CheckLimits(false);  // if no new segment can be started, the event goes to the one that is there
+  const os::Hold Hold(m_Lock);
+  (void)EnforceLimits(false);  // if no new segment can be started, the event goes to the one that is there
   if (m_Segments.empty()) return errUNEXPECTED;
   tSEGMENT_ENTRY& Newest = m_Segments.back();
   const ResultCode nCode = OnEntry(&Newest, [&](Segment& Found) { return Found.AddEvent(pData, nSize, pnId); });
@@ -292,7 +332,22 @@ ResultCode SegmentManager::Refresh(tSEGMENT_ENTRY* pEntry) {
   m_nTotalSize += nSize - pEntry->nDataSize;
   pEntry->nEventCount = nEvents;
   pEntry->nDataSize = nSize;
+  LUMBRA_INVARIANT(IsConsistent());
   return errOK;
+}
+
+// The totals are the sums, and the numbers ascend.
+bool SegmentManager::IsConsistent() const {
+  std::uint64_t nEvents = 0;
+  std::uint64_t nSize = 0;
+  std::uint32_t nNumber = 0;
+  for (const tSEGMENT_ENTRY& Entry : m_Segments) {
+    if (Entry.nNumber <= nNumber) return false;
+    nNumber = Entry.nNumber;
+    nEvents += Entry.nEventCount;
+    nSize += Entry.nDataSize;
+  }
+  return nNumber < m_nNextNumber && nEvents == m_nTotalEvents && nSize == m_nTotalSize;
 }
 
 // Does something with a segment. Should its event file have been started anew when that opened it, because it held
@@ -311,7 +366,7 @@ ResultCode SegmentManager::OnEntry(tSEGMENT_ENTRY* pEntry, Operation Do) {
 ResultCode SegmentManager::GetEvents(std::uint32_t nStartLow, std::int32_t nStartHigh, void* pBuffer,
                                      std::uint32_t nCount, std::uint32_t nBufferSize, std::uint32_t* pnDelivered) {
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
   std::uint32_t nDelivered = 0;
   std::uint32_t& nReported = pnDelivered != nullptr ? *pnDelivered : nDelivered;
   nReported = 0;
@@ -364,38 +419,40 @@ ResultCode SegmentManager::FindStart(std::uint32_t nStartLow, std::int32_t nStar
 
 ResultCode SegmentManager::UpdateEvent(std::uint32_t nIndexLow, std::uint32_t nSegment, const void* pData,
                                        std::uint32_t nSize) {
+  if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
+  const os::Hold Hold(m_Lock);
   return OnSegment(nSegment, [&](Segment& Found) { return Found.UpdateEvent(nIndexLow, nSegment, pData, nSize); });
 }
 
 // ---- Totals -----------------------------------------------------------------------------------------------
 
 std::uint64_t SegmentManager::GetTotalEvents() {
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
   return m_nTotalEvents;
 }
 
 std::uint64_t SegmentManager::GetTotalSize() {
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
   return m_nTotalSize;
 }
 
 std::uint32_t SegmentManager::GetSegmentCount() {
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
   return static_cast<std::uint32_t>(m_Segments.size());
 }
 
 std::uint32_t SegmentManager::GetEventSize() {
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
   return m_Header.nEventSize;
 }
 
 std::uint64_t SegmentManager::GetOldestAge() {
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
   return m_Segments.empty() ? 0 : m_Segments.front().pSegment->GetAge();
 }
 
 std::uint64_t SegmentManager::GetOldestCreationTime() {
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
   return m_Segments.empty() ? 0 : m_Segments.front().pSegment->GetCreationTime();
 }
 
@@ -403,15 +460,13 @@ std::uint64_t SegmentManager::GetOldestCreationTime() {
 
 template <class Operation>
 ResultCode SegmentManager::OnSegment(std::uint32_t nSegment, Operation Do) {
-  if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
-  const std::lock_guard Hold(m_Lock);
   tSEGMENT_ENTRY* const pEntry = FindEntry(nSegment);
   return pEntry == nullptr ? errOBJECT_NOT_FOUND : OnEntry(pEntry, Do);
 }
 
 ResultCode SegmentManager::Flush() {
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
   CatchUpHeader();
   for (const tSEGMENT_ENTRY& Entry : m_Segments) (void)Entry.pSegment->Flush();  // errOK always; failures are traced
   SyncHeader();
@@ -420,14 +475,14 @@ ResultCode SegmentManager::Flush() {
 
 ResultCode SegmentManager::Check(StoreChoice Choice) {
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
   if (m_Segments.empty()) return errUNEXPECTED;
   return OnEntry(&m_Segments.back(), [&](Segment& Newest) { return Newest.Check(Choice); });
 }
 
 ResultCode SegmentManager::FindObject(StoreChoice Choice, const ObjectQuery& Query, std::uint64_t* pnId) {
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
   if (m_Segments.empty()) return errUNEXPECTED;
   // Names come before the events that would start the next segment.
   if (m_Segments.back().pSegment->IsDiscarded()) (void)NewSegment();
@@ -436,6 +491,8 @@ ResultCode SegmentManager::FindObject(StoreChoice Choice, const ObjectQuery& Que
 
 ResultCode SegmentManager::GetObjectName(std::uint64_t nId, void* pBuffer, std::uint32_t nBufferSize,
                                          std::uint32_t* pnNeeded, std::uint32_t nFlagsOverride, std::uint8_t* pnType) {
+  if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
+  const os::Hold Hold(m_Lock);
   return OnSegment(StoreNumberOf(nId), [&](Segment& Found) {
     return Found.GetObjectName(nId, pBuffer, nBufferSize, pnNeeded, nFlagsOverride, pnType);
   });
@@ -443,28 +500,36 @@ ResultCode SegmentManager::GetObjectName(std::uint64_t nId, void* pBuffer, std::
 
 ResultCode SegmentManager::GetObjectParent(std::uint64_t nId, std::uint64_t* pnParentId, std::uint64_t* pnHash,
                                            std::uint8_t* pnType) {
+  if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
+  const os::Hold Hold(m_Lock);
   return OnSegment(StoreNumberOf(nId),
                    [&](Segment& Found) { return Found.GetObjectParent(nId, pnParentId, pnHash, pnType); });
 }
 
 ResultCode SegmentManager::GetObjectData(std::uint64_t nId, void* pBuffer, std::uint32_t nBufferSize,
                                          std::uint32_t* pnSize, std::uint32_t nTag) {
+  if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
+  const os::Hold Hold(m_Lock);
   return OnSegment(StoreNumberOf(nId),
                    [&](Segment& Found) { return Found.GetObjectData(nId, pBuffer, nBufferSize, pnSize, nTag); });
 }
 
 ResultCode SegmentManager::SetObjectData(std::uint64_t nId, const void* pData, std::uint32_t nSize,
                                          std::uint32_t nTag) {
+  if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
+  const os::Hold Hold(m_Lock);
   return OnSegment(StoreNumberOf(nId), [&](Segment& Found) { return Found.SetObjectData(nId, pData, nSize, nTag); });
 }
 
 ResultCode SegmentManager::RemoveAllObjectData(std::uint64_t nId) {
+  if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
+  const os::Hold Hold(m_Lock);
   return OnSegment(StoreNumberOf(nId), [&](Segment& Found) { return Found.RemoveAllObjectData(nId); });
 }
 
 ResultCode SegmentManager::EnumFirstObject() {
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
   for (tSEGMENT_ENTRY& Entry : m_Segments) {
     const ResultCode nCode = OnEntry(&Entry, [](Segment& Found) { return Found.EnumObjects(); });
     if (nCode != errOBJECT_NOT_FOUND) return nCode;
@@ -474,7 +539,7 @@ ResultCode SegmentManager::EnumFirstObject() {
 
 ResultCode SegmentManager::EnumNextObject(std::uint32_t nSegment) {
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
   tSEGMENT_ENTRY* const pEntry = FindEntry(nSegment);
   return pEntry == nullptr ? errPARAMETER_INVALID : OnEntry(pEntry, [](Segment& Found) { return Found.EnumObjects(); });
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <string_view>
 
 #include "events/circle_watch.h"
@@ -230,39 +231,40 @@ class NameBuilder {
   std::uint64_t m_nTotal = 0;
 };
 
-// What the walk from an object to its root needs of each object.
+// An object on the walk to its root, and its name as it is stored.
 struct NamedObject {
-  std::uint32_t nNameSize;
-  std::uint64_t nParentId;
-  std::uint8_t nFlags;
-  std::uint8_t nType;
+  ObjectDescription About;
+  ComponentBuffer Stored;
+  std::optional<ResultCode> NameRead;  // the answer of that; none where it was not read yet
 };
 
-ResultCode ReadObject(ObjectDB& Store, std::uint64_t nId, NamedObject* pObject) {
-  return Store.GetObjectName(nId, nullptr, 0, &pObject->nNameSize, &pObject->nParentId, &pObject->nFlags,
-                             &pObject->nType, nullptr);
+// Reads an object, and with it the name, if that is wanted and fits where most names do.
+template <class Predicate>
+ResultCode ReadObject(ObjectDB& Store, std::uint64_t nId, NamedObject* pObject, Predicate WantsName) {
+  pObject->Stored.Resize(ComponentBuffer::kInline);
+  return Store.DescribeAndReadName(nId, &pObject->About, {pObject->Stored.Get(), ComponentBuffer::kInline}, WantsName,
+                                   &pObject->NameRead);
 }
 
-// Reads the stored name and gives it as UTF-16: *pnSize bytes at *ppText, inside one of the buffers.
-ResultCode ReadComponent(ObjectDB& Store, std::uint64_t nId, const NamedObject& Object, ComponentBuffer* pStored,
-                         ComponentBuffer* pWide, const std::uint8_t** ppText, std::uint32_t* pnSize) {
-  *pnSize = 0;
-  if (Object.nNameSize == 0) return errOK;
-  if (!pStored->Resize(Object.nNameSize)) return errOUT_OF_MEMORY;
-  const ResultCode nCode =
-      Store.GetObjectName(nId, pStored->Get(), Object.nNameSize, nullptr, nullptr, nullptr, nullptr, nullptr);
-  if (Failed(nCode)) return nCode;
-  *ppText = pStored->Get();
-  *pnSize = Object.nNameSize;
-  if ((Object.nFlags & fObjUtf8) == 0) return errOK;
+// Has the stored name read, unless it was.
+ResultCode NeedName(ObjectDB& Store, std::uint64_t nId, NamedObject* pObject) {
+  if (pObject->NameRead) return *pObject->NameRead;
+  if (!pObject->Stored.Resize(pObject->About.nNameSize)) return errOUT_OF_MEMORY;
+  return Store.ReadName(nId, {pObject->Stored.Get(), pObject->About.nNameSize});
+}
 
-  const auto* const pUtf8 = reinterpret_cast<const char*>(pStored->Get());
-  if (!StorageEnvironment::Utf8ToWide(pUtf8, Object.nNameSize, nullptr, 0, pnSize)) return errCONVERSION_FAILED;
+// Gives a stored name as UTF-16: *pnSize bytes at *ppText, inside one of the buffers.
+ResultCode ToWide(NamedObject* pObject, ComponentBuffer* pWide, const std::uint8_t** ppText, std::uint32_t* pnSize) {
+  const std::uint32_t nStored = pObject->About.nNameSize;
+  *ppText = pObject->Stored.Get();
+  *pnSize = nStored;
+  if (nStored == 0 || (pObject->About.nFlags & fObjUtf8) == 0) return errOK;
+
+  const auto* const pUtf8 = reinterpret_cast<const char*>(*ppText);
+  if (!StorageEnvironment::Utf8ToWide(pUtf8, nStored, nullptr, 0, pnSize)) return errCONVERSION_FAILED;
   if (!pWide->Resize(*pnSize)) return errOUT_OF_MEMORY;
   auto* const pText = reinterpret_cast<char16_t*>(pWide->Get());
-  if (!StorageEnvironment::Utf8ToWide(pUtf8, Object.nNameSize, pText, *pnSize / kUnit, pnSize)) {
-    return errCONVERSION_FAILED;
-  }
+  if (!StorageEnvironment::Utf8ToWide(pUtf8, nStored, pText, *pnSize / kUnit, pnSize)) return errCONVERSION_FAILED;
   *ppText = pWide->Get();
   return errOK;
 }
@@ -275,23 +277,23 @@ bool StartsWithSeparator(const std::uint8_t* pText, std::uint32_t nSize) {
 }
 
 // Puts an object's own name, and the separator between it and its parent, in front of what the builder holds.
-ResultCode PrependObject(ObjectDB& Store, std::uint64_t nId, const NamedObject& Object, NameBuilder* pName) {
-  ComponentBuffer Stored;
+ResultCode PrependObject(ObjectDB& Store, std::uint64_t nId, NamedObject* pObject, NameBuilder* pName) {
   ComponentBuffer Wide;
   const std::uint8_t* pText = nullptr;
   std::uint32_t nSize = 0;
-  const ResultCode nCode = ReadComponent(Store, nId, Object, &Stored, &Wide, &pText, &nSize);
+  ResultCode nCode = NeedName(Store, nId, pObject);
+  if (Succeeded(nCode)) nCode = ToWide(pObject, &Wide, &pText, &nSize);
   if (Failed(nCode)) return nCode;
   pName->Prepend(pText, nSize);
-  if (Object.nParentId != 0 && !StartsWithSeparator(pText, nSize)) {
-    const char16_t cSeparator = Object.nType == typeRegistryValue ? u'/' : u'\\';
+  if (pObject->About.nParentId != 0 && !StartsWithSeparator(pText, nSize)) {
+    const char16_t cSeparator = pObject->About.nType == typeRegistryValue ? u'/' : u'\\';
     pName->Prepend(&cSeparator, kUnit);
   }
   return errOK;
 }
 
 // The objects that stand for another one when a name is built.
-bool StandsForLink(const NamedObject& Object, std::uint32_t nFlags) {
+bool StandsForLink(const ObjectDescription& Object, std::uint32_t nFlags) {
   return Object.nType == typeRegistryKey || (Object.nType == typeVolumeRoot && (nFlags & fObjFollowVolumeLinks) != 0);
 }
 
@@ -304,17 +306,21 @@ ResultCode BuildObjectName(const ObjectStores& Stores, std::uint64_t nId, void* 
   if (pBuffer == nullptr && nBufferSize != 0) return errPARAMETER_INVALID;
   if (pBuffer == nullptr && pnNeeded == nullptr && pnType == nullptr) return errPARAMETER_INVALID;
 
+  const bool bTypeAlone = pBuffer == nullptr && pnNeeded == nullptr;
   NameBuilder Name(pBuffer, nBufferSize);
   std::uint32_t nFlags = 0;
   bool bFirst = true;
+  const auto WantsName = [&](const ObjectDescription& About) {
+    if (bFirst) nFlags = EffectiveFlags(About.nType, nFlagsOverride);
+    return !bTypeAlone && !StandsForLink(About, nFlags);
+  };
   CircleWatch Circle;
   for (std::uint64_t nCurrent = nId; nCurrent != 0;) {
     if (Circle.WasHere(nCurrent)) return errDATA_CORRUPTED;
-    NamedObject Object{};
-    const ResultCode nCode = ReadObject(*pStore, nCurrent, &Object);
+    NamedObject Object;
+    const ResultCode nCode = ReadObject(*pStore, nCurrent, &Object, WantsName);
     if (Failed(nCode)) return nCode;
-    if (bFirst) nFlags = EffectiveFlags(Object.nType, nFlagsOverride);
-    if (StandsForLink(Object, nFlags)) {
+    if (StandsForLink(Object.About, nFlags)) {
       if (const std::uint64_t nLink = LinkOf(*pStore, nCurrent); nLink != 0) {
         nCurrent = nLink;
         continue;
@@ -322,13 +328,13 @@ ResultCode BuildObjectName(const ObjectStores& Stores, std::uint64_t nId, void* 
     }
     if (bFirst) {
       bFirst = false;
-      if (pnType != nullptr) *pnType = Object.nType;
-      if (pBuffer == nullptr && pnNeeded == nullptr) return errOK;
+      if (pnType != nullptr) *pnType = Object.About.nType;
+      if (bTypeAlone) return errOK;
     }
-    const ResultCode nPrepended = PrependObject(*pStore, nCurrent, Object, &Name);
+    const ResultCode nPrepended = PrependObject(*pStore, nCurrent, &Object, &Name);
     if (Failed(nPrepended)) return nPrepended;
     if (Name.Total() > UINT32_MAX) return errSIZE_INVALID;  // of no size that could be told
-    nCurrent = Object.nParentId;
+    nCurrent = Object.About.nParentId;
   }
   Name.Terminate();
   if (pnNeeded != nullptr) *pnNeeded = static_cast<std::uint32_t>(Name.Total());

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <mutex>
 #include <utility>
 
 #include "objects/failed_check.h"
@@ -19,7 +18,7 @@ ObjectDB::ObjectDB(bool bCheckData)
 // ---- Opening and closing ----------------------------------------------------------------------------------
 
 ResultCode ObjectDB::Open(std::uint32_t nNumber, ObjectFiles& Files, TreeHead Head) {
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
   if (Files.pTree == nullptr || Files.pIds == nullptr || Files.pData == nullptr) return errPARAMETER_INVALID;
   m_nNumber = nNumber;
   m_Refill = TreeRefill();
@@ -27,7 +26,10 @@ ResultCode ObjectDB::Open(std::uint32_t nNumber, ObjectFiles& Files, TreeHead He
   // All three are looked at before the first one is written: where one cannot be read, none changes.
   const FileContent Data = LookAtDataFile(*Files.pData);
   const FileContent Ids = m_IdDB.Look(*Files.pIds, sizeof(tODB_ID_ENTRY));
-  ResultCode nCode = Data.OrStartAnew([&] { return ChooseFeatures(Ids); });
+  ResultCode nCode = Data.OrStartAnew([&] {
+    m_Lock.AssertHeld();
+    return ChooseFeatures(Ids);
+  });
   if (Failed(nCode)) return nCode;
   m_Crc = DataCrc(Has(featureNameCrc));
   const FileContent Tree =
@@ -35,7 +37,12 @@ ResultCode ObjectDB::Open(std::uint32_t nNumber, ObjectFiles& Files, TreeHead He
   nCode = Tree.Failure();
   if (Succeeded(nCode) && Failed(Ids.Failure())) nCode = errOPEN_FAILED;
 
-  if (Succeeded(nCode)) nCode = Data.OrStartAnew([&] { return WriteMagic(*Files.pData); });
+  if (Succeeded(nCode)) {
+    nCode = Data.OrStartAnew([&] {
+      m_Lock.AssertHeld();
+      return WriteMagic(*Files.pData);
+    });
+  }
   if (Succeeded(nCode)) nCode = m_Tree.Take(Tree);
   if (Succeeded(nCode) && !m_IdDB.Take(Ids, Files.pIds, sizeof(tODB_ID_ENTRY), ChecksByteCounts())) {
     nCode = errOPEN_FAILED;
@@ -91,7 +98,7 @@ ResultCode ObjectDB::WriteMagic(StorageFile& File) {
 }
 
 ResultCode ObjectDB::Close() {
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
   m_Cache.Clear();
   m_Tree.Close();
   m_pFileBT.reset();
@@ -101,7 +108,7 @@ ResultCode ObjectDB::Close() {
 }
 
 ResultCode ObjectDB::Flush() {
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
   for (StorageFile* const pFile : {m_pFileBT.get(), m_pFileData.get()}) {
     if (pFile != nullptr && !pFile->Flush()) TraceFailedStep(errWRITE_FAILED);
   }
@@ -110,7 +117,7 @@ ResultCode ObjectDB::Flush() {
 }
 
 std::uint64_t ObjectDB::GetSize() {
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
   KnowsDataSize();
   return m_Tree.Size() + m_nSizeID + m_nSizeDT;
 }
@@ -155,7 +162,11 @@ ResultCode ObjectDB::SetIdEntry(tObjectId id, const tODB_ID_ENTRY* pEntry) {
 
 ResultCode ObjectDB::FindObject(std::uint64_t nHash, tObjectId* pId) {
   if (nHash == 0 || pId == nullptr) return errPARAMETER_INVALID;
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
+  return Find(nHash, pId);
+}
+
+ResultCode ObjectDB::Find(std::uint64_t nHash, tObjectId* pId) {
   const ResultCode nCode = LookUp(nHash, pId);
   if (Succeeded(nCode) || Succeeded(m_Refill.nFailure)) return nCode;
   // Half a tree says nothing about what is missing from it.
@@ -196,12 +207,12 @@ ResultCode ObjectDB::FindOrCreateObject(std::uint64_t nHash, std::uint64_t nPare
   const NewObject Object{nHash, nParentId, nFlags, nType, pName, nNameSize};
   if (nHash == 0) {
     if (pName != nullptr || nNameSize != 0 || pId == nullptr) return errPARAMETER_INVALID;
-    const std::lock_guard Hold(m_Lock);
+    const os::Hold Hold(m_Lock);
     tODB_ID_ENTRY Entry{};
     return AddObject(Object, pId, &Entry);
   }
   if (pName == nullptr || nNameSize == 0 || pId == nullptr) return errPARAMETER_INVALID;
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
   if (const tObjectId* const pCached = bForce ? nullptr : m_Cache.FindByHash(nHash)) {
     *pId = *pCached;
     bReported = true;
@@ -334,37 +345,47 @@ ResultCode ObjectDB::AppendData(const void* pData, std::uint32_t nDataSize, std:
 
 // ---- Names ------------------------------------------------------------------------------------------------
 
-ResultCode ObjectDB::GetObjectName(tObjectId nObjectId, void* pBuffer, std::uint32_t nBufferSize,
-                                   std::uint32_t* pnNameSize, std::uint64_t* pnParentId, std::uint8_t* pnFlags,
-                                   std::uint8_t* pnType, std::uint64_t* pnHash) {
-  if (nObjectId == 0 || (nBufferSize > 0 && pBuffer == nullptr)) return errPARAMETER_INVALID;
-  if (StoreNumberOf(nObjectId) != m_nNumber) return errOBJECT_NOT_FOUND;
-  const std::lock_guard Hold(m_Lock);
+ResultCode ObjectDB::Describe(tObjectId nObjectId, ObjectDescription* pObject) {
+  const os::Hold Hold(m_Lock);
   tODB_ID_ENTRY Entry{};
-  const ResultCode nCode = GetIdEntry(nObjectId, &Entry, TraceMiss::Yes);
-  if (Failed(nCode)) return nCode;
-  if (pnNameSize != nullptr) *pnNameSize = Entry.nNameSize;
-  if (pnParentId != nullptr) *pnParentId = Entry.nParentId;
-  if (pnFlags != nullptr) *pnFlags = Entry.nFlags;
-  if (pnType != nullptr) *pnType = Entry.nType;
-  if (pnHash != nullptr) *pnHash = Entry.nObjectHash;
+  const ResultCode nCode = ReadEntry(nObjectId, &Entry);
+  if (Succeeded(nCode)) *pObject = DescriptionOf(Entry);
+  return nCode;
+}
 
-  const std::uint32_t nSize = std::min(nBufferSize, std::uint32_t{Entry.nNameSize});
+ResultCode ObjectDB::ReadName(tObjectId nObjectId, std::span<std::uint8_t> Name) {
+  if (Name.data() == nullptr && !Name.empty()) return errPARAMETER_INVALID;
+  const os::Hold Hold(m_Lock);
+  tODB_ID_ENTRY Entry{};
+  const ResultCode nCode = ReadEntry(nObjectId, &Entry);
+  return Failed(nCode) ? nCode : ReadNameOf(Entry, Name);
+}
+
+ResultCode ObjectDB::ReadEntry(tObjectId nObjectId, tODB_ID_ENTRY* pEntry) {
+  return nObjectId == 0 ? errPARAMETER_INVALID : GetIdEntry(nObjectId, pEntry, TraceMiss::Yes);
+}
+
+ObjectDescription ObjectDB::DescriptionOf(const tODB_ID_ENTRY& Entry) {
+  return {Entry.nObjectHash, Entry.nParentId, Entry.nNameSize, Entry.nFlags, Entry.nType};
+}
+
+ResultCode ObjectDB::ReadNameOf(const tODB_ID_ENTRY& Entry, std::span<std::uint8_t> Name) {
+  const auto nSize = static_cast<std::uint32_t>(std::min<std::size_t>(Name.size(), Entry.nNameSize));
   if (nSize == 0) return errOK;
   if (Has(featureNameCrc)) {
-    const ResultCode nRead = ReadCheckedName(Entry, pBuffer, nSize);
+    const ResultCode nRead = ReadCheckedName(Entry, Name.first(nSize));
     if (Failed(nRead)) return nRead;
   } else {
     std::uint32_t nRead = 0;
-    const bool bRead = m_pFileData->SeekRead(Entry.nName, pBuffer, nSize, &nRead);
+    const bool bRead = m_pFileData->SeekRead(Entry.nName, Name.data(), nSize, &nRead);
     if (!bRead || nRead != nSize) return DataReadErrorCode(std::uint64_t{Entry.nName} + nRead);
   }
   return nSize < Entry.nNameSize ? errBUFFER_TOO_SMALL : errOK;
 }
 
-// Reads the whole name and its CRC, and delivers the first nSize bytes, also those of a name that fails the
+// Reads the whole name and its CRC, and delivers as many bytes as are asked for, also those of a name that fails the
 // CRC.
-ResultCode ObjectDB::ReadCheckedName(const tODB_ID_ENTRY& Entry, void* pBuffer, std::uint32_t nSize) {
+ResultCode ObjectDB::ReadCheckedName(const tODB_ID_ENTRY& Entry, std::span<std::uint8_t> Name) {
   const std::uint32_t nWanted = Entry.nNameSize + kCrcSize;
   NameBuffer Buffer;
   if (!Buffer.Resize(nWanted)) return errOUT_OF_MEMORY;
@@ -374,7 +395,7 @@ ResultCode ObjectDB::ReadCheckedName(const tODB_ID_ENTRY& Entry, void* pBuffer, 
                        DataReadErrorCode(Entry.nName));
   if (nRead != nWanted)
     return FailedCheck("bytesRead == bytesToRead", DataReadErrorCode(std::uint64_t{Entry.nName} + nRead));
-  std::memcpy(pBuffer, Buffer.Get(), nSize);
+  std::memcpy(Name.data(), Buffer.Get(), Name.size());
   if (!ValidDataCrc(Entry.nObjectHash, Buffer.Get(), Entry.nNameSize, Buffer.Get() + Entry.nNameSize))
     return FailedCheck(
         "ValidDataCrc(object_entry.nObjectHash, buffer.Get(), object_entry.nNameSize, buffer.Get() + object_entry.nNameSize)",
@@ -383,8 +404,7 @@ ResultCode ObjectDB::ReadCheckedName(const tODB_ID_ENTRY& Entry, void* pBuffer, 
 }
 
 std::uint64_t ObjectDB::GetObjectHash(tObjectId nObjectId) {
-  if (StoreNumberOf(nObjectId) != m_nNumber) return 0;
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
   tODB_ID_ENTRY Entry{};
   return Succeeded(GetIdEntry(nObjectId, &Entry, TraceMiss::Yes)) ? Entry.nObjectHash : 0;
 }

@@ -8,13 +8,15 @@
 // interrupted, its CRC tells, where it has one. If a call fails meanwhile, a block whose size was to change is put
 // back, at the cost of reading it before; one that keeps its size is not read, and what of it was written stays.
 //
-// Any thread may call any operation: one lock per store is held for each operation's whole run. No operation
-// throws. A failed check writes one trace line and answers the code named in it; damage is answered with
-// errDATA_CORRUPTED and never alters what is stored.
+// Any thread may call any operation: one lock per store is held for each operation's whole run, taken by the public
+// functions alone. No operation throws. A failed check writes one trace line and answers the code named in it; damage
+// is answered with errDATA_CORRUPTED and never alters what is stored.
 #pragma once
 
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <span>
 
 #include "format/data_crc.h"
 #include "format/object_files.h"
@@ -37,6 +39,15 @@ struct ObjectFiles {
   std::unique_ptr<StorageFile> pData;
 };
 
+// What is stored of an object beside the bytes of its name and its data.
+struct ObjectDescription {
+  std::uint64_t nHash;
+  std::uint64_t nParentId;
+  std::uint32_t nNameSize;  // bytes
+  std::uint8_t nFlags;
+  std::uint8_t nType;
+};
+
 class ObjectDB {
  public:
   // With bCheckData new files get every kind of CRC, and reads and writes are checked for their full byte
@@ -49,15 +60,15 @@ class ObjectDB {
   // Opens the store with its number (0: the shared store; otherwise the segment's). Takes the files over when
   // it succeeds; otherwise they stay with the caller. Where one of them cannot be read none is changed, and opening
   // them can be tried again; what was read and is damaged or foreign is started anew, and never a reason to fail.
-  ResultCode Open(std::uint32_t nNumber, ObjectFiles& Files, TreeHead Head);
-  ResultCode Close();  // always errOK
-  ResultCode Flush();  // always errOK; failures are traced, and stay in the file objects
+  ResultCode Open(std::uint32_t nNumber, ObjectFiles& Files, TreeHead Head) EXCLUDES(m_Lock);
+  ResultCode Close() EXCLUDES(m_Lock);  // always errOK
+  ResultCode Flush() EXCLUDES(m_Lock);  // always errOK; failures are traced, and stay in the file objects
 
   // Bytes of the three files.
-  std::uint64_t GetSize();
+  std::uint64_t GetSize() EXCLUDES(m_Lock);
 
   // The object with this hash; errOBJECT_NOT_FOUND when there is none.
-  ResultCode FindObject(std::uint64_t nHash, tObjectId* pId);
+  ResultCode FindObject(std::uint64_t nHash, tObjectId* pId) EXCLUDES(m_Lock);
 
   // The same, or a new object. Parent, flags, type and name are stored when the object is created, and
   // neither compared nor changed when it exists. Hash 0 without a name makes an anonymous object, found by
@@ -65,29 +76,35 @@ class ObjectDB {
   // may be null.
   ResultCode FindOrCreateObject(std::uint64_t nHash, std::uint64_t nParentId, std::uint8_t nFlags, std::uint8_t nType,
                                 const void* pName, std::uint32_t nNameSize, bool bForce, tObjectId* pId,
-                                bool* pbExisted);
+                                bool* pbExisted) EXCLUDES(m_Lock);
 
-  // What is stored of an object; every output may be null, and all but the name are set also when the name
-  // fails. A buffer that is too small receives the name's first bytes and errBUFFER_TOO_SMALL.
-  ResultCode GetObjectName(tObjectId nObjectId, void* pBuffer, std::uint32_t nBufferSize, std::uint32_t* pnNameSize,
-                           std::uint64_t* pnParentId, std::uint8_t* pnFlags, std::uint8_t* pnType,
-                           std::uint64_t* pnHash);
+  ResultCode Describe(tObjectId nObjectId, ObjectDescription* pObject) EXCLUDES(m_Lock);
+
+  // The name's bytes, as they are stored. Room that is too small receives the first ones and errBUFFER_TOO_SMALL.
+  ResultCode ReadName(tObjectId nObjectId, std::span<std::uint8_t> Name) EXCLUDES(m_Lock);
+
+  // Both at once. The name is read where Wants, shown the description under the lock, says so and Room is enough for
+  // it: *pName then has the answer of that, and is left alone otherwise.
+  template <class Predicate>
+  ResultCode DescribeAndReadName(tObjectId nObjectId, ObjectDescription* pObject, std::span<std::uint8_t> Room,
+                                 Predicate Wants, std::optional<ResultCode>* pName) EXCLUDES(m_Lock);
 
   // The data block under a key; errNOT_FOUND when there is none. With nBufferSize 0 only its size is told. A
   // buffer that is too small: errBUFFER_TOO_SMALL, with the size in *pnDataSize (which may be null when there
   // is a buffer).
   ResultCode GetObjectData(tObjectId nObjectId, void* pBuffer, std::uint32_t nBufferSize, std::uint32_t* pnDataSize,
-                           std::uint32_t nDataType);
+                           std::uint32_t nDataType) EXCLUDES(m_Lock);
 
   // Stores a data block under a key, in place of the one that is there. errOUT_OF_SPACE for a 256th key. A block of no
   // bytes (pData null) under a new key is kept only where blocks have CRCs.
-  ResultCode SetObjectData(tObjectId nObjectId, const void* pData, std::uint32_t nSize, std::uint32_t nDataType);
+  ResultCode SetObjectData(tObjectId nObjectId, const void* pData, std::uint32_t nSize, std::uint32_t nDataType)
+      EXCLUDES(m_Lock);
 
   // Forgets every data block of the object; the space stays taken until the store is compacted.
-  ResultCode RemoveAllObjectData(tObjectId nObjectId);
+  ResultCode RemoveAllObjectData(tObjectId nObjectId) EXCLUDES(m_Lock);
 
   // The object's hash, 0 when it cannot be read.
-  std::uint64_t GetObjectHash(tObjectId nObjectId);
+  std::uint64_t GetObjectHash(tObjectId nObjectId) EXCLUDES(m_Lock);
 
   // Puts the objects back into a tree that knows none, as one that Open had to start anew; only where the store has
   // CRCs. Records that are damaged are left out, and traced. Of several with one hash the newest is found, as before.
@@ -95,16 +112,16 @@ class ObjectDB {
   // answered; each search for another one first goes on with the refill at the record where it stopped, and as long as
   // that fails it answers the failure's code and creates nothing. A store that is closed meanwhile has its tree started
   // anew by the next Open.
-  ResultCode RefillEmptyTree();
+  ResultCode RefillEmptyTree() EXCLUDES(m_Lock);
 
   // A cheap check of the two newest objects, where a crash leaves its marks: errOK or the code of the first
   // failed check. Newest objects that the tree does not know are put back into it.
-  ResultCode FastConsistencyCheck();
+  ResultCode FastConsistencyCheck() EXCLUDES(m_Lock);
 
   // Writes the store's records and the blocks that they reach into two empty files, without the holes. Every object
   // keeps its id, so the tree fits the new files as it is. Takes the id file over and closes it at the end, unless it
   // answers errOPEN_FAILED; the data file stays the caller's. The store itself is only read, under its lock.
-  ResultCode Compact(std::unique_ptr<StorageFile>& pNewIds, StorageFile& NewData);
+  ResultCode Compact(std::unique_ptr<StorageFile>& pNewIds, StorageFile& NewData) EXCLUDES(m_Lock);
 
  private:
   class Compaction;
@@ -154,85 +171,104 @@ class ObjectDB {
 
   // Whether every read and write must move all of its bytes.
   bool ChecksByteCounts() const { return (m_nConfigFlags & featureBlockCrc) != 0; }
-  bool Has(StoreFeatures Feature) const { return (m_nDataFlags & Feature) != 0; }
-  bool HasCrcs() const { return Has(featureBlockCrc) || Has(featureArrayCrc) || Has(featureNameCrc); }
+  bool Has(StoreFeatures Feature) const REQUIRES(m_Lock) { return (m_nDataFlags & Feature) != 0; }
+  bool HasCrcs() const REQUIRES(m_Lock) { return Has(featureBlockCrc) || Has(featureArrayCrc) || Has(featureNameCrc); }
 
-  FileContent LookAtDataFile(StorageFile& File);
-  ResultCode ChooseFeatures(const FileContent& Ids);
-  ResultCode WriteMagic(StorageFile& File);
-  bool KnowsDataSize();
-  ResultCode GetIdEntry(tObjectId id, tODB_ID_ENTRY* pEntry, TraceMiss Miss);
-  ResultCode SetIdEntry(tObjectId id, const tODB_ID_ENTRY* pEntry);
-  ResultCode LookUp(std::uint64_t nHash, tObjectId* pId);
-  ResultCode AddObject(const NewObject& Object, tObjectId* pId, tODB_ID_ENTRY* pEntry);
-  ResultCode AppendName(const NewObject& Object, std::uint32_t* pnOffset);
-  ResultCode AppendData(const void* pData, std::uint32_t nDataSize, std::uint32_t* pnOffset);
-  ResultCode ZeroFill(StorageFile* pFile, std::uint64_t nOffset, std::uint32_t nCount);
-  ResultCode FindOrInsert(const NewObject& Object, bool bForce, tObjectId* pId, bool* pbExisted);
-  ResultCode WalkToSlot(std::uint64_t nHash, bool bForce, HashTree::Place* pAt, tObjectId* pFound);
-  ResultCode CreateInSlot(const HashTree::Place& At, const NewObject& Object, bool bReplaces, tObjectId* pId);
-  ResultCode ReadCheckedName(const tODB_ID_ENTRY& Entry, void* pBuffer, std::uint32_t nSize);
+  FileContent LookAtDataFile(StorageFile& File) REQUIRES(m_Lock);
+  ResultCode ChooseFeatures(const FileContent& Ids) REQUIRES(m_Lock);
+  ResultCode WriteMagic(StorageFile& File) REQUIRES(m_Lock);
+  bool KnowsDataSize() REQUIRES(m_Lock);
+  ResultCode GetIdEntry(tObjectId id, tODB_ID_ENTRY* pEntry, TraceMiss Miss) REQUIRES(m_Lock);
+  ResultCode SetIdEntry(tObjectId id, const tODB_ID_ENTRY* pEntry) REQUIRES(m_Lock);
+  ResultCode Find(std::uint64_t nHash, tObjectId* pId) REQUIRES(m_Lock);
+  ResultCode LookUp(std::uint64_t nHash, tObjectId* pId) REQUIRES(m_Lock);
+  ResultCode AddObject(const NewObject& Object, tObjectId* pId, tODB_ID_ENTRY* pEntry) REQUIRES(m_Lock);
+  ResultCode AppendName(const NewObject& Object, std::uint32_t* pnOffset) REQUIRES(m_Lock);
+  ResultCode AppendData(const void* pData, std::uint32_t nDataSize, std::uint32_t* pnOffset) REQUIRES(m_Lock);
+  ResultCode ZeroFill(StorageFile* pFile, std::uint64_t nOffset, std::uint32_t nCount) REQUIRES(m_Lock);
+  ResultCode FindOrInsert(const NewObject& Object, bool bForce, tObjectId* pId, bool* pbExisted) REQUIRES(m_Lock);
+  ResultCode WalkToSlot(std::uint64_t nHash, bool bForce, HashTree::Place* pAt, tObjectId* pFound) REQUIRES(m_Lock);
+  ResultCode CreateInSlot(const HashTree::Place& At, const NewObject& Object, bool bReplaces, tObjectId* pId)
+      REQUIRES(m_Lock);
+  ResultCode ReadEntry(tObjectId nObjectId, tODB_ID_ENTRY* pEntry) REQUIRES(m_Lock);
+  static ObjectDescription DescriptionOf(const tODB_ID_ENTRY& Entry);
+  ResultCode ReadNameOf(const tODB_ID_ENTRY& Entry, std::span<std::uint8_t> Name) REQUIRES(m_Lock);
+  ResultCode ReadCheckedName(const tODB_ID_ENTRY& Entry, std::span<std::uint8_t> Name) REQUIRES(m_Lock);
 
-  std::uint32_t ArraySize(std::uint32_t nCount) const;
-  ResultCode ReadDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY& Entry, DataEntries* pEntries);
-  void SealDataEntries(tObjectId nObjectId, DataEntries* pEntries) const;
-  ResultCode CheckBlockInFile(const tODB_DATA_ENTRY* pItem, std::uint32_t nDataSize);
-  ResultCode ReadPlainBlock(const tODB_DATA_ENTRY* pItem, std::uint8_t* pBlock, std::uint32_t nDataSize);
-  ResultCode ReadCheckedBlock(tObjectId nObjectId, const tODB_DATA_ENTRY* pItem, std::uint32_t nDataSize,
-                              void* pBuffer);
-  ResultCode FindRoom(const tODB_DATA_ENTRY& Entry, std::uint32_t* pnRoom, bool* pbInFile);
+  std::uint32_t ArraySize(std::uint32_t nCount) const REQUIRES(m_Lock);
+  ResultCode ReadDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY& Entry, DataEntries* pEntries) REQUIRES(m_Lock);
+  void SealDataEntries(tObjectId nObjectId, DataEntries* pEntries) const REQUIRES(m_Lock);
+  ResultCode CheckBlockInFile(const tODB_DATA_ENTRY* pItem, std::uint32_t nDataSize) REQUIRES(m_Lock);
+  ResultCode ReadPlainBlock(const tODB_DATA_ENTRY* pItem, std::uint8_t* pBlock, std::uint32_t nDataSize)
+      REQUIRES(m_Lock);
+  ResultCode ReadCheckedBlock(tObjectId nObjectId, const tODB_DATA_ENTRY* pItem, std::uint32_t nDataSize, void* pBuffer)
+      REQUIRES(m_Lock);
+  ResultCode FindRoom(const tODB_DATA_ENTRY& Entry, std::uint32_t* pnRoom, bool* pbInFile) REQUIRES(m_Lock);
   bool BuildBlock(tObjectId nObjectId, const void* pData, std::uint32_t nSize, BlockBuffer* pScratch,
-                  ByteView* pBlock) const;
+                  ByteView* pBlock) const REQUIRES(m_Lock);
   ResultCode MoveBlock(tObjectId nObjectId, const tODB_ID_ENTRY& Entry, DataEntries* pEntries, std::uint32_t nEntry,
-                       ByteView Block, bool bOldInFile);
+                       ByteView Block, bool bOldInFile) REQUIRES(m_Lock);
   ResultCode RewriteBlock(tObjectId nObjectId, const tODB_ID_ENTRY& Entry, DataEntries* pEntries, std::uint32_t nEntry,
-                          ByteView Block, std::uint32_t nRoom);
-  ResultCode OverwriteBlock(const tODB_DATA_ENTRY* pItem, ByteView Block);
+                          ByteView Block, std::uint32_t nRoom) REQUIRES(m_Lock);
+  ResultCode OverwriteBlock(const tODB_DATA_ENTRY* pItem, ByteView Block) REQUIRES(m_Lock);
   ResultCode StoreDataEntry(tObjectId nObjectId, const tODB_ID_ENTRY& Entry, DataEntries* pEntries,
-                            std::uint32_t nEntry);
-  ResultCode AppendDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY& Entry, DataEntries* pEntries);
+                            std::uint32_t nEntry) REQUIRES(m_Lock);
+  ResultCode AppendDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY& Entry, DataEntries* pEntries) REQUIRES(m_Lock);
 
-  ResultCode CheckNewestObject(std::uint64_t nObjectId, bool* pbHashMissing);
-  ResultCode CheckName(const tODB_ID_ENTRY& Entry);
-  ResultCode CheckData(std::uint64_t nObjectId, const tODB_ID_ENTRY& Entry);
-  ResultCode ReadRecordForCheck(std::uint64_t nObjectId, tODB_ID_ENTRY* pEntry);
-  ResultCode CheckNamePlace(const tODB_ID_ENTRY& Entry);
-  ResultCode RepairTree(std::uint64_t nRecords);
-  ResultCode PutBack(std::uint64_t nObjectId, const tODB_ID_ENTRY& Entry, bool* pbAdded);
-  ResultCode InsertMissingHash(std::uint64_t nObjectId, const tODB_ID_ENTRY& Entry);
-  ResultCode FinishRefill();
-  ResultCode ContinueRefill();
-  ResultCode RefillRest();
-  ResultCode BeginRefill();
-  ResultCode EndRefill();
-  ResultCode RefillRecord(std::uint64_t nIndex);
-  ResultCode RefillHash(std::uint64_t nHash, std::uint32_t nShortId);
+  ResultCode CheckNewestObject(std::uint64_t nObjectId, bool* pbHashMissing) REQUIRES(m_Lock);
+  ResultCode CheckName(const tODB_ID_ENTRY& Entry) REQUIRES(m_Lock);
+  ResultCode CheckData(std::uint64_t nObjectId, const tODB_ID_ENTRY& Entry) REQUIRES(m_Lock);
+  ResultCode ReadRecordForCheck(std::uint64_t nObjectId, tODB_ID_ENTRY* pEntry) REQUIRES(m_Lock);
+  ResultCode CheckNamePlace(const tODB_ID_ENTRY& Entry) REQUIRES(m_Lock);
+  ResultCode RepairTree(std::uint64_t nRecords) REQUIRES(m_Lock);
+  ResultCode PutBack(std::uint64_t nObjectId, const tODB_ID_ENTRY& Entry, bool* pbAdded) REQUIRES(m_Lock);
+  ResultCode InsertMissingHash(std::uint64_t nObjectId, const tODB_ID_ENTRY& Entry) REQUIRES(m_Lock);
+  ResultCode FinishRefill() REQUIRES(m_Lock);
+  ResultCode ContinueRefill() REQUIRES(m_Lock);
+  ResultCode RefillRest() REQUIRES(m_Lock);
+  ResultCode BeginRefill() REQUIRES(m_Lock);
+  ResultCode EndRefill() REQUIRES(m_Lock);
+  ResultCode RefillRecord(std::uint64_t nIndex) REQUIRES(m_Lock);
+  ResultCode RefillHash(std::uint64_t nHash, std::uint32_t nShortId) REQUIRES(m_Lock);
 
-  bool ValidDataCrc(std::uint64_t nSeed, const void* pBytes, std::size_t nSize, const void* pStoredCrc) const {
+  bool ValidDataCrc(std::uint64_t nSeed, const void* pBytes, std::size_t nSize, const void* pStoredCrc) const
+      REQUIRES(m_Lock) {
     return m_Crc.Valid(nSeed, pBytes, nSize, pStoredCrc);
   }
 
   // The code of a read of the data file whose missing bytes begin at an offset: past the known size it is
   // damage.
-  ResultCode DataReadErrorCode(std::uint64_t nMissingFrom) {
+  ResultCode DataReadErrorCode(std::uint64_t nMissingFrom) REQUIRES(m_Lock) {
     return KnowsDataSize() && nMissingFrom >= m_nSizeDT ? errDATA_CORRUPTED : errREAD_FAILED;
   }
 
   const std::uint32_t m_nConfigFlags;  // the feature set of files created now
   const bool m_bConfigNodeCrcs;        // the same for the tree
   os::CriticalSection m_Lock;
-  std::uint32_t m_nNumber = 0;
-  std::uint32_t m_nDataFlags = 0;  // the feature set of the open data file
-  DataCrc m_Crc;
-  std::unique_ptr<StorageFile> m_pFileBT;
-  std::unique_ptr<StorageFile> m_pFileData;
-  HashTree m_Tree;
-  PlainDB m_IdDB;
-  std::uint64_t m_nSizeID = 0;  // sizes of the id and data files; the tree keeps its own
-  std::uint64_t m_nSizeDT = 0;
-  bool m_bSizeKnownDT = false;
-  TreeRefill m_Refill;
-  ObjectCache m_Cache;
+  std::uint32_t m_nNumber GUARDED_BY(m_Lock) = 0;
+  std::uint32_t m_nDataFlags GUARDED_BY(m_Lock) = 0;  // the feature set of the open data file
+  DataCrc m_Crc GUARDED_BY(m_Lock);
+  std::unique_ptr<StorageFile> m_pFileBT GUARDED_BY(m_Lock);
+  std::unique_ptr<StorageFile> m_pFileData GUARDED_BY(m_Lock);
+  HashTree m_Tree GUARDED_BY(m_Lock);
+  PlainDB m_IdDB GUARDED_BY(m_Lock);
+  std::uint64_t m_nSizeID GUARDED_BY(m_Lock) = 0;  // sizes of the id and data files; the tree keeps its own
+  std::uint64_t m_nSizeDT GUARDED_BY(m_Lock) = 0;
+  bool m_bSizeKnownDT GUARDED_BY(m_Lock) = false;
+  TreeRefill m_Refill GUARDED_BY(m_Lock);
+  ObjectCache m_Cache GUARDED_BY(m_Lock);
 };
+
+template <class Predicate>
+ResultCode ObjectDB::DescribeAndReadName(tObjectId nObjectId, ObjectDescription* pObject, std::span<std::uint8_t> Room,
+                                         Predicate Wants, std::optional<ResultCode>* pName) {
+  const os::Hold Hold(m_Lock);
+  tODB_ID_ENTRY Entry{};
+  const ResultCode nCode = ReadEntry(nObjectId, &Entry);
+  if (Failed(nCode)) return nCode;
+  *pObject = DescriptionOf(Entry);
+  if (Wants(*pObject) && Entry.nNameSize <= Room.size()) *pName = ReadNameOf(Entry, Room.first(Entry.nNameSize));
+  return errOK;
+}
 
 }  // namespace lumbra

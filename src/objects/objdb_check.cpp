@@ -5,7 +5,6 @@
 // meets a run of objects that the tree finds. Both create nothing and change no record: the repair adds slots
 // and nodes alone. So does the refill, which fills a tree that was lost from all the records that are sound.
 #include <algorithm>
-#include <mutex>
 
 #include "objects/failed_check.h"
 #include "objects/objdb.h"
@@ -24,7 +23,7 @@ constexpr std::uint32_t kFoundRunEndsRepair = 6;
 
 ResultCode ObjectDB::FastConsistencyCheck() {
   // The shared store is checked while other instances may use it.
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
   if (!HasCrcs()) return errOK;
   const ResultCode nRefilled = FinishRefill();
   if (Failed(nRefilled)) return nRefilled;  // what half a tree does not find is no damage
@@ -52,7 +51,7 @@ ResultCode ObjectDB::CheckNewestObject(std::uint64_t nObjectId, bool* pbHashMiss
   if (Failed(nCode)) return nCode;
   if (IsInTree(Entry)) {
     tObjectId Found = 0;
-    const ResultCode nFound = FindObject(Entry.nObjectHash, &Found);
+    const ResultCode nFound = Find(Entry.nObjectHash, &Found);
     if (nFound == errOBJECT_NOT_FOUND) {
       Trace(kHostRoot, traceDamage, "lmb\tObject %lu - hash not found in BT", static_cast<std::uint32_t>(nObjectId));
       *pbHashMissing = true;
@@ -169,7 +168,7 @@ ResultCode ObjectDB::RepairTree(std::uint64_t nRecords) {
 // Adds an object to the tree, unless that finds it, or a newer one of the same hash.
 ResultCode ObjectDB::PutBack(std::uint64_t nObjectId, const tODB_ID_ENTRY& Entry, bool* pbAdded) {
   tObjectId Found = 0;
-  const ResultCode nFound = FindObject(Entry.nObjectHash, &Found);
+  const ResultCode nFound = Find(Entry.nObjectHash, &Found);
   if (Succeeded(nFound)) return errOK;
   if (nFound != errOBJECT_NOT_FOUND)
     return FailedCheck("FindObject(objectEntry.nObjectHash, &idFromBt)", errDATA_CORRUPTED);
@@ -211,7 +210,7 @@ ResultCode ObjectDB::InsertMissingHash(std::uint64_t nObjectId, const tODB_ID_EN
 // ---- The refill -------------------------------------------------------------------------------------------
 
 ResultCode ObjectDB::RefillEmptyTree() {
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
   if (HasCrcs() && m_IdDB.GetRecordCount() != 0) m_Refill.nFailure = ContinueRefill();
   return m_Refill.nFailure;
 }

@@ -5,7 +5,6 @@
 // entry array, record. What cannot be read or fails its CRC is left out, not carried over: a bad name makes an object
 // nameless, bad data makes it dataless. Blocks are copied as they are stored; their own CRCs are not looked at.
 #include <cstring>
-#include <mutex>
 
 #include "objects/failed_check.h"
 #include "objects/objdb.h"
@@ -18,7 +17,7 @@ constexpr std::uint32_t kMaxUnprotectedSize = 0xA00000;
 
 }  // namespace
 
-// One pass. An answer that is a failure ends it.
+// One pass, under the live store's lock. An answer that is a failure ends it.
 class ObjectDB::Compaction {
  public:
   Compaction(ObjectDB* pLive, PlainDB* pNewIds, StorageFile* pNewData)
@@ -31,14 +30,14 @@ class ObjectDB::Compaction {
  private:
   enum class Kept { No, Yes };
 
-  ResultCode CopyObject(std::uint64_t nIndex);
-  ResultCode CopyName(std::uint64_t nIndex, tODB_ID_ENTRY* pEntry, Kept* pName);
-  ResultCode CopyData(std::uint64_t nIndex, tODB_ID_ENTRY* pEntry);
-  ResultCode CopyBlocks(std::uint64_t nIndex, DataEntries* pEntries, Kept* pData);
-  ResultCode CopyBlock(std::uint64_t nIndex, tODB_DATA_ENTRY* pEntry, Kept* pBlock);
-  bool ReadEntries(std::uint64_t nIndex, const tODB_ID_ENTRY& Entry, DataEntries* pEntries);
-  bool ReadLive(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize);
-  ResultCode Append(const void* pData, std::uint32_t nSize, std::uint32_t* pnOffset);
+  ResultCode CopyObject(std::uint64_t nIndex) REQUIRES(m_Live.m_Lock);
+  ResultCode CopyName(std::uint64_t nIndex, tODB_ID_ENTRY* pEntry, Kept* pName) REQUIRES(m_Live.m_Lock);
+  ResultCode CopyData(std::uint64_t nIndex, tODB_ID_ENTRY* pEntry) REQUIRES(m_Live.m_Lock);
+  ResultCode CopyBlocks(std::uint64_t nIndex, DataEntries* pEntries, Kept* pData) REQUIRES(m_Live.m_Lock);
+  ResultCode CopyBlock(std::uint64_t nIndex, tODB_DATA_ENTRY* pEntry, Kept* pBlock) REQUIRES(m_Live.m_Lock);
+  bool ReadEntries(std::uint64_t nIndex, const tODB_ID_ENTRY& Entry, DataEntries* pEntries) REQUIRES(m_Live.m_Lock);
+  bool ReadLive(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize) REQUIRES(m_Live.m_Lock);
+  ResultCode Append(const void* pData, std::uint32_t nSize, std::uint32_t* pnOffset) REQUIRES(m_Live.m_Lock);
 
   ObjectDB& m_Live;
   PlainDB& m_NewIds;
@@ -48,25 +47,26 @@ class ObjectDB::Compaction {
 };
 
 ResultCode ObjectDB::Compact(std::unique_ptr<StorageFile>& pNewIds, StorageFile& NewData) {
+  const os::Hold Hold(m_Lock);
   PlainDB NewIds;
   const StorageFile* const pIds = pNewIds.get();
   if (!NewIds.Open(pNewIds, sizeof(tODB_ID_ENTRY), ChecksByteCounts())) return errOPEN_FAILED;
   Compaction Pass(this, &NewIds, &NewData);
   ResultCode nCode = Pass.WriteMagic();
-  if (Failed(nCode)) return nCode;
-  const std::lock_guard Hold(m_Lock);
-  nCode = Pass.CopyObjects();
+  if (Succeeded(nCode)) nCode = Pass.CopyObjects();
   if (Succeeded(nCode)) nCode = Pass.Flush();
   // The record file keeps a failure to itself; a pair that may not be on the disk must not be put in place.
   return Succeeded(nCode) && pIds->Modified() ? errWRITE_FAILED : nCode;
 }
 
 ResultCode ObjectDB::Compaction::WriteMagic() {
+  m_Live.m_Lock.AssertHeld();
   std::uint32_t nOffset = 0;
   return Append(MagicOf(m_Live.m_nDataFlags), sizeof(FILE_MAGIC), &nOffset);
 }
 
 ResultCode ObjectDB::Compaction::CopyObjects() {
+  m_Live.m_Lock.AssertHeld();
   const std::uint64_t nRecords = m_Live.m_IdDB.GetRecordCount();
   for (std::uint64_t nIndex = 0; nIndex < nRecords; ++nIndex) {
     const ResultCode nCode = CopyObject(nIndex);

@@ -1,10 +1,10 @@
 // The object store: data blocks under keys.
 #include <algorithm>
 #include <cstring>
-#include <mutex>
 
 #include "objects/failed_check.h"
 #include "objects/objdb.h"
+#include "platform/invariant.h"
 
 namespace lumbra {
 namespace {
@@ -25,8 +25,7 @@ ResultCode ObjectDB::GetObjectData(tObjectId nObjectId, void* pBuffer, std::uint
                                    std::uint32_t* pnDataSize, std::uint32_t nDataType) {
   if (nObjectId == 0 || (nBufferSize > 0 && pBuffer == nullptr)) return errPARAMETER_INVALID;
   if (nBufferSize == 0 && pnDataSize == nullptr) return errPARAMETER_INVALID;
-  if (StoreNumberOf(nObjectId) != m_nNumber) return errOBJECT_NOT_FOUND;
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
   tODB_ID_ENTRY Entry{};
   ResultCode nCode = GetIdEntry(nObjectId, &Entry, TraceMiss::Yes);
   if (Failed(nCode)) return nCode;
@@ -127,9 +126,8 @@ ResultCode ObjectDB::ReadCheckedBlock(tObjectId nObjectId, const tODB_DATA_ENTRY
 ResultCode ObjectDB::SetObjectData(tObjectId nObjectId, const void* pData, std::uint32_t nSize,
                                    std::uint32_t nDataType) {
   if (nObjectId == 0 || (pData == nullptr) != (nSize == 0)) return errPARAMETER_INVALID;
+  const os::Hold Hold(m_Lock);
   if (nSize >= kSizeLimit - (Has(featureBlockCrc) ? kCrcSize : 0)) return errSIZE_INVALID;
-  if (StoreNumberOf(nObjectId) != m_nNumber) return errOBJECT_NOT_FOUND;
-  const std::lock_guard Hold(m_Lock);
   tODB_ID_ENTRY Entry{};
   ResultCode nCode = GetIdEntry(nObjectId, &Entry, TraceMiss::No);
   if (Failed(nCode)) return nCode;
@@ -250,6 +248,7 @@ ResultCode ObjectDB::OverwriteBlock(const tODB_DATA_ENTRY* pItem, ByteView Block
 // Brings one changed or added entry to the disk.
 ResultCode ObjectDB::StoreDataEntry(tObjectId nObjectId, const tODB_ID_ENTRY& Entry, DataEntries* pEntries,
                                     std::uint32_t nEntry) {
+  LUMBRA_INVARIANT(nEntry < pEntries->nCount && pEntries->nCount <= kMaxDataEntries);
   if (pEntries->nCount != Entry.nDataEntriesCount) {
     return AppendDataEntries(nObjectId, Entry, pEntries);
   }
@@ -277,6 +276,7 @@ ResultCode ObjectDB::StoreDataEntry(tObjectId nObjectId, const tODB_ID_ENTRY& En
 
 // A longer array goes to the end of the file; the record is led to it; then the old array is wiped.
 ResultCode ObjectDB::AppendDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY& Entry, DataEntries* pEntries) {
+  LUMBRA_INVARIANT(pEntries->nCount <= kMaxDataEntries);
   SealDataEntries(nObjectId, pEntries);
   std::uint32_t nOffset = 0;
   ResultCode nCode = AppendData(pEntries->Items, ArraySize(pEntries->nCount), &nOffset);
@@ -313,8 +313,7 @@ ResultCode ObjectDB::ZeroFill(StorageFile* pFile, std::uint64_t nOffset, std::ui
 
 ResultCode ObjectDB::RemoveAllObjectData(tObjectId nObjectId) {
   if (nObjectId == 0) return errPARAMETER_INVALID;
-  if (StoreNumberOf(nObjectId) != m_nNumber) return errOBJECT_NOT_FOUND;
-  const std::lock_guard Hold(m_Lock);
+  const os::Hold Hold(m_Lock);
   tODB_ID_ENTRY Entry{};
   const ResultCode nCode = GetIdEntry(nObjectId, &Entry, TraceMiss::No);
   if (Failed(nCode)) return nCode;

@@ -6,12 +6,17 @@
 // any thread; a FileHandle is used by one thread at a time.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
+
+#include "platform/invariant.h"
+#include "platform/thread_annotations.h"
 
 namespace lumbra::os {
 
@@ -158,20 +163,65 @@ std::uint32_t UpperCase(char16_t* pText, std::uint32_t nUnits);
 
 // ---- Threads ----------------------------------------------------------------------------------------------
 
-// A recursive mutual exclusion, usable with std::lock_guard.
-class CriticalSection {
+// Which thread holds a lock, and how often: known where invariants are checked.
+class LockHolder {
+ public:
+#ifdef LUMBRA_INVARIANTS
+  void Enter() {
+    m_Thread = std::this_thread::get_id();
+    ++m_nDepth;
+  }
+  void Leave() {
+    if (--m_nDepth == 0) m_Thread = std::thread::id();
+  }
+  bool IsCaller() const {
+    return m_Thread == std::this_thread::get_id();
+  }
+
+ private:
+  std::atomic<std::thread::id> m_Thread;
+  std::uint32_t m_nDepth = 0;  // touched by the holder alone
+#else
+  void Enter() {}
+  void Leave() {}
+  static bool IsCaller() {
+    return true;
+  }
+#endif
+};
+
+// A mutual exclusion. A thread may enter it again, and our own code never does, as clang's analysis tells. That is left
+// to the host: its answers to a placeholder, and its text and memory functions, are asked for under locks, and what it
+// does there, down to a call of another operation, is not ours to end in a deadlock.
+class CAPABILITY("lock") CriticalSection {
  public:
   CriticalSection();
   ~CriticalSection();
   CriticalSection(const CriticalSection&) = delete;
   CriticalSection& operator=(const CriticalSection&) = delete;
-  void lock();
-  void unlock();
+  void lock() ACQUIRE();
+  void unlock() RELEASE();
+
+  // Says to the compiler, and checks where invariants are, that the calling thread holds it.
+  void AssertHeld() const ASSERT_CAPABILITY(this) { LUMBRA_INVARIANT(m_Holder.IsCaller()); }
 
  private:
   // Large enough for every platform's own lock, so that a lock costs no allocation. Aligned as those are, and not more:
   // the memory of a host need not bear more than 8 bytes.
   alignas(8) std::byte m_Storage[64];
+  [[no_unique_address]] LockHolder m_Holder;
+};
+
+// Holds a lock until the end of a scope. (The library's own lock_guard tells clang nothing.)
+class SCOPED_CAPABILITY Hold {
+ public:
+  explicit Hold(CriticalSection& Lock) ACQUIRE(Lock) : m_Lock(Lock) { m_Lock.lock(); }
+  ~Hold() RELEASE() { m_Lock.unlock(); }
+  Hold(const Hold&) = delete;
+  Hold& operator=(const Hold&) = delete;
+
+ private:
+  CriticalSection& m_Lock;
 };
 
 // A counting semaphore with count 0 at first and at most 0x7FFFFFFF.
@@ -179,7 +229,7 @@ struct Semaphore;
 SystemError CreateCountingSemaphore(Semaphore** ppSemaphore);
 // Waits until it can take one off the count. Leaves Held, which the caller holds, on its way: on posix with its place
 // in the queue taken, so that nobody who enters Held later is served before it. When it fails nothing was taken.
-SystemError WaitForSemaphore(Semaphore* pSemaphore, CriticalSection& Held);
+SystemError WaitForSemaphore(Semaphore* pSemaphore, CriticalSection& Held) RELEASE(Held);
 void ReleaseSemaphoreBy(Semaphore* pSemaphore, std::uint32_t nCount);
 void CloseSemaphore(Semaphore* pSemaphore);
 

@@ -1,6 +1,5 @@
 #include "platform/rw_lock.h"
 
-#include <mutex>
 #include <utility>
 
 #include "platform/exception.h"
@@ -42,12 +41,21 @@ void ReaderWriterLock::LockExclusive() {
 }
 
 void ReaderWriterLock::Unlock() {
-  const std::lock_guard Guard(m_Guard);
+  Leave();
+}
+
+void ReaderWriterLock::Leave() {
+  const os::Hold Guard(m_Guard);
   m_nState += m_nState > 0 ? -1 : 1;
   Admit();
 }
 
-// Called with the guard held, which it leaves. Whoever admits the caller has counted it into the state, and out of
+bool ReaderWriterLock::IsHeld() {
+  const os::Hold Guard(m_Guard);
+  return m_nState != 0;
+}
+
+// Leaves the guard on its way. Whoever admits the caller has counted it into the state, and out of
 // those who wait.
 void ReaderWriterLock::Wait(os::Semaphore* pSemaphore, std::int32_t* pnWaiting) {
   ++*pnWaiting;
@@ -63,13 +71,13 @@ void ReaderWriterLock::Wait(os::Semaphore* pSemaphore, std::int32_t* pnWaiting) 
     // All who waited have been admitted, so one release is left for this thread.
     nError = os::WaitForSemaphore(pSemaphore, m_Guard);
     if (nError == os::kSuccess) return;
-    Unlock();
+    Leave();
   }
   ULO_CHECK_RESULT(nError == os::kWaitAbandoned ? errWAIT_ABANDONED : ResultFromSystemError(nError));
 }
 
-// Lets in who may come now. Called with the guard held, and wakes them before it is left: so whoever finds itself
-// admitted finds the semaphore released.
+// Lets in who may come now, and wakes them before the guard is left: so whoever finds itself admitted finds the
+// semaphore released.
 void ReaderWriterLock::Admit() {
   if (m_nState == 0 && m_nWaitingWriters > 0) {
     --m_nWaitingWriters;

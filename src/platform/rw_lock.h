@@ -12,7 +12,7 @@
 
 namespace lumbra {
 
-class ReaderWriterLock {
+class CAPABILITY("reader/writer lock") ReaderWriterLock {
  public:
   ReaderWriterLock() = default;
   ~ReaderWriterLock() { Destroy(); }  // the lock must be free
@@ -24,28 +24,34 @@ class ReaderWriterLock {
   void Destroy();
 
   // Raise ulo::CheckResultFailedException when waiting fails. The lock is then as if they had not been called.
-  void LockShared();
-  void LockExclusive();
+  void LockShared() ACQUIRE_SHARED();
+  void LockExclusive() ACQUIRE();
 
   // Ends a shared and an exclusive hold alike.
-  void Unlock();
+  void Unlock() RELEASE_GENERIC();
+
+  // Says to the compiler that the caller holds it in one way or the other; where invariants are checked, that somebody
+  // does.
+  void AssertShared() ASSERT_SHARED_CAPABILITY(this) { LUMBRA_INVARIANT(IsHeld()); }
 
  private:
-  void Wait(os::Semaphore* pSemaphore, std::int32_t* pnWaiting);
-  void Admit();
+  bool IsHeld() EXCLUDES(m_Guard);
+  void Leave() EXCLUDES(m_Guard);
+  void Wait(os::Semaphore* pSemaphore, std::int32_t* pnWaiting) RELEASE(m_Guard);
+  void Admit() REQUIRES(m_Guard);
 
   os::CriticalSection m_Guard;  // held for a few instructions, never across a wait
   os::Semaphore* m_pReaders = nullptr;
   os::Semaphore* m_pWriters = nullptr;
-  std::int32_t m_nWaitingReaders = 0;
-  std::int32_t m_nWaitingWriters = 0;
-  std::int32_t m_nState = 0;  // 0 free, n > 0 held by n readers, -1 held by a writer
+  std::int32_t m_nWaitingReaders GUARDED_BY(m_Guard) = 0;
+  std::int32_t m_nWaitingWriters GUARDED_BY(m_Guard) = 0;
+  std::int32_t m_nState GUARDED_BY(m_Guard) = 0;  // 0 free, n > 0 held by n readers, -1 held by a writer
 };
 
-class SharedHold {
+class SCOPED_CAPABILITY SharedHold {
  public:
-  explicit SharedHold(ReaderWriterLock& Lock) : m_Lock(Lock) { m_Lock.LockShared(); }
-  ~SharedHold() { m_Lock.Unlock(); }
+  explicit SharedHold(ReaderWriterLock& Lock) ACQUIRE_SHARED(Lock) : m_Lock(Lock) { m_Lock.LockShared(); }
+  ~SharedHold() RELEASE() { m_Lock.Unlock(); }
   SharedHold(const SharedHold&) = delete;
   SharedHold& operator=(const SharedHold&) = delete;
 
@@ -53,10 +59,10 @@ class SharedHold {
   ReaderWriterLock& m_Lock;
 };
 
-class ExclusiveHold {
+class SCOPED_CAPABILITY ExclusiveHold {
  public:
-  explicit ExclusiveHold(ReaderWriterLock& Lock) : m_Lock(Lock) { m_Lock.LockExclusive(); }
-  ~ExclusiveHold() { m_Lock.Unlock(); }
+  explicit ExclusiveHold(ReaderWriterLock& Lock) ACQUIRE(Lock) : m_Lock(Lock) { m_Lock.LockExclusive(); }
+  ~ExclusiveHold() RELEASE() { m_Lock.Unlock(); }
   ExclusiveHold(const ExclusiveHold&) = delete;
   ExclusiveHold& operator=(const ExclusiveHold&) = delete;
 

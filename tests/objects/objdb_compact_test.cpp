@@ -112,10 +112,10 @@ TEST_F(ObjectDbCompactTest, LeavesDamageOut) {
     EXPECT_EQ(Left == kBadBlock ? 1u : 0u, TakeTrace(400).size());
     EXPECT_EQ((Lines{"one", Left[0], "three", Left[1]}),
               (Lines{NameOf(Find(0x0101)), NameOf(Id(2)), NameOf(Find(0x0301)), DataOf(Id(2), 1)}));
-    std::uint64_t nParent = 0;
-    EXPECT_CODE(errOK, m_pDb->GetObjectName(Id(2), nullptr, 0, nullptr, &nParent, nullptr, nullptr, nullptr));
+    ObjectDescription About{};
+    EXPECT_CODE(errOK, m_pDb->Describe(Id(2), &About));
     EXPECT_EQ((std::tuple{UINT64_C(5), Left == kNameless ? UINT64_MAX : 0x0201, Left == kNameless ? 0 : Id(2)}),
-              (std::tuple{nParent, m_pDb->GetObjectHash(Id(2)), Find(0x0201)}));
+              (std::tuple{About.nParentId, m_pDb->GetObjectHash(Id(2)), Find(0x0201)}));
   }
 }
 
@@ -133,9 +133,9 @@ TEST_F(ObjectDbCompactTest, LeavesTheLiveStoreAlone) {
       {SystemCall::Sync, os::kIoDevice, {errWRITE_FAILED}}};
   for (const auto& [Failing, nError, Codes] : kFaults) {
     for (std::uint64_t nSkip = 0; nSkip < 70; ++nSkip) {
-      const ResultCode nCode = Compact([&] {
+      const ResultCode nCode = Compact([&, Call = Failing, nFault = nError] {
         ResetSystem();
-        FailCalls(Failing, nError, nSkip);
+        FailCalls(Call, nFault, nSkip);
       });
       const bool bAllWell = CallsOf(Failing) <= nSkip;
       EXPECT_TRUE(bAllWell ? nCode == errOK : std::count(Codes.begin(), Codes.end(), nCode) == 1) << Name(nCode);

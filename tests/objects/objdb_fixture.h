@@ -80,9 +80,10 @@ class ObjectDbTest : public World {
   // The name, or the code of the failure.
   std::string NameOf(tObjectId id) {
     std::string Text(100, '\0');
-    std::uint32_t nSize = 0;
-    const ResultCode nCode = m_pDb->GetObjectName(id, Text.data(), 100, &nSize, nullptr, nullptr, nullptr, nullptr);
-    return nCode == errOK ? Text.substr(0, nSize) : Name(nCode);
+    ObjectDescription About{};
+    ResultCode nCode = m_pDb->Describe(id, &About);
+    if (nCode == errOK) nCode = m_pDb->ReadName(id, {reinterpret_cast<std::uint8_t*>(Text.data()), Text.size()});
+    return nCode == errOK ? Text.substr(0, About.nNameSize) : Name(nCode);
   }
 
   ResultCode SetData(tObjectId id, std::uint32_t nKey, std::string_view Data) {

@@ -45,25 +45,23 @@ TEST_F(ObjectDbTest, RefusesWrongArguments) {
   Start(false, {{1, "a"}});
   tObjectId id = 0;
   std::uint32_t nSize = 0;
+  ObjectDescription About;
   AllAnswer(errPARAMETER_INVALID,
             {{"finding hash 0", m_pDb->FindObject(0, &id)},
              {"no room for an id", m_pDb->FindObject(1, nullptr)},
              {"a hash without a name", CodeOf(Create(1, {}))},
              {"a name without a hash", CodeOf(Create(0, "x"))},
-             {"name, size without buffer",
-              m_pDb->GetObjectName(Id(1), nullptr, 1, &nSize, nullptr, nullptr, nullptr, nullptr)},
+             {"name, size without buffer", m_pDb->ReadName(Id(1), {static_cast<std::uint8_t*>(nullptr), 1})},
              {"data, nothing asked for", m_pDb->GetObjectData(Id(1), nullptr, 0, nullptr, 1)},
              {"data, size without buffer", m_pDb->GetObjectData(Id(1), nullptr, 4, &nSize, 1)},
              {"data of no bytes", m_pDb->SetObjectData(Id(1), &id, 0, 1)}});
   AllAnswer(errSIZE_INVALID, {{"a name of 64 KiB", CodeOf(Create(77, std::string(65536, 'x')))},
                               {"data of 2 GiB", m_pDb->SetObjectData(Id(1), &id, 0x80000000, 1)}});
   const tObjectId kForeign = MakeObjectId(kNumber + 1, 1);
-  AllAnswer(errOBJECT_NOT_FOUND, {{"name of another store's", m_pDb->GetObjectName(kForeign, nullptr, 0, &nSize,
-                                                                                   nullptr, nullptr, nullptr, nullptr)},
+  AllAnswer(errOBJECT_NOT_FOUND, {{"name of another store's", m_pDb->Describe(kForeign, &About)},
                                   {"data of another store's", m_pDb->GetObjectData(kForeign, nullptr, 0, &nSize, 1)},
                                   {"removing another store's", m_pDb->RemoveAllObjectData(kForeign)}});
-  AllAnswer(errNOT_FOUND, {{"a name behind the last",
-                            m_pDb->GetObjectName(Id(2), nullptr, 0, &nSize, nullptr, nullptr, nullptr, nullptr)},
+  AllAnswer(errNOT_FOUND, {{"a name behind the last", m_pDb->Describe(Id(2), &About)},
                            {"data of a key that is not there", m_pDb->GetObjectData(Id(1), nullptr, 0, &nSize, 1)}});
 }
 

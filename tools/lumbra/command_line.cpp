@@ -79,16 +79,11 @@ void AddDatabase(CLI::App* pCommand, DatabaseName* pDatabase) {
 }
 
 void AddLimits(CLI::App* pCommand, LimitOptions* pLimits) {
-  const auto Add = [pCommand](const char* pName, std::optional<std::uint64_t>* pLimit, const char* pDescription) {
-    AddParsed(pCommand, pName, pLimit, pDescription, CountOrReason)->type_name("N")->group("Limits");
-  };
-  Add("--segment-events", &pLimits->SegmentEvents, "Start a new segment at so many events");
-  Add("--segment-size", &pLimits->SegmentSize, "... at so many bytes");
-  Add("--segment-age", &pLimits->SegmentAge, "... when the newest is so many seconds old");
-  Add("--max-events", &pLimits->MaxEvents, "Drop the oldest segments above so many events");
-  Add("--max-size", &pLimits->MaxSize, "... above so many bytes");
-  Add("--max-age", &pLimits->MaxAge, "... when they are older than so many seconds");
-  Add("--global-size", &pLimits->GlobalSize, "Keep all databases together below so many bytes");
+  for (std::size_t i = 0; i < std::size(kLimits); ++i) {
+    AddParsed(pCommand, std::string("--") + kLimits[i].pName, &pLimits->Values[i], kLimits[i].pMeaning, CountOrReason)
+        ->type_name("N")
+        ->group("Limits");
+  }
 }
 
 void AddCommon(CLI::App* pApp, CommonOptions* pCommon) {

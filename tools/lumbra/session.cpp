@@ -132,16 +132,11 @@ void Session::OpenDatabaseOf(std::uint64_t nObject) {
 }
 
 void Session::SetLimits(std::uint32_t nDatabase, const LimitOptions& Limits) {
-  const auto Set = [this](std::uint32_t nOne, std::uint32_t nKind, const std::optional<std::uint64_t>& Value) {
-    if (Value) Check(Call(&LumbraOperations::SetDBParams, nOne, nKind, *Value), "set a limit");
-  };
-  Set(nDatabase, limitSegmentEvents, Limits.SegmentEvents);
-  Set(nDatabase, limitSegmentSize, Limits.SegmentSize);
-  Set(nDatabase, limitSegmentAge, Limits.SegmentAge);
-  Set(nDatabase, limitDatabaseEvents, Limits.MaxEvents);
-  Set(nDatabase, limitDatabaseSize, Limits.MaxSize);
-  Set(nDatabase, limitDatabaseAge, Limits.MaxAge);
-  Set(kAllDatabases, limitGlobalSize, Limits.GlobalSize);
+  for (std::size_t i = 0; i < std::size(kLimits); ++i) {
+    if (!Limits.Values[i]) continue;
+    const std::uint32_t nOne = kLimits[i].nKind == limitGlobalSize ? kAllDatabases : nDatabase;
+    Check(Call(&LumbraOperations::SetDBParams, nOne, kLimits[i].nKind, *Limits.Values[i]), "set a limit");
+  }
 }
 
 ResultCode Session::FindObject(std::uint32_t nDatabase, std::uint32_t nType, const std::string& Name, bool bCreate,

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <iterator>
 #include <optional>
 #include <set>
 #include <string>
@@ -23,15 +24,9 @@ struct CommonOptions {
   std::uint32_t nTraceLevel = 0;
 };
 
-// The limits of scan and record, in the units of the interface; those that are not given are left alone.
+// The limits of scan and record, in the order of kLimits; those that are not given are left alone.
 struct LimitOptions {
-  std::optional<std::uint64_t> SegmentEvents;
-  std::optional<std::uint64_t> SegmentSize;
-  std::optional<std::uint64_t> SegmentAge;
-  std::optional<std::uint64_t> MaxEvents;
-  std::optional<std::uint64_t> MaxSize;
-  std::optional<std::uint64_t> MaxAge;
-  std::optional<std::uint64_t> GlobalSize;
+  std::optional<std::uint64_t> Values[std::size(kLimits)];
 };
 
 // The tool's own event.

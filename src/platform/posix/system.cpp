@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <mutex>
 #include <new>
 #include <utility>
 
@@ -45,8 +44,10 @@ CriticalSection::~CriticalSection() {
 }
 void CriticalSection::lock() {
   pthread_mutex_lock(MutexIn(m_Storage));
+  m_Holder.Enter();
 }
 void CriticalSection::unlock() {
+  m_Holder.Leave();
   pthread_mutex_unlock(MutexIn(m_Storage));
 }
 
@@ -61,7 +62,7 @@ struct Semaphore {
 
   // Takes one off the count, or a place at the queue's end, which then answers false.
   bool TakeOrQueue(Place* pPlace) {
-    const std::lock_guard Hold(Guard);
+    const os::Hold Inside(Guard);
     if (nCount > 0) {
       --nCount;
       return true;
@@ -73,7 +74,7 @@ struct Semaphore {
 
   // Gives up a place; whether it was served before.
   bool Leave(Place* pPlace) {
-    const std::lock_guard Hold(Guard);  // who served it has let go of it
+    const os::Hold Inside(Guard);  // who served it has let go of it
     sem_destroy(&pPlace->Wake);
     if (!pPlace->bServed) *LinkTo(pPlace) = pPlace->pNext;
     return pPlace->bServed;
@@ -81,7 +82,7 @@ struct Semaphore {
 
   // Serves those who wait, in the order in which they came, and keeps what is left.
   void Release(std::uint32_t nReleased) {
-    const std::lock_guard Hold(Guard);
+    const os::Hold Inside(Guard);
     for (; nReleased > 0 && pFirst != nullptr; --nReleased) {
       Place* const pServed = std::exchange(pFirst, pFirst->pNext);
       pServed->bServed = true;
@@ -91,15 +92,15 @@ struct Semaphore {
   }
 
  private:
-  Place** LinkTo(const Place* pPlace) {
+  Place** LinkTo(const Place* pPlace) REQUIRES(Guard) {
     Place** ppLink = &pFirst;
     while (*ppLink != pPlace) ppLink = &(*ppLink)->pNext;
     return ppLink;
   }
 
   CriticalSection Guard;
-  std::uint32_t nCount = 0;
-  Place* pFirst = nullptr;
+  std::uint32_t nCount GUARDED_BY(Guard) = 0;
+  Place* pFirst GUARDED_BY(Guard) = nullptr;
 };
 
 SystemError CreateCountingSemaphore(Semaphore** ppSemaphore) {

@@ -36,8 +36,10 @@ CriticalSection::~CriticalSection() {
 }
 void CriticalSection::lock() {
   EnterCriticalSection(SectionIn(m_Storage));
+  m_Holder.Enter();
 }
 void CriticalSection::unlock() {
+  m_Holder.Leave();
   LeaveCriticalSection(SectionIn(m_Storage));
 }
 
