@@ -1,6 +1,7 @@
 // An object store over three files of the test's folder.
 #pragma once
 
+#include <algorithm>
 #include <cstring>
 #include <stdexcept>
 
@@ -11,71 +12,79 @@
 namespace lumbra::test {
 
 using Lines = std::vector<std::string>;
+using Hashes = std::vector<std::uint64_t>;
 
-// Codes by their names, to compare some at a time.
-inline Lines Names(std::initializer_list<ResultCode> Codes) {
-  Lines Found;
-  for (const ResultCode nCode : Codes) Found.push_back(Name(nCode));
-  return Found;
+// The two configurations: stores with every kind of CRC, and without.
+inline constexpr bool kChecked = true;
+inline constexpr bool kPlain = false;
+
+// For what a test builds on: any other answer ends it. It costs no step anything.
+inline void Must(ResultCode nCode, int nLine = __builtin_LINE()) {
+  if (nCode != errOK) throw std::runtime_error("the set-up in line " + std::to_string(nLine) + ": " + Name(nCode));
+  MarkCalls();
 }
 
 class ObjectDbTest : public World {
  protected:
   static constexpr std::uint32_t kNumber = 7;
+  static tObjectId Id(std::uint32_t nShortId) { return MakeObjectId(kNumber, nShortId); }
+  // So many hashes, spread over the tree.
+  static Hashes Spread(std::uint32_t nCount) {
+    Hashes All;
+    for (std::uint64_t i = 1; i <= nCount; ++i) All.push_back(i * 0x9E3779B97F4A7C15 | 1);
+    return All;
+  }
+  static std::string FailedCheck(const std::string& Check) {
+    return "300 ObjectDB failed check (Failed check: " + Check + "). Err: " + Name(errDATA_CORRUPTED);
+  }
 
-  // Opens the store, again if it is open; what follows needs it, so a failure ends the test.
-  void Open(bool bCheckData, TreeHead Head = TreeHead::Small) {
+  // ---- What a test builds on ----
+
+  // Opens the store, again if it is open.
+  void Open(bool bChecked, TreeHead Head = TreeHead::Small) {
     m_pDb.reset();
-    m_pDb = std::make_unique<ObjectDB>(bCheckData);
+    m_pDb = std::make_unique<ObjectDB>(bChecked);
     ObjectFiles Files{OpenFile(u"bt"), OpenFile(u"id"), OpenFile(u"dt")};
-    m_pDataFile = Files.pData.get();
-    if (Failed(m_pDb->Open(kNumber, Files, Head))) throw std::runtime_error("the store does not open");
+    Must(m_pDb->Open(kNumber, Files, Head));
   }
-
-  // A store of its own, with objects of these hashes and names, and with data under key 1 of the last one.
-  void Start(bool bCheckData, const std::vector<std::pair<std::uint64_t, std::string>>& Objects = {},
-             std::string_view Data = "", const char* pMagic = "") {
+  // A store of its own, with objects of these hashes, "name1" and so on, and data under key 1 of the last one.
+  void Start(bool bChecked, const Hashes& Objects = {}, std::string_view Data = "", const char* pMagic = "") {
     m_pDb.reset();
+    ResetSystem();
     for (const auto& [pFile, pHex] : {std::pair{"bt", ""}, {"id", ""}, {"dt", pMagic}}) WriteFile(pFile, FromHex(pHex));
-    Open(bCheckData);
-    std::uint32_t nShortId = 0;
-    for (const auto& [nHash, ObjectName] : Objects) ASSERT_EQ(Id(++nShortId), Create(nHash, ObjectName));
-    ASSERT_CODE(errOK, Data.empty() ? errOK : SetData(Id(nShortId), 1, Data));
+    Open(bChecked);
+    for (std::size_t i = 0; i < Objects.size(); ++i) Must(TryCreate(Objects[i], "name" + std::to_string(i + 1)));
+    if (!Data.empty()) Must(SetData(m_Found, Data));
   }
-
   // The same store again, with another content of a file.
   void Replace(const char* pFile, const Bytes& Content) {
     m_pDb.reset();
     WriteFile(pFile, Content);
     TakeTrace();
-    Open(true);
+    Open(kChecked);
   }
-
-  // The same with other bytes from an offset on; without any, the file ends there.
-  void Damage(const char* pFile, std::size_t nOffset, const char* pHex) {
+  // With other bytes from an offset on; without any, the file ends there.
+  void Damage(const char* pFile, std::size_t nOffset, const std::string& Hex) {
     Bytes Content = ReadFile(pFile);
-    const Bytes Others = FromHex(pHex);
+    const Bytes Others = FromHex(Hex);
     if (Others.empty()) Content.resize(nOffset);
     std::copy(Others.begin(), Others.end(), Content.begin() + static_cast<std::ptrdiff_t>(nOffset));
     Replace(pFile, Content);
   }
 
-  static tObjectId Id(std::uint32_t nShortId) { return MakeObjectId(kNumber, nShortId); }
-  static std::uint64_t HashOf(std::uint32_t nShortId) { return nShortId * 0x9E3779B97F4A7C15 | 1; }
+  // ---- Calls ----
 
-  // The object of a hash, created with a name where it is not there; 0 on failure.
-  tObjectId Create(std::uint64_t nHash, std::string_view Name, bool bForce = false) {
-    tObjectId id = 0;
+  // Each leaves the object in m_Found.
+  ResultCode TryFind(std::uint64_t nHash) { return m_pDb->FindObject(nHash, &m_Found); }
+  ResultCode TryCreate(std::uint64_t nHash, std::string_view Name = "new", bool bForce = false) {
     const auto nSize = static_cast<std::uint32_t>(Name.size());
-    m_nLast = m_pDb->FindOrCreateObject(nHash, 5, 1, 9, Name.data(), nSize, bForce, &id, &m_bExisted);
-    return id;
+    return m_pDb->FindOrCreateObject(nHash, 5, 1, 9, Name.data(), nSize, bForce, &m_Found, nullptr);
   }
-  tObjectId Find(std::uint64_t nHash) {
-    tObjectId id = 0;
-    m_nLast = m_pDb->FindObject(nHash, &id);
-    return id;
+  // The object, or 0.
+  tObjectId Find(std::uint64_t nHash) { return Failed(TryFind(nHash)) ? 0 : m_Found; }
+  tObjectId Create(std::uint64_t nHash, bool bForce = false) {
+    return Failed(TryCreate(nHash, "new", bForce)) ? 0 : m_Found;
   }
-  ResultCode CodeOf(tObjectId) const { return m_nLast; }  // what the call that gave the object answered
 
   // The name, or the code of the failure.
   std::string NameOf(tObjectId id) {
@@ -85,36 +94,33 @@ class ObjectDbTest : public World {
     if (nCode == errOK) nCode = m_pDb->ReadName(id, {reinterpret_cast<std::uint8_t*>(Text.data()), Text.size()});
     return nCode == errOK ? Text.substr(0, About.nNameSize) : Name(nCode);
   }
-
-  ResultCode SetData(tObjectId id, std::uint32_t nKey, std::string_view Data) {
+  ResultCode SetData(tObjectId id, std::string_view Data, std::uint32_t nKey = 1) {
     const void* const pData = Data.empty() ? nullptr : Data.data();
     return m_pDb->SetObjectData(id, pData, static_cast<std::uint32_t>(Data.size()), nKey);
   }
-
   // The data, or the code of the failure.
-  std::string DataOf(tObjectId id, std::uint32_t nKey) {
-    std::string Data(200000, '\0');
+  std::string DataOf(tObjectId id, std::uint32_t nKey = 1) {
+    std::string Data(200, '\0');
     std::uint32_t nSize = 0;
-    const ResultCode nCode = m_pDb->GetObjectData(id, Data.data(), 200000, &nSize, nKey);
+    const ResultCode nCode = m_pDb->GetObjectData(id, Data.data(), 200, &nSize, nKey);
     return nCode == errOK ? Data.substr(0, nSize) : Name(nCode);
   }
 
-  // The last line that was traced, or nothing.
-  std::string LastLine() {
-    const Lines Traced = TakeTrace(400);
-    return Traced.empty() ? "" : Traced.back();
-  }
+  // ---- What must hold ----
 
-  std::uint64_t FileSizes() const { return FileSize("bt") + FileSize("id") + FileSize("dt"); }
-
-  static std::string FailedCheck(const std::string& Check) {
-    return "300 ObjectDB failed check (Failed check: " + Check + "). Err: " + Name(errDATA_CORRUPTED);
+  // Each of these hashes leads to the object that has its place in the list.
+  void ExpectAll(const Hashes& Objects) {
+    std::string Others;
+    for (std::uint32_t i = 1; i <= Objects.size(); ++i) {
+      if (Find(Objects[i - 1]) != Id(i)) Others += std::to_string(i) + ' ';
+    }
+    EXPECT_EQ("", Others) << "not found, of " << Objects.size();
   }
+  // What the store says of its size is true.
+  void ExpectItsSize() { EXPECT_EQ(FileSize("bt") + FileSize("id") + FileSize("dt"), m_pDb->GetSize()); }
 
   std::unique_ptr<ObjectDB> m_pDb;
-  StorageFile* m_pDataFile = nullptr;  // of the open store
-  ResultCode m_nLast = errOK;
-  bool m_bExisted = false;
+  tObjectId m_Found = 0;
 };
 
 }  // namespace lumbra::test

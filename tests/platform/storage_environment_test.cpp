@@ -1,19 +1,21 @@
 // One database folder: names, opening, deleting, sizes and dates.
 #include "platform/storage_environment.h"
 
-#include "support/system_calls.h"
-#include "support/world.h"
+#include "support/steps.h"
 
 namespace lumbra::test {
 namespace {
 
 class EnvironmentTest : public World {
  protected:
-  ResultCode Open(const char16_t* pName, std::uint32_t nId, bool bCreate = true, bool bWritable = true) {
-    return m_Environment.OpenFile(pName, nId, bCreate, bWritable, &m_pFile);
+  ResultCode Open(const char16_t* pName, std::uint32_t nId, bool bCreate = true) {
+    return m_Environment.OpenFile(pName, nId, bCreate, true, &m_pFile);
   }
   bool Init(const char* pFolder, FolderContent Content = FolderContent::Keep) {
     return m_Fresh.Init(this, Path(pFolder).c_str(), Content, false);
+  }
+  ResultCode GetSize(const char16_t* pName, std::uint32_t nId) {
+    return m_Environment.GetFileSize(pName, nId, &m_nValue);
   }
   bool Exists(const char* pName) const { return fs::exists(Folder() / pName); }
 
@@ -27,31 +29,27 @@ TEST_F(EnvironmentTest, OpensFilesByNameAndNumber) {
   EXPECT_CODE(errOK, Open(u"events.dat", 0x2A));
   EXPECT_TRUE(Exists("0000002A_events.dat"));
   EXPECT_FALSE(m_pFile->Modified());
-  const auto pHeld = std::move(m_pFile);
   EXPECT_CODE(errSHARING_VIOLATION, Open(u"events.dat", 0x2A, false));
-  EXPECT_CODE(errSHARING_VIOLATION, Open(u"events.dat", 0x2A, false, false));
   EXPECT_CODE(errOK, Open(u"events.dat", 0));
   EXPECT_TRUE(Exists("events.dat"));
-  EXPECT_CODE(errPARAMETER_INVALID, Open(nullptr, 0));
-  EXPECT_CODE(errPARAMETER_INVALID, m_Environment.OpenFile(u"a", 0, true, true, nullptr));
+}
 
-  EXPECT_CODE(errSTORE_NOT_INITIALIZED, m_Fresh.OpenFile(u"a", 0, true, true, &m_pFile));
-  EXPECT_CODE(errSTORE_NOT_INITIALIZED, m_Fresh.GetFileSize(u"a", 0, &m_nValue));
-  EXPECT_CODE(errSTORE_NOT_INITIALIZED, m_Fresh.GetFileCreationTime(u"a", 0, &m_nValue));
+TEST_F(EnvironmentTest, NeedsAFolder) {
+  AllAnswer(errSTORE_NOT_INITIALIZED, {{"open", m_Fresh.OpenFile(u"a", 0, true, true, &m_pFile)},
+                                       {"size", m_Fresh.GetFileSize(u"a", 0, &m_nValue)},
+                                       {"time", m_Fresh.GetFileCreationTime(u"a", 0, &m_nValue)}});
+  EXPECT_FALSE(m_Fresh.Init(this, u"", FolderContent::Keep, false));
+  EXPECT_FALSE(m_Fresh.Init(this, nullptr, FolderContent::Keep, false));
 }
 
 TEST_F(EnvironmentTest, CreatesFoldersWithTheirParents) {
-  EXPECT_TRUE(Init("a/b\\c/") && Exists("a/b/c"));
-  EXPECT_TRUE(Init("n//./x/../y/.") && Exists("n/y"));
+  EXPECT_TRUE(Init("a/b\\c/"));
+  EXPECT_TRUE(Exists("a/b/c"));
+  EXPECT_TRUE(Init("n//./x/../y/."));
+  EXPECT_TRUE(Exists("n/y"));
   WriteFile("file", {});
-  for (const char* const pFolder : {"file", "file/x"}) EXPECT_FALSE(Init(pFolder)) << pFolder;
-  EXPECT_FALSE(m_Fresh.Init(this, u"", FolderContent::Keep, false));
-  EXPECT_FALSE(m_Fresh.Init(this, nullptr, FolderContent::Keep, false));
-  EXPECT_FALSE(m_Fresh.Init(nullptr, u"x", FolderContent::Keep, false));
-  WriteFile("a/b/c/old", {1});
-  fs::create_directory(Folder() / "a/b/c/d");
-  EXPECT_TRUE(Init("a/b/c", FolderContent::Wipe));
-  EXPECT_TRUE(!Exists("a/b/c/old") && Exists("a/b/c/d"));
+  EXPECT_FALSE(Init("file"));
+  EXPECT_FALSE(Init("file/x"));
   FailCalls(SystemCall::MakeFolder, os::kDiskFull);
   EXPECT_FALSE(Init("o/m"));
 }
@@ -64,48 +62,49 @@ TEST_F(EnvironmentTest, DeletesTheFilesOfANumber) {
   EXPECT_CODE(errOK, m_Environment.DeleteFiles(u"*.*", 5));
   for (const char* const pName : kOwn) EXPECT_FALSE(Exists(pName)) << pName;
   for (const char* const pName : kOthers) EXPECT_TRUE(Exists(pName)) << pName;
-
-  WriteFile("sub/in", {});
-  EXPECT_CODE(errOK, m_Environment.DeleteFiles(u"*.*", 0));
-  for (const char* const pName : kOthers) EXPECT_FALSE(Exists(pName)) << pName;
-  EXPECT_TRUE(Exists("sub/in"));
 }
 
-TEST_F(EnvironmentTest, SumsFileSizesAndTellsCreationTimesInWholeSeconds) {
-  const auto SizeOf = [this](const char16_t* pName, std::uint32_t nId) {
-    const std::string Code = Name(m_Environment.GetFileSize(pName, nId, &m_nValue));
-    return Code + ' ' + std::to_string(m_nValue);
-  };
-  WriteFile("00000007_a.dat", Bytes(10));
-  WriteFile("00000007_b.dat", Bytes(5));
-  WriteFile("00000007_b.txt", Bytes(100));
-  WriteFile("00000008_a.dat", Bytes(100));
-  EXPECT_EQ(Name(errOK) + " 15", SizeOf(u"*.dat", 7));
-  EXPECT_EQ(Name(errOK) + " 100", SizeOf(u"a.dat", 8));
-  EXPECT_EQ(Name(errNOT_FOUND) + " 0", SizeOf(u"*.dat", 9));
-  TakeTrace();
+TEST_F(EnvironmentTest, WipesAllFilesAndNoFolder) {
+  for (const char* const pName : {"f/00000006_events.dat", "f/segments.dat", "f/sub/in"}) WriteFile(pName, {});
+  EXPECT_TRUE(Init("f", FolderContent::Wipe));
+  EXPECT_FALSE(Exists("f/00000006_events.dat"));
+  EXPECT_FALSE(Exists("f/segments.dat"));
+  EXPECT_TRUE(Exists("f/sub/in"));
+}
 
+TEST_F(EnvironmentTest, SumsFileSizes) {
+  for (const auto& [pName, nSize] : {std::pair{"00000007_a.dat", 10}, {"00000007_b.dat", 5}, {"00000007_b.txt", 99}})
+    WriteFile(pName, Bytes(static_cast<std::size_t>(nSize)));
+  Step("by a pattern", GetSize(u"*.dat", 7)).Is(errOK).Says({}, 500);
+  EXPECT_EQ(15u, m_nValue);
+  EXPECT_CODE(errOK, GetSize(u"b.txt", 7));
+  EXPECT_EQ(99u, m_nValue);
+  EXPECT_CODE(errNOT_FOUND, GetSize(u"*.dat", 9));
+  EXPECT_EQ(0u, m_nValue);
+}
+
+TEST_F(EnvironmentTest, MeasuresFilesOnRequest) {
   m_bExactSizes = true;
-  EXPECT_EQ(Name(errOK) + " 15", SizeOf(u"?.dat", 7));
-  const std::string Where = ": dirname = '" + Folder().string() + "'; filename = '00000007_";
-  EXPECT_EQ((std::vector<std::string>{"500 GetFileSize: dir entry file size" + Where + "a.dat'; size = 10",
-                                      "500 GetFileSize: exact file size" + Where + "a.dat'; size = 10",
-                                      "500 GetFileSize: dir entry file size" + Where + "b.dat'; size = 5",
-                                      "500 GetFileSize: exact file size" + Where + "b.dat'; size = 5"}),
-            TakeTrace());
-  FailCalls(SystemCall::Look, os::kIoDevice, 3);  // both files were looked at, the second is to be measured
-  EXPECT_EQ(Name(errUNEXPECTED) + " 10", SizeOf(u"?.dat", 7));
+  WriteFile("00000007_a.dat", Bytes(10));
+  const std::string Where = ": dirname = '" + Folder().string() + "'; filename = '00000007_a.dat'; size = 10";
+  Step("measure", GetSize(u"?.dat", 7))
+      .Is(errOK)
+      .Says({"500 GetFileSize: dir entry file size" + Where, "500 GetFileSize: exact file size" + Where}, 500);
+  EXPECT_EQ(10u, m_nValue);
+  FailCalls(SystemCall::Look, os::kIoDevice, 1);  // behind the one that finds it
+  EXPECT_CODE(errUNEXPECTED, GetSize(u"?.dat", 7));
+}
 
+TEST_F(EnvironmentTest, TellsTimesInWholeSeconds) {
   constexpr std::uint64_t kSecond = 10000000;
   const std::uint64_t nBefore = StorageEnvironment::GetCurrentTime();
-  EXPECT_GT(nBefore, 132223104000000000u);  // 2020-01-01
   WriteFile("00000001_events.dat", {});
   EXPECT_CODE(errOK, m_Environment.GetFileCreationTime(u"events.dat", 1, &m_nValue));
   EXPECT_EQ(0u, m_nValue % kSecond);
   EXPECT_LE(m_nValue, StorageEnvironment::GetCurrentTime());
   EXPECT_GE(m_nValue + 2 * kSecond, nBefore);
   EXPECT_CODE(errNOT_FOUND, m_Environment.GetFileCreationTime(u"events.dat", 2, &m_nValue));
-  SetClock(1577836800);
+  SetClock(1577836800);  // 2020-01-01
   EXPECT_EQ(132223104000000000u, StorageEnvironment::GetCurrentTime());
 }
 
