@@ -4,7 +4,6 @@
 
 #include <numeric>
 #include <optional>
-#include <stdexcept>
 
 #include "host/standalone_host.h"
 #include "support/steps.h"
@@ -22,12 +21,6 @@ class ComponentTest : public World {
 
   ComponentTest() { Load(); }
   void SetUp() override { OpenFresh(0); }
-
-  // What a test needs before it comes to its promise: where that fails, nothing that follows would mean anything.
-  static void Must(ResultCode nCode, Place Where = {__builtin_FILE(), __builtin_LINE()}) {
-    const std::string Line = std::to_string(Where.nLine);
-    if (Failed(nCode)) throw std::runtime_error(std::string(Where.pFile) + ':' + Line + ": " + Name(nCode));
-  }
 
   // ---- The instance ---
 

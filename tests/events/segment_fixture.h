@@ -1,8 +1,6 @@
 // A segment with one event, of value 100.
 #pragma once
 
-#include <stdexcept>
-
 #include "events/lmb_seg.h"
 #include "support/steps.h"
 
@@ -51,11 +49,6 @@ class SegmentWorld : public World {
     std::uint32_t nSize = 0;
     Must(m_pSegment->GetObjectName(nId, Full.data(), 100000, &nSize, 0, nullptr));
     return Full.substr(0, nSize / 2);
-  }
-
-  // What follows needs it: a failure ends the test.
-  static void Must(ResultCode nCode) {
-    if (Failed(nCode)) throw std::runtime_error(Name(nCode));
   }
 
   std::unique_ptr<ObjectDB> m_pGlobal;  // none, unless a test opens it

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <stdexcept>
 
 #include "objects/objdb.h"
 #include "support/steps.h"
@@ -17,12 +16,6 @@ using Hashes = std::vector<std::uint64_t>;
 // The two configurations: stores with every kind of CRC, and without.
 inline constexpr bool kChecked = true;
 inline constexpr bool kPlain = false;
-
-// For what a test builds on: any other answer ends it. It costs no step anything.
-inline void Must(ResultCode nCode, int nLine = __builtin_LINE()) {
-  if (nCode != errOK) throw std::runtime_error("the set-up in line " + std::to_string(nLine) + ": " + Name(nCode));
-  MarkCalls();
-}
 
 class ObjectDbTest : public World {
  protected:

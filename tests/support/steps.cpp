@@ -1,5 +1,7 @@
 #include "support/steps.h"
 
+#include <stdexcept>
+
 namespace lumbra::test {
 namespace {
 
@@ -62,6 +64,12 @@ void StepBase::CheckFields(const std::vector<Field>& Expected, const Bytes& Data
 void StepBase::CheckCalls(SystemCall Call, std::uint64_t nExpected) const {
   const std::uint64_t nMade = CallsSinceMark(Call);
   if (nMade != nExpected) Fail("expected " + std::to_string(nExpected) + " calls, made " + std::to_string(nMade));
+}
+
+void Must(ResultCode nCode, Place Where) {
+  if (Failed(nCode))
+    throw std::runtime_error(std::string(Where.pFile) + ':' + std::to_string(Where.nLine) + ": " + Name(nCode));
+  MarkCalls();
 }
 
 void AllAnswer(ResultCode nExpected, std::initializer_list<Answer> Given, const char* pFile, int nLine) {

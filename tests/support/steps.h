@@ -98,6 +98,9 @@ class Step : StepBase {
 };
 Step(std::string, const char*)->Step<std::string>;
 
+// What a test builds on: a failure ends it. It counts for no step.
+void Must(ResultCode nCode, Place Where = {__builtin_FILE(), __builtin_LINE()});
+
 // Calls in their order, each with its words, that must all answer one code.
 struct Answer {
   std::string Words;
