@@ -37,8 +37,11 @@ TEST_F(ObjectDbFaultsTest, AnOpeningThatCannotReadChangesNothing) {
         m_pDb.reset();
         if (!Foreign.empty()) Patch(Foreign, 0, {'?'});
         const std::vector<Bytes> kBefore = Files();
-        if (Succeeded(OpenFailing(Failing, nSkip))) break;
-        EXPECT_EQ(kBefore, Files()) << Foreign << nSkip;
+        const ResultCode nCode = OpenFailing(Failing, nSkip);
+        if (FailedCalls(Failing) == 0) break;
+        // Without the data file's size alone it opens all the same.
+        EXPECT_TRUE(Failed(nCode) || (Failing == SystemCall::Size && nSkip > 0)) << Foreign << nSkip;
+        EXPECT_TRUE(Succeeded(nCode) || kBefore == Files()) << Foreign << nSkip;
       }
     }
   }

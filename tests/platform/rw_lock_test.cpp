@@ -83,8 +83,7 @@ TEST_F(LockTest, AWaitThatFailsIsAnExceptionAndLeavesNoTrace) {
   m_Lock.LockShared();  // none of these has to wait, which would fail
   EXPECT_THAT([this] { m_Lock.LockExclusive(); }, Throws);
   m_Lock.LockShared();
-  m_Lock.Unlock();
-  m_Lock.Unlock();
+  for (int i = 0; i < 2; ++i) m_Lock.Unlock();
   m_Lock.LockExclusive();
   m_Lock.Unlock();
 }

@@ -39,7 +39,6 @@ TEST_F(EnvironmentTest, NeedsAFolder) {
                                        {"size", m_Fresh.GetFileSize(u"a", 0, &m_nValue)},
                                        {"time", m_Fresh.GetFileCreationTime(u"a", 0, &m_nValue)}});
   EXPECT_FALSE(m_Fresh.Init(this, u"", FolderContent::Keep, false));
-  EXPECT_FALSE(m_Fresh.Init(this, nullptr, FolderContent::Keep, false));
 }
 
 TEST_F(EnvironmentTest, CreatesFoldersWithTheirParents) {

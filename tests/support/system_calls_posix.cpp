@@ -177,12 +177,6 @@ int __wrap_clock_gettime(clockid_t nClock, struct timespec* pTime) {
 
 }  // extern "C"
 
-std::int64_t SystemClock() {
-  timespec Now{};
-  __real_clock_gettime(CLOCK_REALTIME, &Now);
-  return Now.tv_sec;
-}
-
 const std::uint32_t kNormalIoPriority = (2u << 13) | 4;  // the class of best effort, and its level
 const std::uint32_t kLowestIoPriority = 3u << 13;        // idle
 std::uint32_t GetIoPriority() {

@@ -203,13 +203,6 @@ std::uintptr_t CurrentThread() {
   return GetCurrentThreadId();
 }
 
-std::int64_t SystemClock() {
-  FILETIME Now{};
-  g_pGetSystemTimeAsFileTime(&Now);
-  const std::uint64_t nNow = std::uint64_t{Now.dwHighDateTime} << 32 | Now.dwLowDateTime;
-  return static_cast<std::int64_t>(nNow) / kUnitsPerSecond - kSecondsTo1970;
-}
-
 const std::uint32_t kNormalIoPriority = 2;
 const std::uint32_t kLowestIoPriority = 0;
 std::uint32_t GetIoPriority() {

@@ -21,16 +21,16 @@ using ::testing::StartsWith;
 class ToolTest : public World {
  protected:
   // Runs a program in the test's folder; what it wrote to standard output.
-  std::string RunProgram(const Program::Arguments& What, int nStatus = 0, const std::string& Input = "") {
+  std::string RunProgram(const Arguments& What, int nStatus = 0, const std::string& Input = "") {
     WriteFile("in", Bytes(Input.begin(), Input.end()));
-    EXPECT_EQ(nStatus, Program(Folder(), What).Wait()) << ::testing::PrintToString(What) << '\n' << Errors();
+    EXPECT_EQ(nStatus, RunIn(Folder(), What)) << ::testing::PrintToString(What) << '\n' << Errors();
     return ReadText("out");
   }
   // Runs the tool on the test's store, with words of which those with blanks or nothing in them stand between '. What
   // it may read are lines of JSON, with ' for ".
   std::string Run(const std::string& Words, int nStatus = 0, std::string Input = "{'name':'x'}") {
     std::replace(Input.begin(), Input.end(), '\'', '"');
-    Program::Arguments What = {LUMBRA_TOOL, "--store", "store", "--host", "h"};
+    Arguments What = {LUMBRA_TOOL, "--store", "store", "--host", "h"};
     std::istringstream Line(Words);
     for (std::string Word; Line >> std::quoted(Word, '\'', '\0');) What.push_back(Word);
     return RunProgram(What, nStatus, Input);
