@@ -30,7 +30,9 @@ endforeach()
 
 if(LUMBRA_TESTS)
   add_subdirectory(/usr/src/googletest ${PROJECT_BINARY_DIR}/googletest EXCLUDE_FROM_ALL SYSTEM)
-  foreach(library gtest_main gmock)
+  # In the standard of the tests: only then it prints texts of char8_t.
+  foreach(library gtest gtest_main gmock)
+    target_compile_features(${library} PRIVATE cxx_std_20)
     target_compile_options(${library} PRIVATE -w)
   endforeach()
 endif()

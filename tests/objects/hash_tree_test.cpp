@@ -1,4 +1,6 @@
 // The hash tree: its shape, its node CRCs, and the mending of its file.
+#include <sstream>
+
 #include "objects/objdb_fixture.h"
 
 namespace lumbra::test {
@@ -8,16 +10,17 @@ namespace {
 class HashTreeTest : public ObjectDbTest {
  protected:
   // The slots of a node that are not empty: "DIGIT=OBJECT", or "DIGIT>NODE" for a node below it.
-  std::string Node(std::size_t nOffset, std::size_t nSlots) const {
+  std::string Node(std::uint64_t nPlace, std::size_t nSlots) const {
     const Bytes Content = ReadFile("bt");
-    std::string Text;
+    const auto nOffset = static_cast<std::size_t>(nPlace);
+    std::ostringstream Text;
     for (std::size_t nDigit = 0; nDigit < nSlots; ++nDigit) {
       std::uint32_t nSlot = 0;
       std::memcpy(&nSlot, &Content.at(nOffset + 4 * nDigit), 4);
       const char cLeads = (nSlot & 0x80000000) != 0 ? '>' : '=';
-      if (nSlot != 0) Text += std::to_string(nDigit) + cLeads + std::to_string(nSlot & 0x7FFFFFFF) + ' ';
+      if (nSlot != 0) Text << nDigit << cLeads << (nSlot & 0x7FFFFFFF) << ' ';
     }
-    return Text;
+    return Text.str();
   }
 };
 

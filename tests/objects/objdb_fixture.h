@@ -57,9 +57,10 @@ class ObjectDbTest : public World {
     Open(kChecked);
   }
   // With other bytes from an offset on; without any, the file ends there.
-  void Damage(const char* pFile, std::size_t nOffset, const std::string& Hex) {
+  void Damage(const char* pFile, std::uint64_t nPlace, const std::string& Hex) {
     Bytes Content = ReadFile(pFile);
     const Bytes Others = FromHex(Hex);
+    const auto nOffset = static_cast<std::size_t>(nPlace);
     if (Others.empty()) Content.resize(nOffset);
     std::copy(Others.begin(), Others.end(), Content.begin() + static_cast<std::ptrdiff_t>(nOffset));
     Replace(pFile, Content);

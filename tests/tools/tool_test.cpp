@@ -189,7 +189,7 @@ TEST_F(ToolTest, NamesObjectsOfOtherDatabases) {
   Patch("store/02/segments.dat", 4, {9});  // leads nowhere: to open it would start it anew
   EXPECT_THAT(Run("events --db 1", 1), HasSubstr("(its name cannot be read)"));
   fs::remove_all(Folder() / "store/02");
-  EXPECT_EQ(json({nullptr}), Names("1"));
+  EXPECT_EQ(json::array({nullptr}), Names("1"));
 }
 
 TEST_F(ToolTest, RefusesWrongUsage) {
