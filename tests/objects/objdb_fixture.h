@@ -38,6 +38,7 @@ class ObjectDbTest : public World {
     m_pDb.reset();
     m_pDb = std::make_unique<ObjectDB>(bChecked);
     ObjectFiles Files{OpenFile(u"bt"), OpenFile(u"id"), OpenFile(u"dt")};
+    m_pDataFile = Files.pData.get();
     Must(m_pDb->Open(kNumber, Files, Head));
   }
   // A store of its own, with objects of these hashes, "name1" and so on, and data under key 1 of the last one.
@@ -94,9 +95,9 @@ class ObjectDbTest : public World {
   }
   // The data, or the code of the failure.
   std::string DataOf(tObjectId id, std::uint32_t nKey = 1) {
-    std::string Data(200, '\0');
+    std::string Data(1000, '\0');
     std::uint32_t nSize = 0;
-    const ResultCode nCode = m_pDb->GetObjectData(id, Data.data(), 200, &nSize, nKey);
+    const ResultCode nCode = m_pDb->GetObjectData(id, Data.data(), 1000, &nSize, nKey);
     return nCode == errOK ? Data.substr(0, nSize) : Name(nCode);
   }
 
@@ -114,6 +115,7 @@ class ObjectDbTest : public World {
   void ExpectItsSize() { EXPECT_EQ(FileSize("bt") + FileSize("id") + FileSize("dt"), m_pDb->GetSize()); }
 
   std::unique_ptr<ObjectDB> m_pDb;
+  StorageFile* m_pDataFile = nullptr;  // of the open store
   tObjectId m_Found = 0;
 };
 
