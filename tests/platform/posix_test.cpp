@@ -105,31 +105,29 @@ TEST_F(PosixTest, LiftsTheDescriptorLimitOnce) {
 }
 
 TEST_F(PosixTest, ServesFirstWhoWaitsFirst) {
-  os::Semaphore* pSemaphore = nullptr;
-  ASSERT_EQ(os::kSuccess, os::CreateCountingSemaphore(&pSemaphore));
   os::CriticalSection Guard;
-  std::string Served;
-  const auto WaitAs = [&](char cName) {
-    Guard.lock();
-    EXPECT_EQ(os::kSuccess, os::WaitForSemaphore(pSemaphore, Guard));
-    Served += cName;
-  };
   for (int nRound = 0; nRound < 100; ++nRound) {
+    os::Semaphore* pSemaphore = nullptr;
+    ASSERT_EQ(os::kSuccess, os::CreateCountingSemaphore(&pSemaphore));
+    std::string Served;
+    const auto WaitAs = [&](char cName) {
+      Guard.lock();
+      EXPECT_EQ(os::kSuccess, os::WaitForSemaphore(pSemaphore, Guard));
+      Served += cName;
+      os::ReleaseSemaphoreBy(pSemaphore, 1);
+    };
     std::vector<std::jthread> Waiting;
     for (const char cName : {'a', 'b'}) {
       const std::uint64_t nWaits = CallsOf(SystemCall::Wait);
-      Waiting.emplace_back([&, cName] {
-        WaitAs(cName);
-        os::ReleaseSemaphoreBy(pSemaphore, 1);
-      });
+      Waiting.emplace_back(WaitAs, cName);
       while (CallsOf(SystemCall::Wait) == nWaits) std::this_thread::yield();
     }
     os::ReleaseSemaphoreBy(pSemaphore, 1);  // for the first, which may not have woken up yet
     WaitAs('c');
     Waiting.clear();
-    ASSERT_EQ("abc", std::exchange(Served, ""));
+    os::CloseSemaphore(pSemaphore);
+    ASSERT_EQ("abc", Served);
   }
-  os::CloseSemaphore(pSemaphore);
 }
 
 }  // namespace
