@@ -18,10 +18,11 @@ struct DatabaseSlot {
   std::uint32_t nId = kSystemDatabase;
   StorageEnvironment Environment;
   SegmentManager Manager;
-  std::uint64_t nCounted = 0;  // bytes of it in the size total, whose scope object alone touches this
+  std::uint64_t nCounted = 0;  // bytes of it in the size total, whose scope object alone changes this
+  bool bGone = false;          // the instance has let go of it
 
-  // Whether it counts in the size total: unless it is the system's, or has a size limit of its own.
-  bool Counts() const { return nId != kSystemDatabase && Manager.GetDbMaxSize() == 0; }
+  // Whether it counts in the size total: unless it is the system's, has a size limit of its own, or is gone.
+  bool Counts() const { return nId != kSystemDatabase && !bGone && Manager.GetDbMaxSize() == 0; }
 };
 
 struct NamedDatabase : DatabaseSlot {

@@ -43,13 +43,12 @@ ResultCode Lumbra::InitDB(std::uint32_t nDatabase, std::uint32_t nEventSize) {
   if (nDatabase >= kFirstNamedDatabase) return errPARAMETER_INVALID;
   const SharedHold Hold(m_Lock);
   if (m_nWritesSuspended != 0) return errREAD_ONLY;
-  Database Opened;
-  const ResultCode nCode = m_Databases.Open(nDatabase, nEventSize, &Opened);
-  if (!Opened.IsOpen()) return nCode;
-  const Figures Now(Opened.Manager());
-  Trace(&Handle, traceRoutine, "lmb\tLumbra::InitDB(%X, %d) = %terr, events/size/time: %u/%I64u/%I64u", nDatabase,
-        nEventSize, nCode, Now.nEvents, Now.nSize, Now.nTime);
-  return nCode;
+  return m_Databases.Open(nDatabase, nEventSize, [&](ResultCode nCode, const Database& Opened) {
+    const Figures Now(Opened.Manager());
+    Trace(&Handle, traceRoutine, "lmb\tLumbra::InitDB(%X, %d) = %terr, events/size/time: %u/%I64u/%I64u", nDatabase,
+          nEventSize, nCode, Now.nEvents, Now.nSize, Now.nTime);
+    return nCode;
+  });
 }
 
 ResultCode Lumbra::InitDBByName(const char16_t* pName, std::uint32_t nEventSize, std::uint32_t* pnDatabase) {
@@ -58,18 +57,17 @@ ResultCode Lumbra::InitDBByName(const char16_t* pName, std::uint32_t nEventSize,
   if (std::char_traits<char16_t>::find(pName, kMaxNameLength + 1, u'\0') == nullptr) return errPARAMETER_INVALID;
   const SharedHold Hold(m_Lock);
   if (m_nWritesSuspended != 0) return errREAD_ONLY;
-  Database Opened;
-  const ResultCode nCode = m_Databases.Open(pName, nEventSize, &Opened);
-  if (!Opened.IsOpen()) return nCode;
-  *pnDatabase = Opened.Id();
-  if (nCode == errALREADY_DONE) {
-    Trace(&Handle, traceRoutine, "lmb\tLumbra::InitDBByName method: db already initialized, dbId = %d", Opened.Id());
-    return errOK;
-  }
-  const Figures Now(Opened.Manager());
-  Trace(&Handle, traceRoutine, "lmb\tLumbra::InitDBByName(%u, %X) = %terr, events/size/time: %u/%I64u/%I64u",
-        nEventSize, Opened.Id(), nCode, Now.nEvents, Now.nSize, Now.nTime);
-  return nCode;
+  return m_Databases.Open(pName, nEventSize, [&](ResultCode nCode, const Database& Opened, bool bWasOpen) {
+    *pnDatabase = Opened.Id();
+    if (bWasOpen) {
+      Trace(&Handle, traceRoutine, "lmb\tLumbra::InitDBByName method: db already initialized, dbId = %d", Opened.Id());
+      return errOK;
+    }
+    const Figures Now(Opened.Manager());
+    Trace(&Handle, traceRoutine, "lmb\tLumbra::InitDBByName(%u, %X) = %terr, events/size/time: %u/%I64u/%I64u",
+          nEventSize, Opened.Id(), nCode, Now.nEvents, Now.nSize, Now.nTime);
+    return nCode;
+  });
 }
 
 // ---- Limits -----------------------------------------------------------------------------------------------
@@ -140,9 +138,10 @@ ResultCode Lumbra::ClearDB(std::uint32_t nDatabase) {
 ResultCode Lumbra::ClearOneDB(std::uint32_t nDatabase) {
   const Database Found = m_Databases.Find(nDatabase);
   if (!Found.IsOpen()) return errPARAMETER_INVALID;
-  const ResultCode nCode = m_Databases.Clear(Found);
-  Trace(&Handle, traceRoutine, "lmb\tLumbra::ClearDB(%X) = %terr", nDatabase, nCode);
-  return nCode;
+  return m_Databases.Clear(Found, [&](ResultCode nCode) {
+    Trace(&Handle, traceRoutine, "lmb\tLumbra::ClearDB(%X) = %terr", nDatabase, nCode);
+    return nCode;
+  });
 }
 
 }  // namespace lumbra

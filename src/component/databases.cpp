@@ -67,8 +67,7 @@ ResultCode Databases::OpenSystem(HostText Folder, Database* pOpened) {
   return InitManager(&System, kSystemEventSize);
 }
 
-ResultCode Databases::Open(std::uint32_t nDatabase, std::uint32_t nEventSize, Database* pOpened) {
-  const os::Hold Hold(m_Lock);
+ResultCode Databases::OpenSlot(std::uint32_t nDatabase, std::uint32_t nEventSize, Database* pOpened) {
   DatabaseSlot& Slot = m_Slots[nDatabase];
   ResultCode nCode = errALREADY_DONE;
   // The environment of an open database is in use: it is left as it is.
@@ -80,15 +79,6 @@ ResultCode Databases::Open(std::uint32_t nDatabase, std::uint32_t nEventSize, Da
   LUMBRA_INVARIANT(IsTotalTheSum());
   *pOpened = Database(&Slot);
   return nCode;
-}
-
-ResultCode Databases::Open(const char16_t* pName, std::uint32_t nEventSize, Database* pOpened) {
-  const os::Hold Hold(m_Lock);
-  if (const NamedDatabaseRef Named = FindNamed(pName); Named.Get() != nullptr && Named->Manager.IsInitialized()) {
-    *pOpened = Database(Named);
-    return errALREADY_DONE;
-  }
-  return OpenNamed(pName, nEventSize, pOpened);
 }
 
 ResultCode Databases::OpenNamed(const char16_t* pName, std::uint32_t nEventSize, Database* pOpened) {
@@ -172,8 +162,7 @@ void Databases::SaveMark() {
 
 // ---- Changes of one database ------------------------------------------------------------------------------
 
-ResultCode Databases::Add(const Database& To, const void* pData, std::uint32_t nSize, std::uint64_t* pnEventId) {
-  const os::Hold Hold(m_Lock);
+ResultCode Databases::AddTo(const Database& To, const void* pData, std::uint32_t nSize, std::uint64_t* pnEventId) {
   ResultCode nCode = errOK;
   {
     const SizeTotal::Change Growing(&m_Total, &To.Slot());
@@ -184,18 +173,22 @@ ResultCode Databases::Add(const Database& To, const void* pData, std::uint32_t n
   return nCode;
 }
 
-ResultCode Databases::Clear(const Database& Which) {
-  const os::Hold Hold(m_Lock);
+ResultCode Databases::ClearOne(const Database& Which) {
   const SizeTotal::Change Shrinking(&m_Total, &Which.Slot());
   return Which.Manager().Clear();
 }
 
 // A limit starts and drops segments at once, so the size total changes with it. One of the size takes the database out
-// of the total, and its end puts it back.
+// of the total, and its end puts it back: then all are counted anew, where a limit is held against the total.
 ResultCode Databases::SetLimit(const Database& Of, LumbraLimit nKind, std::uint64_t nValue) {
   const os::Hold Hold(m_Lock);
-  const SizeTotal::Change Limited(&m_Total, &Of.Slot());
-  return Of.Manager().SetLimit(nKind, nValue);
+  ResultCode nCode = errOK;
+  {
+    const SizeTotal::Change Limited(&m_Total, &Of.Slot());
+    nCode = Of.Manager().SetLimit(nKind, nValue);
+  }
+  if (nKind == limitDatabaseSize && m_nGlobalSizeLimit != 0) Recount();
+  return nCode;
 }
 
 // ---- All databases together -------------------------------------------------------------------------------

@@ -1,9 +1,9 @@
 // All databases of one instance: 48 numbered ones in their slots and any number of named ones, the index that ties
 // names to ids, and the limit on the size of all of them together.
 //
-// Any thread may call any operation. One lock, the main lock of the instance, is held for the whole run of each: so
-// adds come one after the other, and the size total never sees a half-done one. What only reads or names objects goes
-// to a database that was found once, whose segment manager has a lock of its own.
+// Any thread may call any operation. One lock, the main lock of the instance, is held while a database is opened,
+// limited, added to or cleared: so adds come one after the other, and the size total never sees a half-done one. What
+// only reads or names objects goes to a database that was found once, whose segment manager has a lock of its own.
 #pragma once
 
 #include <atomic>
@@ -55,13 +55,19 @@ class Databases {
   // the code, unless its folder cannot be used (errOPEN_FAILED).
   ResultCode OpenSystem(HostText Folder, Database* pOpened) EXCLUDES(m_Lock);
 
-  // The same for a numbered one; errALREADY_DONE when it is open.
-  ResultCode Open(std::uint32_t nDatabase, std::uint32_t nEventSize, Database* pOpened) EXCLUDES(m_Lock);
+  // The operations below that have a Tell call it with their answer while they hold the lock, and answer what it
+  // returns: so the lines that it traces stand in the order of what happened.
 
-  // The same for a named one, which has its id for ever. One that cannot be opened is known by *pOpened alone.
+  // The same for a numbered one; errALREADY_DONE when it is open. Tell(code, database).
+  template <class Telling>
+  ResultCode Open(std::uint32_t nDatabase, std::uint32_t nEventSize, Telling Tell) EXCLUDES(m_Lock);
+
+  // The same for a named one, which has its id for ever. One that cannot be opened is known to Tell alone.
   // errINDEX_INVALID when there is no id left, errOBJECT_ALREADY_EXISTS when the index cannot tell the name from that
-  // of another one that is open: with these, and where the index cannot be saved, *pOpened stays as it is, too.
-  ResultCode Open(const char16_t* pName, std::uint32_t nEventSize, Database* pOpened) EXCLUDES(m_Lock);
+  // of another one in the list: these, and a failure to save the index, are answered without Tell. Tell(code, database,
+  // whether it was open).
+  template <class Telling>
+  ResultCode Open(const char16_t* pName, std::uint32_t nEventSize, Telling Tell) EXCLUDES(m_Lock);
 
   // Closes the system database, and all of them; files stay. Named ones close when the last operation is done with
   // them.
@@ -87,11 +93,13 @@ class Databases {
   template <class Visitor>
   void ForEach(Visitor Visit) EXCLUDES(m_Lock);
 
-  // Appends an event, and has the limit on all databases drop a segment where that is due. *pnEventId is without the
-  // database.
-  ResultCode Add(const Database& To, const void* pData, std::uint32_t nSize, std::uint64_t* pnEventId) EXCLUDES(m_Lock);
+  // Appends an event, and has the limit on all databases drop a segment where that is due. Tell(code, id of the event
+  // without the database).
+  template <class Telling>
+  ResultCode Add(const Database& To, const void* pData, std::uint32_t nSize, Telling Tell) EXCLUDES(m_Lock);
 
-  ResultCode Clear(const Database& Which) EXCLUDES(m_Lock);
+  template <class Telling>
+  ResultCode Clear(const Database& Which, Telling Tell) EXCLUDES(m_Lock);
 
   // Sets a limit of one database (SegmentManager::SetLimit).
   ResultCode SetLimit(const Database& Of, LumbraLimit nKind, std::uint64_t nValue) EXCLUDES(m_Lock);
@@ -99,7 +107,7 @@ class Databases {
   // ---- All databases together ----
 
   // Sets the limit on the sum of all databases that have no size limit of their own; 0 is none. It is looked at by each
-  // add, which drops one segment at most where the sum has reached it.
+  // add to one of these, which drops one segment at most where the sum has reached it.
   void SetGlobalLimit(std::uint64_t nBytes) EXCLUDES(m_Lock);
 
   // Sums over the databases 1 to 254.
@@ -125,9 +133,13 @@ class Databases {
   HostText FolderOf(std::u16string_view Name) REQUIRES(m_Lock);
   bool InitEnvironment(DatabaseSlot* pSlot, const HostText& Folder) REQUIRES(m_Lock);
   ResultCode InitManager(DatabaseSlot* pSlot, std::uint32_t nEventSize) REQUIRES(m_Lock);
+  ResultCode OpenSlot(std::uint32_t nDatabase, std::uint32_t nEventSize, Database* pOpened) REQUIRES(m_Lock);
   ResultCode OpenNamed(const char16_t* pName, std::uint32_t nEventSize, Database* pOpened) REQUIRES(m_Lock);
   ResultCode KeepNamed(const NamedDatabaseRef& Named, const std::string* pNewKey) REQUIRES(m_Lock);
 
+  ResultCode AddTo(const Database& To, const void* pData, std::uint32_t nSize, std::uint64_t* pnEventId)
+      REQUIRES(m_Lock);
+  ResultCode ClearOne(const Database& Which) REQUIRES(m_Lock);
   void EnforceGlobalLimit() REQUIRES(m_Lock);
   void CheckLimits() REQUIRES(m_Lock);
   void CheckLimitsNamed() REQUIRES(m_Lock);
@@ -142,13 +154,45 @@ class Databases {
   DatabaseSlot m_Slots[kSlots];             // slot 0 is the system database
   std::atomic<bool> m_bMarkUnsaved{false};  // damage was met, and the index file does not say so yet
 
-  os::CriticalSection m_Lock;  // guards everything below, and the opening, clearing and growing of every database
+  os::CriticalSection m_Lock;  // guards everything below, and the opening, limiting and clearing of databases, and adds
   SizeTotal m_Total GUARDED_BY(m_Lock);
   std::uint64_t m_nGlobalSizeLimit GUARDED_BY(m_Lock) = 0;   // of the total; 0: none
   std::vector<NamedDatabaseRef> m_Named GUARDED_BY(m_Lock);  // in order of opening
   std::u16string m_IndexPath GUARDED_BY(m_Lock);             // of "g_db_id.dat"
   PersistentIndex m_Index GUARDED_BY(m_Lock);                // what that file holds
 };
+
+template <class Telling>
+ResultCode Databases::Open(std::uint32_t nDatabase, std::uint32_t nEventSize, Telling Tell) {
+  const os::Hold Hold(m_Lock);
+  Database Opened;
+  const ResultCode nCode = OpenSlot(nDatabase, nEventSize, &Opened);
+  return Opened.IsOpen() ? Tell(nCode, Opened) : nCode;
+}
+
+template <class Telling>
+ResultCode Databases::Open(const char16_t* pName, std::uint32_t nEventSize, Telling Tell) {
+  const os::Hold Hold(m_Lock);
+  const NamedDatabaseRef Named = FindNamed(pName);
+  if (Named.Get() != nullptr && Named->Manager.IsInitialized()) return Tell(errALREADY_DONE, Database(Named), true);
+  Database Opened;
+  const ResultCode nCode = OpenNamed(pName, nEventSize, &Opened);
+  return Opened.IsOpen() ? Tell(nCode, Opened, false) : nCode;
+}
+
+template <class Telling>
+ResultCode Databases::Add(const Database& To, const void* pData, std::uint32_t nSize, Telling Tell) {
+  const os::Hold Hold(m_Lock);
+  std::uint64_t nEventId = 0;
+  const ResultCode nCode = AddTo(To, pData, nSize, &nEventId);
+  return Tell(nCode, nEventId);
+}
+
+template <class Telling>
+ResultCode Databases::Clear(const Database& Which, Telling Tell) {
+  const os::Hold Hold(m_Lock);
+  return Tell(ClearOne(Which));
+}
 
 // One named database at a time, held by a reference.
 template <class Visitor>

@@ -16,16 +16,16 @@ ResultCode Lumbra::AddEvent(std::uint32_t nDatabase, const void* pData, std::uin
   if (m_nWritesSuspended != 0) return errREAD_ONLY;
   const Database Found = m_Databases.Find(nDatabase);
   if (!Found.IsOpen()) return errPARAMETER_INVALID;
-  std::uint64_t nEventId = 0;
-  const ResultCode nCode = m_Databases.Add(Found, pData, nSize, &nEventId);
-  nEventId = WithDatabase(nEventId, nDatabase);
-  if (pnEventId != nullptr) *pnEventId = nEventId;
-  if (nDatabase < kFirstNamedDatabase) {
-    Trace(&Handle, traceRoutine, "lmb\tAddEvent(%X,%d,%I64X) = %terr", nDatabase, nSize, nEventId, nCode);
-  } else {
-    Trace(&Handle, traceRoutine, "lmb\tAddEventNamed(%X,%d,%I64X) = %terr", nDatabase, nSize, nEventId, nCode);
-  }
-  return nCode;
+  return m_Databases.Add(Found, pData, nSize, [&](ResultCode nCode, std::uint64_t nLocalId) {
+    const std::uint64_t nEventId = WithDatabase(nLocalId, nDatabase);
+    if (pnEventId != nullptr) *pnEventId = nEventId;
+    if (nDatabase < kFirstNamedDatabase) {
+      Trace(&Handle, traceRoutine, "lmb\tAddEvent(%X,%d,%I64X) = %terr", nDatabase, nSize, nEventId, nCode);
+    } else {
+      Trace(&Handle, traceRoutine, "lmb\tAddEventNamed(%X,%d,%I64X) = %terr", nDatabase, nSize, nEventId, nCode);
+    }
+    return nCode;
+  });
 }
 
 // ---- Reading ----------------------------------------------------------------------------------------------

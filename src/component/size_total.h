@@ -24,7 +24,10 @@ class SizeTotal {
       m_pDatabase->nCounted = 0;
     }
     ~Change() {
-      if (m_Then == Afterwards::Gone || !m_pDatabase->Counts()) return;
+      m_pTotal->m_nBytes -= m_pDatabase->nCounted;  // of a change of the same database that a host made in between
+      m_pDatabase->nCounted = 0;
+      if (m_Then == Afterwards::Gone) m_pDatabase->bGone = true;
+      if (!m_pDatabase->Counts()) return;
       m_pDatabase->nCounted = m_pDatabase->Manager.GetTotalSize();
       m_pTotal->m_nBytes += m_pDatabase->nCounted;
     }

@@ -135,7 +135,7 @@ ResultCode HashTree::StartAnew() {
   std::fill(m_nodeChecked.begin() + FirstNodeOffset + 1, m_nodeChecked.end(), std::uint8_t{0});
   tODB_BT_HEADER Header{{}, FirstNodeOffset, FirstNodeOffset};
   std::memcpy(Header.Magic, m_bNodeCrcs ? kCheckedTreeMagic : kTreeMagic, sizeof(Header.Magic));
-  if (!m_pFile->SeekWrite(0, &Header, sizeof(Header), 0))
+  if (!m_pFile->SeekWrite(0, &Header, sizeof(Header), nullptr))
     return FailedCheck("pFileBT->SeekWrite(0, &hdr, sizeof(hdr), 0)", errWRITE_FAILED);
   // All that the file holds is known: the root is added without reading it back.
   m_nSizeBT = Header.nDBSize;

@@ -95,7 +95,7 @@ ResultCode PlainDB::AddRecord(const void* pData, std::uint32_t nDataSize, std::u
     const ResultCode nCode = WriteCheckedRecord(PositionOf(nIndex), pData, nDataSize);
     if (Failed(nCode)) return nCode;
   } else {
-    if (!m_pFile->SeekWrite(nPosition + sizeof(tPLAINDB_HEADER), pData, nDataSize, 0))
+    if (!m_pFile->SeekWrite(nPosition + sizeof(tPLAINDB_HEADER), pData, nDataSize, nullptr))
       return FailedCheck("m_pFile->SeekWrite(pos + sizeof(tPLAINDB_HEADER), pData, nDataSize, 0)", errWRITE_FAILED);
   }
   m_nRecordCount = nIndex + 1;
@@ -117,7 +117,7 @@ ResultCode PlainDB::SetRecord(std::uint64_t nIndex, const void* pData, std::uint
   if (nIndex >= m_nRecordCount) return errNOT_FOUND;
   const std::uint64_t nPosition = PositionOf(nIndex);
   if (m_bChecked) return WriteCheckedRecord(nPosition, pData, nDataSize);
-  if (!m_pFile->SeekWrite(nPosition, pData, nDataSize, 0))
+  if (!m_pFile->SeekWrite(nPosition, pData, nDataSize, nullptr))
     return FailedCheck("m_pFile->SeekWrite(pos, pData, nDataSize, 0)", errWRITE_FAILED);
   return errOK;
 }

@@ -190,9 +190,8 @@ class LockHolder {
 #endif
 };
 
-// A mutual exclusion. A thread may enter it again, and our own code never does, as clang's analysis tells. That is left
-// to the host: its answers to a placeholder, and its text and memory functions, are asked for under locks, and what it
-// does there, down to a call of another operation, is not ours to end in a deadlock.
+// A mutual exclusion. A thread may enter it again; our own code does not. That is left to the host, whose answers to a
+// placeholder, and whose text and memory functions, are asked for under such locks.
 class CAPABILITY("lock") CriticalSection {
  public:
   CriticalSection();

@@ -214,7 +214,7 @@ SystemError RemovePlainFiles(std::u16string_view Folder, std::u16string_view Las
   std::vector<std::string> Names;  // first all of them: what a listing shows while its entries go is not settled
   const SystemError nError = PlainFilesOf(Native, &Names);
   std::partition(Names.begin(), Names.end(), [&](const std::string& Name) { return WideName(Name) != LastName; });
-  for (const std::string& Name : Names) unlink((Native + '/' + Name).c_str());
+  for (const std::string& Name : Names) unlink(std::string(Native).append(1, '/').append(Name).c_str());
   return nError;
 }
 
