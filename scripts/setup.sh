@@ -6,7 +6,7 @@ set -eu
 
 packages="g++ cmake ninja-build libcli11-dev nlohmann-json3-dev libutfcpp-dev libhowardhinnant-date-dev
           libgtest-dev libgmock-dev libbenchmark-dev"
-[ "${1:-}" = dev ] && packages="$packages clang-format clang-14"
+[ "${1:-}" = dev ] && packages="$packages clang-format clang-14 clang-tidy-14"
 [ "${1:-}" = windows ] && packages="$packages g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-posix googletest wine wine64"
 [ "${1:-}" = fuzz ] && packages="$packages clang-14 libclang-rt-14-dev llvm-14"
 
