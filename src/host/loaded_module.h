@@ -18,8 +18,10 @@ namespace lumbra::host {
 
 class LoadedModule {
  public:
-  // Loads a module that ReadModuleFile has read; called once. One for another system or machine is refused before any
-  // code of it runs. The host's reasons are not the business of this class: it finds the entry and does not call it.
+  // Loads a module that ReadModuleFile has read, the very file, whatever has its name by now; called once. One for
+  // another system or machine is refused before any code of it runs, and so is one that others may change: on posix it
+  // and its folder belong to the effective user or to root, and nobody else may write to them (host/trust.h). The
+  // host's reasons are not the business of this class: it finds the entry and does not call it.
   ModuleProblem Load(const ModuleFile& File);
 
   // Null until a module is loaded.
@@ -30,6 +32,7 @@ class LoadedModule {
     void operator()(void* pModule) const;
   };
 
+  std::shared_ptr<const HeldFile> m_pFile;    // open as long as it is loaded
   std::unique_ptr<void, Unloader> m_pModule;  // the system's handle
   StandaloneHost::ModuleEntry m_pEntry = nullptr;
 };

@@ -37,7 +37,9 @@ ModuleProblem LoadedModule::Load(const ModuleFile& File) {
   const std::wstring Path = PathToLoad(File.Path);
   if (Path.empty())
     return {errPATH_NAME_INVALID, "cannot be loaded by a path of this form, for want of a point in its name"};
-  const HMODULE pModule = LoadLibraryW(Path.c_str());
+  m_pFile = File.pHeld;  // nobody can put another file in its place meanwhile
+  // What it needs itself comes from the system's folder, and neither from its own nor from the current one.
+  const HMODULE pModule = LoadLibraryExW(Path.c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
   if (pModule == nullptr) return {errMODULE_NOT_FOUND, "cannot be loaded: " + SystemMessage(GetLastError())};
   m_pModule.reset(pModule);
   m_pEntry = EntryPointOf(pModule);

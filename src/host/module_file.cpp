@@ -28,28 +28,6 @@ ModuleProblem NoMetadata() {
   return {errMETA_INFORMATION_NOT_FOUND, "has no Lumbra metadata"};
 }
 
-// ---- FileBytes --------------------------------------------------------------------------------------------
-
-ModuleProblem FileBytes::Open(const std::filesystem::path& Path) {
-  std::error_code Refused;
-  const std::filesystem::file_type Type = std::filesystem::status(Path, Refused).type();
-  if (Type == std::filesystem::file_type::not_found) return {errFILE_NOT_FOUND, "does not exist"};
-  if (!Refused && Type != std::filesystem::file_type::regular) return {errMODULE_NOT_FOUND, "is no file"};
-  m_Stream.open(Path, std::ios::binary | std::ios::ate);
-  const std::streamoff nSize = m_Stream.tellg();
-  if (nSize < 0) return {errACCESS_DENIED, "cannot be read"};
-  m_nSize = static_cast<std::uint64_t>(nSize);
-  return {};
-}
-
-bool FileBytes::ReadBytes(std::uint64_t nOffset, void* pBuffer, std::size_t nSize) {
-  if (!Has(nOffset, nSize)) return false;
-  m_Stream.clear();
-  m_Stream.seekg(static_cast<std::streamoff>(nOffset));
-  m_Stream.read(static_cast<char*>(pBuffer), static_cast<std::streamsize>(nSize));
-  return m_Stream.good();
-}
-
 namespace {
 
 // ---- Formats and machines ---------------------------------------------------------------------------------
@@ -146,15 +124,16 @@ ModuleProblem ReadMetadata(FileBytes* pFile, const FilePlace& At, tMODULE_METADA
 }  // namespace
 
 ModuleProblem ReadModuleFile(const std::filesystem::path& Path, ModuleFile* pModule) {
-  FileBytes File;
-  if (ModuleProblem Problem = File.Open(Path)) return Problem;
+  std::shared_ptr<const HeldFile> pHeld;
+  if (ModuleProblem Problem = HeldFile::Open(Path, &pHeld)) return Problem;
+  FileBytes File(pHeld);
   const Format* const pFormat = FormatOf(&File);
   if (pFormat == nullptr) return NoModule("neither ELF nor PE");
   ModuleImage Image;
   if (ModuleProblem Problem = pFormat->pRead(&File, &Image)) return Problem;
   tMODULE_METADATA Metadata;
   if (ModuleProblem Problem = ReadMetadata(&File, Image.Metadata, &Metadata)) return Problem;
-  *pModule = {Path, pFormat->pName, NameOfMachine(*pFormat, Image), Metadata};
+  *pModule = {Path, pFormat->pName, NameOfMachine(*pFormat, Image), Metadata, pHeld};
   return {};
 }
 

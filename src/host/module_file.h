@@ -2,27 +2,21 @@
 #pragma once
 
 #include <filesystem>
+#include <memory>
 #include <string>
 
+#include "host/held_file.h"
 #include "lumbra/metadata.h"
 #include "lumbra/result_code.h"
 
 namespace lumbra::host {
-
-// Why a module is not read or not loaded: a code, and on one line the end of a sentence that its file's name starts:
-// "is cut short". Converts to false where there is no problem.
-struct ModuleProblem {
-  ResultCode nCode = errOK;
-  std::string Text;
-
-  explicit operator bool() const { return Failed(nCode); }
-};
 
 struct ModuleFile {
   std::filesystem::path Path;
   std::string Format;   // "ELF" or "PE"
   std::string Machine;  // "x86-64", "x86", "ARM64" or "ARM", the number of any other as "0x..."
   tMODULE_METADATA Metadata;
+  std::shared_ptr<const HeldFile> pHeld = nullptr;  // open: what is loaded is what was read
 };
 
 // Reads the file of a module of ours, and checks that it is whole and its metadata sound. Stores *pModule on success

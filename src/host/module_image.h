@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,10 +15,10 @@ namespace lumbra::host {
 // A file whose contents nobody vouches for.
 class FileBytes {
  public:
-  ModuleProblem Open(const std::filesystem::path& Path);
+  explicit FileBytes(std::shared_ptr<const HeldFile> pFile) : m_pFile(std::move(pFile)) {}
 
   bool Has(std::uint64_t nOffset, std::uint64_t nSize) const {
-    return nOffset <= m_nSize && nSize <= m_nSize - nOffset;
+    return nOffset <= m_pFile->Size() && nSize <= m_pFile->Size() - nOffset;
   }
 
   // These answer false where the file has not so many bytes.
@@ -34,10 +34,11 @@ class FileBytes {
   }
 
  private:
-  bool ReadBytes(std::uint64_t nOffset, void* pBuffer, std::size_t nSize);
+  bool ReadBytes(std::uint64_t nOffset, void* pBuffer, std::size_t nSize) {
+    return Has(nOffset, nSize) && m_pFile->ReadAt(nOffset, pBuffer, nSize);
+  }
 
-  std::ifstream m_Stream;
-  std::uint64_t m_nSize = 0;
+  std::shared_ptr<const HeldFile> m_pFile;
 };
 
 struct FilePlace {

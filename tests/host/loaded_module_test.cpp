@@ -53,6 +53,43 @@ TEST_F(LoadedModuleTest, RunsAStoreAndLeavesTheProcess) {
   EXPECT_EQ(u"C:\\a.txt", NameOf(Events(5, 1, 1).at(0).nObject));
 }
 
+// Whatever has its name by then; and a second module beside it is another one.
+TEST_F(LoadedModuleTest, LoadsTheFileThatWasRead) {
+  fs::copy_file(LUMBRA_MODULE, Folder() / "module");
+  host::ModuleFile Read;
+  ASSERT_EQ("", host::ReadModuleFile(Folder() / "module", &Read).Text);
+  std::error_code Refused;
+  fs::rename(Folder() / "module", Folder() / "other name", Refused);  // which Windows does not allow
+  if (!Refused) fs::copy_file(LUMBRA_REFUSING_MODULE, Folder() / "module");
+  host::LoadedModule Module;
+  ASSERT_EQ("", Module.Load(Read).Text);
+  Read = {};
+  m_Host.emplace(Module.Entry());
+  EXPECT_CODE(errOK, m_Host->LoadResult());
+  Unload();
+  host::LoadedModule Second;
+  ASSERT_EQ("", host::ReadModuleFile(LUMBRA_REFUSING_MODULE, &Read).Text);
+  ASSERT_EQ("", Second.Load(Read).Text);
+  EXPECT_NE(Module.Entry(), Second.Entry());
+}
+
+#ifndef _WIN32
+TEST_F(LoadedModuleTest, RefusesWhatOthersMayWriteTo) {
+  const fs::path Copy = Folder() / "module";
+  fs::copy_file(LUMBRA_MODULE, Copy);
+  const auto TextOfLoad = [&] {
+    host::ModuleFile Read;
+    host::LoadedModule Module;
+    return host::ReadModuleFile(Copy, &Read) ? "not read" : Module.Load(Read).Text;
+  };
+  fs::permissions(Copy, fs::perms::others_write, fs::perm_options::add);
+  Step("a module that all may write to", TextOfLoad()).Is("can be written by others");
+  fs::permissions(Copy, fs::perms::others_write, fs::perm_options::remove);
+  fs::permissions(Folder(), fs::perms::others_write, fs::perm_options::add);
+  Step("in a folder that all may write to", TextOfLoad()).Is("lies in a folder that can be written by others");
+}
+#endif
+
 // Of another machine the tool's tests hold the same.
 TEST_F(LoadedModuleTest, RefusesWhatIsForeignBeforeLoadingIt) {
   host::LoadedModule Module;

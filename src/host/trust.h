@@ -1,0 +1,26 @@
+// Who may change a file or folder behind our back. What writes to a store, or runs a module, would do it on his behalf.
+//
+// On Windows nothing is looked at, and all of this answers that nobody may: there the access that a folder inherits is
+// what its owner gave.
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+namespace lumbra::host {
+
+enum class TrustedOwner { User, UserOrRoot };  // User: the effective user of the process
+
+// Why a file or folder cannot be trusted, the end of a sentence: "belongs to another user", "can be written by others".
+// Empty when it can, and when nothing is there. Others are all but the owner, and but a group that is the owner's own.
+// A link is refused as one.
+std::string WhyNotTrusted(const std::filesystem::path& Path, TrustedOwner Owner);
+
+// The same of a file that is open, by its descriptor. Posix alone.
+std::string WhyNotTrusted(int nDescriptor, TrustedOwner Owner);
+
+// The same of a store: its folder, and what lies in it under the name of a folder. A sentence that starts with the
+// path.
+std::string WhyStoreNotTrusted(const std::filesystem::path& Folder);
+
+}  // namespace lumbra::host

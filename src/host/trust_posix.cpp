@@ -1,0 +1,72 @@
+#include <dirent.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+#include <system_error>
+#include <vector>
+
+#include "host/trust.h"
+
+namespace lumbra::host {
+namespace {
+
+// Whether a group is the user's own: many systems give each user one that nobody else is in.
+bool IsGroupOfUser(gid_t nGroup, uid_t nUser) {
+  std::vector<char> Room(16384);
+  passwd Entry{};
+  passwd* pFound = nullptr;
+  if (getpwuid_r(nUser, &Entry, Room.data(), Room.size(), &pFound) != 0 || pFound == nullptr) return false;
+  return pFound->pw_gid == nGroup;
+}
+
+std::string WhyNotTrusted(const struct stat& Status, TrustedOwner Owner) {
+  if (S_ISLNK(Status.st_mode)) return "is a link";
+  const bool bOwned = Status.st_uid == geteuid() || (Owner == TrustedOwner::UserOrRoot && Status.st_uid == 0);
+  if (!bOwned) return "belongs to another user";
+  if ((Status.st_mode & S_IWOTH) != 0) return "can be written by others";
+  if ((Status.st_mode & S_IWGRP) != 0 && !IsGroupOfUser(Status.st_gid, Status.st_uid))
+    return "can be written by its group";
+  return {};
+}
+
+std::string WhyNotKnown() {
+  return "cannot be looked at: " + std::generic_category().message(errno);
+}
+
+}  // namespace
+
+std::string WhyNotTrusted(const std::filesystem::path& Path, TrustedOwner Owner) {
+  struct stat Status {};
+  if (lstat(Path.c_str(), &Status) == 0) return WhyNotTrusted(Status, Owner);
+  return errno == ENOENT || errno == ENOTDIR ? std::string() : WhyNotKnown();
+}
+
+std::string WhyNotTrusted(int nDescriptor, TrustedOwner Owner) {
+  struct stat Status {};
+  return fstat(nDescriptor, &Status) == 0 ? WhyNotTrusted(Status, Owner) : WhyNotKnown();
+}
+
+std::string WhyStoreNotTrusted(const std::filesystem::path& Folder) {
+  if (const std::string Why = WhyNotTrusted(Folder, TrustedOwner::User); !Why.empty())
+    return Folder.string() + ' ' + Why;
+  const std::unique_ptr<DIR, int (*)(DIR*)> pListing(opendir(Folder.c_str()), &closedir);
+  if (pListing == nullptr) return errno == ENOENT ? std::string() : Folder.string() + ' ' + WhyNotKnown();
+  errno = 0;
+  while (const dirent* const pEntry = readdir(pListing.get())) {
+    const std::string Name = pEntry->d_name;
+    const std::filesystem::path Path = Folder / Name;
+    struct stat Status {};
+    if (Name == "." || Name == ".." || lstat(Path.c_str(), &Status) != 0) continue;
+    // A link may stand in the place of a database's folder.
+    if (!S_ISDIR(Status.st_mode) && !S_ISLNK(Status.st_mode)) continue;
+    if (const std::string Why = WhyNotTrusted(Status, TrustedOwner::User); !Why.empty())
+      return Path.string() + ' ' + Why;
+    errno = 0;
+  }
+  return errno == 0 ? std::string() : Folder.string() + ' ' + WhyNotKnown();
+}
+
+}  // namespace lumbra::host
