@@ -13,8 +13,8 @@ export LUMBRA_STORE
 rm -rf "$LUMBRA_STORE"
 lumbra="$here/build/release/tools/lumbra/lumbra"
 
-echo "\$ lumbra scan --db 1 $folder"
-"$lumbra" scan --db 1 "$folder"
+echo "\$ lumbra scan --db 1 -- $folder"
+"$lumbra" scan --db 1 -- "$folder"
 echo
 echo "\$ lumbra events --db 1 --last 5"
 "$lumbra" events --db 1 --last 5

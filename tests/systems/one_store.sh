@@ -1,7 +1,7 @@
 #!/bin/sh
 # One store, two systems: the same operations leave the same bytes in every file, and what one system wrote the other
 # one opens and goes on with.
-#   one_store.sh PROGRAM OTHER    two ways to call the tool, each one word or several: "scripts/wine.sh lumbra.exe"
+#   one_store.sh PROGRAM OTHER    two programs that run the tool
 set -eu
 
 work=$(mktemp -d)
@@ -30,14 +30,14 @@ events() {
 
 # The id of an object, made where it is missing. It is found by one system and used by both: ids are part of the bytes.
 id_of() {
-  $1 --store "$2" $mode find --create --db "$3" --type "$4" "$5" | awk '{print $1}'
+  "$1" --store "$2" $mode find --create --db "$3" --type "$4" "$5" | awk '{print $1}'
 }
 
 # Everything that changes a store: fills it from nothing, in several openings.
 fill() {
   program="$1"
   store="$2"
-  lumbra() { $program --store "$store" --host host $mode "$@" >>"$store.log"; }
+  lumbra() { "$program" --store "$store" --host host $mode "$@" >>"$store.log"; }
 
   events 1 400 | lumbra record --db 1 --segment-events 70 --max-events 300
   events 1 50 | lumbra record --db 47 --segment-size 1500 --max-size 6000
@@ -73,10 +73,10 @@ fill() {
 # Everything that a store answers.
 show() {
   for database in 1 47 "zweites Büro" other; do
-    $1 --store "$2" $mode events --db "$database" --parents --json
+    "$1" --store "$2" $mode events --db "$database" --parents --json
   done
   file=$(id_of "$1" "$2" 0 file 'C:\Reports\data.bin')
-  $1 --store "$2" $mode data get "$file" 1
+  "$1" --store "$2" $mode data get "$file" 1
 }
 
 for mode in '' --check-mode; do
