@@ -39,16 +39,9 @@ NamedDatabaseRef Databases::FindNamed(const char16_t* pName) {
 
 // ---- Opening and closing ----------------------------------------------------------------------------------
 
-HostText Databases::FolderOf(std::u16string_view Name) {
-  HostText Folder = m_Owner.StoreFolder();
-  if (Folder.Empty()) return Folder;  // nowhere, rather than in the current folder of the process
-  Folder.Append(Name);
-  Folder.EnsureTrailingSeparator();
-  return Folder;
-}
-
-bool Databases::InitEnvironment(DatabaseSlot* pSlot, const HostText& Folder) {
-  return pSlot->Environment.Init(&m_Owner, Folder.Text(), FolderContent::Keep, m_Owner.Settings().bEnvironmentFlag);
+bool Databases::InitEnvironment(DatabaseSlot* pSlot, const HostText& Store, const char16_t* pName) {
+  // An empty one is nowhere, rather than in the current folder of the process.
+  return pSlot->Environment.InitBelow(&m_Owner, Store.Text(), pName, m_Owner.Settings().bEnvironmentFlag);
 }
 
 ResultCode Databases::InitManager(DatabaseSlot* pSlot, std::uint32_t nEventSize) {
@@ -59,10 +52,8 @@ ResultCode Databases::InitManager(DatabaseSlot* pSlot, std::uint32_t nEventSize)
 ResultCode Databases::OpenSystem(HostText Folder, Database* pOpened) {
   const os::Hold Hold(m_Lock);
   DatabaseSlot& System = m_Slots[kSystemDatabase];
-  Folder.Append(NumberedFolder(kSystemDatabase));
-  Folder.EnsureTrailingSeparator();
   constexpr std::uint32_t kSystemEventSize = 1;  // the system database has objects alone
-  if (!InitEnvironment(&System, Folder)) return errOPEN_FAILED;
+  if (!InitEnvironment(&System, Folder, NumberedFolder(kSystemDatabase).c_str())) return errOPEN_FAILED;
   *pOpened = Database(&System);
   return InitManager(&System, kSystemEventSize);
 }
@@ -72,7 +63,7 @@ ResultCode Databases::OpenSlot(std::uint32_t nDatabase, std::uint32_t nEventSize
   ResultCode nCode = errALREADY_DONE;
   // The environment of an open database is in use: it is left as it is.
   if (!Slot.Manager.IsInitialized()) {
-    if (!InitEnvironment(&Slot, FolderOf(NumberedFolder(nDatabase)))) return errOPEN_FAILED;
+    if (!InitEnvironment(&Slot, m_Owner.StoreFolder(), NumberedFolder(nDatabase).c_str())) return errOPEN_FAILED;
     nCode = InitManager(&Slot, nEventSize);
   }
   if (Succeeded(nCode)) Count(&Slot);
@@ -94,9 +85,8 @@ ResultCode Databases::OpenNamed(const char16_t* pName, std::uint32_t nEventSize,
   // Not in the list yet: this is the one reference, with which the database goes unless it is kept.
   if (!bListed) Named = NamedDatabaseRef(new NamedDatabase(HostText(pName), nId));
 
-  const HostText Folder = FolderOf(pName);
-  if (!InitEnvironment(Named.Get(), Folder)) return errOPEN_FAILED;
-  ValidateDatabaseId(Folder.View(), kIdentityFile, nId);
+  if (!InitEnvironment(Named.Get(), m_Owner.StoreFolder(), pName)) return errOPEN_FAILED;
+  ValidateDatabaseId(Named->Environment.PlaceOf(kIdentityFile), nId);
   const ResultCode nCode = InitManager(Named.Get(), nEventSize);
   if (Succeeded(nCode)) {
     const ResultCode nKept = bListed ? errOK : KeepNamed(Named, bKnown ? nullptr : &Key);
@@ -116,9 +106,10 @@ ResultCode Databases::KeepNamed(const NamedDatabaseRef& Named, const std::string
     m_Index.reserve(m_Index.size() + 1);
     std::string Key = *pNewKey;
     const auto nPosition = static_cast<std::uint32_t>(m_Index.size());
+    const FilePlace Index = m_Store.PlaceOf(kIndexFile);
     Trace(m_Owner.Handle(), traceRoutine, "lmb\tInitDBByName: trying to save persistent index(%u), to file '%S'",
-          nPosition, m_IndexPath.c_str());
-    const ResultCode nCode = SavePersistentIndex(m_IndexPath, nPosition, Key);
+          nPosition, Index.Path.c_str());
+    const ResultCode nCode = SavePersistentIndex(Index, nPosition, Key);
     if (Failed(nCode)) return ToHostResult(nCode);
     m_Index.push_back(std::move(Key));
   }
@@ -142,22 +133,23 @@ void Databases::CloseAll() {
 
 // ---- The index of names -----------------------------------------------------------------------------------
 
-void Databases::SetIndexPath(std::u16string Path) {
+bool Databases::OpenStoreFolder(const HostText& Folder) {
   const os::Hold Hold(m_Lock);
-  m_IndexPath = std::move(Path);
+  return m_Store.Init(&m_Owner, Folder.Text(), FolderContent::Keep, m_Owner.Settings().bEnvironmentFlag);
 }
 
 ResultCode Databases::LoadIndex(bool* pbCorrupted) {
   const os::Hold Hold(m_Lock);
+  const FilePlace Index = m_Store.PlaceOf(kIndexFile);
   Trace(m_Owner.Handle(), traceRoutine, "lmb\tObjectInitDone: trying to load persistent indexes, from file '%S'",
-        m_IndexPath.c_str());
-  return LoadPersistentIndexes(m_IndexPath, &m_Index, pbCorrupted);
+        Index.Path.c_str());
+  return LoadPersistentIndexes(Index, &m_Index, pbCorrupted);
 }
 
 void Databases::SaveMark() {
   if (!m_bMarkUnsaved) return;
   const os::Hold Hold(m_Lock);
-  if (m_bMarkUnsaved.exchange(false) && !SaveCorruptedFlag(m_IndexPath)) m_bMarkUnsaved = true;
+  if (m_bMarkUnsaved.exchange(false) && !SaveCorruptedFlag(m_Store.PlaceOf(kIndexFile))) m_bMarkUnsaved = true;
 }
 
 // ---- Changes of one database ------------------------------------------------------------------------------

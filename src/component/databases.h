@@ -76,7 +76,8 @@ class Databases {
 
   // ---- The index of names ("g_db_id.dat") ----
 
-  void SetIndexPath(std::u16string Path) EXCLUDES(m_Lock);
+  // Opens the folder of the store for it, making it where it is missing. False when that fails.
+  bool OpenStoreFolder(const HostText& Folder) EXCLUDES(m_Lock);
   ResultCode LoadIndex(bool* pbCorrupted) EXCLUDES(m_Lock);
 
   // The mark in it that damage was met. Where it is needed and could not be saved, the next SaveMark tries again.
@@ -130,8 +131,7 @@ class Databases {
 
   NamedDatabaseRef FindNamed(std::uint32_t nDatabase) REQUIRES(m_Lock);
   NamedDatabaseRef FindNamed(const char16_t* pName) REQUIRES(m_Lock);
-  HostText FolderOf(std::u16string_view Name) REQUIRES(m_Lock);
-  bool InitEnvironment(DatabaseSlot* pSlot, const HostText& Folder) REQUIRES(m_Lock);
+  bool InitEnvironment(DatabaseSlot* pSlot, const HostText& Store, const char16_t* pName) REQUIRES(m_Lock);
   ResultCode InitManager(DatabaseSlot* pSlot, std::uint32_t nEventSize) REQUIRES(m_Lock);
   ResultCode OpenSlot(std::uint32_t nDatabase, std::uint32_t nEventSize, Database* pOpened) REQUIRES(m_Lock);
   ResultCode OpenNamed(const char16_t* pName, std::uint32_t nEventSize, Database* pOpened) REQUIRES(m_Lock);
@@ -158,7 +158,7 @@ class Databases {
   SizeTotal m_Total GUARDED_BY(m_Lock);
   std::uint64_t m_nGlobalSizeLimit GUARDED_BY(m_Lock) = 0;   // of the total; 0: none
   std::vector<NamedDatabaseRef> m_Named GUARDED_BY(m_Lock);  // in order of opening
-  std::u16string m_IndexPath GUARDED_BY(m_Lock);             // of "g_db_id.dat"
+  StorageEnvironment m_Store GUARDED_BY(m_Lock);             // the store's folder
   PersistentIndex m_Index GUARDED_BY(m_Lock);                // what that file holds
 };
 

@@ -26,6 +26,10 @@ Lumbra& Lumbra::Of(HostObject* pHandle) {
   return Of(reinterpret_cast<LumbraInstance*>(pBytes));
 }
 
+os::Readers Lumbra::Owner::ReadersOfNewFiles() {
+  return m_Instance.m_nGroupReadable != 0 ? os::Readers::OwnerAndGroup : os::Readers::OwnerAlone;
+}
+
 bool Lumbra::Owner::ExactFileSizes() {
   return binding::ReadProperty(Handle(), propEXACT_FILE_SIZES) != 0;
 }
@@ -106,12 +110,11 @@ ResultCode Lumbra::ObjectInitDone() {
 ResultCode Lumbra::OpenStore() {
   HostText Folder = ReportFolder();
   if (Folder.Empty()) return errOPEN_FAILED;  // rather than the current folder of the process
-  HostText IndexPath = Folder.Copy();
-  IndexPath.Join(kIndexFile);
-  m_Databases.SetIndexPath(std::u16string(IndexPath.View()));
   ReadCheckMode();
+  if (!m_Databases.OpenStoreFolder(Folder)) return errOPEN_FAILED;
 
-  const ResultCode nShared = SharedObjects::AddUser(Folder.Text(), m_nCheckMode != 0, m_nEnvironmentFlag != 0);
+  const ResultCode nShared =
+      SharedObjects::AddUser(Folder.Text(), m_nCheckMode != 0, m_nEnvironmentFlag != 0, m_Owner.ReadersOfNewFiles());
   if (Failed(nShared)) return errOPEN_FAILED;
   m_bUsesSharedObjects = true;
 

@@ -90,6 +90,7 @@ class Lumbra : public HostedInstance {
     HostText StoreFolder() override { return m_Instance.ReportFolder(); }
     OpenSettings Settings() override;
     bool ExactFileSizes() override;
+    os::Readers ReadersOfNewFiles() override;
 
    private:
     Lumbra& m_Instance;
@@ -137,6 +138,7 @@ class Lumbra : public HostedInstance {
   std::atomic<std::uint32_t> m_nEnvironmentFlag{0};
   std::atomic<std::uint32_t> m_nCorrupted{0};
   std::atomic<std::uint32_t> m_nExactFileSizes{0};
+  std::atomic<std::uint32_t> m_nGroupReadable{0};
   ReaderWriterLock m_Lock;
   std::atomic<std::uint32_t> m_nWritesSuspended GUARDED_BY(m_Lock){0};
   std::atomic<bool> m_bInitialized{false};  // never cleared

@@ -43,6 +43,8 @@ ResultCode Lumbra::PropertyAccess(std::uint32_t nPropertyId, PropertyAccessRecor
       return TransferReadOnly(m_nCorrupted, pRecord);
     case propEXACT_FILE_SIZES:
       return TransferNumber(&m_nExactFileSizes, pRecord);
+    case propGROUP_READABLE:
+      return TransferNumber(&m_nGroupReadable, pRecord);
     case propWRITES_SUSPENDED:
       return TransferWritesSuspended(pRecord);
     case propREPORT_FOLDER:

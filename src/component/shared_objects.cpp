@@ -13,7 +13,11 @@ namespace {
 
 // The environment outlives the instance that opened it, and sums no file sizes.
 class NoOwner final : public StorageOwner {
+ public:
   bool ExactFileSizes() override { return false; }
+  os::Readers ReadersOfNewFiles() override { return ForWhom; }
+
+  os::Readers ForWhom = os::Readers::OwnerAlone;
 };
 
 struct SharedStore {
@@ -57,12 +61,14 @@ void SharedStore::Close() {
 
 }  // namespace
 
-ResultCode SharedObjects::AddUser(const char16_t* pFolder, bool bCheckMode, bool bEnvironmentFlag) {
+ResultCode SharedObjects::AddUser(const char16_t* pFolder, bool bCheckMode, bool bEnvironmentFlag,
+                                  os::Readers ForWhom) {
   SharedStore& Now = Shared();
   const os::Hold Hold(Now.Lock);
   if (binding::AtomicIncrement(&Now.nUsers) != 1) return errOK;
   ResultCode nCode = errOK;
   try {
+    Now.Owner.ForWhom = ForWhom;
     nCode = Now.Open(pFolder, bCheckMode, bEnvironmentFlag);
   } catch (...) {
     nCode = ResultFromCurrentException();

@@ -6,7 +6,6 @@
 #include <new>
 
 #include "platform/failed_step.h"
-#include "platform/file.h"
 #include "platform/file_content.h"
 #include "platform/trace.h"
 
@@ -45,7 +44,7 @@ Transfer WriteAll(File& To, const void* pData, std::size_t nSize) {
 
 // ---- The index --------------------------------------------------------------------------------------------
 
-FileContent ReadSignature(File& Index, const std::u16string& Path, bool* pbCorrupted) {
+FileContent ReadSignature(File& Index, const FilePlace& Place, bool* pbCorrupted) {
   IndexBlock Signature{};
   const Transfer Done = ReadSome(Index, Signature.data(), Signature.size());
   if (!Done.Complete(Signature.size())) {
@@ -59,20 +58,20 @@ FileContent ReadSignature(File& Index, const std::u16string& Path, bool* pbCorru
   (void)Index.Close();  // nothing was written
   Trace(kHostRoot, traceDamage, "lmb\tTryLoadPersistentIndexes: file signature is not valid");
   Trace(kHostRoot, traceDamage, "lmb\tTryLoadPersistentIndexes: corrupted persistent index file (%S) content: %S",
-        Path.c_str(), u"none");
+        Place.Path.c_str(), u"none");
   return FileContent::Foreign();
 }
 
 // The names are all that leads to the named databases: they are given up only where the file is known to be missing, or
 // what was read of it is no index.
-FileContent TryLoadPersistentIndexes(const std::u16string& Path, PersistentIndex* pNames, bool* pbCorrupted) {
+FileContent TryLoadPersistentIndexes(const FilePlace& Place, PersistentIndex* pNames, bool* pbCorrupted) {
   File Index;
-  const ResultCode nOpened = Index.OpenWithFlags(Path, fileRead, openExisting);
+  const ResultCode nOpened = Index.OpenWithFlags(Place, fileRead, openExisting);
   if (Failed(nOpened)) {
     Trace(kHostRoot, traceNotable, "lmb\tTryLoadPersistentIndexes: failed to open file, ulo res = %u", Number(nOpened));
     return IsMissing(nOpened) ? FileContent::Foreign() : FileContent::Unread(errUNSPECIFIED);
   }
-  const FileContent Signature = ReadSignature(Index, Path, pbCorrupted);
+  const FileContent Signature = ReadSignature(Index, Place, pbCorrupted);
   if (!Signature.IsOurs()) return Signature;
 
   std::vector<IndexBlock> Items(kMaxIndexNames);
@@ -90,9 +89,9 @@ FileContent TryLoadPersistentIndexes(const std::u16string& Path, PersistentIndex
   return FileContent::Ours();
 }
 
-bool TryCreatePersistentIndexesFile(const std::u16string& Path) {
+bool TryCreatePersistentIndexesFile(const FilePlace& Place) {
   File Index;
-  const ResultCode nOpened = Index.OpenWithFlags(Path, fileWrite, createAlways);
+  const ResultCode nOpened = Index.OpenWithFlags(Place, fileWrite, createAlways);
   if (Failed(nOpened)) {
     Trace(kHostRoot, traceFailure, "lmb\tTryCreatePersistentIndexesFile: failed to open file, ulo res = %u",
           Number(nOpened));
@@ -119,12 +118,12 @@ bool TryCreatePersistentIndexesFile(const std::u16string& Path) {
 
 }  // namespace
 
-ResultCode LoadPersistentIndexes(const std::u16string& Path, PersistentIndex* pNames, bool* pbCorrupted) {
+ResultCode LoadPersistentIndexes(const FilePlace& Place, PersistentIndex* pNames, bool* pbCorrupted) {
   pNames->clear();
   try {
-    return TryLoadPersistentIndexes(Path, pNames, pbCorrupted).OrStartAnew([&] {
+    return TryLoadPersistentIndexes(Place, pNames, pbCorrupted).OrStartAnew([&] {
       Trace(kHostRoot, traceNotable, "lmb\tLoadPersistentIndexes: file is absent or invalid, creating new one..");
-      if (!TryCreatePersistentIndexesFile(Path)) {
+      if (!TryCreatePersistentIndexesFile(Place)) {
         Trace(kHostRoot, traceFailure, "lmb\tLoadPersistentIndexes: failed to create index file");
         return errUNSPECIFIED;
       }
@@ -156,9 +155,9 @@ bool IsLeftOf(File& Index, std::uint64_t nFrom, std::uint64_t nSize, const Index
 
 }  // namespace
 
-ResultCode SavePersistentIndex(const std::u16string& Path, std::uint32_t nIndex, std::string_view Name) {
+ResultCode SavePersistentIndex(const FilePlace& Place, std::uint32_t nIndex, std::string_view Name) {
   File Index;
-  ResultCode nCode = Index.OpenWithFlags(Path, fileRead | fileWrite, openExisting);
+  ResultCode nCode = Index.OpenWithFlags(Place, fileRead | fileWrite, openExisting);
   if (Failed(nCode)) {
     Trace(kHostRoot, traceFailure, "lmb\tSavePersistentIndex(%u): File Create failed, ulo result = %u", nIndex,
           Number(nCode));
@@ -204,9 +203,9 @@ ResultCode SavePersistentIndex(const std::u16string& Path, std::uint32_t nIndex,
   return errOK;
 }
 
-bool SaveCorruptedFlag(const std::u16string& Path) {
+bool SaveCorruptedFlag(const FilePlace& Place) {
   File Index;
-  const ResultCode nOpened = Index.OpenWithFlags(Path, fileWrite | fileShareRead, openExisting);
+  const ResultCode nOpened = Index.OpenWithFlags(Place, fileWrite | fileShareRead, openExisting);
   if (Failed(nOpened)) {
     Trace(kHostRoot, traceFailure, "lmb\tSaveCorruptedFlag: failed to open file, ulo res = %u", Number(nOpened));
     return false;
@@ -242,9 +241,9 @@ bool IsPersistentIndexFull(const PersistentIndex& Names) {
 
 namespace {
 
-FileContent TryReadDatabaseId(const std::u16string& Path, std::uint32_t* pnId) {
+FileContent TryReadDatabaseId(const FilePlace& Place, std::uint32_t* pnId) {
   File Identity;
-  const ResultCode nOpened = Identity.OpenWithFlags(Path, fileRead, openExisting);
+  const ResultCode nOpened = Identity.OpenWithFlags(Place, fileRead, openExisting);
   if (Failed(nOpened)) return IsMissing(nOpened) ? FileContent::Foreign() : FileContent::Unread(nOpened);
   IdentityBytes Bytes{};
   const Transfer Done = ReadSome(Identity, Bytes.data(), sizeof(Bytes));
@@ -257,16 +256,17 @@ FileContent TryReadDatabaseId(const std::u16string& Path, std::uint32_t* pnId) {
         "lmb\tTryReadDatabaseId: read index (%u) from file is less, than minimum named db index (%u)", *pnId,
         kFirstNamedDatabase);
   if (*pnId != 0) {
-    Trace(kHostRoot, traceDamage, "lmb\tTryReadDatabaseId: corrupted index file (%S) content: %S", Path.c_str(),
+    Trace(kHostRoot, traceDamage, "lmb\tTryReadDatabaseId: corrupted index file (%S) content: %S", Place.Path.c_str(),
           u"none");
   }
   return FileContent::Foreign();
 }
 
-bool TrySaveDatabaseId(const std::u16string& Path, std::uint32_t nId) {
-  Trace(kHostRoot, traceRoutine, "lmb\tTrySaveDatabaseId: indexFilePath = '%S', databaseId = %u", Path.c_str(), nId);
+bool TrySaveDatabaseId(const FilePlace& Place, std::uint32_t nId) {
+  Trace(kHostRoot, traceRoutine, "lmb\tTrySaveDatabaseId: indexFilePath = '%S', databaseId = %u", Place.Path.c_str(),
+        nId);
   File Identity;
-  if (Failed(Identity.OpenWithFlags(Path, fileWrite, createAlways))) return false;
+  if (Failed(Identity.OpenWithFlags(Place, fileWrite, createAlways))) return false;
   const IdentityBytes Bytes = EncodeIdentity(nId);
   if (!WriteAll(Identity, Bytes.data(), sizeof(Bytes)).Complete(sizeof(Bytes))) return false;
   return Succeeded(Identity.Flush()) && Succeeded(Identity.Close());
@@ -274,24 +274,21 @@ bool TrySaveDatabaseId(const std::u16string& Path, std::uint32_t nId) {
 
 }  // namespace
 
-void ValidateDatabaseId(std::u16string_view Folder, std::u16string_view FileName, std::uint32_t nAssigned) {
-  std::u16string Path(Folder);
-  if (!Path.empty() && !Path.ends_with(u'\\') && !Path.ends_with(u'/')) Path += u'\\';
-  Path += FileName;
+void ValidateDatabaseId(const FilePlace& Place, std::uint32_t nAssigned) {
   std::uint32_t nPrevious = 0;
-  const FileContent Found = TryReadDatabaseId(Path, &nPrevious);
+  const FileContent Found = TryReadDatabaseId(Place, &nPrevious);
   if (Found.IsOurs()) {
     Trace(kHostRoot, traceRoutine,
           "lmb\tValidateDatabaseId: indexFilePath = '%S', previousDatabaseId = %u, assignedDatabaseId = %u",
-          Path.c_str(), nPrevious, nAssigned);
+          Place.Path.c_str(), nPrevious, nAssigned);
     return;
   }
   const bool bSaved =
-      Succeeded(Found.OrStartAnew([&] { return TrySaveDatabaseId(Path, nAssigned) ? errOK : errWRITE_FAILED; }));
+      Succeeded(Found.OrStartAnew([&] { return TrySaveDatabaseId(Place, nAssigned) ? errOK : errWRITE_FAILED; }));
   const char* const pOutcome = bSaved ? "succeeded" : "failed";
   Trace(kHostRoot, bSaved ? traceNotable : traceFailure,
-        "lmb\tValidateDatabaseId: indexFilePath = '%S', assignedDatabaseId = %u, TrySaveDatabaseIndex %s", Path.c_str(),
-        nAssigned, pOutcome);
+        "lmb\tValidateDatabaseId: indexFilePath = '%S', assignedDatabaseId = %u, TrySaveDatabaseIndex %s",
+        Place.Path.c_str(), nAssigned, pOutcome);
 }
 
 }  // namespace lumbra

@@ -13,6 +13,7 @@
 
 #include "format/named_index_file.h"
 #include "lumbra/result_code.h"
+#include "platform/file.h"
 
 namespace lumbra {
 
@@ -21,20 +22,20 @@ using PersistentIndex = std::vector<std::string>;
 
 // Loads the names, and whether the file is marked corrupted. A file that is missing or damaged is replaced by
 // an empty one. errUNSPECIFIED when that fails, too, or when the file is there and cannot be opened or read.
-ResultCode LoadPersistentIndexes(const std::u16string& Path, PersistentIndex* pNames, bool* pbCorrupted);
+ResultCode LoadPersistentIndexes(const FilePlace& Place, PersistentIndex* pNames, bool* pbCorrupted);
 
 // Appends a name (at most 63 bytes) as item nIndex. Refused with errUNSPECIFIED unless the file ends exactly
 // there.
-ResultCode SavePersistentIndex(const std::u16string& Path, std::uint32_t nIndex, std::string_view Name);
+ResultCode SavePersistentIndex(const FilePlace& Place, std::uint32_t nIndex, std::string_view Name);
 
 // Marks the file corrupted, on the disk; the names stay. False when that failed, which is traced.
-bool SaveCorruptedFlag(const std::u16string& Path);
+bool SaveCorruptedFlag(const FilePlace& Place);
 
 bool FindPersistentIndex(const PersistentIndex& Names, std::string_view Name, std::uint32_t* pnPosition);
 bool IsPersistentIndexFull(const PersistentIndex& Names);
 
-// Compares the id in a folder's identity file with the assigned one, for the trace alone; writes it where the
-// file is missing or invalid.
-void ValidateDatabaseId(std::u16string_view Folder, std::u16string_view FileName, std::uint32_t nAssigned);
+// Compares the id in an identity file with the assigned one, for the trace alone; writes it where the file is missing
+// or invalid.
+void ValidateDatabaseId(const FilePlace& Place, std::uint32_t nAssigned);
 
 }  // namespace lumbra

@@ -50,17 +50,29 @@ File::~File() {
   (void)Close();  // who wants to know closes it before
 }
 
+// Holds what an opening has come to, in place of what was open before.
+ResultCode File::Take(os::SystemError nOpened, os::FileHandle Opened) {
+  (void)Close();
+  m_Handle = Opened;
+  return ResultFromSystemError(nOpened);
+}
+
 ResultCode File::Create(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t nShare,
                         os::Disposition nDisposition, std::uint32_t nFlags) {
   os::FileHandle Opened = nullptr;
-  const ResultCode nCode = ResultFromSystemError(os::Open(Path, nAccess, nShare, nDisposition, nFlags, &Opened));
-  (void)Close();  // of the file that was open before
-  m_Handle = Opened;
-  return nCode;
+  const os::SystemError nError = os::Open(Path, nAccess, nShare, nDisposition, nFlags, &Opened);
+  return Take(nError, Opened);
 }
 
 ResultCode File::OpenWithFlags(std::u16string_view Path, std::uint32_t nFlags, std::uint32_t nDisposition) {
   return Create(Path, AccessOf(nFlags), ShareOf(nFlags), DispositionOf(nDisposition), 0);
+}
+
+ResultCode File::OpenWithFlags(const FilePlace& Place, std::uint32_t nFlags, std::uint32_t nDisposition) {
+  os::FileHandle Opened = nullptr;
+  const os::SystemError nError =
+      os::Open(Place.pFolder, Place.Name, AccessOf(nFlags), ShareOf(nFlags), DispositionOf(nDisposition), 0, &Opened);
+  return Take(nError, Opened);
 }
 
 ResultCode File::Read(void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead) {

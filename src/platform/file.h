@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "lumbra/result_code.h"
@@ -30,6 +31,13 @@ enum FileDisposition : std::uint32_t {
   truncateExisting = 5,
 };
 
+// Where a file is: in a folder that is open, under a name. The path is what traces show.
+struct FilePlace {
+  os::FolderHandle pFolder;
+  std::u16string Name;
+  std::u16string Path;
+};
+
 class File {
  public:
   File() = default;
@@ -44,6 +52,7 @@ class File {
 
   // Create with FileFlags and a FileDisposition.
   ResultCode OpenWithFlags(std::u16string_view Path, std::uint32_t nFlags, std::uint32_t nDisposition);
+  ResultCode OpenWithFlags(const FilePlace& Place, std::uint32_t nFlags, std::uint32_t nDisposition);
 
   // Reads at the current position; at the end of the file fewer bytes. *pnRead is stored on success only.
   ResultCode Read(void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead);
@@ -61,6 +70,8 @@ class File {
   os::FileHandle Release();
 
  private:
+  ResultCode Take(os::SystemError nOpened, os::FileHandle Opened);
+
   os::FileHandle m_Handle = nullptr;
 };
 

@@ -3,7 +3,6 @@
 #include <string>
 
 #include "platform/exception.h"
-#include "platform/os.h"
 #include "platform/result.h"
 
 namespace lumbra {
@@ -18,7 +17,7 @@ std::u16string AbsolutePath(std::u16string_view Folder) {
   return Absolute;
 }
 
-ResultCode CreateAbsolute(std::u16string_view Path) {
+ResultCode CreateAbsolute(std::u16string_view Path, os::Readers ForWhom) {
   bool bFolder = false;
   const ResultCode nFound = ResultFromSystemError(os::IsFolder(Path, &bFolder));
   if (Succeeded(nFound)) return bFolder ? errOK : errPATH_NAME_INVALID;
@@ -27,18 +26,18 @@ ResultCode CreateAbsolute(std::u16string_view Path) {
   const std::u16string_view Parent = os::ParentOf(Path);
   if (!Parent.empty()) {
     if (Parent == Path) return errPATH_NOT_FOUND;  // a root that does not exist
-    const ResultCode nParent = CreateAbsolute(Parent);
+    const ResultCode nParent = CreateAbsolute(Parent, ForWhom);
     if (Failed(nParent)) return nParent;
   }
   if (os::IsFolder(Path, &bFolder) == os::kSuccess && bFolder) return errFALSE;
-  return ResultFromSystemError(os::MakeFolder(Path));
+  return ResultFromSystemError(os::MakeFolder(Path, ForWhom));
 }
 
 }  // namespace
 
-ResultCode CreateDirectories(std::u16string_view Folder) noexcept {
+ResultCode CreateDirectories(std::u16string_view Folder, os::Readers ForWhom) noexcept {
   try {
-    return CreateAbsolute(AbsolutePath(Folder));
+    return CreateAbsolute(AbsolutePath(Folder), ForWhom);
   } catch (...) {
     return ResultFromCurrentException();
   }

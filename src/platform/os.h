@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -69,9 +70,25 @@ enum class Disposition : std::uint32_t {
   TruncateExisting = 5,
 };
 
-// Opens or creates a file. A file whose holder does not share what is asked for here, or that is held in a
-// way that nShare does not allow, is kSharingViolation: at once, and before anything in it changes. Stores
-// the handle on success only; the caller gives it back with Close.
+// A folder that stays open: what is done in it is done there, whatever its path leads to by then. On Windows it is its
+// path. Any thread may use it, and it closes with its last user.
+struct OpenedFolder;
+using FolderHandle = std::shared_ptr<const OpenedFolder>;
+
+// Who may read the files and folders that are made in a folder, beside the user who makes them. Nobody but that user
+// may write to them, whatever the process's mask says; those that are there keep their rights, and so do all where the
+// file system knows of none. On Windows they inherit those of the folder.
+enum class Readers { OwnerAlone, OwnerAndGroup };
+
+// Opens or creates a file of a folder. A file whose holder does not share what is asked for here, or that is held in a
+// way that nShare does not allow, is kSharingViolation: at once, and before anything in it changes. On posix a link, a
+// file that has other names as well, and what is no plain file are kAccessDenied, before anything in it changes: who
+// may write to the folder could lead us to a file that he may not write to. Stores the handle on success only; the
+// caller gives it back with Close.
+SystemError Open(const FolderHandle& pFolder, std::u16string_view Name, std::uint32_t nAccess, std::uint32_t nShare,
+                 Disposition nDisposition, std::uint32_t nFlags, FileHandle* pHandle);
+
+// The same by a path, whose folder is opened for it by whatever links lead there.
 SystemError Open(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t nShare, Disposition nDisposition,
                  std::uint32_t nFlags, FileHandle* pHandle);
 SystemError Close(FileHandle Handle);
@@ -99,7 +116,7 @@ SystemError Flush(FileHandle Handle);
 // When the file was created, as a FILETIME (100 ns units since 1601-01-01 UTC).
 SystemError GetCreationTime(FileHandle Handle, std::uint64_t* pnTime);
 
-SystemError RemoveFile(std::u16string_view Path);
+SystemError RemoveFile(const FolderHandle& pFolder, std::u16string_view Name);
 
 // ---- Folders and searches ---------------------------------------------------------------------------------
 
@@ -113,7 +130,13 @@ std::u16string_view ParentOf(std::u16string_view Absolute);
 SystemError IsFolder(std::u16string_view Path, bool* pbFolder);
 
 // Makes a folder, and brings its name to the disk where the system does that.
-SystemError MakeFolder(std::u16string_view Path);
+SystemError MakeFolder(std::u16string_view Path, Readers ForWhom);
+SystemError MakeFolder(const FolderHandle& pParent, std::u16string_view Name);
+
+// Opens a folder by its path, whose last name is no link, or one within a folder that is open. What is made in it is
+// for those readers, in the second case for those of its parent. kPathNotFound for what is no folder.
+SystemError OpenFolder(std::u16string_view Path, Readers ForWhom, FolderHandle* ppFolder);
+SystemError OpenFolder(const FolderHandle& pParent, std::u16string_view Name, FolderHandle* ppFolder);
 
 struct FoundFile {
   std::u16string Name;
@@ -122,10 +145,11 @@ struct FoundFile {
   std::int64_t nCreationTimeSeconds;  // since 1970-01-01 UTC, rounded down
 };
 
-// Calls Visit for each entry that matches a path whose last name may hold '*' and '?', until it answers
-// false. kFileNotFound when nothing matches (or the folder is missing), another number when the search itself, or the
-// look at an entry that matches, fails.
-SystemError FindFiles(std::u16string_view PathPattern, const std::function<bool(const FoundFile&)>& Visit);
+// Calls Visit for each entry of a folder that matches a pattern, in which '*' and '?' stand for others, until it
+// answers false. kFileNotFound when nothing matches (or the folder is gone), another number when the search itself, or
+// the look at an entry that matches, fails. On posix a link is looked at itself.
+SystemError FindFiles(const FolderHandle& pFolder, std::u16string_view Pattern,
+                      const std::function<bool(const FoundFile&)>& Visit);
 
 // While one lives, searches of this thread in one folder may take the names from a single listing of it. For
 // callers that search a folder many times while nobody adds or removes files.
@@ -138,13 +162,13 @@ class SearchScope {
 };
 
 // The names of a folder's entries that are neither folders nor links, in no order. After an error some are missing.
-SystemError ListPlainFiles(std::u16string_view Folder, std::vector<std::u16string>* pNames);
+SystemError ListPlainFiles(const FolderHandle& pFolder, std::vector<std::u16string>* pNames);
 
 // Deletes those entries, the one of the given name behind all others. What cannot be deleted stays.
-SystemError RemovePlainFiles(std::u16string_view Folder, std::u16string_view LastName);
+SystemError RemovePlainFiles(const FolderHandle& pFolder, std::u16string_view LastName);
 
 // The size of a file that others may hold open in any way.
-SystemError MeasureFile(std::u16string_view Path, std::uint64_t* pnSize);
+SystemError MeasureFile(const FolderHandle& pFolder, std::u16string_view Name, std::uint64_t* pnSize);
 
 // ---- Time and text ----------------------------------------------------------------------------------------
 

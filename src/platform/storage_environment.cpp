@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <new>
 #include <utility>
@@ -36,31 +35,13 @@ std::u16string FileName(std::u16string_view Name, std::uint32_t nId) {
   return Full;
 }
 
-bool EndsWithSeparator(std::u16string_view Folder) {
-  return Folder.ends_with(u'\\') || Folder.ends_with(u'/');
+// The same for a search, whose name may be a pattern, and of any length.
+std::u16string PatternOf(std::u16string_view Name, std::uint32_t nId) {
+  return nId == 0 ? std::u16string(Name) : SegmentFileName(nId, Name);
 }
 
-struct BlockDeleter {
-  void operator()(char16_t* pBlock) const { StorageEnvironment::Free(pBlock); }
-};
-using PathBlock = std::unique_ptr<char16_t[], BlockDeleter>;
-
-// The path of a file or pattern, zero-terminated, in a block of its own; null when there is no memory for it.
-PathBlock BuildFilePath(std::u16string_view Folder, std::u16string_view Name, std::uint32_t nId) {
-  constexpr std::size_t kRoomForPrefixBytes = 128;  // separator, number and terminator, with room to spare
-  const std::size_t nBytes = (Folder.size() + Name.size()) * sizeof(char16_t) + kRoomForPrefixBytes;
-  PathBlock Path(static_cast<char16_t*>(StorageEnvironment::Alloc(static_cast<std::uint32_t>(nBytes))));
-  if (Path == nullptr) return Path;
-  char16_t* pEnd = Path.get();
-  const auto Append = [&pEnd](std::u16string_view Text) {
-    std::memcpy(pEnd, Text.data(), Text.size() * sizeof(char16_t));
-    pEnd += Text.size();
-  };
-  Append(Folder);
-  if (!EndsWithSeparator(Folder)) Append(u"\\");
-  if (nId != 0) Append(SegmentPrefix(nId));
-  Append(Name);
-  return Path;
+bool EndsWithSeparator(std::u16string_view Folder) {
+  return Folder.ends_with(u'\\') || Folder.ends_with(u'/');
 }
 
 ResultCode ResultOfSearch(os::SystemError nError) {
@@ -88,15 +69,47 @@ bool StorageEnvironment::Init(StorageOwner* pOwner, const char16_t* pFolder, Fol
                               bool bEnvironmentFlag) noexcept {
   if (pOwner == nullptr || pFolder == nullptr) return false;
   try {
-    m_pOwner = pOwner;
-    m_Folder = pFolder;
+    if (!Open(pOwner, pFolder, {})) return false;
   } catch (const std::bad_alloc&) {
     return false;
   }
-  if (m_Folder.empty()) return false;
-  if (CreateDirectories(m_Folder) != errOK) return false;
   if (Content == FolderContent::Wipe) (void)DeleteFiles(u"*.*", 0);  // answers errOK always
   m_bEnvironmentFlag = bEnvironmentFlag;
+  return true;
+}
+
+bool StorageEnvironment::InitBelow(StorageOwner* pOwner, const char16_t* pStore, const char16_t* pName,
+                                   bool bEnvironmentFlag) noexcept {
+  if (pOwner == nullptr || pStore == nullptr || pName == nullptr) return false;
+  try {
+    if (!Open(pOwner, pStore, pName)) return false;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  m_bEnvironmentFlag = bEnvironmentFlag;
+  return true;
+}
+
+// Opens the folder of a store, or, with a name, that of a database in it; makes it where it is missing.
+bool StorageEnvironment::Open(StorageOwner* pOwner, std::u16string_view Store, std::u16string_view Name) {
+  m_pFolder.reset();
+  m_pOwner = pOwner;
+  m_Folder = Store;
+  if (m_Folder.empty()) return false;
+  const os::Readers ForWhom = pOwner->ReadersOfNewFiles();
+  os::FolderHandle pOpened;
+  if (CreateDirectories(m_Folder, ForWhom) != errOK) return false;
+  if (os::OpenFolder(m_Folder, ForWhom, &pOpened) != os::kSuccess) return false;
+  if (!Name.empty()) {
+    if (!EndsWithSeparator(m_Folder)) m_Folder += u'\\';
+    m_Folder.append(Name) += u'\\';
+    const os::FolderHandle pStore = std::move(pOpened);
+    os::SystemError nError = os::OpenFolder(pStore, Name, &pOpened);
+    if (nError == os::kFileNotFound && os::MakeFolder(pStore, Name) == os::kSuccess)
+      nError = os::OpenFolder(pStore, Name, &pOpened);
+    if (nError != os::kSuccess) return false;
+  }
+  m_pFolder = std::move(pOpened);
   return true;
 }
 
@@ -108,18 +121,18 @@ ResultCode StorageEnvironment::OpenFile(const char16_t* pName, std::uint32_t nId
                                         std::unique_ptr<StorageFile>* ppFile) {
   IoPriorityGuard::BeforeFileAccess();
   const ThreadTokenSuspension Suspension;
-  if (m_Folder.empty()) return errSTORE_NOT_INITIALIZED;
+  if (m_pFolder == nullptr) return errSTORE_NOT_INITIALIZED;
   if (pName == nullptr || ppFile == nullptr) return errPARAMETER_INVALID;
   try {
-    std::u16string Path = PathOf(FileName(pName, nId));
+    FilePlace Place = PlaceOf(FileName(pName, nId));
     const std::uint32_t nFlags = fileRead | fileShareRead | (bWritable ? std::uint32_t{fileWrite} : 0u);
     File Opened;
-    const ResultCode nCode = ToHostResult(Opened.OpenWithFlags(Path, nFlags, bCreate ? openAlways : openExisting));
+    const ResultCode nCode = ToHostResult(Opened.OpenWithFlags(Place, nFlags, bCreate ? openAlways : openExisting));
     if (Failed(nCode)) return nCode;
     // The handle is released only once nothing can fail any more.
     void* const pMemory = ::operator new(sizeof(StorageFile), std::nothrow);
     if (pMemory == nullptr) return errOUT_OF_MEMORY;
-    ppFile->reset(new (pMemory) StorageFile(Opened.Release(), std::move(Path)));
+    ppFile->reset(new (pMemory) StorageFile(Opened.Release(), std::move(Place.Path)));
     return nCode;
   } catch (const std::bad_alloc&) {
     return errOUT_OF_MEMORY;
@@ -127,13 +140,13 @@ ResultCode StorageEnvironment::OpenFile(const char16_t* pName, std::uint32_t nId
 }
 
 ResultCode StorageEnvironment::DeleteFiles(const char16_t* /*pPattern*/, std::uint32_t nId) noexcept {
-  if (m_Folder.empty()) return errOK;
+  if (m_pFolder == nullptr) return errOK;
   try {
     if (nId != 0) {
       for (const std::u16string_view Name : kSegmentFiles) Delete(FileName(Name, nId));
     } else if (DeleteSegments()) {
       // What says where the chain starts goes last: nothing leads to a segment without it.
-      (void)os::RemovePlainFiles(m_Folder, kSegmentsFile);
+      (void)os::RemovePlainFiles(m_pFolder, kSegmentsFile);
     }
   } catch (const std::bad_alloc&) {
     // What was not reached stays, like any other file that could not be deleted.
@@ -146,11 +159,11 @@ ResultCode StorageEnvironment::DeleteFiles(const char16_t* /*pPattern*/, std::ui
 // one, or could not list them.
 bool StorageEnvironment::DeleteSegments() {
   std::vector<std::u16string> Names;
-  if (os::ListPlainFiles(m_Folder, &Names) != os::kSuccess) return false;
+  if (os::ListPlainFiles(m_pFolder, &Names) != os::kSuccess) return false;
   std::erase_if(Names, [](const std::u16string& Name) { return !IsEventsFileName(Name); });
   std::sort(Names.begin(), Names.end(), std::greater<>());
   for (const std::u16string& Name : Names) {
-    if (os::RemoveFile(PathOf(Name)) != os::kSuccess) return false;
+    if (os::RemoveFile(m_pFolder, Name) != os::kSuccess) return false;
     const std::u16string Number = Name.substr(0, kSegmentPrefixLength);
     for (const std::u16string_view Other : kSegmentFiles) {
       if (Other != kEventsFile) Delete(Number + std::u16string(Other));
@@ -161,7 +174,7 @@ bool StorageEnvironment::DeleteSegments() {
 
 // What cannot be deleted stays; who has to know looks for it afterwards.
 void StorageEnvironment::Delete(std::u16string_view FileName) const {
-  (void)os::RemoveFile(PathOf(FileName));
+  (void)os::RemoveFile(m_pFolder, FileName);
 }
 
 void* StorageEnvironment::Alloc(std::uint32_t nSize) noexcept {
@@ -193,12 +206,10 @@ std::uint32_t StorageEnvironment::UpperCase(char16_t* pText, std::uint32_t nUnit
 
 ResultCode StorageEnvironment::GetFileCreationTime(const char16_t* pName, std::uint32_t nId,
                                                    std::uint64_t* pnTime) noexcept {
-  if (m_Folder.empty()) return errSTORE_NOT_INITIALIZED;
+  if (m_pFolder == nullptr) return errSTORE_NOT_INITIALIZED;
   if (pName == nullptr || pnTime == nullptr) return errPARAMETER_INVALID;
   try {
-    const PathBlock Path = BuildFilePath(m_Folder, pName, nId);
-    if (Path == nullptr) return errOUT_OF_MEMORY;
-    return ResultOfSearch(os::FindFiles(Path.get(), [pnTime](const os::FoundFile& Found) {
+    return ResultOfSearch(os::FindFiles(m_pFolder, PatternOf(pName, nId), [pnTime](const os::FoundFile& Found) {
       *pnTime = static_cast<std::uint64_t>((Found.nCreationTimeSeconds + kSecondsTo1970) * kFileTimeUnitsPerSecond);
       return false;  // the first match is enough
     }));
@@ -208,15 +219,13 @@ ResultCode StorageEnvironment::GetFileCreationTime(const char16_t* pName, std::u
 }
 
 ResultCode StorageEnvironment::GetFileSize(const char16_t* pName, std::uint32_t nId, std::uint64_t* pnSize) noexcept {
-  if (m_Folder.empty()) return errSTORE_NOT_INITIALIZED;
+  if (m_pFolder == nullptr) return errSTORE_NOT_INITIALIZED;
   if (pName == nullptr || pnSize == nullptr) return errPARAMETER_INVALID;
   *pnSize = 0;
   try {
-    const PathBlock Path = BuildFilePath(m_Folder, pName, nId);
-    if (Path == nullptr) return errOUT_OF_MEMORY;
     enum class Exact { Unknown, No, Yes } Measure = Exact::Unknown;  // asked once, when something was found
     ResultCode nFailure = errOK;
-    const os::SystemError nError = os::FindFiles(Path.get(), [&](const os::FoundFile& Found) {
+    const os::SystemError nError = os::FindFiles(m_pFolder, PatternOf(pName, nId), [&](const os::FoundFile& Found) {
       if (Measure == Exact::Unknown) Measure = m_pOwner->ExactFileSizes() ? Exact::Yes : Exact::No;
       if (Found.bFolder) return true;
       std::uint64_t nSize = Found.nSize;
@@ -225,7 +234,7 @@ ResultCode StorageEnvironment::GetFileSize(const char16_t* pName, std::uint32_t 
         Trace(kHostRoot, traceRoutine,
               "lmb\tGetFileSize: dir entry file size: dirname = '%S'; filename = '%S'; size = %I64d", pFolder,
               Found.Name.c_str(), nSize);
-        if (os::MeasureFile(PathOf(Found.Name), &nSize) != os::kSuccess) {
+        if (os::MeasureFile(m_pFolder, Found.Name, &nSize) != os::kSuccess) {
           nFailure = errUNEXPECTED;
           return false;
         }
@@ -240,6 +249,10 @@ ResultCode StorageEnvironment::GetFileSize(const char16_t* pName, std::uint32_t 
   } catch (const std::bad_alloc&) {
     return errOUT_OF_MEMORY;
   }
+}
+
+FilePlace StorageEnvironment::PlaceOf(std::u16string_view FileName) const {
+  return {m_pFolder, std::u16string(FileName), PathOf(FileName)};
 }
 
 std::u16string StorageEnvironment::PathOf(std::u16string_view FileName) const {

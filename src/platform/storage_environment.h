@@ -4,6 +4,9 @@
 // A file that belongs to the folder as a whole has the plain base name ("segments.dat", id 0); a segment's
 // file carries the segment's number in front ("0000002A_events.dat", id 0x2A).
 //
+// The folder is opened once, and its files are reached through it: what its path leads to later, or a link in the place
+// of a file, leads nowhere else (platform/os.h).
+//
 // It takes no locks: its owner serialises the use. The static services keep no state and may be called from
 // any thread. No operation but OpenFile throws.
 #pragma once
@@ -14,6 +17,7 @@
 #include <string_view>
 
 #include "lumbra/result_code.h"
+#include "platform/file.h"
 #include "platform/storage_file.h"
 
 namespace lumbra {
@@ -23,6 +27,9 @@ class StorageOwner {
  public:
   // Whether file sizes are measured one by one instead of being taken from the folder's entries.
   virtual bool ExactFileSizes() = 0;
+
+  // Who may read the files and folders that are made.
+  virtual os::Readers ReadersOfNewFiles() { return os::Readers::OwnerAlone; }
 
  protected:
   ~StorageOwner() = default;
@@ -36,12 +43,18 @@ class StorageEnvironment {
   StorageEnvironment(const StorageEnvironment&) = delete;
   StorageEnvironment& operator=(const StorageEnvironment&) = delete;
 
-  // Points the environment at a folder, which is created with its missing parents. True when it exists
+  // Points the environment at a folder, which is created with its missing parents, and is no link. True when it is open
   // afterwards. The owner must outlive the environment's use. May be called again, for another folder.
   bool Init(StorageOwner* pOwner, const char16_t* pFolder, FolderContent Content, bool bEnvironmentFlag) noexcept;
 
+  // The same for the folder of a database in that of a store; neither is a link.
+  bool InitBelow(StorageOwner* pOwner, const char16_t* pStore, const char16_t* pName, bool bEnvironmentFlag) noexcept;
+
   // Now, as a FILETIME (100 ns units since 1601-01-01 UTC).
   static std::uint64_t GetCurrentTime();
+
+  // Where a file that belongs to the folder as a whole is. Without a folder before Init.
+  FilePlace PlaceOf(std::u16string_view FileName) const;
 
   // Opens a file that others may read but not write; with bCreate it is created where it is missing. Answers
   // in the host's form: errOBJECT_NOT_FOUND for a missing file, errSHARING_VIOLATION for one that is held,
@@ -78,12 +91,14 @@ class StorageEnvironment {
   ResultCode GetFileSize(const char16_t* pName, std::uint32_t nId, std::uint64_t* pnSize) noexcept;
 
  private:
+  bool Open(StorageOwner* pOwner, std::u16string_view Store, std::u16string_view Name);
   std::u16string PathOf(std::u16string_view FileName) const;
   bool DeleteSegments();
   void Delete(std::u16string_view FileName) const;
 
   StorageOwner* m_pOwner = nullptr;
-  std::u16string m_Folder;          // as passed to Init; empty until then
+  std::u16string m_Folder;          // as passed to Init, for traces
+  os::FolderHandle m_pFolder;       // null until Init
   bool m_bEnvironmentFlag = false;  // recorded; nothing depends on it
 };
 

@@ -21,16 +21,16 @@ class NamedIndexTest : public World {
     return {Content.begin(), Content.end()};
   }
 
-  ResultCode Save(std::uint32_t nIndex, std::string_view Name) { return SavePersistentIndex(m_Path, nIndex, Name); }
+  ResultCode Save(std::uint32_t nIndex, std::string_view Name) { return SavePersistentIndex(m_Place, nIndex, Name); }
   // What a load gives: the names, and whether the file is marked; or the code of its failure.
   std::string Loaded() {
     PersistentIndex Names = {"leftover"};
     bool bCorrupted = true;
-    const ResultCode nCode = LoadPersistentIndexes(m_Path, &Names, &bCorrupted);
+    const ResultCode nCode = LoadPersistentIndexes(m_Place, &Names, &bCorrupted);
     return Failed(nCode) ? Name(nCode) : ::testing::PrintToString(Names) + (bCorrupted ? " corrupted" : "");
   }
 
-  const std::u16string m_Path = (Folder() / "g_db_id.dat").u16string();
+  const FilePlace m_Place = m_Environment.PlaceOf(u"g_db_id.dat");
   const std::string m_Signature = "The file contains indexes of named databases. Ver 1.0";
 };
 
@@ -50,7 +50,7 @@ TEST_F(NamedIndexTest, StartsAnewWhereItIsMissingOrDamaged) {
   fs::resize_file(Folder() / "g_db_id.dat", 164);
   StartsAnew({kIs + "failed to read data from file, ulo res = 0, bytesRead = 100"});
   Put({m_Signature + " Spoiled", "name"});
-  const std::string kPath = (Folder() / "g_db_id.dat").string();
+  const std::string kPath = Folder().string() + "\\g_db_id.dat";
   StartsAnew(
       {kIs + "file signature is not valid", kIs + "corrupted persistent index file (" + kPath + ") content: none"});
 }
@@ -93,7 +93,7 @@ TEST_F(NamedIndexTest, TakesBackANameThatDoesNotReachTheDisk) {
 
 TEST_F(NamedIndexTest, KeepsItsNamesWhereItIsMarked) {
   Put({m_Signature, "name"});
-  EXPECT_TRUE(SaveCorruptedFlag(m_Path));
+  EXPECT_TRUE(SaveCorruptedFlag(m_Place));
   EXPECT_EQ(R"({ "name" } corrupted)", Loaded());
   EXPECT_EQ((Lines{"500 SaveCorruptedFlag: successful",
                    "500 TryLoadPersistentIndexes: successful, 1 items read, DB Corrupted"}),
@@ -106,7 +106,7 @@ TEST_F(NamedIndexTest, ChecksIdentityFiles) {
   const Lines kSaved = {"500 TrySaveDatabaseId: indexFilePath = '" + kPath + "', databaseId = 49",
                         "400 " + kAt + "assignedDatabaseId = 49, TrySaveDatabaseIndex succeeded"};
   const auto Validated = [&](std::uint32_t nAssigned) {
-    ValidateDatabaseId(WideFolder(), u"id.log", nAssigned);
+    ValidateDatabaseId(m_Environment.PlaceOf(u"id.log"), nAssigned);
     EXPECT_EQ("00000031", ToHex(ReadFile("id.log")));
     return TakeTrace();
   };

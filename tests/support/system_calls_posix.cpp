@@ -52,10 +52,10 @@ std::string PathOf(int nDescriptor) {
   return std::string(Path, static_cast<std::size_t>(std::max<ssize_t>(nSize, 0)));
 }
 
-// A name that has come or gone.
-void TellName(DiskChange::Kind What, const char* pPath) {
+// A name in a folder that has come or gone.
+void TellName(DiskChange::Kind What, int nFolder, const char* pName) {
   if (!Watched()) return;
-  DiskChange Change{What, pPath};
+  DiskChange Change{What, PathOf(nFolder) + '/' + pName};
   g_Watch(Change);
 }
 
@@ -144,23 +144,23 @@ int __wrap_fsync(int f) {
   return static_cast<int>(Told({IsFolder(f) ? DiskChange::SyncFolder : DiskChange::Sync, PathOf(f)}, 0,
                                [f](const DiskChange&) { return __real_fsync(f); }));
 }
-int __real_unlink(const char*);
-int __wrap_unlink(const char* pPath) {
-  const int nAnswer = Fails(SystemCall::Remove) ? -1 : __real_unlink(pPath);
-  if (nAnswer == 0) TellName(DiskChange::Remove, pPath);
+int __real_unlinkat(int, const char*, int);
+int __wrap_unlinkat(int f, const char* pName, int nFlags) {
+  const int nAnswer = Fails(SystemCall::Remove) ? -1 : __real_unlinkat(f, pName, nFlags);
+  if (nAnswer == 0) TellName(DiskChange::Remove, f, pName);
   return nAnswer;
 }
-int __real_mkdir(const char*, mode_t);
-int __wrap_mkdir(const char* pPath, mode_t nMode) {
-  const int nAnswer = Fails(SystemCall::MakeFolder) ? -1 : __real_mkdir(pPath, nMode);
-  if (nAnswer == 0) TellName(DiskChange::MakeFolder, pPath);
+int __real_mkdirat(int, const char*, mode_t);
+int __wrap_mkdirat(int f, const char* pName, mode_t nMode) {
+  const int nAnswer = Fails(SystemCall::MakeFolder) ? -1 : __real_mkdirat(f, pName, nMode);
+  if (nAnswer == 0) TellName(DiskChange::MakeFolder, f, pName);
   return nAnswer;
 }
-int __real_open(const char*, int, ...);
-int __wrap_open(const char* pPath, int nFlags, mode_t nMode) {
+int __real_openat(int, const char*, int, ...);
+int __wrap_openat(int f, const char* pName, int nFlags, mode_t nMode) {
   if (Fails((nFlags & O_DIRECTORY) != 0 ? SystemCall::OpenFolder : SystemCall::Open)) return -1;
-  const int nDescriptor = __real_open(pPath, nFlags, nMode);
-  if (nDescriptor >= 0 && (nFlags & O_EXCL) != 0) TellName(DiskChange::Create, pPath);  // the store's way to create
+  const int nDescriptor = __real_openat(f, pName, nFlags, nMode);
+  if (nDescriptor >= 0 && (nFlags & O_EXCL) != 0) TellName(DiskChange::Create, f, pName);  // the store's way to create
   return nDescriptor;
 }
 long __real_syscall(long, ...);

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <filesystem>
 #include <limits>
 #include <memory>
 #include <new>
@@ -22,7 +21,7 @@ static_assert(sizeof(off_t) == 8, "files are larger than 2 GB");
 struct OpenFile {
   int nDescriptor = -1;
   std::uint32_t nAccess = 0;
-  std::string FolderToSync;  // of a file that was created here and not flushed yet; empty otherwise
+  FolderHandle pFolderToSync;  // of a file that was created here and not flushed yet; null otherwise
 
   ~OpenFile() {
     if (nDescriptor >= 0) close(nDescriptor);
@@ -32,12 +31,8 @@ struct OpenFile {
 
 namespace {
 
-// The last errno as a Win32 number; never success, also when a library left errno alone.
-SystemError LastError() {
-  return errno == 0 ? kGeneralFailure : ErrorFromErrno(errno);
-}
-
-constexpr int kOpenFlags = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;  // not to wait for the other end of a pipe
+// Neither a link nor the other end of a pipe, for which an opening would wait.
+constexpr int kOpenFlags = O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW;
 
 int OpenModeOf(std::uint32_t nAccess) {
   if ((nAccess & kGenericWrite) == 0) return O_RDONLY;
@@ -68,28 +63,26 @@ int OffStandardStreams(int nDescriptor) {
   return nMoved;
 }
 
-// Opens as the disposition says, except that nothing is cut yet. *pbCreated tells whether the file is new.
-int OpenByDisposition(const std::string& Path, int nFlags, Disposition nDisposition, bool* pbCreated) {
+// Opens as the disposition says, except that nothing is cut yet. *pbCreated tells whether the file is new: one that was
+// made by nobody else, and so no link.
+int OpenByDisposition(const OpenedFolder& Folder, const std::string& Name, int nFlags, Disposition nDisposition,
+                      bool* pbCreated) {
+  const auto OpenThere = [&] {
+    return OpenDescriptor(Folder.nDescriptor, Name, nFlags);
+  };
+  const auto Create = [&] {
+    const int nDescriptor = OpenDescriptor(Folder.nDescriptor, Name, nFlags | O_CREAT | O_EXCL, Folder.FileMode());
+    *pbCreated = nDescriptor >= 0;
+    return nDescriptor;
+  };
   *pbCreated = false;
-  switch (nDisposition) {
-    case Disposition::OpenExisting:
-    case Disposition::TruncateExisting:
-      return OpenDescriptor(Path, nFlags);
-    case Disposition::CreateNew:
-      *pbCreated = true;
-      return OpenDescriptor(Path, nFlags | O_CREAT | O_EXCL);
-    case Disposition::CreateAlways:
-    case Disposition::OpenAlways:
-      break;
-  }
-  int nDescriptor = OpenDescriptor(Path, nFlags);
-  if (nDescriptor >= 0 || errno != ENOENT) return nDescriptor;
-  nDescriptor = OpenDescriptor(Path, nFlags | O_CREAT | O_EXCL);
-  *pbCreated = nDescriptor >= 0;
+  if (nDisposition == Disposition::CreateNew) return Create();
+  int nDescriptor = OpenThere();
+  const bool bMayCreate = nDisposition == Disposition::CreateAlways || nDisposition == Disposition::OpenAlways;
+  if (nDescriptor >= 0 || errno != ENOENT || !bMayCreate) return nDescriptor;
+  nDescriptor = Create();
   if (nDescriptor >= 0 || errno != EEXIST) return nDescriptor;
-  // It is a link to a file that is missing, or somebody has made it since our first look.
-  *pbCreated = true;
-  return OpenDescriptor(Path, nFlags | O_CREAT);
+  return OpenThere();  // somebody has made it since our first look
 }
 
 // Only "reads, lets others read" is shared with others; every other combination holds the file alone.
@@ -97,22 +90,16 @@ bool IsShared(std::uint32_t nAccess, std::uint32_t nShare) {
   return (nAccess & kGenericWrite) == 0 && (nShare & kShareRead) != 0;
 }
 
-SystemError RefuseUnlessRegular(int nDescriptor) {
+// A file that has another name may lie in a folder to which its owner, and not we, meant to give us access.
+SystemError RefuseUnlessOurs(int nDescriptor) {
   struct stat Status {};
   if (fstat(nDescriptor, &Status) != 0) return LastError();
-  return S_ISREG(Status.st_mode) ? kSuccess : kAccessDenied;
+  return S_ISREG(Status.st_mode) && Status.st_nlink <= 1 ? kSuccess : kAccessDenied;
 }
 
 SystemError Truncate(int nDescriptor, std::uint64_t nSize) {
   if (nSize > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max())) return kInvalidParameter;
   while (ftruncate(nDescriptor, static_cast<off_t>(nSize)) != 0) {
-    if (errno != EINTR) return LastError();
-  }
-  return kSuccess;
-}
-
-SystemError Sync(int nDescriptor) {
-  while (fsync(nDescriptor) != 0) {
     if (errno != EINTR) return LastError();
   }
   return kSuccess;
@@ -126,18 +113,10 @@ bool IsWorthAnotherSync(SystemError nError) {
 }
 
 // CreateFile tells a missing folder from a missing file; the system does not.
-SystemError ErrorOfMissing(std::u16string_view Path, SystemError nError) {
-  bool bFolder = false;
-  const bool bParentThere = IsFolder(ParentOf(Path), &bFolder) == kSuccess || ParentOf(Path).empty();
-  return nError == kFileNotFound && !bParentThere ? kPathNotFound : nError;
-}
-
-// The folder in which a file has its name, wherever links to it lead from. Absolute, so that it is still the same one
-// when the current folder has changed.
-std::string FolderOf(const std::string& Path) {
-  std::error_code Unknown;
-  const std::filesystem::path Real = std::filesystem::weakly_canonical(Path, Unknown);
-  return Unknown ? std::filesystem::absolute(Path, Unknown).parent_path() : Real.parent_path();
+SystemError ErrorOfMissing(const OpenedFolder& Folder, SystemError nError) {
+  struct stat Status {};
+  const bool bGone = fstat(Folder.nDescriptor, &Status) == 0 && Status.st_nlink == 0;
+  return nError == kFileNotFound && bGone ? kPathNotFound : nError;
 }
 
 // Calls Transfer until all bytes are moved, it moves none (the end of the file), or it fails. *pnDone counts from 0.
@@ -165,11 +144,14 @@ std::int64_t FileTimeOf(const statx_timestamp& Time) {
 
 }  // namespace
 
-int OpenDescriptor(const std::string& Path, int nFlags) {
-  constexpr mode_t kMode = 0666;  // the process's umask takes from it
+SystemError LastError() {
+  return errno == 0 ? kGeneralFailure : ErrorFromErrno(errno);
+}
+
+int OpenDescriptor(int nFolder, const std::string& Name, int nFlags, mode_t nMode) {
   bool bTriedAgain = false;
   for (;;) {
-    const int nDescriptor = open(Path.c_str(), nFlags, kMode);
+    const int nDescriptor = openat(nFolder, Name.c_str(), nFlags, nMode);
     if (nDescriptor >= 0) return OffStandardStreams(nDescriptor);
     if (errno == EINTR) continue;
     if (errno != EMFILE) return -1;
@@ -182,12 +164,18 @@ int OpenDescriptor(const std::string& Path, int nFlags) {
   }
 }
 
-SystemError SyncFolder(const std::string& Folder) {
-  const int nDescriptor = OpenDescriptor(Folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (nDescriptor < 0) return LastError();
-  const SystemError nError = Sync(nDescriptor);
-  close(nDescriptor);
-  return nError;
+void SetMode(int nDescriptor, mode_t nMode) {
+  struct stat Status {};
+  constexpr mode_t kRights = 07777;
+  if (fstat(nDescriptor, &Status) == 0 && (Status.st_mode & kRights) == nMode) return;
+  (void)fchmod(nDescriptor, nMode);  // a file system that knows of no rights refuses, and goes by those of its mount
+}
+
+SystemError Sync(int nDescriptor) {
+  while (fsync(nDescriptor) != 0) {
+    if (errno != EINTR) return LastError();
+  }
+  return kSuccess;
 }
 
 std::int64_t CreationFileTime(const struct statx& Status) {
@@ -195,10 +183,11 @@ std::int64_t CreationFileTime(const struct statx& Status) {
   return std::min({FileTimeOf(Status.stx_atime), FileTimeOf(Status.stx_mtime), FileTimeOf(Status.stx_ctime)});
 }
 
-SystemError Open(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t nShare, Disposition nDisposition,
-                 std::uint32_t /*nFlags*/, FileHandle* pHandle) try {
+SystemError Open(const FolderHandle& pFolder, std::u16string_view Name, std::uint32_t nAccess, std::uint32_t nShare,
+                 Disposition nDisposition, std::uint32_t /*nFlags*/, FileHandle* pHandle) try {
+  if (pFolder == nullptr) return kInvalidHandle;
   if (nDisposition == Disposition::TruncateExisting && (nAccess & kGenericWrite) == 0) return kInvalidParameter;
-  const std::string Native = NativePath(Path);
+  const std::string Native = NativePath(Name);
   const bool bCut = nDisposition == Disposition::CreateAlways || nDisposition == Disposition::TruncateExisting;
   const bool bShared = IsShared(nAccess, nShare);
   const int nMode = OpenModeOf(nAccess);
@@ -206,7 +195,7 @@ SystemError Open(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t 
   Opened->nAccess = nAccess;
   bool bCreated = false;
   const auto OpenAs = [&](int nOpenMode) {
-    Opened->nDescriptor = OpenByDisposition(Native, nOpenMode | kOpenFlags, nDisposition, &bCreated);
+    Opened->nDescriptor = OpenByDisposition(*pFolder, Native, nOpenMode | kOpenFlags, nDisposition, &bCreated);
   };
   // To cut a file, and on network file systems to hold one alone, takes a descriptor for writing.
   const bool bWiden = nMode == O_RDONLY && (bCut || !bShared);
@@ -214,17 +203,30 @@ SystemError Open(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t 
   const bool bRefused = Opened->nDescriptor < 0 && (errno == EACCES || errno == EPERM || errno == EROFS);
   if (bRefused && bWiden && !bCut) OpenAs(nMode);
   if (Opened->nDescriptor < 0) {
-    const SystemError nError = errno == EEXIST ? kFileExists : LastError();
-    return ErrorOfMissing(Path, nError);
+    if (errno == EEXIST) return kFileExists;
+    if (errno == ELOOP) return kAccessDenied;  // a link
+    return ErrorOfMissing(*pFolder, LastError());
   }
-  SystemError nError = RefuseUnlessRegular(Opened->nDescriptor);
+  if (bCreated) SetMode(Opened->nDescriptor, pFolder->FileMode());
+  SystemError nError = RefuseUnlessOurs(Opened->nDescriptor);
   if (nError == kSuccess && flock(Opened->nDescriptor, (bShared ? LOCK_SH : LOCK_EX) | LOCK_NB) != 0)
     nError = LastError();
   if (nError == kSuccess && bCut) nError = Truncate(Opened->nDescriptor, 0);
   if (nError != kSuccess) return nError;
-  if (bCreated) Opened->FolderToSync = FolderOf(Native);
+  if (bCreated) Opened->pFolderToSync = pFolder;
   *pHandle = Opened.release();
   return kSuccess;
+} catch (const std::bad_alloc&) {
+  return kNotEnoughMemory;
+}
+
+SystemError Open(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t nShare, Disposition nDisposition,
+                 std::uint32_t nFlags, FileHandle* pHandle) try {
+  FolderHandle pParent;
+  std::string Name;
+  const SystemError nError = OpenParent(NativePath(Path), Readers::OwnerAlone, &pParent, &Name);
+  if (nError != kSuccess) return nError == kFileNotFound ? kPathNotFound : nError;
+  return Open(pParent, WideName(Name), nAccess, nShare, nDisposition, nFlags, pHandle);
 } catch (const std::bad_alloc&) {
   return kNotEnoughMemory;
 }
@@ -298,10 +300,10 @@ SystemError SetSize(FileHandle Handle, std::uint64_t nSize) {
 SystemError Flush(FileHandle Handle) {
   if (Handle == nullptr) return kInvalidHandle;
   SystemError nError = Sync(Handle->nDescriptor);
-  if (nError != kSuccess || Handle->FolderToSync.empty()) return nError;
-  nError = SyncFolder(Handle->FolderToSync);
+  if (nError != kSuccess || Handle->pFolderToSync == nullptr) return nError;
+  nError = Sync(Handle->pFolderToSync->nDescriptor);
   if (IsWorthAnotherSync(nError)) return nError;
-  Handle->FolderToSync.clear();
+  Handle->pFolderToSync.reset();
   return kSuccess;
 }
 
@@ -314,13 +316,13 @@ SystemError GetCreationTime(FileHandle Handle, std::uint64_t* pnTime) {
   return kSuccess;
 }
 
-SystemError RemoveFile(std::u16string_view Path) {
-  return unlink(NativePath(Path).c_str()) == 0 ? kSuccess : LastError();
+SystemError RemoveFile(const FolderHandle& pFolder, std::u16string_view Name) {
+  return unlinkat(pFolder->nDescriptor, NativePath(Name).c_str(), 0) == 0 ? kSuccess : LastError();
 }
 
-SystemError MeasureFile(std::u16string_view Path, std::uint64_t* pnSize) {
+SystemError MeasureFile(const FolderHandle& pFolder, std::u16string_view Name, std::uint64_t* pnSize) {
   struct stat Status {};
-  if (stat(NativePath(Path).c_str(), &Status) != 0) return LastError();
+  if (fstatat(pFolder->nDescriptor, NativePath(Name).c_str(), &Status, AT_SYMLINK_NOFOLLOW) != 0) return LastError();
   *pnSize = static_cast<std::uint64_t>(Status.st_size);
   return kSuccess;
 }

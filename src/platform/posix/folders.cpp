@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <filesystem>
 #include <memory>
 #include <utility>
 
@@ -20,10 +19,28 @@ struct FolderCloser {
   void operator()(DIR* pFolder) const { closedir(pFolder); }
 };
 
+constexpr int kFolderFlags = O_DIRECTORY | O_CLOEXEC;
+
+// A folder by its name in another one. One that may be used and not read is opened all the same: its names cannot be
+// listed nor synced then.
+SystemError OpenThere(int nFolder, const std::string& Name, int nFlags, Readers ForWhom, FolderHandle* ppFolder) {
+  int nDescriptor = OpenDescriptor(nFolder, Name, O_RDONLY | kFolderFlags | nFlags);
+  if (nDescriptor < 0 && errno == EACCES) nDescriptor = OpenDescriptor(nFolder, Name, O_PATH | kFolderFlags | nFlags);
+  if (nDescriptor < 0) return errno == ELOOP ? kAccessDenied : LastError();
+  try {
+    *ppFolder = std::make_shared<const OpenedFolder>(nDescriptor, ForWhom);
+  } catch (const std::bad_alloc&) {
+    close(nDescriptor);
+    return kNotEnoughMemory;
+  }
+  return kSuccess;
+}
+
 // Calls Visit with each entry of a folder but "." and "..", until it answers an error, which ends it.
 template <class VisitEntry>
-SystemError ForEachEntry(const std::string& Folder, VisitEntry Visit) {
-  const int nDescriptor = OpenDescriptor(Folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+SystemError ForEachEntry(const OpenedFolder& Folder, VisitEntry Visit) {
+  // Opened anew: two listings of one descriptor would take each other's place.
+  const int nDescriptor = OpenDescriptor(Folder.nDescriptor, ".", O_RDONLY | kFolderFlags);
   if (nDescriptor < 0) return ErrorFromErrno(errno);
   const std::unique_ptr<DIR, FolderCloser> Listing(fdopendir(nDescriptor));
   if (Listing == nullptr) {
@@ -36,13 +53,13 @@ SystemError ForEachEntry(const std::string& Folder, VisitEntry Visit) {
     if (pEntry == nullptr) return ErrorFromErrno(errno);
     const std::string_view Name = pEntry->d_name;
     if (Name == "." || Name == "..") continue;
-    const SystemError nError = Visit(*pEntry, dirfd(Listing.get()));
+    const SystemError nError = Visit(*pEntry);
     if (nError != kSuccess) return nError;
   }
 }
 
-SystemError List(const std::string& Folder, std::vector<std::string>* pNames) {
-  const SystemError nError = ForEachEntry(Folder.empty() ? "." : Folder, [pNames](const dirent& Entry, int) {
+SystemError List(const OpenedFolder& Folder, std::vector<std::string>* pNames) {
+  const SystemError nError = ForEachEntry(Folder, [pNames](const dirent& Entry) {
     pNames->emplace_back(Entry.d_name);
     return kSuccess;
   });
@@ -53,7 +70,7 @@ SystemError List(const std::string& Folder, std::vector<std::string>* pNames) {
 // The listing that a SearchScope keeps, and the outermost one deletes. Not a thread-local object with a destructor:
 // that would be waiting for the thread's end, and keep a module in the process that its host has unloaded.
 struct FolderListing {
-  std::string Folder;
+  FolderHandle pFolder;
   std::vector<std::string> Names;
 };
 thread_local int t_nSearchScopes = 0;
@@ -64,13 +81,13 @@ void KeepListing(std::unique_ptr<const FolderListing> pListing) {
 }
 
 // A folder's names, sorted: listed into *pOwn, or kept from before.
-SystemError NamesOf(const std::string& Folder, std::vector<std::string>* pOwn,
+SystemError NamesOf(const FolderHandle& pFolder, std::vector<std::string>* pOwn,
                     const std::vector<std::string>** ppNames) {
   *ppNames = pOwn;
-  if (t_nSearchScopes == 0) return List(Folder, pOwn);
-  if (t_pListing == nullptr || t_pListing->Folder != Folder) {
-    auto pFresh = std::make_unique<FolderListing>(FolderListing{Folder, {}});
-    const SystemError nError = List(Folder, &pFresh->Names);
+  if (t_nSearchScopes == 0) return List(*pFolder, pOwn);
+  if (t_pListing == nullptr || t_pListing->pFolder != pFolder) {
+    auto pFresh = std::make_unique<FolderListing>(FolderListing{pFolder, {}});
+    const SystemError nError = List(*pFolder, &pFresh->Names);
     if (nError != kSuccess) return nError;
     KeepListing(std::move(pFresh));
   }
@@ -94,10 +111,10 @@ bool Matches(std::string_view Pattern, std::string_view Name) {
 
 // The names of the entries that are neither folders nor links. One that cannot be looked at may be a plain file: that
 // is an error, and not a file less.
-SystemError PlainFilesOf(const std::string& Folder, std::vector<std::string>* pNames) {
-  return ForEachEntry(Folder, [pNames](const dirent& Entry, int nFolder) {
+SystemError PlainFilesOf(const OpenedFolder& Folder, std::vector<std::string>* pNames) {
+  return ForEachEntry(Folder, [&](const dirent& Entry) {
     struct stat Status {};
-    if (fstatat(nFolder, Entry.d_name, &Status, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (fstatat(Folder.nDescriptor, Entry.d_name, &Status, AT_SYMLINK_NOFOLLOW) != 0) {
       return errno == ENOENT ? kSuccess : ErrorFromErrno(errno);
     }
     if (!S_ISDIR(Status.st_mode) && !S_ISLNK(Status.st_mode)) pNames->emplace_back(Entry.d_name);
@@ -106,11 +123,10 @@ SystemError PlainFilesOf(const std::string& Folder, std::vector<std::string>* pN
 }
 
 // What a search tells about one entry; kFileNotFound when the entry is gone.
-SystemError Look(const std::string& Folder, const std::string& Name, FoundFile* pFound) {
+SystemError Look(const OpenedFolder& Folder, const std::string& Name, FoundFile* pFound) {
   struct statx Status {};
-  if (statx(AT_FDCWD, (Folder + Name).c_str(), 0, STATX_BASIC_STATS | STATX_BTIME, &Status) != 0) {
-    return ErrorFromErrno(errno);
-  }
+  constexpr unsigned kWanted = STATX_BASIC_STATS | STATX_BTIME;
+  if (statx(Folder.nDescriptor, Name.c_str(), AT_SYMLINK_NOFOLLOW, kWanted, &Status) != 0) return ErrorFromErrno(errno);
   const std::int64_t nSeconds = CreationFileTime(Status) / kFileTimeUnitsPerSecond - kSecondsTo1970;
   *pFound = {WideName(Name), S_ISDIR(Status.stx_mode), Status.stx_size, nSeconds};
   return kSuccess;
@@ -150,14 +166,43 @@ SystemError IsFolder(std::u16string_view Path, bool* pbFolder) {
   return kSuccess;
 }
 
-SystemError MakeFolder(std::u16string_view Path) {
-  constexpr mode_t kMode = 0777;  // the process's umask takes from it
-  const std::string Native = NativePath(Path);
-  if (mkdir(Native.c_str(), kMode) != 0) return ErrorFromErrno(errno);
+OpenedFolder::~OpenedFolder() {
+  close(nDescriptor);
+}
+
+SystemError OpenParent(const std::string& Path, Readers ForWhom, FolderHandle* ppParent, std::string* pName) {
+  const std::size_t nName = Path.rfind('/') + 1;  // 0 when there is no separator
+  *pName = Path.substr(nName);
+  if (pName->empty()) pName->assign(1, '.');
+  return OpenThere(AT_FDCWD, nName == 0 ? std::string(1, '.') : Path.substr(0, nName), 0, ForWhom, ppParent);
+}
+
+SystemError MakeFolder(const FolderHandle& pParent, std::u16string_view Name) {
+  const std::string Native = NativePath(Name);
+  if (mkdirat(pParent->nDescriptor, Native.c_str(), pParent->FolderMode()) != 0) return ErrorFromErrno(errno);
+  FolderHandle pMade;
+  if (OpenFolder(pParent, Name, &pMade) == kSuccess) SetMode(pMade->nDescriptor, pParent->FolderMode());
   // Files in it will be flushed, which is worth little while the folder's own name is not on the disk. Where that
   // cannot be had, because the parent may not be read or the system does not sync folders, it is there all the same.
-  (void)SyncFolder(std::filesystem::path(Native).parent_path());
+  (void)Sync(pParent->nDescriptor);
   return kSuccess;
+}
+
+SystemError MakeFolder(std::u16string_view Path, Readers ForWhom) {
+  FolderHandle pParent;
+  std::string Name;
+  const SystemError nError = OpenParent(NativePath(Path), ForWhom, &pParent, &Name);
+  return nError == kSuccess ? MakeFolder(pParent, WideName(Name)) : nError;
+}
+
+SystemError OpenFolder(std::u16string_view Path, Readers ForWhom, FolderHandle* ppFolder) {
+  std::string Native = NativePath(Path);
+  while (Native.size() > 1 && Native.ends_with('/')) Native.pop_back();  // behind which a link would be followed
+  return OpenThere(AT_FDCWD, Native, O_NOFOLLOW, ForWhom, ppFolder);
+}
+
+SystemError OpenFolder(const FolderHandle& pParent, std::u16string_view Name, FolderHandle* ppFolder) {
+  return OpenThere(pParent->nDescriptor, NativePath(Name), O_NOFOLLOW, pParent->ForWhom, ppFolder);
 }
 
 SearchScope::SearchScope() {
@@ -168,23 +213,20 @@ SearchScope::~SearchScope() {
   if (--t_nSearchScopes == 0) KeepListing(nullptr);
 }
 
-SystemError FindFiles(std::u16string_view PathPattern, const std::function<bool(const FoundFile&)>& Visit) {
-  const std::string Native = NativePath(PathPattern);
-  const std::size_t nName = Native.rfind('/') + 1;  // 0 when there is no separator
-  const std::string Folder = Native.substr(0, nName);
-  const std::string Pattern = Native.substr(nName);
-
+SystemError FindFiles(const FolderHandle& pFolder, std::u16string_view WidePattern,
+                      const std::function<bool(const FoundFile&)>& Visit) {
+  const std::string Pattern = NativePath(WidePattern);
   const std::size_t nWildcard = Pattern.find_first_of("*?");
   FoundFile Found;
   if (nWildcard == std::string::npos) {
-    const SystemError nError = Look(Folder, Pattern, &Found);
+    const SystemError nError = Look(*pFolder, Pattern, &Found);
     if (nError == kSuccess) Visit(Found);
     return nError;
   }
 
   std::vector<std::string> Own;
   const std::vector<std::string>* pNames = nullptr;
-  const SystemError nError = NamesOf(Folder, &Own, &pNames);
+  const SystemError nError = NamesOf(pFolder, &Own, &pNames);
   if (nError != kSuccess) return nError;
 
   // Sorted names: those that can match stand together, from the pattern's fixed start on.
@@ -193,7 +235,7 @@ SystemError FindFiles(std::u16string_view PathPattern, const std::function<bool(
   for (auto Name = std::lower_bound(pNames->begin(), pNames->end(), Fixed);
        Name != pNames->end() && Name->starts_with(Fixed); ++Name) {
     if (!Matches(Pattern, *Name)) continue;
-    const SystemError nLooked = Look(Folder, *Name, &Found);
+    const SystemError nLooked = Look(*pFolder, *Name, &Found);
     if (nLooked == kFileNotFound) continue;
     if (nLooked != kSuccess) return nLooked;
     bFound = true;
@@ -202,19 +244,18 @@ SystemError FindFiles(std::u16string_view PathPattern, const std::function<bool(
   return bFound ? kSuccess : kFileNotFound;
 }
 
-SystemError ListPlainFiles(std::u16string_view Folder, std::vector<std::u16string>* pNames) {
+SystemError ListPlainFiles(const FolderHandle& pFolder, std::vector<std::u16string>* pNames) {
   std::vector<std::string> Names;
-  const SystemError nError = PlainFilesOf(NativePath(Folder), &Names);
+  const SystemError nError = PlainFilesOf(*pFolder, &Names);
   for (const std::string& Name : Names) pNames->push_back(WideName(Name));
   return nError;
 }
 
-SystemError RemovePlainFiles(std::u16string_view Folder, std::u16string_view LastName) {
-  const std::string Native = NativePath(Folder);
+SystemError RemovePlainFiles(const FolderHandle& pFolder, std::u16string_view LastName) {
   std::vector<std::string> Names;  // first all of them: what a listing shows while its entries go is not settled
-  const SystemError nError = PlainFilesOf(Native, &Names);
+  const SystemError nError = PlainFilesOf(*pFolder, &Names);
   std::partition(Names.begin(), Names.end(), [&](const std::string& Name) { return WideName(Name) != LastName; });
-  for (const std::string& Name : Names) unlink(std::string(Native).append(1, '/').append(Name).c_str());
+  for (const std::string& Name : Names) unlinkat(pFolder->nDescriptor, Name.c_str(), 0);
   return nError;
 }
 

@@ -20,11 +20,33 @@ std::string NativePath(std::u16string_view Path);
 // A name that the system gave, as UTF-16; bytes that are not UTF-8 become U+FFFD.
 std::u16string WideName(std::string_view Name);
 
-// open() that survives EINTR, and a soft limit of descriptors that can be lifted.
-int OpenDescriptor(const std::string& Path, int nFlags);
+// The last errno as a Win32 number; never success, also when a library left errno alone.
+SystemError LastError();
 
-// Brings the names in a folder to the disk.
-SystemError SyncFolder(const std::string& Folder);
+struct OpenedFolder {
+  OpenedFolder(int nOpened, Readers For) : nDescriptor(nOpened), ForWhom(For) {}
+  ~OpenedFolder();
+  OpenedFolder(const OpenedFolder&) = delete;
+  OpenedFolder& operator=(const OpenedFolder&) = delete;
+
+  mode_t FileMode() const { return ForWhom == Readers::OwnerAlone ? 0600 : 0640; }
+  mode_t FolderMode() const { return ForWhom == Readers::OwnerAlone ? 0700 : 0750; }
+
+  const int nDescriptor;
+  const Readers ForWhom;
+};
+
+// A path taken apart: the folder that holds its last name, opened by whatever links lead there, and that name.
+SystemError OpenParent(const std::string& Path, Readers ForWhom, FolderHandle* ppParent, std::string* pName);
+
+// openat() that survives EINTR, and a soft limit of descriptors that can be lifted.
+int OpenDescriptor(int nFolder, const std::string& Name, int nFlags, mode_t nMode = 0);
+
+// Gives what was made the rights it is to have, whatever the process's mask took from them.
+void SetMode(int nDescriptor, mode_t nMode);
+
+// Brings the bytes of a file, or the names in a folder, to the disk.
+SystemError Sync(int nDescriptor);
 
 // Seconds from 1601-01-01, where file times start, to 1970-01-01, and the file time units of 100 ns in a
 // second.

@@ -81,6 +81,14 @@ SystemError Open(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t 
   return kNotEnoughMemory;
 }
 
+SystemError Open(const FolderHandle& pFolder, std::u16string_view Name, std::uint32_t nAccess, std::uint32_t nShare,
+                 Disposition nDisposition, std::uint32_t nFlags, FileHandle* pHandle) try {
+  if (pFolder == nullptr) return kInvalidHandle;
+  return Open(pFolder->Path + std::u16string(Name), nAccess, nShare, nDisposition, nFlags, pHandle);
+} catch (const std::bad_alloc&) {
+  return kNotEnoughMemory;
+}
+
 SystemError Close(FileHandle Handle) {
   return ErrorUnless(CloseHandle(NativeHandle(Handle)));
 }
@@ -141,12 +149,12 @@ SystemError GetCreationTime(FileHandle Handle, std::uint64_t* pnTime) {
   return kSuccess;
 }
 
-SystemError RemoveFile(std::u16string_view Path) {
-  return ErrorUnless(DeleteFileW(Wide(NativePath(Path))));
+SystemError RemoveFile(const FolderHandle& pFolder, std::u16string_view Name) {
+  return ErrorUnless(DeleteFileW(Wide(pFolder->PathOf(Name))));
 }
 
-SystemError MeasureFile(std::u16string_view Path, std::uint64_t* pnSize) {
-  const int nDescriptor = _wsopen(Wide(NativePath(Path)), _O_RDONLY, _SH_DENYNO, _S_IREAD);
+SystemError MeasureFile(const FolderHandle& pFolder, std::u16string_view Name, std::uint64_t* pnSize) {
+  const int nDescriptor = _wsopen(Wide(pFolder->PathOf(Name)), _O_RDONLY, _SH_DENYNO, _S_IREAD);
   if (nDescriptor < 0) return kGeneralFailure;
   const std::int64_t nSize = _filelengthi64(nDescriptor);
   _close(nDescriptor);

@@ -126,16 +126,36 @@ SystemError IsFolder(std::u16string_view Path, bool* pbFolder) {
   return kSuccess;
 }
 
-SystemError MakeFolder(std::u16string_view Path) {
+SystemError MakeFolder(std::u16string_view Path, Readers /*ForWhom*/) {
   return ErrorUnless(CreateDirectoryW(Wide(NativePath(Path)), nullptr));
+}
+
+SystemError MakeFolder(const FolderHandle& pParent, std::u16string_view Name) {
+  return MakeFolder(pParent->Path + std::u16string(Name), Readers::OwnerAlone);
+}
+
+SystemError OpenFolder(std::u16string_view Path, Readers /*ForWhom*/, FolderHandle* ppFolder) {
+  bool bFolder = false;
+  const SystemError nError = IsFolder(Path, &bFolder);
+  if (nError != kSuccess) return nError;
+  if (!bFolder) return kPathNotFound;
+  std::u16string WithSeparator(Path);
+  if (!IsSeparator(WithSeparator.back())) WithSeparator += u'\\';
+  *ppFolder = std::make_shared<const OpenedFolder>(OpenedFolder{std::move(WithSeparator)});
+  return kSuccess;
+}
+
+SystemError OpenFolder(const FolderHandle& pParent, std::u16string_view Name, FolderHandle* ppFolder) {
+  return OpenFolder(pParent->Path + std::u16string(Name), Readers::OwnerAlone, ppFolder);
 }
 
 // A search asks the system for the names that match, not for all of them: there is nothing to keep.
 SearchScope::SearchScope() {}
 SearchScope::~SearchScope() {}
 
-SystemError FindFiles(std::u16string_view PathPattern, const std::function<bool(const FoundFile&)>& Visit) {
-  const std::u16string Pattern = NativePath(PathPattern);
+SystemError FindFiles(const FolderHandle& pFolder, std::u16string_view WithWildcards,
+                      const std::function<bool(const FoundFile&)>& Visit) {
+  const std::u16string Pattern = pFolder->PathOf(WithWildcards);
   _wfinddata64_t Found{};
   const RuntimeSearch Searching(Pattern, &Found);
   if (!Searching.Found()) return errno == ENOENT ? kFileNotFound : kGeneralFailure;
@@ -148,10 +168,8 @@ SystemError FindFiles(std::u16string_view PathPattern, const std::function<bool(
   return errno == ENOENT ? kSuccess : kGeneralFailure;  // at the end, or on the way there
 }
 
-SystemError ListPlainFiles(std::u16string_view Folder, std::vector<std::u16string>* pNames) {
-  std::u16string Path(Folder);
-  if (!IsSeparator(Path.back())) Path += u'\\';
-  const std::u16string Pattern = NativePath(Path + u'*');
+SystemError ListPlainFiles(const FolderHandle& pFolder, std::vector<std::u16string>* pNames) {
+  const std::u16string Pattern = pFolder->PathOf(u"*");
   WIN32_FIND_DATAW Found{};
   const SystemSearch Listing(Pattern, &Found);
   if (!Listing.Found()) return LastError();
@@ -163,13 +181,11 @@ SystemError ListPlainFiles(std::u16string_view Folder, std::vector<std::u16strin
   return nError == kNoMoreFiles ? kSuccess : nError;
 }
 
-SystemError RemovePlainFiles(std::u16string_view Folder, std::u16string_view LastName) {
+SystemError RemovePlainFiles(const FolderHandle& pFolder, std::u16string_view LastName) {
   std::vector<std::u16string> Names;
-  const SystemError nError = ListPlainFiles(Folder, &Names);
+  const SystemError nError = ListPlainFiles(pFolder, &Names);
   std::partition(Names.begin(), Names.end(), [&](const std::u16string& Name) { return Name != LastName; });
-  std::u16string Path(Folder);
-  if (!IsSeparator(Path.back())) Path += u'\\';
-  for (const std::u16string& Name : Names) (void)RemoveFile(Path + Name);  // what cannot be deleted stays
+  for (const std::u16string& Name : Names) (void)RemoveFile(pFolder, Name);  // what cannot be deleted stays
   return nError;
 }
 

@@ -28,6 +28,12 @@ inline const char16_t* Utf16(const wchar_t* pText) {
 // A path as the system's functions take it: one that is longer than they bear otherwise in its absolute, long form.
 std::u16string NativePath(std::u16string_view Path);
 
+struct OpenedFolder {
+  std::u16string Path;  // with a separator at its end
+
+  std::u16string PathOf(std::u16string_view Name) const { return NativePath(Path + std::u16string(Name)); }
+};
+
 // A function of a module that every process has loaded, or null where the system has none of that name.
 template <class Function>
 Function FindFunction(const wchar_t* pModule, const char* pName) {
