@@ -1,14 +1,14 @@
 // What is posix's own: errno values, interrupted calls, links, names with a backslash, and the limit of descriptors.
 #include <gmock/gmock.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <thread>
 
 #include "platform/file.h"
 #include "platform/posix/posix.h"
-#include "support/system_calls.h"
-#include "support/world.h"
+#include "support/steps.h"
 
 namespace lumbra::test {
 namespace {
@@ -38,17 +38,72 @@ TEST(Errno, BecomesWin32Errors) {
   }
 }
 
-TEST_F(PosixTest, FollowsLinksAndDeletesNone) {
-  fs::create_symlink("none/x", Folder() / "nowhere");
-  fs::create_symlink("made", Folder() / "link");
-  EXPECT_CODE(errFILE_NOT_FOUND, File().OpenWithFlags(Path("nowhere"), fileRead, openAlways));
-  EXPECT_CODE(errOK, File().OpenWithFlags(Path("link"), fileRead | fileWrite, openAlways));
-  EXPECT_EQ(0u, FileSize("made"));
+// Who may write to the folder could put there what leads to a file that he may not write to, or keeps us waiting.
+TEST_F(PosixTest, OpensPlainFilesOfItsFolderAlone) {
+  const auto Try = [this](const char16_t* pName) {
+    std::unique_ptr<StorageFile> pFile;
+    return m_Environment.OpenFile(pName, 0, true, true, &pFile);
+  };
+  WriteFile("of others/file", {'x'});
+  fs::create_symlink("of others/file", Folder() / "link");
+  fs::create_symlink("made", Folder() / "leads nowhere");
+  fs::create_hard_link(Folder() / "of others/file", Folder() / "second name");
+  ASSERT_EQ(0, mkfifo((Folder() / "pipe").c_str(), 0600));
+  AllAnswer(errACCESS_DENIED,
+            {{"a link", Try(u"link")},
+             {"a link to nothing", Try(u"leads nowhere")},
+             {"a second name", Try(u"second name")},
+             {"a pipe", Try(u"pipe")},
+             {"a folder", Try(u"of others")},
+             {"to be cut, by its path", File().OpenWithFlags(Path("link"), fileWrite, createAlways)}});
+  EXPECT_FALSE(fs::exists(Folder() / "made"));
+  EXPECT_EQ("78", ToHex(ReadFile("of others/file")));
   WriteFile("back\\slash", {});
   EXPECT_CODE(errOK, m_Environment.DeleteFiles(u"*.*", 0));
-  std::vector<std::string> Left;
-  for (const auto& One : fs::directory_iterator(Folder())) Left.push_back(One.path().filename());
-  EXPECT_THAT(Left, testing::UnorderedElementsAre("link", "nowhere"));
+  EXPECT_TRUE(fs::is_symlink(Folder() / "link"));
+  EXPECT_FALSE(fs::exists(Folder() / "back\\slash"));
+}
+
+TEST_F(PosixTest, UsesNoFolderThatIsALink) {
+  WriteFile("store/01/file", {});
+  fs::create_directory_symlink("store/01", Folder() / "store/02");
+  fs::create_directory_symlink(".", Folder() / "above");
+  fs::create_directory_symlink("store", Folder() / "link");
+  const auto Uses = [this](const char* pStore, const char16_t* pName) {
+    StorageEnvironment Other;
+    return Other.InitBelow(this, Path(pStore).c_str(), pName, false);
+  };
+  EXPECT_TRUE(Uses("above/store", u"01"));
+  EXPECT_FALSE(Uses("store", u"02"));
+  EXPECT_FALSE(Uses("link", u"01"));
+  EXPECT_FALSE(Uses("link/", u"01"));
+}
+
+// Whatever the mask of the process says; what is there keeps its rights.
+TEST_F(PosixTest, GivesOthersNoRights) {
+  WriteFile("store/old", {});
+  fs::permissions(Folder() / "store", fs::perms(0755));
+  for (const auto& [nMask, bGroup, Expected] : {std::tuple{0000u, false, "0700 0700 0600"},
+                                                {0777u, false, "0700 0700 0600"},
+                                                {0777u, true, "0750 0750 0640"}}) {
+    const mode_t nBefore = umask(nMask);
+    m_Readers = bGroup ? os::Readers::OwnerAndGroup : os::Readers::OwnerAlone;
+    StorageEnvironment New;
+    EXPECT_TRUE(New.InitBelow(this, Path("new").c_str(), u"01", false));
+    std::unique_ptr<StorageFile> pFile;
+    EXPECT_CODE(errOK, New.OpenFile(u"file", 0, true, true, &pFile));
+    umask(nBefore);
+    std::string Modes;
+    for (const char* const pName : {"new", "new/01", "new/01/file"}) {
+      char Mode[10];
+      std::snprintf(Mode, sizeof(Mode), "%04o ", static_cast<unsigned>(fs::status(Folder() / pName).permissions()));
+      Modes += Mode;
+    }
+    EXPECT_EQ(Expected + std::string(" "), Modes);
+    fs::remove_all(Folder() / "new");
+  }
+  EXPECT_TRUE(StorageEnvironment().Init(this, Path("store").c_str(), FolderContent::Keep, false));
+  EXPECT_EQ(fs::perms(0755), fs::status(Folder() / "store").permissions());
 }
 
 TEST_F(PosixTest, DeletesNoSegmentWhileItCannotSeeThemAll) {
@@ -80,14 +135,6 @@ TEST_F(PosixTest, FlushesAFileWhoseFolderCannotBeSynced) {
   for (const int nErrno : {EINVAL, EACCES, EPERM, EROFS, ENOTSUP, EBADF})
     EXPECT_EQ("+2+1+1", Flushes(nErrno)) << nErrno;
   for (const int nErrno : {EIO, ENOSPC}) EXPECT_EQ("-2+2+1", Flushes(nErrno)) << nErrno;
-}
-
-TEST_F(PosixTest, FlushesAFileWhoseFolderHasMoved) {
-  fs::create_directory(Folder() / "before");
-  const auto pFile = OpenFile(u"before/a");
-  fs::rename(Folder() / "before", Folder() / "behind");
-  EXPECT_TRUE(pFile->SeekWrite(0, "x", 1, nullptr));
-  EXPECT_TRUE(pFile->Flush());
 }
 
 // A segment's four files take four descriptors; hundreds of open segments are more than the usual limit.
