@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "format/database_name.h"
 #include "format/file_names.h"
 #include "format/named_index_file.h"
 #include "platform/failed_step.h"
@@ -76,6 +77,8 @@ ResultCode Databases::OpenNamed(const char16_t* pName, std::uint32_t nEventSize,
   const std::string Key = IndexKey(pName);
   auto nPosition = static_cast<std::uint32_t>(m_Index.size());
   const bool bKnown = FindPersistentIndex(m_Index, Key, &nPosition);
+  // The name becomes that of a folder. One that has got an id before is taken as long as it leads nowhere else.
+  if (!(bKnown ? IsPlainFolderName(pName) : IsDatabaseName(pName))) return errPARAMETER_INVALID;
   if (!bKnown && IsPersistentIndexFull(m_Index)) return errINDEX_INVALID;
   const std::uint32_t nId = kFirstNamedDatabase + nPosition;
   NamedDatabaseRef Named = FindNamed(nId);  // one that a failed clearing has left closed, with the limits it has

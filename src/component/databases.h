@@ -63,9 +63,9 @@ class Databases {
   ResultCode Open(std::uint32_t nDatabase, std::uint32_t nEventSize, Telling Tell) EXCLUDES(m_Lock);
 
   // The same for a named one, which has its id for ever. One that cannot be opened is known to Tell alone.
-  // errINDEX_INVALID when there is no id left, errOBJECT_ALREADY_EXISTS when the index cannot tell the name from that
-  // of another one in the list: these, and a failure to save the index, are answered without Tell. Tell(code, database,
-  // whether it was open).
+  // errPARAMETER_INVALID for a name that no database can have (format/database_name.h), errINDEX_INVALID when there is
+  // no id left, errOBJECT_ALREADY_EXISTS when the index cannot tell the name from that of another one in the list:
+  // these, and a failure to save the index, are answered without Tell. Tell(code, database, whether it was open).
   template <class Telling>
   ResultCode Open(const char16_t* pName, std::uint32_t nEventSize, Telling Tell) EXCLUDES(m_Lock);
 

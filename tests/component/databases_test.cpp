@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 
 #include "component/component_fixture.h"
+#include "host/text.h"
 
 namespace lumbra::test {
 namespace {
@@ -63,6 +64,35 @@ TEST_F(DatabasesTest, HasIdsFor207Names) {
   std::uint32_t nNone = 0;
   Step("one too many", InitNamed(u"one too many", &nNone)).Is(errINDEX_INVALID);
   EXPECT_FALSE(fs::exists(Folder() / "one too many"));
+}
+
+TEST_F(DatabasesTest, MakesNoFolderThatLeadsElsewhereOrIsTheStores) {
+  std::uint32_t nNone = 0;
+  const std::uint64_t nIndexSize = FileSize("g_db_id.dat");
+  for (const char16_t* const pName :
+       {u"..", u".", u"../x", u"a/b", u"a\\b", u"/abs", u"00", u"2f", u"g_db_id.dat", u"G_OBJBT.DAT", u"Set-Aside",
+        u"x.schema", u"x.Healing", u"line\nbreak", u"\x9b", u"\xd800", u"\xdc00x"})
+    Step(host::ToUtf8(pName), InitNamed(pName, &nNone)).Is(errPARAMETER_INVALID);
+  EXPECT_EQ(nIndexSize, FileSize("g_db_id.dat"));
+  for (const char16_t* const pName : {u"...", u"30", u"a b", u"schema", u"\xd83d\xde00"})
+    Step(host::ToUtf8(pName), InitNamed(pName, &nNone)).Is(errOK);
+}
+
+// What was a name before there were rules for it.
+TEST_F(DatabasesTest, KeepsNamesThatTheIndexHolds) {
+  Unload();
+  Bytes Index = ReadFile("g_db_id.dat");
+  for (const std::string_view Name : {"old.schema", "../old"}) {
+    Index.insert(Index.end(), Name.begin(), Name.end());
+    Index.resize((Index.size() + 63) / 64 * 64);
+  }
+  WriteFile("g_db_id.dat", Index);
+  Load();
+  Must(Open());
+  std::uint32_t nDb = 0;
+  Step("one folder", InitNamed(u"old.schema", &nDb)).Is(errOK);
+  EXPECT_EQ(49u, nDb);
+  Step("outside of the store", InitNamed(u"../old", &nDb)).Is(errPARAMETER_INVALID);
 }
 
 // A name is handed out only once it is in the index file; otherwise it gets the same id at the next attempt.
