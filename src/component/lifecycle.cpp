@@ -111,6 +111,7 @@ ResultCode Lumbra::OpenStore() {
   HostText Folder = ReportFolder();
   if (Folder.Empty()) return errOPEN_FAILED;  // rather than the current folder of the process
   ReadCheckMode();
+  OpenSegments::SetLimit(m_nOpenSegments);
   if (!m_Databases.OpenStoreFolder(Folder)) return errOPEN_FAILED;
 
   const ResultCode nShared =

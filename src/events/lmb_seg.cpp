@@ -62,6 +62,18 @@ ResultCode Segment::Open() {
   return errOK;
 }
 
+bool Segment::Close() {
+  if (!m_bOpened) return true;
+  m_pEvents->Flush();
+  (void)m_pObjects->Flush();  // answer errOK always; what fails is traced
+  if (!m_pEvents->IsFlushed() || !m_pObjects->IsFlushed()) return false;
+  if (m_pGlobalObjects == m_pObjects.get()) m_pGlobalObjects = nullptr;
+  m_pEvents.reset();
+  m_pObjects.reset();
+  m_bOpened = m_bCreate = false;  // what is missing from now on is lost
+  return true;
+}
+
 // Closes what was opened, unless all was: also when something is thrown on the way, as the next attempt would meet our
 // own hold on a file.
 Segment::OpenAttempt::~OpenAttempt() {

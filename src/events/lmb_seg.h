@@ -59,6 +59,10 @@ class Segment {
   // without their names are worth nothing. So is a new one that cannot be opened.
   ResultCode Open();
 
+  // Closes the files, whose writes are brought to the disk first; the next operation opens them again. False when that
+  // fails: then they stay open.
+  bool Close();
+
   // Events. An event's index is its low word; the high word is 0 or the segment's number, errOBJECT_NOT_FOUND
   // for any other. Out pointers may be null.
   ResultCode AddEvent(const void* pData, std::uint32_t nSize, std::uint64_t* pnId);

@@ -24,6 +24,7 @@ ResultCode SegmentManager::Open(StorageEnvironment* pEnv, std::uint32_t nEventSi
                                 bool bCheckMode) {
   if (m_bInitialized) return errALREADY_DONE;
   if (pEnv == nullptr) return errPARAMETER_INVALID;
+  SetDescriptorRelief(&OpenSegments::CloseOne);
   m_pEnv = pEnv;
   m_pGlobalObjects = pGlobalObjects;
   m_bCheckMode = bCheckMode;
@@ -132,9 +133,10 @@ void SegmentManager::TearDown() {
 
 void SegmentManager::Close() {
   if (m_bInitialized.exchange(false)) CatchUpHeader();
+  OpenSegments::Forget(this);
   m_Segments.clear();
   m_pHeaderFile.reset();
-  m_bHeaderBehind = false;
+  m_bHeaderBehind = m_bSyncFailed = false;
 }
 
 // ---- The chain --------------------------------------------------------------------------------------------
@@ -165,8 +167,10 @@ ResultCode SegmentManager::StartSegment() {
   if (Failed(nCode)) return nCode;
   const std::uint64_t nSize = pSegment->GetDataSize();
   nCode = AppendEntry(std::move(pSegment), nEvents, nSize);
-  if (Succeeded(nCode)) ++m_nNextNumber;
-  return nCode;
+  if (Failed(nCode)) return nCode;
+  ++m_nNextNumber;
+  if (m_Segments.size() > 1) LimitOpenSegments(m_Segments[m_Segments.size() - 2]);
+  return errOK;
 }
 
 // Puts a segment with the number m_nNextNumber at the chain's end.
@@ -267,16 +271,14 @@ ResultCode SegmentManager::CheckLimits(bool bForce) {
 ResultCode SegmentManager::EnforceLimits(bool bForce) {
   if (m_Segments.empty()) return errOK;
   CatchUpHeader();
-  if (IsNewestFull()) {
-    const ResultCode nCode = NewSegment();
-    if (Failed(nCode)) return nCode;
-  }
+  // A disk that is too full for a new segment is no reason to keep the old ones.
+  const ResultCode nStarted = IsNewestFull() ? NewSegment() : errOK;
   for (; m_Segments.size() > 1 && (bForce || IsOverLimits()); bForce = false) {
     const ResultCode nCode = DeleteOldest(bForce);
     if (Failed(nCode)) return nCode;
   }
   LUMBRA_INVARIANT(IsConsistent());
-  return errOK;
+  return nStarted;
 }
 
 // A segment is full when it reaches a limit, and takes nothing any more when it has lost a file ...
@@ -302,6 +304,7 @@ ResultCode SegmentManager::DeleteOldest(bool bForced) {
   m_nTotalSize -= Oldest.nDataSize;
   m_Segments.erase(m_Segments.begin());
   const ResultCode nCode = MoveStart();
+  OpenSegments::Forget(this, nNumber);
   Oldest.pSegment.reset();
   (void)m_pEnv->DeleteFiles(u"*.*", nNumber);  // answers errOK always
   if (Failed(nCode)) return nCode;
@@ -336,6 +339,27 @@ ResultCode SegmentManager::Refresh(tSEGMENT_ENTRY* pEntry) {
   return errOK;
 }
 
+// After the use of a segment: it may be one too many that is open. The newest does not count.
+void SegmentManager::LimitOpenSegments(const tSEGMENT_ENTRY& Used) {
+  if (&Used == &m_Segments.back() || !Used.pSegment->IsOpen()) return;
+  const std::optional<std::uint32_t> Own = OpenSegments::Use(this, Used.nNumber);
+  if (Own) (void)CloseSegment(*Own);  // one that stays open is remembered
+}
+
+bool SegmentManager::CloseSegment(std::uint32_t nNumber) {
+  const tSEGMENT_ENTRY* const pEntry = FindEntry(nNumber);
+  if (pEntry == nullptr || pEntry->pSegment->Close()) return true;
+  m_bSyncFailed = true;
+  return false;
+}
+
+bool SegmentManager::TryCloseSegment(std::uint32_t nNumber) {
+  if (!m_Lock.try_lock()) return false;
+  const bool bClosed = CloseSegment(nNumber);
+  m_Lock.unlock();
+  return bClosed;
+}
+
 // The totals are the sums, and the numbers ascend.
 bool SegmentManager::IsConsistent() const {
   std::uint64_t nEvents = 0;
@@ -356,6 +380,7 @@ template <class Operation>
 ResultCode SegmentManager::OnEntry(tSEGMENT_ENTRY* pEntry, Operation Do) {
   const bool bWasOpen = pEntry->pSegment->IsOpen();
   const ResultCode nCode = Do(*pEntry->pSegment);
+  LimitOpenSegments(*pEntry);
   if (bWasOpen || !pEntry->pSegment->IsOpen()) return nCode;
   std::uint64_t nEvents = 0;
   const bool bKnown = Succeeded(pEntry->pSegment->GetEventCount(&nEvents));
@@ -470,6 +495,8 @@ ResultCode SegmentManager::Flush() {
   CatchUpHeader();
   for (const tSEGMENT_ENTRY& Entry : m_Segments) (void)Entry.pSegment->Flush();  // errOK always; failures are traced
   SyncHeader();
+  // The system may have dropped what it could not write, and call the next sync a success.
+  if (m_bSyncFailed) TraceFailedStep(errWRITE_FAILED);
   return errOK;
 }
 

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "events/lmb_seg.h"
+#include "events/open_segments.h"
 #include "format/segments_file.h"
 #include "lumbra/lumbra.h"
 #include "lumbra/result_code.h"
@@ -27,7 +28,7 @@
 
 namespace lumbra {
 
-class SegmentManager final : private SegmentChain {
+class SegmentManager final : private SegmentChain, private SegmentOwner {
  public:
   SegmentManager() = default;
   ~SegmentManager() { TearDown(); }
@@ -70,7 +71,7 @@ class SegmentManager final : private SegmentChain {
   // ---- Limits and totals (these work in any state) ----
 
   // Starts a new segment if the newest is full; then drops the oldest while the database exceeds its limits,
-  // with bForce at least one.
+  // with bForce at least one. Those are dropped also when no new one can be started, whose failure is answered.
   ResultCode CheckLimits(bool bForce) EXCLUDES(m_Lock);
   ResultCode DeleteOldestSegment() EXCLUDES(m_Lock) { return CheckLimits(true); }
 
@@ -94,7 +95,8 @@ class SegmentManager final : private SegmentChain {
   // ---- Objects ----
 
   // Brings to the disk what was written to the open segments, the shared store and "segments.dat". errOK also when
-  // that fails, which is traced.
+  // that fails, which is traced; and so is, each time until the database is opened again, that it failed for a segment
+  // before.
   ResultCode Flush() EXCLUDES(m_Lock);
 
   // The quick check of an object store, through the newest segment.
@@ -152,6 +154,9 @@ class SegmentManager final : private SegmentChain {
   void CatchUpHeader() REQUIRES(m_Lock);
   void SyncHeader() REQUIRES(m_Lock);
   void BeforeDiscard() override;
+  bool TryCloseSegment(std::uint32_t nNumber) override;
+  bool CloseSegment(std::uint32_t nNumber) REQUIRES(m_Lock);
+  void LimitOpenSegments(const tSEGMENT_ENTRY& Used) REQUIRES(m_Lock);
   ResultCode Refresh(tSEGMENT_ENTRY* pEntry) REQUIRES(m_Lock);
   std::atomic<std::uint64_t>* LimitOf(LumbraLimit nKind);
   ResultCode EnforceLimits(bool bForce) REQUIRES(m_Lock);
@@ -181,6 +186,7 @@ class SegmentManager final : private SegmentChain {
   std::unique_ptr<StorageFile> m_pHeaderFile GUARDED_BY(m_Lock);  // "segments.dat", held while initialised
   tSDB_HEADER m_Header GUARDED_BY(m_Lock){};
   bool m_bHeaderBehind GUARDED_BY(m_Lock) = false;  // a write of the header failed: it may name a segment that is gone
+  bool m_bSyncFailed GUARDED_BY(m_Lock) = false;    // of a segment that was to be closed
   std::uint64_t m_nTotalSize GUARDED_BY(m_Lock) = 0;
   std::uint64_t m_nTotalEvents GUARDED_BY(m_Lock) = 0;
   ObjectDB* m_pGlobalObjects GUARDED_BY(m_Lock) = nullptr;

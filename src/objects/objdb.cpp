@@ -116,6 +116,14 @@ ResultCode ObjectDB::Flush() {
   return errOK;
 }
 
+bool ObjectDB::IsFlushed() {
+  const os::Hold Hold(m_Lock);
+  for (const StorageFile* const pFile : {m_pFileBT.get(), m_pFileData.get()}) {
+    if (pFile != nullptr && pFile->Modified()) return false;
+  }
+  return m_IdDB.IsFlushed();
+}
+
 std::uint64_t ObjectDB::GetSize() {
   const os::Hold Hold(m_Lock);
   KnowsDataSize();

@@ -64,6 +64,8 @@ class ObjectDB {
   ResultCode Close() EXCLUDES(m_Lock);  // always errOK
   ResultCode Flush() EXCLUDES(m_Lock);  // always errOK; failures are traced, and stay in the file objects
 
+  bool IsFlushed() EXCLUDES(m_Lock);
+
   // Bytes of the three files.
   std::uint64_t GetSize() EXCLUDES(m_Lock);
 

@@ -41,6 +41,7 @@ class PlainDB {
             bool bCheckedIfCreated);
   bool Close();  // always true
   bool Flush();  // always true; a failure is traced, and stays in the file object
+  bool IsFlushed() const { return m_pFile == nullptr || !m_pFile->Modified(); }
 
   std::uint64_t GetRecordCount() const { return m_nRecordCount; }
   std::uint64_t GetSize() const { return m_nRecordCount * m_nRecordSize; }  // of whole records, without the header

@@ -1,11 +1,14 @@
 #include "platform/file.h"
 
+#include <atomic>
 #include <utility>
 
 #include "platform/result.h"
 
 namespace lumbra {
 namespace {
+
+std::atomic<bool (*)()> g_pRelief{nullptr};
 
 std::uint32_t AccessOf(std::uint32_t nFlags) {
   return ((nFlags & fileRead) != 0 ? os::kGenericRead : 0u) | ((nFlags & fileWrite) != 0 ? os::kGenericWrite : 0u) |
@@ -46,6 +49,10 @@ os::SeekOrigin OriginOf(std::uint32_t nOrigin) {
 
 }  // namespace
 
+void SetDescriptorRelief(bool (*pRelief)()) {
+  g_pRelief = pRelief;
+}
+
 File::~File() {
   (void)Close();  // who wants to know closes it before
 }
@@ -70,8 +77,13 @@ ResultCode File::OpenWithFlags(std::u16string_view Path, std::uint32_t nFlags, s
 
 ResultCode File::OpenWithFlags(const FilePlace& Place, std::uint32_t nFlags, std::uint32_t nDisposition) {
   os::FileHandle Opened = nullptr;
-  const os::SystemError nError =
-      os::Open(Place.pFolder, Place.Name, AccessOf(nFlags), ShareOf(nFlags), DispositionOf(nDisposition), 0, &Opened);
+  const auto OpenThere = [&] {
+    return os::Open(Place.pFolder, Place.Name, AccessOf(nFlags), ShareOf(nFlags), DispositionOf(nDisposition), 0,
+                    &Opened);
+  };
+  os::SystemError nError = OpenThere();
+  bool (*const pRelief)() = g_pRelief;
+  if (nError == os::kTooManyOpenFiles && pRelief != nullptr && pRelief()) nError = OpenThere();
   return Take(nError, Opened);
 }
 

@@ -223,6 +223,7 @@ class CAPABILITY("lock") CriticalSection {
   CriticalSection(const CriticalSection&) = delete;
   CriticalSection& operator=(const CriticalSection&) = delete;
   void lock() ACQUIRE();
+  bool try_lock() TRY_ACQUIRE(true);  // false when another thread holds it
   void unlock() RELEASE();
 
   // Says to the compiler, and checks where invariants are, that the calling thread holds it.

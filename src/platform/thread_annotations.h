@@ -27,6 +27,7 @@
 // Of functions: what they do with a lock.
 #define ACQUIRE(...) LUMBRA_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define ACQUIRE_SHARED(...) LUMBRA_THREAD_ANNOTATION(acquire_shared_capability(__VA_ARGS__))
+#define TRY_ACQUIRE(...) LUMBRA_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
 #define RELEASE(...) LUMBRA_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 #define RELEASE_GENERIC(...) LUMBRA_THREAD_ANNOTATION(release_generic_capability(__VA_ARGS__))
 #define ASSERT_CAPABILITY(lock) LUMBRA_THREAD_ANNOTATION(assert_capability(lock))

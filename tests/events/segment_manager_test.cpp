@@ -8,6 +8,8 @@ namespace {
 // Events of 4 bytes, whose values count from 1 on.
 class SegmentManagerTest : public World {
  protected:
+  ~SegmentManagerTest() override { OpenSegments::SetLimit(OpenSegments::kUsualLimit); }
+
   ResultCode Init(std::uint32_t nSize = 4) { return m_pManager->Init(&m_Environment, nSize, nullptr, false); }
   void Fill(std::uint32_t nEventsOfASegment, std::uint32_t nCount) {
     ASSERT_CODE(errOK, Init());
@@ -271,6 +273,61 @@ TEST_F(SegmentManagerTest, LosesNothingWhileTheFolderIsAway) {
   fs::rename(kAway, Folder());
   Restart();
   EXPECT_EQ("1 to 35 in 4", Held());
+}
+
+#ifndef _WIN32
+TEST_F(SegmentManagerTest, KeepsTheFilesOfFewSegmentsOpen) {
+  const auto OpenFiles = [] {
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+  };
+  OpenSegments::SetLimit(3);
+  const auto nBefore = OpenFiles();
+  Fill(1, 100);
+  SegmentManager Other;  // of the same process: what it closes is the first one's, and its own
+  const std::string kOther = (Folder() / "other").string();
+  StorageEnvironment OtherFolder;
+  ASSERT_TRUE(OtherFolder.Init(this, fs::path(kOther).u16string().c_str(), FolderContent::Keep, false));
+  ASSERT_CODE(errOK, Other.Init(&OtherFolder, 4, nullptr, false));
+  Other.SetSegmentMaxEvents(1);
+  for (std::uint32_t n = 0; n < 10; ++n) ASSERT_CODE(errOK, Other.AddEvent(&n, 4, nullptr));
+  EXPECT_EQ("1 to 100", Get(0, 100));
+  EXPECT_EQ(nBefore + 4 * (3 + 2) + 2 + 1, OpenFiles());  // segments, the two "segments.dat", and the other folder
+}
+#endif
+
+TEST_F(SegmentManagerTest, ClosesNoSegmentWhoseWritesMayBeLost) {
+  OpenSegments::SetLimit(0);
+  ASSERT_CODE(errOK, Init());
+  m_pManager->SetSegmentMaxEvents(1);
+  Add(2);
+  FailCalls(SystemCall::Sync, os::kIoDevice);
+  Add(1);  // in a third segment, for which the first is to be closed
+  EXPECT_EQ("1 to 3", Get(0, 3));
+  TakeTrace();
+  for (int nFlush = 1; nFlush <= 2; ++nFlush)
+    Step("flush " + std::to_string(nFlush), m_pManager->Flush())
+        .Is(errOK)
+        .Says({"300 Failed step. Err: errWRITE_FAILED (0x800000CB)"}, 300);
+}
+
+TEST_F(SegmentManagerTest, ClosesASegmentWhenDescriptorsRunOut) {
+  Fill(1, 3);
+  Restart();
+  EXPECT_EQ("1 to 2", Get(0, 2));  // two segments that can be closed
+  FailCalls(SystemCall::Open, os::kTooManyOpenFiles);
+  EXPECT_EQ("3 to 3", Get(2, 1));
+  EXPECT_EQ("1 to 2", Get(0, 2));
+  Restart();
+  FailCalls(SystemCall::Open, os::kTooManyOpenFiles);
+  EXPECT_EQ("none, errOPEN_FAILED", Get(2, 1));  // nothing to close
+  EXPECT_EQ("3 to 3", Get(2, 1));
+}
+
+TEST_F(SegmentManagerTest, DropsTheOldestThoughNoNewOneCanBeStarted) {
+  Fill(10, 30);
+  FailCalls(SystemCall::Open, os::kDiskFull, 0, UINT64_MAX);
+  m_pManager->SetDbMaxEvents(20);
+  EXPECT_EQ("11 to 30 in 2", Held());
 }
 
 TEST_F(SegmentManagerTest, StaysOpenOnWhatCouldNotBeCleared) {

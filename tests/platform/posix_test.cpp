@@ -1,6 +1,5 @@
-// What is posix's own: errno values, interrupted calls, links, names with a backslash, and the limit of descriptors.
+// What is posix's own: errno values, interrupted calls, links, names with a backslash, and rights.
 #include <gmock/gmock.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -135,20 +134,6 @@ TEST_F(PosixTest, FlushesAFileWhoseFolderCannotBeSynced) {
   for (const int nErrno : {EINVAL, EACCES, EPERM, EROFS, ENOTSUP, EBADF})
     EXPECT_EQ("+2+1+1", Flushes(nErrno)) << nErrno;
   for (const int nErrno : {EIO, ENOSPC}) EXPECT_EQ("-2+2+1", Flushes(nErrno)) << nErrno;
-}
-
-// A segment's four files take four descriptors; hundreds of open segments are more than the usual limit.
-TEST_F(PosixTest, LiftsTheDescriptorLimitOnce) {
-  rlimit Limit{};
-  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &Limit));
-  Limit.rlim_cur = Limit.rlim_max - 1;
-  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &Limit));
-  FailCallsNatively(SystemCall::Open, EMFILE);
-  EXPECT_NE(nullptr, OpenFile(u"a"));
-  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &Limit));
-  EXPECT_EQ(Limit.rlim_max, Limit.rlim_cur);
-  FailCallsNatively(SystemCall::Open, EMFILE, 0, 2);
-  EXPECT_CODE(CodeOfNumber(0x80070004), File().OpenWithFlags(Path("b"), fileWrite, createNew));
 }
 
 TEST_F(PosixTest, ServesFirstWhoWaitsFirst) {

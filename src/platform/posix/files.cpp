@@ -1,7 +1,6 @@
 // Files on posix: positioned reads and writes, share modes as advisory locks.
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -39,24 +38,11 @@ int OpenModeOf(std::uint32_t nAccess) {
   return (nAccess & kGenericRead) != 0 ? O_RDWR : O_WRONLY;
 }
 
-// An open segment holds four files and a database may have hundreds of segments, which the usual soft limit
-// of 1024 descriptors does not allow (Windows has no such limit). The process may lift it to the hard limit;
-// true when that made room.
-bool LiftDescriptorLimit() {
-  rlimit Limit{};
-  if (getrlimit(RLIMIT_NOFILE, &Limit) != 0 || Limit.rlim_cur >= Limit.rlim_max) return false;
-  Limit.rlim_cur = Limit.rlim_max;
-  return setrlimit(RLIMIT_NOFILE, &Limit) == 0;
-}
-
 // In a process that was started with a standard stream closed, a file would get its descriptor, and what the process
 // prints would land in the file.
 int OffStandardStreams(int nDescriptor) {
   if (nDescriptor > STDERR_FILENO) return nDescriptor;
-  int nMoved = fcntl(nDescriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-  if (nMoved < 0 && errno == EMFILE && LiftDescriptorLimit()) {
-    nMoved = fcntl(nDescriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-  }
+  const int nMoved = fcntl(nDescriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
   const int nErrno = errno;
   close(nDescriptor);
   errno = nErrno;
@@ -149,19 +135,11 @@ SystemError LastError() {
 }
 
 int OpenDescriptor(int nFolder, const std::string& Name, int nFlags, mode_t nMode) {
-  bool bTriedAgain = false;
-  for (;;) {
-    const int nDescriptor = openat(nFolder, Name.c_str(), nFlags, nMode);
-    if (nDescriptor >= 0) return OffStandardStreams(nDescriptor);
-    if (errno == EINTR) continue;
-    if (errno != EMFILE) return -1;
-    if (LiftDescriptorLimit()) continue;
-    if (bTriedAgain) {
-      errno = EMFILE;
-      return -1;
-    }
-    bTriedAgain = true;  // another thread may have lifted the limit since
-  }
+  int nDescriptor = -1;
+  do {
+    nDescriptor = openat(nFolder, Name.c_str(), nFlags, nMode);
+  } while (nDescriptor < 0 && errno == EINTR);
+  return nDescriptor < 0 ? nDescriptor : OffStandardStreams(nDescriptor);
 }
 
 void SetMode(int nDescriptor, mode_t nMode) {

@@ -39,7 +39,7 @@ struct OpenedFolder {
 // A path taken apart: the folder that holds its last name, opened by whatever links lead there, and that name.
 SystemError OpenParent(const std::string& Path, Readers ForWhom, FolderHandle* ppParent, std::string* pName);
 
-// openat() that survives EINTR, and a soft limit of descriptors that can be lifted.
+// openat() that survives EINTR.
 int OpenDescriptor(int nFolder, const std::string& Name, int nFlags, mode_t nMode = 0);
 
 // Gives what was made the rights it is to have, whatever the process's mask took from them.

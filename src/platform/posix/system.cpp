@@ -46,6 +46,11 @@ void CriticalSection::lock() {
   pthread_mutex_lock(MutexIn(m_Storage));
   m_Holder.Enter();
 }
+bool CriticalSection::try_lock() {
+  if (pthread_mutex_trylock(MutexIn(m_Storage)) != 0) return false;
+  m_Holder.Enter();
+  return true;
+}
 void CriticalSection::unlock() {
   m_Holder.Leave();
   pthread_mutex_unlock(MutexIn(m_Storage));

@@ -38,6 +38,11 @@ void CriticalSection::lock() {
   EnterCriticalSection(SectionIn(m_Storage));
   m_Holder.Enter();
 }
+bool CriticalSection::try_lock() {
+  if (TryEnterCriticalSection(SectionIn(m_Storage)) == FALSE) return false;
+  m_Holder.Enter();
+  return true;
+}
 void CriticalSection::unlock() {
   m_Holder.Leave();
   LeaveCriticalSection(SectionIn(m_Storage));

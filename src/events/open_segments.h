@@ -1,0 +1,44 @@
+// The segments of this process that have their files open, beside the newest of each database: at most so many, so that
+// a store of thousands of segments needs few descriptors. Who opens one more has the one closed that was used least
+// recently; closed it is as it was before its first use.
+//
+// Managers hold their own lock when they call; the lock here is below it. To close a segment of another manager takes
+// that one's lock, for which nobody waits here: where it is held, the next segment is tried.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+namespace lumbra {
+
+// What has segments: a segment manager.
+class SegmentOwner {
+ public:
+  // Closes a segment, unless the owner is busy or the segment has writes that cannot be brought to the disk: then it
+  // stays open, and the answer is false. The thread may be within an operation of the same owner that opens a file.
+  virtual bool TryCloseSegment(std::uint32_t nNumber) = 0;
+
+ protected:
+  ~SegmentOwner() = default;
+};
+
+class OpenSegments {
+ public:
+  static constexpr std::uint32_t kUsualLimit = 64;  // propOPEN_SEGMENTS
+
+  static void SetLimit(std::uint32_t nLimit);
+
+  // A segment that is open, and not its owner's newest, is in use. Others are closed while there are too many; of the
+  // caller's own the number is answered, for it to close.
+  static std::optional<std::uint32_t> Use(SegmentOwner* pOwner, std::uint32_t nNumber);
+
+  // It is closed, or is no more; all of them.
+  static void Forget(const SegmentOwner* pOwner, std::uint32_t nNumber);
+  static void Forget(const SegmentOwner* pOwner);
+
+  // Closes the one that was used least recently, of those that can be closed; false when there is none. What is called
+  // when a file meets a process without descriptors.
+  static bool CloseOne();
+};
+
+}  // namespace lumbra
