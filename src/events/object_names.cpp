@@ -203,22 +203,28 @@ ResultCode FindObjectByName(const ObjectStores& Stores, StoreChoice Choice, cons
 
 namespace {
 
-// A name that grows at its front, in a buffer that may be too small: then its end is dropped.
+// A name that grows at its front, in a buffer that may be too small: then its end is dropped. Until it is finished the
+// buffer is a ring that is filled from its end on, so that a name of many components is not moved for each of them.
 class NameBuilder {
  public:
   NameBuilder(void* pBuffer, std::uint32_t nBufferSize)
       : m_pBuffer(static_cast<std::uint8_t*>(pBuffer)), m_nBufferSize(pBuffer == nullptr ? 0 : nBufferSize) {}
 
   void Prepend(const void* pText, std::uint32_t nSize) {
-    const std::uint32_t nShift = std::min(nSize, m_nBufferSize);
-    const auto nKept = static_cast<std::uint32_t>(std::min<std::uint64_t>(m_nTotal, m_nBufferSize - nShift));
-    if (nKept != 0) std::memmove(m_pBuffer + nShift, m_pBuffer, nKept);
-    if (nShift != 0) std::memcpy(m_pBuffer, pText, nShift);
+    const auto* const pBytes = static_cast<const std::uint8_t*>(pText);
     m_nTotal += nSize;
+    for (std::uint32_t nLeft = std::min(nSize, m_nBufferSize); nLeft != 0;) {
+      if (m_nFront == 0) m_nFront = m_nBufferSize;
+      const std::uint32_t nPiece = std::min(nLeft, m_nFront);
+      m_nFront -= nPiece;
+      nLeft -= nPiece;
+      std::memcpy(m_pBuffer + m_nFront, pBytes + nLeft, nPiece);
+    }
   }
 
-  // Each byte of the terminating zero only where it lies inside the buffer.
-  void Terminate() {
+  // Puts the name at the buffer's start, and behind it each byte of a terminating zero that lies inside.
+  void Finish() {
+    std::rotate(m_pBuffer, m_pBuffer + m_nFront, m_pBuffer + m_nBufferSize);
     for (std::uint32_t i = 0; i < kUnit && m_nTotal + i < m_nBufferSize; ++i) m_pBuffer[m_nTotal + i] = 0;
   }
 
@@ -228,6 +234,7 @@ class NameBuilder {
  private:
   std::uint8_t* m_pBuffer;
   std::uint32_t m_nBufferSize;
+  std::uint32_t m_nFront = 0;  // where the name starts in the ring
   std::uint64_t m_nTotal = 0;
 };
 
@@ -336,7 +343,7 @@ ResultCode BuildObjectName(const ObjectStores& Stores, std::uint64_t nId, void* 
     if (Name.Total() > UINT32_MAX) return errSIZE_INVALID;  // of no size that could be told
     nCurrent = Object.About.nParentId;
   }
-  Name.Terminate();
+  Name.Finish();
   if (pnNeeded != nullptr) *pnNeeded = static_cast<std::uint32_t>(Name.Total());
   return Name.IsTruncated() ? errBUFFER_TOO_SMALL : errOK;
 }

@@ -20,7 +20,7 @@ TEST_F(ToolPosixTest, WritesNothingIntoTheStoreThatItCannotPrint) {
   for (int i = 0; i < 50; ++i) Many += "{'name':'x'}\n";
   Run("record --db a", 0, Many);
   const Bytes kTree = ReadFile("store/g_objbt.dat");
-  RunProgram({"/bin/sh", "-c", LUMBRA_TOOL " --store store --host h events --json --db a >&-"}, 1);
+  RunProgram({"/bin/sh", "-c", "'" LUMBRA_TOOL "' --store store --host h events --json --db a >&-"}, 1);
   EXPECT_EQ(kTree, ReadFile("store/g_objbt.dat"));
 }
 
@@ -38,13 +38,14 @@ TEST_F(ToolPosixTest, TakesNothingForMissingThatItCannotLookAt) {
 }
 
 TEST_F(ToolPosixTest, ModuleShowsItsEntryAlone) {
-  EXPECT_THAT(RunProgram({"/bin/sh", "-c", "nm -D --defined-only " LUMBRA_MODULE}),
+  EXPECT_THAT(RunProgram({"/bin/sh", "-c", "nm -D --defined-only '" LUMBRA_MODULE "'"}),
               ::testing::MatchesRegex("[0-9a-f]+ T LumbraModuleEntry\n"));
 }
 
 TEST_F(ToolPosixTest, EndsCleanlyOnInterrupt) {
   // The shell keeps the other end of the input open: it is not over when the tool is interrupted.
-  const char* const pScript = "mkfifo input && exec 3<>input\n" LUMBRA_TOOL
+  const char* const pScript = "mkfifo input && exec 3<>input\n'" LUMBRA_TOOL
+                              "'"
                               " --store store record --db 1 <input &\n"
                               "printf '%s\\n' '{\"name\":\"C:\\\\a\"}' >&3\n"
                               "until [ \"$(wc -c <store/01/00000001_events.dat)\" = 44 ]; do sleep 0.01; done\n"

@@ -253,15 +253,15 @@ TEST_F(ToolTest, OpensNoDatabaseThatWouldStartAnew) {
 }
 
 TEST_F(ToolTest, RunsOnAModule) {
-  const std::string Shown = Run("module " LUMBRA_MODULE);
+  const std::string Shown = Run("module '" LUMBRA_MODULE "'");
   EXPECT_THAT(Shown, ::testing::AnyOf(HasSubstr("format              ELF\n"), HasSubstr("format              PE\n")));
   EXPECT_THAT(Shown,
               EndsWith("plug-in id          0xBF8E\ninterface id        0xBF8C\ninterface constant  1\n"
                        "interface comment   \"Lumbra\"\nMD5                 59648ed64ec20fef4cc565fc8dcee677\n"));
-  Record("1 --module " LUMBRA_MODULE, {"a"});
+  Record("1 --module '" LUMBRA_MODULE "'", {"a"});
   Record("1", {"b"});
-  EXPECT_EQ(json({"a", "b"}), Names("1 --module " LUMBRA_MODULE));
-  Fails("events --db 2 --module " LUMBRA_MODULE, "errOBJECT_NOT_FOUND");
+  EXPECT_EQ(json({"a", "b"}), Names("1 --module '" LUMBRA_MODULE "'"));
+  Fails("events --db 2 --module '" LUMBRA_MODULE "'", "errOBJECT_NOT_FOUND");
 }
 
 TEST_F(ToolTest, RunsNothingOfAModuleThatIsRefused) {
