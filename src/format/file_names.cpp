@@ -21,10 +21,25 @@ std::u16string SegmentFileName(std::uint32_t nSegment, std::u16string_view Name)
   return SegmentPrefix(nSegment).append(Name);
 }
 
-bool IsEventsFileName(std::u16string_view Name) {
+namespace {
+
+// What stands behind a segment's number; nothing where there is none.
+std::u16string_view WithoutNumber(std::u16string_view Name) {
   constexpr std::size_t kDigitCount = kSegmentPrefixLength - 1;
-  if (Name.find_first_not_of(kDigits) != kDigitCount || Name[kDigitCount] != u'_') return false;
-  return Name.substr(kSegmentPrefixLength) == kEventsFile;
+  if (Name.find_first_not_of(kDigits) != kDigitCount || Name[kDigitCount] != u'_') return {};
+  return Name.substr(kSegmentPrefixLength);
+}
+
+}  // namespace
+
+bool IsEventsFileName(std::u16string_view Name) {
+  return WithoutNumber(Name) == kEventsFile;
+}
+
+bool IsFileOfDatabase(std::u16string_view Name) {
+  if (Name == kSegmentsFile || Name == kIdentityFile) return true;
+  const std::u16string_view OfSegment = WithoutNumber(Name);
+  return OfSegment == kEventsFile || OfSegment == kTreeFile || OfSegment == kIdsFile || OfSegment == kDataFile;
 }
 
 }  // namespace lumbra

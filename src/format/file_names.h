@@ -37,7 +37,10 @@ std::u16string SegmentFileName(std::uint32_t nSegment, std::u16string_view Name)
 // Whether a file of this name holds the events of a segment.
 bool IsEventsFileName(std::u16string_view Name);
 
-// All of them, as a pattern.
+// Whether a database's folder has a file of this name from the store.
+bool IsFileOfDatabase(std::u16string_view Name);
+
+// All of those with events, as a pattern.
 inline constexpr char16_t kAnyEventsFile[] = u"????????_events.dat";
 
 }  // namespace lumbra

@@ -2,14 +2,31 @@
 
 #include <algorithm>
 #include <cassert>
-#include <fstream>
 #include <new>
 #include <utility>
 
 #include "host/host_services.h"
+#include "host/text.h"
+#include "host/trace_file.h"
 #include "host/trace_format.h"
+#include "host/trust.h"
 
 namespace lumbra::host {
+namespace {
+
+constexpr std::uint32_t kFailureLevel = 300;
+
+// A store's folder as the system knows it: on posix the store takes '\\' for a separator, too.
+std::filesystem::path PathOfStore(std::u16string Folder) {
+#ifdef _WIN32
+  return Folder;
+#else
+  std::replace(Folder.begin(), Folder.end(), u'\\', u'/');
+  return ToUtf8(Folder);
+#endif
+}
+
+}  // namespace
 
 // ---- Store ------------------------------------------------------------------------------------------------
 
@@ -26,6 +43,13 @@ Store::~Store() {
 }
 
 ResultCode Store::Init() {
+  if (!m_pHost->m_bTrustsStores) {
+    const std::string Why = WhyStoreNotTrusted(PathOfStore(ReportFolder()));
+    if (!Why.empty()) {
+      m_pHost->WriteLine(kFailureLevel, "the store is not trusted: " + Why);
+      return errACCESS_DENIED;
+    }
+  }
   return m_pInstance->pLifecycle->ObjectInitDone(m_pInstance);
 }
 
@@ -40,10 +64,26 @@ ResultCode Store::GetNumber(std::uint32_t nPropertyId, std::uint32_t* pnValue) c
 }
 
 ResultCode Store::SetReportFolder(std::u16string_view Folder) {
+  constexpr std::size_t kLongestPath = 32767;  // units
+  if (Folder.size() > kLongestPath) return errSIZE_INVALID;
   std::u16string Text(Folder);
   const auto nSize = static_cast<std::uint32_t>(Text.size() * sizeof(char16_t));
   PropertyAccessRecord Record{Text.data(), nSize, 0, kCodePageUtf16, propertySet};
   return m_pInstance->pLifecycle->PropertyAccess(m_pInstance, propREPORT_FOLDER, &Record);
+}
+
+std::u16string Store::ReportFolder() const {
+  std::u16string Folder;
+  PropertyAccessRecord Record{nullptr, 0, 0, 0, propertyGet};
+  const auto Get = [&] {
+    return m_pInstance->pLifecycle->PropertyAccess(m_pInstance, propREPORT_FOLDER, &Record);
+  };
+  if (Failed(Get())) return Folder;
+  Folder.resize(Record.nCount / sizeof(char16_t));
+  Record = {Folder.data(), Record.nCount, 0, 0, propertyGet};
+  if (Failed(Get())) return {};
+  if (Folder.ends_with(u'\0')) Folder.pop_back();
+  return Folder.empty() ? m_pHost->ValueOf(u"%Report%") : Folder;
 }
 
 // ---- StandaloneHost ---------------------------------------------------------------------------------------
@@ -66,6 +106,12 @@ StandaloneHost::~StandaloneHost() {
   HostServices::Leave(this);
 }
 
+std::u16string StandaloneHost::ValueOf(const std::u16string& Placeholder) {
+  const std::lock_guard Hold(m_Lock);
+  const auto Found = m_Placeholders.find(Placeholder);
+  return Found == m_Placeholders.end() ? std::u16string() : Found->second;
+}
+
 void StandaloneHost::SetPlaceholder(std::u16string_view Placeholder, std::u16string_view Value) {
   const std::lock_guard Hold(m_Lock);
   m_Placeholders.insert_or_assign(std::u16string(Placeholder), std::u16string(Value));
@@ -84,11 +130,12 @@ void WriteTraceLine(std::FILE* pStream, std::uint32_t nLevel, std::string_view L
   std::fflush(pStream);
 }
 
-bool StandaloneHost::TraceToFile(std::uint32_t nLevel, const std::filesystem::path& Path) {
-  const auto pFile = std::make_shared<std::ofstream>(Path, std::ios::binary);
-  if (!pFile->is_open()) return false;
+bool StandaloneHost::TraceToFile(std::uint32_t nLevel, const std::filesystem::path& Path, TraceFile What) {
+  std::FILE* const pOpened = OpenTraceFile(Path, What == TraceFile::Replace);
+  if (pOpened == nullptr) return false;
+  const std::shared_ptr<std::FILE> pFile(pOpened, &std::fclose);
   TraceToCallback(nLevel, [pFile](std::uint32_t nLineLevel, std::string_view Line) {
-    *pFile << nLineLevel << ' ' << Line << std::endl;
+    WriteTraceLine(pFile.get(), nLineLevel, Line);
   });
   return true;
 }
@@ -100,7 +147,11 @@ void StandaloneHost::TraceToCallback(std::uint32_t nLevel, TraceCallback Callbac
 }
 
 void StandaloneHost::WriteLine(std::uint32_t nLevel, const char* pFormat, std::va_list Arguments) {
-  const std::string Line = FormatTraceLine(pFormat, Arguments);
+  WriteLine(nLevel, FormatTraceLine(pFormat, Arguments));
+}
+
+void StandaloneHost::WriteLine(std::uint32_t nLevel, std::string_view Line) {
+  if (nLevel > m_nTraceLevel) return;
   const std::lock_guard Hold(m_TraceLock);
   if (m_TraceCallback) m_TraceCallback(nLevel, Line);
 }

@@ -38,7 +38,8 @@ class Store {
 
   explicit operator bool() const { return m_pInstance != nullptr; }
 
-  // Opens the store (ObjectInitDone). Properties that concern opening are set before.
+  // Opens the store (ObjectInitDone). Properties that concern opening are set before. errACCESS_DENIED, with a trace
+  // line of level 300 that says why, when others may change the store (host/trust.h), unless the host trusts it.
   ResultCode Init();
 
   // Calls one of the 19 operations: Call(&LumbraOperations::InitDB, 1, 64).
@@ -53,6 +54,7 @@ class Store {
 
   // propREPORT_FOLDER; without it the host's placeholder "%Report%" names the folder.
   ResultCode SetReportFolder(std::u16string_view Folder);
+  std::u16string ReportFolder() const;
 
   LumbraInstance* Instance() const { return m_pInstance; }
 
@@ -85,12 +87,19 @@ class StandaloneHost {
   // Gives a placeholder ("%Report%", "%LumbraCheckData%", "%host%") its value.
   void SetPlaceholder(std::u16string_view Placeholder, std::u16string_view Value);
 
+  // Opens stores also where others than the effective user may change them: what he opens them for may then be done to
+  // other files, or with what others have put there.
+  void TrustStores() { m_bTrustsStores = true; }
+
   // Sends the trace lines up to a level (300 failures ... 600 every detail; 0 none) to a file that stays
-  // open, to a file that is created, or to a callback, which must bear calls from any thread, one at a time.
+  // open, to a file, or to a callback, which must bear calls from any thread, one at a time.
   // A callback must not call the host or a store: a thread that traces may hold a lock that the call waits for.
   // A line that the level drops is not formatted.
   void TraceToStream(std::uint32_t nLevel, std::FILE* pStream);
-  bool TraceToFile(std::uint32_t nLevel, const std::filesystem::path& Path);
+  // Of a file the lines are appended to what is there, or replace it. It is a plain one, no link, made for its owner
+  // alone where it is missing, and not handed on to programs that the process starts. False when it cannot be opened.
+  enum class TraceFile { Append, Replace };
+  bool TraceToFile(std::uint32_t nLevel, const std::filesystem::path& Path, TraceFile What = TraceFile::Replace);
   void TraceToCallback(std::uint32_t nLevel, TraceCallback Callback);
 
   // An instance of one of the three interfaces; not initialised yet. None when there is no memory for it.
@@ -111,6 +120,8 @@ class StandaloneHost {
   std::vector<Store> HandlersOf(std::uint32_t nClass);
   void Release(LumbraInstance* pInstance);
   void WriteLine(std::uint32_t nLevel, const char* pFormat, std::va_list Arguments);
+  void WriteLine(std::uint32_t nLevel, std::string_view Line);
+  std::u16string ValueOf(const std::u16string& Placeholder);
 
   struct Handler {
     std::uint32_t nClass;
@@ -120,6 +131,7 @@ class StandaloneHost {
   ModuleEntry m_pEntry;
   HostObject m_Root;
   bool m_bRefused = false;  // beside another host
+  std::atomic<bool> m_bTrustsStores{false};
   ResultCode m_nLoadResult = errOK;
 
   std::recursive_mutex m_Lock;  // guards what follows, up to the trace

@@ -4,6 +4,7 @@
 // what its owner gave.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 
@@ -19,8 +20,15 @@ std::string WhyNotTrusted(const std::filesystem::path& Path, TrustedOwner Owner)
 // The same of a file that is open, by its descriptor. Posix alone.
 std::string WhyNotTrusted(int nDescriptor, TrustedOwner Owner);
 
-// The same of a store: its folder, and what lies in it under the name of a folder. A sentence that starts with the
-// path.
+// The same of a store: its folder, and the folders and links directly in it. A sentence that starts with the path.
 std::string WhyStoreNotTrusted(const std::filesystem::path& Folder);
+
+// What of a store others than its owner may read or write to: how many files and folders, and the path of the first.
+// Who may read a file may lock it.
+struct Exposure {
+  std::uint64_t nCount = 0;
+  std::string First;
+};
+Exposure ExposureOf(const std::filesystem::path& Folder);
 
 }  // namespace lumbra::host

@@ -69,4 +69,20 @@ std::string WhyStoreNotTrusted(const std::filesystem::path& Folder) {
   return errno == 0 ? std::string() : Folder.string() + ' ' + WhyNotKnown();
 }
 
+Exposure ExposureOf(const std::filesystem::path& Folder) {
+  Exposure Found;
+  const auto Look = [&Found](const std::filesystem::path& Path) {
+    struct stat Status {};
+    constexpr mode_t kOthers = S_IRWXG | S_IRWXO;
+    if (lstat(Path.c_str(), &Status) != 0 || S_ISLNK(Status.st_mode) || (Status.st_mode & kOthers) == 0) return;
+    if (Found.nCount++ == 0) Found.First = Path.string();
+  };
+  Look(Folder);
+  std::error_code Refused;  // what cannot be listed is not counted
+  std::filesystem::recursive_directory_iterator Listing(Folder, Refused);
+  for (; !Refused && Listing != std::filesystem::recursive_directory_iterator(); Listing.increment(Refused))
+    Look(Listing->path());
+  return Found;
+}
+
 }  // namespace lumbra::host

@@ -9,4 +9,8 @@ std::string WhyStoreNotTrusted(const std::filesystem::path&) {
   return {};
 }
 
+Exposure ExposureOf(const std::filesystem::path&) {
+  return {};
+}
+
 }  // namespace lumbra::host

@@ -57,6 +57,36 @@ TEST_F(HostTest, TracesUpToALevelIntoAFile) {
   EXPECT_THAT(Text, Not(HasSubstr("Lumbra::AddEvent Database")));  // of level 600
 }
 
+TEST_F(HostTest, TracesIntoAPlainFileAlone) {
+  WriteFile("old", {'x'});
+  EXPECT_TRUE(m_Host->TraceToFile(300, Folder() / "old", host::StandaloneHost::TraceFile::Append));
+  EXPECT_EQ("x", ReadText("old"));
+  EXPECT_TRUE(m_Host->TraceToFile(300, Folder() / "old"));
+  EXPECT_EQ("", ReadText("old"));
+  EXPECT_FALSE(m_Host->TraceToFile(300, Folder()));
+#ifndef _WIN32
+  fs::create_symlink("old", Folder() / "link");
+  EXPECT_FALSE(m_Host->TraceToFile(300, Folder() / "link"));
+  EXPECT_TRUE(m_Host->TraceToFile(300, Folder() / "new"));
+  EXPECT_EQ(fs::perms(0600), fs::status(Folder() / "new").permissions());
+#endif
+}
+
+#ifndef _WIN32
+TEST_F(HostTest, OpensNoStoreThatOthersMayChange) {
+  Unload();
+  fs::permissions(Folder(), fs::perms::others_write, fs::perm_options::add);
+  Load();
+  m_Host->TraceToCallback(300, &NoteTraceLine);
+  TakeTrace();
+  Step("a store that all may write to", Open())
+      .Is(errACCESS_DENIED)
+      .Says({"300 the store is not trusted: " + Folder().string() + " can be written by others"});
+  m_Host->TrustStores();
+  Step("the same, trusted", Open()).Is(errOK);
+}
+#endif
+
 // A system that could not bring data to the disk may drop it, and call the next attempt a success.
 TEST_F(HostTest, TellsOfAFailedFlushUntilTheStoreIsOpenedAgain) {
   for (const std::uint32_t nTraced : {0u, 600u}) {

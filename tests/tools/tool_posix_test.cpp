@@ -1,4 +1,7 @@
 // The tool among names, links, streams and signals that posix alone has.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "tools/tool_fixture.h"
 
 namespace lumbra::test {
@@ -22,6 +25,52 @@ TEST_F(ToolPosixTest, WritesNothingIntoTheStoreThatItCannotPrint) {
   const Bytes kTree = ReadFile("store/g_objbt.dat");
   RunProgram({"/bin/sh", "-c", "'" LUMBRA_TOOL "' --store store --host h events --json --db a >&-"}, 1);
   EXPECT_EQ(kTree, ReadFile("store/g_objbt.dat"));
+}
+
+// Who may write there can lead us to other files, and put into the store what he likes.
+TEST_F(ToolPosixTest, UsesNoStoreThatOthersMayChange) {
+  Run("record --db 1");
+  const auto Set = [this](const char* pName, fs::perms Added) {
+    fs::permissions(Folder() / pName, Added, fs::perm_options::add);
+  };
+  Set("store/01", fs::perms::others_write);
+  Fails("events --db 1", At("store/01") + " can be written by others; --trust-store uses it all the same");
+  Run("events --db 1 --trust-store");
+  fs::permissions(Folder() / "store/01", fs::perms(0700));
+  fs::create_directory_symlink("01", Folder() / "store/02");
+  Fails("record --db 2", At("store/02") + " is a link");
+  fs::remove(Folder() / "store/02");
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give files away";
+  ASSERT_EQ(0, chown(At("store").c_str(), 65534, 0));
+  Fails("info", At("store") + " belongs to another user");
+  ASSERT_EQ(0, chown(At("store").c_str(), 0, 65534));
+  Set("store", fs::perms::group_write);
+  Fails("info", At("store") + " can be written by its group");
+  ASSERT_EQ(0, chown(Folder().c_str(), 65534, 0));
+  RunProgram({LUMBRA_TOOL, "info"}, 1);
+  EXPECT_THAT(Errors(), HasSubstr("root works in a folder of somebody else; name the store with --store"));
+}
+
+TEST_F(ToolPosixTest, SaysWhatOthersMayRead) {
+  Run("record --db 1 --group-readable");
+  EXPECT_EQ(fs::perms(0640), fs::status(At("store/01/segments.dat")).permissions());
+  EXPECT_THAT(Run("check"), HasSubstr(At("store") + " first\n"));
+  fs::remove_all(At("store"));
+  Run("record --db 1");
+  EXPECT_THAT(Run("check"), ::testing::Not(HasSubstr("others")));
+}
+
+TEST_F(ToolPosixTest, WaitsForNoPipeAndReadsNoMoreThanAFileCanHold) {
+  Run("record --db a");
+  for (const std::string Name : {"store/g_db_id.dat", "store/a/segments.dat", "store/g_objid.dat"}) {
+    fs::rename(At(Name), At("kept"));
+    ASSERT_EQ(0, mkfifo(At(Name).c_str(), 0600));
+    for (const char* const pCommand : {"info", "events --db a", "record --db a"}) Run(pCommand, 1);
+    fs::rename(At("kept"), At(Name));
+  }
+  fs::resize_file(At("store/g_db_id.dat"), std::uint64_t{1} << 40);
+  WriteFile("store/b/segments.dat", ReadFile("store/a/segments.dat"));
+  EXPECT_THAT(Run("info"), HasSubstr("\n  -  b "));
 }
 
 TEST_F(ToolPosixTest, TakesNothingForMissingThatItCannotLookAt) {

@@ -178,6 +178,38 @@ TEST_F(ToolTest, ClearsAlsoWhatItWouldNotOpen) {
   }
 }
 
+TEST_F(ToolTest, ClearsNoFilesThatAreNotTheStores) {
+  Run("record --db named");
+  WriteFile("store/named/notes.txt", {'x'});
+  Fails("clear --db named --yes", "notes.txt is not the store's");
+  EXPECT_EQ(json({"x"}), Names("named"));
+  Run("clear --db named --yes --force");
+  EXPECT_FALSE(fs::exists(Folder() / "store/named/notes.txt"));
+}
+
+TEST_F(ToolTest, BoundsWhatInputMayCost) {
+  const std::string kLong(32768, 'n');
+  EXPECT_THAT(
+      Run("record --db 1", 1,
+          "{'name':'" + std::string(1 << 20, 'x') + "'}\n{'name':'" + kLong + "'}\n{'name':'" + kLong.substr(1) + "'}"),
+      StartsWith("recorded 1 events"));
+  EXPECT_THAT(Errors(), HasSubstr("line 1: longer than 1 MiB\nline 2: name it: errSIZE_INVALID"));
+  Patch("store/01/00000001_events.dat", 12, Bytes(8, 0xFF));
+  EXPECT_EQ(json::array({nullptr}), Events("1", "/time"));
+  EXPECT_THAT(Run("events --db 1"), HasSubstr("  18446744073709551615  "));
+}
+
+TEST_F(ToolTest, SaysThatANameIsUsedUp) {
+  Run("record --db new");
+  EXPECT_THAT(Errors(), HasSubstr("made database \"new\", number 1 of 207 that a store can have"));
+  Run("record --db new");
+  EXPECT_EQ("", Errors());
+  for (int i = 2; i < 180; ++i) Record('n' + std::to_string(i), {"x"});
+  Run("scan in --db last");
+  EXPECT_THAT(Errors(), HasSubstr("lumbra: 27 names of databases are left"));
+  Fails("record --db x.schema", "a new database cannot have this name");
+}
+
 TEST_F(ToolTest, NamesObjectsOfOtherDatabases) {
   const std::string Id = Find("2 --create 'C:\\elsewhere'");
   Run("record --db 1");

@@ -3,6 +3,8 @@
 #include <cstdio>
 
 #include "commands.h"
+#include "failure.h"
+#include "host/trust.h"
 #include "machine.h"
 
 namespace lumbra::tool {
@@ -69,6 +71,10 @@ int CheckStore(const CommonOptions& Common, const NoOptions& /*Options*/) {
   const StoreFiles& Files = Store.Files();
   std::printf("%s: %llu shared objects\n", TextOf(Files.Folder()).c_str(),
               static_cast<unsigned long long>(Files.SharedObjectCount()));
+  if (const host::Exposure Open = host::ExposureOf(Files.Folder()); Open.nCount != 0) {
+    std::printf("%llu of its files and folders can be read or changed by others than their owner, %s first\n",
+                static_cast<unsigned long long>(Open.nCount), Printable(Open.First).c_str());
+  }
   if (Files.IsMarkedCorrupted()) {
     std::puts("The store is marked corrupted: damaged data was met at some time. The quick check is not run on it.");
     return kExitFailed;

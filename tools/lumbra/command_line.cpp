@@ -87,11 +87,16 @@ void AddLimits(CLI::App* pCommand, LimitOptions* pLimits) {
 }
 
 void AddCommon(CLI::App* pApp, CommonOptions* pCommon) {
-  pApp->add_option("--store", pCommon->Store, "Folder of the store")
+  const auto TakeStore = [pCommon](const std::string& Folder) {
+    pCommon->Store = Folder;
+    pCommon->bStoreGiven = true;
+  };
+  pApp->add_option_function<std::string>("--store", TakeStore, "Folder of the store (default: " + pCommon->Store + ')')
       ->envname("LUMBRA_STORE")
-      ->capture_default_str()
       ->check(NotEmpty());
+  pApp->add_flag("--trust-store", pCommon->bTrustStore, "Use the store though others than you may change it");
   pApp->add_flag("--check-mode", pCommon->bCheckMode, "Create new files with every kind of CRC");
+  pApp->add_flag("--group-readable", pCommon->bGroupReadable, "Let the group read new files; else you alone can");
   pApp->add_option("--host", pCommon->Host, "Name of the host in the store (default: this machine's)");
   pApp->add_option("--module", pCommon->Module, "Run the command on this module (default: what is built in)")
       ->type_name("FILE")
@@ -211,6 +216,7 @@ void AddStoreCommands(CLI::App* pApp, Request* pRequest) {
   const auto [pClear, pClearWith] = AddCommand(pApp, pRequest, "clear", "Delete everything in a database", Clear);
   AddDatabase(pClear, &pClearWith->Database);
   pClear->add_flag("--yes", pClearWith->bYes, "Really")->required()->disable_flag_override();
+  pClear->add_flag("--force", pClearWith->bForce, "Also files that are not the store's");
 }
 
 }  // namespace

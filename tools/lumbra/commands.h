@@ -92,6 +92,7 @@ int Compact(const CommonOptions& Common, const NoOptions& Options);
 struct ClearOptions {
   DatabaseName Database;
   bool bYes = false;
+  bool bForce = false;
 };
 int Clear(const CommonOptions& Common, const ClearOptions& Options);
 

@@ -80,6 +80,16 @@ bool WritePair(const Session& Store) {
   return true;
 }
 
+// The store deletes every file of the folder, whoever has put it there.
+void RefuseWhereOtherFilesAre(const StoreFiles& Files, const DatabaseName& Database) {
+  const std::vector<std::string> Foreign = Files.ForeignFiles(Database);
+  if (Foreign.empty()) return;
+  for (const std::string& Name : Foreign)
+    std::fprintf(stderr, "lumbra: %s is not the store's, and would be deleted\n", Printable(Name).c_str());
+  throw Failure("clear " + Database.Describe(), errACCESS_DENIED,
+                "its folder has files that are not the store's; --force deletes them, too");
+}
+
 }  // namespace
 
 int Compact(const CommonOptions& Common, const NoOptions& /*Options*/) {
@@ -110,6 +120,7 @@ int Compact(const CommonOptions& Common, const NoOptions& /*Options*/) {
 
 int Clear(const CommonOptions& Common, const ClearOptions& Options) {
   Session Store(Common, Missing::Refuse);
+  if (!Options.bForce) RefuseWhereOtherFilesAre(Store.Files(), Options.Database);
   const std::uint32_t nDatabase = Store.OpenDatabaseToClear(Options.Database);
   Check(Store.Call(&LumbraOperations::ClearDB, nDatabase), "clear " + Options.Database.Describe());
   Store.Flush();

@@ -70,9 +70,15 @@ std::uint64_t FileTimeOf(std::int64_t nSeconds, std::int64_t nNanoseconds) {
   return FileTimeOf(Instant(std::chrono::seconds(std::clamp(nSeconds, -kLast, kLast)) + Fraction));
 }
 
-std::string FormatTime(std::uint64_t nFileTime) {
+std::optional<std::string> FormatTime(std::uint64_t nFileTime) {
+  constexpr FileTimeUnits kEnd = date::sys_days(date::year(10000) / 1 / 1).time_since_epoch() + kTo1970;
+  if (nFileTime >= static_cast<std::uint64_t>(kEnd.count())) return {};
   const Instant Time(FileTimeUnits(static_cast<std::int64_t>(nFileTime)) - kTo1970);
   return date::format("%FT%TZ", Time);
+}
+
+std::string DescribeTime(std::uint64_t nFileTime) {
+  return FormatTime(nFileTime).value_or(std::to_string(nFileTime));
 }
 
 std::optional<std::uint64_t> ParseTime(const std::string& Text) {

@@ -12,8 +12,11 @@ std::uint64_t Now();
 // From a time since 1970; what lies before 1601 becomes 0, and what does not fit the latest time that does.
 std::uint64_t FileTimeOf(std::int64_t nSeconds, std::int64_t nNanoseconds);
 
-// "2026-11-24T13:34:00.1234567Z"
-std::string FormatTime(std::uint64_t nFileTime);
+// "2026-11-24T13:34:00.1234567Z"; nothing for what lies behind the year 9999, which has no such form.
+std::optional<std::string> FormatTime(std::uint64_t nFileTime);
+
+// The same for people; the number of what has no such form.
+std::string DescribeTime(std::uint64_t nFileTime);
 
 // "2026-11-24T13:34:00Z", with a fraction, or with an offset; nothing for any other text.
 std::optional<std::uint64_t> ParseTime(const std::string& Text);

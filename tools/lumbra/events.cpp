@@ -71,14 +71,19 @@ class Printer {
     const ResultCode nCode = ReadName(Shown.nObject, &Object);
     const bool bNamed = Succeeded(nCode);
     const bool bGone = nCode == errOBJECT_NOT_FOUND || nCode == errNOT_FOUND;
-    if (!bNamed && !bGone) m_nUnreadable = nCode;
+    const bool bTooLong = nCode == errSIZE_INVALID;
+    if (!bNamed && !bGone && !bTooLong) m_nUnreadable = nCode;
     const bool bKnowsParent = !m_Options.bParents || nParent != 0 || !bNamed || HasNoParent(Shown.nObject, Object);
     if (!bKnowsParent) m_nUnreadable = errREAD_FAILED;
     if (m_Options.bJson) {
-      nlohmann::ordered_json Line = {
-          {"id", FormatId(nId)},   {"time", FormatTime(Shown.nTime)},   {"kind", Shown.nKind},
-          {"value", Shown.nValue}, {"object", FormatId(Shown.nObject)}, {"type", nullptr},
-          {"name", nullptr}};
+      nlohmann::ordered_json Line = {{"id", FormatId(nId)},
+                                     {"time", nullptr},
+                                     {"kind", Shown.nKind},
+                                     {"value", Shown.nValue},
+                                     {"object", FormatId(Shown.nObject)},
+                                     {"type", nullptr},
+                                     {"name", nullptr}};
+      if (const std::optional<std::string> Time = FormatTime(Shown.nTime)) Line["time"] = *Time;
       if (bNamed) {
         Line["type"] = Object.nType;
         Line["name"] = Object.Name;
@@ -87,11 +92,14 @@ class Printer {
       std::puts(Line.dump().c_str());
       return;
     }
-    std::printf("%s  %s  %-6s  %12llu  ", FormatId(nId).c_str(), FormatTime(Shown.nTime).c_str(),
+    std::printf("%s  %s  %-6s  %12llu  ", FormatId(nId).c_str(), DescribeTime(Shown.nTime).c_str(),
                 FormatKind(Shown.nKind).c_str(), static_cast<unsigned long long>(Shown.nValue));
     if (m_Options.bParents)
       std::printf("%-18s  ", nParent != 0 ? FormatId(nParent).c_str() : bKnowsParent ? "-" : "cannot be read");
-    std::puts(bNamed ? Printable(Object.Name).c_str() : bGone ? "(its name is gone)" : "(its name cannot be read)");
+    std::puts(bNamed     ? Printable(Object.Name).c_str()
+              : bGone    ? "(its name is gone)"
+              : bTooLong ? kNameTooLong
+                         : "(its name cannot be read)");
   }
 
   // The code of the last object that could not be read; errOK when all could that are there.

@@ -51,7 +51,7 @@ void PrintJson(const Session& Store, const std::vector<DatabaseInfo>& Databases)
     One["bytes"] = Info.nBytes;
     One["segments"] = Info.nSegments;
     One["oldest"] = nullptr;
-    if (Info.nOldest != 0) One["oldest"] = FormatTime(Info.nOldest);
+    if (const auto Oldest = FormatTime(Info.nOldest); Oldest && Info.nOldest != 0) One["oldest"] = *Oldest;
     Listed.push_back(One);
   }
   const nlohmann::ordered_json All = {
@@ -68,7 +68,7 @@ void PrintText(const Session& Store, const std::vector<DatabaseInfo>& Databases)
     std::printf("%3s  %-16s  %-16s  %10u  %10u  %14llu  %8zu  %s\n", Info.Id ? std::to_string(*Info.Id).c_str() : "-",
                 Info.Name.Number ? "-" : Info.Name.Name.c_str(), Info.Name.Folder().c_str(), Info.nEventSize,
                 Info.nRecords, static_cast<unsigned long long>(Info.nBytes), Info.nSegments,
-                Info.nOldest != 0 ? FormatTime(Info.nOldest).c_str() : "-");
+                Info.nOldest != 0 ? DescribeTime(Info.nOldest).c_str() : "-");
   }
 }
 

@@ -28,6 +28,9 @@ std::string TextOf(const std::filesystem::path& Path);
 // Whether a path's text says all of it.
 bool IsExactText(const std::string& Text, const std::filesystem::path& Path);
 
+// Whether root works in a folder that belongs to another user.
+bool IsRootInFolderOfOthers();
+
 // Why a folder, by its absolute path, cannot be that of a store; empty when it can.
 std::string WhyNoStorePath(const std::filesystem::path& Folder);
 
@@ -65,6 +68,11 @@ bool Interrupted();
 
 // Why a store's folder or its files cannot be used for reading and writing; empty when they can, as far as can be seen.
 std::string WhyNotUsable(const std::filesystem::path& Folder);
+
+// Bytes of a plain file from an offset on, as many as it has of those. An error for what is a link, or no plain file,
+// and for one that is missing; nobody at the other end of a pipe is waited for.
+std::error_code ReadPlainFile(const std::filesystem::path& Path, std::uint64_t nOffset, std::size_t nSize,
+                              std::string* pContent);
 
 // Whether another process has the file open in a way that shuts us out.
 bool IsHeld(const std::filesystem::path& File);

@@ -20,6 +20,24 @@ namespace {
 
 volatile std::sig_atomic_t g_bInterrupted = 0;
 
+// A file that is open for reading: not what a link leads to, and nobody at the other end of a pipe is waited for.
+class Descriptor {
+ public:
+  explicit Descriptor(const std::filesystem::path& Path)
+      : m_nNumber(open(Path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW)) {}
+  ~Descriptor() {
+    if (IsOpen()) close(m_nNumber);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  bool IsOpen() const { return m_nNumber >= 0; }
+  int Number() const { return m_nNumber; }
+
+ private:
+  const int m_nNumber;
+};
+
 EntryKind KindOf(mode_t nMode) {
   if (S_ISREG(nMode)) return EntryKind::File;
   if (S_ISDIR(nMode)) return EntryKind::Folder;
@@ -40,6 +58,11 @@ std::string TextOf(const std::filesystem::path& Path) {
 
 bool IsExactText(const std::string& Text, const std::filesystem::path& /*Path*/) {
   return host::ToUtf8(host::ToUtf16(Text)) == Text;
+}
+
+bool IsRootInFolderOfOthers() {
+  struct stat Status {};
+  return geteuid() == 0 && stat(".", &Status) == 0 && Status.st_uid != 0;
 }
 
 std::string WhyNoStorePath(const std::filesystem::path& Folder) {
@@ -125,12 +148,30 @@ std::string WhyNotUsable(const std::filesystem::path& Folder) {
   return {};
 }
 
-bool IsHeld(const std::filesystem::path& File) {
-  const int nDescriptor = open(File.c_str(), O_RDONLY | O_CLOEXEC);
-  if (nDescriptor < 0) return false;
-  const bool bHeld = flock(nDescriptor, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
-  close(nDescriptor);
-  return bHeld;
+std::error_code ReadPlainFile(const std::filesystem::path& Path, std::uint64_t nOffset, std::size_t nSize,
+                              std::string* pContent) {
+  const Descriptor File(Path);
+  if (!File.IsOpen()) return {errno == ELOOP ? EACCES : errno, std::generic_category()};
+  struct stat Status {};
+  if (fstat(File.Number(), &Status) != 0) return {errno, std::generic_category()};
+  if (!S_ISREG(Status.st_mode)) return std::make_error_code(std::errc::invalid_argument);
+  pContent->resize(nSize);
+  std::size_t nRead = 0;
+  while (nRead < nSize) {
+    const ssize_t n =
+        pread(File.Number(), pContent->data() + nRead, nSize - nRead, static_cast<off_t>(nOffset + nRead));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return {errno, std::generic_category()};
+    if (n == 0) break;
+    nRead += static_cast<std::size_t>(n);
+  }
+  pContent->resize(nRead);
+  return {};
+}
+
+bool IsHeld(const std::filesystem::path& Path) {
+  const Descriptor File(Path);
+  return File.IsOpen() && flock(File.Number(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
 bool Look(const std::filesystem::path& Path, Entry* pEntry, std::string* pReason) {

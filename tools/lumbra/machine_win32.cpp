@@ -93,6 +93,10 @@ bool IsExactText(const std::string& Text, const std::filesystem::path& Path) {
   return host::ToUtf16(Text) == Path.u16string();
 }
 
+bool IsRootInFolderOfOthers() {
+  return false;
+}
+
 // Names in a store have up to 83 characters, and the library's functions take paths of up to 259.
 std::string WhyNoStorePath(const std::filesystem::path& Folder) {
   constexpr std::size_t kLongest = 259 - 83;
@@ -209,6 +213,19 @@ std::string WhyNotUsable(const std::filesystem::path& Folder) {
     }
   }
   return {};
+}
+
+std::error_code ReadPlainFile(const std::filesystem::path& Path, std::uint64_t nOffset, std::size_t nSize,
+                              std::string* pContent) {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> File(_wfopen(Path.c_str(), L"rb"), &std::fclose);
+  const auto LastError = [] {
+    return std::error_code(errno, std::generic_category());
+  };
+  if (File == nullptr) return LastError();
+  pContent->resize(nSize);
+  if (_fseeki64(File.get(), static_cast<std::int64_t>(nOffset), SEEK_SET) != 0) return LastError();
+  pContent->resize(std::fread(pContent->data(), 1, nSize, File.get()));
+  return std::ferror(File.get()) != 0 ? LastError() : std::error_code();
 }
 
 bool IsHeld(const std::filesystem::path& File) {

@@ -118,9 +118,9 @@ int Name(const CommonOptions& Common, const NameOptions& Options) {
         nStatus = kExitFailed;
         continue;
       }
-      Check(nCode, "read the name of " + FormatId(nId));
+      if (nCode != errSIZE_INVALID) Check(nCode, "read the name of " + FormatId(nId));
       std::printf("%s  %-6s  %s\n", FormatId(nId).c_str(), FormatType(Object.nType).c_str(),
-                  Printable(Object.Name).c_str());
+                  Succeeded(nCode) ? Printable(Object.Name).c_str() : kNameTooLong);
     } catch (const Failure& Reason) {  // one that cannot be shown does not hide the others
       ReportFailure(Reason);
       nStatus = kExitFailed;

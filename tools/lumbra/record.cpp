@@ -13,7 +13,7 @@
 namespace lumbra::tool {
 namespace {
 
-// The lines of a file or of standard input. An interrupt ends them.
+// The lines of a file or of standard input. An interrupt ends them. Of one that is too long no more is kept.
 class LineReader {
  public:
   explicit LineReader(const std::string& Path)
@@ -27,11 +27,16 @@ class LineReader {
   LineReader(const LineReader&) = delete;
   LineReader& operator=(const LineReader&) = delete;
 
+  static constexpr std::size_t kMaxLine = std::size_t{1} << 20;  // bytes
+
+  // A line that is too long has more bytes than kMaxLine.
   bool Next(std::string* pLine) {
     pLine->clear();
     int c = EOF;
     SayInputIsRead(true);
-    while (!Interrupted() && (c = std::getc(m_pFile)) != EOF && c != '\n') *pLine += static_cast<char>(c);
+    while (!Interrupted() && (c = std::getc(m_pFile)) != EOF && c != '\n') {
+      if (pLine->size() <= kMaxLine) *pLine += static_cast<char>(c);
+    }
     SayInputIsRead(false);
     const bool bFailed = c == EOF && std::ferror(m_pFile) != 0;
     if (Interrupted() || (bFailed && errno == EINTR)) return false;
@@ -63,6 +68,7 @@ int Record(const CommonOptions& Common, const RecordOptions& Options) {
     for (std::uint64_t nLine = 1; Lines.Next(&Text); ++nLine) {
       if (IsBlank(Text)) continue;
       try {
+        if (Text.size() > LineReader::kMaxLine) throw BadLine("longer than 1 MiB");
         const RecordLine Parsed = ParseRecordLine(Text);
         std::string Reason;
         if (!Records.Record(Parsed.Recorded, Parsed.nType, Parsed.Name, &Reason)) throw BadLine(Reason);

@@ -1,16 +1,24 @@
 #include "session.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <utility>
 
 #include "failure.h"
+#include "format/database_name.h"
+#include "format/named_index_file.h"
 #include "host/text.h"
+#include "host/trust.h"
 #include "ids.h"
 #include "machine.h"
 
 namespace lumbra::tool {
 
 StoreFiles FilesOf(const CommonOptions& Options) {
+  if (!Options.bStoreGiven && IsRootInFolderOfOthers()) {
+    throw Failure("open " + Options.Store, errACCESS_DENIED,
+                  "root works in a folder of somebody else; name the store with --store");
+  }
   const std::filesystem::path Folder = AbsolutePath(Options.Store);
   if (const std::string Reason = WhyNoStorePath(Folder); !Reason.empty()) {
     throw Failure("open " + Options.Store, errPATH_NAME_INVALID, Reason);
@@ -46,12 +54,16 @@ Session::Session(const CommonOptions& Options, Missing Store, DamageListener Lis
   }
   const std::string What = "open " + TextOf(m_Files.Folder());
   if (Store == Missing::Refuse && !m_Files.Exists()) throw Failure(What, errOBJECT_NOT_FOUND, "there is no store here");
+  if (Options.bTrustStore) m_Host.TrustStores();
+  if (const std::string Why = host::WhyStoreNotTrusted(m_Files.Folder()); !Options.bTrustStore && !Why.empty())
+    throw Failure(What, errACCESS_DENIED, Why + "; --trust-store uses it all the same");
   Trace(Options.nTraceLevel, std::move(Listener));
   m_Host.SetPlaceholder(u"%host%", host::ToUtf16(Options.Host.empty() ? MachineName() : Options.Host));
   m_Store = m_Host.Create();
   if (!m_Store) throw Failure(What, errOUT_OF_MEMORY);
   Check(m_Store.SetReportFolder(m_Files.Folder().u16string()), What);
   Check(m_Store.SetNumber(propCHECK_MODE, Options.bCheckMode ? 1 : 0), What);
+  Check(m_Store.SetNumber(propGROUP_READABLE, Options.bGroupReadable ? 1 : 0), What);
   ResultCode nCode = m_Store.Init();
   if (Failed(nCode) && m_Files.IsHeldByAnotherProcess()) throw Failure(What, errSHARING_VIOLATION);
   if (nCode == errOPEN_FAILED) nCode = m_Store.Init();  // another process may have ended between the two looks
@@ -85,7 +97,23 @@ std::uint32_t Session::OpenDatabase(const DatabaseName& Database, Missing IfMiss
   if (IfMissing == Missing::Refuse && !m_Files.Has(Database)) {
     throw Failure(What, errOBJECT_NOT_FOUND, "there is no such database in this store");
   }
-  return OpenWhatIsThere(Database);
+  const bool bNewName = !m_Files.HasId(Database);
+  if (bNewName && !IsDatabaseName(host::ToUtf16(Database.Name)))
+    throw Failure(What, errPARAMETER_INVALID, "a new database cannot have this name; see the README for those it can");
+  const std::uint32_t nDatabase = OpenWhatIsThere(Database);
+  if (bNewName) Announce(Database);
+  return nDatabase;
+}
+
+// A name that a database was given is used up, also when the database is gone: nobody should do that unawares.
+void Session::Announce(const DatabaseName& Database) const {
+  constexpr std::uint32_t kWarnFrom = 180;
+  const std::uint32_t nNames = m_Files.NameCount();
+  std::fprintf(stderr, "lumbra: made %s, number %u of %u that a store can have\n",
+               Printable(Database.Describe()).c_str(), nNames, kMaxIndexNames);
+  if (nNames >= kWarnFrom)
+    std::fprintf(stderr, "lumbra: %u names of databases are left; a name is used up for ever\n",
+                 kMaxIndexNames - nNames);
 }
 
 std::uint32_t Session::OpenDatabaseToClear(const DatabaseName& Database) {
@@ -144,6 +172,7 @@ ResultCode Session::FindObject(std::uint32_t nDatabase, std::uint32_t nType, con
   constexpr std::uint32_t kFindOnly = 0;
   constexpr std::uint32_t kCreateRepairing = 2;
   const std::u16string Wide = host::ToUtf16(Name);
+  if (Wide.size() > kMaxNameUnits) return errSIZE_INVALID;
   const auto nSize = static_cast<std::int32_t>(Wide.size() * sizeof(char16_t));
   return Call(&LumbraOperations::FindObject, nDatabase, nType, Wide.c_str(), nSize,
               bCreate ? kCreateRepairing : kFindOnly, FlagsFor(nType, Name), nParent, pnObject);
@@ -158,6 +187,7 @@ ResultCode Session::ReadName(std::uint64_t nObject, ObjectName* pName) {
         Call(&LumbraOperations::GetObjectName, nObject, Name.data(), nRoom, &nBytes, 0, &pName->nType);
     if (Succeeded(nCode)) pName->Name = host::ToUtf8(std::u16string_view(Name).substr(0, nBytes / sizeof(char16_t)));
     if (nCode != errBUFFER_TOO_SMALL) return nCode;
+    if (nBytes / sizeof(char16_t) > kMaxNameUnits) return errSIZE_INVALID;
     Name.resize(nBytes / sizeof(char16_t));
   }
 }

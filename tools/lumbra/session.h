@@ -18,7 +18,10 @@ namespace lumbra::tool {
 // The options that every command has.
 struct CommonOptions {
   std::string Store = "./lumbra-store";
+  bool bStoreGiven = false;  // by the user, and not the one above
+  bool bTrustStore = false;
   bool bCheckMode = false;
+  bool bGroupReadable = false;
   std::string Host;
   std::string Module;  // the file of the module that runs the command; empty: the component that is linked in
   std::uint32_t nTraceLevel = 0;
@@ -38,6 +41,11 @@ struct Event {
   std::uint32_t nZero;    // 28
 };
 static_assert(sizeof(Event) == 32);
+
+// The longest name that the tool takes or shows, in UTF-16 units: the longest path of Windows. A store can hold longer
+// ones, of any number of components, which would cost whoever looks at them as much.
+inline constexpr std::size_t kMaxNameUnits = 32767;
+inline constexpr char kNameTooLong[] = "(name too long)";
 
 struct ObjectName {
   std::uint32_t nType;
@@ -76,11 +84,13 @@ class Session {
 
   void SetLimits(std::uint32_t nDatabase, const LimitOptions& Limits);
 
-  // Finds an object by name, or (with bCreate) creates it, clearing away damage that stands in the way.
+  // Finds an object by name, or (with bCreate) creates it, clearing away damage that stands in the way. errSIZE_INVALID
+  // for a name of more than kMaxNameUnits.
   ResultCode FindObject(std::uint32_t nDatabase, std::uint32_t nType, const std::string& Name, bool bCreate,
                         std::uint64_t nParent, std::uint64_t* pnObject);
 
-  // The name and type of an object. Its database must be open.
+  // The name and type of an object. Its database must be open. errSIZE_INVALID, with the type alone, for a name of more
+  // than kMaxNameUnits.
   ResultCode ReadName(std::uint64_t nObject, ObjectName* pName);
 
   bool IsCorrupted() const;
@@ -100,6 +110,7 @@ class Session {
 
  private:
   std::uint32_t OpenWhatIsThere(const DatabaseName& Database);
+  void Announce(const DatabaseName& Database) const;
   void Trace(std::uint32_t nLevel, DamageListener Listener);
 
   StoreFiles m_Files;

@@ -1,10 +1,7 @@
 #include "store_files.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <memory>
 #include <system_error>
 
 #include "failure.h"
@@ -82,16 +79,8 @@ std::vector<fs::directory_entry> EntriesOf(const fs::path& Folder) {
 
 // Bytes of a file from an offset on, as many as it has of those; none when it is not there.
 std::string ReadBytes(const fs::path& Path, std::uint64_t nOffset, std::size_t nSize) {
-  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> File(OpenStream(TextOf(Path), "rb"), &std::fclose);
-  const auto LastError = [] {
-    return std::error_code(errno, std::generic_category());
-  };
-  if (File == nullptr && !IsThere(Path, LastError())) return {};
-  std::string Content(nSize, '\0');
-  if (std::fseek(File.get(), static_cast<long>(nOffset), SEEK_SET) != 0) throw FailureAt(Path, LastError());
-  Content.resize(std::fread(Content.data(), 1, nSize, File.get()));
-  if (std::ferror(File.get()) != 0) throw FailureAt(Path, LastError());
-  return Content;
+  std::string Content;
+  return IsThere(Path, ReadPlainFile(Path, nOffset, nSize, &Content)) ? Content : std::string();
 }
 
 bool StartsWith(const std::string& Content, const FILE_MAGIC& Magic) {
@@ -220,11 +209,33 @@ std::optional<DatabaseName> StoreFiles::Namesake(const DatabaseName& Database) c
 
 bool StoreFiles::HasId(const DatabaseName& Database) const {
   if (Database.Number) return true;
-  for (std::uint64_t nBlock = 1;; ++nBlock) {
-    const std::string Item = ReadBlock(kIndexFile, nBlock);
-    if (Item.empty()) return false;
-    if (KeyOfItem(Item) == KeyOf(Database)) return true;
+  const std::vector<std::string> Keys = IndexedKeys();
+  return std::ranges::find(Keys, KeyOf(Database)) != Keys.end();
+}
+
+// The names that the index holds: all that it can hold are read at once, whatever more the file has.
+std::vector<std::string> StoreFiles::IndexedKeys() const {
+  const std::string Items =
+      ReadBytes(m_Folder / kIndexFile, kIndexBlockSize, std::size_t{kMaxIndexNames} * kIndexBlockSize);
+  std::vector<std::string> Keys;
+  for (std::size_t nAt = 0; nAt < Items.size(); nAt += kIndexBlockSize)
+    Keys.push_back(KeyOfItem(Items.substr(nAt, kIndexBlockSize)));
+  return Keys;
+}
+
+std::uint32_t StoreFiles::NameCount() const {
+  return static_cast<std::uint32_t>(IndexedKeys().size());
+}
+
+std::vector<std::string> StoreFiles::ForeignFiles(const DatabaseName& Database) const {
+  std::vector<std::string> Found;
+  for (const fs::directory_entry& Entry : EntriesOf(m_Folder / PathOf(Database.Folder()))) {
+    const bool bStays = Entry.is_symlink() || Entry.is_directory();  // which clearing leaves alone
+    const std::string Name = TextOf(Entry.path().filename());
+    if (!bStays && !IsFileOfDatabase(host::ToUtf16(Name))) Found.push_back(Name);
   }
+  std::sort(Found.begin(), Found.end());
+  return Found;
 }
 
 std::optional<DatabaseName> StoreFiles::DatabaseOfNumber(std::uint32_t nId) const {

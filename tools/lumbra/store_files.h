@@ -67,6 +67,12 @@ class StoreFiles {
   // Whether the database has an id already: every numbered one, and the named ones that are in the index.
   bool HasId(const DatabaseName& Database) const;
 
+  // How many names of databases have been given away, of kMaxIndexNames.
+  std::uint32_t NameCount() const;
+
+  // The names of files that clearing the database would delete, though they are none of a store's.
+  std::vector<std::string> ForeignFiles(const DatabaseName& Database) const;
+
   // Whether damaged data was met at some time, as the index of names has it.
   bool IsMarkedCorrupted() const;
 
@@ -80,6 +86,7 @@ class StoreFiles {
   std::uint64_t SizeOf(const DatabaseName& Database) const;
 
  private:
+  std::vector<std::string> IndexedKeys() const;
   std::string ReadBlock(const char16_t* pName, std::uint64_t nBlock) const;
 
   std::filesystem::path m_Folder;

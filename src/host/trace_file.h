@@ -1,0 +1,13 @@
+// The file that a host writes its trace into. trace_file_posix.cpp and trace_file_win32.cpp.
+#pragma once
+
+#include <cstdio>
+#include <filesystem>
+
+namespace lumbra::host {
+
+// Opens a plain file for appending, empty if it is to be replaced; makes it, for its owner alone, where it is missing.
+// A link is refused, and programs that the process starts do not get it. Null when it cannot be had.
+std::FILE* OpenTraceFile(const std::filesystem::path& Path, bool bReplace);
+
+}  // namespace lumbra::host
