@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/host_services.h"
+#include "host/printed_text.h"
 #include "host/text.h"
 #include "host/trace_file.h"
 #include "host/trace_format.h"
@@ -46,7 +47,7 @@ ResultCode Store::Init() {
   if (!m_pHost->m_bTrustsStores) {
     const std::string Why = WhyStoreNotTrusted(PathOfStore(ReportFolder()));
     if (!Why.empty()) {
-      m_pHost->WriteLine(kFailureLevel, "the store is not trusted: " + Why);
+      m_pHost->WriteLine(kFailureLevel, "the store is not trusted: " + PrintableSentence(Why));
       return errACCESS_DENIED;
     }
   }
@@ -120,9 +121,10 @@ void StandaloneHost::SetPlaceholder(std::u16string_view Placeholder, std::u16str
 // ---- Trace ---
 
 void StandaloneHost::TraceToStream(std::uint32_t nLevel, std::FILE* pStream) {
-  TraceToCallback(nLevel, [pStream](std::uint32_t nLineLevel, std::string_view Line) {
+  const auto Write = [pStream](std::uint32_t nLineLevel, std::string_view Line) {
     WriteTraceLine(pStream, nLineLevel, Line);
-  });
+  };
+  TraceToCallback(nLevel, Write, TraceNames::Printable);
 }
 
 void WriteTraceLine(std::FILE* pStream, std::uint32_t nLevel, std::string_view Line) {
@@ -134,20 +136,22 @@ bool StandaloneHost::TraceToFile(std::uint32_t nLevel, const std::filesystem::pa
   std::FILE* const pOpened = OpenTraceFile(Path, What == TraceFile::Replace);
   if (pOpened == nullptr) return false;
   const std::shared_ptr<std::FILE> pFile(pOpened, &std::fclose);
-  TraceToCallback(nLevel, [pFile](std::uint32_t nLineLevel, std::string_view Line) {
+  const auto Write = [pFile](std::uint32_t nLineLevel, std::string_view Line) {
     WriteTraceLine(pFile.get(), nLineLevel, Line);
-  });
+  };
+  TraceToCallback(nLevel, Write, TraceNames::Printable);
   return true;
 }
 
-void StandaloneHost::TraceToCallback(std::uint32_t nLevel, TraceCallback Callback) {
+void StandaloneHost::TraceToCallback(std::uint32_t nLevel, TraceCallback Callback, TraceNames Names) {
   const std::lock_guard Hold(m_TraceLock);
   m_TraceCallback = std::move(Callback);
+  m_TraceNames = Names;
   m_nTraceLevel = nLevel;
 }
 
 void StandaloneHost::WriteLine(std::uint32_t nLevel, const char* pFormat, std::va_list Arguments) {
-  WriteLine(nLevel, FormatTraceLine(pFormat, Arguments));
+  WriteLine(nLevel, FormatTraceLine(pFormat, Arguments, m_TraceNames));
 }
 
 void StandaloneHost::WriteLine(std::uint32_t nLevel, std::string_view Line) {

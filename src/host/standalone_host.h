@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "host/host_objects.h"
+#include "host/trace_format.h"
 #include "lumbra/lumbra.h"
 
 namespace lumbra::host {
@@ -100,7 +101,9 @@ class StandaloneHost {
   // alone where it is missing, and not handed on to programs that the process starts. False when it cannot be opened.
   enum class TraceFile { Append, Replace };
   bool TraceToFile(std::uint32_t nLevel, const std::filesystem::path& Path, TraceFile What = TraceFile::Replace);
-  void TraceToCallback(std::uint32_t nLevel, TraceCallback Callback);
+  // A callback gets the texts among the arguments of a line as they are, or as a stream and a file do: without what
+  // could do harm to a terminal or forge a line (host/printed_text.h).
+  void TraceToCallback(std::uint32_t nLevel, TraceCallback Callback, TraceNames Names = TraceNames::AsTheyAre);
 
   // An instance of one of the three interfaces; not initialised yet. None when there is no memory for it.
   Store Create(std::uint32_t nInterfaceId = kSeparateInstance);
@@ -146,6 +149,7 @@ class StandaloneHost {
   std::atomic<std::uint32_t> m_nTraceLevel{0};
   std::mutex m_TraceLock;  // guards the sink, and keeps lines whole
   TraceCallback m_TraceCallback;
+  std::atomic<TraceNames> m_TraceNames{TraceNames::AsTheyAre};
 };
 
 }  // namespace lumbra::host

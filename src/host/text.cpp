@@ -44,4 +44,45 @@ std::u16string ToUtf16(std::string_view Text) {
   return Result;
 }
 
+bool IsUtf8(std::string_view Bytes) {
+  return utf8::is_valid(Bytes.begin(), Bytes.end());
+}
+
+namespace {
+
+constexpr char16_t kFirstByteUnit = 0xDC80;
+constexpr char16_t kLastByteUnit = 0xDCFF;
+
+bool IsByteUnit(char16_t c) {
+  return c >= kFirstByteUnit && c <= kLastByteUnit;
+}
+
+}  // namespace
+
+std::u16string NameToUtf16(std::string_view Bytes) {
+  std::u16string Name;
+  for (auto At = Bytes.begin(); At != Bytes.end();) {
+    const auto Invalid = utf8::find_invalid(At, Bytes.end());
+    utf8::utf8to16(At, Invalid, std::back_inserter(Name));
+    At = Invalid;
+    if (At != Bytes.end()) Name += static_cast<char16_t>(0xDC00 | static_cast<unsigned char>(*At++));
+  }
+  return Name;
+}
+
+std::string NameToBytes(std::u16string_view Name) {
+  std::string Bytes;
+  std::size_t nFrom = 0;
+  for (std::size_t i = 0; i < Name.size(); ++i) {
+    if (IsHighSurrogate(Name[i]) && i + 1 < Name.size() && IsLowSurrogate(Name[i + 1])) {
+      ++i;
+    } else if (IsByteUnit(Name[i])) {
+      Bytes += ToUtf8(Name.substr(nFrom, i - nFrom));
+      Bytes += static_cast<char>(Name[i] & 0xFF);
+      nFrom = i + 1;
+    }
+  }
+  return Bytes + ToUtf8(Name.substr(nFrom));
+}
+
 }  // namespace lumbra::host

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <string_view>
 
+#include "host/printed_text.h"
 #include "host/text.h"
 
 namespace lumbra::host {
@@ -20,6 +21,7 @@ struct Layout {
   bool bZeros = false;
   int nWidth = 0;
   int nPrecision = -1;
+  TraceNames Names = TraceNames::AsTheyAre;
 };
 
 int TakeNumber(std::string_view* pRest, ArgumentList* pArguments) {
@@ -34,8 +36,9 @@ int TakeNumber(std::string_view* pRest, ArgumentList* pArguments) {
   return nNumber;
 }
 
-Layout TakeLayout(std::string_view* pRest, ArgumentList* pArguments) {
+Layout TakeLayout(std::string_view* pRest, ArgumentList* pArguments, TraceNames Names) {
   Layout Taken;
+  Taken.Names = Names;
   for (; pRest->starts_with('-') || pRest->starts_with('0'); pRest->remove_prefix(1)) {
     (pRest->front() == '-' ? Taken.bLeft : Taken.bZeros) = true;
   }
@@ -77,12 +80,13 @@ std::basic_string_view<Character> Cut(const Character* pText, const Layout& Use)
 void AppendWide(std::string* pLine, const char16_t* pText, const Layout& Use) {
   if (pText == nullptr) return AppendPadded(pLine, "(null)", 6, Use);
   const std::u16string_view Text = Cut(pText, Use);
-  AppendPadded(pLine, ToUtf8(Text), Text.size(), Use);
+  const bool bPrintable = Use.Names == TraceNames::Printable;
+  AppendPadded(pLine, bPrintable ? Printable(NameToBytes(Text)) : ToUtf8(Text), Text.size(), Use);
 }
 
 void AppendNarrow(std::string* pLine, const char* pText, const Layout& Use) {
   const std::string_view Text = pText == nullptr ? "(null)" : Cut(pText, Use);
-  AppendPadded(pLine, Text, Text.size(), Use);
+  AppendPadded(pLine, Use.Names == TraceNames::Printable ? Printable(Text) : std::string(Text), Text.size(), Use);
 }
 
 bool TakePrefix(std::string_view* pRest, std::string_view Prefix) {
@@ -92,8 +96,8 @@ bool TakePrefix(std::string_view* pRest, std::string_view Prefix) {
 }
 
 // Appends the conversion that the rest starts with; false for one that the dialect does not have.
-bool AppendConversion(std::string* pLine, std::string_view* pRest, ArgumentList* pArguments) {
-  const Layout Use = TakeLayout(pRest, pArguments);
+bool AppendConversion(std::string* pLine, std::string_view* pRest, ArgumentList* pArguments, TraceNames Names) {
+  const Layout Use = TakeLayout(pRest, pArguments, Names);
   std::va_list& Values = pArguments->Values;
   if (TakePrefix(pRest, "I64X")) {
     AppendNumber(pLine, "%llX", static_cast<unsigned long long>(va_arg(Values, std::uint64_t)), Use);
@@ -126,7 +130,7 @@ bool AppendConversion(std::string* pLine, std::string_view* pRest, ArgumentList*
 
 }  // namespace
 
-std::string FormatTraceLine(const char* pFormat, std::va_list Arguments) {
+std::string FormatTraceLine(const char* pFormat, std::va_list Arguments, TraceNames Names) {
   ArgumentList Copy;
   va_copy(Copy.Values, Arguments);
   std::string Line;
@@ -134,7 +138,7 @@ std::string FormatTraceLine(const char* pFormat, std::va_list Arguments) {
   for (std::size_t nPercent = 0; (nPercent = Rest.find('%')) != std::string_view::npos;) {
     Line += Rest.substr(0, nPercent);
     Rest.remove_prefix(nPercent + 1);
-    if (!AppendConversion(&Line, &Rest, &Copy)) {
+    if (!AppendConversion(&Line, &Rest, &Copy, Names)) {
       Line += '%';
       break;
     }

@@ -10,7 +10,8 @@ namespace lumbra::host {
 
 // The line, in UTF-8. A conversion that the dialect does not have is copied as it stands and ends the
 // conversions.
-std::string FormatTraceLine(const char* pFormat, std::va_list Arguments);
+enum class TraceNames { AsTheyAre, Printable };  // texts among the arguments; printed_text.h
+std::string FormatTraceLine(const char* pFormat, std::va_list Arguments, TraceNames Names = TraceNames::AsTheyAre);
 
 // A code's name and value: "errNOT_FOUND (0x8000004C)".
 std::string DescribeCode(ResultCode nCode);

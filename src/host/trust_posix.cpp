@@ -8,6 +8,7 @@
 #include <system_error>
 #include <vector>
 
+#include "host/printed_text.h"
 #include "host/trust.h"
 
 namespace lumbra::host {
@@ -51,9 +52,9 @@ std::string WhyNotTrusted(int nDescriptor, TrustedOwner Owner) {
 
 std::string WhyStoreNotTrusted(const std::filesystem::path& Folder) {
   if (const std::string Why = WhyNotTrusted(Folder, TrustedOwner::User); !Why.empty())
-    return Folder.string() + ' ' + Why;
+    return Printable(Folder.string()) + ' ' + Why;
   const std::unique_ptr<DIR, int (*)(DIR*)> pListing(opendir(Folder.c_str()), &closedir);
-  if (pListing == nullptr) return errno == ENOENT ? std::string() : Folder.string() + ' ' + WhyNotKnown();
+  if (pListing == nullptr) return errno == ENOENT ? std::string() : Printable(Folder.string()) + ' ' + WhyNotKnown();
   errno = 0;
   while (const dirent* const pEntry = readdir(pListing.get())) {
     const std::string Name = pEntry->d_name;
@@ -63,10 +64,10 @@ std::string WhyStoreNotTrusted(const std::filesystem::path& Folder) {
     // A link may stand in the place of a database's folder.
     if (!S_ISDIR(Status.st_mode) && !S_ISLNK(Status.st_mode)) continue;
     if (const std::string Why = WhyNotTrusted(Status, TrustedOwner::User); !Why.empty())
-      return Path.string() + ' ' + Why;
+      return Printable(Path.string()) + ' ' + Why;
     errno = 0;
   }
-  return errno == 0 ? std::string() : Folder.string() + ' ' + WhyNotKnown();
+  return errno == 0 ? std::string() : Printable(Folder.string()) + ' ' + WhyNotKnown();
 }
 
 Exposure ExposureOf(const std::filesystem::path& Folder) {

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "component/component_fixture.h"
+#include "host/printed_text.h"
 #include "host/text.h"
 #include "host/trace_format.h"
 #include "platform/trace.h"
@@ -38,6 +39,34 @@ TEST(HostText, ReplacesWhatIsInvalid) {
   EXPECT_EQ(u"a\uFFFDz", host::ToUtf16("a\xFFz"));
   EXPECT_EQ("a\xEF\xBF\xBDz", host::ToUtf8(u"a\xD800z"));
   EXPECT_EQ(u"\U0001F600", host::ToUtf16(host::ToUtf8(u"\U0001F600")));
+}
+
+TEST(HostText, KeepsTheBytesOfNames) {
+  for (const std::string Name : {"f\xff", "f\xfe", "f\xEF\xBF\xBD", "\xED\xB2\x80", "\xF0\x9F\x98\x80\x80", "a\xC3"})
+    EXPECT_EQ(Name, host::NameToBytes(host::NameToUtf16(Name)));
+  EXPECT_EQ(u"f\xDCFF", host::NameToUtf16("f\xff"));
+}
+
+// What is shown, and what that is read as.
+TEST(PrintedText, WritesOutWhatNobodySeesOrWhatDoesHarm) {
+  const std::tuple<std::string, const char*> kNames[] = {{"C:\\a b\\\"c\"", "C:\\a b\\\"c\""},
+                                                         {"\xC3\xA9 \xF0\x9F\x98\x80", "\xC3\xA9 \xF0\x9F\x98\x80"},
+                                                         {"\x1b[2J\n\x7f", R"("\x1b[2J\x0a\x7f")"},
+                                                         {"f\xff", R"("f\xff")"},
+                                                         {"\xff\\\"", R"("\xff\\\"")"},
+                                                         {"\xC2\x9B", R"("\u{9b}")"},
+                                                         {"a\xE2\x80\xAE"
+                                                          "b\xE2\x80\xA8",
+                                                          R"("a\u{202e}b\u{2028}")"}};
+  for (const auto& [Name, pShown] : kNames) {
+    EXPECT_EQ(pShown, host::Printable(Name));
+    if (*pShown == '"') {
+      EXPECT_EQ(Name, host::ReadPrinted(pShown));
+    }
+  }
+  for (const char* const pText : {"\\xf", "\\u{d800}", "\\n", "\\u{110000}", "\\"})
+    EXPECT_EQ(std::nullopt, host::ReadPrinted(pText)) << pText;
+  EXPECT_EQ(R"("\u202e\u007f")", host::PrintableJson("\"\xE2\x80\xAE\x7f\""));
 }
 
 class HostTest : public ComponentTest {
@@ -86,6 +115,17 @@ TEST_F(HostTest, OpensNoStoreThatOthersMayChange) {
   Step("the same, trusted", Open()).Is(errOK);
 }
 #endif
+
+TEST_F(HostTest, LetsNoNameForgeALineOfATrace) {
+  std::uint32_t nNone = 0;
+  m_Host->TraceToFile(600, Folder() / "trace");
+  ASSERT_CODE(errPARAMETER_INVALID, InitNamed(u"a\n300 forged", &nNone));
+  EXPECT_THAT(ReadText("trace"), HasSubstr("lmb\tLumbra::InitDBByName method: name = \"a\\x0a300 forged\"\n"));
+  m_Host->TraceToCallback(600, &NoteTraceLine);
+  TakeTrace();
+  ASSERT_CODE(errPARAMETER_INVALID, InitNamed(u"a\nb", &nNone));
+  EXPECT_EQ("500 Lumbra::InitDBByName method: name = a\nb", TakeTrace().front());
+}
 
 // A system that could not bring data to the disk may drop it, and call the next attempt a success.
 TEST_F(HostTest, TellsOfAFailedFlushUntilTheStoreIsOpenedAgain) {

@@ -18,6 +18,33 @@ TEST_F(ToolPosixTest, ScansEveryNameAndFollowsNoLink) {
   ExpectScanned("1");
 }
 
+TEST_F(ToolPosixTest, TellsNamesApartThatAreNoUtf8) {
+  const std::string kNames[] = {"f\xff", "f\xfe", "f\xEF\xBF\xBD"};
+  for (const std::string& Name : kNames) WriteFile("tree/" + Name, {});
+  Run("scan tree --db 1");
+  const std::string Shown = Run("events --db 1");
+  for (const std::string& Name :
+       {At("tree") + "/f\xEF\xBF\xBD\n", '"' + At("tree") + "/f\\xfe\"\n", '"' + At("tree") + "/f\\xff\"\n"})
+    EXPECT_THAT(Shown, HasSubstr(Name));
+  const std::string kIds =
+      Run("find --db 1 " + At("tree/f\xff") + ' ' + At("tree/f\xfe") + ' ' + At("tree/f\xEF\xBF\xBD"));
+  EXPECT_EQ(kIds.substr(0, 38), Run("find --db 1 --escaped '\"" + At("tree") + "/f\\xff\"' " + At("tree/f\\xfe")));
+  EXPECT_NE(kIds.substr(0, 18), kIds.substr(19, 18));
+  EXPECT_NE(kIds.substr(19, 18), kIds.substr(38, 18));
+  Fails("find --db 1 --escaped a\\n", "it has an escape that names are not shown with");
+}
+
+TEST_F(ToolPosixTest, LetsNoNameReachTheTerminal) {
+  fs::create_directory(Folder() / "\x1b[2J\nx");
+  Run("scan '" + std::string("\x1b[2J\nx") + "' --db 1");
+  for (const std::string Command : {"events --db 1", "events --json --db 1"})
+    EXPECT_THAT(Run(Command), ::testing::Not(HasSubstr("\x1b"))) << Command;
+  Fails("find --db 0 '\x1b'");
+  EXPECT_THAT(Run("find --db 0 \x1b", 1) + Errors(), ::testing::Not(HasSubstr("\x1b")));
+  Run("record --db 1 --\x1b", 2);
+  EXPECT_THAT(Errors(), HasSubstr("--\\x1b"));
+}
+
 TEST_F(ToolPosixTest, WritesNothingIntoTheStoreThatItCannotPrint) {
   std::string Many;  // more than a stream keeps back until it ends
   for (int i = 0; i < 50; ++i) Many += "{'name':'x'}\n";

@@ -69,7 +69,7 @@ int CheckStore(const CommonOptions& Common, const NoOptions& /*Options*/) {
   Findings Found;
   Session Store(InModeOfStore(Common), Missing::Refuse, [&Found](std::string_view Line) { Found.Note(Line); });
   const StoreFiles& Files = Store.Files();
-  std::printf("%s: %llu shared objects\n", TextOf(Files.Folder()).c_str(),
+  std::printf("%s: %llu shared objects\n", Printable(TextOf(Files.Folder())).c_str(),
               static_cast<unsigned long long>(Files.SharedObjectCount()));
   if (const host::Exposure Open = host::ExposureOf(Files.Folder()); Open.nCount != 0) {
     std::printf("%llu of its files and folders can be read or changed by others than their owner, %s first\n",

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "commands.h"
+#include "host/printed_text.h"
 #include "ids.h"
 
 namespace lumbra::tool {
@@ -163,6 +164,7 @@ void AddObjectCommands(CLI::App* pApp, Request* pRequest) {
       ->type_name("T");
   AddId(pFind, "--parent", &pFindWith->nParent, "The object below which the names are");
   pFind->add_flag("--create", pFindWith->bCreate, "Create what is not there");
+  pFind->add_flag("--escaped", pFindWith->bEscaped, "Read \\xNN and the like in NAME, as names are shown");
   pFind->add_option("NAME", pFindWith->Names, "Names of objects")->required()->check(NotEmpty());
 
   const auto [pName, pNameWith] = AddCommand(pApp, pRequest, "name", "Show the names and types of objects", Name);
@@ -241,7 +243,8 @@ std::function<int()> ParseCommandLine(const std::vector<std::string>& Arguments)
       return kExitOk;
     };
   } catch (const CLI::ParseError& Error) {
-    std::fprintf(stderr, "lumbra: %s\nRun with --help for more information.\n", Error.what());
+    std::fprintf(stderr, "lumbra: %s\nRun with --help for more information.\n",
+                 host::PrintableSentence(Error.what()).c_str());
     return [] {
       return kExitUsage;
     };

@@ -49,6 +49,7 @@ struct FindOptions {
   std::uint32_t nType = typeFile;
   std::uint64_t nParent = 0;  // an object id; 0 for none
   bool bCreate = false;
+  bool bEscaped = false;  // the names are written as the tool shows them
   std::vector<std::string> Names;
 };
 int Find(const CommonOptions& Common, const FindOptions& Options);

@@ -30,7 +30,8 @@ FilePointer OpenFile(const std::string& Path, const char* pMode, const char* pWh
   if (Path.empty()) return nullptr;
   FilePointer File(OpenStream(Path, pMode));
   if (File == nullptr) {
-    throw Failure(pWhat + Path, errno == ENOENT ? errFILE_NOT_FOUND : errACCESS_DENIED, std::strerror(errno));
+    throw Failure(pWhat + Printable(Path), errno == ENOENT ? errFILE_NOT_FOUND : errACCESS_DENIED,
+                  std::strerror(errno));
   }
   return File;
 }
@@ -45,7 +46,7 @@ Bytes ReadAll(const std::string& Path) {
     if (Content.size() > INT32_MAX) throw Failure("store what is read", errSIZE_INVALID);
   }
   if (std::ferror(pFile) != 0) {
-    throw Failure("read " + (Path.empty() ? "standard input" : Path), errREAD_FAILED, std::strerror(errno));
+    throw Failure("read " + (Path.empty() ? "standard input" : Printable(Path)), errREAD_FAILED, std::strerror(errno));
   }
   return Content;
 }
@@ -56,7 +57,8 @@ void WriteAll(const std::string& Path, const Bytes& Content) {
   bool bWritten = std::fwrite(Content.data(), 1, Content.size(), pFile) == Content.size();
   if (Opened) bWritten &= std::fclose(Opened.release()) == 0;
   if (!bWritten) {
-    throw Failure("write " + (Path.empty() ? "standard output" : Path), errWRITE_FAILED, std::strerror(errno));
+    throw Failure("write " + (Path.empty() ? "standard output" : Printable(Path)), errWRITE_FAILED,
+                  std::strerror(errno));
   }
 }
 

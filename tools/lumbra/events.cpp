@@ -7,6 +7,7 @@
 #include "commands.h"
 #include "event_time.h"
 #include "failure.h"
+#include "host/text.h"
 #include "ids.h"
 
 namespace lumbra::tool {
@@ -86,10 +87,11 @@ class Printer {
       if (const std::optional<std::string> Time = FormatTime(Shown.nTime)) Line["time"] = *Time;
       if (bNamed) {
         Line["type"] = Object.nType;
-        Line["name"] = Object.Name;
+        Line["name"] = host::ToUtf8(host::ToUtf16(Object.Name));  // JSON has no form for bytes that are no UTF-8 ...
+        if (!host::IsUtf8(Object.Name)) Line["escaped"] = Printable(Object.Name);  // ... but --escaped reads this
       }
       if (m_Options.bParents) Line["parent"] = nParent == 0 ? nlohmann::json() : nlohmann::json(FormatId(nParent));
-      std::puts(Line.dump().c_str());
+      std::puts(host::PrintableJson(Line.dump()).c_str());
       return;
     }
     std::printf("%s  %s  %-6s  %12llu  ", FormatId(nId).c_str(), DescribeTime(Shown.nTime).c_str(),

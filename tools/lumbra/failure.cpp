@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "host/printed_text.h"
 #include "host/trace_format.h"
 #include "machine.h"
 
@@ -65,31 +66,16 @@ ResultCode CodeOf(const std::error_code& Error) {
 Failure::Failure(const std::string& What, ResultCode nCode) : Failure(What, nCode, MeaningOf(nCode)) {}
 
 Failure::Failure(const std::string& What, ResultCode nCode, const std::string& Meaning)
-    : std::runtime_error(Printable(What) + ": " + host::DescribeCode(nCode) + ": " + Printable(Meaning)),
+    : std::runtime_error(host::PrintableSentence(What + ": " + host::DescribeCode(nCode) + ": " + Meaning)),
       m_nCode(nCode) {}
 
 Failure FailureAt(const std::filesystem::path& Path, const std::error_code& Error) {
-  return Failure("look at " + TextOf(Path), CodeOf(Error), MessageOf(Error));
-}
-
-std::string Printable(const std::string& Text) {
-  std::string Shown;
-  for (const char c : Text) {
-    const auto n = static_cast<unsigned char>(c);
-    if (n >= 0x20 && n != 0x7F) {
-      Shown += c;
-      continue;
-    }
-    char Escaped[8];
-    std::snprintf(Escaped, sizeof(Escaped), "\\x%02X", n);
-    Shown += Escaped;
-  }
-  return Shown;
+  return Failure("look at " + Printable(TextOf(Path)), CodeOf(Error), MessageOf(Error));
 }
 
 void ReportFailure(const std::exception& Reason) {
   std::fflush(stdout);
-  std::fprintf(stderr, "lumbra: %s\n", Reason.what());
+  std::fprintf(stderr, "lumbra: %s\n", host::PrintableSentence(Reason.what()).c_str());
 }
 
 void Check(ResultCode nCode, const std::string& What) {

@@ -7,11 +7,14 @@
 #include <string>
 #include <system_error>
 
+#include "host/printed_text.h"
 #include "lumbra/result_code.h"
 
 namespace lumbra::tool {
 
-// "what failed: errNAME (0x...): what it means for the user"
+using host::Printable;
+
+// "what failed: errNAME (0x...): what it means for the user". Names in both texts are printable.
 class Failure : public std::runtime_error {
  public:
   Failure(const std::string& What, ResultCode nCode);
@@ -25,9 +28,6 @@ class Failure : public std::runtime_error {
 
 // What the system said of a path that was looked at.
 Failure FailureAt(const std::filesystem::path& Path, const std::error_code& Error);
-
-// A text as it can be shown on a line of a terminal: control characters stand as \xNN.
-std::string Printable(const std::string& Text);
 
 // "lumbra: " and what failed, on stderr, behind all that standard output was given before.
 void ReportFailure(const std::exception& Reason);

@@ -56,18 +56,18 @@ void PrintJson(const Session& Store, const std::vector<DatabaseInfo>& Databases)
   }
   const nlohmann::ordered_json All = {
       {"store", TextOf(Store.Files().Folder())}, {"corrupted", Store.IsCorrupted()}, {"databases", Listed}};
-  std::puts(All.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+  std::puts(host::PrintableJson(All.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)).c_str());
 }
 
 void PrintText(const Session& Store, const std::vector<DatabaseInfo>& Databases) {
-  std::printf("%s%s\n\n", TextOf(Store.Files().Folder()).c_str(),
+  std::printf("%s%s\n\n", Printable(TextOf(Store.Files().Folder())).c_str(),
               Store.IsCorrupted() ? "  (damaged; see lumbra check)" : "");
   std::printf("%3s  %-16s  %-16s  %10s  %10s  %14s  %8s  %s\n", "id", "name", "folder", "event size", "records",
               "bytes", "segments", "oldest segment");
   for (const DatabaseInfo& Info : Databases) {
     std::printf("%3s  %-16s  %-16s  %10u  %10u  %14llu  %8zu  %s\n", Info.Id ? std::to_string(*Info.Id).c_str() : "-",
-                Info.Name.Number ? "-" : Info.Name.Name.c_str(), Info.Name.Folder().c_str(), Info.nEventSize,
-                Info.nRecords, static_cast<unsigned long long>(Info.nBytes), Info.nSegments,
+                Info.Name.Number ? "-" : Printable(Info.Name.Name).c_str(), Printable(Info.Name.Folder()).c_str(),
+                Info.nEventSize, Info.nRecords, static_cast<unsigned long long>(Info.nBytes), Info.nSegments,
                 Info.nOldest != 0 ? DescribeTime(Info.nOldest).c_str() : "-");
   }
 }

@@ -11,6 +11,7 @@
 
 #include "event_time.h"
 #include "format/file_names.h"
+#include "host/printed_text.h"
 #include "host/text.h"
 #include "lumbra/lumbra.h"
 #include "machine.h"
@@ -56,8 +57,8 @@ std::string TextOf(const std::filesystem::path& Path) {
   return Path.string();
 }
 
-bool IsExactText(const std::string& Text, const std::filesystem::path& /*Path*/) {
-  return host::ToUtf8(host::ToUtf16(Text)) == Text;
+bool IsExactText(const std::string& /*Text*/, const std::filesystem::path& /*Path*/) {
+  return true;
 }
 
 bool IsRootInFolderOfOthers() {
@@ -67,7 +68,7 @@ bool IsRootInFolderOfOthers() {
 
 std::string WhyNoStorePath(const std::filesystem::path& Folder) {
   const std::string Text = Folder.string();
-  const bool bNames = IsExactText(Text, Folder) && Text.find('\\') == std::string::npos;
+  const bool bNames = host::IsUtf8(Text) && Text.find('\\') == std::string::npos;
   return bNames ? "" : "the store's path must be UTF-8 without backslashes";
 }
 
@@ -138,12 +139,13 @@ std::string WhyNotUsable(const std::filesystem::path& Folder) {
     if (errno != ENOENT) return std::strerror(errno);
     return Folder.has_relative_path() ? WhyNotUsable(Folder.parent_path()) : std::string();
   }
-  if (!S_ISDIR(Status.st_mode)) return Folder.string() + " is no folder";
+  if (!S_ISDIR(Status.st_mode)) return host::Printable(Folder.string()) + " is no folder";
   const std::filesystem::path Used[] = {
       {}, kSharedTreeFile, kSharedIdsFile, kSharedDataFile, kIndexFile, NumberedFolder(kSystemDatabase)};
   for (const std::filesystem::path& Name : Used) {
     const std::filesystem::path Path = Folder / Name;
-    if (access(Path.c_str(), R_OK | W_OK) != 0 && errno != ENOENT) return Path.string() + ": " + std::strerror(errno);
+    if (access(Path.c_str(), R_OK | W_OK) != 0 && errno != ENOENT)
+      return host::Printable(Path.string()) + ": " + std::strerror(errno);
   }
   return {};
 }

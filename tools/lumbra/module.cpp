@@ -32,7 +32,7 @@ std::string HexDigits(std::span<const std::uint8_t> Bytes) {
 int Module(const CommonOptions& /*Common*/, const ModuleOptions& Options) {
   host::ModuleFile File;
   if (const host::ModuleProblem Problem = host::ReadModuleFile(PathOf(Options.File), &File)) {
-    throw Failure("read " + Options.File, Problem.nCode, Problem.Text);
+    throw Failure("read " + Printable(Options.File), Problem.nCode, Problem.Text);
   }
   const tMODULE_METADATA& Metadata = File.Metadata;
   PrintText("file", Options.File);

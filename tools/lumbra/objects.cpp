@@ -76,6 +76,22 @@ bool LeadsTo(const Session& Store, std::uint64_t nFrom, std::uint64_t nTo, const
   return false;
 }
 
+std::string Quoted(const std::string& Name) {
+  const std::string Shown = Printable(Name);
+  return Shown == Name ? '"' + Name + '"' : Shown;
+}
+
+std::vector<std::string> ReadPrinted(const std::vector<std::string>& Texts) {
+  std::vector<std::string> Names;
+  for (const std::string& Text : Texts) {
+    const std::optional<std::string> Name = host::ReadPrinted(Text);
+    if (!Name)
+      throw Failure("read " + Quoted(Text), errPARAMETER_INVALID, "it has an escape that names are not shown with");
+    Names.push_back(*Name);
+  }
+  return Names;
+}
+
 }  // namespace
 
 int Find(const CommonOptions& Common, const FindOptions& Options) {
@@ -87,7 +103,7 @@ int Find(const CommonOptions& Common, const FindOptions& Options) {
                   "this is no object of " + Options.Database.Describe());
   }
   int nStatus = kExitOk;
-  for (const std::string& Name : Options.Names) {
+  for (const std::string& Name : Options.bEscaped ? ReadPrinted(Options.Names) : Options.Names) {
     std::uint64_t nId = 0;
     const ResultCode nCode = Store.FindObject(nDatabase, Options.nType, Name, Options.bCreate, Options.nParent, &nId);
     if (Succeeded(nCode)) {
@@ -98,7 +114,7 @@ int Find(const CommonOptions& Common, const FindOptions& Options) {
     if (IsMissing(nCode) && !Options.bCreate) {
       std::puts("not found");
     } else {
-      ReportFailure(Failure((Options.bCreate ? "create \"" : "find \"") + Name + '"', nCode));
+      ReportFailure(Failure((Options.bCreate ? "create " : "find ") + Quoted(Name), nCode));
     }
   }
   if (Options.bCreate) Store.Flush();

@@ -17,9 +17,11 @@ namespace {
 class LineReader {
  public:
   explicit LineReader(const std::string& Path)
-      : m_Name(Path.empty() ? "standard input" : Path), m_pFile(Path.empty() ? stdin : OpenStream(Path, "rb")) {
+      : m_Name(Path.empty() ? "standard input" : Printable(Path)),
+        m_pFile(Path.empty() ? stdin : OpenStream(Path, "rb")) {
     if (m_pFile == nullptr)
-      throw Failure("read " + Path, errno == ENOENT ? errFILE_NOT_FOUND : errACCESS_DENIED, std::strerror(errno));
+      throw Failure("read " + Printable(Path), errno == ENOENT ? errFILE_NOT_FOUND : errACCESS_DENIED,
+                    std::strerror(errno));
   }
   ~LineReader() {
     if (m_pFile != stdin) std::fclose(m_pFile);
@@ -73,7 +75,8 @@ int Record(const CommonOptions& Common, const RecordOptions& Options) {
         std::string Reason;
         if (!Records.Record(Parsed.Recorded, Parsed.nType, Parsed.Name, &Reason)) throw BadLine(Reason);
       } catch (const BadLine& Bad) {
-        std::fprintf(stderr, "line %llu: %s\n", static_cast<unsigned long long>(nLine), Bad.what());
+        std::fprintf(stderr, "line %llu: %s\n", static_cast<unsigned long long>(nLine),
+                     host::PrintableSentence(Bad.what()).c_str());
         bAllGood = false;
       }
     }

@@ -50,7 +50,7 @@ class Scanner {
 
   void RecordEntry(const fs::path& Path, const Entry& Found) {
     const std::string Name = TextOf(Path);
-    if (!IsExactText(Name, Path)) Warn(Path, "its name is not UTF-8 and is recorded with U+FFFD");
+    if (!IsExactText(Name, Path)) Warn(Path, "its name is no UTF-16 and is recorded with U+FFFD");
     const std::uint32_t nType = Found.Kind == EntryKind::Folder ? typeFolder : typeFile;
     const Event Recorded{Found.nModified, 0, Found.nSize, static_cast<std::uint32_t>(Found.Kind), 0};
     std::string Reason;
@@ -67,7 +67,7 @@ class Scanner {
 
   void Warn(const fs::path& Path, const std::string& Reason) const {
     EndProgress();
-    std::fprintf(stderr, "lumbra: %s: %s\n", Printable(TextOf(Path)).c_str(), Reason.c_str());
+    std::fprintf(stderr, "lumbra: %s: %s\n", Printable(TextOf(Path)).c_str(), host::PrintableSentence(Reason).c_str());
   }
 
   Recorder* m_pRecorder;

@@ -21,7 +21,7 @@ StoreFiles FilesOf(const CommonOptions& Options) {
   }
   const std::filesystem::path Folder = AbsolutePath(Options.Store);
   if (const std::string Reason = WhyNoStorePath(Folder); !Reason.empty()) {
-    throw Failure("open " + Options.Store, errPATH_NAME_INVALID, Reason);
+    throw Failure("open " + Printable(Options.Store), errPATH_NAME_INVALID, Reason);
   }
   return StoreFiles(Folder);
 }
@@ -40,7 +40,7 @@ host::StandaloneHost::ModuleEntry EntryOf(const CommonOptions& Options, host::Lo
   host::ModuleFile File;
   host::ModuleProblem Problem = host::ReadModuleFile(PathOf(Options.Module), &File);
   if (!Problem) Problem = pModule->Load(File);
-  if (Problem) throw Failure("load " + Options.Module, Problem.nCode, Problem.Text);
+  if (Problem) throw Failure("load " + Printable(Options.Module), Problem.nCode, Problem.Text);
   return pModule->Entry();
 }
 
@@ -49,10 +49,10 @@ host::StandaloneHost::ModuleEntry EntryOf(const CommonOptions& Options, host::Lo
 Session::Session(const CommonOptions& Options, Missing Store, DamageListener Listener)
     : m_Files(FilesOf(Options)), m_Host(EntryOf(Options, &m_Module)) {
   if (Failed(m_Host.LoadResult())) {
-    const std::string Loaded = Options.Module.empty() ? "what is built in" : Options.Module;
+    const std::string Loaded = Options.Module.empty() ? "what is built in" : Printable(Options.Module);
     throw Failure("load " + Loaded, m_Host.LoadResult(), "its entry refused this host");
   }
-  const std::string What = "open " + TextOf(m_Files.Folder());
+  const std::string What = "open " + Printable(TextOf(m_Files.Folder()));
   if (Store == Missing::Refuse && !m_Files.Exists()) throw Failure(What, errOBJECT_NOT_FOUND, "there is no store here");
   if (Options.bTrustStore) m_Host.TrustStores();
   if (const std::string Why = host::WhyStoreNotTrusted(m_Files.Folder()); !Options.bTrustStore && !Why.empty())
@@ -80,12 +80,12 @@ void Session::Trace(std::uint32_t nLevel, DamageListener Listener) {
     return;
   }
   constexpr std::uint32_t kDamageLevel = 350;
-  m_Host.TraceToCallback(std::max(nLevel, kDamageLevel),
-                         [nLevel, Listener = std::move(Listener)](std::uint32_t nLineLevel, std::string_view Line) {
-                           if (nLineLevel <= nLevel) host::WriteTraceLine(stderr, nLineLevel, Line);
-                           if (Line.starts_with("lmb\t")) Line.remove_prefix(4);
-                           if (nLineLevel <= kDamageLevel) Listener(Line);
-                         });
+  const auto Note = [nLevel, Listener = std::move(Listener)](std::uint32_t nLineLevel, std::string_view Line) {
+    if (nLineLevel <= nLevel) host::WriteTraceLine(stderr, nLineLevel, Line);
+    if (Line.starts_with("lmb\t")) Line.remove_prefix(4);
+    if (nLineLevel <= kDamageLevel) Listener(Line);
+  };
+  m_Host.TraceToCallback(std::max(nLevel, kDamageLevel), Note, host::TraceNames::Printable);
 }
 
 std::uint32_t Session::OpenDatabase(const DatabaseName& Database, Missing IfMissing) {
@@ -109,8 +109,8 @@ std::uint32_t Session::OpenDatabase(const DatabaseName& Database, Missing IfMiss
 void Session::Announce(const DatabaseName& Database) const {
   constexpr std::uint32_t kWarnFrom = 180;
   const std::uint32_t nNames = m_Files.NameCount();
-  std::fprintf(stderr, "lumbra: made %s, number %u of %u that a store can have\n",
-               Printable(Database.Describe()).c_str(), nNames, kMaxIndexNames);
+  std::fprintf(stderr, "lumbra: made %s, number %u of %u that a store can have\n", Database.Describe().c_str(), nNames,
+               kMaxIndexNames);
   if (nNames >= kWarnFrom)
     std::fprintf(stderr, "lumbra: %u names of databases are left; a name is used up for ever\n",
                  kMaxIndexNames - nNames);
@@ -171,7 +171,7 @@ ResultCode Session::FindObject(std::uint32_t nDatabase, std::uint32_t nType, con
                                std::uint64_t nParent, std::uint64_t* pnObject) {
   constexpr std::uint32_t kFindOnly = 0;
   constexpr std::uint32_t kCreateRepairing = 2;
-  const std::u16string Wide = host::ToUtf16(Name);
+  const std::u16string Wide = host::NameToUtf16(Name);
   if (Wide.size() > kMaxNameUnits) return errSIZE_INVALID;
   const auto nSize = static_cast<std::int32_t>(Wide.size() * sizeof(char16_t));
   return Call(&LumbraOperations::FindObject, nDatabase, nType, Wide.c_str(), nSize,
@@ -185,7 +185,8 @@ ResultCode Session::ReadName(std::uint64_t nObject, ObjectName* pName) {
     const auto nRoom = static_cast<std::uint32_t>(Name.size() * sizeof(char16_t));
     const ResultCode nCode =
         Call(&LumbraOperations::GetObjectName, nObject, Name.data(), nRoom, &nBytes, 0, &pName->nType);
-    if (Succeeded(nCode)) pName->Name = host::ToUtf8(std::u16string_view(Name).substr(0, nBytes / sizeof(char16_t)));
+    if (Succeeded(nCode))
+      pName->Name = host::NameToBytes(std::u16string_view(Name).substr(0, nBytes / sizeof(char16_t)));
     if (nCode != errBUFFER_TOO_SMALL) return nCode;
     if (nBytes / sizeof(char16_t) > kMaxNameUnits) return errSIZE_INVALID;
     Name.resize(nBytes / sizeof(char16_t));
@@ -207,10 +208,12 @@ void Session::Flush() {
 }
 
 std::uint32_t FlagsFor(std::uint32_t nType, const std::string& Name) {
+  // What stands for bytes that are no UTF-8 would be lost where the store keeps a name as UTF-8.
+  const std::uint32_t nForm = host::IsUtf8(Name) ? 0 : RemoveObjectFlags(fObjUtf8);
   const bool bPath = nType == typeFile || nType == typeFolder;
-  if (!bPath || !Name.starts_with('/')) return 0;
+  if (!bPath || !Name.starts_with('/')) return nForm;
   const bool bSplits = Name != "/" && Name.find('\\') == std::string::npos;
-  return RemoveObjectFlags(bSplits ? fObjNoCase : fObjNoCase | fObjSplitPath);
+  return nForm | RemoveObjectFlags(bSplits ? fObjNoCase : fObjNoCase | fObjSplitPath);
 }
 
 }  // namespace lumbra::tool

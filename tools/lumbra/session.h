@@ -49,7 +49,7 @@ inline constexpr char kNameTooLong[] = "(name too long)";
 
 struct ObjectName {
   std::uint32_t nType;
-  std::string Name;  // UTF-8
+  std::string Name;  // UTF-8, or the bytes of a file's name that is none
 };
 
 // The files of the store that the options name; throws a Failure for a folder that cannot be one.

@@ -11,6 +11,7 @@
 #include "format/object_files.h"
 #include "format/record_file.h"
 #include "format/segments_file.h"
+#include "host/printed_text.h"
 #include "host/text.h"
 #include "lumbra/lumbra.h"
 #include "machine.h"
@@ -98,7 +99,9 @@ std::string DatabaseName::Folder() const {
 }
 
 std::string DatabaseName::Describe() const {
-  return "database " + (Number ? std::to_string(*Number) : '"' + Name + '"');
+  if (Number) return "database " + std::to_string(*Number);
+  const std::string Shown = host::Printable(Name);
+  return "database " + (Shown == Name ? '"' + Name + '"' : Shown);
 }
 
 std::optional<DatabaseName> ParseDatabaseName(const std::string& Text, std::string* pReason) {
