@@ -12,10 +12,9 @@ class ToolWin32Test : public ToolTest {};
 TEST_F(ToolWin32Test, TakesForDatabasesWhatFoldersCanBeCalled) {
   for (const std::string Name : {"Ab", "COM", "com12", "nul-l"}) Run("record --db " + Name);
   Fails("record --db aB", "errOBJECT_ALREADY_EXISTS (0x800000D1): the store cannot tell it from database \"Ab\"");
-  for (const std::string Name : {"a:b", "a?", "a.", "'a '", "nul", "Com1", "aux.txt", "LPT9.a.b"}) {
-    Run("record --db " + Name, 2);
-    EXPECT_THAT(ReadText("err"), HasSubstr("no folder can have this name")) << Name;
-  }
+  Run("record --db a:b", 2);
+  for (const std::string Name : {"a?", "a.", "'a '", "nul", "Com1", "aux.txt", "LPT9.a.b"})
+    Fails("record --db " + Name, "a new database cannot have this name");
 }
 
 TEST_F(ToolWin32Test, ScansFoldersOfEveryDepthAndRefusesSuchAStore) {

@@ -41,9 +41,6 @@ bool ListFolder(const std::filesystem::path& Folder, std::vector<std::filesystem
 // The path made absolute, without "." and without a separator at its end.
 std::filesystem::path AbsolutePath(const std::string& Text);
 
-// Whether a folder can have this name, which holds no separator, and then has just this one.
-bool IsFolderName(const std::string& Name);
-
 // Whether one folder has both names.
 bool IsSameFolderName(const std::string& Name, const std::string& Other);
 

@@ -88,10 +88,6 @@ std::filesystem::path AbsolutePath(const std::string& Text) {
   return Full.has_filename() || Full == Full.root_path() ? Full : Full.parent_path();
 }
 
-bool IsFolderName(const std::string& /*Name*/) {
-  return true;
-}
-
 bool IsSameFolderName(const std::string& Name, const std::string& Other) {
   return Name == Other;
 }

@@ -130,19 +130,6 @@ std::filesystem::path AbsolutePath(const std::string& Text) {
   return Full;
 }
 
-// Points and blanks at the end are dropped by the system, and some names are those of devices, whatever follows a
-// point.
-bool IsFolderName(const std::string& Name) {
-  if (Name.find_first_of("<>:\"|?*") != std::string::npos || Name.ends_with('.') || Name.ends_with(' ')) return false;
-  std::string Stem = Name.substr(0, Name.find('.'));
-  while (Stem.ends_with(' ')) Stem.pop_back();
-  if (Stem.size() == 4 && Stem[3] >= '0' && Stem[3] <= '9') Stem[3] = '1';  // those with a number are all alike
-  for (const char* const pDevice : {"CON", "PRN", "AUX", "NUL", "CONIN$", "CONOUT$", "COM1", "LPT1"}) {
-    if (IsSameFolderName(Stem, pDevice)) return false;
-  }
-  return true;
-}
-
 bool IsSameFolderName(const std::string& Name, const std::string& Other) {
   const std::wstring One = PathOf(Name).native();
   const std::wstring Two = PathOf(Other).native();

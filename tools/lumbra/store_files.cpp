@@ -6,6 +6,7 @@
 
 #include "failure.h"
 #include "format/crc32.h"
+#include "format/database_name.h"
 #include "format/file_names.h"
 #include "format/named_index_file.h"
 #include "format/object_files.h"
@@ -115,14 +116,13 @@ std::optional<DatabaseName> ParseDatabaseName(const std::string& Text, std::stri
     if (nNumber < 1 || nNumber >= kFirstNamedDatabase) return Refuse("numbered databases are 1 to 47");
     return DatabaseName{static_cast<std::uint32_t>(nNumber), {}};
   }
-  if (Text == "." || Text == "..") return Refuse("a name must not be . or ..");
   if (std::any_of(Text.begin(), Text.end(), IsSeparatorOrControl)) {
     return Refuse("a name must not hold a separator or a control character");
   }
-  if (!IsFolderName(Text)) return Refuse("no folder can have this name");
   if (NumberOfFolder(Text)) return Refuse("the folder of that name belongs to a numbered database");
   const std::u16string Wide = host::ToUtf16(Text);
   if (host::ToUtf8(Wide) != Text) return Refuse("a name must be UTF-8");
+  if (!IsPlainFolderName(Wide)) return Refuse("a name must be that of one folder");
   if (Wide.size() > kMaxIndexNameLength) return Refuse("a name has at most 63 characters");
   return DatabaseName{{}, Text};
 }
