@@ -58,7 +58,7 @@ ResultCode Segment::Open() {
   if (Succeeded(nCode)) nCode = OpenObjects();
   if (Failed(nCode)) return nCode;
   if (m_pGlobalObjects == nullptr) m_pGlobalObjects = m_pObjects.get();
-  m_bOpened = true;
+  m_bOpened = m_bWasOpen = true;
   return errOK;
 }
 
@@ -92,7 +92,8 @@ ResultCode Segment::OpenEvents() {
     if (nCode == errOBJECT_NOT_FOUND && IsGone(kEventsFile)) LeaveChain();
     return nCode;
   }
-  if (!pFile->GetCreationTime(&m_nCreationTime)) return FailedStep(errREAD_FAILED);
+  // Once: where the file system keeps no time of birth, what stands for it moves with the file.
+  if (!m_bWasOpen && !pFile->GetCreationTime(&m_nCreationTime)) return FailedStep(errREAD_FAILED);
   m_pEvents.reset(new (std::nothrow) PlainDB);
   if (m_pEvents == nullptr) return FailedStep(errOUT_OF_MEMORY);
   if (!m_pEvents->Open(pFile, m_nEventSize, false)) {

@@ -118,6 +118,7 @@ class Segment {
 
   std::uint32_t m_nNumber = 0;  // never 0 for a real segment
   bool m_bOpened = false;
+  bool m_bWasOpen = false;    // now or before
   bool m_bFailed = false;     // it cannot be opened for reasons of its own; there is no second attempt
   bool m_bDiscarded = false;  // a file of it is missing
   std::unique_ptr<PlainDB> m_pEvents;

@@ -168,7 +168,7 @@ ResultCode SegmentManager::StartSegment() {
   const std::uint64_t nSize = pSegment->GetDataSize();
   nCode = AppendEntry(std::move(pSegment), nEvents, nSize);
   if (Failed(nCode)) return nCode;
-  ++m_nNextNumber;
+  OpenSegments::NoteNewest(this, m_nNextNumber++);
   if (m_Segments.size() > 1) LimitOpenSegments(m_Segments[m_Segments.size() - 2]);
   return errOK;
 }
@@ -273,6 +273,9 @@ ResultCode SegmentManager::EnforceLimits(bool bForce) {
   CatchUpHeader();
   // A disk that is too full for a new segment is no reason to keep the old ones.
   const ResultCode nStarted = IsNewestFull() ? NewSegment() : errOK;
+  // Where the newest has lost a file, though, those before it are all that there is, and their numbers must not come
+  // back.
+  if (Failed(nStarted) && m_Segments.back().pSegment->IsDiscarded()) return nStarted;
   for (; m_Segments.size() > 1 && (bForce || IsOverLimits()); bForce = false) {
     const ResultCode nCode = DeleteOldest(bForce);
     if (Failed(nCode)) return nCode;
@@ -339,25 +342,25 @@ ResultCode SegmentManager::Refresh(tSEGMENT_ENTRY* pEntry) {
   return errOK;
 }
 
-// After the use of a segment: it may be one too many that is open. The newest does not count.
+// After the use of a segment that is not the newest: it may be one too many that is open.
 void SegmentManager::LimitOpenSegments(const tSEGMENT_ENTRY& Used) {
-  if (&Used == &m_Segments.back() || !Used.pSegment->IsOpen()) return;
+  if (!Used.pSegment->IsOpen()) return;
   const std::optional<std::uint32_t> Own = OpenSegments::Use(this, Used.nNumber);
   if (Own) (void)CloseSegment(*Own);  // one that stays open is remembered
 }
 
-bool SegmentManager::CloseSegment(std::uint32_t nNumber) {
+SegmentManager::Closing SegmentManager::CloseSegment(std::uint32_t nNumber) {
   const tSEGMENT_ENTRY* const pEntry = FindEntry(nNumber);
-  if (pEntry == nullptr || pEntry->pSegment->Close()) return true;
+  if (pEntry == nullptr || pEntry->pSegment->Close()) return Closing::Done;
   m_bSyncFailed = true;
-  return false;
+  return Closing::Failed;
 }
 
-bool SegmentManager::TryCloseSegment(std::uint32_t nNumber) {
-  if (!m_Lock.try_lock()) return false;
-  const bool bClosed = CloseSegment(nNumber);
+SegmentManager::Closing SegmentManager::TryCloseSegment(std::uint32_t nNumber) {
+  if (!m_Lock.try_lock()) return Closing::Busy;
+  const Closing How = CloseSegment(nNumber);
   m_Lock.unlock();
-  return bClosed;
+  return How;
 }
 
 // The totals are the sums, and the numbers ascend.
@@ -380,8 +383,9 @@ template <class Operation>
 ResultCode SegmentManager::OnEntry(tSEGMENT_ENTRY* pEntry, Operation Do) {
   const bool bWasOpen = pEntry->pSegment->IsOpen();
   const ResultCode nCode = Do(*pEntry->pSegment);
-  LimitOpenSegments(*pEntry);
+  if (pEntry != &m_Segments.back()) LimitOpenSegments(*pEntry);
   if (bWasOpen || !pEntry->pSegment->IsOpen()) return nCode;
+  if (pEntry == &m_Segments.back()) OpenSegments::NoteNewest(this, pEntry->nNumber);
   std::uint64_t nEvents = 0;
   const bool bKnown = Succeeded(pEntry->pSegment->GetEventCount(&nEvents));
   if (bKnown && nEvents != pEntry->nEventCount) (void)Refresh(pEntry);

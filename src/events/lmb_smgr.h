@@ -154,8 +154,8 @@ class SegmentManager final : private SegmentChain, private SegmentOwner {
   void CatchUpHeader() REQUIRES(m_Lock);
   void SyncHeader() REQUIRES(m_Lock);
   void BeforeDiscard() override;
-  bool TryCloseSegment(std::uint32_t nNumber) override;
-  bool CloseSegment(std::uint32_t nNumber) REQUIRES(m_Lock);
+  Closing TryCloseSegment(std::uint32_t nNumber) override;
+  Closing CloseSegment(std::uint32_t nNumber) REQUIRES(m_Lock);
   void LimitOpenSegments(const tSEGMENT_ENTRY& Used) REQUIRES(m_Lock);
   ResultCode Refresh(tSEGMENT_ENTRY* pEntry) REQUIRES(m_Lock);
   std::atomic<std::uint64_t>* LimitOf(LumbraLimit nKind);

@@ -14,9 +14,11 @@ namespace lumbra {
 // What has segments: a segment manager.
 class SegmentOwner {
  public:
-  // Closes a segment, unless the owner is busy or the segment has writes that cannot be brought to the disk: then it
-  // stays open, and the answer is false. The thread may be within an operation of the same owner that opens a file.
-  virtual bool TryCloseSegment(std::uint32_t nNumber) = 0;
+  // Failed: it has writes that cannot be brought to the disk, and stays open. Busy: another thread holds the owner.
+  enum class Closing { Done, Failed, Busy };
+
+  // The thread may be within an operation of the same owner that opens a file.
+  virtual Closing TryCloseSegment(std::uint32_t nNumber) = 0;
 
  protected:
   ~SegmentOwner() = default;
@@ -32,12 +34,16 @@ class OpenSegments {
   // caller's own the number is answered, for it to close.
   static std::optional<std::uint32_t> Use(SegmentOwner* pOwner, std::uint32_t nNumber);
 
+  // The newest segment of its owner has been opened. It counts for no limit; it is closed where descriptors run out
+  // alone.
+  static void NoteNewest(SegmentOwner* pOwner, std::uint32_t nNumber);
+
   // It is closed, or is no more; all of them.
   static void Forget(const SegmentOwner* pOwner, std::uint32_t nNumber);
   static void Forget(const SegmentOwner* pOwner);
 
-  // Closes the one that was used least recently, of those that can be closed; false when there is none. What is called
-  // when a file meets a process without descriptors.
+  // Closes the one that was used least recently, of those that can be closed, and of the newest the one that was opened
+  // first; false when there is none. What is called when a file meets a process without descriptors.
   static bool CloseOne();
 };
 

@@ -9,8 +9,9 @@
 namespace lumbra {
 namespace {
 
-constexpr std::u16string_view kOwnNames[] = {kIndexFile,        kSharedTreeFile,    kSharedIdsFile, kSharedDataFile,
-                                             kCompactedIdsFile, kCompactedDataFile, u"set-aside"};
+constexpr std::u16string_view kOwnNames[] = {kIndexFile,      kSharedTreeFile,   kSharedIdsFile,
+                                             kSharedDataFile, kCompactedIdsFile, kCompactedDataFile,
+                                             kSegmentsFile,   kIdentityFile,     u"set-aside"};
 constexpr std::u16string_view kOwnEndings[] = {u".schema", u".healing"};
 
 // The store's own names have no other letters.
@@ -54,8 +55,7 @@ bool IsTheStores(const std::u16string& Lower) {
   const auto EndsTheName = [&](std::u16string_view Ending) {
     return Lower.ends_with(Ending);
   };
-  return IsNumberedFolder(Lower) || std::ranges::find(kOwnNames, Lower) != std::end(kOwnNames) ||
-         std::ranges::any_of(kOwnEndings, EndsTheName);
+  return std::ranges::find(kOwnNames, Lower) != std::end(kOwnNames) || std::ranges::any_of(kOwnEndings, EndsTheName);
 }
 
 #ifdef _WIN32
@@ -73,6 +73,11 @@ bool IsDevice(const std::u16string& Lower) {
 
 constexpr std::u16string_view kNotInNames = {u"/\\:\0", 4};
 
+// Of which the system drops all.
+bool LeadsElsewhere(std::u16string_view Name) {
+  return Name.find_first_not_of(u". ") == std::u16string_view::npos;
+}
+
 bool SystemTakes(const std::u16string& Lower) {
   constexpr std::u16string_view kNotInNewNames = u"<>\"|?*";
   return !IsDevice(Lower) && !Lower.ends_with(u'.') && !Lower.ends_with(u' ') &&
@@ -80,6 +85,10 @@ bool SystemTakes(const std::u16string& Lower) {
 }
 #else
 constexpr std::u16string_view kNotInNames = {u"/\\\0", 3};
+
+bool LeadsElsewhere(std::u16string_view Name) {
+  return Name.empty() || Name == u"." || Name == u"..";
+}
 
 bool SystemTakes(const std::u16string&) {
   return true;
@@ -89,7 +98,8 @@ bool SystemTakes(const std::u16string&) {
 }  // namespace
 
 bool IsPlainFolderName(std::u16string_view Name) {
-  return !Name.empty() && Name != u"." && Name != u".." && Name.find_first_of(kNotInNames) == std::u16string_view::npos;
+  return Name.find_first_of(kNotInNames) == std::u16string_view::npos && !LeadsElsewhere(Name) &&
+         !IsNumberedFolder(LowerCase(Name));
 }
 
 bool IsDatabaseName(std::u16string_view Name) {

@@ -57,6 +57,7 @@ const SavableOperations ByteBlob::kOperations = {
     .Base = {NotSupported, IsOfType<kSavableType>},
     .Save = [](HostObject* pObject, void* pBuffer, std::uint32_t nBufferSize, std::uint32_t* pnNeeded) -> ResultCode {
       const std::vector<std::uint8_t>& Content = Of<ByteBlob>(pObject).m_Content;
+      if (Content.size() > UINT32_MAX) return errSIZE_INVALID;
       *pnNeeded = static_cast<std::uint32_t>(Content.size());
       if (nBufferSize < Content.size()) return errBUFFER_TOO_SMALL;
       if (!Content.empty()) std::memcpy(pBuffer, Content.data(), Content.size());

@@ -290,6 +290,8 @@ ResultCode HostServices::StringAppend(HostString* pTarget, const void* pText, st
   try {
     std::u16string Text;
     if (!DecodeText(pText, nSize, nCodePage, &Text)) return errNOT_SUPPORTED;
+    constexpr std::uint32_t kMaxLength = UINT32_MAX / 4;  // units, so that neither bytes nor twice as many overflow
+    if (Text.size() > kMaxLength - pTarget->nLength) return errSIZE_INVALID;
     const auto nLength = static_cast<std::uint32_t>(pTarget->nLength + Text.size());
     if (nLength + 1 > pTarget->nCapacity) {
       const std::uint32_t nCapacity = std::max(nLength + 1, pTarget->nCapacity * 2);

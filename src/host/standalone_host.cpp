@@ -43,7 +43,7 @@ Store::~Store() {
   if (m_pInstance != nullptr) m_pHost->Release(m_pInstance);
 }
 
-ResultCode Store::Init() {
+ResultCode Store::Init() try {
   if (!m_pHost->m_bTrustsStores) {
     const std::string Why = WhyStoreNotTrusted(PathOfStore(ReportFolder()));
     if (!Why.empty()) {
@@ -52,6 +52,8 @@ ResultCode Store::Init() {
     }
   }
   return m_pInstance->pLifecycle->ObjectInitDone(m_pInstance);
+} catch (const std::bad_alloc&) {
+  return errOUT_OF_MEMORY;
 }
 
 ResultCode Store::SetNumber(std::uint32_t nPropertyId, std::uint32_t nValue) {
@@ -84,7 +86,8 @@ std::u16string Store::ReportFolder() const {
   Record = {Folder.data(), Record.nCount, 0, 0, propertyGet};
   if (Failed(Get())) return {};
   if (Folder.ends_with(u'\0')) Folder.pop_back();
-  return Folder.empty() ? m_pHost->ValueOf(u"%Report%") : Folder;
+  if (Folder.empty()) HostServices::ExpandPlaceholders(*m_pHost, &(Folder = u"%Report%"));
+  return Folder;
 }
 
 // ---- StandaloneHost ---------------------------------------------------------------------------------------
@@ -105,12 +108,6 @@ StandaloneHost::~StandaloneHost() {
   assert(m_Instances.empty() && "stores end before their host");
   m_pEntry(&m_Root, kModuleUnload, nullptr);
   HostServices::Leave(this);
-}
-
-std::u16string StandaloneHost::ValueOf(const std::u16string& Placeholder) {
-  const std::lock_guard Hold(m_Lock);
-  const auto Found = m_Placeholders.find(Placeholder);
-  return Found == m_Placeholders.end() ? std::u16string() : Found->second;
 }
 
 void StandaloneHost::SetPlaceholder(std::u16string_view Placeholder, std::u16string_view Value) {

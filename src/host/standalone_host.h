@@ -124,7 +124,6 @@ class StandaloneHost {
   void Release(LumbraInstance* pInstance);
   void WriteLine(std::uint32_t nLevel, const char* pFormat, std::va_list Arguments);
   void WriteLine(std::uint32_t nLevel, std::string_view Line);
-  std::u16string ValueOf(const std::u16string& Placeholder);
 
   struct Handler {
     std::uint32_t nClass;

@@ -21,7 +21,9 @@ ResultCode SetText(HostObject* pString, const void* pText, std::uint32_t nSize, 
 
 ResultCode GetTextSize(HostObject* pString, std::uint32_t nCodePage, std::uint32_t* pnSize) {
   if (nCodePage != kCodePageUtf16) return errNOT_SUPPORTED;
-  *pnSize = static_cast<std::uint32_t>(StringObject::Of(pString)->Text.size()) * kUnit;
+  const std::size_t nUnits = StringObject::Of(pString)->Text.size();
+  if (nUnits > UINT32_MAX / kUnit) return errSIZE_INVALID;
+  *pnSize = static_cast<std::uint32_t>(nUnits) * kUnit;
   return errOK;
 }
 

@@ -7,8 +7,11 @@
 #include <cstdint>
 #include <filesystem>
 #include <string>
+#include <string_view>
 
 namespace lumbra::host {
+
+inline constexpr std::string_view kIsALink = "is a link";
 
 enum class TrustedOwner { User, UserOrRoot };  // User: the effective user of the process
 

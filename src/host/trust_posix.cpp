@@ -24,7 +24,7 @@ bool IsGroupOfUser(gid_t nGroup, uid_t nUser) {
 }
 
 std::string WhyNotTrusted(const struct stat& Status, TrustedOwner Owner) {
-  if (S_ISLNK(Status.st_mode)) return "is a link";
+  if (S_ISLNK(Status.st_mode)) return std::string(kIsALink);
   const bool bOwned = Status.st_uid == geteuid() || (Owner == TrustedOwner::UserOrRoot && Status.st_uid == 0);
   if (!bOwned) return "belongs to another user";
   if ((Status.st_mode & S_IWOTH) != 0) return "can be written by others";

@@ -53,6 +53,11 @@ void SetDescriptorRelief(bool (*pRelief)()) {
   g_pRelief = pRelief;
 }
 
+bool RelieveDescriptors() {
+  bool (*const pRelief)() = g_pRelief;
+  return pRelief != nullptr && pRelief();
+}
+
 File::~File() {
   (void)Close();  // who wants to know closes it before
 }
@@ -82,8 +87,7 @@ ResultCode File::OpenWithFlags(const FilePlace& Place, std::uint32_t nFlags, std
                     &Opened);
   };
   os::SystemError nError = OpenThere();
-  bool (*const pRelief)() = g_pRelief;
-  if (nError == os::kTooManyOpenFiles && pRelief != nullptr && pRelief()) nError = OpenThere();
+  if (nError == os::kTooManyOpenFiles && RelieveDescriptors()) nError = OpenThere();
   return Take(nError, Opened);
 }
 

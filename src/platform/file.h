@@ -32,8 +32,10 @@ enum FileDisposition : std::uint32_t {
 };
 
 // What a process that has run out of descriptors can do: something that closes files which can be opened again, and
-// answers whether it has. Called then once by each opening of a FilePlace, which is tried again; null is nothing.
+// answers whether it has. Each opening of a FilePlace and of a folder calls it then once, and is tried again; null is
+// nothing.
 void SetDescriptorRelief(bool (*pRelief)());
+bool RelieveDescriptors();
 
 // Where a file is: in a folder that is open, under a name. The path is what traces show.
 struct FilePlace {

@@ -44,6 +44,22 @@ bool EndsWithSeparator(std::u16string_view Folder) {
   return Folder.ends_with(u'\\') || Folder.ends_with(u'/');
 }
 
+ResultCode OpenFolders(std::u16string_view Store, std::u16string_view Name, os::Readers ForWhom,
+                       os::FolderHandle* ppFolder) {
+  const ResultCode nThere = CreateDirectories(Store, ForWhom);
+  if (nThere != errOK) return Failed(nThere) ? nThere : errACCESS_DENIED;  // somebody else makes it at this moment
+  os::FolderHandle pStore;
+  os::SystemError nError = os::OpenFolder(Store, ForWhom, &pStore);
+  if (nError == os::kSuccess && !Name.empty()) {
+    nError = os::OpenFolder(pStore, Name, ppFolder);
+    if (nError == os::kFileNotFound) nError = os::MakeFolder(pStore, Name);
+    if (nError == os::kSuccess && *ppFolder == nullptr) nError = os::OpenFolder(pStore, Name, ppFolder);
+  } else {
+    *ppFolder = std::move(pStore);
+  }
+  return ResultFromSystemError(nError);
+}
+
 ResultCode ResultOfSearch(os::SystemError nError) {
   if (nError == os::kSuccess) return errOK;
   return nError == os::kFileNotFound ? errNOT_FOUND : errUNEXPECTED;
@@ -68,49 +84,38 @@ class ThreadTokenSuspension {
 bool StorageEnvironment::Init(StorageOwner* pOwner, const char16_t* pFolder, FolderContent Content,
                               bool bEnvironmentFlag) noexcept {
   if (pOwner == nullptr || pFolder == nullptr) return false;
-  try {
-    if (!Open(pOwner, pFolder, {})) return false;
-  } catch (const std::bad_alloc&) {
-    return false;
-  }
+  if (!Open(pOwner, pFolder, {}, bEnvironmentFlag)) return false;
   if (Content == FolderContent::Wipe) (void)DeleteFiles(u"*.*", 0);  // answers errOK always
-  m_bEnvironmentFlag = bEnvironmentFlag;
   return true;
 }
 
 bool StorageEnvironment::InitBelow(StorageOwner* pOwner, const char16_t* pStore, const char16_t* pName,
                                    bool bEnvironmentFlag) noexcept {
   if (pOwner == nullptr || pStore == nullptr || pName == nullptr) return false;
-  try {
-    if (!Open(pOwner, pStore, pName)) return false;
-  } catch (const std::bad_alloc&) {
-    return false;
-  }
-  m_bEnvironmentFlag = bEnvironmentFlag;
-  return true;
+  return Open(pOwner, pStore, pName, bEnvironmentFlag);
 }
 
 // Opens the folder of a store, or, with a name, that of a database in it; makes it where it is missing.
-bool StorageEnvironment::Open(StorageOwner* pOwner, std::u16string_view Store, std::u16string_view Name) {
+bool StorageEnvironment::Open(StorageOwner* pOwner, std::u16string_view Store, std::u16string_view Name,
+                              bool bEnvironmentFlag) noexcept {
   m_pFolder.reset();
   m_pOwner = pOwner;
-  m_Folder = Store;
-  if (m_Folder.empty()) return false;
-  const os::Readers ForWhom = pOwner->ReadersOfNewFiles();
-  os::FolderHandle pOpened;
-  if (CreateDirectories(m_Folder, ForWhom) != errOK) return false;
-  if (os::OpenFolder(m_Folder, ForWhom, &pOpened) != os::kSuccess) return false;
-  if (!Name.empty()) {
-    if (!EndsWithSeparator(m_Folder)) m_Folder += u'\\';
-    m_Folder.append(Name) += u'\\';
-    const os::FolderHandle pStore = std::move(pOpened);
-    os::SystemError nError = os::OpenFolder(pStore, Name, &pOpened);
-    if (nError == os::kFileNotFound && os::MakeFolder(pStore, Name) == os::kSuccess)
-      nError = os::OpenFolder(pStore, Name, &pOpened);
-    if (nError != os::kSuccess) return false;
+  try {
+    m_Folder = Store;
+    if (m_Folder.empty()) return false;
+    if (!Name.empty()) {
+      if (!EndsWithSeparator(m_Folder)) m_Folder += u'\\';
+      m_Folder.append(Name) += u'\\';
+    }
+    const os::Readers ForWhom = pOwner->ReadersOfNewFiles();
+    ResultCode nCode = OpenFolders(Store, Name, ForWhom, &m_pFolder);
+    if (nCode == ResultFromSystemError(os::kTooManyOpenFiles) && RelieveDescriptors())
+      nCode = OpenFolders(Store, Name, ForWhom, &m_pFolder);
+    m_bEnvironmentFlag = bEnvironmentFlag;
+    return Succeeded(nCode);
+  } catch (const std::bad_alloc&) {
+    return false;
   }
-  m_pFolder = std::move(pOpened);
-  return true;
 }
 
 std::uint64_t StorageEnvironment::GetCurrentTime() {

@@ -91,7 +91,7 @@ class StorageEnvironment {
   ResultCode GetFileSize(const char16_t* pName, std::uint32_t nId, std::uint64_t* pnSize) noexcept;
 
  private:
-  bool Open(StorageOwner* pOwner, std::u16string_view Store, std::u16string_view Name);
+  bool Open(StorageOwner* pOwner, std::u16string_view Store, std::u16string_view Name, bool bEnvironmentFlag) noexcept;
   std::u16string PathOf(std::u16string_view FileName) const;
   bool DeleteSegments();
   void Delete(std::u16string_view FileName) const;

@@ -65,7 +65,7 @@ TEST_F(ToolPosixTest, UsesNoStoreThatOthersMayChange) {
   Run("events --db 1 --trust-store");
   fs::permissions(Folder() / "store/01", fs::perms(0700));
   fs::create_directory_symlink("01", Folder() / "store/02");
-  Fails("record --db 2", At("store/02") + " is a link");
+  Fails("record --db 2", At("store/02") + " is a link\n");
   fs::remove(Folder() / "store/02");
   if (geteuid() != 0) GTEST_SKIP() << "only root can give files away";
   ASSERT_EQ(0, chown(At("store").c_str(), 65534, 0));

@@ -23,6 +23,11 @@ StoreFiles FilesOf(const CommonOptions& Options) {
   if (const std::string Reason = WhyNoStorePath(Folder); !Reason.empty()) {
     throw Failure("open " + Printable(Options.Store), errPATH_NAME_INVALID, Reason);
   }
+  // Before anything of it is read: what is not the user's could be a link to what is not meant for him.
+  if (const std::string Why = host::WhyStoreNotTrusted(Folder); !Options.bTrustStore && !Why.empty()) {
+    throw Failure("open " + Printable(TextOf(Folder)), errACCESS_DENIED,
+                  Why + (Why.ends_with(host::kIsALink) ? "" : "; --trust-store uses it all the same"));
+  }
   return StoreFiles(Folder);
 }
 
@@ -55,8 +60,6 @@ Session::Session(const CommonOptions& Options, Missing Store, DamageListener Lis
   const std::string What = "open " + Printable(TextOf(m_Files.Folder()));
   if (Store == Missing::Refuse && !m_Files.Exists()) throw Failure(What, errOBJECT_NOT_FOUND, "there is no store here");
   if (Options.bTrustStore) m_Host.TrustStores();
-  if (const std::string Why = host::WhyStoreNotTrusted(m_Files.Folder()); !Options.bTrustStore && !Why.empty())
-    throw Failure(What, errACCESS_DENIED, Why + "; --trust-store uses it all the same");
   Trace(Options.nTraceLevel, std::move(Listener));
   m_Host.SetPlaceholder(u"%host%", host::ToUtf16(Options.Host.empty() ? MachineName() : Options.Host));
   m_Store = m_Host.Create();

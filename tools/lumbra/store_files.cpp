@@ -164,7 +164,7 @@ std::vector<DatabaseName> StoreFiles::Databases() const {
   std::vector<DatabaseName> Named;
   for (const fs::directory_entry& Entry : EntriesOf(m_Folder)) {
     const std::string Name = TextOf(Entry.path().filename());
-    if (!Entry.is_directory() || !IsThere(Entry.path() / kSegmentsFile)) continue;
+    if (Entry.is_symlink() || !Entry.is_directory() || !IsThere(Entry.path() / kSegmentsFile)) continue;
     const std::optional<std::uint32_t> Number = NumberOfFolder(Name);
     if (Number && DatabaseName{Number, {}}.Folder() == Name) {
       Numbered.push_back({Number, {}});
