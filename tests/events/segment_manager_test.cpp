@@ -269,7 +269,11 @@ TEST_F(SegmentManagerTest, LosesNothingWhileTheFolderIsAway) {
   EXPECT_EQ("none, errOPEN_FAILED", Get(0, 1));
   const std::string kAway = Folder().string() + "-away";
   fs::rename(Folder(), kAway);
+#ifdef _WIN32
+  EXPECT_EQ("none, errOPEN_FAILED", Get(0, 1));
+#else
   EXPECT_EQ("1 to 1", Get(0, 1));  // it is open, whatever its path leads to
+#endif
   fs::rename(kAway, Folder());
   Restart();
   EXPECT_EQ("1 to 35 in 4", Held());

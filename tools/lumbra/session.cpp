@@ -93,6 +93,9 @@ void Session::Trace(std::uint32_t nLevel, DamageListener Listener) {
 
 std::uint32_t Session::OpenDatabase(const DatabaseName& Database, Missing IfMissing) {
   const std::string What = "open " + Database.Describe();
+  const bool bNewName = !m_Files.HasId(Database);
+  if (bNewName && !IsDatabaseName(host::ToUtf16(Database.Name)))
+    throw Failure(What, errPARAMETER_INVALID, "a new database cannot have this name; see the README for those it can");
   if (m_Files.HasLostEvents(Database)) {
     throw Failure(What, errDATA_CORRUPTED,
                   "its segments.dat is missing, damaged or leads nowhere; lumbra clear would start it anew, empty");
@@ -100,9 +103,6 @@ std::uint32_t Session::OpenDatabase(const DatabaseName& Database, Missing IfMiss
   if (IfMissing == Missing::Refuse && !m_Files.Has(Database)) {
     throw Failure(What, errOBJECT_NOT_FOUND, "there is no such database in this store");
   }
-  const bool bNewName = !m_Files.HasId(Database);
-  if (bNewName && !IsDatabaseName(host::ToUtf16(Database.Name)))
-    throw Failure(What, errPARAMETER_INVALID, "a new database cannot have this name; see the README for those it can");
   const std::uint32_t nDatabase = OpenWhatIsThere(Database);
   if (bNewName) Announce(Database);
   return nDatabase;
