@@ -42,7 +42,7 @@ NamedDatabaseRef Databases::FindNamed(const char16_t* pName) {
 
 bool Databases::InitEnvironment(DatabaseSlot* pSlot, const HostText& Store, const char16_t* pName) {
   // An empty one is nowhere, rather than in the current folder of the process.
-  return pSlot->Environment.InitBelow(&m_Owner, Store.Text(), pName, m_Owner.Settings().bEnvironmentFlag);
+  return pSlot->Environment.InitBelow(&m_Owner, m_Store, Store.Text(), pName, m_Owner.Settings().bEnvironmentFlag);
 }
 
 ResultCode Databases::InitManager(DatabaseSlot* pSlot, std::uint32_t nEventSize) {

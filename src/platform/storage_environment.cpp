@@ -44,12 +44,15 @@ bool EndsWithSeparator(std::u16string_view Folder) {
   return Folder.ends_with(u'\\') || Folder.ends_with(u'/');
 }
 
-ResultCode OpenFolders(std::u16string_view Store, std::u16string_view Name, os::Readers ForWhom,
-                       os::FolderHandle* ppFolder) {
-  const ResultCode nThere = CreateDirectories(Store, ForWhom);
-  if (nThere != errOK) return Failed(nThere) ? nThere : errACCESS_DENIED;  // somebody else makes it at this moment
-  os::FolderHandle pStore;
-  os::SystemError nError = os::OpenFolder(Store, ForWhom, &pStore);
+// Opens the folder of a store, unless it is open, and with a name that of a database in it; makes what is missing.
+ResultCode OpenFolders(os::FolderHandle pStore, std::u16string_view Store, std::u16string_view Name,
+                       os::Readers ForWhom, os::FolderHandle* ppFolder) {
+  os::SystemError nError = os::kSuccess;
+  if (pStore == nullptr) {
+    const ResultCode nThere = CreateDirectories(Store, ForWhom);
+    if (nThere != errOK) return Failed(nThere) ? nThere : errACCESS_DENIED;  // somebody else makes it at this moment
+    nError = os::OpenFolder(Store, ForWhom, &pStore);
+  }
   if (nError == os::kSuccess && !Name.empty()) {
     nError = os::OpenFolder(pStore, Name, ppFolder);
     if (nError == os::kFileNotFound) nError = os::MakeFolder(pStore, Name);
@@ -84,20 +87,20 @@ class ThreadTokenSuspension {
 bool StorageEnvironment::Init(StorageOwner* pOwner, const char16_t* pFolder, FolderContent Content,
                               bool bEnvironmentFlag) noexcept {
   if (pOwner == nullptr || pFolder == nullptr) return false;
-  if (!Open(pOwner, pFolder, {}, bEnvironmentFlag)) return false;
+  if (!Open(pOwner, nullptr, pFolder, {}, bEnvironmentFlag)) return false;
   if (Content == FolderContent::Wipe) (void)DeleteFiles(u"*.*", 0);  // answers errOK always
   return true;
 }
 
-bool StorageEnvironment::InitBelow(StorageOwner* pOwner, const char16_t* pStore, const char16_t* pName,
-                                   bool bEnvironmentFlag) noexcept {
+bool StorageEnvironment::InitBelow(StorageOwner* pOwner, const StorageEnvironment& Store, const char16_t* pStore,
+                                   const char16_t* pName, bool bEnvironmentFlag) noexcept {
   if (pOwner == nullptr || pStore == nullptr || pName == nullptr) return false;
-  return Open(pOwner, pStore, pName, bEnvironmentFlag);
+  const bool bOpen = Store.m_Folder == pStore;
+  return Open(pOwner, bOpen ? Store.m_pFolder : nullptr, pStore, pName, bEnvironmentFlag);
 }
 
-// Opens the folder of a store, or, with a name, that of a database in it; makes it where it is missing.
-bool StorageEnvironment::Open(StorageOwner* pOwner, std::u16string_view Store, std::u16string_view Name,
-                              bool bEnvironmentFlag) noexcept {
+bool StorageEnvironment::Open(StorageOwner* pOwner, os::FolderHandle pStore, std::u16string_view Store,
+                              std::u16string_view Name, bool bEnvironmentFlag) noexcept {
   m_pFolder.reset();
   m_pOwner = pOwner;
   try {
@@ -108,9 +111,9 @@ bool StorageEnvironment::Open(StorageOwner* pOwner, std::u16string_view Store, s
       m_Folder.append(Name) += u'\\';
     }
     const os::Readers ForWhom = pOwner->ReadersOfNewFiles();
-    ResultCode nCode = OpenFolders(Store, Name, ForWhom, &m_pFolder);
+    ResultCode nCode = OpenFolders(pStore, Store, Name, ForWhom, &m_pFolder);
     if (nCode == ResultFromSystemError(os::kTooManyOpenFiles) && RelieveDescriptors())
-      nCode = OpenFolders(Store, Name, ForWhom, &m_pFolder);
+      nCode = OpenFolders(pStore, Store, Name, ForWhom, &m_pFolder);
     m_bEnvironmentFlag = bEnvironmentFlag;
     return Succeeded(nCode);
   } catch (const std::bad_alloc&) {

@@ -47,8 +47,10 @@ class StorageEnvironment {
   // afterwards. The owner must outlive the environment's use. May be called again, for another folder.
   bool Init(StorageOwner* pOwner, const char16_t* pFolder, FolderContent Content, bool bEnvironmentFlag) noexcept;
 
-  // The same for the folder of a database in that of a store; neither is a link.
-  bool InitBelow(StorageOwner* pOwner, const char16_t* pStore, const char16_t* pName, bool bEnvironmentFlag) noexcept;
+  // The same for the folder of a database in that of a store, which an environment has open, or which is opened by its
+  // path where that one is on another; neither is a link.
+  bool InitBelow(StorageOwner* pOwner, const StorageEnvironment& Store, const char16_t* pStore, const char16_t* pName,
+                 bool bEnvironmentFlag) noexcept;
 
   // Now, as a FILETIME (100 ns units since 1601-01-01 UTC).
   static std::uint64_t GetCurrentTime();
@@ -91,7 +93,8 @@ class StorageEnvironment {
   ResultCode GetFileSize(const char16_t* pName, std::uint32_t nId, std::uint64_t* pnSize) noexcept;
 
  private:
-  bool Open(StorageOwner* pOwner, std::u16string_view Store, std::u16string_view Name, bool bEnvironmentFlag) noexcept;
+  bool Open(StorageOwner* pOwner, os::FolderHandle pStore, std::u16string_view Store, std::u16string_view Name,
+            bool bEnvironmentFlag) noexcept;
   std::u16string PathOf(std::u16string_view FileName) const;
   bool DeleteSegments();
   void Delete(std::u16string_view FileName) const;

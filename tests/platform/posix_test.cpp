@@ -70,7 +70,7 @@ TEST_F(PosixTest, UsesNoFolderThatIsALink) {
   fs::create_directory_symlink("store", Folder() / "link");
   const auto Uses = [this](const char* pStore, const char16_t* pName) {
     StorageEnvironment Other;
-    return Other.InitBelow(this, Path(pStore).c_str(), pName, false);
+    return Other.InitBelow(this, m_Environment, Path(pStore).c_str(), pName, false);
   };
   EXPECT_TRUE(Uses("above/store", u"01"));
   EXPECT_FALSE(Uses("store", u"02"));
@@ -88,7 +88,7 @@ TEST_F(PosixTest, GivesOthersNoRights) {
     const mode_t nBefore = umask(nMask);
     m_Readers = bGroup ? os::Readers::OwnerAndGroup : os::Readers::OwnerAlone;
     StorageEnvironment New;
-    EXPECT_TRUE(New.InitBelow(this, Path("new").c_str(), u"01", false));
+    EXPECT_TRUE(New.InitBelow(this, m_Environment, Path("new").c_str(), u"01", false));
     std::unique_ptr<StorageFile> pFile;
     EXPECT_CODE(errOK, New.OpenFile(u"file", 0, true, true, &pFile));
     umask(nBefore);

@@ -9,6 +9,7 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <string>
 #include <utility>
 
 #include "platform/posix/posix.h"
@@ -146,7 +147,11 @@ void SetMode(int nDescriptor, mode_t nMode) {
   struct stat Status {};
   constexpr mode_t kRights = 07777;
   if (fstat(nDescriptor, &Status) == 0 && (Status.st_mode & kRights) == nMode) return;
-  (void)fchmod(nDescriptor, nMode);  // a file system that knows of no rights refuses, and goes by those of its mount
+  // A file system that knows of no rights refuses, and goes by those of its mount. A folder from which the mask took
+  // the right to read is open by its place alone, for which the system takes a change of rights by the descriptor's
+  // path.
+  if (fchmod(nDescriptor, nMode) != 0 && errno == EBADF)
+    (void)chmod(("/proc/self/fd/" + std::to_string(nDescriptor)).c_str(), nMode);
 }
 
 SystemError Sync(int nDescriptor) {
