@@ -99,7 +99,7 @@ bool StorageEnvironment::InitBelow(StorageOwner* pOwner, const StorageEnvironmen
   return Open(pOwner, bOpen ? Store.m_pFolder : nullptr, pStore, pName, bEnvironmentFlag);
 }
 
-bool StorageEnvironment::Open(StorageOwner* pOwner, os::FolderHandle pStore, std::u16string_view Store,
+bool StorageEnvironment::Open(StorageOwner* pOwner, const os::FolderHandle& pStore, std::u16string_view Store,
                               std::u16string_view Name, bool bEnvironmentFlag) noexcept {
   m_pFolder.reset();
   m_pOwner = pOwner;

@@ -93,7 +93,7 @@ class StorageEnvironment {
   ResultCode GetFileSize(const char16_t* pName, std::uint32_t nId, std::uint64_t* pnSize) noexcept;
 
  private:
-  bool Open(StorageOwner* pOwner, os::FolderHandle pStore, std::u16string_view Store, std::u16string_view Name,
+  bool Open(StorageOwner* pOwner, const os::FolderHandle& pStore, std::u16string_view Store, std::u16string_view Name,
             bool bEnvironmentFlag) noexcept;
   std::u16string PathOf(std::u16string_view FileName) const;
   bool DeleteSegments();
