@@ -143,6 +143,7 @@ struct FoundFile {
   bool bFolder;
   std::uint64_t nSize;                // as the folder's entry tells it
   std::int64_t nCreationTimeSeconds;  // since 1970-01-01 UTC, rounded down
+  std::int64_t nWriteTimeSeconds;     // the same, of the last write
 };
 
 // Calls Visit for each entry of a folder that matches a pattern, in which '*' and '?' stand for others, until it
@@ -166,6 +167,15 @@ SystemError ListPlainFiles(const FolderHandle& pFolder, std::vector<std::u16stri
 
 // Deletes those entries, the one of the given name behind all others. What cannot be deleted stays.
 SystemError RemovePlainFiles(const FolderHandle& pFolder, std::u16string_view LastName);
+
+// The names of its folders, links left out.
+SystemError ListFolders(const FolderHandle& pFolder, std::vector<std::u16string>* pNames);
+
+// Gives a file or folder another name, in another folder too, and brings that to the disk. kAlreadyExists where the
+// name is taken, unless that is to be replaced.
+enum class IfTaken { Refuse, Replace };
+SystemError Move(const FolderHandle& pFrom, std::u16string_view Name, const FolderHandle& pTo,
+                 std::u16string_view NewName, IfTaken What);
 
 // The size of a file that others may hold open in any way.
 SystemError MeasureFile(const FolderHandle& pFolder, std::u16string_view Name, std::uint64_t* pnSize);

@@ -169,6 +169,27 @@ TEST_F(ToolTest, CheckSaysThatDamageWasMet) {
   EXPECT_THAT(Run("check", 1), HasSubstr("The store is marked corrupted"));
 }
 
+TEST_F(ToolTest, RepairsWhatItWouldNotOpen) {
+  Record("1 --segment-events 1", {"a", "b", "c"});
+  Run("repair");
+  const Bytes kHeader = ReadFile("store/01/segments.dat");
+  Patch("store/01/segments.dat", 4, {9});
+  Fails("events --db 1", "leads nowhere");
+  const Bytes kDamaged = ReadFile("store/01/segments.dat");
+  EXPECT_THAT(Run("check", 3), HasSubstr("The store was not opened, which would cost more: see lumbra repair.\n"));
+  EXPECT_EQ(kDamaged, ReadFile("store/01/segments.dat"));
+  const std::string Shown = Run("repair", 3);
+  EXPECT_THAT(Shown, HasSubstr("- 01/segments.dat: it leads nowhere; the chain starts at segment 1 again\n"));
+  EXPECT_THAT(Shown, EndsWith("Nothing was changed. --yes does what stands behind a -.\n"));
+  Run("repair --yes", 3);
+  EXPECT_EQ(kHeader, ReadFile("store/01/segments.dat"));
+  EXPECT_EQ(json({"a", "b", "c"}), Names("1"));
+  const std::string Time = fs::directory_iterator(At("store/01/set-aside"))->path().filename().string();
+  Run("repair --undo " + Time);
+  EXPECT_EQ(9, ReadFile("store/01/segments.dat")[4]);
+  Fails("repair --undo 20260101T000000Z-1", "nothing was done at that time");
+}
+
 TEST_F(ToolTest, ClearsAlsoWhatItWouldNotOpen) {
   Run("record --db 1");
   for (const Bytes& Header : {ReadFile("store/01/segments.dat"), Bytes{1, 2, 3}}) {

@@ -6,6 +6,7 @@
 #include "failure.h"
 #include "host/trust.h"
 #include "machine.h"
+#include "salvage/look.h"
 
 namespace lumbra::tool {
 namespace {
@@ -63,9 +64,20 @@ class Findings {
   bool m_bAnyLost = false;
 };
 
+// Whether files are lost or damaged in a way that costs more once the store is opened: then it is not opened.
+bool IsBetterRepaired(const StoreFiles& Files) {
+  salvage::Plan Found;
+  Check(salvage::Look(Files.Folder().u16string(), &Found), "look at " + Printable(TextOf(Files.Folder())));
+  for (const salvage::Step& One : Found.Steps) std::printf("- %s\n", Printable(salvage::Describe(One)).c_str());
+  if (!Found.Acts() && Found.Refusal.empty()) return false;
+  std::puts("The store was not opened, which would cost more: see lumbra repair.");
+  return true;
+}
+
 }  // namespace
 
 int CheckStore(const CommonOptions& Common, const NoOptions& /*Options*/) {
+  if (IsBetterRepaired(FilesOf(Common))) return kExitIncomplete;
   Findings Found;
   Session Store(InModeOfStore(Common), Missing::Refuse, [&Found](std::string_view Line) { Found.Note(Line); });
   const StoreFiles& Files = Store.Files();

@@ -211,6 +211,12 @@ void AddStoreCommands(CLI::App* pApp, Request* pRequest) {
   AddCommand(pApp, pRequest, "check", "Say what the quick check of the shared objects finds and repairs", CheckStore);
   AddCommand(pApp, pRequest, "compact", "Write the shared objects without the holes between them", Compact);
 
+  const auto [pRepair, pRepairWith] =
+      AddCommand(pApp, pRequest, "repair", "Show what can be done about lost and damaged files, and do it", Repair);
+  pRepair->add_flag("--yes", pRepairWith->bYes, "Do it");
+  pRepair->add_option("--undo", pRepairWith->Undo, "Take back what was done at this time, a folder in set-aside")
+      ->type_name("TIME");
+
   const auto [pModule, pModuleWith] =
       AddCommand(pApp, pRequest, "module", "Show what a module says of itself, without loading it", Module);
   pModule->add_option("FILE", pModuleWith->File, "The module")->required()->check(NotEmpty());

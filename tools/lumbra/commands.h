@@ -90,6 +90,12 @@ struct NoOptions {};
 int CheckStore(const CommonOptions& Common, const NoOptions& Options);
 int Compact(const CommonOptions& Common, const NoOptions& Options);
 
+struct RepairOptions {
+  bool bYes = false;
+  std::string Undo;  // the time of what is to be taken back; empty: nothing
+};
+int Repair(const CommonOptions& Common, const RepairOptions& Options);
+
 struct ClearOptions {
   DatabaseName Database;
   bool bYes = false;

@@ -131,6 +131,11 @@ bool StoreFiles::Exists() const {
   return IsThere(m_Folder / kSharedIdsFile);
 }
 
+bool StoreFiles::IsFolder() const {
+  std::error_code Error;
+  return fs::is_directory(m_Folder, Error);
+}
+
 bool StoreFiles::IsHeldByAnotherProcess() const {
   for (const char16_t* const pName : {kSharedTreeFile, kSharedIdsFile, kSharedDataFile}) {
     if (IsHeld(m_Folder / pName)) return true;

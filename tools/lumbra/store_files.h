@@ -39,7 +39,8 @@ class StoreFiles {
   explicit StoreFiles(std::filesystem::path Folder) : m_Folder(std::move(Folder)) {}
 
   const std::filesystem::path& Folder() const { return m_Folder; }
-  bool Exists() const;
+  bool Exists() const;    // whether there is a store
+  bool IsFolder() const;  // whether there is at least its folder
   bool IsHeldByAnotherProcess() const;
 
   // Whether the database has a "segments.dat".

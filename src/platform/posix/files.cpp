@@ -72,9 +72,13 @@ int OpenByDisposition(const OpenedFolder& Folder, const std::string& Name, int n
   return OpenThere();  // somebody has made it since our first look
 }
 
-// Only "reads, lets others read" is shared with others; every other combination holds the file alone.
+// "Reads, lets others read" is shared with others, and who lets others write as well holds nothing; every other
+// combination holds the file alone.
 bool IsShared(std::uint32_t nAccess, std::uint32_t nShare) {
   return (nAccess & kGenericWrite) == 0 && (nShare & kShareRead) != 0;
+}
+bool HoldsNothing(std::uint32_t nShare) {
+  return (nShare & kShareRead) != 0 && (nShare & kShareWrite) != 0;
 }
 
 // A file that has another name may lie in a folder to which its owner, and not we, meant to give us access.
@@ -181,7 +185,8 @@ SystemError Open(const FolderHandle& pFolder, std::u16string_view Name, std::uin
     Opened->nDescriptor = OpenByDisposition(*pFolder, Native, nOpenMode | kOpenFlags, nDisposition, &bCreated);
   };
   // To cut a file, and on network file systems to hold one alone, takes a descriptor for writing.
-  const bool bWiden = nMode == O_RDONLY && (bCut || !bShared);
+  const bool bHolds = !HoldsNothing(nShare);
+  const bool bWiden = nMode == O_RDONLY && (bCut || (bHolds && !bShared));
   OpenAs(bWiden ? O_RDWR : nMode);
   const bool bRefused = Opened->nDescriptor < 0 && (errno == EACCES || errno == EPERM || errno == EROFS);
   if (bRefused && bWiden && !bCut) OpenAs(nMode);
@@ -192,7 +197,7 @@ SystemError Open(const FolderHandle& pFolder, std::u16string_view Name, std::uin
   }
   if (bCreated) SetMode(Opened->nDescriptor, pFolder->FileMode());
   SystemError nError = RefuseUnlessOurs(Opened->nDescriptor);
-  if (nError == kSuccess && flock(Opened->nDescriptor, (bShared ? LOCK_SH : LOCK_EX) | LOCK_NB) != 0)
+  if (nError == kSuccess && bHolds && flock(Opened->nDescriptor, (bShared ? LOCK_SH : LOCK_EX) | LOCK_NB) != 0)
     nError = LastError();
   if (nError == kSuccess && bCut) nError = Truncate(Opened->nDescriptor, 0);
   if (nError != kSuccess) return nError;

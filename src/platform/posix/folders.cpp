@@ -1,6 +1,7 @@
 // Folders and searches on posix.
 #include <dirent.h>
 #include <fcntl.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -128,7 +129,7 @@ SystemError Look(const OpenedFolder& Folder, const std::string& Name, FoundFile*
   constexpr unsigned kWanted = STATX_BASIC_STATS | STATX_BTIME;
   if (statx(Folder.nDescriptor, Name.c_str(), AT_SYMLINK_NOFOLLOW, kWanted, &Status) != 0) return ErrorFromErrno(errno);
   const std::int64_t nSeconds = CreationFileTime(Status) / kFileTimeUnitsPerSecond - kSecondsTo1970;
-  *pFound = {WideName(Name), S_ISDIR(Status.stx_mode), Status.stx_size, nSeconds};
+  *pFound = {WideName(Name), S_ISDIR(Status.stx_mode), Status.stx_size, nSeconds, Status.stx_mtime.tv_sec};
   return kSuccess;
 }
 
@@ -249,6 +250,28 @@ SystemError ListPlainFiles(const FolderHandle& pFolder, std::vector<std::u16stri
   const SystemError nError = PlainFilesOf(*pFolder, &Names);
   for (const std::string& Name : Names) pNames->push_back(WideName(Name));
   return nError;
+}
+
+SystemError ListFolders(const FolderHandle& pFolder, std::vector<std::u16string>* pNames) {
+  return ForEachEntry(*pFolder, [&](const dirent& Entry) {
+    struct stat Status {};
+    if (fstatat(pFolder->nDescriptor, Entry.d_name, &Status, AT_SYMLINK_NOFOLLOW) != 0) {
+      return errno == ENOENT ? kSuccess : ErrorFromErrno(errno);
+    }
+    if (S_ISDIR(Status.st_mode)) pNames->push_back(WideName(Entry.d_name));
+    return kSuccess;
+  });
+}
+
+SystemError Move(const FolderHandle& pFrom, std::u16string_view Name, const FolderHandle& pTo,
+                 std::u16string_view NewName, IfTaken What) {
+  const std::string Old = NativePath(Name);
+  const std::string New = NativePath(NewName);
+  const unsigned nFlags = What == IfTaken::Refuse ? RENAME_NOREPLACE : 0;
+  if (renameat2(pFrom->nDescriptor, Old.c_str(), pTo->nDescriptor, New.c_str(), nFlags) != 0)
+    return errno == EEXIST ? kAlreadyExists : ErrorFromErrno(errno);
+  const SystemError nError = Sync(pTo->nDescriptor);
+  return nError == kSuccess ? Sync(pFrom->nDescriptor) : nError;
 }
 
 SystemError RemovePlainFiles(const FolderHandle& pFolder, std::u16string_view LastName) {

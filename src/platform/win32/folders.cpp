@@ -161,7 +161,8 @@ SystemError FindFiles(const FolderHandle& pFolder, std::u16string_view WithWildc
   if (!Searching.Found()) return errno == ENOENT ? kFileNotFound : kGeneralFailure;
   do {
     const bool bFolder = (Found.attrib & _A_SUBDIR) != 0;
-    if (!Visit({Utf16(Found.name), bFolder, static_cast<std::uint64_t>(Found.size), Found.time_create})) {
+    if (!Visit({Utf16(Found.name), bFolder, static_cast<std::uint64_t>(Found.size), Found.time_create,
+                Found.time_write})) {
       return kSuccess;
     }
   } while (Searching.Next(&Found));
@@ -179,6 +180,27 @@ SystemError ListPlainFiles(const FolderHandle& pFolder, std::vector<std::u16stri
   } while (Listing.Next(&Found));
   const SystemError nError = LastError();
   return nError == kNoMoreFiles ? kSuccess : nError;
+}
+
+SystemError ListFolders(const FolderHandle& pFolder, std::vector<std::u16string>* pNames) {
+  const std::u16string Pattern = pFolder->PathOf(u"*");
+  WIN32_FIND_DATAW Found{};
+  const SystemSearch Listing(Pattern, &Found);
+  if (!Listing.Found()) return LastError();
+  do {
+    const bool bFolder = (Found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    const bool bLink = (Found.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+    const std::u16string_view Name = Utf16(Found.cFileName);
+    if (bFolder && !bLink && Name != u"." && Name != u"..") pNames->emplace_back(Name);
+  } while (Listing.Next(&Found));
+  const SystemError nError = LastError();
+  return nError == kNoMoreFiles ? kSuccess : nError;
+}
+
+SystemError Move(const FolderHandle& pFrom, std::u16string_view Name, const FolderHandle& pTo,
+                 std::u16string_view NewName, IfTaken What) {
+  const DWORD nFlags = MOVEFILE_WRITE_THROUGH | (What == IfTaken::Replace ? MOVEFILE_REPLACE_EXISTING : 0);
+  return ErrorUnless(MoveFileExW(Wide(pFrom->PathOf(Name)), Wide(pTo->PathOf(NewName)), nFlags));
 }
 
 SystemError RemovePlainFiles(const FolderHandle& pFolder, std::u16string_view LastName) {

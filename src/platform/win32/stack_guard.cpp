@@ -1,6 +1,7 @@
-// What the compiler's stack protector asks of a runtime: the value that it puts behind the buffers of a function, and what
-// happens when that is another one at the function's end. The toolchain's own library gets the value from a service of
-// cryptography, which loads further libraries, and would do so inside a DLL's entry point, where that may never end.
+// What the compiler's stack protector asks of a runtime: the value that it puts behind the buffers of a function, and
+// what happens when that is another one at the function's end. The toolchain's own library gets the value from a
+// service of cryptography, which loads further libraries, and would do so inside a DLL's entry point, where that may
+// never end.
 #include <windows.h>
 
 #include <cstdint>

@@ -1,0 +1,354 @@
+#include "salvage/apply.h"
+
+#include <algorithm>
+#include <chrono>
+#include <map>
+#include <memory>
+#include <new>
+#include <set>
+
+#include "format/file_names.h"
+#include "platform/result.h"
+#include "salvage/look.h"
+
+namespace lumbra::salvage {
+namespace {
+
+constexpr char16_t kSetAside[] = u"set-aside";
+constexpr char16_t kRecord[] = u"healing.json";
+constexpr char16_t kUndone[] = u"undone.json";
+constexpr std::u16string_view kHealing = u".healing";
+
+// ---- Files ------------------------------------------------------------------------------------------------
+
+class OpenFile {
+ public:
+  OpenFile() = default;
+  ~OpenFile() {
+    if (m_Handle != nullptr) (void)os::Close(m_Handle);  // who has written has flushed
+  }
+  OpenFile(const OpenFile&) = delete;
+  OpenFile& operator=(const OpenFile&) = delete;
+
+  os::SystemError Open(const os::FolderHandle& pFolder, std::u16string_view Name, std::uint32_t nShare,
+                       os::Disposition What) {
+    return os::Open(pFolder, Name, os::kGenericRead | os::kGenericWrite, nShare, What, 0, &m_Handle);
+  }
+  os::FileHandle Handle() const { return m_Handle; }
+
+ private:
+  os::FileHandle m_Handle = nullptr;
+};
+
+constexpr std::uint32_t kHoldNothing = os::kShareRead | os::kShareWrite | os::kShareDelete;
+constexpr std::uint32_t kHold = os::kShareRead;
+
+os::SystemError WriteAndSync(os::FileHandle Handle, std::uint64_t nOffset, const std::string& Bytes) {
+  std::uint32_t nWritten = 0;
+  const os::SystemError nError =
+      os::WriteAt(Handle, nOffset, Bytes.data(), static_cast<std::uint32_t>(Bytes.size()), &nWritten);
+  if (nError != os::kSuccess) return nError;
+  return nWritten == Bytes.size() ? os::Flush(Handle) : os::kDiskFull;
+}
+
+os::SystemError WriteFile(const os::FolderHandle& pFolder, std::u16string_view Name, const std::string& Content,
+                          os::Disposition What) {
+  OpenFile File;
+  const os::SystemError nError = File.Open(pFolder, Name, kHold, What);
+  return nError == os::kSuccess ? WriteAndSync(File.Handle(), 0, Content) : nError;
+}
+
+// A whole file, as far as it can be one of those that are replaced or recorded.
+os::SystemError ReadFile(const os::FolderHandle& pFolder, std::u16string_view Name, std::string* pContent) {
+  constexpr std::uint64_t kMost = std::uint64_t{1} << 28;
+  os::FileHandle Handle = nullptr;
+  os::SystemError nError =
+      os::Open(pFolder, Name, os::kGenericRead, kHoldNothing, os::Disposition::OpenExisting, 0, &Handle);
+  if (nError != os::kSuccess) return nError;
+  std::uint64_t nSize = 0;
+  nError = os::GetSize(Handle, &nSize);
+  if (nError == os::kSuccess && nSize > kMost) nError = os::kFileTooLarge;
+  std::uint32_t nRead = 0;
+  if (nError == os::kSuccess) {
+    pContent->resize(static_cast<std::size_t>(nSize));
+    nError = os::ReadAt(Handle, 0, pContent->data(), static_cast<std::uint32_t>(nSize), &nRead);
+    pContent->resize(nRead);
+  }
+  (void)os::Close(Handle);  // nothing was written
+  return nError;
+}
+
+os::SystemError OpenOrMakeFolder(const os::FolderHandle& pParent, std::u16string_view Name,
+                                 os::FolderHandle* ppFolder) {
+  os::SystemError nError = os::OpenFolder(pParent, Name, ppFolder);
+  if (nError != os::kFileNotFound) return nError;
+  nError = os::MakeFolder(pParent, Name);
+  return nError == os::kSuccess ? os::OpenFolder(pParent, Name, ppFolder) : nError;
+}
+
+// ---- Holding a store --------------------------------------------------------------------------------------
+
+// The files by which a process holds a store: those of the shared objects, and each "segments.dat".
+class StoreHold {
+ public:
+  // kSharingViolation where another process holds one. What is missing is not held: the component makes it.
+  os::SystemError Take(const os::FolderHandle& pStore) {
+    os::SystemError nError = os::kSuccess;
+    for (const char16_t* const pName : {kSharedTreeFile, kSharedIdsFile, kSharedDataFile}) {
+      if (nError == os::kSuccess) nError = TakeFile({}, pStore, pName);
+    }
+    std::vector<std::u16string> Folders;
+    if (nError == os::kSuccess) nError = os::ListFolders(pStore, &Folders);
+    for (const std::u16string& Folder : Folders) {
+      os::FolderHandle pFolder;
+      if (nError == os::kSuccess) nError = os::OpenFolder(pStore, Folder, &pFolder);
+      if (nError == os::kSuccess) nError = TakeFile(Folder, pFolder, kSegmentsFile);
+    }
+    return nError;
+  }
+
+  // The file, if it is held: on Windows nobody else can write to it meanwhile, not even we.
+  os::FileHandle Find(const std::u16string& Folder, const std::u16string& File) const {
+    const auto Found = m_Files.find({Folder, File});
+    return Found == m_Files.end() ? nullptr : Found->second->Handle();
+  }
+
+ private:
+  os::SystemError TakeFile(const std::u16string& Folder, const os::FolderHandle& pFolder, const std::u16string& Name) {
+    auto pFile = std::make_unique<OpenFile>();
+    const os::SystemError nError = pFile->Open(pFolder, Name, kHold, os::Disposition::OpenExisting);
+    if (nError == os::kFileNotFound) return os::kSuccess;
+    if (nError == os::kSuccess) m_Files[{Folder, Name}] = std::move(pFile);
+    return nError;
+  }
+
+  std::map<std::pair<std::u16string, std::u16string>, std::unique_ptr<OpenFile>> m_Files;
+};
+
+// ---- Carrying out -----------------------------------------------------------------------------------------
+
+// "20261125T190000Z": when it is, for the name of a folder.
+std::string Now() {
+  constexpr std::uint64_t kUnitsPerSecond = 10000000;
+  constexpr std::int64_t kSecondsTo1970 = 11644473600;
+  const std::chrono::sys_seconds Time(
+      std::chrono::seconds(static_cast<std::int64_t>(os::CurrentTime() / kUnitsPerSecond) - kSecondsTo1970));
+  const auto Day = std::chrono::floor<std::chrono::days>(Time);
+  const std::chrono::year_month_day Date(Day);
+  const std::chrono::hh_mm_ss Clock(Time - Day);
+  const auto Digits = [](auto nNumber) {
+    const std::string Text = std::to_string(nNumber);
+    return Text.size() < 2 ? '0' + Text : Text;
+  };
+  return Digits(static_cast<int>(Date.year())) + Digits(static_cast<unsigned>(Date.month())) +
+         Digits(static_cast<unsigned>(Date.day())) + 'T' + Digits(Clock.hours().count()) +
+         Digits(Clock.minutes().count()) + Digits(Clock.seconds().count()) + 'Z';
+}
+
+std::u16string Wide(const std::string& Ascii) {
+  return {Ascii.begin(), Ascii.end()};
+}
+
+// One folder of a store that a plan concerns.
+struct Place {
+  os::FolderHandle pFolder;
+  os::FolderHandle pAside;  // "set-aside/<time>" in it
+};
+
+class Healer {
+ public:
+  Healer(const os::FolderHandle& pStore, const StoreHold& Hold) : m_pStore(pStore), m_Hold(Hold) {}
+
+  os::SystemError Run(const std::vector<Step>& Steps) {
+    os::SystemError nError = Record(Steps);
+    for (const Step& One : Steps) {
+      if (nError == os::kSuccess && One.Acts()) nError = Do(One);
+    }
+    return nError;
+  }
+
+ private:
+  // What will be done, and all old bytes, in each folder that it concerns: on the disk before the first change.
+  os::SystemError Record(const std::vector<Step>& Steps) {
+    std::map<std::u16string, std::vector<Step>> ByFolder;
+    for (const Step& One : Steps) {
+      if (One.Acts()) ByFolder[One.Folder].push_back(One);
+    }
+    const std::string Time = Now();
+    for (const auto& [Folder, Own] : ByFolder) {
+      Place& At = m_Places[Folder];
+      os::SystemError nError = os::kSuccess;
+      if (Folder.empty()) {
+        At.pFolder = m_pStore;
+      } else {
+        nError = os::OpenFolder(m_pStore, Folder, &At.pFolder);
+      }
+      if (nError == os::kSuccess) nError = MakeAside(&At, Time);
+      if (nError == os::kSuccess) nError = WriteFile(At.pAside, kRecord, WriteSteps(Own), os::Disposition::CreateNew);
+      if (nError != os::kSuccess) return nError;
+    }
+    return os::kSuccess;
+  }
+
+  static os::SystemError MakeAside(Place* pAt, const std::string& Time) {
+    os::FolderHandle pAll;
+    os::SystemError nError = OpenOrMakeFolder(pAt->pFolder, kSetAside, &pAll);
+    for (int nCounter = 1; nError == os::kSuccess; ++nCounter) {
+      const std::u16string Name = Wide(Time + '-' + std::to_string(nCounter));
+      nError = os::MakeFolder(pAll, Name);
+      if (nError == os::kSuccess) return os::OpenFolder(pAll, Name, &pAt->pAside);
+      if (nError == os::kAlreadyExists || nError == os::kFileExists) nError = os::kSuccess;
+    }
+    return nError;
+  }
+
+  os::SystemError Do(const Step& One) {
+    const Place& At = m_Places.at(One.Folder);
+    switch (One.What) {
+      case Step::Kind::Report:
+        return os::kSuccess;
+      case Step::Kind::Patch:
+        return Patch(At, One);
+      case Step::Kind::Create:
+        return WriteFile(At.pFolder, One.File, One.After, os::Disposition::CreateNew);
+      case Step::Kind::SetAside:
+        return os::Move(At.pFolder, One.File, At.pAside, One.File, os::IfTaken::Refuse);
+      case Step::Kind::Replace:
+        return Replace(At, One);
+    }
+    return os::kNotSupported;
+  }
+
+  os::SystemError Patch(const Place& At, const Step& One) const {
+    if (const os::FileHandle Held = m_Hold.Find(One.Folder, One.File); Held != nullptr)
+      return WriteAndSync(Held, One.nOffset, One.After);
+    OpenFile File;
+    const os::SystemError nError = File.Open(At.pFolder, One.File, kHold, os::Disposition::OpenExisting);
+    return nError == os::kSuccess ? WriteAndSync(File.Handle(), One.nOffset, One.After) : nError;
+  }
+
+  static os::SystemError Replace(const Place& At, const Step& One) {
+    const std::u16string New = One.File + std::u16string(kHealing);
+    const os::SystemError nError = WriteFile(At.pFolder, New, One.After, os::Disposition::CreateAlways);
+    return nError == os::kSuccess ? os::Move(At.pFolder, New, At.pFolder, One.File, os::IfTaken::Replace) : nError;
+  }
+
+  os::FolderHandle m_pStore;
+  const StoreHold& m_Hold;
+  std::map<std::u16string, Place> m_Places;
+};
+
+// ---- Taking back ------------------------------------------------------------------------------------------
+
+class Undoer {
+ public:
+  Undoer(const os::FolderHandle& pFolder, const os::FolderHandle& pAside, std::vector<std::string>* pLeft)
+      : m_pFolder(pFolder), m_pAside(pAside), m_pLeft(pLeft) {}
+
+  os::SystemError Run() {
+    std::string Text;
+    os::SystemError nError = ReadFile(m_pAside, kRecord, &Text);
+    if (nError != os::kSuccess) return nError;
+    std::vector<Step> Steps = ReadSteps(Text);
+    for (auto One = Steps.rbegin(); One != Steps.rend(); ++One) {
+      nError = TakeBack(*One);
+      if (nError != os::kSuccess) return nError;
+    }
+    return os::Move(m_pAside, kRecord, m_pAside, kUndone, os::IfTaken::Replace);
+  }
+
+ private:
+  os::SystemError TakeBack(const Step& One) {
+    if (One.What == Step::Kind::SetAside) {
+      const os::SystemError nError = os::Move(m_pAside, One.File, m_pFolder, One.File, os::IfTaken::Refuse);
+      if (nError != os::kAlreadyExists) return nError == os::kFileNotFound ? os::kSuccess : nError;
+      return Leave(One, "a new file has its name");
+    }
+    std::string Now;
+    const os::SystemError nError = ReadFile(m_pFolder, One.File, &Now);
+    if (nError == os::kFileNotFound) return os::kSuccess;  // it was not reached
+    if (nError != os::kSuccess) return nError;
+    const bool bWhole = One.What != Step::Kind::Patch;
+    const std::string There =
+        bWhole ? Now : Now.substr(std::min<std::size_t>(One.nOffset, Now.size()), One.After.size());
+    if (One.What != Step::Kind::Create && There == One.Before) return os::kSuccess;
+    if (There != One.After) return Leave(One, "it has changed since");
+    if (One.What == Step::Kind::Create) return os::Move(m_pFolder, One.File, m_pAside, One.File, os::IfTaken::Replace);
+    if (bWhole) return WriteWhole(One);
+    OpenFile File;
+    const os::SystemError nOpened = File.Open(m_pFolder, One.File, kHold, os::Disposition::OpenExisting);
+    return nOpened == os::kSuccess ? WriteAndSync(File.Handle(), One.nOffset, One.Before) : nOpened;
+  }
+
+  os::SystemError WriteWhole(const Step& One) const {
+    const std::u16string New = One.File + std::u16string(kHealing);
+    const os::SystemError nError = WriteFile(m_pFolder, New, One.Before, os::Disposition::CreateAlways);
+    return nError == os::kSuccess ? os::Move(m_pFolder, New, m_pFolder, One.File, os::IfTaken::Replace) : nError;
+  }
+
+  os::SystemError Leave(const Step& One, const char* pWhy) {
+    Step Told = One;
+    Told.Why = std::string("left as it is: ") + pWhy;
+    m_pLeft->push_back(Describe(Told));
+    return os::kSuccess;
+  }
+
+  os::FolderHandle m_pFolder;
+  os::FolderHandle m_pAside;
+  std::vector<std::string>* m_pLeft;
+};
+
+bool IsMissing(os::SystemError nError) {
+  return nError == os::kFileNotFound || nError == os::kPathNotFound;
+}
+
+}  // namespace
+
+ResultCode Heal(const std::u16string& Store, os::Readers ForWhom, Plan* pDone) try {
+  os::FolderHandle pStore;
+  os::SystemError nError = os::OpenFolder(Store, ForWhom, &pStore);
+  if (IsMissing(nError)) return errOK;
+  if (nError != os::kSuccess) return ResultFromSystemError(nError);
+  StoreHold Hold;
+  nError = Hold.Take(pStore);
+  if (nError == os::kSharingViolation) {
+    pDone->bHeld = true;
+    return errOK;
+  }
+  if (nError != os::kSuccess) return ResultFromSystemError(nError);
+  const ResultCode nLooked = Look(Store, pDone);
+  if (Failed(nLooked) || !pDone->Refusal.empty() || !pDone->Acts()) return nLooked;
+  return ResultFromSystemError(Healer(pStore, Hold).Run(pDone->Steps));
+} catch (const std::bad_alloc&) {
+  return errOUT_OF_MEMORY;
+}
+
+ResultCode Undo(const std::u16string& Store, const std::string& Time, std::vector<std::string>* pLeft) try {
+  os::FolderHandle pStore;
+  os::SystemError nError = os::OpenFolder(Store, os::Readers::OwnerAlone, &pStore);
+  // Looks whether another process holds it; what is held itself could not be written to.
+  if (nError == os::kSuccess) nError = StoreHold().Take(pStore);
+  if (nError != os::kSuccess) return ResultFromSystemError(nError);
+  std::vector<std::u16string> Folders;
+  nError = os::ListFolders(pStore, &Folders);
+  if (nError != os::kSuccess) return ResultFromSystemError(nError);
+  Folders.push_back({});  // the store's own
+  bool bFound = false;
+  for (const std::u16string& Folder : Folders) {
+    os::FolderHandle pFolder = pStore;
+    os::FolderHandle pAll;
+    os::FolderHandle pAside;
+    if (!Folder.empty()) nError = os::OpenFolder(pStore, Folder, &pFolder);
+    if (nError == os::kSuccess) nError = os::OpenFolder(pFolder, kSetAside, &pAll);
+    if (nError == os::kSuccess) nError = os::OpenFolder(pAll, Wide(Time), &pAside);
+    if (nError == os::kSuccess) nError = Undoer(pFolder, pAside, pLeft).Run();
+    if (nError == os::kSuccess) bFound = true;
+    if (nError != os::kSuccess && !IsMissing(nError)) return ResultFromSystemError(nError);
+    nError = os::kSuccess;
+  }
+  return bFound ? errOK : errNOT_FOUND;
+} catch (const std::bad_alloc&) {
+  return errOUT_OF_MEMORY;
+}
+
+}  // namespace lumbra::salvage

@@ -1,0 +1,22 @@
+// Carries out a plan, and takes it back. Nothing is deleted: what is taken out of the way moves to
+// "set-aside/<UTC time>-<counter>/" in the folder of the database, or in that of the store for the files there, beside
+// a record of what was done with all old bytes, "healing.json". It is on the disk before the first change.
+#pragma once
+
+#include <string>
+
+#include "platform/os.h"
+#include "salvage/plan.h"
+
+namespace lumbra::salvage {
+
+// Looks at a store and heals it, holding its files as the component does: where another process holds one, the store is
+// left alone, and the plan says so. *pDone receives the plan, carried out unless it refuses the store or the answer is
+// a failure. Killed at any point and run again, it ends the same.
+ResultCode Heal(const std::u16string& Store, os::Readers ForWhom, Plan* pDone);
+
+// Takes back what was done at a time, which is the name of its folder in "set-aside", in every folder of the store.
+// What has changed since is left as it is, and said. errNOT_FOUND when nothing was done then.
+ResultCode Undo(const std::u16string& Store, const std::string& Time, std::vector<std::string>* pLeft);
+
+}  // namespace lumbra::salvage

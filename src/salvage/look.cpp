@@ -1,0 +1,97 @@
+#include "salvage/look.h"
+
+#include <new>
+#include <vector>
+
+#include "format/database_name.h"
+#include "format/file_names.h"
+#include "format/named_index_file.h"
+#include "platform/os.h"
+#include "platform/result.h"
+#include "salvage/look_parts.h"
+
+namespace lumbra::salvage {
+namespace {
+
+bool IsNumbered(const std::u16string& Folder) {
+  for (std::uint32_t nDatabase = 0; nDatabase < kFirstNamedDatabase; ++nDatabase) {
+    if (NumberedFolder(nDatabase) == Folder) return true;
+  }
+  return false;
+}
+
+bool HasFilesOfDatabase(const FolderView& Files) {
+  for (const auto& [Name, File] : Files.Files()) {
+    if (IsFileOfDatabase(Name)) return true;
+  }
+  return false;
+}
+
+// The id for which a named database's folder was made; nothing where that is not known.
+std::optional<std::uint32_t> IdentityOf(FolderView& Files) {
+  IdentityBytes Bytes{};
+  const std::string Read = Files.Read(kIdentityFile, 0, sizeof(Bytes));
+  if (Read.size() != sizeof(Bytes)) return {};
+  std::copy(Read.begin(), Read.end(), Bytes.begin());
+  const std::uint32_t nId = DecodeIdentity(Bytes);
+  return nId >= kFirstNamedDatabase && nId <= kLastNamedDatabase ? std::optional(nId) : std::nullopt;
+}
+
+class StoreLook {
+ public:
+  StoreLook(const os::FolderHandle& pStore, Plan* pPlan) : m_pStore(pStore), m_pPlan(pPlan) {}
+
+  ResultCode Run() {
+    FolderView Files;
+    const ResultCode nListed = Files.Open(m_pStore);
+    if (Failed(nListed)) return nListed;
+    LookAtSharedObjects(Files, m_pPlan);
+    std::vector<std::u16string> Folders;
+    if (const os::SystemError nError = os::ListFolders(m_pStore, &Folders); nError != os::kSuccess)
+      return ResultFromSystemError(nError);
+    std::sort(Folders.begin(), Folders.end());
+    for (const std::u16string& Folder : Folders) {
+      const ResultCode nCode = LookIn(Folder);
+      if (Failed(nCode)) return nCode;
+    }
+    LookAtIndex(Files, m_Named, m_pPlan);
+    return Files.Failure();
+  }
+
+ private:
+  ResultCode LookIn(const std::u16string& Folder) {
+    const bool bNumbered = IsNumbered(Folder);
+    if (!bNumbered && !IsDatabaseName(Folder)) return errOK;  // none of the store's, or "set-aside"
+    os::FolderHandle pFolder;
+    const os::SystemError nError = os::OpenFolder(m_pStore, Folder, &pFolder);
+    if (nError != os::kSuccess) return ResultFromSystemError(nError);
+    FolderView Files;
+    const ResultCode nListed = Files.Open(pFolder);
+    if (Failed(nListed)) return nListed;
+    if (!HasFilesOfDatabase(Files)) return errOK;
+    LookAtDatabase(Folder, Files, m_pPlan);
+    if (!bNumbered) m_Named[Folder] = IdentityOf(Files);
+    return Files.Failure();
+  }
+
+  os::FolderHandle m_pStore;
+  Plan* m_pPlan;
+  std::map<std::u16string, std::optional<std::uint32_t>> m_Named;
+};
+
+}  // namespace
+
+ResultCode Look(const std::u16string& Store, Plan* pPlan) try {
+  os::FolderHandle pStore;
+  const os::SystemError nError = os::OpenFolder(Store, os::Readers::OwnerAlone, &pStore);
+  if (nError == os::kFileNotFound || nError == os::kPathNotFound) return errOK;
+  if (nError != os::kSuccess) return ResultFromSystemError(nError);
+  Plan Found;
+  const ResultCode nCode = StoreLook(pStore, &Found).Run();
+  if (Succeeded(nCode)) *pPlan = std::move(Found);
+  return nCode;
+} catch (const std::bad_alloc&) {
+  return errOUT_OF_MEMORY;
+}
+
+}  // namespace lumbra::salvage

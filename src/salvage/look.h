@@ -1,0 +1,17 @@
+// Looks for lost and damaged files of a store that cost more than themselves when the component meets them: it would
+// start a database anew, empty a file, discard a segment or forget names. Reads a few bytes of each file, and changes
+// nothing.
+#pragma once
+
+#include <string>
+
+#include "lumbra/result_code.h"
+#include "salvage/plan.h"
+
+namespace lumbra::salvage {
+
+// Makes the plan for a whole store, by its folder; an empty one where there is none. A failure of the system, of which
+// nothing is known of the files, leaves *pPlan as it is.
+ResultCode Look(const std::u16string& Store, Plan* pPlan);
+
+}  // namespace lumbra::salvage

@@ -1,0 +1,96 @@
+// The index of names: what it holds, and what the folders of the named databases say of themselves.
+#include <algorithm>
+#include <set>
+
+#include "format/file_names.h"
+#include "format/named_index_file.h"
+#include "salvage/look_parts.h"
+
+namespace lumbra::salvage {
+namespace {
+
+// The name of an item; nothing for one that the store cannot have written.
+std::optional<std::string> NameIn(const std::string& Item) {
+  const std::string Name = Item.substr(0, Item.find('\0'));
+  const bool bPadded = Item.find_first_not_of('\0', Name.size()) == std::string::npos;
+  const bool bText = std::ranges::all_of(Name, [](char c) { return c > 0; });
+  return !Name.empty() && Name.size() <= kMaxIndexNameLength && bPadded && bText ? std::optional(Name) : std::nullopt;
+}
+
+class IndexLook {
+ public:
+  IndexLook(FolderView& Files, const std::map<std::u16string, std::optional<std::uint32_t>>& Named, Plan* pPlan)
+      : m_Files(Files), m_pPlan(pPlan) {
+    for (const auto& [Folder, Id] : Named) {
+      if (Id) m_Known[*Id - kFirstNamedDatabase].push_back(IndexKey(Folder));
+    }
+  }
+
+  void Look() {
+    const FolderView::File* const pFile = m_Files.Find(kIndexFile);
+    if (pFile == nullptr && m_Known.empty()) return;
+    const std::string Content = m_Files.Read(kIndexFile, 0, (kMaxIndexNames + 1) * kIndexBlockSize);
+    const std::string Head = Content.substr(0, kIndexBlockSize);
+    const bool bMarked = Head == BytesOf(kCorruptedIndexSignature);
+    for (std::size_t nAt = kIndexBlockSize; nAt + kIndexBlockSize <= Content.size(); nAt += kIndexBlockSize)
+      m_Items.push_back(NameIn(Content.substr(nAt, kIndexBlockSize)));
+    if (!TakeFromFolders()) return;
+    std::string Mended = BytesOf(bMarked ? kCorruptedIndexSignature : kIndexSignature);
+    for (std::size_t i = 0; i < m_Items.size(); ++i) {
+      // A name that nobody has any more keeps the ids behind it at their places.
+      Mended += BytesOf(MakeIndexBlock(m_Items[i].value_or("(lost " + std::to_string(kFirstNamedDatabase + i) + ')')));
+    }
+    const bool bEmptyAnyway = m_Items.empty() && Content.size() <= kIndexBlockSize;
+    if (Mended == Content || bEmptyAnyway) return;
+    const std::string Why =
+        "names of databases are damaged or missing; taken from its whole items, and from the folders";
+    const Step::Kind What = pFile == nullptr ? Step::Kind::Create : Step::Kind::Replace;
+    m_pPlan->Steps.push_back({What, {}, kIndexFile, 0, Content, Mended, Why});
+  }
+
+ private:
+  // Puts the names that folders have by their ids into the items that are missing, damaged or of nobody. False where
+  // they contradict each other or a good item: that is for a person to decide.
+  bool TakeFromFolders() {
+    bool bAgree = true;
+    for (const auto& [nPosition, Keys] : m_Known) {
+      if (m_Items.size() <= nPosition) m_Items.resize(nPosition + 1);
+      std::optional<std::string>& Item = m_Items[nPosition];
+      if (Item && std::ranges::find(Keys, *Item) != Keys.end()) continue;
+      const bool bOthers = Item && IsFolder(*Item);  // the item's own folder says another id, or none
+      if (Keys.size() == 1 && !bOthers && !Holds(Keys.front())) {
+        Item = Keys.front();
+        continue;
+      }
+      bAgree = false;
+      m_pPlan->Steps.push_back(
+          {Step::Kind::Report,
+           {},
+           kIndexFile,
+           0,
+           {},
+           {},
+           "several databases claim the id " + std::to_string(kFirstNamedDatabase + nPosition) + "; left as it is"});
+    }
+    return bAgree;
+  }
+
+  bool IsFolder(const std::string& Key) const {
+    return std::ranges::any_of(m_Known,
+                               [&](const auto& One) { return std::ranges::find(One.second, Key) != One.second.end(); });
+  }
+  bool Holds(const std::string& Key) const { return std::ranges::find(m_Items, std::optional(Key)) != m_Items.end(); }
+
+  FolderView& m_Files;
+  Plan* m_pPlan;
+  std::vector<std::optional<std::string>> m_Items;
+  std::map<std::size_t, std::vector<std::string>> m_Known;  // names of folders, by the place that their id has
+};
+
+}  // namespace
+
+void LookAtIndex(FolderView& Files, const std::map<std::u16string, std::optional<std::uint32_t>>& Named, Plan* pPlan) {
+  IndexLook(Files, Named, pPlan).Look();
+}
+
+}  // namespace lumbra::salvage

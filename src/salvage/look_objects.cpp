@@ -1,0 +1,149 @@
+// The heads of an object store's files, each of which says whether the store has CRCs: so two of them tell what the
+// third must be.
+#include <cstring>
+
+#include "format/file_names.h"
+#include "format/object_files.h"
+#include "format/record_file.h"
+#include "format/tree_file.h"
+#include "salvage/look_parts.h"
+
+namespace lumbra::salvage {
+namespace {
+
+constexpr std::uint32_t kCrcSize = 4;
+
+template <class Record>
+bool Get(const std::string& Bytes, Record* pRecord) {
+  if (Bytes.size() < sizeof(Record)) return false;
+  std::memcpy(pRecord, Bytes.data(), sizeof(Record));
+  return true;
+}
+
+enum class Form { Unknown, Plain, Checked };
+
+tPLAINDB_HEADER IdsHeader(Form Of) {
+  tPLAINDB_HEADER Header{{}, sizeof(tPLAINDB_HEADER), sizeof(tODB_ID_ENTRY)};
+  std::memcpy(Header.Magic, Of == Form::Checked ? kCheckedRecordMagic : kRecordMagic, sizeof(Header.Magic));
+  if (Of == Form::Checked) Header.nRecordSize += kCrcSize;
+  return Header;
+}
+
+tODB_BT_HEADER TreeHeader(Form Of, std::uint64_t nSize) {
+  tODB_BT_HEADER Header{{}, FirstNodeOffset, nSize & ~std::uint64_t{3}};
+  std::memcpy(Header.Magic, Of == Form::Checked ? kCheckedTreeMagic : kTreeMagic, sizeof(Header.Magic));
+  return Header;
+}
+
+std::string DataMagic(Form Of) {
+  const FILE_MAGIC& Magic = MagicOf(Of == Form::Checked ? kCheckedFeatures : kPlainFeatures);
+  return {Magic, sizeof(Magic)};
+}
+
+Form FormOfIds(const std::string& Head) {
+  for (const Form Known : {Form::Plain, Form::Checked}) {
+    if (Head == BytesOf(IdsHeader(Known))) return Known;
+  }
+  return Form::Unknown;
+}
+
+// Whether the tree may be used is another matter: a first node at 0 says that it is being filled.
+Form FormOfTree(const std::string& Head) {
+  tODB_BT_HEADER Header{};
+  if (!Get(Head, &Header)) return Form::Unknown;
+  if (std::memcmp(Header.Magic, kTreeMagic, sizeof(kTreeMagic)) == 0) return Form::Plain;
+  if (std::memcmp(Header.Magic, kCheckedTreeMagic, sizeof(kCheckedTreeMagic)) == 0) return Form::Checked;
+  return Form::Unknown;
+}
+
+Form FormOfData(const std::string& Head) {
+  for (const FeatureMagic& Known : kFeatureMagics) {
+    if (Head != std::string_view(Known.Magic, sizeof(Known.Magic))) continue;
+    return (Known.nFeatures & featureNameCrc) != 0 ? Form::Checked : Form::Plain;
+  }
+  return Form::Unknown;
+}
+
+// A look at the three heads.
+class Heads {
+ public:
+  Heads(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan)
+      : m_Folder(Folder), m_Files(Files), m_Names(Names), m_pPlan(pPlan) {}
+
+  void Look() {
+    const std::string Ids = m_Files.Read(m_Names.Ids, 0, sizeof(tPLAINDB_HEADER));
+    const std::string Tree = m_Files.Read(m_Names.Tree, 0, sizeof(tODB_BT_HEADER));
+    const std::string Data = m_Files.Read(m_Names.Data, 0, sizeof(FILE_MAGIC));
+    const Form OfIds = FormOfIds(Ids);
+    const Form OfTree = FormOfTree(Tree);
+    const Form OfData = FormOfData(Data);
+    if (OfIds == Form::Unknown && OfTree == OfData) MendIds(Ids, OfTree);
+    if (OfTree == Form::Unknown && OfIds == OfData) MendTree(Tree, OfIds);
+    if (OfTree != Form::Unknown) MendRootPlace(Tree, OfTree);
+    if (OfData == Form::Unknown && OfIds == OfTree) MendData(Data, OfIds);
+  }
+
+ private:
+  void MendIds(const std::string& Head, Form Of) {
+    const FolderView::File* const pFile = m_Files.Find(m_Names.Ids);
+    const tPLAINDB_HEADER Wanted = IdsHeader(Of);
+    if (Of == Form::Unknown || pFile == nullptr || pFile->nSize < sizeof(Wanted)) return;
+    if ((pFile->nSize - sizeof(Wanted)) % Wanted.nRecordSize != 0) return;
+    Patch(m_Names.Ids, Head, BytesOf(Wanted), "its header contradicts the files beside it, and its records fit");
+  }
+
+  void MendTree(const std::string& Head, Form Of) {
+    const FolderView::File* const pFile = m_Files.Find(m_Names.Tree);
+    if (Of == Form::Unknown || pFile == nullptr || pFile->nSize < FirstNodeOffset + kRootSlots * sizeof(tODB_BT_OFFSET))
+      return;
+    Patch(m_Names.Tree, Head, BytesOf(TreeHeader(Of, pFile->nSize)), "its header contradicts the files beside it");
+  }
+
+  // The shared store's may stand at 0 while it is filled; a segment's tree is never filled anew.
+  void MendRootPlace(const std::string& Head, Form Of) {
+    tODB_BT_HEADER Header{};
+    const FolderView::File* const pFile = m_Files.Find(m_Names.Tree);
+    if (!Get(Head, &Header) || Header.nFirstNodeOffset == FirstNodeOffset) return;
+    if (m_Folder.empty() && Header.nFirstNodeOffset == 0) return;
+    if (pFile->nSize < FirstNodeOffset + kRootSlots * sizeof(tODB_BT_OFFSET)) return;
+    Patch(m_Names.Tree, Head, BytesOf(TreeHeader(Of, pFile->nSize)), "its header places the root elsewhere");
+  }
+
+  void MendData(const std::string& Head, Form Of) {
+    if (Of == Form::Unknown || Head.size() != sizeof(FILE_MAGIC)) return;
+    Patch(m_Names.Data, Head, DataMagic(Of), "its magic contradicts the files beside it");
+  }
+
+  void Patch(const std::u16string& File, const std::string& Before, const std::string& After, const char* pWhy) {
+    m_pPlan->Steps.push_back({Step::Kind::Patch, m_Folder, File, 0, Before, After, pWhy});
+  }
+
+  const std::u16string& m_Folder;
+  FolderView& m_Files;
+  const ObjectFileNames& m_Names;
+  Plan* m_pPlan;
+};
+
+}  // namespace
+
+void LookAtObjectHeads(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan) {
+  Heads(Folder, Files, Names, pPlan).Look();
+}
+
+void LookAtSharedObjects(FolderView& Files, Plan* pPlan) {
+  const ObjectFileNames Names{kSharedIdsFile, kSharedTreeFile, kSharedDataFile};
+  const std::size_t nBefore = pPlan->Steps.size();
+  LookAtObjectHeads({}, Files, Names, pPlan);
+  const bool bMended = pPlan->Steps.size() != nBefore;
+  const FolderView::File* const pData = Files.Find(Names.Data);
+  if (pData == nullptr || pData->nSize <= sizeof(FILE_MAGIC)) return;
+  const bool bIds = FormOfIds(Files.Read(Names.Ids, 0, sizeof(tPLAINDB_HEADER))) != Form::Unknown;
+  if (bIds || bMended) return;
+  pPlan->Refusal =
+      Files.Has(Names.Ids)
+          ? "g_objid.dat is damaged beside the names of g_objdt.dat: opened, all shared objects would be lost"
+          : "g_objid.dat is missing beside the names of g_objdt.dat: opened, all shared objects would be lost";
+  pPlan->Steps.push_back({Step::Kind::Report, {}, Names.Ids, 0, {}, {}, pPlan->Refusal + "; put it back from a copy"});
+}
+
+}  // namespace lumbra::salvage

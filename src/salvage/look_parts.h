@@ -1,0 +1,41 @@
+// The parts of a look. Each adds its steps to the plan, in the order in which they are to be done.
+#pragma once
+
+#include <cstring>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "salvage/folder_view.h"
+#include "salvage/plan.h"
+
+namespace lumbra::salvage {
+
+// A record as it stands on the disk.
+template <class Record>
+std::string BytesOf(const Record& Of) {
+  std::string Bytes(sizeof(Of), '\0');
+  std::memcpy(Bytes.data(), &Of, sizeof(Of));
+  return Bytes;
+}
+
+// The three files of an object store.
+struct ObjectFileNames {
+  std::u16string Ids;
+  std::u16string Tree;
+  std::u16string Data;
+};
+
+// The heads of files that contradict the other two, where these agree on the kind of the store.
+void LookAtObjectHeads(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan);
+
+// The shared store: what must not be opened.
+void LookAtSharedObjects(FolderView& Files, Plan* pPlan);
+
+// The chain of a database, and the files of its segments.
+void LookAtDatabase(const std::u16string& Folder, FolderView& Files, Plan* pPlan);
+
+// The index of names, which the ids in the folders of the named databases can mend: by folder.
+void LookAtIndex(FolderView& Files, const std::map<std::u16string, std::optional<std::uint32_t>>& Named, Plan* pPlan);
+
+}  // namespace lumbra::salvage

@@ -1,0 +1,83 @@
+#include "salvage/plan.h"
+
+#include <utf8.h>
+
+#include <algorithm>
+#include <iterator>
+#include <nlohmann/json.hpp>
+
+namespace lumbra::salvage {
+namespace {
+
+using nlohmann::json;
+
+// Names of databases and files are UTF-16 without lone surrogates.
+std::string ToUtf8(const std::u16string& Text) {
+  std::string Result;
+  utf8::utf16to8(Text.begin(), Text.end(), std::back_inserter(Result));
+  return Result;
+}
+std::u16string ToUtf16(const std::string& Text) {
+  std::u16string Result;
+  utf8::utf8to16(Text.begin(), Text.end(), std::back_inserter(Result));
+  return Result;
+}
+
+std::string ToHex(const std::string& Bytes) {
+  std::string Digits;
+  for (const char c : Bytes) {
+    const auto n = static_cast<unsigned char>(c);
+    for (const int nDigit : {n >> 4, n & 15}) Digits += "0123456789abcdef"[nDigit];
+  }
+  return Digits;
+}
+std::string FromHex(const std::string& Digits) {
+  std::string Bytes;
+  for (std::size_t i = 0; i + 1 < Digits.size(); i += 2)
+    Bytes += static_cast<char>(std::stoi(Digits.substr(i, 2), nullptr, 16));
+  return Bytes;
+}
+
+constexpr const char* kKinds[] = {"report", "patch", "create", "replace", "set aside"};
+
+}  // namespace
+
+bool Plan::Acts() const {
+  return std::ranges::any_of(Steps, &Step::Acts);
+}
+
+std::string Describe(const Step& Of) {
+  std::string Path = ToUtf8(Of.Folder);
+  if (!Path.empty() && !Of.File.empty()) Path += '/';
+  return Path + ToUtf8(Of.File) + ": " + Of.Why;
+}
+
+std::string WriteSteps(const std::vector<Step>& Steps) {
+  json All = json::array();
+  for (const Step& One : Steps) {
+    All.push_back({{"what", kKinds[static_cast<int>(One.What)]},
+                   {"folder", ToUtf8(One.Folder)},
+                   {"file", ToUtf8(One.File)},
+                   {"offset", One.nOffset},
+                   {"before", ToHex(One.Before)},
+                   {"after", ToHex(One.After)},
+                   {"why", One.Why}});
+  }
+  return All.dump(1) + '\n';
+}
+
+std::vector<Step> ReadSteps(const std::string& Text) try {
+  std::vector<Step> Steps;
+  for (const json& One : json::parse(Text)) {
+    const auto Kind = std::ranges::find(kKinds, One.at("what").get<std::string>());
+    if (Kind == std::end(kKinds)) return {};
+    Steps.push_back({static_cast<Step::Kind>(Kind - std::begin(kKinds)), ToUtf16(One.at("folder")),
+                     ToUtf16(One.at("file")), One.at("offset"), FromHex(One.at("before")), FromHex(One.at("after")),
+                     One.at("why")});
+  }
+  return Steps;
+} catch (const std::exception&) {  // somebody has written it
+  return {};
+}
+
+}  // namespace lumbra::salvage

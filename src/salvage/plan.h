@@ -1,0 +1,46 @@
+// What can be done about lost and damaged files of a store, in steps: made by looking (look.h), shown to the user, and
+// carried out (apply.h). One plan serves the dry run, the healing and the tests.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace lumbra::salvage {
+
+struct Step {
+  enum class Kind {
+    Report,    // nothing is done: what is lost, or what a person has to decide
+    Patch,     // bytes of a file become others, in place
+    Create,    // a file that is missing
+    Replace,   // a whole file becomes another one
+    SetAside,  // a file moves out of the way, into "set-aside"
+  };
+
+  Kind What = Kind::Report;
+  std::u16string Folder;      // of the database, within the store's; empty: the store's own
+  std::u16string File;        // in that folder; empty: the database as a whole
+  std::uint64_t nOffset = 0;  // of a patch
+  std::string Before;         // the bytes that a patch or a whole new file takes the place of
+  std::string After;          // and what they become; of a file that is created, its content
+  std::string Why;            // what was found and what becomes of it, in words
+
+  bool Acts() const { return What != Kind::Report; }
+};
+
+struct Plan {
+  std::vector<Step> Steps;
+  bool bHeld = false;   // another process holds the store: it was left alone
+  std::string Refusal;  // why the store must not be opened as it is; empty when it may
+
+  bool Acts() const;  // whether a step does
+};
+
+// One line: the file, and why. Names in it are UTF-8, and not made printable.
+std::string Describe(const Step& Of);
+
+// Steps as a file of their own, by which they can be undone; and back. Empty for a text that is none.
+std::string WriteSteps(const std::vector<Step>& Steps);
+std::vector<Step> ReadSteps(const std::string& Text);
+
+}  // namespace lumbra::salvage

@@ -1,0 +1,65 @@
+// lumbra repair: what can be done about lost and damaged files, before the store meets them.
+#include <algorithm>
+#include <cstdio>
+
+#include "commands.h"
+#include "failure.h"
+#include "machine.h"
+#include "salvage/apply.h"
+#include "salvage/look.h"
+
+namespace lumbra::tool {
+namespace {
+
+void PrintSteps(const salvage::Plan& Found) {
+  for (const salvage::Step& One : Found.Steps)
+    std::printf("%s %s\n", One.Acts() ? "-" : "!", Printable(salvage::Describe(One)).c_str());
+}
+
+int TakeBack(const StoreFiles& Files, const std::string& Time, const std::string& What) {
+  if (Time.find_first_not_of("0123456789TZ-") != std::string::npos)
+    throw Failure(What, errPARAMETER_INVALID, "a time is the name of a folder in set-aside");
+  std::vector<std::string> Left;
+  const ResultCode nCode = salvage::Undo(Files.Folder().u16string(), Time, &Left);
+  if (nCode == errNOT_FOUND) throw Failure(What, nCode, "nothing was done at that time");
+  Check(nCode, What);
+  for (const std::string& Line : Left) std::printf("! %s\n", Printable(Line).c_str());
+  std::puts(Left.empty() ? "Taken back." : "The rest is taken back.");
+  return Left.empty() ? kExitOk : kExitIncomplete;
+}
+
+}  // namespace
+
+int Repair(const CommonOptions& Common, const RepairOptions& Options) {
+  const StoreFiles Files = FilesOf(Common);
+  const std::string What = "repair " + Printable(TextOf(Files.Folder()));
+  if (!Files.IsFolder()) throw Failure(What, errOBJECT_NOT_FOUND, "there is no store here");
+  if (!Options.Undo.empty()) return TakeBack(Files, Options.Undo, What);
+  salvage::Plan Found;
+  if (!Options.bYes) {
+    Check(salvage::Look(Files.Folder().u16string(), &Found), What);
+  } else {
+    const os::Readers ForWhom = Common.bGroupReadable ? os::Readers::OwnerAndGroup : os::Readers::OwnerAlone;
+    Check(salvage::Heal(Files.Folder().u16string(), ForWhom, &Found), What);
+    if (Found.bHeld) throw Failure(What, errSHARING_VIOLATION);
+  }
+  PrintSteps(Found);
+  if (Found.Steps.empty()) {
+    std::puts("Nothing is missing or damaged that could be told.");
+    return kExitOk;
+  }
+  if (!Found.Refusal.empty()) {
+    std::puts("Nothing was changed: what is missing has to come from a copy.");
+    return kExitFailed;
+  }
+  if (!Found.Acts()) {
+    std::puts("Nothing can be done about this here.");
+  } else if (Options.bYes) {
+    std::puts("Done. What was taken out of the way, and all old bytes, are in set-aside; --undo takes it back.");
+  } else {
+    std::puts("Nothing was changed. --yes does what stands behind a -.");
+  }
+  return kExitIncomplete;
+}
+
+}  // namespace lumbra::tool
