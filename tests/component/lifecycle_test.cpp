@@ -142,16 +142,6 @@ TEST_F(LifecycleTest, HasNumbersThatAreSetAndRead) {
   Step("the flag of an open store", Access(propENVIRONMENT_FLAG, propertySet, &nValue, 4)).Is(errPROPERTY_READ_ONLY);
 }
 
-TEST_F(LifecycleTest, HasACommentThatStays) {
-  char Comment[] = "abcdefg";
-  Must(Access(propINTERFACE_COMMENT, propertySet, Comment, 8));
-  EXPECT_EQ(Comment + 6, m_Record.pBuffer);
-  Must(Access(propINTERFACE_COMMENT, propertyGet, Comment, 8));
-  EXPECT_STREQ("Lumbra", Comment);
-  Must(Access(propINTERFACE_COMMENT, propertyCodePage, nullptr, 0));
-  EXPECT_EQ(kCodePage8Bit, m_Record.nCodePage);
-}
-
 TEST_F(LifecycleTest, TakesItsReportFolderInTheHostsCodePage) {
   char Told[] = "/t\xC3\xA9st";
   char16_t Text[20] = {};

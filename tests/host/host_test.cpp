@@ -166,46 +166,5 @@ TEST_F(HostTest, IsRefusedBesideAnotherOne) {
   EXPECT_CODE(errOK, Flush());
 }
 
-// A module that has nothing but instances, and counts them.
-int g_nAlive = 0;
-LumbraLifecycle g_Lifecycle{};
-struct Instance : LumbraInstance {
-  Instance() : LumbraInstance{&g_Lifecycle, {}} { ++g_nAlive; }
-  ~Instance() { --g_nAlive; }
-};
-
-int LUMBRA_ENTRY_CALL OfferInstances(void* pRoot, std::uint32_t nReason, void* pError) {
-  if (nReason != kModuleLoad) return 1;
-  g_Lifecycle.ObjectShutdown = [](LumbraInstance*) {
-    return errOK;
-  };
-  g_Lifecycle.ObjectFree = [](LumbraInstance* pInstance) {
-    delete static_cast<Instance*>(pInstance);
-    return errOK;
-  };
-  const HostFactory Make = [](std::uint32_t, HostObject*, std::uint32_t) -> void* {
-    return static_cast<LumbraInstance*>(new (std::nothrow) Instance);
-  };
-  auto* const pHost = static_cast<HostObject*>(pRoot);
-  const auto* const pDo = static_cast<const HostRootOperations*>(pHost->pOperations);
-  *static_cast<ResultCode*>(pError) = pDo->RegisterInterface(pHost, kSeparateInstance, 1, 0, 0, Make);
-  return 1;
-}
-
-TEST_F(HostTest, LeavesNoInstanceBehindWhenMemoryIsShort) {
-  Unload();
-  m_Host.emplace(&OfferInstances);
-  bool bFailed = true;
-  for (std::uint64_t nSkip = 0; bFailed; ++nSkip) {
-    FailAllocation(nSkip);
-    {
-      const host::Store Made = m_Host->Create();
-      bFailed = AllocationFailed();
-      EXPECT_NE(bFailed, static_cast<bool>(Made)) << nSkip;
-    }
-    EXPECT_EQ(0, g_nAlive) << nSkip;
-  }
-}
-
 }  // namespace
 }  // namespace lumbra::test

@@ -94,34 +94,5 @@ TEST_F(FileTest, OpensByDisposition) {
   EXPECT_CODE(errACCESS_DENIED, File().OpenWithFlags(Path("."), fileRead, openExisting));
 }
 
-TEST_F(FileTest, SeeksFromEveryOrigin) {
-  WriteFile("a", {1, 2, 3, 4});
-  File Opened;
-  ASSERT_CODE(errOK, Opened.OpenWithFlags(Path("a"), fileRead, openExisting));
-  std::uint64_t nPosition = 0;
-  for (const auto& [nOrigin, nDistance, nReached] : {std::tuple{2u, -1, 3u}, {1u, -2, 1u}, {7u, 2, 2u}}) {
-    EXPECT_CODE(errOK, Opened.Seek(nOrigin, nDistance, &nPosition));  // an unknown origin is the start
-    EXPECT_EQ(nReached, nPosition);
-  }
-  std::uint8_t nByte = 0;
-  std::uint32_t nRead = 0;
-  EXPECT_CODE(errOK, Opened.Read(&nByte, 1, &nRead));
-  EXPECT_EQ(3, nByte);
-}
-
-TEST_F(FileTest, RefusesWhatItWasNotOpenedFor) {
-  WriteFile("a", {1, 2, 3, 4});
-  File Opened;
-  std::uint8_t nByte = 0;
-  std::uint32_t nDone = 0;
-  EXPECT_CODE(errOK, Opened.Close());
-  ASSERT_CODE(errOK, Opened.OpenWithFlags(Path("a"), fileRead, openExisting));
-  EXPECT_CODE(errACCESS_DENIED, Opened.Write(&nByte, 1, &nDone));
-  EXPECT_TRUE(Failed(Opened.SetSize(0)));  // for the same reason, which Wine does not tell
-  EXPECT_EQ(4u, FileSize("a"));
-  EXPECT_CODE(errOK, Opened.Close());
-  EXPECT_CODE(errHANDLE_INVALID, Opened.Read(&nByte, 1, &nDone));
-}
-
 }  // namespace
 }  // namespace lumbra::test

@@ -1,8 +1,9 @@
-// What is posix's own: errno values, interrupted calls, links, names with a backslash, and rights.
+// What is posix's own: interrupted calls, links, names with a backslash, and rights.
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
 #include <cerrno>
+
 #include <thread>
 
 #include "platform/file.h"
@@ -26,15 +27,6 @@ TEST_F(PosixTest, GoesOnAfterInterruptedAndPartialTransfers) {
   std::string Found(nSize + 1, '?');
   EXPECT_TRUE(pFile->SeekRead(3, Found.data(), nSize + 1, &nDone));
   EXPECT_EQ(Data, Found.substr(0, nDone));
-}
-
-TEST(Errno, BecomesWin32Errors) {
-  const std::pair<int, std::uint32_t> kErrors[] = {{0, 0},      {ENOSPC, 112}, {EDQUOT, 112},     {EACCES, 5},
-                                                   {ENOMEM, 8}, {EINVAL, 87},  {EWOULDBLOCK, 32}, {ENFILE, 4},
-                                                   {EIO, 1117}, {ENOENT, 2},   {EPROTO, 31}};
-  for (const auto& [nErrno, nNumber] : kErrors) {
-    EXPECT_EQ(nNumber, static_cast<std::uint32_t>(os::ErrorFromErrno(nErrno))) << nErrno;
-  }
 }
 
 // Who may write to the folder could put there what leads to a file that he may not write to, or keeps us waiting.

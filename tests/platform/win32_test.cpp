@@ -8,7 +8,6 @@
 #include "platform/file.h"
 #include "platform/folders.h"
 #include "platform/io_priority.h"
-#include "platform/rw_lock.h"
 #include "support/run_program.h"
 #include "support/steps.h"
 
@@ -113,17 +112,6 @@ TEST_F(Win32Test, UnloadedModuleKeepsNoThreadSlot) {
   EXPECT_EQ(nFree, FreeThreadSlots());
 }
 
-TEST_F(Win32Test, TellsAnAbandonedWait) {
-  ReaderWriterLock Lock;
-  ASSERT_CODE(errOK, Lock.Create());
-  Lock.LockExclusive();
-  FailCalls(SystemCall::Wait, os::kWaitAbandoned, 0, UINT64_MAX);
-  using Failure = ulo::CheckResultFailedException;
-  EXPECT_THAT([&Lock] { Lock.LockShared(); },
-              testing::Throws<Failure>(testing::Property(&Failure::Code, errWAIT_ABANDONED)));
-  EXPECT_EQ(0x80010106u, static_cast<std::uint32_t>(errWAIT_ABANDONED));
-}
-
 // The token that the thread acts under in place of the process's, by its number; 0 for none.
 std::uint64_t BorrowedToken() {
   HANDLE Token = nullptr;
@@ -210,20 +198,6 @@ TEST_F(Win32PathTest, OpensMeasuresAndDeletesFilesInEveryFolder) {
     EXPECT_CODE(errOK, m_Environment.DeleteFiles(u"*.*", 0));
     EXPECT_CODE(errNOT_FOUND, m_Environment.GetFileSize(u"events.dat", 5, &nFound));
   }
-}
-
-// The system moves all or fails; should it not, the count tells.
-TEST_F(Win32Test, CountsWhatCameUpShort) {
-  const auto pFile = OpenFile(u"a");
-  MakeTransfersRagged(true);
-  std::uint32_t nDone = 0;
-  EXPECT_TRUE(pFile->SeekWrite(0, "12345678", 8, &nDone));
-  EXPECT_EQ(4u, nDone);
-  EXPECT_EQ("1234", ReadText("a"));
-  char Read[] = "????";
-  EXPECT_TRUE(pFile->SeekRead(1, Read, 4, &nDone));
-  EXPECT_EQ(2u, nDone);
-  EXPECT_STREQ("23??", Read);
 }
 
 }  // namespace
