@@ -58,22 +58,21 @@ os::SystemError WriteFile(const os::FolderHandle& pFolder, std::u16string_view N
   return nError == os::kSuccess ? WriteAndSync(File.Handle(), 0, Content) : nError;
 }
 
-// A whole file, as far as it can be one of those that are replaced or recorded.
-os::SystemError ReadFile(const os::FolderHandle& pFolder, std::u16string_view Name, std::string* pContent) {
-  constexpr std::uint64_t kMost = std::uint64_t{1} << 28;
+// Bytes of a file from an offset on, fewer at its end.
+os::SystemError ReadFile(const os::FolderHandle& pFolder, std::u16string_view Name, std::uint64_t nOffset,
+                         std::size_t nMost, std::string* pContent) {
   os::FileHandle Handle = nullptr;
   os::SystemError nError =
       os::Open(pFolder, Name, os::kGenericRead, kHoldNothing, os::Disposition::OpenExisting, 0, &Handle);
   if (nError != os::kSuccess) return nError;
   std::uint64_t nSize = 0;
-  nError = os::GetSize(Handle, &nSize);
-  if (nError == os::kSuccess && nSize > kMost) nError = os::kFileTooLarge;
   std::uint32_t nRead = 0;
-  if (nError == os::kSuccess) {
-    pContent->resize(static_cast<std::size_t>(nSize));
-    nError = os::ReadAt(Handle, 0, pContent->data(), static_cast<std::uint32_t>(nSize), &nRead);
-    pContent->resize(nRead);
+  nError = os::GetSize(Handle, &nSize);
+  if (nError == os::kSuccess && nOffset < nSize) {
+    pContent->resize(static_cast<std::size_t>(std::min<std::uint64_t>(nSize - nOffset, nMost)));
+    nError = os::ReadAt(Handle, nOffset, pContent->data(), static_cast<std::uint32_t>(pContent->size()), &nRead);
   }
+  pContent->resize(nRead);
   (void)os::Close(Handle);  // nothing was written
   return nError;
 }
@@ -247,7 +246,8 @@ class Undoer {
 
   os::SystemError Run() {
     std::string Text;
-    os::SystemError nError = ReadFile(m_pAside, kRecord, &Text);
+    constexpr std::size_t kLongestRecord = std::size_t{1} << 28;
+    os::SystemError nError = ReadFile(m_pAside, kRecord, 0, kLongestRecord, &Text);
     if (nError != os::kSuccess) return nError;
     std::vector<Step> Steps = ReadSteps(Text);
     for (auto One = Steps.rbegin(); One != Steps.rend(); ++One) {
@@ -264,13 +264,13 @@ class Undoer {
       if (nError != os::kAlreadyExists) return nError == os::kFileNotFound ? os::kSuccess : nError;
       return Leave(One, "a new file has its name");
     }
-    std::string Now;
-    const os::SystemError nError = ReadFile(m_pFolder, One.File, &Now);
+    // Of a whole file a byte more than it was given tells that it has grown.
+    const bool bWhole = One.What != Step::Kind::Patch;
+    std::string There;
+    const os::SystemError nError =
+        ReadFile(m_pFolder, One.File, One.nOffset, One.After.size() + (bWhole ? 1 : 0), &There);
     if (nError == os::kFileNotFound) return os::kSuccess;  // it was not reached
     if (nError != os::kSuccess) return nError;
-    const bool bWhole = One.What != Step::Kind::Patch;
-    const std::string There =
-        bWhole ? Now : Now.substr(std::min<std::size_t>(One.nOffset, Now.size()), One.After.size());
     if (One.What != Step::Kind::Create && There == One.Before) return os::kSuccess;
     if (There != One.After) return Leave(One, "it has changed since");
     if (One.What == Step::Kind::Create) return os::Move(m_pFolder, One.File, m_pAside, One.File, os::IfTaken::Replace);

@@ -268,8 +268,13 @@ SystemError Move(const FolderHandle& pFrom, std::u16string_view Name, const Fold
   const std::string Old = NativePath(Name);
   const std::string New = NativePath(NewName);
   const unsigned nFlags = What == IfTaken::Refuse ? RENAME_NOREPLACE : 0;
-  if (renameat2(pFrom->nDescriptor, Old.c_str(), pTo->nDescriptor, New.c_str(), nFlags) != 0)
-    return errno == EEXIST ? kAlreadyExists : ErrorFromErrno(errno);
+  int nMoved = renameat2(pFrom->nDescriptor, Old.c_str(), pTo->nDescriptor, New.c_str(), nFlags);
+  if (nMoved != 0 && errno == EINVAL && nFlags != 0) {  // not every file system can do both at once
+    struct stat Status {};
+    if (fstatat(pTo->nDescriptor, New.c_str(), &Status, AT_SYMLINK_NOFOLLOW) == 0) return kAlreadyExists;
+    nMoved = renameat(pFrom->nDescriptor, Old.c_str(), pTo->nDescriptor, New.c_str());
+  }
+  if (nMoved != 0) return errno == EEXIST ? kAlreadyExists : ErrorFromErrno(errno);
   const SystemError nError = Sync(pTo->nDescriptor);
   return nError == kSuccess ? Sync(pFrom->nDescriptor) : nError;
 }
