@@ -276,8 +276,10 @@ class Undoer {
     if (One.What == Step::Kind::Create) return os::Move(m_pFolder, One.File, m_pAside, One.File, os::IfTaken::Replace);
     if (bWhole) return WriteWhole(One);
     OpenFile File;
-    const os::SystemError nOpened = File.Open(m_pFolder, One.File, kHold, os::Disposition::OpenExisting);
-    return nOpened == os::kSuccess ? WriteAndSync(File.Handle(), One.nOffset, One.Before) : nOpened;
+    os::SystemError nPut = File.Open(m_pFolder, One.File, kHold, os::Disposition::OpenExisting);
+    const bool bShorter = One.Before.size() < One.After.size();  // the patch went past the end of what was there
+    if (nPut == os::kSuccess && bShorter) nPut = os::SetSize(File.Handle(), One.nOffset + One.Before.size());
+    return nPut == os::kSuccess ? WriteAndSync(File.Handle(), One.nOffset, One.Before) : nPut;
   }
 
   os::SystemError WriteWhole(const Step& One) const {

@@ -158,9 +158,11 @@ TEST_F(SalvageTest, NoFileCostsMoreThanItself) {
 
 TEST_F(SalvageTest, GivesTheOldBytesBack) {
   MakeStore(0);
-  for (const std::string File : {"05/segments.dat", "05/00000002_events.dat", "05/00000002_objid.dat", "g_db_id.dat"}) {
+  for (const std::string File :
+       {"05/segments.dat", "named/segments.dat", "05/00000002_events.dat", "05/00000002_objid.dat", "g_db_id.dat"}) {
     Snapshot Damaged = m_Sound;
-    if (File.ends_with("segments.dat")) Damaged[File].Content[4] = 9;
+    if (File == "05/segments.dat") Damaged[File].Content[4] = 9;
+    if (File == "named/segments.dat") Damaged[File].Content.resize(5);
     if (File.ends_with("g_db_id.dat")) Damaged[File].Content.push_back('x');
     if (File.find("00000002") != std::string::npos) Damaged.erase(File);
     Put(Damaged);
