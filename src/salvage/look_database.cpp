@@ -221,7 +221,9 @@ class DatabaseLook {
     for (const Segment& One : m_Chain) {
       const std::u16string File = SegmentFileName(One.nNumber, kEventsFile);
       if (One.Head == Wanted || One.nSize < Wanted.size()) continue;
-      if (Fits(One)) {
+      // A torn append may stand behind whole events; then a turned bit is told by how little it changes.
+      constexpr int kTurnedBits = 2;
+      if (Fits(One) || BitsApart(One.Head, Wanted) <= kTurnedBits) {
         Add(Step::Kind::Patch, File, One.Head, Wanted,
             "its header contradicts the files beside it, and its events fit");
       } else {
