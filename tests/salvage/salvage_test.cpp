@@ -144,6 +144,11 @@ TEST_F(SalvageTest, NoFileCostsMoreThanItself) {
     MakeStore(nCheckMode);
     for (const auto& [File, Content] : Snapshot(m_Sound)) {
       const std::string Mode = nCheckMode != 0 ? " (checked)" : "";
+      // Of events that are cut off the newest segment nothing tells.
+      const std::size_t nHalf = Content.Content.size() / 2;
+      if (!File.ends_with("00000003_events.dat"))
+        Try(
+            "cut in half" + Mode, File, [nHalf](Bytes& All) { All.resize(nHalf); }, false);
       Try("removed" + Mode, File, {}, true);
       Try(
           "emptied" + Mode, File, [](Bytes& All) { All.clear(); }, false);
