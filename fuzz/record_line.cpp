@@ -11,9 +11,8 @@ void Parse(const std::string& Text) {
   try {
     const tool::RecordLine Line = tool::ParseRecordLine(Text);
     Require(!Line.Name.empty() && Line.nType <= 255 && Line.Recorded.nObject == 0, "a line is an event about a name");
-    const std::string Shown = tool::FormatTime(Line.Recorded.nTime);
-    const bool bFourDigits = Shown.find('-') == 4;  // an offset leads out of the year 9999
-    if (bFourDigits) Require(tool::ParseTime(Shown) == Line.Recorded.nTime, "a time stays the same: " + Shown);
+    const std::optional<std::string> Shown = tool::FormatTime(Line.Recorded.nTime);  // an offset leads out of 9999
+    if (Shown) Require(tool::ParseTime(*Shown) == Line.Recorded.nTime, "a time stays the same: " + *Shown);
   } catch (const tool::BadLine& Bad) {
     Require(Bad.what()[0] != 0, "a bad line has a reason");
   }
