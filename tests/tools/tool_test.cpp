@@ -215,8 +215,8 @@ TEST_F(ToolTest, BoundsWhatInputMayCost) {
           "{'name':'" + std::string(1 << 20, 'x') + "'}\n{'name':'" + kLong + "'}\n{'name':'" + kLong.substr(1) + "'}"),
       StartsWith("recorded 1 events"));
   EXPECT_THAT(Errors(), HasSubstr("line 1: longer than 1 MiB\nline 2: name it: errSIZE_INVALID"));
-  const std::string Above = Find("1 --create --type name " + kLong.substr(1));
-  EXPECT_EQ("name    (name too long)\n", Described(Find("1 --create --type name x --parent " + Above)));
+  const auto Longest = Events("1", "/object")[0].get<std::string>();
+  EXPECT_EQ("file    (name too long)\n", Described(Find("1 --create x --parent " + Longest)));
   Patch("store/01/00000001_events.dat", 12, Bytes(8, 0xFF));
   EXPECT_EQ(json::array({nullptr}), Events("1", "/time"));
   EXPECT_THAT(Run("events --db 1"), HasSubstr("  18446744073709551615  "));
