@@ -26,8 +26,9 @@ Lumbra& Lumbra::Of(HostObject* pHandle) {
   return Of(reinterpret_cast<LumbraInstance*>(pBytes));
 }
 
-os::Readers Lumbra::Owner::ReadersOfNewFiles() {
-  return m_Instance.m_nGroupReadable != 0 ? os::Readers::OwnerAndGroup : os::Readers::OwnerAlone;
+os::FolderRules Lumbra::Owner::RulesOfFolders() {
+  return {.ForWhom = m_Instance.m_nGroupReadable != 0 ? os::Readers::OwnerAndGroup : os::Readers::OwnerAlone,
+          .bOwnFolders = m_Instance.m_nOwnFolders != 0};
 }
 
 bool Lumbra::Owner::ExactFileSizes() {
@@ -115,7 +116,7 @@ ResultCode Lumbra::OpenStore() {
   if (!m_Databases.OpenStoreFolder(Folder)) return errOPEN_FAILED;
 
   const ResultCode nShared =
-      SharedObjects::AddUser(Folder.Text(), m_nCheckMode != 0, m_nEnvironmentFlag != 0, m_Owner.ReadersOfNewFiles());
+      SharedObjects::AddUser(Folder.Text(), m_nCheckMode != 0, m_nEnvironmentFlag != 0, m_Owner.RulesOfFolders());
   if (Failed(nShared)) return errOPEN_FAILED;
   m_bUsesSharedObjects = true;
 

@@ -90,7 +90,7 @@ class Lumbra : public HostedInstance {
     HostText StoreFolder() override { return m_Instance.ReportFolder(); }
     OpenSettings Settings() override;
     bool ExactFileSizes() override;
-    os::Readers ReadersOfNewFiles() override;
+    os::FolderRules RulesOfFolders() override;
 
    private:
     Lumbra& m_Instance;
@@ -139,6 +139,7 @@ class Lumbra : public HostedInstance {
   std::atomic<std::uint32_t> m_nCorrupted{0};
   std::atomic<std::uint32_t> m_nExactFileSizes{0};
   std::atomic<std::uint32_t> m_nGroupReadable{0};
+  std::atomic<std::uint32_t> m_nOwnFolders{0};
   std::atomic<std::uint32_t> m_nOpenSegments{OpenSegments::kUsualLimit};
   ReaderWriterLock m_Lock;
   std::atomic<std::uint32_t> m_nWritesSuspended GUARDED_BY(m_Lock){0};

@@ -45,6 +45,8 @@ ResultCode Lumbra::PropertyAccess(std::uint32_t nPropertyId, PropertyAccessRecor
       return TransferNumber(&m_nExactFileSizes, pRecord);
     case propGROUP_READABLE:
       return TransferNumber(&m_nGroupReadable, pRecord);
+    case propOWN_FOLDERS:
+      return TransferNumber(&m_nOwnFolders, pRecord);
     case propOPEN_SEGMENTS:
       return TransferNumber(&m_nOpenSegments, pRecord);
     case propWRITES_SUSPENDED:

@@ -15,9 +15,9 @@ namespace {
 class NoOwner final : public StorageOwner {
  public:
   bool ExactFileSizes() override { return false; }
-  os::Readers ReadersOfNewFiles() override { return ForWhom; }
+  os::FolderRules RulesOfFolders() override { return Rules; }
 
-  os::Readers ForWhom = os::Readers::OwnerAlone;
+  os::FolderRules Rules;
 };
 
 struct SharedStore {
@@ -62,13 +62,13 @@ void SharedStore::Close() {
 }  // namespace
 
 ResultCode SharedObjects::AddUser(const char16_t* pFolder, bool bCheckMode, bool bEnvironmentFlag,
-                                  os::Readers ForWhom) {
+                                  const os::FolderRules& Rules) {
   SharedStore& Now = Shared();
   const os::Hold Hold(Now.Lock);
   if (binding::AtomicIncrement(&Now.nUsers) != 1) return errOK;
   ResultCode nCode = errOK;
   try {
-    Now.Owner.ForWhom = ForWhom;
+    Now.Owner.Rules = Rules;
     nCode = Now.Open(pFolder, bCheckMode, bEnvironmentFlag);
   } catch (...) {
     nCode = ResultFromCurrentException();

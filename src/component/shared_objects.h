@@ -14,7 +14,8 @@ class SharedObjects {
  public:
   // Adds a user. The first one has the store opened in its folder, with its check mode and for its readers; every later
   // one uses what is there. errOPEN_FAILED, with nothing added, when the store cannot be opened.
-  static ResultCode AddUser(const char16_t* pFolder, bool bCheckMode, bool bEnvironmentFlag, os::Readers ForWhom);
+  static ResultCode AddUser(const char16_t* pFolder, bool bCheckMode, bool bEnvironmentFlag,
+                            const os::FolderRules& Rules);
   static void RemoveUser();
 
   // Null without users.

@@ -12,7 +12,7 @@ namespace {
 constexpr std::u16string_view kOwnNames[] = {kIndexFile,      kSharedTreeFile,   kSharedIdsFile,
                                              kSharedDataFile, kCompactedIdsFile, kCompactedDataFile,
                                              kSegmentsFile,   kIdentityFile,     u"set-aside"};
-constexpr std::u16string_view kOwnEndings[] = {u".schema", u".healing"};
+constexpr std::u16string_view kOwnEndings[] = {u".schema", kHealingEnding};
 
 // The store's own names have no other letters.
 std::u16string LowerCase(std::u16string_view Text) {

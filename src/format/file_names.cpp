@@ -37,6 +37,7 @@ bool IsEventsFileName(std::u16string_view Name) {
 }
 
 bool IsFileOfDatabase(std::u16string_view Name) {
+  if (Name.ends_with(kHealingEnding)) Name.remove_suffix(kHealingEnding.size());
   if (Name == kSegmentsFile || Name == kIdentityFile) return true;
   const std::u16string_view OfSegment = WithoutNumber(Name);
   return OfSegment == kEventsFile || OfSegment == kTreeFile || OfSegment == kIdsFile || OfSegment == kDataFile;

@@ -37,6 +37,9 @@ std::u16string SegmentFileName(std::uint32_t nSegment, std::u16string_view Name)
 // Whether a file of this name holds the events of a segment.
 bool IsEventsFileName(std::u16string_view Name);
 
+// Behind a file's name: what is to take its place, while the store is healed (salvage/apply.h).
+inline constexpr std::u16string_view kHealingEnding = u".healing";
+
 // Whether a database's folder has a file of this name from the store.
 bool IsFileOfDatabase(std::u16string_view Name);
 

@@ -13,11 +13,15 @@ struct Range {
   char32_t cFirst;
   char32_t cLast;
 };
-// Controls, of which C1 ones are commands to terminals as well; marks, joiners and spaces of no width; the directions
-// of text; the separators of lines and paragraphs; the mark of byte order.
-constexpr Range kWrittenOut[] = {{0, 0x1F},        {0x7F, 0x9F},     {0x61C, 0x61C},
-                                 {0x180E, 0x180E}, {0x200B, 0x200F}, {0x2028, 0x202E},
-                                 {0x2060, 0x206F}, {0xFEFF, 0xFEFF}, {0xFFF9, 0xFFFB}};
+// Controls, of which C1 ones are commands to terminals as well; the separators of lines and paragraphs; the directions
+// of text; the marks of annotations; and what Unicode calls ignorable by default, which is shown as nothing: joiners,
+// fillers, spaces of no width, selectors of variants, tags.
+constexpr Range kWrittenOut[] = {
+    {0, 0x1F},        {0x7F, 0x9F},       {0xAD, 0xAD},       {0x34F, 0x34F},     {0x61C, 0x61C},
+    {0x115F, 0x1160}, {0x17B4, 0x17B5},   {0x180B, 0x180F},   {0x200B, 0x200F},   {0x2028, 0x202E},
+    {0x2060, 0x206F}, {0x3164, 0x3164},   {0xFE00, 0xFE0F},   {0xFEFF, 0xFEFF},   {0xFFA0, 0xFFA0},
+    {0xFFF0, 0xFFFB}, {0x1BCA0, 0x1BCA3}, {0x1D173, 0x1D17A}, {0xE0000, 0xE0FFF},
+};
 
 bool IsWrittenOut(char32_t c) {
   for (const Range& One : kWrittenOut) {
@@ -53,8 +57,9 @@ std::string WrittenOut(char32_t c) {
   return Format(bByte ? "\\x%02x" : "\\u{%x}", static_cast<std::uint32_t>(c));
 }
 
+// A name that begins with a quote would pass for one in quotes.
 bool NeedsQuotes(std::string_view Name) {
-  bool bNeeds = false;
+  bool bNeeds = Name.starts_with('"');
   ForEachCharacter(
       Name, [&](char32_t c, std::string_view) { bNeeds |= IsWrittenOut(c); }, [&](std::uint8_t) { bNeeds = true; });
   return bNeeds;
@@ -125,17 +130,30 @@ std::string PrintableSentence(std::string_view Text) {
   return Escaped(Text, false);
 }
 
+namespace {
+
+// Above U+FFFF a pair of surrogates.
+std::string JsonEscape(char32_t c) {
+  const auto nCharacter = static_cast<std::uint32_t>(c);
+  if (nCharacter < 0x10000) return Format("\\u%04x", nCharacter);
+  return Format("\\u%04x", 0xD7C0 + (nCharacter >> 10)) + Format("\\u%04x", 0xDC00 + (nCharacter & 0x3FF));
+}
+
+}  // namespace
+
 std::string PrintableJson(std::string_view Json) {
   std::string Shown;
   const auto Append = [&](char32_t c, std::string_view Bytes) {
-    Shown += IsWrittenOut(c) ? Format("\\u%04x", static_cast<std::uint32_t>(c)) : std::string(Bytes);
+    Shown += IsWrittenOut(c) ? JsonEscape(c) : std::string(Bytes);
   };
   ForEachCharacter(Json, Append, [&](std::uint8_t) { Shown += "\\ufffd"; });
   return Shown;
 }
 
 std::optional<std::string> ReadPrinted(std::string_view Text) {
-  if (Text.size() >= 2 && Text.starts_with('"') && Text.ends_with('"')) Text = Text.substr(1, Text.size() - 2);
+  if (!Text.starts_with('"')) return std::string(Text);
+  if (Text.size() < 2 || !Text.ends_with('"')) return {};
+  Text = Text.substr(1, Text.size() - 2);
   std::string Name;
   while (!Text.empty()) {
     const char c = Text.front();

@@ -50,6 +50,9 @@ ResultCode Store::Init() try {
       m_pHost->WriteLine(kFailureLevel, "the store is not trusted: " + PrintableSentence(Why));
       return errACCESS_DENIED;
     }
+    // For a folder that somebody puts there now.
+    const ResultCode nCode = SetNumber(propOWN_FOLDERS, 1);
+    if (Failed(nCode) && nCode != errPROPERTY_READ_ONLY) return nCode;  // read-only: it is open
   }
   return m_pInstance->pLifecycle->ObjectInitDone(m_pInstance);
 } catch (const std::bad_alloc&) {
@@ -148,7 +151,9 @@ void StandaloneHost::TraceToCallback(std::uint32_t nLevel, TraceCallback Callbac
 }
 
 void StandaloneHost::WriteLine(std::uint32_t nLevel, const char* pFormat, std::va_list Arguments) {
-  WriteLine(nLevel, FormatTraceLine(pFormat, Arguments, m_TraceNames));
+  if (nLevel > m_nTraceLevel) return;
+  const std::lock_guard Hold(m_TraceLock);
+  if (m_TraceCallback) m_TraceCallback(nLevel, FormatTraceLine(pFormat, Arguments, m_TraceNames));
 }
 
 void StandaloneHost::WriteLine(std::uint32_t nLevel, std::string_view Line) {

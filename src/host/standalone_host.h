@@ -98,7 +98,8 @@ class StandaloneHost {
   // A line that the level drops is not formatted.
   void TraceToStream(std::uint32_t nLevel, std::FILE* pStream);
   // Of a file the lines are appended to what is there, or replace it. It is a plain one, no link, made for its owner
-  // alone where it is missing, and not handed on to programs that the process starts. False when it cannot be opened.
+  // alone where it is missing, and not handed on to programs that the process starts. False when it cannot be opened,
+  // or is somebody else's, or others may write to it (host/trust.h).
   enum class TraceFile { Append, Replace };
   bool TraceToFile(std::uint32_t nLevel, const std::filesystem::path& Path, TraceFile What = TraceFile::Replace);
   // A callback gets the texts among the arguments of a line as they are, or as a stream and a file do: without what
@@ -148,7 +149,7 @@ class StandaloneHost {
   std::atomic<std::uint32_t> m_nTraceLevel{0};
   std::mutex m_TraceLock;  // guards the sink, and keeps lines whole
   TraceCallback m_TraceCallback;
-  std::atomic<TraceNames> m_TraceNames{TraceNames::AsTheyAre};
+  TraceNames m_TraceNames = TraceNames::AsTheyAre;
 };
 
 }  // namespace lumbra::host

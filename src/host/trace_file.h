@@ -7,7 +7,8 @@
 namespace lumbra::host {
 
 // Opens a plain file for appending, empty if it is to be replaced; makes it, for its owner alone, where it is missing.
-// A link is refused, and programs that the process starts do not get it. Null when it cannot be had.
+// Before anything in it changes, a link is refused, and so is a file that has a second name, belongs to another user or
+// can be written by others (host/trust.h). Programs that the process starts do not get it. Null when it cannot be had.
 std::FILE* OpenTraceFile(const std::filesystem::path& Path, bool bReplace);
 
 }  // namespace lumbra::host

@@ -2,18 +2,38 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "host/trace_file.h"
+#include "host/trust.h"
 
 namespace lumbra::host {
+namespace {
+
+// The mode is set as well: the process's mask may have taken all of it.
+int Open(const std::filesystem::path& Path) {
+  constexpr int kFlags = O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+  constexpr mode_t kOwnerAlone = S_IRUSR | S_IWUSR;
+  const int nThere = open(Path.c_str(), kFlags);
+  if (nThere >= 0 || errno != ENOENT) return nThere;
+  const int nMade = open(Path.c_str(), kFlags | O_CREAT | O_EXCL, kOwnerAlone);
+  if (nMade >= 0) (void)fchmod(nMade, kOwnerAlone);  // a file system without modes refuses
+  return nMade;
+}
+
+bool IsOurs(int nDescriptor) {
+  struct stat Status {};
+  return fstat(nDescriptor, &Status) == 0 && S_ISREG(Status.st_mode) && Status.st_nlink == 1 &&
+         WhyNotTrusted(nDescriptor, TrustedOwner::User).empty();
+}
+
+}  // namespace
 
 std::FILE* OpenTraceFile(const std::filesystem::path& Path, bool bReplace) {
-  constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
-  const int nDescriptor = open(Path.c_str(), kFlags, S_IRUSR | S_IWUSR);
+  const int nDescriptor = Open(Path);
   if (nDescriptor < 0) return nullptr;
-  struct stat Status {};
-  const bool bPlain = fstat(nDescriptor, &Status) == 0 && S_ISREG(Status.st_mode) && Status.st_nlink == 1;
   std::FILE* pFile = nullptr;
-  if (bPlain && (!bReplace || ftruncate(nDescriptor, 0) == 0)) pFile = fdopen(nDescriptor, "ab");
+  if (IsOurs(nDescriptor) && (!bReplace || ftruncate(nDescriptor, 0) == 0)) pFile = fdopen(nDescriptor, "ab");
   if (pFile == nullptr) close(nDescriptor);
   return pFile;
 }

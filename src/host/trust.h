@@ -17,13 +17,15 @@ enum class TrustedOwner { User, UserOrRoot };  // User: the effective user of th
 
 // Why a file or folder cannot be trusted, the end of a sentence: "belongs to another user", "can be written by others".
 // Empty when it can, and when nothing is there. Others are all but the owner, and but a group that is the owner's own.
-// A link is refused as one.
+// A link is refused as one. What the path leads to may be another file when it is opened; who has to be sure looks at
+// what is open.
 std::string WhyNotTrusted(const std::filesystem::path& Path, TrustedOwner Owner);
 
 // The same of a file that is open, by its descriptor. Posix alone.
 std::string WhyNotTrusted(int nDescriptor, TrustedOwner Owner);
 
-// The same of a store: its folder, and the folders and links directly in it. A sentence that starts with the path.
+// The same of a store: its folder, and the folders and links directly in it. A sentence that starts with the path. It
+// says the reason; that no folder of another user is used, whenever it came there, is propOWN_FOLDERS.
 std::string WhyStoreNotTrusted(const std::filesystem::path& Folder);
 
 // What of a store others than its owner may read or write to: how many files and folders, and the path of the first.

@@ -1,4 +1,5 @@
 #include <dirent.h>
+#include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -37,6 +38,15 @@ std::string WhyNotKnown() {
   return "cannot be looked at: " + std::generic_category().message(errno);
 }
 
+// The same of what a store's folder holds. A link may stand in the place of a database's folder.
+std::string WhyEntryNotTrusted(int nFolder, const std::string& Name) {
+  struct stat Status {};
+  if (fstatat(nFolder, Name.c_str(), &Status, AT_SYMLINK_NOFOLLOW) != 0)
+    return errno == ENOENT ? std::string() : WhyNotKnown();
+  if (!S_ISDIR(Status.st_mode) && !S_ISLNK(Status.st_mode)) return {};
+  return WhyNotTrusted(Status, TrustedOwner::User);
+}
+
 }  // namespace
 
 std::string WhyNotTrusted(const std::filesystem::path& Path, TrustedOwner Owner) {
@@ -55,19 +65,15 @@ std::string WhyStoreNotTrusted(const std::filesystem::path& Folder) {
     return Printable(Folder.string()) + ' ' + Why;
   const std::unique_ptr<DIR, int (*)(DIR*)> pListing(opendir(Folder.c_str()), &closedir);
   if (pListing == nullptr) return errno == ENOENT ? std::string() : Printable(Folder.string()) + ' ' + WhyNotKnown();
-  errno = 0;
-  while (const dirent* const pEntry = readdir(pListing.get())) {
-    const std::string Name = pEntry->d_name;
-    const std::filesystem::path Path = Folder / Name;
-    struct stat Status {};
-    if (Name == "." || Name == ".." || lstat(Path.c_str(), &Status) != 0) continue;
-    // A link may stand in the place of a database's folder.
-    if (!S_ISDIR(Status.st_mode) && !S_ISLNK(Status.st_mode)) continue;
-    if (const std::string Why = WhyNotTrusted(Status, TrustedOwner::User); !Why.empty())
-      return Printable(Path.string()) + ' ' + Why;
+  for (;;) {
     errno = 0;
+    const dirent* const pEntry = readdir(pListing.get());
+    if (pEntry == nullptr) return errno == 0 ? std::string() : Printable(Folder.string()) + ' ' + WhyNotKnown();
+    const std::string Name = pEntry->d_name;
+    if (Name == "." || Name == "..") continue;
+    const std::string Why = WhyEntryNotTrusted(dirfd(pListing.get()), Name);
+    if (!Why.empty()) return Printable((Folder / Name).string()) + ' ' + Why;
   }
-  return errno == 0 ? std::string() : Printable(Folder.string()) + ' ' + WhyNotKnown();
 }
 
 Exposure ExposureOf(const std::filesystem::path& Folder) {

@@ -17,7 +17,7 @@ std::u16string AbsolutePath(std::u16string_view Folder) {
   return Absolute;
 }
 
-ResultCode CreateAbsolute(std::u16string_view Path, os::Readers ForWhom) {
+ResultCode CreateAbsolute(std::u16string_view Path, const os::FolderRules& Rules) {
   bool bFolder = false;
   const ResultCode nFound = ResultFromSystemError(os::IsFolder(Path, &bFolder));
   if (Succeeded(nFound)) return bFolder ? errOK : errPATH_NAME_INVALID;
@@ -26,18 +26,18 @@ ResultCode CreateAbsolute(std::u16string_view Path, os::Readers ForWhom) {
   const std::u16string_view Parent = os::ParentOf(Path);
   if (!Parent.empty()) {
     if (Parent == Path) return errPATH_NOT_FOUND;  // a root that does not exist
-    const ResultCode nParent = CreateAbsolute(Parent, ForWhom);
+    const ResultCode nParent = CreateAbsolute(Parent, Rules);
     if (Failed(nParent)) return nParent;
   }
   if (os::IsFolder(Path, &bFolder) == os::kSuccess && bFolder) return errFALSE;
-  return ResultFromSystemError(os::MakeFolder(Path, ForWhom));
+  return ResultFromSystemError(os::MakeFolder(Path, Rules));
 }
 
 }  // namespace
 
-ResultCode CreateDirectories(std::u16string_view Folder, os::Readers ForWhom) noexcept {
+ResultCode CreateDirectories(std::u16string_view Folder, const os::FolderRules& Rules) noexcept {
   try {
-    return CreateAbsolute(AbsolutePath(Folder), ForWhom);
+    return CreateAbsolute(AbsolutePath(Folder), Rules);
   } catch (...) {
     return ResultFromCurrentException();
   }

@@ -80,6 +80,14 @@ using FolderHandle = std::shared_ptr<const OpenedFolder>;
 // file system knows of none. On Windows they inherit those of the folder.
 enum class Readers { OwnerAlone, OwnerAndGroup };
 
+// What holds for a folder that is opened, and for those in it. With bOwnFolders, one that belongs to another user than
+// the effective one, or that all may write to, is kAccessDenied on posix: what is looked at is the folder that was
+// opened, whatever its path led to before.
+struct FolderRules {
+  Readers ForWhom = Readers::OwnerAlone;
+  bool bOwnFolders = false;
+};
+
 // Opens or creates a file of a folder. A file whose holder does not share what is asked for here, or that is held in a
 // way that nShare does not allow, is kSharingViolation: at once, and before anything in it changes. On posix a link, a
 // file that has other names as well, and what is no plain file are kAccessDenied, before anything in it changes: who
@@ -130,12 +138,12 @@ std::u16string_view ParentOf(std::u16string_view Absolute);
 SystemError IsFolder(std::u16string_view Path, bool* pbFolder);
 
 // Makes a folder, and brings its name to the disk where the system does that.
-SystemError MakeFolder(std::u16string_view Path, Readers ForWhom);
+SystemError MakeFolder(std::u16string_view Path, const FolderRules& Rules);
 SystemError MakeFolder(const FolderHandle& pParent, std::u16string_view Name);
 
-// Opens a folder by its path, whose last name is no link, or one within a folder that is open. What is made in it is
-// for those readers, in the second case for those of its parent. kPathNotFound for what is no folder.
-SystemError OpenFolder(std::u16string_view Path, Readers ForWhom, FolderHandle* ppFolder);
+// Opens a folder by its path, whose last name is no link, or one within a folder that is open, whose rules hold for it,
+// too. kPathNotFound for what is no folder.
+SystemError OpenFolder(std::u16string_view Path, const FolderRules& Rules, FolderHandle* ppFolder);
 SystemError OpenFolder(const FolderHandle& pParent, std::u16string_view Name, FolderHandle* ppFolder);
 
 struct FoundFile {

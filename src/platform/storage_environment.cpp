@@ -46,12 +46,12 @@ bool EndsWithSeparator(std::u16string_view Folder) {
 
 // Opens the folder of a store, unless it is open, and with a name that of a database in it; makes what is missing.
 ResultCode OpenFolders(os::FolderHandle pStore, std::u16string_view Store, std::u16string_view Name,
-                       os::Readers ForWhom, os::FolderHandle* ppFolder) {
+                       const os::FolderRules& Rules, os::FolderHandle* ppFolder) {
   os::SystemError nError = os::kSuccess;
   if (pStore == nullptr) {
-    const ResultCode nThere = CreateDirectories(Store, ForWhom);
+    const ResultCode nThere = CreateDirectories(Store, Rules);
     if (nThere != errOK) return Failed(nThere) ? nThere : errACCESS_DENIED;  // somebody else makes it at this moment
-    nError = os::OpenFolder(Store, ForWhom, &pStore);
+    nError = os::OpenFolder(Store, Rules, &pStore);
   }
   if (nError == os::kSuccess && !Name.empty()) {
     nError = os::OpenFolder(pStore, Name, ppFolder);
@@ -110,10 +110,10 @@ bool StorageEnvironment::Open(StorageOwner* pOwner, const os::FolderHandle& pSto
       if (!EndsWithSeparator(m_Folder)) m_Folder += u'\\';
       m_Folder.append(Name) += u'\\';
     }
-    const os::Readers ForWhom = pOwner->ReadersOfNewFiles();
-    ResultCode nCode = OpenFolders(pStore, Store, Name, ForWhom, &m_pFolder);
+    const os::FolderRules Rules = pOwner->RulesOfFolders();
+    ResultCode nCode = OpenFolders(pStore, Store, Name, Rules, &m_pFolder);
     if (nCode == ResultFromSystemError(os::kTooManyOpenFiles) && RelieveDescriptors())
-      nCode = OpenFolders(pStore, Store, Name, ForWhom, &m_pFolder);
+      nCode = OpenFolders(pStore, Store, Name, Rules, &m_pFolder);
     m_bEnvironmentFlag = bEnvironmentFlag;
     return Succeeded(nCode);
   } catch (const std::bad_alloc&) {

@@ -28,8 +28,8 @@ class StorageOwner {
   // Whether file sizes are measured one by one instead of being taken from the folder's entries.
   virtual bool ExactFileSizes() = 0;
 
-  // Who may read the files and folders that are made.
-  virtual os::Readers ReadersOfNewFiles() { return os::Readers::OwnerAlone; }
+  // What holds for the folders.
+  virtual os::FolderRules RulesOfFolders() { return {}; }
 
  protected:
   ~StorageOwner() = default;

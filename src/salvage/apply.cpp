@@ -17,7 +17,6 @@ namespace {
 constexpr char16_t kSetAside[] = u"set-aside";
 constexpr char16_t kRecord[] = u"healing.json";
 constexpr char16_t kUndone[] = u"undone.json";
-constexpr std::u16string_view kHealing = u".healing";
 
 // ---- Files ------------------------------------------------------------------------------------------------
 
@@ -227,7 +226,7 @@ class Healer {
   }
 
   static os::SystemError Replace(const Place& At, const Step& One) {
-    const std::u16string New = One.File + std::u16string(kHealing);
+    const std::u16string New = One.File + std::u16string(kHealingEnding);
     const os::SystemError nError = WriteFile(At.pFolder, New, One.After, os::Disposition::CreateAlways);
     return nError == os::kSuccess ? os::Move(At.pFolder, New, At.pFolder, One.File, os::IfTaken::Replace) : nError;
   }
@@ -283,7 +282,7 @@ class Undoer {
   }
 
   os::SystemError WriteWhole(const Step& One) const {
-    const std::u16string New = One.File + std::u16string(kHealing);
+    const std::u16string New = One.File + std::u16string(kHealingEnding);
     const os::SystemError nError = WriteFile(m_pFolder, New, One.Before, os::Disposition::CreateAlways);
     return nError == os::kSuccess ? os::Move(m_pFolder, New, m_pFolder, One.File, os::IfTaken::Replace) : nError;
   }
@@ -306,9 +305,9 @@ bool IsMissing(os::SystemError nError) {
 
 }  // namespace
 
-ResultCode Heal(const std::u16string& Store, os::Readers ForWhom, Plan* pDone) try {
+ResultCode Heal(const std::u16string& Store, const os::FolderRules& Rules, Plan* pDone) try {
   os::FolderHandle pStore;
-  os::SystemError nError = os::OpenFolder(Store, ForWhom, &pStore);
+  os::SystemError nError = os::OpenFolder(Store, Rules, &pStore);
   if (IsMissing(nError)) return errOK;
   if (nError != os::kSuccess) return ResultFromSystemError(nError);
   StoreHold Hold;
@@ -327,7 +326,7 @@ ResultCode Heal(const std::u16string& Store, os::Readers ForWhom, Plan* pDone) t
 
 ResultCode Undo(const std::u16string& Store, const std::string& Time, std::vector<std::string>* pLeft) try {
   os::FolderHandle pStore;
-  os::SystemError nError = os::OpenFolder(Store, os::Readers::OwnerAlone, &pStore);
+  os::SystemError nError = os::OpenFolder(Store, {}, &pStore);
   // Looks whether another process holds it; what is held itself could not be written to.
   if (nError == os::kSuccess) nError = StoreHold().Take(pStore);
   if (nError != os::kSuccess) return ResultFromSystemError(nError);

@@ -13,7 +13,7 @@ namespace lumbra::salvage {
 // Looks at a store and heals it, holding its files as the component does: where another process holds one, the store is
 // left alone, and the plan says so. *pDone receives the plan, carried out unless it refuses the store or the answer is
 // a failure. Killed at any point and run again, it ends the same.
-ResultCode Heal(const std::u16string& Store, os::Readers ForWhom, Plan* pDone);
+ResultCode Heal(const std::u16string& Store, const os::FolderRules& Rules, Plan* pDone);
 
 // Takes back what was done at a time, which is the name of its folder in "set-aside", in every folder of the store.
 // What has changed since is left as it is, and said. errNOT_FOUND when nothing was done then.

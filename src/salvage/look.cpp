@@ -83,7 +83,7 @@ class StoreLook {
 
 ResultCode Look(const std::u16string& Store, Plan* pPlan) try {
   os::FolderHandle pStore;
-  const os::SystemError nError = os::OpenFolder(Store, os::Readers::OwnerAlone, &pStore);
+  const os::SystemError nError = os::OpenFolder(Store, {}, &pStore);
   if (nError == os::kFileNotFound || nError == os::kPathNotFound) return errOK;
   if (nError != os::kSuccess) return ResultFromSystemError(nError);
   Plan Found;

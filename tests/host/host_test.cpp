@@ -1,6 +1,9 @@
 // The stand-alone host: its printf dialect, its texts, and the order in which lines are filtered and
 // formatted.
 #include <gmock/gmock.h>
+#ifndef _WIN32
+#include <sys/stat.h>
+#endif
 
 #include "component/component_fixture.h"
 #include "host/printed_text.h"
@@ -51,6 +54,9 @@ TEST(HostText, KeepsTheBytesOfNames) {
 TEST(PrintedText, WritesOutWhatNobodySeesOrWhatDoesHarm) {
   const std::tuple<std::string, const char*> kNames[] = {{"C:\\a b\\\"c\"", "C:\\a b\\\"c\""},
                                                          {"\xC3\xA9 \xF0\x9F\x98\x80", "\xC3\xA9 \xF0\x9F\x98\x80"},
+                                                         {"\"a\\x62\"", R"("\"a\\x62\"")"},
+                                                         {"C:\\x41", "C:\\x41"},
+                                                         {"\xC2\xAD\xF3\xA0\x81\x81", R"("\u{ad}\u{e0041}")"},
                                                          {"\x1b[2J\n\x7f", R"("\x1b[2J\x0a\x7f")"},
                                                          {"f\xff", R"("f\xff")"},
                                                          {"\xff\\\"", R"("\xff\\\"")"},
@@ -60,13 +66,11 @@ TEST(PrintedText, WritesOutWhatNobodySeesOrWhatDoesHarm) {
                                                           R"("a\u{202e}b\u{2028}")"}};
   for (const auto& [Name, pShown] : kNames) {
     EXPECT_EQ(pShown, host::Printable(Name));
-    if (*pShown == '"') {
-      EXPECT_EQ(Name, host::ReadPrinted(pShown));
-    }
+    EXPECT_EQ(Name, host::ReadPrinted(pShown));
   }
-  for (const char* const pText : {"\\xf", "\\u{d800}", "\\n", "\\u{110000}", "\\"})
+  for (const char* const pText : {R"("\xf")", R"("\u{d800}")", R"("\n")", R"("\u{110000}")", R"("\")", R"("a)"})
     EXPECT_EQ(std::nullopt, host::ReadPrinted(pText)) << pText;
-  EXPECT_EQ(R"("\u202e\u007f")", host::PrintableJson("\"\xE2\x80\xAE\x7f\""));
+  EXPECT_EQ(R"("\u202e\u007f\udb40\udc41")", host::PrintableJson("\"\xE2\x80\xAE\x7f\xF3\xA0\x81\x81\""));
 }
 
 class HostTest : public ComponentTest {
@@ -96,8 +100,12 @@ TEST_F(HostTest, TracesIntoAPlainFileAlone) {
 #ifndef _WIN32
   fs::create_symlink("old", Folder() / "link");
   EXPECT_FALSE(m_Host->TraceToFile(300, Folder() / "link"));
+  const mode_t nBefore = umask(0777);
   EXPECT_TRUE(m_Host->TraceToFile(300, Folder() / "new"));
+  umask(nBefore);
   EXPECT_EQ(fs::perms(0600), fs::status(Folder() / "new").permissions());
+  fs::permissions(Folder() / "new", fs::perms::others_write, fs::perm_options::add);
+  EXPECT_FALSE(m_Host->TraceToFile(300, Folder() / "new"));
 #endif
 }
 

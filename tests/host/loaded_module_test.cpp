@@ -53,7 +53,7 @@ TEST_F(LoadedModuleTest, RunsAStoreAndLeavesTheProcess) {
   EXPECT_EQ(u"C:\\a.txt", NameOf(Events(5, 1, 1).at(0).nObject));
 }
 
-// Whatever has its name by then; and a second module beside it is another one.
+// Whatever has its name by then.
 TEST_F(LoadedModuleTest, LoadsTheFileThatWasRead) {
   fs::copy_file(LUMBRA_MODULE, Folder() / "module");
   host::ModuleFile Read;
@@ -67,10 +67,25 @@ TEST_F(LoadedModuleTest, LoadsTheFileThatWasRead) {
   m_Host.emplace(Module.Entry());
   EXPECT_CODE(errOK, m_Host->LoadResult());
   Unload();
-  host::LoadedModule Second;
-  ASSERT_EQ("", host::ReadModuleFile(LUMBRA_REFUSING_MODULE, &Read).Text);
-  ASSERT_EQ("", Second.Load(Read).Text);
-  EXPECT_NE(Module.Entry(), Second.Entry());
+}
+
+// The loader keeps every name that a file was loaded by, for as long as the file is in the process.
+TEST_F(LoadedModuleTest, TakesNoModuleForAnotherOne) {
+  const auto Load = [](const char* pPath, host::LoadedModule* pModule) {
+    host::ModuleFile Read;
+    ASSERT_EQ("", host::ReadModuleFile(pPath, &Read).Text);
+    ASSERT_EQ("", pModule->Load(Read).Text);
+  };
+  host::LoadedModule First;
+  host::LoadedModule Other;
+  Load(LUMBRA_MODULE, &First);
+  {
+    host::LoadedModule Again;
+    Load(LUMBRA_MODULE, &Again);
+    EXPECT_EQ(First.Entry(), Again.Entry());
+  }
+  Load(LUMBRA_REFUSING_MODULE, &Other);
+  EXPECT_NE(First.Entry(), Other.Entry());
 }
 
 #ifndef _WIN32

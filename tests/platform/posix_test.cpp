@@ -1,6 +1,7 @@
 // What is posix's own: interrupted calls, links, names with a backslash, and rights.
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -68,6 +69,27 @@ TEST_F(PosixTest, UsesNoFolderThatIsALink) {
   EXPECT_FALSE(Uses("store", u"02"));
   EXPECT_FALSE(Uses("link", u"01"));
   EXPECT_FALSE(Uses("link/", u"01"));
+  EXPECT_FALSE(Uses("link/./", u"01"));
+}
+
+// What was opened is what is looked at: nobody can put another folder there in between.
+TEST_F(PosixTest, UsesNoFolderOfOthers) {
+  WriteFile("store/01/file", {});
+  m_Rules.bOwnFolders = true;
+  const auto Uses = [this] {
+    return StorageEnvironment().InitBelow(this, m_Environment, Path("store").c_str(), u"01", false);
+  };
+  EXPECT_TRUE(Uses());
+  for (const char* const pName : {"store", "store/01"}) {
+    fs::permissions(Folder() / pName, fs::perms(0777));
+    EXPECT_FALSE(Uses()) << pName;
+    fs::permissions(Folder() / pName, fs::perms(0755));
+    if (geteuid() != 0) continue;  // only root can give folders away
+    ASSERT_EQ(0, chown((Folder() / pName).c_str(), 65534, 0));
+    EXPECT_FALSE(Uses()) << pName;
+    ASSERT_EQ(0, chown((Folder() / pName).c_str(), 0, 0));
+  }
+  EXPECT_TRUE(Uses());
 }
 
 // Whatever the mask of the process says; what is there keeps its rights.
@@ -78,7 +100,7 @@ TEST_F(PosixTest, GivesOthersNoRights) {
                                                 {0777u, false, "0700 0700 0600"},
                                                 {0777u, true, "0750 0750 0640"}}) {
     const mode_t nBefore = umask(nMask);
-    m_Readers = bGroup ? os::Readers::OwnerAndGroup : os::Readers::OwnerAlone;
+    m_Rules.ForWhom = bGroup ? os::Readers::OwnerAndGroup : os::Readers::OwnerAlone;
     StorageEnvironment New;
     EXPECT_TRUE(New.InitBelow(this, m_Environment, Path("new").c_str(), u"01", false));
     std::unique_ptr<StorageFile> pFile;

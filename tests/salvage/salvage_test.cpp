@@ -67,7 +67,7 @@ class SalvageTest : public ComponentTest {
 
   salvage::Plan Heal() {
     salvage::Plan Done;
-    Must(salvage::Heal(WideFolder(), os::Readers::OwnerAlone, &Done));
+    Must(salvage::Heal(WideFolder(), {}, &Done));
     return Done;
   }
   std::string Words(const salvage::Plan& Of) const {

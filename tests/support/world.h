@@ -42,7 +42,7 @@ class World : public ::testing::Test, public StorageOwner {
   ~World() override;
 
   bool ExactFileSizes() override { return m_bExactSizes; }
-  os::Readers ReadersOfNewFiles() override { return m_Readers; }
+  os::FolderRules RulesOfFolders() override { return m_Rules; }
 
   const fs::path& Folder() const { return m_Folder; }
   std::u16string WideFolder() const { return m_Folder.u16string(); }
@@ -64,7 +64,7 @@ class World : public ::testing::Test, public StorageOwner {
 
   StorageEnvironment m_Environment;  // on the folder
   bool m_bExactSizes = false;
-  os::Readers m_Readers = os::Readers::OwnerAlone;
+  os::FolderRules m_Rules;
 
  private:
   fs::path m_Folder;

@@ -28,10 +28,11 @@ TEST_F(ToolPosixTest, TellsNamesApartThatAreNoUtf8) {
     EXPECT_THAT(Shown, HasSubstr(Name));
   const std::string kIds =
       Run("find --db 1 " + At("tree/f\xff") + ' ' + At("tree/f\xfe") + ' ' + At("tree/f\xEF\xBF\xBD"));
-  EXPECT_EQ(kIds.substr(0, 38), Run("find --db 1 --escaped '\"" + At("tree") + "/f\\xff\"' " + At("tree/f\\xfe")));
+  EXPECT_EQ(kIds.substr(0, 38),
+            Run("find --db 1 --escaped '\"" + At("tree") + "/f\\xff\"' '\"" + At("tree") + "/f\\xfe\"'"));
   EXPECT_NE(kIds.substr(0, 18), kIds.substr(19, 18));
   EXPECT_NE(kIds.substr(19, 18), kIds.substr(38, 18));
-  Fails("find --db 1 --escaped a\\n", "it has an escape that names are not shown with");
+  Fails("find --db 1 --escaped '\"a\\n\"'", "it has an escape that names are not shown with");
 }
 
 TEST_F(ToolPosixTest, LetsNoNameReachTheTerminal) {
@@ -76,6 +77,15 @@ TEST_F(ToolPosixTest, UsesNoStoreThatOthersMayChange) {
   ASSERT_EQ(0, chown(Folder().c_str(), 65534, 0));
   RunProgram({LUMBRA_TOOL, "info"}, 1);
   EXPECT_THAT(Errors(), HasSubstr("root works in a folder of somebody else; name the store with --store"));
+}
+
+TEST_F(ToolPosixTest, LeavesAnotherUserNothing) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can work as another user";
+  Run("record --db 1");
+  fs::permissions(Folder(), fs::perms(0755));
+  RunProgram({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "/bin/sh", "-c",
+              "test -d store && ! cat store/01/segments.dat && ! flock -n store/g_objid.dat true"});
+  EXPECT_THAT(Errors(), HasSubstr("Permission denied"));
 }
 
 TEST_F(ToolPosixTest, SaysWhatOthersMayRead) {

@@ -201,8 +201,9 @@ TEST_F(ToolTest, ClearsAlsoWhatItWouldNotOpen) {
 
 TEST_F(ToolTest, ClearsNoFilesThatAreNotTheStores) {
   Run("record --db named");
-  WriteFile("store/named/notes.txt", {'x'});
-  Fails("clear --db named --yes", "notes.txt is not the store's");
+  for (const char* const pName : {"notes.txt", "segments.dat.healing"})
+    WriteFile(std::string("store/named/") + pName, {'x'});
+  Fails("clear --db named --yes", "lumbra: notes.txt is not the store's");
   EXPECT_EQ(json({"x"}), Names("named"));
   Run("clear --db named --yes --force");
   EXPECT_FALSE(fs::exists(Folder() / "store/named/notes.txt"));

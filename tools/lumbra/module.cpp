@@ -11,8 +11,9 @@
 namespace lumbra::tool {
 namespace {
 
+// The comment is in quotes of its own.
 void PrintText(const char* pName, const std::string& Text) {
-  std::printf("%-18s  %s\n", pName, Printable(Text).c_str());
+  std::printf("%-18s  %s\n", pName, host::PrintableSentence(Text).c_str());
 }
 
 void PrintHex(const char* pName, std::uint32_t nValue) {

@@ -39,8 +39,10 @@ int Repair(const CommonOptions& Common, const RepairOptions& Options) {
   if (!Options.bYes) {
     Check(salvage::Look(Files.Folder().u16string(), &Found), What);
   } else {
-    const os::Readers ForWhom = Common.bGroupReadable ? os::Readers::OwnerAndGroup : os::Readers::OwnerAlone;
-    Check(salvage::Heal(Files.Folder().u16string(), ForWhom, &Found), What);
+    const os::FolderRules Rules = {
+        .ForWhom = Common.bGroupReadable ? os::Readers::OwnerAndGroup : os::Readers::OwnerAlone,
+        .bOwnFolders = !Common.bTrustStore};
+    Check(salvage::Heal(Files.Folder().u16string(), Rules, &Found), What);
     if (Found.bHeld) throw Failure(What, errSHARING_VIOLATION);
   }
   PrintSteps(Found);

@@ -236,8 +236,10 @@ std::uint32_t StoreFiles::NameCount() const {
 }
 
 std::vector<std::string> StoreFiles::ForeignFiles(const DatabaseName& Database) const {
+  const fs::path Folder = m_Folder / PathOf(Database.Folder());
+  if (fs::is_symlink(Folder)) return {};  // nothing behind it is cleared
   std::vector<std::string> Found;
-  for (const fs::directory_entry& Entry : EntriesOf(m_Folder / PathOf(Database.Folder()))) {
+  for (const fs::directory_entry& Entry : EntriesOf(Folder)) {
     const bool bStays = Entry.is_symlink() || Entry.is_directory();  // which clearing leaves alone
     const std::string Name = TextOf(Entry.path().filename());
     if (!bStays && !IsFileOfDatabase(host::ToUtf16(Name))) Found.push_back(Name);

@@ -212,7 +212,7 @@ SystemError Open(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t 
                  std::uint32_t nFlags, FileHandle* pHandle) try {
   FolderHandle pParent;
   std::string Name;
-  const SystemError nError = OpenParent(NativePath(Path), Readers::OwnerAlone, &pParent, &Name);
+  const SystemError nError = OpenParent(NativePath(Path), {}, &pParent, &Name);
   if (nError != kSuccess) return nError == kFileNotFound ? kPathNotFound : nError;
   return Open(pParent, WideName(Name), nAccess, nShare, nDisposition, nFlags, pHandle);
 } catch (const std::bad_alloc&) {

@@ -24,16 +24,29 @@ constexpr int kFolderFlags = O_DIRECTORY | O_CLOEXEC;
 
 // A folder by its name in another one. One that may be used and not read is opened all the same: its names cannot be
 // listed nor synced then.
-SystemError OpenThere(int nFolder, const std::string& Name, int nFlags, Readers ForWhom, FolderHandle* ppFolder) {
+SystemError OpenThere(int nFolder, const std::string& Name, int nFlags, const FolderRules& Rules,
+                      FolderHandle* ppFolder) {
   int nDescriptor = OpenDescriptor(nFolder, Name, O_RDONLY | kFolderFlags | nFlags);
   if (nDescriptor < 0 && errno == EACCES) nDescriptor = OpenDescriptor(nFolder, Name, O_PATH | kFolderFlags | nFlags);
   if (nDescriptor < 0) return errno == ELOOP ? kAccessDenied : LastError();
   try {
-    *ppFolder = std::make_shared<const OpenedFolder>(nDescriptor, ForWhom);
+    *ppFolder = std::make_shared<const OpenedFolder>(nDescriptor, Rules);
   } catch (const std::bad_alloc&) {
     close(nDescriptor);
     return kNotEnoughMemory;
   }
+  return kSuccess;
+}
+
+// The same, unless it is a link, or the rules leave it alone.
+SystemError OpenHeldToRules(int nFolder, const std::string& Name, const FolderRules& Rules, FolderHandle* ppFolder) {
+  FolderHandle pOpened;
+  const SystemError nError = OpenThere(nFolder, Name, O_NOFOLLOW, Rules, &pOpened);
+  if (nError != kSuccess) return nError;
+  struct stat Status {};
+  if (Rules.bOwnFolders && fstat(pOpened->nDescriptor, &Status) != 0) return LastError();
+  if (Rules.bOwnFolders && (Status.st_uid != geteuid() || (Status.st_mode & S_IWOTH) != 0)) return kAccessDenied;
+  *ppFolder = std::move(pOpened);
   return kSuccess;
 }
 
@@ -171,11 +184,11 @@ OpenedFolder::~OpenedFolder() {
   close(nDescriptor);
 }
 
-SystemError OpenParent(const std::string& Path, Readers ForWhom, FolderHandle* ppParent, std::string* pName) {
+SystemError OpenParent(const std::string& Path, const FolderRules& Rules, FolderHandle* ppParent, std::string* pName) {
   const std::size_t nName = Path.rfind('/') + 1;  // 0 when there is no separator
   *pName = Path.substr(nName);
   if (pName->empty()) pName->assign(1, '.');
-  return OpenThere(AT_FDCWD, nName == 0 ? std::string(1, '.') : Path.substr(0, nName), 0, ForWhom, ppParent);
+  return OpenThere(AT_FDCWD, nName == 0 ? std::string(1, '.') : Path.substr(0, nName), 0, Rules, ppParent);
 }
 
 SystemError MakeFolder(const FolderHandle& pParent, std::u16string_view Name) {
@@ -189,21 +202,22 @@ SystemError MakeFolder(const FolderHandle& pParent, std::u16string_view Name) {
   return kSuccess;
 }
 
-SystemError MakeFolder(std::u16string_view Path, Readers ForWhom) {
+SystemError MakeFolder(std::u16string_view Path, const FolderRules& Rules) {
   FolderHandle pParent;
   std::string Name;
-  const SystemError nError = OpenParent(NativePath(Path), ForWhom, &pParent, &Name);
+  const SystemError nError = OpenParent(NativePath(Path), Rules, &pParent, &Name);
   return nError == kSuccess ? MakeFolder(pParent, WideName(Name)) : nError;
 }
 
-SystemError OpenFolder(std::u16string_view Path, Readers ForWhom, FolderHandle* ppFolder) {
+SystemError OpenFolder(std::u16string_view Path, const FolderRules& Rules, FolderHandle* ppFolder) {
   std::string Native = NativePath(Path);
-  while (Native.size() > 1 && Native.ends_with('/')) Native.pop_back();  // behind which a link would be followed
-  return OpenThere(AT_FDCWD, Native, O_NOFOLLOW, ForWhom, ppFolder);
+  // Behind either a link would be followed.
+  while (Native.size() > 1 && (Native.ends_with('/') || Native.ends_with("/."))) Native.pop_back();
+  return OpenHeldToRules(AT_FDCWD, Native, Rules, ppFolder);
 }
 
 SystemError OpenFolder(const FolderHandle& pParent, std::u16string_view Name, FolderHandle* ppFolder) {
-  return OpenThere(pParent->nDescriptor, NativePath(Name), O_NOFOLLOW, pParent->ForWhom, ppFolder);
+  return OpenHeldToRules(pParent->nDescriptor, NativePath(Name), pParent->Rules, ppFolder);
 }
 
 SearchScope::SearchScope() {

@@ -24,20 +24,21 @@ std::u16string WideName(std::string_view Name);
 SystemError LastError();
 
 struct OpenedFolder {
-  OpenedFolder(int nOpened, Readers For) : nDescriptor(nOpened), ForWhom(For) {}
+  OpenedFolder(int nOpened, const FolderRules& ForIt) : nDescriptor(nOpened), Rules(ForIt) {}
   ~OpenedFolder();
   OpenedFolder(const OpenedFolder&) = delete;
   OpenedFolder& operator=(const OpenedFolder&) = delete;
 
-  mode_t FileMode() const { return ForWhom == Readers::OwnerAlone ? 0600 : 0640; }
-  mode_t FolderMode() const { return ForWhom == Readers::OwnerAlone ? 0700 : 0750; }
+  mode_t FileMode() const { return Rules.ForWhom == Readers::OwnerAlone ? 0600 : 0640; }
+  mode_t FolderMode() const { return Rules.ForWhom == Readers::OwnerAlone ? 0700 : 0750; }
 
   const int nDescriptor;
-  const Readers ForWhom;
+  const FolderRules Rules;
 };
 
-// A path taken apart: the folder that holds its last name, opened by whatever links lead there, and that name.
-SystemError OpenParent(const std::string& Path, Readers ForWhom, FolderHandle* ppParent, std::string* pName);
+// A path taken apart: the folder that holds its last name, opened by whatever links lead there and whosever it is, and
+// that name. The rules are for what is opened and made in it.
+SystemError OpenParent(const std::string& Path, const FolderRules& Rules, FolderHandle* ppParent, std::string* pName);
 
 // openat() that survives EINTR.
 int OpenDescriptor(int nFolder, const std::string& Name, int nFlags, mode_t nMode = 0);

@@ -126,15 +126,15 @@ SystemError IsFolder(std::u16string_view Path, bool* pbFolder) {
   return kSuccess;
 }
 
-SystemError MakeFolder(std::u16string_view Path, Readers /*ForWhom*/) {
+SystemError MakeFolder(std::u16string_view Path, const FolderRules& /*Rules*/) {
   return ErrorUnless(CreateDirectoryW(Wide(NativePath(Path)), nullptr));
 }
 
 SystemError MakeFolder(const FolderHandle& pParent, std::u16string_view Name) {
-  return MakeFolder(pParent->Path + std::u16string(Name), Readers::OwnerAlone);
+  return MakeFolder(pParent->Path + std::u16string(Name), FolderRules());
 }
 
-SystemError OpenFolder(std::u16string_view Path, Readers /*ForWhom*/, FolderHandle* ppFolder) {
+SystemError OpenFolder(std::u16string_view Path, const FolderRules& /*Rules*/, FolderHandle* ppFolder) {
   bool bFolder = false;
   const SystemError nError = IsFolder(Path, &bFolder);
   if (nError != kSuccess) return nError;
@@ -146,7 +146,7 @@ SystemError OpenFolder(std::u16string_view Path, Readers /*ForWhom*/, FolderHand
 }
 
 SystemError OpenFolder(const FolderHandle& pParent, std::u16string_view Name, FolderHandle* ppFolder) {
-  return OpenFolder(pParent->Path + std::u16string(Name), Readers::OwnerAlone, ppFolder);
+  return OpenFolder(pParent->Path + std::u16string(Name), FolderRules(), ppFolder);
 }
 
 // A search asks the system for the names that match, not for all of them: there is nothing to keep.
