@@ -11,11 +11,13 @@
 #include "host/trace_file.h"
 #include "host/trace_format.h"
 #include "host/trust.h"
+#include "salvage/apply.h"
 
 namespace lumbra::host {
 namespace {
 
 constexpr std::uint32_t kFailureLevel = 300;
+constexpr std::uint32_t kDamageLevel = 350;
 
 // A store's folder as the system knows it: on posix the store takes '\\' for a separator, too.
 std::filesystem::path PathOfStore(std::u16string Folder) {
@@ -31,11 +33,17 @@ std::filesystem::path PathOfStore(std::u16string Folder) {
 
 // ---- Store ------------------------------------------------------------------------------------------------
 
-Store::Store(Store&& Other) noexcept : m_pHost(Other.m_pHost), m_pInstance(std::exchange(Other.m_pInstance, nullptr)) {}
+Store::Store(Store&& Other) noexcept
+    : m_pHost(Other.m_pHost),
+      m_pInstance(std::exchange(Other.m_pInstance, nullptr)),
+      m_Healed(std::move(Other.m_Healed)),
+      m_Refusal(std::move(Other.m_Refusal)) {}
 
 Store& Store::operator=(Store&& Other) noexcept {
   std::swap(m_pHost, Other.m_pHost);
   std::swap(m_pInstance, Other.m_pInstance);
+  std::swap(m_Healed, Other.m_Healed);
+  std::swap(m_Refusal, Other.m_Refusal);
   return *this;
 }
 
@@ -43,7 +51,7 @@ Store::~Store() {
   if (m_pInstance != nullptr) m_pHost->Release(m_pInstance);
 }
 
-ResultCode Store::Init() try {
+ResultCode Store::Init(Heal What) try {
   if (!m_pHost->m_bTrustsStores) {
     const std::string Why = WhyStoreNotTrusted(PathOfStore(ReportFolder()));
     if (!Why.empty()) {
@@ -54,9 +62,32 @@ ResultCode Store::Init() try {
     const ResultCode nCode = SetNumber(propOWN_FOLDERS, 1);
     if (Failed(nCode) && nCode != errPROPERTY_READ_ONLY) return nCode;  // read-only: it is open
   }
-  return m_pInstance->pLifecycle->ObjectInitDone(m_pInstance);
+  const std::lock_guard Hold(m_pHost->m_OpeningLock);
+  m_Refusal.clear();
+  const ResultCode nHealed = What == Heal::On ? HealBefore() : errOK;
+  return Failed(nHealed) ? nHealed : m_pInstance->pLifecycle->ObjectInitDone(m_pInstance);
 } catch (const std::bad_alloc&) {
   return errOUT_OF_MEMORY;
+}
+
+ResultCode Store::HealBefore() {
+  std::uint32_t nGroupReadable = 0;
+  (void)GetNumber(propGROUP_READABLE, &nGroupReadable);  // a module that does not know it makes files for their owner
+  const os::FolderRules Rules = {.ForWhom = nGroupReadable != 0 ? os::Readers::OwnerAndGroup : os::Readers::OwnerAlone,
+                                 .bOwnFolders = !m_pHost->m_bTrustsStores};
+  salvage::Plan Done;
+  const ResultCode nCode = salvage::Heal(ReportFolder(), Rules, &Done);
+  if (Failed(nCode) || !Done.Refusal.empty()) {
+    m_Refusal = Done.Refusal.empty() ? "its damage cannot be healed now" : PrintableSentence(Done.Refusal);
+    m_pHost->WriteLine(kFailureLevel, "the store is not opened: " + m_Refusal);
+    return Failed(nCode) ? nCode : errDATA_CORRUPTED;
+  }
+  for (const salvage::Step& One : Done.Steps) {
+    if (!One.Acts()) continue;
+    m_Healed.push_back(PrintableSentence(salvage::Describe(One)));
+    m_pHost->WriteLine(kDamageLevel, "healed: " + m_Healed.back());
+  }
+  return errOK;
 }
 
 ResultCode Store::SetNumber(std::uint32_t nPropertyId, std::uint32_t nValue) {

@@ -27,6 +27,8 @@ namespace lumbra::host {
 
 class StandaloneHost;
 
+enum class Heal { On, Off };
+
 // One use of a store instance; ends with ObjectShutdown and ObjectFree, for the shared instance when its last
 // user ends; a SendFlush that is under way is a user, too, and the instance then ends with it. A Store that holds no
 // instance converts to false.
@@ -41,7 +43,18 @@ class Store {
 
   // Opens the store (ObjectInitDone). Properties that concern opening are set before. errACCESS_DENIED, with a trace
   // line of level 300 that says why, when others may change the store (host/trust.h), unless the host trusts it.
-  ResultCode Init();
+  //
+  // Before the component meets the store, what is lost or damaged in it is healed, so that it costs no more than itself
+  // (salvage/look.h); a store that somebody has open is left alone. Where the look or the healing fails, its code is
+  // answered; where opening would lose all shared objects, errDATA_CORRUPTED. The store is not opened then, and a trace
+  // line of level 300 says why.
+  ResultCode Init(Heal What = Heal::On);
+
+  // What Init has healed: a line for each file. Names in it are printable.
+  const std::vector<std::string>& Healed() const { return m_Healed; }
+
+  // Why the last Init did not let the component meet the store, in such words; empty when it did.
+  const std::string& Refusal() const { return m_Refusal; }
 
   // Calls one of the 19 operations: Call(&LumbraOperations::InitDB, 1, 64).
   template <class... Parameters>
@@ -61,10 +74,13 @@ class Store {
 
  private:
   friend class StandaloneHost;
+  ResultCode HealBefore();
   Store(StandaloneHost* pHost, LumbraInstance* pInstance) : m_pHost(pHost), m_pInstance(pInstance) {}
 
   StandaloneHost* m_pHost = nullptr;
   LumbraInstance* m_pInstance = nullptr;
+  std::vector<std::string> m_Healed;
+  std::string m_Refusal;
 };
 
 // Writes a trace line as TraceToStream does: its level, and the line.
@@ -144,6 +160,9 @@ class StandaloneHost {
   std::condition_variable_any m_Ended;
   std::vector<Handler> m_Handlers;
   std::map<std::u16string, std::u16string> m_Placeholders;
+
+  // Held while a store is healed and opened: healing holds its files for a moment, which would shut out another thread.
+  std::mutex m_OpeningLock;
 
   std::atomic<bool> m_bFlushFailed{false};  // since there were no instances
   std::atomic<std::uint32_t> m_nTraceLevel{0};

@@ -105,6 +105,9 @@ class StoreHold {
     return nError;
   }
 
+  // What Take could not open.
+  const Step& Refused() const { return m_Refused; }
+
   // The file, if it is held: on Windows nobody else can write to it meanwhile, not even we.
   os::FileHandle Find(const std::u16string& Folder, const std::u16string& File) const {
     const auto Found = m_Files.find({Folder, File});
@@ -117,10 +120,12 @@ class StoreHold {
     const os::SystemError nError = pFile->Open(pFolder, Name, kHold, os::Disposition::OpenExisting);
     if (nError == os::kFileNotFound) return os::kSuccess;
     if (nError == os::kSuccess) m_Files[{Folder, Name}] = std::move(pFile);
+    if (nError != os::kSuccess) m_Refused = {.Folder = Folder, .File = Name, .Why = "it cannot be opened"};
     return nError;
   }
 
   std::map<std::pair<std::u16string, std::u16string>, std::unique_ptr<OpenFile>> m_Files;
+  Step m_Refused;
 };
 
 // ---- Carrying out -----------------------------------------------------------------------------------------
@@ -316,17 +321,21 @@ ResultCode Heal(const std::u16string& Store, const os::FolderRules& Rules, Plan*
     pDone->bHeld = true;
     return errOK;
   }
-  if (nError != os::kSuccess) return ResultFromSystemError(nError);
-  const ResultCode nLooked = Look(Store, pDone);
+  if (nError != os::kSuccess) {
+    pDone->Refusal = Describe(Hold.Refused());
+    return ResultFromSystemError(nError);
+  }
+  const ResultCode nLooked = Look(pStore, pDone);
   if (Failed(nLooked) || !pDone->Refusal.empty() || !pDone->Acts()) return nLooked;
   return ResultFromSystemError(Healer(pStore, Hold).Run(pDone->Steps));
 } catch (const std::bad_alloc&) {
   return errOUT_OF_MEMORY;
 }
 
-ResultCode Undo(const std::u16string& Store, const std::string& Time, std::vector<std::string>* pLeft) try {
+ResultCode Undo(const std::u16string& Store, const os::FolderRules& Rules, const std::string& Time,
+                std::vector<std::string>* pLeft) try {
   os::FolderHandle pStore;
-  os::SystemError nError = os::OpenFolder(Store, {}, &pStore);
+  os::SystemError nError = os::OpenFolder(Store, Rules, &pStore);
   // Looks whether another process holds it; what is held itself could not be written to.
   if (nError == os::kSuccess) nError = StoreHold().Take(pStore);
   if (nError != os::kSuccess) return ResultFromSystemError(nError);

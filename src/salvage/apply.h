@@ -17,6 +17,7 @@ ResultCode Heal(const std::u16string& Store, const os::FolderRules& Rules, Plan*
 
 // Takes back what was done at a time, which is the name of its folder in "set-aside", in every folder of the store.
 // What has changed since is left as it is, and said. errNOT_FOUND when nothing was done then.
-ResultCode Undo(const std::u16string& Store, const std::string& Time, std::vector<std::string>* pLeft);
+ResultCode Undo(const std::u16string& Store, const os::FolderRules& Rules, const std::string& Time,
+                std::vector<std::string>* pLeft);
 
 }  // namespace lumbra::salvage

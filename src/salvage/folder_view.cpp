@@ -31,7 +31,10 @@ std::string FolderView::Read(std::u16string_view Name, std::uint64_t nOffset, st
     nError = os::ReadAt(Opened, nOffset, Bytes.data(), nSize, &nRead);
     (void)os::Close(Opened);  // nothing was written
   }
-  if (nError != os::kSuccess) m_nFailure = ResultFromSystemError(nError);
+  if (nError != os::kSuccess) {
+    m_nFailure = ResultFromSystemError(nError);
+    m_FailedFile = Name;
+  }
   Bytes.resize(nRead);
   return Bytes;
 }

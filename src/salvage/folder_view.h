@@ -31,11 +31,13 @@ class FolderView {
   // the look is worth nothing then.
   std::string Read(std::u16string_view Name, std::uint64_t nOffset, std::uint32_t nSize);
   ResultCode Failure() const { return m_nFailure; }
+  const std::u16string& FailedFile() const { return m_FailedFile; }
 
  private:
   os::FolderHandle m_pFolder;
   std::map<std::u16string, File, std::less<>> m_Files;
   ResultCode m_nFailure = errOK;
+  std::u16string m_FailedFile;
 };
 
 }  // namespace lumbra::salvage

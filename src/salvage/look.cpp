@@ -55,7 +55,7 @@ class StoreLook {
       if (Failed(nCode)) return nCode;
     }
     LookAtIndex(Files, m_Named, m_pPlan);
-    return Files.Failure();
+    return FailureOf(Files, {});
   }
 
  private:
@@ -71,6 +71,12 @@ class StoreLook {
     if (!HasFilesOfDatabase(Files)) return errOK;
     LookAtDatabase(Folder, Files, m_pPlan);
     if (!bNumbered) m_Named[Folder] = IdentityOf(Files);
+    return FailureOf(Files, Folder);
+  }
+
+  ResultCode FailureOf(const FolderView& Files, const std::u16string& Folder) {
+    if (Failed(Files.Failure()))
+      m_pPlan->Refusal = Describe({.Folder = Folder, .File = Files.FailedFile(), .Why = "it cannot be read"});
     return Files.Failure();
   }
 
@@ -81,14 +87,18 @@ class StoreLook {
 
 }  // namespace
 
-ResultCode Look(const std::u16string& Store, Plan* pPlan) try {
+ResultCode Look(const std::u16string& Store, Plan* pPlan) {
   os::FolderHandle pStore;
   const os::SystemError nError = os::OpenFolder(Store, {}, &pStore);
   if (nError == os::kFileNotFound || nError == os::kPathNotFound) return errOK;
-  if (nError != os::kSuccess) return ResultFromSystemError(nError);
+  return nError == os::kSuccess ? Look(pStore, pPlan) : ResultFromSystemError(nError);
+}
+
+ResultCode Look(const os::FolderHandle& pStore, Plan* pPlan) try {
   Plan Found;
   const ResultCode nCode = StoreLook(pStore, &Found).Run();
-  if (Succeeded(nCode)) *pPlan = std::move(Found);
+  if (Failed(nCode)) Found.Steps.clear();
+  *pPlan = std::move(Found);
   return nCode;
 } catch (const std::bad_alloc&) {
   return errOUT_OF_MEMORY;

@@ -6,12 +6,16 @@
 #include <string>
 
 #include "lumbra/result_code.h"
+#include "platform/os.h"
 #include "salvage/plan.h"
 
 namespace lumbra::salvage {
 
-// Makes the plan for a whole store, by its folder; an empty one where there is none. A failure of the system, of which
-// nothing is known of the files, leaves *pPlan as it is.
+// Makes the plan for a whole store, by its folder; an empty one where there is none. After a failure of the system,
+// from which nothing is known of the files, the plan has no steps, and its refusal names the file.
 ResultCode Look(const std::u16string& Store, Plan* pPlan);
+
+// The same of a folder that is open.
+ResultCode Look(const os::FolderHandle& pStore, Plan* pPlan);
 
 }  // namespace lumbra::salvage

@@ -29,10 +29,13 @@ class IndexLook {
   void Look() {
     const FolderView::File* const pFile = m_Files.Find(kIndexFile);
     if (pFile == nullptr && m_Known.empty()) return;
-    const std::string Content = m_Files.Read(kIndexFile, 0, (kMaxIndexNames + 1) * kIndexBlockSize);
+    constexpr std::uint32_t kLongest = 1 << 20;  // of which all old bytes are kept
+    if (pFile != nullptr && pFile->nSize > kLongest) return Report("far longer than an index can be; left as it is");
+    const std::string Content = m_Files.Read(kIndexFile, 0, kLongest);
     const std::string Head = Content.substr(0, kIndexBlockSize);
     const bool bMarked = Head == BytesOf(kCorruptedIndexSignature);
-    for (std::size_t nAt = kIndexBlockSize; nAt + kIndexBlockSize <= Content.size(); nAt += kIndexBlockSize)
+    for (std::size_t nAt = kIndexBlockSize; nAt + kIndexBlockSize <= Content.size() && m_Items.size() < kMaxIndexNames;
+         nAt += kIndexBlockSize)
       m_Items.push_back(NameIn(Content.substr(nAt, kIndexBlockSize)));
     if (!TakeFromFolders()) return;
     std::string Mended = BytesOf(bMarked ? kCorruptedIndexSignature : kIndexSignature);
@@ -63,17 +66,12 @@ class IndexLook {
         continue;
       }
       bAgree = false;
-      m_pPlan->Steps.push_back(
-          {Step::Kind::Report,
-           {},
-           kIndexFile,
-           0,
-           {},
-           {},
-           "several databases claim the id " + std::to_string(kFirstNamedDatabase + nPosition) + "; left as it is"});
+      Report("several databases claim the id " + std::to_string(kFirstNamedDatabase + nPosition) + "; left as it is");
     }
     return bAgree;
   }
+
+  void Report(const std::string& Why) { m_pPlan->Steps.push_back({.File = kIndexFile, .Why = Why}); }
 
   bool IsFolder(const std::string& Key) const {
     return std::ranges::any_of(m_Known,

@@ -18,12 +18,12 @@ struct Step {
   };
 
   Kind What = Kind::Report;
-  std::u16string Folder;      // of the database, within the store's; empty: the store's own
-  std::u16string File;        // in that folder; empty: the database as a whole
-  std::uint64_t nOffset = 0;  // of a patch
-  std::string Before;         // the bytes that a patch or a whole new file takes the place of
-  std::string After;          // and what they become; of a file that is created, its content
-  std::string Why;            // what was found and what becomes of it, in words
+  std::u16string Folder = {};  // of the database, within the store's; empty: the store's own
+  std::u16string File = {};    // in that folder; empty: the database as a whole
+  std::uint64_t nOffset = 0;   // of a patch
+  std::string Before = {};     // the bytes that a patch or a whole new file takes the place of
+  std::string After = {};      // and what they become; of a file that is created, its content
+  std::string Why;             // what was found and what becomes of it, in words
 
   bool Acts() const { return What != Kind::Report; }
 };
@@ -31,7 +31,7 @@ struct Step {
 struct Plan {
   std::vector<Step> Steps;
   bool bHeld = false;   // another process holds the store: it was left alone
-  std::string Refusal;  // why the store must not be opened as it is; empty when it may
+  std::string Refusal;  // why the store must not be opened as it is, or could not be looked at; empty when it may
 
   bool Acts() const;  // whether a step does
 };

@@ -41,7 +41,7 @@ class ComponentTest : public World {
     Close();
     m_Store = m_Host->Create();
     Must(m_Store.SetNumber(propCHECK_MODE, nCheckMode));
-    return m_Store.Init();
+    return m_Store.Init(host::Heal::Off);
   }
   void Restart(std::uint32_t nCheckMode = 0) { Must(Open(nCheckMode)); }
 

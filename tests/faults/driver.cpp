@@ -121,7 +121,7 @@ bool Driver::OpenStore() {
     if (!Done(Now.Store.SetNumber(propCHECK_MODE, m_With.bChecked ? 1 : 0), "setting the mode")) return false;
   }
   if (Now.bOpen) return true;
-  return Now.bOpen = Done(InStore([&] { return Now.Store.Init(); }), "opening the store");
+  return Now.bOpen = Done(InStore([&] { return Now.Store.Init(m_With.What); }), "opening the store");
 }
 
 bool Driver::OpenDatabase(Database* pDatabase, Limits Set) {

@@ -178,7 +178,7 @@ TEST_F(SalvageTest, GivesTheOldBytesBack) {
       if (Entry.path().parent_path().filename() == "set-aside") Time = Entry.path().filename().string();
     }
     std::vector<std::string> Left;
-    Step(File, salvage::Undo(WideFolder(), Time, &Left)).Is(errOK);
+    Step(File, salvage::Undo(WideFolder(), {}, Time, &Left)).Is(errOK);
     EXPECT_EQ(std::vector<std::string>(), Left);
     std::map<std::string, Bytes> Now = Contents(Take());
     std::erase_if(Now, [](const auto& One) { return One.first.find("set-aside") != std::string::npos; });

@@ -107,7 +107,7 @@ TEST_F(ToolPosixTest, WaitsForNoPipeAndReadsNoMoreThanAFileCanHold) {
   }
   fs::resize_file(At("store/g_db_id.dat"), std::uint64_t{1} << 40);
   WriteFile("store/b/segments.dat", ReadFile("store/a/segments.dat"));
-  EXPECT_THAT(Run("info"), HasSubstr("\n  -  b "));
+  EXPECT_THAT(Run("info", 3), HasSubstr("\n  -  b "));
 }
 
 TEST_F(ToolPosixTest, TakesNothingForMissingThatItCannotLookAt) {
@@ -115,12 +115,14 @@ TEST_F(ToolPosixTest, TakesNothingForMissingThatItCannotLookAt) {
   fs::remove(Folder() / "store/g_db_id.dat");  // the tool itself looks into a database that the store does not know
   const fs::path Segment = At("store/a/00000002_events.dat");
   fs::remove(Segment);
-  EXPECT_EQ(1, json::parse(Run("info --json")).at("databases")[1]["records"]);
+  EXPECT_EQ(1, json::parse(Run("info --json", 3)).at("databases")[1]["records"]);
+  fs::remove(Segment);
   fs::create_symlink(Segment.filename(), Segment);  // a link to itself, to which every look fails
-  Fails("info", "lumbra: look at " + Segment.string() + ": ");
+  Fails("info", "a/00000002_events.dat: it cannot be read");
+  fs::remove(Segment);
   fs::remove(At("store/a/segments.dat"));
   fs::create_directory(At("store/a/segments.dat"));
-  Fails("record --db a", "lumbra: look at " + At("store/a/segments.dat: "));
+  Fails("record --db a", "a/segments.dat");
 }
 
 TEST_F(ToolPosixTest, ModuleShowsItsEntryAlone) {

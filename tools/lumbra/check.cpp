@@ -89,22 +89,22 @@ int CheckStore(const CommonOptions& Common, const NoOptions& /*Options*/) {
   }
   if (Files.IsMarkedCorrupted()) {
     std::puts("The store is marked corrupted: damaged data was met at some time. The quick check is not run on it.");
-    return kExitFailed;
+    return kExitIncomplete;
   }
   if (Store.IsCorrupted()) {
     std::puts("The quick check found damage. What is damaged is refused; the rest can be read.");
-    return kExitFailed;
+    return kExitIncomplete;
   }
   if (Found.AnyLost()) {
     std::puts("What is said above is lost. Named databases whose ids were lost get new ones when they are opened.");
-    return kExitFailed;
+    return kExitIncomplete;
   }
   if (!Files.SharedObjectsHaveCrcs()) {
     std::puts("The shared objects have no CRCs (their files were not created in check mode): nothing to check.");
     return kExitOk;
   }
   std::puts(Found.Any() ? "The newest objects are sound now." : "The newest objects are sound.");
-  return kExitOk;
+  return Store.StatusOfReading(Found.Any() ? kExitIncomplete : kExitOk);
 }
 
 }  // namespace lumbra::tool

@@ -13,7 +13,7 @@ namespace lumbra::tool {
 inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailed = 1;
 inline constexpr int kExitUsage = 2;
-inline constexpr int kExitIncomplete = 3;  // some of the events that were asked for could not be read
+inline constexpr int kExitIncomplete = 3;  // it was read, and something was damaged or missing
 inline constexpr int kExitInterrupted = 130;
 
 // ---- Events -----------------------------------------------------------------------------------------------

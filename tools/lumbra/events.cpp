@@ -186,30 +186,21 @@ int Events(const CommonOptions& Common, const EventsOptions& Options) {
   if (!Files) throw Failure("list " + Options.Database.Describe(), errREAD_FAILED);
   Printer Output(&Store, Options);
   EventReader Reader(&Store, nDatabase, &Output);
-  const auto SegmentFailure = [&Options](std::uint32_t nNumber, ResultCode nCode, const std::string& Meaning) {
-    return Failure("read segment " + std::to_string(nNumber) + " of " + Options.Database.Describe(), nCode, Meaning);
-  };
   int nStatus = kExitOk;
   for (const Run& Wanted : ChooseRuns(Files->Segments, Options)) {
     std::uint64_t nShown = 0;
     const ResultCode nCode = Reader.Show(Wanted, Options.bParents, &nShown);
     if (Succeeded(nCode)) continue;
     // The segments behind it may be sound: they are shown, too.
-    ReportFailure(SegmentFailure(Wanted.nSegment, nCode,
-                                 std::to_string(Wanted.nCount - nShown) + " of its events are missing here"));
-    nStatus = kExitIncomplete;
-  }
-  for (const SegmentFile& Segment : Store.Files().OutOfReach(Options.Database, *Files)) {
-    ReportFailure(SegmentFailure(
-        Segment.nNumber, errOBJECT_NOT_FOUND,
-        "one before it is missing, and its " + std::to_string(Segment.nEvents) + " events are out of reach"));
+    ReportFailure(Failure("read segment " + std::to_string(Wanted.nSegment) + " of " + Options.Database.Describe(),
+                          nCode, std::to_string(Wanted.nCount - nShown) + " of its events are missing here"));
     nStatus = kExitIncomplete;
   }
   if (const ResultCode nCode = Output.UnreadableCode(); Failed(nCode)) {
     ReportFailure(Failure("read the objects of some events", nCode));
-    if (nStatus == kExitOk) nStatus = kExitFailed;
+    nStatus = kExitIncomplete;
   }
-  return nStatus;
+  return Store.StatusOfReading(nStatus);
 }
 
 }  // namespace lumbra::tool

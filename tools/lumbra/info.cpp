@@ -83,11 +83,11 @@ int Info(const CommonOptions& Common, const InfoOptions& Options) {
       Databases.push_back(Describe(Store, Database));
     } catch (const Failure& Reason) {  // one that cannot be opened does not hide the others
       ReportFailure(Reason);
-      nStatus = kExitFailed;
+      nStatus = kExitIncomplete;
     }
   }
   Options.bJson ? PrintJson(Store, Databases) : PrintText(Store, Databases);
-  return nStatus;
+  return Store.StatusOfReading(Store.IsCorrupted() ? kExitIncomplete : nStatus);
 }
 
 }  // namespace lumbra::tool

@@ -142,7 +142,7 @@ int Name(const CommonOptions& Common, const NameOptions& Options) {
       nStatus = kExitFailed;
     }
   }
-  return nStatus;
+  return Store.StatusOfReading(nStatus);
 }
 
 int Link(const CommonOptions& Common, const LinkOptions& Options) {

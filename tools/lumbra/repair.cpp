@@ -16,11 +16,16 @@ void PrintSteps(const salvage::Plan& Found) {
     std::printf("%s %s\n", One.Acts() ? "-" : "!", Printable(salvage::Describe(One)).c_str());
 }
 
-int TakeBack(const StoreFiles& Files, const std::string& Time, const std::string& What) {
+os::FolderRules RulesOf(const CommonOptions& Common) {
+  return {.ForWhom = Common.bGroupReadable ? os::Readers::OwnerAndGroup : os::Readers::OwnerAlone,
+          .bOwnFolders = !Common.bTrustStore};
+}
+
+int TakeBack(const CommonOptions& Common, const StoreFiles& Files, const std::string& Time, const std::string& What) {
   if (Time.find_first_not_of("0123456789TZ-") != std::string::npos)
     throw Failure(What, errPARAMETER_INVALID, "a time is the name of a folder in set-aside");
   std::vector<std::string> Left;
-  const ResultCode nCode = salvage::Undo(Files.Folder().u16string(), Time, &Left);
+  const ResultCode nCode = salvage::Undo(Files.Folder().u16string(), RulesOf(Common), Time, &Left);
   if (nCode == errNOT_FOUND) throw Failure(What, nCode, "nothing was done at that time");
   Check(nCode, What);
   for (const std::string& Line : Left) std::printf("! %s\n", Printable(Line).c_str());
@@ -34,15 +39,12 @@ int Repair(const CommonOptions& Common, const RepairOptions& Options) {
   const StoreFiles Files = FilesOf(Common);
   const std::string What = "repair " + Printable(TextOf(Files.Folder()));
   if (!Files.IsFolder()) throw Failure(What, errOBJECT_NOT_FOUND, "there is no store here");
-  if (!Options.Undo.empty()) return TakeBack(Files, Options.Undo, What);
+  if (!Options.Undo.empty()) return TakeBack(Common, Files, Options.Undo, What);
   salvage::Plan Found;
   if (!Options.bYes) {
     Check(salvage::Look(Files.Folder().u16string(), &Found), What);
   } else {
-    const os::FolderRules Rules = {
-        .ForWhom = Common.bGroupReadable ? os::Readers::OwnerAndGroup : os::Readers::OwnerAlone,
-        .bOwnFolders = !Common.bTrustStore};
-    Check(salvage::Heal(Files.Folder().u16string(), Rules, &Found), What);
+    Check(salvage::Heal(Files.Folder().u16string(), RulesOf(Common), &Found), What);
     if (Found.bHeld) throw Failure(What, errSHARING_VIOLATION);
   }
   PrintSteps(Found);

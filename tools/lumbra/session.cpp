@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "commands.h"
 #include "failure.h"
 #include "format/database_name.h"
 #include "format/named_index_file.h"
@@ -73,7 +74,13 @@ Session::Session(const CommonOptions& Options, Missing Store, DamageListener Lis
   if (nCode == errOPEN_FAILED) {
     if (const std::string Reason = WhyNotUsable(m_Files.Folder()); !Reason.empty()) throw Failure(What, nCode, Reason);
   }
+  if (!m_Store.Refusal().empty()) throw Failure(What, nCode, m_Store.Refusal());
+  for (const std::string& Line : m_Store.Healed()) std::fprintf(stderr, "lumbra: healed %s\n", Line.c_str());
   Check(nCode, What);
+}
+
+int Session::StatusOfReading(int nStatus) const {
+  return nStatus == kExitOk && !m_Store.Healed().empty() ? kExitIncomplete : nStatus;
 }
 
 // The user's level goes to stderr; what the listener is told does not depend on it.

@@ -128,7 +128,7 @@ std::optional<DatabaseName> ParseDatabaseName(const std::string& Text, std::stri
 }
 
 bool StoreFiles::Exists() const {
-  return IsThere(m_Folder / kSharedIdsFile);
+  return IsThere(m_Folder / kSharedIdsFile) || IsThere(m_Folder / kSharedDataFile);
 }
 
 bool StoreFiles::IsFolder() const {
@@ -181,19 +181,6 @@ std::vector<DatabaseName> StoreFiles::Databases() const {
   std::sort(Named.begin(), Named.end(), [](const auto& a, const auto& b) { return a.Name < b.Name; });
   Numbered.insert(Numbered.end(), Named.begin(), Named.end());
   return Numbered;
-}
-
-std::vector<SegmentFile> StoreFiles::OutOfReach(const DatabaseName& Database, const DatabaseFiles& Chain) const {
-  const std::uint32_t nLast = Chain.Segments.empty() ? 0 : Chain.Segments.back().nNumber;
-  std::vector<SegmentFile> Found;
-  for (const fs::directory_entry& Entry : EntriesOf(m_Folder / PathOf(Database.Folder()))) {
-    const std::uint32_t nNumber = NumberOfEventsFile(Entry.path().filename());
-    if (nNumber <= nLast) continue;
-    const std::uint64_t nEvents = RecordCountOfSize(SizeOfFile(Entry.path()).value_or(0), Chain.nEventSize);
-    if (nEvents != 0) Found.push_back({nNumber, nEvents});
-  }
-  std::sort(Found.begin(), Found.end(), [](const auto& a, const auto& b) { return a.nNumber < b.nNumber; });
-  return Found;
 }
 
 bool StoreFiles::HasLostEvents(const DatabaseName& Database) const {

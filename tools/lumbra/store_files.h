@@ -49,10 +49,6 @@ class StoreFiles {
   // Reads the header of a database that is there, and lists its segments; nothing when the header is damaged.
   std::optional<DatabaseFiles> Read(const DatabaseName& Database) const;
 
-  // The segments with events that are behind the end of its chain, oldest first: a file between them is missing, and
-  // the store does not find them.
-  std::vector<SegmentFile> OutOfReach(const DatabaseName& Database, const DatabaseFiles& Chain) const;
-
   // Whether its folder holds events, and no header that leads to a segment: opening it would start it anew.
   bool HasLostEvents(const DatabaseName& Database) const;
 
