@@ -45,7 +45,12 @@ ResultCode SharedStore::Open(const char16_t* pFolder, bool bCheckMode, bool bEnv
   (void)pEnvironment->OpenFile(kSharedTreeFile, 0, true, true, &Files.pTree);
   (void)pEnvironment->OpenFile(kSharedIdsFile, 0, true, true, &Files.pIds);
   (void)pEnvironment->OpenFile(kSharedDataFile, 0, true, true, &Files.pData);
+  std::uint64_t nRecorded = 1;
+  const bool bNew = Files.pIds != nullptr && Files.pIds->GetSize(&nRecorded) && nRecorded == 0;
   if (Failed(pStore->Open(0, Files, TreeHead::Large))) return errOPEN_FAILED;
+  // The heads of a new store are on the disk before its first name: a power cut leaves no names whose records have lost
+  // theirs, which could not be told from a store that has lost all its records.
+  if (bNew) (void)pStore->Flush();  // answers errOK always
   // At once, and not only when the first instance has created its well-known objects: those would be the newest, known
   // to the tree, and the quick check would not miss the others. A refill that fails is no reason not to start: the
   // store tries it again before it takes a name for missing.

@@ -45,7 +45,6 @@ class StoreLook {
     FolderView Files;
     const ResultCode nListed = Files.Open(m_pStore);
     if (Failed(nListed)) return nListed;
-    LookAtSharedObjects(Files, m_pPlan);
     std::vector<std::u16string> Folders;
     if (const os::SystemError nError = os::ListFolders(m_pStore, &Folders); nError != os::kSuccess)
       return ResultFromSystemError(nError);
@@ -54,6 +53,7 @@ class StoreLook {
       const ResultCode nCode = LookIn(Folder);
       if (Failed(nCode)) return nCode;
     }
+    LookAtSharedObjects(Files, m_bHasEvents, m_pPlan);
     LookAtIndex(Files, m_Named, m_pPlan);
     return FailureOf(Files, {});
   }
@@ -70,6 +70,7 @@ class StoreLook {
     if (Failed(nListed)) return nListed;
     if (!HasFilesOfDatabase(Files)) return errOK;
     LookAtDatabase(Folder, Files, m_pPlan);
+    m_bHasEvents = m_bHasEvents || HasEvents(Files);
     if (!bNumbered) m_Named[Folder] = IdentityOf(Files);
     return FailureOf(Files, Folder);
   }
@@ -82,6 +83,7 @@ class StoreLook {
 
   os::FolderHandle m_pStore;
   Plan* m_pPlan;
+  bool m_bHasEvents = false;
   std::map<std::u16string, std::optional<std::uint32_t>> m_Named;
 };
 

@@ -254,7 +254,7 @@ class DatabaseLook {
     }
     const std::uint32_t nNext = m_Chain.back().nNumber + 1;
     if (!m_Files.Has(SegmentFileName(nNext, kEventsFile)) && HasNames(nNext)) {
-      StartSegment(nNext, "its events are lost; an empty file keeps its names readable");
+      StartSegment(nNext, kLostEvents);
       StartSegment(nNext + 1, kSuccessor);
     } else if (bNewestLacks) {
       StartSegment(nNext, kSuccessor);
@@ -262,6 +262,7 @@ class DatabaseLook {
   }
 
   // Of the newest segment something is lost: it must not give the ids of that to others.
+  static constexpr char kLostEvents[] = "its events are lost; an empty file keeps its names readable";
   static constexpr char kSuccessor[] = "a new segment, so that ids of what is lost are given to no others";
 
   void StartSegment(std::uint32_t nNumber, const char* pWhy) {
@@ -289,11 +290,16 @@ class DatabaseLook {
                           std::to_string(m_Chain.front().nNumber) + " again");
   }
 
-  // No segment is left. An empty one under the recorded number keeps ids from coming back.
+  // No segment is left. The component would begin at 1 again, and give ids that were given; where the first one has
+  // names, it has lost its events.
   void MendNothingLeft() {
     if (!m_bHeaderGood || m_nFirst == 0) return;
-    Create(SegmentFileName(m_nFirst, kEventsFile), EventsHead(m_nEventSize),
-           "no segment is left; an empty one keeps the ids of lost events from coming back");
+    if (HasNames(m_nFirst)) {
+      StartSegment(m_nFirst, kLostEvents);
+      StartSegment(m_nFirst + 1, kSuccessor);
+    } else if (m_nFirst > 1) {
+      StartSegment(m_nFirst, "no segment is left; an empty one keeps the ids of lost events from coming back");
+    }
   }
 
   void PutHeader(const std::string& Wanted, const std::string& Why) {
@@ -328,6 +334,12 @@ class DatabaseLook {
 };
 
 }  // namespace
+
+bool HasEvents(const FolderView& Files) {
+  return std::ranges::any_of(Files.Files(), [](const auto& One) {
+    return IsEventsFileName(One.first) && One.second.nSize > sizeof(tPLAINDB_HEADER);
+  });
+}
 
 void LookAtDatabase(const std::u16string& Folder, FolderView& Files, Plan* pPlan) {
   DatabaseLook(Folder, Files, pPlan).Run();

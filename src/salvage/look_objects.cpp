@@ -130,7 +130,7 @@ void LookAtObjectHeads(const std::u16string& Folder, FolderView& Files, const Ob
   Heads(Folder, Files, Names, pPlan).Look();
 }
 
-void LookAtSharedObjects(FolderView& Files, Plan* pPlan) {
+void LookAtSharedObjects(FolderView& Files, bool bHasEvents, Plan* pPlan) {
   const ObjectFileNames Names{kSharedIdsFile, kSharedTreeFile, kSharedDataFile};
   const std::size_t nBefore = pPlan->Steps.size();
   LookAtObjectHeads({}, Files, Names, pPlan);
@@ -138,7 +138,7 @@ void LookAtSharedObjects(FolderView& Files, Plan* pPlan) {
   const FolderView::File* const pData = Files.Find(Names.Data);
   if (pData == nullptr || pData->nSize <= sizeof(FILE_MAGIC)) return;
   const bool bIds = FormOfIds(Files.Read(Names.Ids, 0, sizeof(tPLAINDB_HEADER))) != Form::Unknown;
-  if (bIds || bMended) return;
+  if (bIds || bMended || !bHasEvents) return;
   pPlan->Refusal =
       Files.Has(Names.Ids)
           ? "g_objid.dat is damaged beside the names of g_objdt.dat: opened, all shared objects would be lost"

@@ -29,10 +29,11 @@ struct ObjectFileNames {
 // The heads of files that contradict the other two, where these agree on the kind of the store.
 void LookAtObjectHeads(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan);
 
-// The shared store: what must not be opened.
-void LookAtSharedObjects(FolderView& Files, Plan* pPlan);
+// The shared store: what must not be opened. Of a store without events nothing refers to its objects yet.
+void LookAtSharedObjects(FolderView& Files, bool bHasEvents, Plan* pPlan);
 
-// The chain of a database, and the files of its segments.
+// The chain of a database, and the files of its segments. Whether there are events is what the sizes of files say.
+bool HasEvents(const FolderView& Files);
 void LookAtDatabase(const std::u16string& Folder, FolderView& Files, Plan* pPlan);
 
 // The index of names, which the ids in the folders of the named databases can mend: by folder.

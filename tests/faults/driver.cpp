@@ -259,7 +259,8 @@ void Driver::TellDrops(const Database& Of) {
   if (Of.nMaxEvents == 0) {
     // Also what was written since the last add, which counts in the limit only now.
     std::error_code Missing;
-    for (const auto& One : fs::directory_iterator(FolderOf(Of), Missing)) nCounted += One.file_size();
+    for (const auto& One : fs::directory_iterator(FolderOf(Of), Missing))
+      nCounted += One.is_regular_file() ? One.file_size() : 0;
     const bool bMayBeOver = nCounted + kOneStepOfSize >= kGlobalLimit;
     if (nSegments > 1 && bMayBeOver) Tell(OverSegments(Fact::Drop, Held.begin()->first));
     return;

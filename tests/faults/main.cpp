@@ -135,7 +135,11 @@ fs::path Choice::Fresh(const char* pName) const {
 }
 
 Driver::Setup Choice::With(const fs::path& Store, bool bChecked, std::uint64_t nSerials) const {
-  Driver::Setup Made{.Folder = Store, .bChecked = bChecked, .nSeed = nSeed + nSerials, .pPause = &PauseFaults};
+  Driver::Setup Made{.Folder = Store,
+                     .bChecked = bChecked,
+                     .nSeed = nSeed + nSerials,
+                     .What = std::getenv("LUMBRA_FAULTS_HEAL") != nullptr ? host::Heal::On : host::Heal::Off,
+                     .pPause = &PauseFaults};
   if (std::getenv("LUMBRA_FAULTS_TRACE") != nullptr) {
     Made.Trace = [](std::uint32_t nLevel, std::string_view Line) {
       host::WriteTraceLine(stderr, nLevel, Line);
