@@ -30,10 +30,9 @@ class LoadedModule {
  private:
   struct Unloader {
     void operator()(void* pModule) const;
-
-    std::shared_ptr<const HeldFile> pFile;  // open as long as it is loaded
   };
 
+  std::shared_ptr<const HeldFile> m_pFile;    // open as long as it is loaded
   std::unique_ptr<void, Unloader> m_pModule;  // the system's handle
   StandaloneHost::ModuleEntry m_pEntry = nullptr;
 };

@@ -37,13 +37,14 @@ ModuleProblem LoadedModule::Load(const ModuleFile& File) {
   const std::wstring Path = PathToLoad(File.Path);
   if (Path.empty())
     return {errPATH_NAME_INVALID, "cannot be loaded by a path of this form, for want of a point in its name"};
+  m_pFile = File.pHeld;  // nobody can put another file in its place meanwhile
   // What it needs itself comes from the system's folder, and neither from its own nor from the current one.
   const HMODULE pModule = LoadLibraryExW(Path.c_str(), nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
   const DWORD nError = GetLastError();
   if (pModule == nullptr && nError == ERROR_INVALID_PARAMETER)
     return {errNOT_SUPPORTED, "cannot be loaded safely: this Windows lacks the update KB2533623"};
   if (pModule == nullptr) return {errMODULE_NOT_FOUND, "cannot be loaded: " + SystemMessage(nError)};
-  m_pModule = {pModule, Unloader{File.pHeld}};  // nobody can put another file in its place meanwhile
+  m_pModule.reset(pModule);
   m_pEntry = EntryPointOf(pModule);
   if (m_pEntry != nullptr) return {};
   m_pModule.reset();

@@ -150,10 +150,10 @@ std::string PrintableJson(std::string_view Json) {
   return Shown;
 }
 
-std::optional<std::string> ReadPrinted(std::string_view Text) {
-  if (!Text.starts_with('"')) return std::string(Text);
-  if (Text.size() < 2 || !Text.ends_with('"')) return {};
-  Text = Text.substr(1, Text.size() - 2);
+std::optional<std::string> ReadPrinted(std::string_view Printed) {
+  const bool bQuoted = Printed.size() >= 2 && Printed.starts_with('"') && Printed.ends_with('"');
+  if (!bQuoted) return Printable(Printed) == Printed ? std::optional(std::string(Printed)) : std::nullopt;
+  std::string_view Text = Printed.substr(1, Printed.size() - 2);
   std::string Name;
   while (!Text.empty()) {
     const char c = Text.front();
@@ -164,7 +164,7 @@ std::optional<std::string> ReadPrinted(std::string_view Text) {
       return {};
     }
   }
-  return Name;
+  return Printable(Name) == Printed ? std::optional(Name) : std::nullopt;
 }
 
 }  // namespace lumbra::host

@@ -21,8 +21,7 @@ std::string PrintableSentence(std::string_view Text);
 // JSON with the same characters written out as \uNNNN, which it need not do; its text is UTF-8.
 std::string PrintableJson(std::string_view Json);
 
-// What Printable has made of a name, taken back. Nothing for a text that it makes of none: one that begins with a quote
-// and does not end with one, or has other escapes in between.
-std::optional<std::string> ReadPrinted(std::string_view Text);
+// What Printable has made of a name, taken back. Nothing for a text that it makes of none.
+std::optional<std::string> ReadPrinted(std::string_view Printed);
 
 }  // namespace lumbra::host

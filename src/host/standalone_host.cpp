@@ -52,6 +52,7 @@ Store::~Store() {
 }
 
 ResultCode Store::Init(Heal What) try {
+  m_Refusal.clear();
   if (!m_pHost->m_bTrustsStores) {
     const std::string Why = WhyStoreNotTrusted(PathOfStore(ReportFolder()));
     if (!Why.empty()) {
@@ -60,10 +61,14 @@ ResultCode Store::Init(Heal What) try {
     }
     // For a folder that somebody puts there now.
     const ResultCode nCode = SetNumber(propOWN_FOLDERS, 1);
-    if (Failed(nCode) && nCode != errPROPERTY_READ_ONLY) return nCode;  // read-only: it is open
+    if (Failed(nCode) && nCode != errPROPERTY_READ_ONLY) {  // read-only: it is open
+      m_Refusal =
+          "the module cannot make sure that its folders belong to nobody else; a store that is trusted needs not";
+      m_pHost->WriteLine(kFailureLevel, "the store is not opened: " + m_Refusal);
+      return nCode;
+    }
   }
   const std::lock_guard Hold(m_pHost->m_OpeningLock);
-  m_Refusal.clear();
   const ResultCode nHealed = What == Heal::On ? HealBefore() : errOK;
   return Failed(nHealed) ? nHealed : m_pInstance->pLifecycle->ObjectInitDone(m_pInstance);
 } catch (const std::bad_alloc&) {
@@ -184,13 +189,14 @@ void StandaloneHost::TraceToCallback(std::uint32_t nLevel, TraceCallback Callbac
 void StandaloneHost::WriteLine(std::uint32_t nLevel, const char* pFormat, std::va_list Arguments) {
   if (nLevel > m_nTraceLevel) return;
   const std::lock_guard Hold(m_TraceLock);
-  if (m_TraceCallback) m_TraceCallback(nLevel, FormatTraceLine(pFormat, Arguments, m_TraceNames));
+  if (m_TraceCallback && nLevel <= m_nTraceLevel)
+    m_TraceCallback(nLevel, FormatTraceLine(pFormat, Arguments, m_TraceNames));
 }
 
 void StandaloneHost::WriteLine(std::uint32_t nLevel, std::string_view Line) {
   if (nLevel > m_nTraceLevel) return;
   const std::lock_guard Hold(m_TraceLock);
-  if (m_TraceCallback) m_TraceCallback(nLevel, Line);
+  if (m_TraceCallback && nLevel <= m_nTraceLevel) m_TraceCallback(nLevel, Line);
 }
 
 // ---- Instances ---

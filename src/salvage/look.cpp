@@ -13,11 +13,11 @@
 namespace lumbra::salvage {
 namespace {
 
-bool IsNumbered(const std::u16string& Folder) {
+std::optional<std::uint32_t> NumberOf(const std::u16string& Folder) {
   for (std::uint32_t nDatabase = 0; nDatabase < kFirstNamedDatabase; ++nDatabase) {
-    if (NumberedFolder(nDatabase) == Folder) return true;
+    if (NumberedFolder(nDatabase) == Folder) return nDatabase;
   }
-  return false;
+  return {};
 }
 
 bool HasFilesOfDatabase(const FolderView& Files) {
@@ -60,7 +60,7 @@ class StoreLook {
 
  private:
   ResultCode LookIn(const std::u16string& Folder) {
-    const bool bNumbered = IsNumbered(Folder);
+    const bool bNumbered = NumberOf(Folder).has_value();
     if (!bNumbered && !IsDatabaseName(Folder)) return errOK;  // none of the store's, or "set-aside"
     os::FolderHandle pFolder;
     const os::SystemError nError = os::OpenFolder(m_pStore, Folder, &pFolder);
@@ -69,9 +69,10 @@ class StoreLook {
     const ResultCode nListed = Files.Open(pFolder);
     if (Failed(nListed)) return nListed;
     if (!HasFilesOfDatabase(Files)) return errOK;
-    LookAtDatabase(Folder, Files, m_pPlan);
+    const std::optional<std::uint32_t> Id = bNumbered ? NumberOf(Folder) : IdentityOf(Files);
+    LookAtDatabase(Folder, Id, Files, m_pPlan);
     m_bHasEvents = m_bHasEvents || HasEvents(Files);
-    if (!bNumbered) m_Named[Folder] = IdentityOf(Files);
+    if (!bNumbered) m_Named[Folder] = Id;
     return FailureOf(Files, Folder);
   }
 

@@ -5,7 +5,9 @@
 #include <optional>
 #include <vector>
 
+#include "format/event_file.h"
 #include "format/file_names.h"
+#include "format/object_id.h"
 #include "format/record_file.h"
 #include "format/segments_file.h"
 #include "salvage/look_parts.h"
@@ -61,8 +63,8 @@ constexpr std::u16string_view kObjectFiles[] = {kTreeFile, kIdsFile, kDataFile};
 
 class DatabaseLook {
  public:
-  DatabaseLook(const std::u16string& Folder, FolderView& Files, Plan* pPlan)
-      : m_Folder(Folder), m_Files(Files), m_pPlan(pPlan) {}
+  DatabaseLook(const std::u16string& Folder, std::optional<std::uint32_t> Id, FolderView& Files, Plan* pPlan)
+      : m_Folder(Folder), m_Id(Id), m_Files(Files), m_pPlan(pPlan) {}
 
   void Run() {
     ReadHeader();
@@ -246,11 +248,10 @@ class DatabaseLook {
       if (bNewest && bEmpty && !HasNames(One.nNumber)) continue;  // only begun: the component takes it up again
       const bool bLacks = !IsWhole(One.nNumber);
       if (bLacks) CreateObjectFiles(One.nNumber, "it is missing; an empty one keeps the segment's events readable");
-      bNewestLacks = bNewest && (bLacks || One.nSize < sizeof(tPLAINDB_HEADER));
-      LookAtObjectHeads(m_Folder, m_Files,
-                        {SegmentFileName(One.nNumber, kIdsFile), SegmentFileName(One.nNumber, kTreeFile),
-                         SegmentFileName(One.nNumber, kDataFile)},
-                        m_pPlan);
+      bNewestLacks = bNewest && (bLacks || One.nSize < sizeof(tPLAINDB_HEADER) || HasLostRecords(One));
+      const ObjectFileNames Names = NamesOf(One.nNumber);
+      LookAtObjectHeads(m_Folder, m_Files, Names, m_pPlan);
+      if (bNewest) LookAtDataEnd(m_Folder, m_Files, Names, m_pPlan);
     }
     const std::uint32_t nNext = m_Chain.back().nNumber + 1;
     if (!m_Files.Has(SegmentFileName(nNext, kEventsFile)) && HasNames(nNext)) {
@@ -274,8 +275,35 @@ class DatabaseLook {
   void CreateObjectFiles(std::uint32_t nNumber, const char* pWhy) {
     for (const std::u16string_view Name : kObjectFiles) {
       const std::u16string File = SegmentFileName(nNumber, Name);
-      if (!m_Files.Has(File)) Create(File, {}, pWhy);
+      if (!m_Files.Has(File)) Create(File, Name == kDataFile ? MissingDataEnd(m_Files, NamesOf(nNumber)) : "", pWhy);
     }
+  }
+
+  static ObjectFileNames NamesOf(std::uint32_t nNumber) {
+    return {SegmentFileName(nNumber, kIdsFile), SegmentFileName(nNumber, kTreeFile),
+            SegmentFileName(nNumber, kDataFile)};
+  }
+
+  // Whether id records have gone from the end of the file, as far as that can be told: the last one is torn, or one of
+  // the newest events names an object that is not there.
+  bool HasLostRecords(const Segment& Of) {
+    const std::optional<std::uint64_t> Records = WholeRecordsOf(m_Files, SegmentFileName(Of.nNumber, kIdsFile));
+    if (!Records) return true;
+    if (!m_Id || m_nEventSize < kObjectIdInEvent + sizeof(tObjectId) || Of.nSize < sizeof(tPLAINDB_HEADER))
+      return false;
+    constexpr std::uint64_t kFew = 64;
+    const std::uint64_t nAll = RecordCountOfSize(Of.nSize, m_nEventSize);
+    const std::uint64_t nFirst = nAll > kFew ? nAll - kFew : 0;
+    const std::string Events =
+        m_Files.Read(SegmentFileName(Of.nNumber, kEventsFile), sizeof(tPLAINDB_HEADER) + nFirst * m_nEventSize,
+                     static_cast<std::uint32_t>((nAll - nFirst) * m_nEventSize));
+    for (std::size_t nAt = 0; nAt + m_nEventSize <= Events.size(); nAt += m_nEventSize) {
+      tObjectId nObject = 0;
+      std::memcpy(&nObject, Events.data() + nAt + kObjectIdInEvent, sizeof(nObject));
+      const bool bOfSegment = StoreNumberOf(nObject) == (*m_Id << 24 | Of.nNumber);
+      if (bOfSegment && MAKE_SHORT_OBJECT_ID(nObject) > *Records) return true;
+    }
+    return false;
   }
 
   // ---- "segments.dat" ----
@@ -319,6 +347,7 @@ class DatabaseLook {
   }
 
   const std::u16string& m_Folder;
+  const std::optional<std::uint32_t> m_Id;
   FolderView& m_Files;
   Plan* m_pPlan;
   std::string m_Header;  // of "segments.dat"
@@ -341,8 +370,8 @@ bool HasEvents(const FolderView& Files) {
   });
 }
 
-void LookAtDatabase(const std::u16string& Folder, FolderView& Files, Plan* pPlan) {
-  DatabaseLook(Folder, Files, pPlan).Run();
+void LookAtDatabase(const std::u16string& Folder, std::optional<std::uint32_t> Id, FolderView& Files, Plan* pPlan) {
+  DatabaseLook(Folder, Id, Files, pPlan).Run();
 }
 
 }  // namespace lumbra::salvage

@@ -1,6 +1,10 @@
 // The heads of an object store's files, each of which says whether the store has CRCs: so two of them tell what the
 // third must be.
+#include <algorithm>
+#include <array>
 #include <cstring>
+#include <optional>
+#include <vector>
 
 #include "format/file_names.h"
 #include "format/object_files.h"
@@ -130,10 +134,107 @@ void LookAtObjectHeads(const std::u16string& Folder, FolderView& Files, const Ob
   Heads(Folder, Files, Names, pPlan).Look();
 }
 
+namespace {
+
+// The last id records of a store.
+std::vector<tODB_ID_ENTRY> NewestRecords(FolderView& Files, const ObjectFileNames& Names, Form Of,
+                                         std::uint64_t nMost) {
+  const std::uint32_t nRecord = IdsHeader(Of).nRecordSize;
+  const std::uint64_t nAll = (Files.Find(Names.Ids)->nSize - sizeof(tPLAINDB_HEADER)) / nRecord;
+  const std::uint64_t nFirst = nAll > nMost ? nAll - nMost : 0;
+  const std::string Bytes = Files.Read(Names.Ids, sizeof(tPLAINDB_HEADER) + nFirst * nRecord,
+                                       static_cast<std::uint32_t>((nAll - nFirst) * nRecord));
+  std::vector<tODB_ID_ENTRY> Records(Bytes.size() / nRecord);
+  for (std::size_t i = 0; i < Records.size(); ++i)
+    std::memcpy(&Records[i], Bytes.data() + i * nRecord, sizeof(Records[i]));
+  return Records;
+}
+
+// Bytes of the data file, from an offset on.
+struct Extent {
+  std::uint64_t nStart;
+  std::uint64_t nEnd;
+};
+
+// Where a record's name block and data entry array stand, each empty at 0 where there is none.
+std::array<Extent, 2> ExtentsOf(const tODB_ID_ENTRY& Record, Form Of) {
+  const auto Block = [Of](std::uint32_t nOffset, std::uint64_t nSize) {
+    return nOffset == 0 ? Extent{} : Extent{nOffset, nOffset + nSize + (Of == Form::Checked ? kCrcSize : 0)};
+  };
+  return {Block(Record.nName, Record.nNameSize),
+          Block(Record.nDataEntriesOffset, Record.nDataEntriesCount * sizeof(tODB_DATA_ENTRY))};
+}
+
+std::uint64_t EndOf(const tODB_ID_ENTRY& Record, Form Of) {
+  const auto [Name, Array] = ExtentsOf(Record, Of);
+  return std::max(Name.nEnd, Array.nEnd);
+}
+
+}  // namespace
+
+std::string MissingDataEnd(FolderView& Files, const ObjectFileNames& Names, bool* pbFurther) {
+  constexpr std::uint64_t kFew = 64;            // records, which a sound store costs
+  constexpr std::uint64_t kMany = 1 << 15;      // where the oldest of these points behind the end, too
+  constexpr std::uint64_t kMostLost = 1 << 20;  // bytes; a record that points further is damaged itself
+  const Form Of = FormOfIds(Files.Read(Names.Ids, 0, sizeof(tPLAINDB_HEADER)));
+  if (Of == Form::Unknown) return {};
+  const FolderView::File* const pData = Files.Find(Names.Data);
+  const std::uint64_t nThere = pData == nullptr ? 0 : pData->nSize;
+  std::vector<tODB_ID_ENTRY> Records = NewestRecords(Files, Names, Of, kFew);
+  if (!Records.empty() && EndOf(Records.front(), Of) > nThere) Records = NewestRecords(Files, Names, Of, kMany);
+  // Blocks are appended one behind the other: what is missing is told without a jump.
+  const std::uint64_t nStart = std::max<std::uint64_t>(nThere, sizeof(FILE_MAGIC));
+  std::uint64_t nEnd = nStart;
+  for (const tODB_ID_ENTRY& Record : Records) {
+    for (const Extent& Block : ExtentsOf(Record, Of)) {
+      if (Block.nEnd <= nEnd) continue;
+      const bool bFollows = Block.nStart <= nEnd && Block.nEnd <= nThere + kMostLost;
+      if (!bFollows && pbFurther != nullptr) *pbFurther = true;
+      if (bFollows) nEnd = Block.nEnd;
+    }
+  }
+  if (nEnd == nStart) return {};
+  std::string Whole = nThere < sizeof(FILE_MAGIC) ? DataMagic(Of).substr(static_cast<std::size_t>(nThere)) : "";
+  Whole.resize(static_cast<std::size_t>(nEnd - nThere));
+  return Whole;
+}
+
+void LookAtDataEnd(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan) {
+  const FolderView::File* const pData = Files.Find(Names.Data);
+  if (pData == nullptr) return;
+  bool bFurther = false;
+  const std::string Missing = MissingDataEnd(Files, Names, &bFurther);
+  const auto Add = [&](Step::Kind What, const std::string& After, const char* pWhy) {
+    pPlan->Steps.push_back({What, Folder, Names.Data, pData->nSize, {}, After, pWhy});
+  };
+  if (!Missing.empty())
+    Add(Step::Kind::Patch, Missing, "it is shorter than its newest names; zeros keep others from their place");
+  if (bFurther) Add(Step::Kind::Report, {}, "an id record points behind its end; left as it is");
+}
+
+std::optional<std::uint64_t> WholeRecordsOf(FolderView& Files, const std::u16string& Ids) {
+  const Form Of = FormOfIds(Files.Read(Ids, 0, sizeof(tPLAINDB_HEADER)));
+  if (Of == Form::Unknown) return {};
+  const std::uint64_t nSize = Files.Find(Ids)->nSize - sizeof(tPLAINDB_HEADER);
+  const std::uint32_t nRecord = IdsHeader(Of).nRecordSize;
+  return nSize % nRecord == 0 ? std::optional(nSize / nRecord) : std::nullopt;
+}
+
 void LookAtSharedObjects(FolderView& Files, bool bHasEvents, Plan* pPlan) {
   const ObjectFileNames Names{kSharedIdsFile, kSharedTreeFile, kSharedDataFile};
   const std::size_t nBefore = pPlan->Steps.size();
   LookAtObjectHeads({}, Files, Names, pPlan);
+  if (Files.Has(Names.Data)) {
+    LookAtDataEnd({}, Files, Names, pPlan);
+  } else if (const std::string Zeros = MissingDataEnd(Files, Names); !Zeros.empty()) {
+    pPlan->Steps.push_back({Step::Kind::Create,
+                            {},
+                            Names.Data,
+                            0,
+                            {},
+                            Zeros,
+                            "it is missing; zeros keep others from the place of its names"});
+  }
   const bool bMended = pPlan->Steps.size() != nBefore;
   const FolderView::File* const pData = Files.Find(Names.Data);
   if (pData == nullptr || pData->nSize <= sizeof(FILE_MAGIC)) return;

@@ -29,12 +29,21 @@ struct ObjectFileNames {
 // The heads of files that contradict the other two, where these agree on the kind of the store.
 void LookAtObjectHeads(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan);
 
+// What a data file, or one that is missing, lacks at its end by what the newest id records say: its magic, and zeros.
+// New names would be appended there, and read out for those. *pbFurther tells of a record that points elsewhere.
+std::string MissingDataEnd(FolderView& Files, const ObjectFileNames& Names, bool* pbFurther = nullptr);
+void LookAtDataEnd(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan);
+
+// How many id records there are; nothing where the last one, or the header, is not whole.
+std::optional<std::uint64_t> WholeRecordsOf(FolderView& Files, const std::u16string& Ids);
+
 // The shared store: what must not be opened. Of a store without events nothing refers to its objects yet.
 void LookAtSharedObjects(FolderView& Files, bool bHasEvents, Plan* pPlan);
 
-// The chain of a database, and the files of its segments. Whether there are events is what the sizes of files say.
+// The chain of a database, and the files of its segments. The id is missing where nothing tells it. Whether there are
+// events is what the sizes of files say.
 bool HasEvents(const FolderView& Files);
-void LookAtDatabase(const std::u16string& Folder, FolderView& Files, Plan* pPlan);
+void LookAtDatabase(const std::u16string& Folder, std::optional<std::uint32_t> Id, FolderView& Files, Plan* pPlan);
 
 // The index of names, which the ids in the folders of the named databases can mend: by folder.
 void LookAtIndex(FolderView& Files, const std::map<std::u16string, std::optional<std::uint32_t>>& Named, Plan* pPlan);

@@ -562,6 +562,43 @@ void Driver::UseDamaged(End Of) {
   }
 }
 
+// Whether a file that was damaged may take a value along. Names lead through shared objects.
+bool Driver::StandsIn(const Key& Of, const std::string& File) const {
+  const bool bOfObjects = File.starts_with("g_obj");
+  if (bOfObjects) return Of.Kind != Key::Event;
+  const std::size_t nNumber = File.find('/') + 1;
+  if (nNumber == 0 || File.find('_', nNumber) != nNumber + 8) return false;
+  const auto One = std::ranges::find_if(
+      m_Databases, [&](const Database& Any) { return FolderOf(Any).filename() == File.substr(0, nNumber - 1); });
+  return One != m_Databases.end() && DatabaseOfId(Of.nId) == One->nId &&
+         (Of.nId >> kSegmentShift & 0xFFFFFF) == std::stoull(File.substr(nNumber, 8), nullptr, 16);
+}
+
+void Driver::VerifyHealed(const std::string& File, Shape Damaged) {
+  OpenStore();
+  if (!m_pInstance->bOpen) {
+    if (!File.starts_with("g_objid")) Found("it does not open");
+    return;
+  }
+  if (!Open(Limits::No)) Found("a database does not open");
+  m_Compared = End::Whole;
+  const Promises Before = m_Known.Now();
+  for (const auto& [Of, Value] : Before) {
+    if (!StandsIn(Of, File)) VerifyValue(Of, &Value, End::Whole);
+  }
+  // Nothing tells of events that are cut off the end of the newest segment.
+  if (File.ends_with("events.dat")) m_Compared = End::Damage;
+  if (File.ends_with("objid.dat")) m_Compared = End::Foreign;  // a record may be damaged that new names lead through
+  if (File.starts_with("g_obj")) return;                       // a new name may lead through one that is damaged
+  AddToEach("after healing");
+  for (const auto& [Of, Value] : Before) {
+    const bool bCut = Damaged == Shape::Shorter && Of.Kind == Key::Name && StandsIn(Of, File);
+    const std::optional<std::string> There = bCut ? ValueOf(Of) : std::nullopt;
+    const bool bZeros = There && There->find('\0') != std::string::npos;
+    if (There && There != Value && !bZeros) Found("an old id has another name: " + Describe(Of));
+  }
+}
+
 // ---- Files ------------------------------------------------------------------------------------------------
 
 Files ReadFiles(const fs::path& Folder) {

@@ -69,6 +69,11 @@ class Driver {
   // Everything with a store that is damaged or foreign, if it opens: reading, adding, clearing. What is acknowledged
   // from then on is there after a new start.
   void UseDamaged(End Of);
+  // Opens a store of which one file was lost or damaged, if that is allowed: everything is there that stands elsewhere,
+  // and no id is given again. The names of a file
+  // that is shorter than it was are those that they were, or zeros, or gone.
+  enum class Shape { Altered, Shorter };
+  void VerifyHealed(const std::string& File, Shape Damaged);
   bool IsMarkedCorrupted() const;
 
   const Record& Known() const { return m_Known; }
@@ -93,6 +98,7 @@ class Driver {
   void Expect(bool bTrue, const std::string& What) const;  // of an undisturbed store
   void Tell(const Fact& Of);
   void Begin(OperationKind Kind) { Tell({Fact::Begin, {Key::Event, 0, Kind}}); }
+  bool StandsIn(const Key& Of, const std::string& File) const;
   bool IsShared() const { return m_With.pInstance != nullptr; }
   std::uint64_t Below(std::uint64_t nEnd) { return m_With.Choose(nEnd); }
   const Database& Any() { return m_Databases[Below(m_Databases.size())]; }

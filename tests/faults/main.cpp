@@ -30,6 +30,7 @@ const Kind kKinds[] = {{"canary", &RunCanary},            // planted faults: eac
                        {"moments", &RunMoments, {1}},     // the process or the power ends at each moment
                        {"bits", &RunBits},                // each bit of a small checked store is another one
                        {"threads", &RunThreads},          // eight threads do everything at once
+                       {"heals", &RunHeals},              // each file is lost, cut or altered, and healed
                        {"kills", &RunKills}};             // a recorder is killed, again and again
 
 constexpr std::uint64_t kPrintedPerCase = 3;

@@ -38,6 +38,7 @@ std::string RunMoments(const Choice& Which);
 std::string RunBits(const Choice& Which);
 std::string RunThreads(const Choice& Which);
 std::string RunKills(const Choice& Which);
+std::string RunHeals(const Choice& Which);
 std::string RunCanary(const Choice& Which);
 
 // Runs what must be found, and answers whether anything was: that is none of the programme's findings.

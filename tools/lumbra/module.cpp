@@ -11,9 +11,8 @@
 namespace lumbra::tool {
 namespace {
 
-// The comment is in quotes of its own.
 void PrintText(const char* pName, const std::string& Text) {
-  std::printf("%-18s  %s\n", pName, host::PrintableSentence(Text).c_str());
+  std::printf("%-18s  %s\n", pName, Text.c_str());
 }
 
 void PrintHex(const char* pName, std::uint32_t nValue) {
@@ -36,13 +35,13 @@ int Module(const CommonOptions& /*Common*/, const ModuleOptions& Options) {
     throw Failure("read " + Printable(Options.File), Problem.nCode, Problem.Text);
   }
   const tMODULE_METADATA& Metadata = File.Metadata;
-  PrintText("file", Options.File);
+  PrintText("file", Printable(Options.File));
   PrintText("format", File.Format);
   PrintText("machine", File.Machine);
   PrintHex("plug-in id", Metadata.Module.nPluginId);
   PrintHex("interface id", Metadata.Interface.nInterfaceId);
   PrintText("interface constant", std::to_string(Metadata.nConstant));
-  PrintText("interface comment", Metadata.Comment);
+  PrintText("interface comment", host::PrintableSentence(Metadata.Comment));  // in quotes of its own
   PrintText("MD5", HexDigits(Metadata.Digest));
   return kExitOk;
 }

@@ -85,8 +85,7 @@ std::vector<std::string> ReadPrinted(const std::vector<std::string>& Texts) {
   std::vector<std::string> Names;
   for (const std::string& Text : Texts) {
     const std::optional<std::string> Name = host::ReadPrinted(Text);
-    if (!Name)
-      throw Failure("read " + Quoted(Text), errPARAMETER_INVALID, "it has an escape that names are not shown with");
+    if (!Name) throw Failure("read " + Quoted(Text), errPARAMETER_INVALID, "no name is shown like this");
     Names.push_back(*Name);
   }
   return Names;

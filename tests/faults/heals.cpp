@@ -1,0 +1,120 @@
+// Each file of a store is lost, cut short or altered by a bit, and the store is healed before it is opened. Nothing but
+// what stands in that file may be missing then, also where the healing itself was killed or met a fault.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "faults/programme.h"
+#include "salvage/apply.h"
+
+namespace lumbra::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+// A case's number: which file, and what becomes of it.
+struct Damage {
+  Damage(std::uint64_t nCase, const Files& Sound) {
+    for (const auto& [Name, Content] : Sound) {
+      const std::uint64_t nOwn = CasesOf(Content);
+      if (nCase >= nOwn) {
+        nCase -= nOwn;
+        continue;
+      }
+      File = Name;
+      nSize = Content.size();
+      if (nCase > nSize) nBit = nCase - nSize - 1;
+      if (nCase < nSize) nLength = nCase;
+      break;
+    }
+  }
+  static std::uint64_t CasesOf(const std::string& Content) { return 1 + 9 * Content.size(); }
+
+  void Apply(Files* pStore) const {
+    std::string& Content = pStore->at(File);
+    if (nLength) {
+      Content.resize(*nLength);
+    } else if (nBit) {
+      Content[*nBit / 8] = static_cast<char>(Content[*nBit / 8] ^ (1 << *nBit % 8));
+    } else {
+      pStore->erase(File);
+    }
+  }
+  // Of names whose records are cut off as a whole nothing tells, where no event has them.
+  bool IsCutInRecord(bool bChecked) const {
+    return nLength && (!File.ends_with("objid.dat") || (*nLength - 12) % (bChecked ? 33 : 29) != 0);
+  }
+  std::string Describe() const {
+    return File + (nLength ? " cut to " + std::to_string(*nLength) : nBit ? " bit " + std::to_string(*nBit) : " lost");
+  }
+
+  std::string File;
+  std::uint64_t nSize = 0;
+  std::optional<std::uint64_t> nLength;
+  std::optional<std::uint64_t> nBit;
+};
+
+ResultCode Heal(const fs::path& Folder) {
+  salvage::Plan Done;
+  return salvage::Heal(Folder.u16string(), {}, &Done);
+}
+
+// In a process that is gone before one of its changes.
+void HealUntilKilled(const fs::path& Folder, std::uint64_t nChange) {
+  const pid_t nChild = fork();
+  if (nChild == 0) {
+    PauseFaults(false);
+    WatchChanges([&nChange](DiskChange&) {
+      if (nChange-- == 0) _exit(0);
+      return Fate::Happens;
+    });
+    (void)Heal(Folder);
+    _exit(0);
+  }
+  waitpid(nChild, nullptr, 0);
+}
+
+void HealUnderFault(const fs::path& Folder, std::uint64_t nCall) {
+  PauseFaults(false);
+  FailAnyCalls(static_cast<FaultCause>(nCall % 3), nCall, nCall % 2 != 0 ? UINT64_MAX : 1);
+  (void)Heal(Folder);
+  ResetSystem();
+}
+
+}  // namespace
+
+std::string RunHeals(const Choice& Which) {
+  std::uint64_t nRun = 0;
+  std::uint64_t nAll = 0;
+  for (const bool bChecked : {false, true}) {
+    const fs::path Folder = Which.Fresh("heals");
+    ResetSystem();
+    Which.Start("heals", kNoCase);
+    Driver Work(Which.With(Folder, bChecked));
+    if (!Work.Open()) Found("it does not open");
+    for (int i = 0; i < 60; ++i) Work.Step();
+    Work.Close();
+    const Files Sound = ReadFiles(Folder);
+    std::uint64_t nOwn = 0;
+    for (const auto& One : Sound) nOwn += Damage::CasesOf(One.second);
+    const Source Chance = SourceOf(Which.nSeed);
+    for (const std::uint64_t nCase : Which.Cases(nOwn, 500)) {
+      const Damage How(nCase, Sound);
+      Which.Start((bChecked ? "heals (checked), " : "heals, ") + How.Describe(), nCase);
+      Files Damaged = Sound;
+      How.Apply(&Damaged);
+      WriteFiles(Folder, Damaged);
+      const std::uint64_t nEnd = Chance(3);
+      if (nEnd == 1) HealUntilKilled(Folder, Chance(12));
+      if (nEnd == 2) HealUnderFault(Folder, Chance(200));
+      Driver::Setup With = Which.With(Folder, bChecked, kOtherSerials);
+      With.What = host::Heal::On;
+      Driver(std::move(With), Work.Known())
+          .VerifyHealed(How.File, How.IsCutInRecord(bChecked) ? Driver::Shape::Shorter : Driver::Shape::Altered);
+      ++nRun;
+    }
+    nAll += nOwn;
+  }
+  return std::to_string(nRun) + " of " + std::to_string(nAll);
+}
+
+}  // namespace lumbra::test
