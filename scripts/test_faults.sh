@@ -31,12 +31,13 @@ for preset in release asan tsan; do
   scripts/build.sh "$preset" lumbra_faults
   case $preset in
     release) kinds= ;;
-    asan) kinds="calls allocations moments bits" ;;
+    asan) kinds="calls allocations moments bits heals" ;;
     tsan) kinds=threads ;;
   esac
   sampled=$long
   [ "$preset" != asan ] || sampled=
   "build/$preset/tests/lumbra_faults" --seed "$seed" $sampled $kinds || failed=1
+  [ "$preset" != release ] || "build/$preset/tests/lumbra_faults" --heal --seed "$seed" $sampled moments calls kills || failed=1
 done
 
 scripts/fuzz.sh $long --seed "$seed" || failed=1

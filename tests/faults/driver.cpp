@@ -594,8 +594,8 @@ void Driver::VerifyHealed(const std::string& File, Shape Damaged) {
   for (const auto& [Of, Value] : Before) {
     const bool bCut = Damaged == Shape::Shorter && Of.Kind == Key::Name && StandsIn(Of, File);
     const std::optional<std::string> There = bCut ? ValueOf(Of) : std::nullopt;
-    const bool bZeros = There && There->find('\0') != std::string::npos;
-    if (There && There != Value && !bZeros) Found("an old id has another name: " + Describe(Of));
+    // Zeros end a name.
+    if (There && !Value.starts_with(*There)) Found("an old id has another name: " + Describe(Of) + " (" + *There + ')');
   }
 }
 

@@ -95,9 +95,14 @@ std::string RunHeals(const Choice& Which) {
     Work.Close();
     const Files Sound = ReadFiles(Folder);
     std::uint64_t nOwn = 0;
-    for (const auto& One : Sound) nOwn += Damage::CasesOf(One.second);
+    std::set<std::uint64_t> Chosen;  // every file is lost once
+    for (const auto& One : Sound) {
+      if (!Which.nOnly) Chosen.insert(nOwn + One.second.size());
+      nOwn += Damage::CasesOf(One.second);
+    }
+    for (const std::uint64_t nCase : Which.Cases(nOwn, 500)) Chosen.insert(nCase);
     const Source Chance = SourceOf(Which.nSeed);
-    for (const std::uint64_t nCase : Which.Cases(nOwn, 500)) {
+    for (const std::uint64_t nCase : Chosen) {
       const Damage How(nCase, Sound);
       Which.Start((bChecked ? "heals (checked), " : "heals, ") + How.Describe(), nCase);
       Files Damaged = Sound;

@@ -1,4 +1,5 @@
-// lumbra_faults [--seed N] [--long] [--only CASE] [KIND ...]
+// lumbra_faults [--seed N] [--long] [--heal] [--only CASE] [KIND ...]
+//   --heal: every store is healed before it is opened
 #include <signal.h>
 #include <unistd.h>
 
@@ -63,12 +64,14 @@ int Main(int nArguments, char** ppArguments) {
       Kinds.push_back(*pKind);
     } else if (Text == "--long") {
       Which.bLong = true;
+    } else if (Text == "--heal") {
+      Which.What = host::Heal::On;
     } else if ((Text == "--seed" || Text == "--only") && pValue != nullptr) {
       const std::uint64_t nValue = std::strtoull(ppArguments[++i], nullptr, 0);
       if (Text == "--seed") Which.nSeed = nValue;
       if (Text == "--only") Which.nOnly = nValue;
     } else {
-      std::fprintf(stderr, "usage: lumbra_faults [--seed N] [--long] [--only CASE] [KIND ...]; kinds:");
+      std::fprintf(stderr, "usage: lumbra_faults [--seed N] [--long] [--heal] [--only CASE] [KIND ...]; kinds:");
       for (const Kind& One : kKinds) std::fprintf(stderr, " %s", One.pName);
       std::fprintf(stderr, "\n");
       return 2;
@@ -80,7 +83,8 @@ int Main(int nArguments, char** ppArguments) {
     std::vector<std::uint64_t> Seeds = {Which.nSeed};
     if (!Which.nOnly) std::ranges::remove_copy(One.KeptSeeds, std::back_inserter(Seeds), Which.nSeed);
     for (const std::uint64_t nSeed : Seeds) {
-      const std::string Counts = One.pRun({nSeed, Which.bLong && nSeed == Which.nSeed, Which.nOnly, Which.Folder});
+      const std::string Counts =
+          One.pRun({nSeed, Which.bLong && nSeed == Which.nSeed, Which.What, Which.nOnly, Which.Folder});
       std::printf("%s --seed %llu: %s\n", One.pName, static_cast<unsigned long long>(nSeed), Counts.c_str());
       std::fflush(stdout);
     }
@@ -136,11 +140,8 @@ fs::path Choice::Fresh(const char* pName) const {
 }
 
 Driver::Setup Choice::With(const fs::path& Store, bool bChecked, std::uint64_t nSerials) const {
-  Driver::Setup Made{.Folder = Store,
-                     .bChecked = bChecked,
-                     .nSeed = nSeed + nSerials,
-                     .What = std::getenv("LUMBRA_FAULTS_HEAL") != nullptr ? host::Heal::On : host::Heal::Off,
-                     .pPause = &PauseFaults};
+  Driver::Setup Made{
+      .Folder = Store, .bChecked = bChecked, .nSeed = nSeed + nSerials, .What = What, .pPause = &PauseFaults};
   if (std::getenv("LUMBRA_FAULTS_TRACE") != nullptr) {
     Made.Trace = [](std::uint32_t nLevel, std::string_view Line) {
       host::WriteTraceLine(stderr, nLevel, Line);

@@ -18,6 +18,7 @@ inline constexpr std::uint64_t kNoCase = UINT64_MAX;
 struct Choice {
   std::uint64_t nSeed = 1;
   bool bLong = false;                       // all cases there are
+  host::Heal What = host::Heal::Off;        // before a store is opened
   std::optional<std::uint64_t> nOnly = {};  // one case, by its number
   std::filesystem::path Folder = {};        // to work in
 
