@@ -380,6 +380,7 @@ void Driver::Flush() {
 }
 
 void Driver::Compact() {
+  Begin(kOther);
   (void)Done(Call(&Ops::Compact, kSystemDatabase), "compacting");  // the live files stay as they are
 }
 
