@@ -5,6 +5,8 @@
 #include <new>
 #include <utility>
 
+#include "format/database_name.h"
+#include "format/file_names.h"
 #include "host/host_services.h"
 #include "host/printed_text.h"
 #include "host/text.h"
@@ -12,6 +14,7 @@
 #include "host/trace_format.h"
 #include "host/trust.h"
 #include "salvage/apply.h"
+#include "salvage/look.h"
 
 namespace lumbra::host {
 namespace {
@@ -75,13 +78,42 @@ ResultCode Store::Init(Heal What) try {
   return errOUT_OF_MEMORY;
 }
 
-ResultCode Store::HealBefore() {
+ResultCode Store::OpenDatabase(std::uint32_t nDatabase, std::uint32_t nEventSize, OtherSize What) try {
+  const ResultCode nCode = CheckEventSize(NumberedFolder(nDatabase), nEventSize, What);
+  return Failed(nCode) ? nCode : Call(&LumbraOperations::InitDB, nDatabase, nEventSize);
+} catch (const std::bad_alloc&) {
+  return errOUT_OF_MEMORY;
+}
+
+ResultCode Store::OpenDatabase(const std::u16string& Name, std::uint32_t nEventSize, std::uint32_t* pnDatabase,
+                               OtherSize What) try {
+  // Other names are refused by the component.
+  const ResultCode nCode = IsPlainFolderName(Name) ? CheckEventSize(Name, nEventSize, What) : errOK;
+  return Failed(nCode) ? nCode : Call(&LumbraOperations::InitDBByName, Name.c_str(), nEventSize, pnDatabase);
+} catch (const std::bad_alloc&) {
+  return errOUT_OF_MEMORY;
+}
+
+ResultCode Store::CheckEventSize(const std::u16string& Folder, std::uint32_t nEventSize, OtherSize What) {
+  m_Refusal.clear();
+  std::uint32_t nThere = 0;
+  const ResultCode nCode = salvage::EventSizeOf(ReportFolder(), Folder, &nThere);
+  if (Failed(nCode) || nThere == 0 || nThere == nEventSize) return nCode;
+  if (What == OtherSize::StartEmpty) return salvage::SetDatabaseAside(ReportFolder(), Rules(), Folder);
+  m_Refusal = "its events have " + std::to_string(nThere) + " bytes, not " + std::to_string(nEventSize);
+  return errSIZE_INVALID;
+}
+
+os::FolderRules Store::Rules() const {
   std::uint32_t nGroupReadable = 0;
   (void)GetNumber(propGROUP_READABLE, &nGroupReadable);  // a module that does not know it makes files for their owner
-  const os::FolderRules Rules = {.ForWhom = nGroupReadable != 0 ? os::Readers::OwnerAndGroup : os::Readers::OwnerAlone,
-                                 .bOwnFolders = !m_pHost->m_bTrustsStores};
+  return {.ForWhom = nGroupReadable != 0 ? os::Readers::OwnerAndGroup : os::Readers::OwnerAlone,
+          .bOwnFolders = !m_pHost->m_bTrustsStores};
+}
+
+ResultCode Store::HealBefore() {
   salvage::Plan Done;
-  const ResultCode nCode = salvage::Heal(ReportFolder(), Rules, &Done);
+  const ResultCode nCode = salvage::Heal(ReportFolder(), Rules(), &Done);
   if (Failed(nCode) || !Done.Refusal.empty()) {
     m_Refusal = Done.Refusal.empty() ? "its damage cannot be healed now" : PrintableSentence(Done.Refusal);
     m_pHost->WriteLine(kFailureLevel, "the store is not opened: " + m_Refusal);

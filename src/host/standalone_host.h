@@ -22,6 +22,7 @@
 #include "host/host_objects.h"
 #include "host/trace_format.h"
 #include "lumbra/lumbra.h"
+#include "platform/os.h"
 
 namespace lumbra::host {
 
@@ -50,10 +51,17 @@ class Store {
   // line of level 300 says why.
   ResultCode Init(Heal What = Heal::On);
 
+  // Opens a database (InitDB, InitDBByName). Those begin one anew that has events of another size; this refuses it with
+  // errSIZE_INVALID, and Refusal tells both sizes. StartEmpty begins it anew, and moves the old files to "set-aside".
+  enum class OtherSize { Refuse, StartEmpty };
+  ResultCode OpenDatabase(std::uint32_t nDatabase, std::uint32_t nEventSize, OtherSize What = OtherSize::Refuse);
+  ResultCode OpenDatabase(const std::u16string& Name, std::uint32_t nEventSize, std::uint32_t* pnDatabase,
+                          OtherSize What = OtherSize::Refuse);
+
   // What Init has healed: a line for each file. Names in it are printable.
   const std::vector<std::string>& Healed() const { return m_Healed; }
 
-  // Why the last Init did not let the component meet the store, in such words; empty when it did.
+  // Why the last Init or OpenDatabase did not let the component meet the files, in such words; empty when it did.
   const std::string& Refusal() const { return m_Refusal; }
 
   // Calls one of the 19 operations: Call(&LumbraOperations::InitDB, 1, 64).
@@ -75,6 +83,8 @@ class Store {
  private:
   friend class StandaloneHost;
   ResultCode HealBefore();
+  ResultCode CheckEventSize(const std::u16string& Folder, std::uint32_t nEventSize, OtherSize What);
+  os::FolderRules Rules() const;
   Store(StandaloneHost* pHost, LumbraInstance* pInstance) : m_pHost(pHost), m_pInstance(pInstance) {}
 
   StandaloneHost* m_pHost = nullptr;

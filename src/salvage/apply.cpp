@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 #include <map>
 #include <memory>
 #include <new>
@@ -105,6 +106,16 @@ class StoreHold {
     return nError;
   }
 
+  // One of its files.
+  os::SystemError TakeFile(const std::u16string& Folder, const os::FolderHandle& pFolder, const std::u16string& Name) {
+    auto pFile = std::make_unique<OpenFile>();
+    const os::SystemError nError = pFile->Open(pFolder, Name, kHold, os::Disposition::OpenExisting);
+    if (nError == os::kFileNotFound) return os::kSuccess;
+    if (nError == os::kSuccess) m_Files[{Folder, Name}] = std::move(pFile);
+    if (nError != os::kSuccess) m_Refused = {.Folder = Folder, .File = Name, .Why = "it cannot be opened"};
+    return nError;
+  }
+
   // What Take could not open.
   const Step& Refused() const { return m_Refused; }
 
@@ -115,15 +126,6 @@ class StoreHold {
   }
 
  private:
-  os::SystemError TakeFile(const std::u16string& Folder, const os::FolderHandle& pFolder, const std::u16string& Name) {
-    auto pFile = std::make_unique<OpenFile>();
-    const os::SystemError nError = pFile->Open(pFolder, Name, kHold, os::Disposition::OpenExisting);
-    if (nError == os::kFileNotFound) return os::kSuccess;
-    if (nError == os::kSuccess) m_Files[{Folder, Name}] = std::move(pFile);
-    if (nError != os::kSuccess) m_Refused = {.Folder = Folder, .File = Name, .Why = "it cannot be opened"};
-    return nError;
-  }
-
   std::map<std::pair<std::u16string, std::u16string>, std::unique_ptr<OpenFile>> m_Files;
   Step m_Refused;
 };
@@ -328,6 +330,31 @@ ResultCode Heal(const std::u16string& Store, const os::FolderRules& Rules, Plan*
   const ResultCode nLooked = Look(pStore, pDone);
   if (Failed(nLooked) || !pDone->Refusal.empty() || !pDone->Acts()) return nLooked;
   return ResultFromSystemError(Healer(pStore, Hold).Run(pDone->Steps));
+} catch (const std::bad_alloc&) {
+  return errOUT_OF_MEMORY;
+}
+
+ResultCode SetDatabaseAside(const std::u16string& Store, const os::FolderRules& Rules,
+                            const std::u16string& Folder) try {
+  os::FolderHandle pStore;
+  os::FolderHandle pFolder;
+  os::SystemError nError = os::OpenFolder(Store, Rules, &pStore);
+  if (nError == os::kSuccess) nError = os::OpenFolder(pStore, Folder, &pFolder);
+  if (nError == os::kSuccess) nError = StoreHold().TakeFile(Folder, pFolder, kSegmentsFile);
+  std::vector<std::u16string> Names;
+  if (nError == os::kSuccess) nError = os::ListPlainFiles(pFolder, &Names);
+  std::erase_if(Names, [](const std::u16string& Name) { return !IsFileOfDatabase(Name) || Name == kIdentityFile; });
+  // The newest segment first, and the header, which leads to the rest, last.
+  std::ranges::sort(Names, std::greater<>());
+  std::ranges::stable_partition(Names, [](const std::u16string& Name) { return !Name.starts_with(kSegmentsFile); });
+  std::vector<Step> Steps;
+  for (const std::u16string& Name : Names)
+    Steps.push_back({.What = Step::Kind::SetAside,
+                     .Folder = Folder,
+                     .File = Name,
+                     .Why = "the database begins anew with events of another size"});
+  if (nError == os::kSuccess) nError = Healer(pStore, StoreHold()).Run(Steps);
+  return ResultFromSystemError(nError);
 } catch (const std::bad_alloc&) {
   return errOUT_OF_MEMORY;
 }

@@ -15,6 +15,10 @@ namespace lumbra::salvage {
 // a failure. Killed at any point and run again, it ends the same.
 ResultCode Heal(const std::u16string& Store, const os::FolderRules& Rules, Plan* pDone);
 
+// Moves all files of a database, by its folder in the store's, out of the way: the component begins it anew then, ids
+// included. Killed on its way, it leaves the beginning of the chain. errSHARING_VIOLATION while the database is open.
+ResultCode SetDatabaseAside(const std::u16string& Store, const os::FolderRules& Rules, const std::u16string& Folder);
+
 // Takes back what was done at a time, which is the name of its folder in "set-aside", in every folder of the store.
 // What has changed since is left as it is, and said. errNOT_FOUND when nothing was done then.
 ResultCode Undo(const std::u16string& Store, const os::FolderRules& Rules, const std::string& Time,

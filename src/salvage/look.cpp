@@ -6,6 +6,7 @@
 #include "format/database_name.h"
 #include "format/file_names.h"
 #include "format/named_index_file.h"
+#include "format/segments_file.h"
 #include "platform/os.h"
 #include "platform/result.h"
 #include "salvage/look_parts.h"
@@ -95,6 +96,23 @@ ResultCode Look(const std::u16string& Store, Plan* pPlan) {
   const os::SystemError nError = os::OpenFolder(Store, {}, &pStore);
   if (nError == os::kFileNotFound || nError == os::kPathNotFound) return errOK;
   return nError == os::kSuccess ? Look(pStore, pPlan) : ResultFromSystemError(nError);
+}
+
+ResultCode EventSizeOf(const std::u16string& Store, const std::u16string& Folder, std::uint32_t* pnSize) try {
+  *pnSize = 0;
+  os::FolderHandle pStore;
+  os::FolderHandle pFolder;
+  os::SystemError nError = os::OpenFolder(Store, {}, &pStore);
+  if (nError == os::kSuccess) nError = os::OpenFolder(pStore, Folder, &pFolder);
+  if (nError == os::kFileNotFound || nError == os::kPathNotFound) return errOK;
+  if (nError != os::kSuccess) return ResultFromSystemError(nError);
+  FolderView Files;
+  const ResultCode nListed = Files.Open(pFolder);
+  if (Failed(nListed)) return nListed;
+  *pnSize = EventSizeIn(Files.Read(kSegmentsFile, 0, sizeof(tSDB_HEADER)));
+  return Files.Failure();
+} catch (const std::bad_alloc&) {
+  return errOUT_OF_MEMORY;
 }
 
 ResultCode Look(const os::FolderHandle& pStore, Plan* pPlan) try {

@@ -18,4 +18,8 @@ ResultCode Look(const std::u16string& Store, Plan* pPlan);
 // The same of a folder that is open.
 ResultCode Look(const os::FolderHandle& pStore, Plan* pPlan);
 
+// The size of a database's events in bytes, as its header has it; 0 where there is none, or it is damaged. Folder is
+// that of the database, within the store's.
+ResultCode EventSizeOf(const std::u16string& Store, const std::u16string& Folder, std::uint32_t* pnSize);
+
 }  // namespace lumbra::salvage

@@ -36,6 +36,16 @@ std::optional<std::uint32_t> SizeIn(const std::string& Head) {
                                                                            : std::nullopt;
 }
 
+// A "segments.dat" that says something.
+std::optional<tSDB_HEADER> GoodHeader(const std::string& Bytes) {
+  tSDB_HEADER Header{};
+  if (Bytes.size() != sizeof(Header)) return {};
+  std::memcpy(&Header, Bytes.data(), sizeof(Header));
+  const bool bMagic = std::memcmp(Header.nMagic, kSegmentsMagic, sizeof(kSegmentsMagic)) == 0;
+  const bool bGood = bMagic && Header.nEventSize != 0 && Header.nFirstSegment < kSegmentNumberLimit;
+  return bGood ? std::optional(Header) : std::nullopt;
+}
+
 int BitsApart(const std::string& One, const std::string& Other) {
   int nBits = 0;
   for (std::size_t i = 0; i < One.size() && i < Other.size(); ++i)
@@ -85,14 +95,11 @@ class DatabaseLook {
 
   void ReadHeader() {
     m_Header = m_Files.Read(kSegmentsFile, 0, sizeof(tSDB_HEADER));
-    tSDB_HEADER Header{};
-    if (m_Header.size() != sizeof(Header)) return;
-    std::memcpy(&Header, m_Header.data(), sizeof(Header));
-    const bool bMagic = std::memcmp(Header.nMagic, kSegmentsMagic, sizeof(kSegmentsMagic)) == 0;
-    if (!bMagic || Header.nEventSize == 0 || Header.nFirstSegment >= kSegmentNumberLimit) return;
+    const std::optional<tSDB_HEADER> Header = GoodHeader(m_Header);
+    if (!Header) return;
     m_bHeaderGood = true;
-    m_nFirst = Header.nFirstSegment;
-    m_nEventSize = Header.nEventSize;
+    m_nFirst = Header->nFirstSegment;
+    m_nEventSize = Header->nEventSize;
   }
 
   void ListSegments() {
@@ -363,6 +370,11 @@ class DatabaseLook {
 };
 
 }  // namespace
+
+std::uint32_t EventSizeIn(const std::string& Bytes) {
+  const std::optional<tSDB_HEADER> Header = GoodHeader(Bytes);
+  return Header ? Header->nEventSize : 0;
+}
 
 bool HasEvents(const FolderView& Files) {
   return std::ranges::any_of(Files.Files(), [](const auto& One) {

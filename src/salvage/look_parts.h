@@ -40,6 +40,9 @@ std::optional<std::uint64_t> WholeRecordsOf(FolderView& Files, const std::u16str
 // The shared store: what must not be opened. Of a store without events nothing refers to its objects yet.
 void LookAtSharedObjects(FolderView& Files, bool bHasEvents, Plan* pPlan);
 
+// The event size in a "segments.dat"; 0 for one that is damaged.
+std::uint32_t EventSizeIn(const std::string& Header);
+
 // The chain of a database, and the files of its segments. The id is missing where nothing tells it. Whether there are
 // events is what the sizes of files say.
 bool HasEvents(const FolderView& Files);

@@ -140,11 +140,11 @@ std::uint32_t Session::OpenWhatIsThere(const DatabaseName& Database) {
   if (!Database.Number) {
     std::uint32_t nId = 0;
     const std::u16string Name = host::ToUtf16(Database.Name);
-    Check(Call(&LumbraOperations::InitDBByName, Name.c_str(), nEventSize, &nId), What);
+    Check(m_Store.OpenDatabase(Name, nEventSize, &nId), What);
     return nId;
   }
   if (*Database.Number != kSystemDatabase && !m_Open.contains(*Database.Number)) {
-    Check(Call(&LumbraOperations::InitDB, *Database.Number, nEventSize), What);
+    Check(m_Store.OpenDatabase(*Database.Number, nEventSize), What);
     m_Open.insert(*Database.Number);
   }
   return *Database.Number;
