@@ -263,10 +263,10 @@ struct LumbraOperations {
                            std::int32_t nNameSize, std::uint32_t nCreate, std::uint32_t nFlagsOverride,
                            std::uint64_t nParentId, std::uint64_t* pnObjectId);
 
-  // Opens or creates a database by name: at most 63 characters, which also name its folder (the store does not look
-  // whether a folder can have that name). *pnDatabase receives its id, 48 to 254, which the name keeps across restarts.
-  // The store tells names apart by the low 7 bits of their characters: errOBJECT_ALREADY_EXISTS while another one with
-  // the same is open.
+  // Opens or creates a database by name: at most 63 characters, which also name its folder;
+  // errPARAMETER_INVALID for one that could lead elsewhere or is the store's own. *pnDatabase receives its id, 48 to
+  // 254, which the name keeps across restarts. The store tells names apart by the low 7 bits of their characters:
+  // errOBJECT_ALREADY_EXISTS while another one with the same is open.
   ResultCode (*InitDBByName)(HostObject* pSelf, const char16_t* pName, std::uint32_t nEventSize,
                              std::uint32_t* pnDatabase);
 

@@ -73,12 +73,18 @@ ResultCode Databases::OpenSlot(std::uint32_t nDatabase, std::uint32_t nEventSize
   return nCode;
 }
 
+static bool IsAscii(std::u16string_view Name) {
+  return std::ranges::all_of(Name, [](char16_t c) { return c < 0x80; });
+}
+
 ResultCode Databases::OpenNamed(const char16_t* pName, std::uint32_t nEventSize, Database* pOpened) {
   const std::string Key = IndexKey(pName);
   auto nPosition = static_cast<std::uint32_t>(m_Index.size());
   const bool bKnown = FindPersistentIndex(m_Index, Key, &nPosition);
-  // The name becomes that of a folder. One that has got an id before is taken as long as it leads nowhere else.
-  if (!(bKnown ? IsPlainFolderName(pName) : IsDatabaseName(pName))) return errPARAMETER_INVALID;
+  // The name becomes that of a folder. One that has got an id before is taken as long as it leads nowhere else. The
+  // index has 7 bits of each character alone; of others the folder tells that it was this name.
+  const bool bKept = bKnown && IsPlainFolderName(pName) && (IsAscii(pName) || m_Store.HasFolder(pName));
+  if (!bKept && !IsDatabaseName(pName)) return errPARAMETER_INVALID;
   if (!bKnown && IsPersistentIndexFull(m_Index)) return errINDEX_INVALID;
   const std::uint32_t nId = kFirstNamedDatabase + nPosition;
   NamedDatabaseRef Named = FindNamed(nId);  // one that a failed clearing has left closed, with the limits it has

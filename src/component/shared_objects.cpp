@@ -1,6 +1,8 @@
 #include "component/shared_objects.h"
 
+#include <cstddef>
 #include <memory>
+#include <new>
 
 #include "component/host_binding.h"
 #include "format/file_names.h"
@@ -31,9 +33,11 @@ struct SharedStore {
   void Close() REQUIRES(Lock);
 };
 
+// Never destroyed: instances may be among the last to go. Without users it has no memory.
 SharedStore& Shared() {
-  static SharedStore Instance;
-  return Instance;
+  alignas(SharedStore) static std::byte s_Storage[sizeof(SharedStore)];
+  static SharedStore* const s_pInstance = new (s_Storage) SharedStore;
+  return *s_pInstance;
 }
 
 ResultCode SharedStore::Open(const char16_t* pFolder, bool bCheckMode, bool bEnvironmentFlag) {

@@ -278,7 +278,7 @@ ResultCode SegmentManager::EnforceLimits(bool bForce) {
   if (Failed(nStarted) && m_Segments.back().pSegment->IsDiscarded()) return nStarted;
   for (; m_Segments.size() > 1 && (bForce || IsOverLimits()); bForce = false) {
     const ResultCode nCode = DeleteOldest(bForce);
-    if (Failed(nCode)) return nCode;
+    if (Failed(nCode)) return Failed(nStarted) ? nStarted : nCode;
   }
   LUMBRA_INVARIANT(IsConsistent());
   return nStarted;
@@ -345,8 +345,7 @@ ResultCode SegmentManager::Refresh(tSEGMENT_ENTRY* pEntry) {
 // After the use of a segment that is not the newest: it may be one too many that is open.
 void SegmentManager::LimitOpenSegments(const tSEGMENT_ENTRY& Used) {
   if (!Used.pSegment->IsOpen()) return;
-  const std::optional<std::uint32_t> Own = OpenSegments::Use(this, Used.nNumber);
-  if (Own) (void)CloseSegment(*Own);  // one that stays open is remembered
+  OpenSegments::Use(this, Used.nNumber);
 }
 
 SegmentManager::Closing SegmentManager::CloseSegment(std::uint32_t nNumber) {
@@ -358,7 +357,11 @@ SegmentManager::Closing SegmentManager::CloseSegment(std::uint32_t nNumber) {
 
 SegmentManager::Closing SegmentManager::TryCloseSegment(std::uint32_t nNumber) {
   if (!m_Lock.try_lock()) return Closing::Busy;
-  const Closing How = CloseSegment(nNumber);
+  Closing How = Closing::Failed;
+  try {
+    How = CloseSegment(nNumber);
+  } catch (...) {  // it stays open
+  }
   m_Lock.unlock();
   return How;
 }

@@ -1,6 +1,7 @@
 #include "events/open_segments.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <new>
 #include <vector>
 
@@ -21,9 +22,11 @@ struct Known {
   std::vector<OpenSegment> Newest GUARDED_BY(Lock);    // the one that was opened last stands last
 };
 
+// Never destroyed: stores may be among the last to go.
 Known& All() {
-  static Known Instance;
-  return Instance;
+  alignas(Known) static std::byte s_Storage[sizeof(Known)];
+  static Known* const s_pInstance = new (s_Storage) Known;
+  return *s_pInstance;
 }
 
 template <class Predicate>
@@ -42,12 +45,22 @@ void Append(std::vector<OpenSegment>& To, OpenSegment One) {
   }
 }
 
-// Closes the first that can be closed. One that fails is not tried again before its next use.
+// Closes the first that can be closed. One that cannot be brought to the disk goes to the end: the others come first.
 bool CloseFirst(std::vector<OpenSegment>& Of) {
-  for (auto One = Of.begin(); One != Of.end();) {
-    const SegmentOwner::Closing How = One->pOwner->TryCloseSegment(One->nNumber);
-    One = How == SegmentOwner::Closing::Busy ? One + 1 : Of.erase(One);
-    if (How == SegmentOwner::Closing::Done) return true;
+  std::size_t nAt = 0;
+  for (std::size_t nTried = Of.size(); nTried != 0; --nTried) {
+    const OpenSegment One = Of[nAt];
+    const SegmentOwner::Closing How = One.pOwner->TryCloseSegment(One.nNumber);
+    const auto Place = Of.begin() + static_cast<std::ptrdiff_t>(nAt);
+    if (How == SegmentOwner::Closing::Done) {
+      Of.erase(Place);
+      return true;
+    }
+    if (How == SegmentOwner::Closing::Failed) {
+      std::rotate(Place, Place + 1, Of.end());
+    } else {
+      ++nAt;
+    }
   }
   return false;
 }
@@ -60,25 +73,15 @@ void OpenSegments::SetLimit(std::uint32_t nLimit) {
   Now.nLimit = nLimit;
 }
 
-std::optional<std::uint32_t> OpenSegments::Use(SegmentOwner* pOwner, std::uint32_t nNumber) {
+void OpenSegments::Use(SegmentOwner* pOwner, std::uint32_t nNumber) {
   Forget(pOwner, nNumber);
   Known& Now = All();
   const os::Hold Hold(Now.Lock);
   // What is in use stays, also under a limit of 0.
   const std::size_t nOthers = Now.nLimit > 0 ? Now.nLimit - 1 : 0;
-  std::optional<std::uint32_t> Own;
-  for (std::size_t i = 0; i < Now.Segments.size() && Now.Segments.size() > nOthers && !Own;) {
-    const OpenSegment Oldest = Now.Segments[i];
-    if (Oldest.pOwner == pOwner) Own = Oldest.nNumber;
-    const bool bBusy = !Own && Oldest.pOwner->TryCloseSegment(Oldest.nNumber) == SegmentOwner::Closing::Busy;
-    if (bBusy) {
-      ++i;
-    } else {
-      Now.Segments.erase(Now.Segments.begin() + static_cast<std::ptrdiff_t>(i));
-    }
+  while (Now.Segments.size() > nOthers && CloseFirst(Now.Segments)) {
   }
   Append(Now.Segments, {pOwner, nNumber});
-  return Own;
 }
 
 void OpenSegments::NoteNewest(SegmentOwner* pOwner, std::uint32_t nNumber) {
@@ -94,6 +97,11 @@ void OpenSegments::Forget(const SegmentOwner* pOwner, std::uint32_t nNumber) {
 
 void OpenSegments::Forget(const SegmentOwner* pOwner) {
   EraseIf([&](const OpenSegment& One) { return One.pOwner == pOwner; });
+  Known& Now = All();
+  const os::Hold Hold(Now.Lock);
+  // A module that is unloaded leaves no memory behind.
+  if (Now.Segments.empty()) Now.Segments = {};
+  if (Now.Newest.empty()) Now.Newest = {};
 }
 
 bool OpenSegments::CloseOne() {

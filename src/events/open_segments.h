@@ -7,7 +7,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 
 namespace lumbra {
 
@@ -17,7 +16,7 @@ class SegmentOwner {
   // Failed: it has writes that cannot be brought to the disk, and stays open. Busy: another thread holds the owner.
   enum class Closing { Done, Failed, Busy };
 
-  // The thread may be within an operation of the same owner that opens a file.
+  // The thread may be within an operation of the same owner.
   virtual Closing TryCloseSegment(std::uint32_t nNumber) = 0;
 
  protected:
@@ -28,11 +27,10 @@ class OpenSegments {
  public:
   static constexpr std::uint32_t kUsualLimit = 64;  // propOPEN_SEGMENTS
 
-  static void SetLimit(std::uint32_t nLimit);
+  static void SetLimit(std::uint32_t nLimit);  // the last one counts, for the process
 
-  // A segment that is open, and not its owner's newest, is in use. Others are closed while there are too many; of the
-  // caller's own the number is answered, for it to close.
-  static std::optional<std::uint32_t> Use(SegmentOwner* pOwner, std::uint32_t nNumber);
+  // A segment that is open, and not its owner's newest, is in use. Others are closed while there are too many.
+  static void Use(SegmentOwner* pOwner, std::uint32_t nNumber);
 
   // The newest segment of its owner has been opened. It counts for no limit; it is closed where descriptors run out
   // alone.

@@ -1,5 +1,4 @@
-// Which names a database can have: its name is that of its folder, in the store's folder, on every system that may hold
-// the store.
+// Which names a database can have: its name is that of its folder, in the store's folder.
 #pragma once
 
 #include <string_view>

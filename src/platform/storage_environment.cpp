@@ -63,6 +63,13 @@ ResultCode OpenFolders(os::FolderHandle pStore, std::u16string_view Store, std::
   return ResultFromSystemError(nError);
 }
 
+// A call that opens something: tried again once where the process had run out of descriptors and could close a file.
+template <class Opening>
+os::SystemError Relieved(Opening Open) {
+  const os::SystemError nError = Open();
+  return nError == os::kTooManyOpenFiles && RelieveDescriptors() ? Open() : nError;
+}
+
 ResultCode ResultOfSearch(os::SystemError nError) {
   if (nError == os::kSuccess) return errOK;
   return nError == os::kFileNotFound ? errNOT_FOUND : errUNEXPECTED;
@@ -121,6 +128,13 @@ bool StorageEnvironment::Open(StorageOwner* pOwner, const os::FolderHandle& pSto
   }
 }
 
+bool StorageEnvironment::HasFolder(std::u16string_view Name) const noexcept try {
+  os::FolderHandle pFound;
+  return m_pFolder != nullptr && Relieved([&] { return os::OpenFolder(m_pFolder, Name, &pFound); }) == os::kSuccess;
+} catch (const std::bad_alloc&) {
+  return false;
+}
+
 std::uint64_t StorageEnvironment::GetCurrentTime() {
   return os::CurrentTime();
 }
@@ -167,7 +181,7 @@ ResultCode StorageEnvironment::DeleteFiles(const char16_t* /*pPattern*/, std::ui
 // one, or could not list them.
 bool StorageEnvironment::DeleteSegments() {
   std::vector<std::u16string> Names;
-  if (os::ListPlainFiles(m_pFolder, &Names) != os::kSuccess) return false;
+  if (Relieved([&] { return os::ListPlainFiles(m_pFolder, &Names); }) != os::kSuccess) return false;
   std::erase_if(Names, [](const std::u16string& Name) { return !IsEventsFileName(Name); });
   std::sort(Names.begin(), Names.end(), std::greater<>());
   for (const std::u16string& Name : Names) {
@@ -217,10 +231,11 @@ ResultCode StorageEnvironment::GetFileCreationTime(const char16_t* pName, std::u
   if (m_pFolder == nullptr) return errSTORE_NOT_INITIALIZED;
   if (pName == nullptr || pnTime == nullptr) return errPARAMETER_INVALID;
   try {
-    return ResultOfSearch(os::FindFiles(m_pFolder, PatternOf(pName, nId), [pnTime](const os::FoundFile& Found) {
+    const auto Note = [pnTime](const os::FoundFile& Found) {
       *pnTime = static_cast<std::uint64_t>((Found.nCreationTimeSeconds + kSecondsTo1970) * kFileTimeUnitsPerSecond);
       return false;  // the first match is enough
-    }));
+    };
+    return ResultOfSearch(Relieved([&] { return os::FindFiles(m_pFolder, PatternOf(pName, nId), Note); }));
   } catch (const std::bad_alloc&) {
     return errOUT_OF_MEMORY;
   }
@@ -233,7 +248,7 @@ ResultCode StorageEnvironment::GetFileSize(const char16_t* pName, std::uint32_t 
   try {
     enum class Exact { Unknown, No, Yes } Measure = Exact::Unknown;  // asked once, when something was found
     ResultCode nFailure = errOK;
-    const os::SystemError nError = os::FindFiles(m_pFolder, PatternOf(pName, nId), [&](const os::FoundFile& Found) {
+    const auto Count = [&](const os::FoundFile& Found) {
       if (Measure == Exact::Unknown) Measure = m_pOwner->ExactFileSizes() ? Exact::Yes : Exact::No;
       if (Found.bFolder) return true;
       std::uint64_t nSize = Found.nSize;
@@ -242,7 +257,7 @@ ResultCode StorageEnvironment::GetFileSize(const char16_t* pName, std::uint32_t 
         Trace(kHostRoot, traceRoutine,
               "lmb\tGetFileSize: dir entry file size: dirname = '%S'; filename = '%S'; size = %I64d", pFolder,
               Found.Name.c_str(), nSize);
-        if (os::MeasureFile(m_pFolder, Found.Name, &nSize) != os::kSuccess) {
+        if (Relieved([&] { return os::MeasureFile(m_pFolder, Found.Name, &nSize); }) != os::kSuccess) {
           nFailure = errUNEXPECTED;
           return false;
         }
@@ -252,7 +267,8 @@ ResultCode StorageEnvironment::GetFileSize(const char16_t* pName, std::uint32_t 
       }
       *pnSize += nSize;
       return true;
-    });
+    };
+    const os::SystemError nError = Relieved([&] { return os::FindFiles(m_pFolder, PatternOf(pName, nId), Count); });
     return Failed(nFailure) ? nFailure : ResultOfSearch(nError);
   } catch (const std::bad_alloc&) {
     return errOUT_OF_MEMORY;

@@ -52,6 +52,9 @@ class StorageEnvironment {
   bool InitBelow(StorageOwner* pOwner, const StorageEnvironment& Store, const char16_t* pStore, const char16_t* pName,
                  bool bEnvironmentFlag) noexcept;
 
+  // Whether the folder has one of that name in it, which is no link.
+  bool HasFolder(std::u16string_view Name) const noexcept;
+
   // Now, as a FILETIME (100 ns units since 1601-01-01 UTC).
   static std::uint64_t GetCurrentTime();
 

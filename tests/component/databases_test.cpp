@@ -116,6 +116,7 @@ TEST_F(DatabasesTest, KeepsNamesThatTheIndexHolds) {
   std::uint32_t nDb = 0;
   Step("one folder", InitNamed(u"old.schema", &nDb)).Is(errOK);
   EXPECT_EQ(49u, nDb);
+  Step("one with the same key", InitNamed(u"old.schema\x100.healing", &nDb)).Is(errPARAMETER_INVALID);
   Step("outside of the store", InitNamed(u"../old", &nDb)).Is(errPARAMETER_INVALID);
   Step("a numbered one", InitNamed(u"05", &nDb)).Is(errPARAMETER_INVALID);
 }

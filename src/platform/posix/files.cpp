@@ -149,8 +149,9 @@ int OpenDescriptor(int nFolder, const std::string& Name, int nFlags, mode_t nMod
 
 void SetMode(int nDescriptor, mode_t nMode) {
   struct stat Status {};
-  constexpr mode_t kRights = 07777;
+  constexpr mode_t kRights = 0777;
   if (fstat(nDescriptor, &Status) == 0 && (Status.st_mode & kRights) == nMode) return;
+  nMode |= Status.st_mode & S_ISGID;  // a folder hands its group on
   // A file system that knows of no rights refuses, and goes by those of its mount. A folder from which the mask took
   // the right to read is open by its place alone, for which the system takes a change of rights by the descriptor's
   // path.
@@ -192,7 +193,7 @@ SystemError Open(const FolderHandle& pFolder, std::u16string_view Name, std::uin
   if (bRefused && bWiden && !bCut) OpenAs(nMode);
   if (Opened->nDescriptor < 0) {
     if (errno == EEXIST) return kFileExists;
-    if (errno == ELOOP) return kAccessDenied;  // a link
+    if (errno == ELOOP || errno == ENXIO) return kAccessDenied;  // a link, or a socket or pipe
     return ErrorOfMissing(*pFolder, LastError());
   }
   if (bCreated) SetMode(Opened->nDescriptor, pFolder->FileMode());
