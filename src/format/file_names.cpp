@@ -32,6 +32,14 @@ std::u16string_view WithoutNumber(std::u16string_view Name) {
 
 }  // namespace
 
+std::uint32_t NumberOfSegmentFile(std::u16string_view Name) {
+  if (WithoutNumber(Name).empty()) return 0;
+  std::uint32_t nNumber = 0;
+  for (const char16_t c : Name.substr(0, kSegmentPrefixLength - 1))
+    nNumber = nNumber * 16 + static_cast<std::uint32_t>(kDigits.find(c));
+  return nNumber;
+}
+
 bool IsEventsFileName(std::u16string_view Name) {
   return WithoutNumber(Name) == kEventsFile;
 }

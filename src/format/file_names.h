@@ -34,8 +34,14 @@ inline constexpr std::size_t kSegmentPrefixLength = 9;
 std::u16string SegmentPrefix(std::uint32_t nSegment);
 std::u16string SegmentFileName(std::uint32_t nSegment, std::u16string_view Name);
 
+// The number of the segment that a file belongs to; 0 for a name without one.
+std::uint32_t NumberOfSegmentFile(std::u16string_view Name);
+
 // Whether a file of this name holds the events of a segment.
 bool IsEventsFileName(std::u16string_view Name);
+
+// In both: where healing puts what it takes out of the way (salvage/apply.h).
+inline constexpr char16_t kSetAsideFolder[] = u"set-aside";
 
 // Behind a file's name: what is to take its place, while the store is healed (salvage/apply.h).
 inline constexpr std::u16string_view kHealingEnding = u".healing";

@@ -72,7 +72,7 @@ ResultCode Store::Init(Heal What) try {
     }
   }
   const std::lock_guard Hold(m_pHost->m_OpeningLock);
-  const ResultCode nHealed = What == Heal::On ? HealBefore() : errOK;
+  const ResultCode nHealed = What == Heal::Off ? errOK : HealBefore(What);
   return Failed(nHealed) ? nHealed : m_pInstance->pLifecycle->ObjectInitDone(m_pInstance);
 } catch (const std::bad_alloc&) {
   return errOUT_OF_MEMORY;
@@ -111,9 +111,9 @@ os::FolderRules Store::Rules() const {
           .bOwnFolders = !m_pHost->m_bTrustsStores};
 }
 
-ResultCode Store::HealBefore() {
+ResultCode Store::HealBefore(Heal What) {
   salvage::Plan Done;
-  const ResultCode nCode = salvage::Heal(ReportFolder(), Rules(), &Done);
+  const ResultCode nCode = salvage::Heal(ReportFolder(), Rules(), {.bStartEmpty = What == Heal::StartEmpty}, &Done);
   if (Failed(nCode) || !Done.Refusal.empty()) {
     m_Refusal = Done.Refusal.empty() ? "its damage cannot be healed now" : PrintableSentence(Done.Refusal);
     m_pHost->WriteLine(kFailureLevel, "the store is not opened: " + m_Refusal);

@@ -28,7 +28,9 @@ namespace lumbra::host {
 
 class StandaloneHost;
 
-enum class Heal { On, Off };
+// Whether a store is healed before it is opened (Store::Init). StartEmpty: also one that has lost the records of all
+// its shared objects, which then begin anew; what is left of them moves to "set-aside".
+enum class Heal { On, StartEmpty, Off };
 
 // One use of a store instance; ends with ObjectShutdown and ObjectFree, for the shared instance when its last
 // user ends; a SendFlush that is under way is a user, too, and the instance then ends with it. A Store that holds no
@@ -47,8 +49,8 @@ class Store {
   //
   // Before the component meets the store, what is lost or damaged in it is healed, so that it costs no more than itself
   // (salvage/look.h); a store that somebody has open is left alone. Where the look or the healing fails, its code is
-  // answered; where opening would lose all shared objects, errDATA_CORRUPTED. The store is not opened then, and a trace
-  // line of level 300 says why.
+  // answered; where opening would lose all shared objects, errDATA_CORRUPTED, unless they shall begin anew. The store
+  // is not opened then, and a trace line of level 300 says why.
   ResultCode Init(Heal What = Heal::On);
 
   // Opens a database (InitDB, InitDBByName). Those begin one anew that has events of another size; this refuses it with
@@ -82,7 +84,7 @@ class Store {
 
  private:
   friend class StandaloneHost;
-  ResultCode HealBefore();
+  ResultCode HealBefore(Heal What);
   ResultCode CheckEventSize(const std::u16string& Folder, std::uint32_t nEventSize, OtherSize What);
   os::FolderRules Rules() const;
   Store(StandaloneHost* pHost, LumbraInstance* pInstance) : m_pHost(pHost), m_pInstance(pInstance) {}

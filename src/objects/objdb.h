@@ -108,13 +108,14 @@ class ObjectDB {
   // The object's hash, 0 when it cannot be read.
   std::uint64_t GetObjectHash(tObjectId nObjectId) EXCLUDES(m_Lock);
 
-  // Puts the objects back into a tree that knows none, as one that Open had to start anew; only where the store has
-  // CRCs. Records that are damaged are left out, and traced. Of several with one hash the newest is found, as before.
+  // Puts the objects back into a tree that knows none, as one that Open had to start anew; where the store has CRCs, or
+  // always. Records that are damaged are left out, and traced. Of several with one hash the newest is found, as before.
   // After a failure (errREAD_FAILED, errWRITE_FAILED, errOUT_OF_MEMORY, errOUT_OF_SPACE) objects that are found are
   // answered; each search for another one first goes on with the refill at the record where it stopped, and as long as
   // that fails it answers the failure's code and creates nothing. A store that is closed meanwhile has its tree started
   // anew by the next Open.
-  ResultCode RefillEmptyTree() EXCLUDES(m_Lock);
+  enum class Refill { WhereCrcs, Always };
+  ResultCode RefillEmptyTree(Refill Which = Refill::WhereCrcs) EXCLUDES(m_Lock);
 
   // A cheap check of the two newest objects, where a crash leaves its marks: errOK or the code of the first
   // failed check. Newest objects that the tree does not know are put back into it.

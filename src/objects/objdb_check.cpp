@@ -209,9 +209,9 @@ ResultCode ObjectDB::InsertMissingHash(std::uint64_t nObjectId, const tODB_ID_EN
 
 // ---- The refill -------------------------------------------------------------------------------------------
 
-ResultCode ObjectDB::RefillEmptyTree() {
+ResultCode ObjectDB::RefillEmptyTree(Refill Which) {
   const os::Hold Hold(m_Lock);
-  if (HasCrcs() && m_IdDB.GetRecordCount() != 0) m_Refill.nFailure = ContinueRefill();
+  if ((Which == Refill::Always || HasCrcs()) && m_IdDB.GetRecordCount() != 0) m_Refill.nFailure = ContinueRefill();
   return m_Refill.nFailure;
 }
 

@@ -11,11 +11,11 @@
 #include "format/file_names.h"
 #include "platform/result.h"
 #include "salvage/look.h"
+#include "salvage/trees.h"
 
 namespace lumbra::salvage {
 namespace {
 
-constexpr char16_t kSetAside[] = u"set-aside";
 constexpr char16_t kRecord[] = u"healing.json";
 constexpr char16_t kUndone[] = u"undone.json";
 
@@ -116,6 +116,9 @@ class StoreHold {
     return nError;
   }
 
+  // Lets go of a file that is to be moved: on Windows what is held stays where it is.
+  void Release(const std::u16string& Folder, const std::u16string& File) { m_Files.erase({Folder, File}); }
+
   // What Take could not open.
   const Step& Refused() const { return m_Refused; }
 
@@ -162,7 +165,7 @@ struct Place {
 
 class Healer {
  public:
-  Healer(const os::FolderHandle& pStore, const StoreHold& Hold) : m_pStore(pStore), m_Hold(Hold) {}
+  Healer(const os::FolderHandle& pStore, StoreHold* pHold) : m_pStore(pStore), m_pHold(pHold) {}
 
   os::SystemError Run(const std::vector<Step>& Steps) {
     os::SystemError nError = Record(Steps);
@@ -197,7 +200,7 @@ class Healer {
 
   static os::SystemError MakeAside(Place* pAt, const std::string& Time) {
     os::FolderHandle pAll;
-    os::SystemError nError = OpenOrMakeFolder(pAt->pFolder, kSetAside, &pAll);
+    os::SystemError nError = OpenOrMakeFolder(pAt->pFolder, kSetAsideFolder, &pAll);
     for (int nCounter = 1; nError == os::kSuccess; ++nCounter) {
       const std::u16string Name = Wide(Time + '-' + std::to_string(nCounter));
       nError = os::MakeFolder(pAll, Name);
@@ -217,15 +220,18 @@ class Healer {
       case Step::Kind::Create:
         return WriteFile(At.pFolder, One.File, One.After, os::Disposition::CreateNew);
       case Step::Kind::SetAside:
+        m_pHold->Release(One.Folder, One.File);
         return os::Move(At.pFolder, One.File, At.pAside, One.File, os::IfTaken::Refuse);
       case Step::Kind::Replace:
         return Replace(At, One);
+      case Step::Kind::Rebuild:  // when nobody holds the files
+        return os::kSuccess;
     }
     return os::kNotSupported;
   }
 
   os::SystemError Patch(const Place& At, const Step& One) const {
-    if (const os::FileHandle Held = m_Hold.Find(One.Folder, One.File); Held != nullptr)
+    if (const os::FileHandle Held = m_pHold->Find(One.Folder, One.File); Held != nullptr)
       return WriteAndSync(Held, One.nOffset, One.After);
     OpenFile File;
     const os::SystemError nError = File.Open(At.pFolder, One.File, kHold, os::Disposition::OpenExisting);
@@ -239,7 +245,7 @@ class Healer {
   }
 
   os::FolderHandle m_pStore;
-  const StoreHold& m_Hold;
+  StoreHold* m_pHold;
   std::map<std::u16string, Place> m_Places;
 };
 
@@ -269,6 +275,11 @@ class Undoer {
       const os::SystemError nError = os::Move(m_pAside, One.File, m_pFolder, One.File, os::IfTaken::Refuse);
       if (nError != os::kAlreadyExists) return nError == os::kFileNotFound ? os::kSuccess : nError;
       return Leave(One, "a new file has its name");
+    }
+    if (One.What == Step::Kind::Rebuild) {
+      const os::SystemError nTaken =
+          os::Move(m_pFolder, One.File, m_pAside, One.File + u".built", os::IfTaken::Replace);
+      return nTaken == os::kFileNotFound ? os::kSuccess : nTaken;
     }
     // Of a whole file a byte more than it was given tells that it has grown.
     const bool bWhole = One.What != Step::Kind::Patch;
@@ -312,24 +323,35 @@ bool IsMissing(os::SystemError nError) {
 
 }  // namespace
 
-ResultCode Heal(const std::u16string& Store, const os::FolderRules& Rules, Plan* pDone) try {
+namespace {
+
+ResultCode HealHeld(const os::FolderHandle& pStore, const Wishes& Wanted, Plan* pDone) {
+  StoreHold Hold;
+  const os::SystemError nHeld = Hold.Take(pStore);
+  pDone->bHeld = nHeld == os::kSharingViolation;
+  if (pDone->bHeld) return errOK;
+  if (nHeld != os::kSuccess) {
+    pDone->Refusal = Describe(Hold.Refused());
+    return ResultFromSystemError(nHeld);
+  }
+  const ResultCode nLooked = Look(pStore, Wanted, pDone);
+  if (Failed(nLooked) || !pDone->Refusal.empty() || !pDone->Acts()) return nLooked;
+  return ResultFromSystemError(Healer(pStore, &Hold).Run(pDone->Steps));
+}
+
+}  // namespace
+
+ResultCode Heal(const std::u16string& Store, const os::FolderRules& Rules, const Wishes& Wanted, Plan* pDone) try {
   os::FolderHandle pStore;
   os::SystemError nError = os::OpenFolder(Store, Rules, &pStore);
   if (IsMissing(nError)) return errOK;
   if (nError != os::kSuccess) return ResultFromSystemError(nError);
-  StoreHold Hold;
-  nError = Hold.Take(pStore);
-  if (nError == os::kSharingViolation) {
-    pDone->bHeld = true;
-    return errOK;
+  ResultCode nCode = HealHeld(pStore, Wanted, pDone);
+  if (pDone->bHeld || !pDone->Refusal.empty()) return nCode;
+  for (const Step& One : pDone->Steps) {
+    if (Succeeded(nCode) && One.What == Step::Kind::Rebuild) nCode = RebuildTree(Store, Rules, One);
   }
-  if (nError != os::kSuccess) {
-    pDone->Refusal = Describe(Hold.Refused());
-    return ResultFromSystemError(nError);
-  }
-  const ResultCode nLooked = Look(pStore, pDone);
-  if (Failed(nLooked) || !pDone->Refusal.empty() || !pDone->Acts()) return nLooked;
-  return ResultFromSystemError(Healer(pStore, Hold).Run(pDone->Steps));
+  return nCode;
 } catch (const std::bad_alloc&) {
   return errOUT_OF_MEMORY;
 }
@@ -353,7 +375,8 @@ ResultCode SetDatabaseAside(const std::u16string& Store, const os::FolderRules& 
                      .Folder = Folder,
                      .File = Name,
                      .Why = "the database begins anew with events of another size"});
-  if (nError == os::kSuccess) nError = Healer(pStore, StoreHold()).Run(Steps);
+  StoreHold Nothing;
+  if (nError == os::kSuccess) nError = Healer(pStore, &Nothing).Run(Steps);
   return ResultFromSystemError(nError);
 } catch (const std::bad_alloc&) {
   return errOUT_OF_MEMORY;
@@ -376,7 +399,7 @@ ResultCode Undo(const std::u16string& Store, const os::FolderRules& Rules, const
     os::FolderHandle pAll;
     os::FolderHandle pAside;
     if (!Folder.empty()) nError = os::OpenFolder(pStore, Folder, &pFolder);
-    if (nError == os::kSuccess) nError = os::OpenFolder(pFolder, kSetAside, &pAll);
+    if (nError == os::kSuccess) nError = os::OpenFolder(pFolder, kSetAsideFolder, &pAll);
     if (nError == os::kSuccess) nError = os::OpenFolder(pAll, Wide(Time), &pAside);
     if (nError == os::kSuccess) nError = Undoer(pFolder, pAside, pLeft).Run();
     if (nError == os::kSuccess) bFound = true;

@@ -13,7 +13,7 @@ namespace lumbra::salvage {
 // Looks at a store and heals it, holding its files as the component does: where another process holds one, the store is
 // left alone, and the plan says so. *pDone receives the plan, carried out unless it refuses the store or the answer is
 // a failure. Killed at any point and run again, it ends the same.
-ResultCode Heal(const std::u16string& Store, const os::FolderRules& Rules, Plan* pDone);
+ResultCode Heal(const std::u16string& Store, const os::FolderRules& Rules, const Wishes& Wanted, Plan* pDone);
 
 // Moves all files of a database, by its folder in the store's, out of the way: the component begins it anew then, ids
 // included. Killed on its way, it leaves the beginning of the chain. errSHARING_VIOLATION while the database is open.

@@ -40,7 +40,8 @@ std::optional<std::uint32_t> IdentityOf(FolderView& Files) {
 
 class StoreLook {
  public:
-  StoreLook(const os::FolderHandle& pStore, Plan* pPlan) : m_pStore(pStore), m_pPlan(pPlan) {}
+  StoreLook(const os::FolderHandle& pStore, const Wishes& Wanted, Plan* pPlan)
+      : m_pStore(pStore), m_Wanted(Wanted), m_pPlan(pPlan) {}
 
   ResultCode Run() {
     FolderView Files;
@@ -54,7 +55,7 @@ class StoreLook {
       const ResultCode nCode = LookIn(Folder);
       if (Failed(nCode)) return nCode;
     }
-    LookAtSharedObjects(Files, m_bHasEvents, m_pPlan);
+    LookAtSharedObjects(Files, m_bHasEvents, m_Wanted, m_pPlan);
     LookAtIndex(Files, m_Named, m_pPlan);
     return FailureOf(Files, {});
   }
@@ -71,7 +72,7 @@ class StoreLook {
     if (Failed(nListed)) return nListed;
     if (!HasFilesOfDatabase(Files)) return errOK;
     const std::optional<std::uint32_t> Id = bNumbered ? NumberOf(Folder) : IdentityOf(Files);
-    LookAtDatabase(Folder, Id, Files, m_pPlan);
+    LookAtDatabase(Folder, Id, Files, m_Wanted, m_pPlan);
     m_bHasEvents = m_bHasEvents || HasEvents(Files);
     if (!bNumbered) m_Named[Folder] = Id;
     return FailureOf(Files, Folder);
@@ -84,6 +85,7 @@ class StoreLook {
   }
 
   os::FolderHandle m_pStore;
+  const Wishes m_Wanted;
   Plan* m_pPlan;
   bool m_bHasEvents = false;
   std::map<std::u16string, std::optional<std::uint32_t>> m_Named;
@@ -91,11 +93,11 @@ class StoreLook {
 
 }  // namespace
 
-ResultCode Look(const std::u16string& Store, Plan* pPlan) {
+ResultCode Look(const std::u16string& Store, const Wishes& Wanted, Plan* pPlan) {
   os::FolderHandle pStore;
   const os::SystemError nError = os::OpenFolder(Store, {}, &pStore);
   if (nError == os::kFileNotFound || nError == os::kPathNotFound) return errOK;
-  return nError == os::kSuccess ? Look(pStore, pPlan) : ResultFromSystemError(nError);
+  return nError == os::kSuccess ? Look(pStore, Wanted, pPlan) : ResultFromSystemError(nError);
 }
 
 ResultCode EventSizeOf(const std::u16string& Store, const std::u16string& Folder, std::uint32_t* pnSize) try {
@@ -115,9 +117,9 @@ ResultCode EventSizeOf(const std::u16string& Store, const std::u16string& Folder
   return errOUT_OF_MEMORY;
 }
 
-ResultCode Look(const os::FolderHandle& pStore, Plan* pPlan) try {
+ResultCode Look(const os::FolderHandle& pStore, const Wishes& Wanted, Plan* pPlan) try {
   Plan Found;
-  const ResultCode nCode = StoreLook(pStore, &Found).Run();
+  const ResultCode nCode = StoreLook(pStore, Wanted, &Found).Run();
   if (Failed(nCode)) Found.Steps.clear();
   *pPlan = std::move(Found);
   return nCode;

@@ -13,10 +13,10 @@ namespace lumbra::salvage {
 
 // Makes the plan for a whole store, by its folder; an empty one where there is none. After a failure of the system,
 // from which nothing is known of the files, the plan has no steps, and its refusal names the file.
-ResultCode Look(const std::u16string& Store, Plan* pPlan);
+ResultCode Look(const std::u16string& Store, const Wishes& Wanted, Plan* pPlan);
 
 // The same of a folder that is open.
-ResultCode Look(const os::FolderHandle& pStore, Plan* pPlan);
+ResultCode Look(const os::FolderHandle& pStore, const Wishes& Wanted, Plan* pPlan);
 
 // The size of a database's events in bytes, as its header has it; 0 where there is none, or it is damaged. Folder is
 // that of the database, within the store's.

@@ -73,8 +73,9 @@ constexpr std::u16string_view kObjectFiles[] = {kTreeFile, kIdsFile, kDataFile};
 
 class DatabaseLook {
  public:
-  DatabaseLook(const std::u16string& Folder, std::optional<std::uint32_t> Id, FolderView& Files, Plan* pPlan)
-      : m_Folder(Folder), m_Id(Id), m_Files(Files), m_pPlan(pPlan) {}
+  DatabaseLook(const std::u16string& Folder, std::optional<std::uint32_t> Id, FolderView& Files, const Wishes& Wanted,
+               Plan* pPlan)
+      : m_Folder(Folder), m_Id(Id), m_Files(Files), m_Wanted(Wanted), m_pPlan(pPlan) {}
 
   void Run() {
     ReadHeader();
@@ -105,9 +106,7 @@ class DatabaseLook {
   void ListSegments() {
     for (const auto& [Name, File] : m_Files.Files()) {
       if (!IsEventsFileName(Name)) continue;
-      std::uint32_t nNumber = 0;
-      for (const char16_t c : Name.substr(0, kSegmentPrefixLength - 1))
-        nNumber = nNumber * 16 + static_cast<std::uint32_t>(c <= u'9' ? c - u'0' : c - u'A' + 10);
+      const std::uint32_t nNumber = NumberOfSegmentFile(Name);
       if (nNumber == 0 || nNumber >= kSegmentNumberLimit) continue;
       m_Segments.push_back({nNumber, File.nSize, File.nWritten, m_Files.Read(Name, 0, sizeof(tPLAINDB_HEADER))});
     }
@@ -258,7 +257,8 @@ class DatabaseLook {
       bNewestLacks = bNewest && (bLacks || One.nSize < sizeof(tPLAINDB_HEADER) || HasLostRecords(One));
       const ObjectFileNames Names = NamesOf(One.nNumber);
       LookAtObjectHeads(m_Folder, m_Files, Names, m_pPlan);
-      if (bNewest) LookAtDataEnd(m_Folder, m_Files, Names, m_pPlan);
+      if (bNewest || m_Wanted.bThorough) LookAtDataEnd(m_Folder, m_Files, Names, m_pPlan);
+      if (m_Wanted.bThorough) LookAtTree(m_Folder, m_Files, Names, m_pPlan);
     }
     const std::uint32_t nNext = m_Chain.back().nNumber + 1;
     if (!m_Files.Has(SegmentFileName(nNext, kEventsFile)) && HasNames(nNext)) {
@@ -356,6 +356,7 @@ class DatabaseLook {
   const std::u16string& m_Folder;
   const std::optional<std::uint32_t> m_Id;
   FolderView& m_Files;
+  const Wishes m_Wanted;
   Plan* m_pPlan;
   std::string m_Header;  // of "segments.dat"
   bool m_bHeaderGood = false;
@@ -382,8 +383,9 @@ bool HasEvents(const FolderView& Files) {
   });
 }
 
-void LookAtDatabase(const std::u16string& Folder, std::optional<std::uint32_t> Id, FolderView& Files, Plan* pPlan) {
-  DatabaseLook(Folder, Id, Files, pPlan).Run();
+void LookAtDatabase(const std::u16string& Folder, std::optional<std::uint32_t> Id, FolderView& Files,
+                    const Wishes& Wanted, Plan* pPlan) {
+  DatabaseLook(Folder, Id, Files, Wanted, pPlan).Run();
 }
 
 }  // namespace lumbra::salvage

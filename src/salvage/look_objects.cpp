@@ -212,6 +212,21 @@ void LookAtDataEnd(const std::u16string& Folder, FolderView& Files, const Object
   if (bFurther) Add(Step::Kind::Report, {}, "an id record points behind its end; left as it is");
 }
 
+void LookAtTree(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan) {
+  const std::string Slots = Files.Read(Names.Tree, FirstNodeOffset, kRootSlots * sizeof(tODB_BT_OFFSET));
+  if (Slots.find_first_not_of('\0') != std::string::npos) return;
+  constexpr std::uint64_t kMany = 1 << 15;  // records among which an object with a name stands
+  const Form Of = FormOfIds(Files.Read(Names.Ids, 0, sizeof(tPLAINDB_HEADER)));
+  if (Of == Form::Unknown || !std::ranges::any_of(NewestRecords(Files, Names, Of, kMany), &IsInTree)) return;
+  if (Files.Has(Names.Tree))
+    pPlan->Steps.push_back(
+        {.What = Step::Kind::SetAside, .Folder = Folder, .File = Names.Tree, .Why = "it finds none of the objects"});
+  pPlan->Steps.push_back({.What = Step::Kind::Rebuild,
+                          .Folder = Folder,
+                          .File = Names.Tree,
+                          .Why = "it is built anew from the id records"});
+}
+
 std::optional<std::uint64_t> WholeRecordsOf(FolderView& Files, const std::u16string& Ids) {
   const Form Of = FormOfIds(Files.Read(Ids, 0, sizeof(tPLAINDB_HEADER)));
   if (Of == Form::Unknown) return {};
@@ -220,7 +235,7 @@ std::optional<std::uint64_t> WholeRecordsOf(FolderView& Files, const std::u16str
   return nSize % nRecord == 0 ? std::optional(nSize / nRecord) : std::nullopt;
 }
 
-void LookAtSharedObjects(FolderView& Files, bool bHasEvents, Plan* pPlan) {
+void LookAtSharedObjects(FolderView& Files, bool bHasEvents, const Wishes& Wanted, Plan* pPlan) {
   const ObjectFileNames Names{kSharedIdsFile, kSharedTreeFile, kSharedDataFile};
   const std::size_t nBefore = pPlan->Steps.size();
   LookAtObjectHeads({}, Files, Names, pPlan);
@@ -235,11 +250,19 @@ void LookAtSharedObjects(FolderView& Files, bool bHasEvents, Plan* pPlan) {
                             Zeros,
                             "it is missing; zeros keep others from the place of its names"});
   }
+  LookAtTree({}, Files, Names, pPlan);
   const bool bMended = pPlan->Steps.size() != nBefore;
   const FolderView::File* const pData = Files.Find(Names.Data);
   if (pData == nullptr || pData->nSize <= sizeof(FILE_MAGIC)) return;
   const bool bIds = FormOfIds(Files.Read(Names.Ids, 0, sizeof(tPLAINDB_HEADER))) != Form::Unknown;
   if (bIds || bMended || !bHasEvents) return;
+  if (Wanted.bStartEmpty) {
+    for (const std::u16string& Name : {Names.Tree, Names.Ids, Names.Data}) {  // the one that tells of it last
+      if (Files.Has(Name))
+        pPlan->Steps.push_back({.What = Step::Kind::SetAside, .File = Name, .Why = "the shared objects begin anew"});
+    }
+    return;
+  }
   pPlan->Refusal =
       Files.Has(Names.Ids)
           ? "g_objid.dat is damaged beside the names of g_objdt.dat: opened, all shared objects would be lost"

@@ -15,6 +15,7 @@ struct Step {
     Create,    // a file that is missing
     Replace,   // a whole file becomes another one
     SetAside,  // a file moves out of the way, into "set-aside"
+    Rebuild,   // a tree is built anew from the id records
   };
 
   Kind What = Kind::Report;
@@ -26,6 +27,12 @@ struct Step {
   std::string Why;             // what was found and what becomes of it, in words
 
   bool Acts() const { return What != Kind::Report; }
+};
+
+// What a look is to find beside the damage that opening the store would make worse.
+struct Wishes {
+  bool bThorough = false;    // what can be had back, too: names that a lost tree finds no more, ends of old segments
+  bool bStartEmpty = false;  // shared objects whose id file is lost are set aside, and begin anew
 };
 
 struct Plan {

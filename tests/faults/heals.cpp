@@ -55,7 +55,7 @@ struct Damage {
 
 ResultCode Heal(const fs::path& Folder) {
   salvage::Plan Done;
-  return salvage::Heal(Folder.u16string(), {}, &Done);
+  return salvage::Heal(Folder.u16string(), {}, {}, &Done);
 }
 
 // In a process that is gone before one of its changes.

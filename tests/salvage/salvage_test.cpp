@@ -67,7 +67,7 @@ class SalvageTest : public ComponentTest {
 
   salvage::Plan Heal() {
     salvage::Plan Done;
-    Must(salvage::Heal(WideFolder(), {}, &Done));
+    Must(salvage::Heal(WideFolder(), {}, m_Wanted, &Done));
     return Done;
   }
   std::string Words(const salvage::Plan& Of) const {
@@ -119,13 +119,14 @@ class SalvageTest : public ComponentTest {
     Put(Damaged);
     const salvage::Plan Done = Heal();
     salvage::Plan Again;
-    Must(salvage::Look(WideFolder(), &Again));
+    Must(salvage::Look(WideFolder(), m_Wanted, &Again));
     EXPECT_FALSE(Again.Acts()) << File << ' ' << Words << ": healed twice\n" << this->Words(Done) << this->Words(Again);
     if (!Done.Refusal.empty()) return;
     const std::string Told = Missing(File);
     EXPECT_EQ("", Told) << File << ' ' << Words << "\n" << this->Words(Done);
   }
 
+  salvage::Wishes m_Wanted;
   Snapshot m_Sound;
   Ids m_Ids;  // of all events
 };

@@ -84,8 +84,6 @@ TEST_F(ToolTest, HealsAStoreBeforeItIsOpened) {
       "lumbra: healed 01/00000002_events.dat: a segment is missing here; an empty one keeps those behind it in reach\n",
       Errors());
   EXPECT_EQ(json({"a", "b", "e"}), Names("1"));
-  fs::remove(Folder() / "store/g_objid.dat");
-  Fails("events --db 1", "g_objid.dat is missing beside the names of g_objdt.dat");
 }
 
 TEST_F(ToolTest, FindsNames) {
@@ -189,6 +187,28 @@ TEST_F(ToolTest, RepairsAndTakesItBack) {
   Run("repair --undo " + Time);
   EXPECT_EQ(9, ReadFile("store/01/segments.dat")[4]);
   Fails("repair --undo 20260101T000000Z-1", "nothing was done at that time");
+}
+
+TEST_F(ToolTest, PutsBackWhatALostTreeFindsNoMore) {
+  const std::string Ids = Run("find --db 0 --create a b c");
+  fs::remove(Folder() / "store/g_objbt.dat");
+  EXPECT_THAT(Run("check", 3), HasSubstr("- g_objbt.dat: it is built anew from the id records\n"));
+  Run("repair --yes", 3);
+  EXPECT_EQ(Ids, Run("find --db 0 a b c"));
+  EXPECT_THAT(Run("info"), HasSubstr("set aside by healing: "));
+  Run("repair --discard-set-aside");
+  EXPECT_TRUE(fs::exists(Folder() / "store/set-aside"));
+  Run("repair --discard-set-aside --yes");
+  EXPECT_FALSE(fs::exists(Folder() / "store/set-aside"));
+}
+
+TEST_F(ToolTest, BeginsSharedObjectsAnewWhereItIsToldTo) {
+  Record("1", {"a"});
+  fs::remove(Folder() / "store/g_objid.dat");
+  Fails("repair --yes", "");
+  Fails("events --db 1", "g_objid.dat is missing beside the names of g_objdt.dat");
+  Run("repair --start-empty --yes", 3);
+  EXPECT_EQ(json({"a"}), Names("1"));
 }
 
 TEST_F(ToolTest, ClearsAlsoWhatItWouldNotOpen) {

@@ -67,7 +67,8 @@ class Findings {
 // Whether files are lost or damaged in a way that costs more once the store is opened: then it is not opened.
 bool IsBetterRepaired(const StoreFiles& Files) {
   salvage::Plan Found;
-  Check(salvage::Look(Files.Folder().u16string(), &Found), "look at " + Printable(TextOf(Files.Folder())));
+  Check(salvage::Look(Files.Folder().u16string(), {.bThorough = true}, &Found),
+        "look at " + Printable(TextOf(Files.Folder())));
   for (const salvage::Step& One : Found.Steps) std::printf("- %s\n", Printable(salvage::Describe(One)).c_str());
   if (!Found.Acts() && Found.Refusal.empty()) return false;
   std::puts("The store was not opened, which would cost more: see lumbra repair.");
@@ -104,7 +105,7 @@ int CheckStore(const CommonOptions& Common, const NoOptions& /*Options*/) {
     return kExitOk;
   }
   std::puts(Found.Any() ? "The newest objects are sound now." : "The newest objects are sound.");
-  return Store.StatusOfReading(Found.Any() ? kExitIncomplete : kExitOk);
+  return Found.Any() ? kExitIncomplete : kExitOk;
 }
 
 }  // namespace lumbra::tool

@@ -214,6 +214,8 @@ void AddStoreCommands(CLI::App* pApp, Request* pRequest) {
   const auto [pRepair, pRepairWith] =
       AddCommand(pApp, pRequest, "repair", "Show what can be done about lost and damaged files, and do it", Repair);
   pRepair->add_flag("--yes", pRepairWith->bYes, "Do it");
+  pRepair->add_flag("--start-empty", pRepairWith->bStartEmpty, "Also set aside shared objects without their records");
+  pRepair->add_flag("--discard-set-aside", pRepairWith->bDiscard, "Delete what was set aside, and nothing else");
   pRepair->add_option("--undo", pRepairWith->Undo, "Take back what was done at this time, a folder in set-aside")
       ->type_name("TIME");
 

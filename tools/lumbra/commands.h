@@ -92,6 +92,8 @@ int Compact(const CommonOptions& Common, const NoOptions& Options);
 
 struct RepairOptions {
   bool bYes = false;
+  bool bStartEmpty = false;
+  bool bDiscard = false;
   std::string Undo;  // the time of what is to be taken back; empty: nothing
 };
 int Repair(const CommonOptions& Common, const RepairOptions& Options);

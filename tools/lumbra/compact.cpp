@@ -125,6 +125,8 @@ int Clear(const CommonOptions& Common, const ClearOptions& Options) {
   Check(Store.Call(&LumbraOperations::ClearDB, nDatabase), "clear " + Options.Database.Describe());
   Store.Flush();
   std::printf("cleared %s\n", Options.Database.Describe().c_str());
+  if (Store.Files().SetAsideSize() != 0)
+    std::puts("What healing has set aside stays; lumbra repair --discard-set-aside deletes it.");
   return kExitOk;
 }
 

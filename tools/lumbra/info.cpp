@@ -54,14 +54,18 @@ void PrintJson(const Session& Store, const std::vector<DatabaseInfo>& Databases)
     if (const auto Oldest = FormatTime(Info.nOldest); Oldest && Info.nOldest != 0) One["oldest"] = *Oldest;
     Listed.push_back(One);
   }
-  const nlohmann::ordered_json All = {
-      {"store", TextOf(Store.Files().Folder())}, {"corrupted", Store.IsCorrupted()}, {"databases", Listed}};
+  const nlohmann::ordered_json All = {{"store", TextOf(Store.Files().Folder())},
+                                      {"corrupted", Store.IsCorrupted()},
+                                      {"set_aside", Store.Files().SetAsideSize()},
+                                      {"databases", Listed}};
   std::puts(host::PrintableJson(All.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)).c_str());
 }
 
 void PrintText(const Session& Store, const std::vector<DatabaseInfo>& Databases) {
   std::printf("%s%s\n\n", Printable(TextOf(Store.Files().Folder())).c_str(),
               Store.IsCorrupted() ? "  (damaged; see lumbra check)" : "");
+  if (const std::uint64_t nAside = Store.Files().SetAsideSize(); nAside != 0)
+    std::printf("set aside by healing: %llu bytes; see lumbra repair\n\n", static_cast<unsigned long long>(nAside));
   std::printf("%3s  %-16s  %-16s  %10s  %10s  %14s  %8s  %s\n", "id", "name", "folder", "event size", "records",
               "bytes", "segments", "oldest segment");
   for (const DatabaseInfo& Info : Databases) {

@@ -33,18 +33,32 @@ int TakeBack(const CommonOptions& Common, const StoreFiles& Files, const std::st
   return Left.empty() ? kExitOk : kExitIncomplete;
 }
 
+// What was taken out of the way, and all old bytes: nothing else deletes them.
+int Discard(const StoreFiles& Files, bool bYes) {
+  std::printf("%llu bytes are set aside\n", static_cast<unsigned long long>(Files.SetAsideSize()));
+  if (!bYes) {
+    std::puts("Nothing was changed. --yes deletes them for good.");
+    return kExitOk;
+  }
+  Files.DiscardSetAside();
+  std::puts("They are deleted.");
+  return kExitOk;
+}
+
 }  // namespace
 
 int Repair(const CommonOptions& Common, const RepairOptions& Options) {
   const StoreFiles Files = FilesOf(Common);
   const std::string What = "repair " + Printable(TextOf(Files.Folder()));
   if (!Files.IsFolder()) throw Failure(What, errOBJECT_NOT_FOUND, "there is no store here");
+  if (Options.bDiscard) return Discard(Files, Options.bYes);
   if (!Options.Undo.empty()) return TakeBack(Common, Files, Options.Undo, What);
   salvage::Plan Found;
+  const salvage::Wishes Wanted{.bThorough = true, .bStartEmpty = Options.bStartEmpty};
   if (!Options.bYes) {
-    Check(salvage::Look(Files.Folder().u16string(), &Found), What);
+    Check(salvage::Look(Files.Folder().u16string(), Wanted, &Found), What);
   } else {
-    Check(salvage::Heal(Files.Folder().u16string(), RulesOf(Common), &Found), What);
+    Check(salvage::Heal(Files.Folder().u16string(), RulesOf(Common), Wanted, &Found), What);
     if (Found.bHeld) throw Failure(What, errSHARING_VIOLATION);
   }
   PrintSteps(Found);
@@ -53,7 +67,7 @@ int Repair(const CommonOptions& Common, const RepairOptions& Options) {
     return kExitOk;
   }
   if (!Found.Refusal.empty()) {
-    std::puts("Nothing was changed: what is missing has to come from a copy.");
+    std::puts("Nothing was changed: what is missing has to come from a copy, or --start-empty does without it.");
     return kExitFailed;
   }
   if (!Found.Acts()) {

@@ -128,7 +128,10 @@ std::optional<DatabaseName> ParseDatabaseName(const std::string& Text, std::stri
 }
 
 bool StoreFiles::Exists() const {
-  return IsThere(m_Folder / kSharedIdsFile) || IsThere(m_Folder / kSharedDataFile);
+  for (const char16_t* const pName : {kSharedIdsFile, kSharedDataFile, kIndexFile}) {  // one may be lost
+    if (IsThere(m_Folder / pName)) return true;
+  }
+  return false;
 }
 
 bool StoreFiles::IsFolder() const {
@@ -243,6 +246,37 @@ std::optional<DatabaseName> StoreFiles::DatabaseOfNumber(std::uint32_t nId) cons
     if (!Candidate.Number && KeyOf(Candidate) == KeyOfItem(Item)) return Candidate;
   }
   return {};
+}
+
+std::vector<fs::path> StoreFiles::SetAsideFolders() const {
+  std::vector<fs::path> Found;
+  const auto Note = [&Found](const fs::path& In) {
+    const fs::path Aside = In / kSetAsideFolder;
+    if (!fs::is_symlink(Aside) && fs::is_directory(Aside)) Found.push_back(Aside);
+  };
+  Note(m_Folder);
+  for (const fs::directory_entry& Entry : EntriesOf(m_Folder)) {
+    if (!Entry.is_symlink() && Entry.is_directory()) Note(Entry.path());
+  }
+  return Found;
+}
+
+std::uint64_t StoreFiles::SetAsideSize() const {
+  std::uint64_t nSize = 0;
+  for (const fs::path& Folder : SetAsideFolders()) {
+    for (const fs::directory_entry& Entry : fs::recursive_directory_iterator(Folder)) {
+      if (!Entry.is_symlink() && Entry.is_regular_file()) nSize += Entry.file_size();
+    }
+  }
+  return nSize;
+}
+
+void StoreFiles::DiscardSetAside() const {
+  for (const fs::path& Folder : SetAsideFolders()) {
+    std::error_code Refused;
+    fs::remove_all(Folder, Refused);
+    if (Refused) throw Failure("delete " + Printable(TextOf(Folder)), errACCESS_DENIED, MessageOf(Refused));
+  }
 }
 
 bool StoreFiles::IsMarkedCorrupted() const {

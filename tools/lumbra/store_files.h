@@ -70,6 +70,10 @@ class StoreFiles {
   // The names of files that clearing the database would delete, though they are none of a store's.
   std::vector<std::string> ForeignFiles(const DatabaseName& Database) const;
 
+  // Bytes in all folders "set-aside" of the store; deletes them.
+  std::uint64_t SetAsideSize() const;
+  void DiscardSetAside() const;
+
   // Whether damaged data was met at some time, as the index of names has it.
   bool IsMarkedCorrupted() const;
 
@@ -83,6 +87,7 @@ class StoreFiles {
   std::uint64_t SizeOf(const DatabaseName& Database) const;
 
  private:
+  std::vector<std::filesystem::path> SetAsideFolders() const;
   std::vector<std::string> IndexedKeys() const;
   std::string ReadBlock(const char16_t* pName, std::uint64_t nBlock) const;
 
