@@ -100,8 +100,9 @@ void OpenSegments::Forget(const SegmentOwner* pOwner) {
   Known& Now = All();
   const os::Hold Hold(Now.Lock);
   // A module that is unloaded leaves no memory behind.
-  if (Now.Segments.empty()) Now.Segments = {};
-  if (Now.Newest.empty()) Now.Newest = {};
+  for (std::vector<OpenSegment>* const pList : {&Now.Segments, &Now.Newest}) {
+    if (pList->empty()) std::vector<OpenSegment>().swap(*pList);
+  }
 }
 
 bool OpenSegments::CloseOne() {
