@@ -76,6 +76,8 @@ void Run() {
   Print("opening the store and 1,000 segments", Opened);
   std::printf("%-44s %8llu files opened (8 of the store's own and of its system database)\n", "",
               static_cast<unsigned long long>(test::CallsOf(SystemCall::Open)));
+  Print("the same, with a look for damage before", Count(1, [&](std::uint64_t) { Store.Open(host::Heal::On); }));
+  std::printf("%-44s %8llu writes\n", "", static_cast<unsigned long long>(test::CallsOf(SystemCall::WriteAt)));
   const Counted First = Count(1, [&](std::uint64_t) { Store.Add(1); });
   Print("the first event after that", First);
   BenchStore::Require(Store.Call(&LumbraOperations::SetDBParams, BenchStore::kDatabase, limitSegmentEvents, 1));
