@@ -9,9 +9,9 @@
 namespace lumbra {
 namespace {
 
-constexpr std::u16string_view kOwnNames[] = {kIndexFile,      kSharedTreeFile,   kSharedIdsFile,
-                                             kSharedDataFile, kCompactedIdsFile, kCompactedDataFile,
-                                             kSegmentsFile,   kIdentityFile,     kSetAsideFolder};
+constexpr std::u16string_view kOwnNames[] = {kIndexFile,        kSharedTreeFile,    kSharedIdsFile, kSharedDataFile,
+                                             kCompactedIdsFile, kCompactedDataFile, kSegmentsFile,  kIdentityFile,
+                                             kSetAsideFolder,   kReplacingFile};
 constexpr std::u16string_view kOwnEndings[] = {u".schema", kHealingEnding};
 
 // The store's own names have no other letters.

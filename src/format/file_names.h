@@ -16,6 +16,9 @@ inline constexpr char16_t kSharedDataFile[] = u"g_objdt.dat";              // ob
 inline constexpr char16_t kCompactedIdsFile[] = u"g_objidcompacted.dat";   // the same
 inline constexpr char16_t kCompactedDataFile[] = u"g_objdtcompacted.dat";  // the same
 
+// Says that the pair is taking the place of the live one; what is left of that is finished before the store is opened.
+inline constexpr char16_t kReplacingFile[] = u"g_objreplacing.dat";
+
 // The folder of a numbered database, "00" to "2F". A named database has its name for a folder.
 std::u16string NumberedFolder(std::uint32_t nDatabase);
 

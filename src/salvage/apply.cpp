@@ -153,7 +153,7 @@ std::string Now() {
          Digits(Clock.minutes().count()) + Digits(Clock.seconds().count()) + 'Z';
 }
 
-std::u16string Wide(const std::string& Ascii) {
+std::u16string WideName(const std::string& Ascii) {
   return {Ascii.begin(), Ascii.end()};
 }
 
@@ -202,7 +202,7 @@ class Healer {
     os::FolderHandle pAll;
     os::SystemError nError = OpenOrMakeFolder(pAt->pFolder, kSetAsideFolder, &pAll);
     for (int nCounter = 1; nError == os::kSuccess; ++nCounter) {
-      const std::u16string Name = Wide(Time + '-' + std::to_string(nCounter));
+      const std::u16string Name = WideName(Time + '-' + std::to_string(nCounter));
       nError = os::MakeFolder(pAll, Name);
       if (nError == os::kSuccess) return os::OpenFolder(pAll, Name, &pAt->pAside);
       if (nError == os::kAlreadyExists || nError == os::kFileExists) nError = os::kSuccess;
@@ -224,6 +224,8 @@ class Healer {
         return os::Move(At.pFolder, One.File, At.pAside, One.File, os::IfTaken::Refuse);
       case Step::Kind::Replace:
         return Replace(At, One);
+      case Step::Kind::Rename:
+        return os::Move(At.pFolder, One.File, At.pFolder, WideName(One.After), os::IfTaken::Refuse);
       case Step::Kind::Rebuild:  // when nobody holds the files
         return os::kSuccess;
     }
@@ -271,6 +273,12 @@ class Undoer {
 
  private:
   os::SystemError TakeBack(const Step& One) {
+    // What was replaced is taken back by names alone; that it is under way is over.
+    if (One.What == Step::Kind::SetAside && One.File == kReplacingFile) return os::kSuccess;
+    if (One.What == Step::Kind::Rename) {
+      const os::SystemError nError = os::Move(m_pFolder, WideName(One.After), m_pFolder, One.File, os::IfTaken::Refuse);
+      return nError == os::kFileNotFound ? os::kSuccess : nError;
+    }
     if (One.What == Step::Kind::SetAside) {
       const os::SystemError nError = os::Move(m_pAside, One.File, m_pFolder, One.File, os::IfTaken::Refuse);
       if (nError != os::kAlreadyExists) return nError == os::kFileNotFound ? os::kSuccess : nError;
@@ -356,6 +364,26 @@ ResultCode Heal(const std::u16string& Store, const os::FolderRules& Rules, const
   return errOUT_OF_MEMORY;
 }
 
+ResultCode ReplaceByCompacted(const std::u16string& Store, const os::FolderRules& Rules, Plan* pDone) try {
+  os::FolderHandle pStore;
+  StoreHold Hold;
+  os::SystemError nError = os::OpenFolder(Store, Rules, &pStore);
+  if (nError == os::kSuccess) nError = Hold.Take(pStore);
+  for (const char16_t* const pName : {kCompactedIdsFile, kCompactedDataFile}) {
+    std::uint64_t nSize = 0;
+    if (nError == os::kSuccess) nError = os::MeasureFile(pStore, pName, &nSize);
+  }
+  if (nError == os::kFileNotFound) return errNOT_FOUND;
+  if (nError == os::kSuccess)
+    nError = WriteFile(pStore, kReplacingFile, "the compacted pair takes the place of the live one\n",
+                       os::Disposition::CreateAlways);
+  if (nError != os::kSuccess) return ResultFromSystemError(nError);
+  const ResultCode nLooked = Look(pStore, {}, pDone);
+  return Failed(nLooked) ? nLooked : ResultFromSystemError(Healer(pStore, &Hold).Run(pDone->Steps));
+} catch (const std::bad_alloc&) {
+  return errOUT_OF_MEMORY;
+}
+
 ResultCode SetDatabaseAside(const std::u16string& Store, const os::FolderRules& Rules,
                             const std::u16string& Folder) try {
   os::FolderHandle pStore;
@@ -400,7 +428,7 @@ ResultCode Undo(const std::u16string& Store, const os::FolderRules& Rules, const
     os::FolderHandle pAside;
     if (!Folder.empty()) nError = os::OpenFolder(pStore, Folder, &pFolder);
     if (nError == os::kSuccess) nError = os::OpenFolder(pFolder, kSetAsideFolder, &pAll);
-    if (nError == os::kSuccess) nError = os::OpenFolder(pAll, Wide(Time), &pAside);
+    if (nError == os::kSuccess) nError = os::OpenFolder(pAll, WideName(Time), &pAside);
     if (nError == os::kSuccess) nError = Undoer(pFolder, pAside, pLeft).Run();
     if (nError == os::kSuccess) bFound = true;
     if (nError != os::kSuccess && !IsMissing(nError)) return ResultFromSystemError(nError);

@@ -19,6 +19,11 @@ ResultCode Heal(const std::u16string& Store, const os::FolderRules& Rules, const
 // included. Killed on its way, it leaves the beginning of the chain. errSHARING_VIOLATION while the database is open.
 ResultCode SetDatabaseAside(const std::u16string& Store, const os::FolderRules& Rules, const std::u16string& Folder);
 
+// Puts the pair of files that compaction has written in the place of the live one, which moves to "set-aside". Killed
+// at any point, it is finished by the next healing; no host that does not heal may open the store before. *pDone
+// receives the plan. errNOT_FOUND without a pair.
+ResultCode ReplaceByCompacted(const std::u16string& Store, const os::FolderRules& Rules, Plan* pDone);
+
 // Takes back what was done at a time, which is the name of its folder in "set-aside", in every folder of the store.
 // What has changed since is left as it is, and said. errNOT_FOUND when nothing was done then.
 ResultCode Undo(const std::u16string& Store, const os::FolderRules& Rules, const std::string& Time,

@@ -235,7 +235,33 @@ std::optional<std::uint64_t> WholeRecordsOf(FolderView& Files, const std::u16str
   return nSize % nRecord == 0 ? std::optional(nSize / nRecord) : std::nullopt;
 }
 
+namespace {
+
+// What is left of putting a compacted pair in the place of the live one: ids aside, data aside, new data, new ids.
+void FinishReplacing(const FolderView& Files, Plan* pPlan) {
+  const auto Move = [&](const char16_t* pFile, const char* pTo) {
+    if (!Files.Has(pFile)) return;
+    const Step::Kind What = *pTo == '\0' ? Step::Kind::SetAside : Step::Kind::Rename;
+    pPlan->Steps.push_back(
+        {.What = What, .File = pFile, .After = pTo, .Why = "the compacted pair takes the place of the live one"});
+  };
+  if (Files.Has(kCompactedDataFile)) {
+    Move(kSharedIdsFile, "");
+    Move(kSharedDataFile, "");
+  }
+  Move(kCompactedDataFile, "g_objdt.dat");
+  Move(kCompactedIdsFile, "g_objid.dat");
+  Move(kReplacingFile, "");
+}
+
+}  // namespace
+
 void LookAtSharedObjects(FolderView& Files, bool bHasEvents, const Wishes& Wanted, Plan* pPlan) {
+  if (Files.Has(kReplacingFile)) return FinishReplacing(Files, pPlan);
+  if (Files.Has(kCompactedIdsFile) != Files.Has(kCompactedDataFile)) {
+    const char16_t* const pHalf = Files.Has(kCompactedIdsFile) ? kCompactedIdsFile : kCompactedDataFile;
+    pPlan->Steps.push_back({.File = pHalf, .Why = "half a pair of compaction, which the next one overwrites"});
+  }
   const ObjectFileNames Names{kSharedIdsFile, kSharedTreeFile, kSharedDataFile};
   const std::size_t nBefore = pPlan->Steps.size();
   LookAtObjectHeads({}, Files, Names, pPlan);

@@ -38,7 +38,7 @@ std::string FromHex(const std::string& Digits) {
   return Bytes;
 }
 
-constexpr const char* kKinds[] = {"report", "patch", "create", "replace", "set aside", "rebuild"};
+constexpr const char* kKinds[] = {"report", "patch", "create", "replace", "set aside", "rename", "rebuild"};
 
 }  // namespace
 

@@ -15,6 +15,7 @@ struct Step {
     Create,    // a file that is missing
     Replace,   // a whole file becomes another one
     SetAside,  // a file moves out of the way, into "set-aside"
+    Rename,    // a file gets another name in its folder, which stands in After
     Rebuild,   // a tree is built anew from the id records
   };
 

@@ -135,6 +135,21 @@ TEST_F(HostTest, LetsNoNameForgeALineOfATrace) {
   EXPECT_EQ("500 Lumbra::InitDBByName method: name = a\nb", TakeTrace().front());
 }
 
+TEST_F(HostTest, BeginsNoDatabaseAnewForAnotherEventSize) {
+  using Other = host::Store::OtherSize;
+  ASSERT_CODE(errOK, Add(5, 1));
+  ASSERT_CODE(errOK, Open());
+  EXPECT_CODE(errSIZE_INVALID, m_Store.OpenDatabase(5, 24));
+  EXPECT_EQ("its events have 16 bytes, not 24", m_Store.Refusal());
+  EXPECT_CODE(errOK, m_Store.OpenDatabase(5, 16));
+  EXPECT_EQ(Ids{1}, Times(5, 0, 9));
+  EXPECT_CODE(errSHARING_VIOLATION, m_Store.OpenDatabase(5, 24, Other::StartEmpty));  // it is open
+  ASSERT_CODE(errOK, Open());
+  EXPECT_CODE(errOK, m_Store.OpenDatabase(5, 24, Other::StartEmpty));
+  const fs::path Aside = fs::directory_iterator(Folder() / "05/set-aside")->path();
+  EXPECT_EQ(12 + 16, fs::file_size(Aside / "00000001_events.dat"));
+}
+
 // A system that could not bring data to the disk may drop it, and call the next attempt a success.
 TEST_F(HostTest, TellsOfAFailedFlushUntilTheStoreIsOpenedAgain) {
   for (const std::uint32_t nTraced : {0u, 600u}) {

@@ -163,6 +163,23 @@ TEST_F(SalvageTest, NoFileCostsMoreThanItself) {
   }
 }
 
+// Each cost more than itself before there was healing.
+TEST_F(SalvageTest, KeepsIdsThroughOneByte) {
+  MakeStore(0);
+  Restart();
+  const std::uint64_t nShared = Find(0, u"C:\\shared");
+  Close();
+  m_Sound = Take();
+  Try(
+      "one byte longer", "g_db_id.dat", [](Bytes& All) { All.push_back(0); }, false);
+  Try(
+      "another magic", "05/00000003_events.dat", [](Bytes& All) { All[0] ^= 1; }, false);
+  Try(
+      "another record size", "g_objid.dat", [](Bytes& All) { All[8] ^= 1; }, false);
+  for (std::uint64_t n = 1; n <= 6; ++n) EXPECT_NE(nShared, Find(0, PathOf(n)));
+  EXPECT_EQ(u"C:\\shared", NameOf(nShared));
+}
+
 TEST_F(SalvageTest, GivesTheOldBytesBack) {
   MakeStore(0);
   for (const std::string File :
@@ -191,6 +208,29 @@ TEST_F(SalvageTest, LeavesAStoreAloneThatIsOpen) {
   MakeStore(0);
   Restart();
   EXPECT_TRUE(Heal().bHeld);
+}
+
+// Killed anywhere, a replacement by the compacted pair is finished.
+TEST_F(SalvageTest, FinishesWhatWasBeingReplaced) {
+  MakeStore(0);
+  Restart();
+  Must(Call(&Ops::Compact, 0));
+  Close();
+  WriteFile("g_objreplacing.dat", {});
+  const std::pair<const char*, const char*> kMoves[] = {{"g_objid.dat", "aside"},
+                                                        {"g_objdt.dat", "aside too"},
+                                                        {"g_objdtcompacted.dat", "g_objdt.dat"},
+                                                        {"g_objidcompacted.dat", "g_objid.dat"},
+                                                        {"g_objreplacing.dat", "over"}};
+  const Snapshot kCompacted = Take();
+  for (std::size_t nDone = 0; nDone <= std::size(kMoves); ++nDone) {
+    Put(kCompacted);
+    for (std::size_t i = 0; i < nDone; ++i) fs::rename(Folder() / kMoves[i].first, Folder() / kMoves[i].second);
+    Heal();
+    EXPECT_EQ(kCompacted.at("g_objidcompacted.dat").Content, ReadFile("g_objid.dat")) << nDone;
+    EXPECT_EQ(kCompacted.at("g_objdtcompacted.dat").Content, ReadFile("g_objdt.dat")) << nDone;
+    EXPECT_FALSE(fs::exists(Folder() / "g_objreplacing.dat")) << nDone;
+  }
 }
 
 // What lay behind a restart must not be overwritten, nor joined to what came later.

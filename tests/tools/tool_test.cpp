@@ -152,6 +152,21 @@ TEST_F(ToolTest, CheckSaysWhatItFinds) {
   EXPECT_THAT(Run("check", 3), HasSubstr("has been replaced by an empty one"));
 }
 
+TEST_F(ToolTest, CompactPutsThePairInItsPlace) {
+  const std::string Ids = Run("find --db 0 --create a b c");
+  const std::string Id = Ids.substr(0, 18);
+  for (const std::string Content : {"short", "longer than that by far"}) Run("data set " + Id + " 1", 0, Content);
+  const std::uint64_t nBefore = FileSize("store/g_objdt.dat");
+  Run("compact --replace");
+  EXPECT_LT(FileSize("store/g_objdt.dat"), nBefore);
+  EXPECT_EQ(Ids, Run("find --db 0 a b c"));
+  EXPECT_EQ("longer than that by far", Run("data get " + Id + " 1"));
+  EXPECT_FALSE(fs::exists(Folder() / "store/g_objidcompacted.dat"));
+  Run("repair --undo " + fs::directory_iterator(At("store/set-aside"))->path().filename().string());
+  EXPECT_EQ(nBefore, FileSize("store/g_objdt.dat"));
+  EXPECT_EQ(Ids, Run("find --db 0 a b c"));
+}
+
 TEST_F(ToolTest, CompactTellsWhatItLeavesOut) {
   Run("find --db 0 --create a b c --check-mode");
   Patch("store/g_objdt.dat", 4, {'?'});  // the oldest name, which is no matter of the quick check

@@ -209,7 +209,10 @@ void AddStoreCommands(CLI::App* pApp, Request* pRequest) {
   pInfo->add_flag("--json", pInfoWith->bJson, "As a JSON object");
 
   AddCommand(pApp, pRequest, "check", "Say what the quick check of the shared objects finds and repairs", CheckStore);
-  AddCommand(pApp, pRequest, "compact", "Write the shared objects without the holes between them", Compact);
+  const auto [pCompact, pCompactWith] =
+      AddCommand(pApp, pRequest, "compact", "Write the shared objects without the holes between them", Compact);
+  pCompact->add_flag("--replace", pCompactWith->bReplace, "And put them in the place of the live ones");
+  pCompact->add_flag("--lossy", pCompactWith->bLossy, "Also where something had to be left out");
 
   const auto [pRepair, pRepairWith] =
       AddCommand(pApp, pRequest, "repair", "Show what can be done about lost and damaged files, and do it", Repair);

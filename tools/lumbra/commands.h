@@ -88,7 +88,11 @@ int Module(const CommonOptions& Common, const ModuleOptions& Options);
 
 struct NoOptions {};
 int CheckStore(const CommonOptions& Common, const NoOptions& Options);
-int Compact(const CommonOptions& Common, const NoOptions& Options);
+struct CompactOptions {
+  bool bReplace = false;
+  bool bLossy = false;
+};
+int Compact(const CommonOptions& Common, const CompactOptions& Options);
 
 struct RepairOptions {
   bool bYes = false;

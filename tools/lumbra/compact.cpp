@@ -11,6 +11,7 @@
 #include "format/file_names.h"
 #include "host/text.h"
 #include "machine.h"
+#include "salvage/apply.h"
 
 namespace lumbra::tool {
 namespace {
@@ -92,23 +93,43 @@ void RefuseWhereOtherFilesAre(const StoreFiles& Files, const DatabaseName& Datab
 
 }  // namespace
 
-int Compact(const CommonOptions& Common, const NoOptions& /*Options*/) {
+namespace {
+
+void Replace(const CommonOptions& Common, const StoreFiles& Files) {
+  salvage::Plan Done;
+  const std::string What = "put the compacted pair in its place";
+  const ResultCode nCode = salvage::ReplaceByCompacted(Files.Folder().u16string(), RulesOf(Common), &Done);
+  if (Failed(nCode) && !Done.Refusal.empty()) throw Failure(What, nCode, Done.Refusal);
+  Check(nCode, What);
+  std::puts("The compacted pair is in its place; the old one is set aside, and lumbra repair --undo takes it back.");
+}
+
+}  // namespace
+
+int Compact(const CommonOptions& Common, const CompactOptions& Options) {
   std::uint64_t nLosses = 0;
   const auto Note = [&nLosses](std::string_view Line) {
     if (!Line.starts_with("Compact: ")) return;
     if (nLosses++ == 0) std::puts("left out (the id of an object is its entry id and 1 more):");
     std::printf("  %.*s\n", static_cast<int>(Line.size()), Line.data());
   };
-  Session Store(InModeOfStore(Common), Missing::Refuse, Note);
-  const StoreFiles& Files = Store.Files();
-  PrintSizes("before", Files, kSharedIdsFile, kSharedDataFile);
-  WatchForInterrupt();
-  if (!WritePair(Store)) {
-    std::puts("interrupted; the new pair is gone again");
-    return kExitInterrupted;
+  const StoreFiles Files = FilesOf(Common);
+  {
+    Session Store(InModeOfStore(Common), Missing::Refuse, Note);
+    PrintSizes("before", Files, kSharedIdsFile, kSharedDataFile);
+    WatchForInterrupt();
+    if (!WritePair(Store)) {
+      std::puts("interrupted; the new pair is gone again");
+      return kExitInterrupted;
+    }
   }
   PrintSizes("after", Files, kCompactedIdsFile, kCompactedDataFile);
   if (nLosses != 0) std::puts("What was left out is still in the live files, as far as it can be read there.");
+  if (Options.bReplace && (nLosses == 0 || Options.bLossy)) {
+    Replace(Common, Files);
+    return nLosses == 0 ? kExitOk : kExitFailed;
+  }
+  if (Options.bReplace) std::puts("It is not put in its place; --lossy does that all the same.");
   std::printf(
       "The compacted pair lies beside the live one, which stays in use. To put it in its place, before any other "
       "command\n"

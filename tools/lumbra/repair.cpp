@@ -16,11 +16,6 @@ void PrintSteps(const salvage::Plan& Found) {
     std::printf("%s %s\n", One.Acts() ? "-" : "!", Printable(salvage::Describe(One)).c_str());
 }
 
-os::FolderRules RulesOf(const CommonOptions& Common) {
-  return {.ForWhom = Common.bGroupReadable ? os::Readers::OwnerAndGroup : os::Readers::OwnerAlone,
-          .bOwnFolders = !Common.bTrustStore};
-}
-
 int TakeBack(const CommonOptions& Common, const StoreFiles& Files, const std::string& Time, const std::string& What) {
   if (Time.find_first_not_of("0123456789TZ-") != std::string::npos)
     throw Failure(What, errPARAMETER_INVALID, "a time is the name of a folder in set-aside");

@@ -32,6 +32,11 @@ StoreFiles FilesOf(const CommonOptions& Options) {
   return StoreFiles(Folder);
 }
 
+os::FolderRules RulesOf(const CommonOptions& Options) {
+  return {.ForWhom = Options.bGroupReadable ? os::Readers::OwnerAndGroup : os::Readers::OwnerAlone,
+          .bOwnFolders = !Options.bTrustStore};
+}
+
 CommonOptions InModeOfStore(const CommonOptions& Options) {
   CommonOptions Alike = Options;
   if (FilesOf(Options).SharedRecordsHaveCrcs()) Alike.bCheckMode = true;

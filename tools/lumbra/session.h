@@ -55,6 +55,9 @@ struct ObjectName {
 // The files of the store that the options name; throws a Failure for a folder that cannot be one.
 StoreFiles FilesOf(const CommonOptions& Options);
 
+// What holds for the folders that the tool opens itself.
+os::FolderRules RulesOf(const CommonOptions& Options);
+
 // The options with the check mode of the store's shared objects: for commands whose new files must be of the same kind.
 CommonOptions InModeOfStore(const CommonOptions& Options);
 
