@@ -121,6 +121,9 @@ SystemError SetSize(FileHandle Handle, std::uint64_t nSize);
 // us.
 SystemError Flush(FileHandle Handle);
 
+// Gives a file the rights and the owner of another one, as far as the system lets us. On Windows it keeps its own.
+void TakeRightsOf(FileHandle Handle, FileHandle Other);
+
 // When the file was created, as a FILETIME (100 ns units since 1601-01-01 UTC).
 SystemError GetCreationTime(FileHandle Handle, std::uint64_t* pnTime);
 

@@ -6,7 +6,7 @@
 #include <map>
 #include <memory>
 #include <new>
-#include <set>
+#include <utility>
 
 #include "format/file_names.h"
 #include "platform/result.h"
@@ -24,15 +24,16 @@ constexpr char16_t kUndone[] = u"undone.json";
 class OpenFile {
  public:
   OpenFile() = default;
-  ~OpenFile() {
-    if (m_Handle != nullptr) (void)os::Close(m_Handle);  // who has written has flushed
-  }
+  ~OpenFile() { Close(); }
   OpenFile(const OpenFile&) = delete;
   OpenFile& operator=(const OpenFile&) = delete;
 
   os::SystemError Open(const os::FolderHandle& pFolder, std::u16string_view Name, std::uint32_t nShare,
                        os::Disposition What) {
     return os::Open(pFolder, Name, os::kGenericRead | os::kGenericWrite, nShare, What, 0, &m_Handle);
+  }
+  void Close() {
+    if (m_Handle != nullptr) (void)os::Close(std::exchange(m_Handle, nullptr));  // who has written has flushed
   }
   os::FileHandle Handle() const { return m_Handle; }
 
@@ -56,6 +57,20 @@ os::SystemError WriteFile(const os::FolderHandle& pFolder, std::u16string_view N
   OpenFile File;
   const os::SystemError nError = File.Open(pFolder, Name, kHold, What);
   return nError == os::kSuccess ? WriteAndSync(File.Handle(), 0, Content) : nError;
+}
+
+// Gives a file that is not held another content at once, and leaves it its rights.
+os::SystemError ReplaceFile(const os::FolderHandle& pFolder, const std::u16string& Name, const std::string& Content) {
+  const std::u16string New = Name + std::u16string(kHealingEnding);
+  OpenFile Old;
+  OpenFile File;
+  os::SystemError nError = Old.Open(pFolder, Name, kHoldNothing, os::Disposition::OpenExisting);
+  if (nError == os::kSuccess) nError = File.Open(pFolder, New, kHold, os::Disposition::CreateAlways);
+  if (nError == os::kSuccess) os::TakeRightsOf(File.Handle(), Old.Handle());
+  if (nError == os::kSuccess) nError = WriteAndSync(File.Handle(), 0, Content);
+  Old.Close();
+  File.Close();
+  return nError == os::kSuccess ? os::Move(pFolder, New, pFolder, Name, os::IfTaken::Replace) : nError;
 }
 
 // Bytes of a file from an offset on, fewer at its end.
@@ -223,7 +238,7 @@ class Healer {
         m_pHold->Release(One.Folder, One.File);
         return os::Move(At.pFolder, One.File, At.pAside, One.File, os::IfTaken::Refuse);
       case Step::Kind::Replace:
-        return Replace(At, One);
+        return ReplaceFile(At.pFolder, One.File, One.After);
       case Step::Kind::Rename:
         return os::Move(At.pFolder, One.File, At.pFolder, WideName(One.After), os::IfTaken::Refuse);
       case Step::Kind::Rebuild:  // when nobody holds the files
@@ -238,12 +253,6 @@ class Healer {
     OpenFile File;
     const os::SystemError nError = File.Open(At.pFolder, One.File, kHold, os::Disposition::OpenExisting);
     return nError == os::kSuccess ? WriteAndSync(File.Handle(), One.nOffset, One.After) : nError;
-  }
-
-  static os::SystemError Replace(const Place& At, const Step& One) {
-    const std::u16string New = One.File + std::u16string(kHealingEnding);
-    const os::SystemError nError = WriteFile(At.pFolder, New, One.After, os::Disposition::CreateAlways);
-    return nError == os::kSuccess ? os::Move(At.pFolder, New, At.pFolder, One.File, os::IfTaken::Replace) : nError;
   }
 
   os::FolderHandle m_pStore;
@@ -299,18 +308,12 @@ class Undoer {
     if (One.What != Step::Kind::Create && There == One.Before) return os::kSuccess;
     if (There != One.After) return Leave(One, "it has changed since");
     if (One.What == Step::Kind::Create) return os::Move(m_pFolder, One.File, m_pAside, One.File, os::IfTaken::Replace);
-    if (bWhole) return WriteWhole(One);
+    if (bWhole) return ReplaceFile(m_pFolder, One.File, One.Before);
     OpenFile File;
     os::SystemError nPut = File.Open(m_pFolder, One.File, kHold, os::Disposition::OpenExisting);
     const bool bShorter = One.Before.size() < One.After.size();  // the patch went past the end of what was there
     if (nPut == os::kSuccess && bShorter) nPut = os::SetSize(File.Handle(), One.nOffset + One.Before.size());
     return nPut == os::kSuccess ? WriteAndSync(File.Handle(), One.nOffset, One.Before) : nPut;
-  }
-
-  os::SystemError WriteWhole(const Step& One) const {
-    const std::u16string New = One.File + std::u16string(kHealingEnding);
-    const os::SystemError nError = WriteFile(m_pFolder, New, One.Before, os::Disposition::CreateAlways);
-    return nError == os::kSuccess ? os::Move(m_pFolder, New, m_pFolder, One.File, os::IfTaken::Replace) : nError;
   }
 
   os::SystemError Leave(const Step& One, const char* pWhy) {

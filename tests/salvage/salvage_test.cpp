@@ -190,7 +190,9 @@ TEST_F(SalvageTest, GivesTheOldBytesBack) {
     if (File.ends_with("g_db_id.dat")) Damaged[File].Content.push_back('x');
     if (File.find("00000002") != std::string::npos) Damaged.erase(File);
     Put(Damaged);
+    const fs::perms Rights = fs::status(Folder() / "g_db_id.dat").permissions();
     ASSERT_TRUE(Heal().Acts()) << File;
+    EXPECT_EQ(Rights, fs::status(Folder() / "g_db_id.dat").permissions());
     std::string Time;
     for (const auto& Entry : fs::recursive_directory_iterator(Folder())) {
       if (Entry.path().parent_path().filename() == "set-aside") Time = Entry.path().filename().string();

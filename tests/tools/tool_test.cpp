@@ -84,6 +84,12 @@ TEST_F(ToolTest, HealsAStoreBeforeItIsOpened) {
       "lumbra: healed 01/00000002_events.dat: a segment is missing here; an empty one keeps those behind it in reach\n",
       Errors());
   EXPECT_EQ(json({"a", "b", "e"}), Names("1"));
+  for (const char* const pName : {"events", "objid", "objbt", "objdt"}) {
+    const std::string Name = "01/00000003_" + std::string(pName) + ".dat";
+    WriteFile("copy/" + Name, ReadFile("store/" + Name));
+  }
+  RunProgram({LUMBRA_TOOL, "--store", "copy", "repair", "--yes"}, 3);
+  EXPECT_THAT(RunProgram({LUMBRA_TOOL, "--store", "copy", "events", "--db", "1"}), EndsWith("e\n"));
 }
 
 TEST_F(ToolTest, FindsNames) {

@@ -131,7 +131,7 @@ bool StoreFiles::Exists() const {
   for (const char16_t* const pName : {kSharedIdsFile, kSharedDataFile, kIndexFile}) {  // one may be lost
     if (IsThere(m_Folder / pName)) return true;
   }
-  return false;
+  return !Databases().empty();
 }
 
 bool StoreFiles::IsFolder() const {

@@ -296,6 +296,14 @@ SystemError Flush(FileHandle Handle) {
   return kSuccess;
 }
 
+void TakeRightsOf(FileHandle Handle, FileHandle Other) {
+  struct stat Status {};
+  if (fstat(Other->nDescriptor, &Status) != 0) return;
+  // The owner first, whose change takes rights away.
+  if (fchown(Handle->nDescriptor, Status.st_uid, Status.st_gid) == 0)
+    SetMode(Handle->nDescriptor, Status.st_mode & 0777);
+}
+
 SystemError GetCreationTime(FileHandle Handle, std::uint64_t* pnTime) {
   struct statx Status {};
   if (statx(Handle->nDescriptor, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &Status) != 0) {

@@ -142,6 +142,8 @@ SystemError Flush(FileHandle Handle) {
   return ErrorUnless(FlushFileBuffers(NativeHandle(Handle)));
 }
 
+void TakeRightsOf(FileHandle /*Handle*/, FileHandle /*Other*/) {}
+
 SystemError GetCreationTime(FileHandle Handle, std::uint64_t* pnTime) {
   FILETIME Created{};
   if (!GetFileTime(NativeHandle(Handle), &Created, nullptr, nullptr)) return LastError();
