@@ -52,6 +52,15 @@ std::string Describe(const Step& Of) {
   return Path + ToUtf8(Of.File) + ": " + Of.Why;
 }
 
+std::string Summary(const Plan& Of) {
+  const auto Count = [&Of](bool (*pIsMeant)(const Step&)) {
+    return std::to_string(std::ranges::count_if(Of.Steps, pIsMeant));
+  };
+  return Count([](const Step& One) { return One.Acts() && One.What != Step::Kind::SetAside; }) + " healed, " +
+         Count([](const Step& One) { return One.What == Step::Kind::SetAside; }) + " set aside, " +
+         Count([](const Step& One) { return !One.Acts(); }) + " left as they are";
+}
+
 std::string WriteSteps(const std::vector<Step>& Steps) {
   json All = json::array();
   for (const Step& One : Steps) {

@@ -47,6 +47,9 @@ struct Plan {
 // One line: the file, and why. Names in it are UTF-8, and not made printable.
 std::string Describe(const Step& Of);
 
+// How many files are healed, set aside and left as they are, in one line.
+std::string Summary(const Plan& Of);
+
 // Steps as a file of their own, by which they can be undone; and back. Empty for a text that is none.
 std::string WriteSteps(const std::vector<Step>& Steps);
 std::vector<Step> ReadSteps(const std::string& Text);

@@ -71,7 +71,10 @@ bool IsBetterRepaired(const StoreFiles& Files) {
         "look at " + Printable(TextOf(Files.Folder())));
   for (const salvage::Step& One : Found.Steps) std::printf("- %s\n", Printable(salvage::Describe(One)).c_str());
   if (!Found.Acts() && Found.Refusal.empty()) return false;
-  std::puts("The store was not opened, which would cost more: see lumbra repair.");
+  std::printf("%s: %s.\n",
+              Files.IsHeldByAnotherProcess() ? "Another process has the store, and these may be moving"
+                                             : "The store was not opened, which would cost more. By lumbra repair",
+              salvage::Summary(Found).c_str());
   return true;
 }
 

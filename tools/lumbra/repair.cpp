@@ -68,9 +68,9 @@ int Repair(const CommonOptions& Common, const RepairOptions& Options) {
   if (!Found.Acts()) {
     std::puts("Nothing can be done about this here.");
   } else if (Options.bYes) {
-    std::puts("Done. What was taken out of the way, and all old bytes, are in set-aside; --undo takes it back.");
+    std::printf("Done: %s. All old bytes are in set-aside; --undo takes it back.\n", salvage::Summary(Found).c_str());
   } else {
-    std::puts("Nothing was changed. --yes does what stands behind a -.");
+    std::printf("Nothing was changed. --yes does what stands behind a -: %s.\n", salvage::Summary(Found).c_str());
   }
   return kExitIncomplete;
 }
