@@ -298,11 +298,12 @@ class Undoer {
           os::Move(m_pFolder, One.File, m_pAside, One.File + u".built", os::IfTaken::Replace);
       return nTaken == os::kFileNotFound ? os::kSuccess : nTaken;
     }
-    // Of a whole file a byte more than it was given tells that it has grown.
+    // Of a whole file, and of one that was extended, a byte more than it was given tells that it has grown.
     const bool bWhole = One.What != Step::Kind::Patch;
+    const bool bExtended = One.Before.size() < One.After.size();
     std::string There;
     const os::SystemError nError =
-        ReadFile(m_pFolder, One.File, One.nOffset, One.After.size() + (bWhole ? 1 : 0), &There);
+        ReadFile(m_pFolder, One.File, One.nOffset, One.After.size() + (bWhole || bExtended ? 1 : 0), &There);
     if (nError == os::kFileNotFound) return os::kSuccess;  // it was not reached
     if (nError != os::kSuccess) return nError;
     if (One.What != Step::Kind::Create && There == One.Before) return os::kSuccess;
@@ -311,8 +312,7 @@ class Undoer {
     if (bWhole) return ReplaceFile(m_pFolder, One.File, One.Before);
     OpenFile File;
     os::SystemError nPut = File.Open(m_pFolder, One.File, kHold, os::Disposition::OpenExisting);
-    const bool bShorter = One.Before.size() < One.After.size();  // the patch went past the end of what was there
-    if (nPut == os::kSuccess && bShorter) nPut = os::SetSize(File.Handle(), One.nOffset + One.Before.size());
+    if (nPut == os::kSuccess && bExtended) nPut = os::SetSize(File.Handle(), One.nOffset + One.Before.size());
     return nPut == os::kSuccess ? WriteAndSync(File.Handle(), One.nOffset, One.Before) : nPut;
   }
 

@@ -19,23 +19,29 @@ const FolderView::File* FolderView::Find(std::u16string_view Name) const {
   return Found == m_Files.end() ? nullptr : &Found->second;
 }
 
-std::string FolderView::Read(std::u16string_view Name, std::uint64_t nOffset, std::uint32_t nSize) {
-  if (!Has(Name)) return {};
+os::SystemError ReadBytes(const os::FolderHandle& pFolder, std::u16string_view Name, std::uint64_t nOffset,
+                          std::uint32_t nSize, std::string* pBytes) {
   constexpr std::uint32_t kHoldNothing = os::kShareRead | os::kShareWrite | os::kShareDelete;
   os::FileHandle Opened = nullptr;
   os::SystemError nError =
-      os::Open(m_pFolder, Name, os::kGenericRead, kHoldNothing, os::Disposition::OpenExisting, 0, &Opened);
-  std::string Bytes(nSize, '\0');
+      os::Open(pFolder, Name, os::kGenericRead, kHoldNothing, os::Disposition::OpenExisting, 0, &Opened);
+  if (nError != os::kSuccess) return nError;
+  pBytes->assign(nSize, '\0');
   std::uint32_t nRead = 0;
-  if (nError == os::kSuccess) {
-    nError = os::ReadAt(Opened, nOffset, Bytes.data(), nSize, &nRead);
-    (void)os::Close(Opened);  // nothing was written
-  }
+  nError = os::ReadAt(Opened, nOffset, pBytes->data(), nSize, &nRead);
+  (void)os::Close(Opened);  // nothing was written
+  pBytes->resize(nRead);
+  return nError;
+}
+
+std::string FolderView::Read(std::u16string_view Name, std::uint64_t nOffset, std::uint32_t nSize) {
+  std::string Bytes;
+  if (!Has(Name)) return Bytes;
+  const os::SystemError nError = ReadBytes(m_pFolder, Name, nOffset, nSize, &Bytes);
   if (nError != os::kSuccess) {
     m_nFailure = ResultFromSystemError(nError);
     m_FailedFile = Name;
   }
-  Bytes.resize(nRead);
   return Bytes;
 }
 

@@ -12,6 +12,10 @@
 
 namespace lumbra::salvage {
 
+// Bytes of a file from an offset on, fewer at its end. Nothing is held.
+os::SystemError ReadBytes(const os::FolderHandle& pFolder, std::u16string_view Name, std::uint64_t nOffset,
+                          std::uint32_t nSize, std::string* pBytes);
+
 class FolderView {
  public:
   struct File {

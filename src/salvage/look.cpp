@@ -106,13 +106,11 @@ ResultCode EventSizeOf(const std::u16string& Store, const std::u16string& Folder
   os::FolderHandle pFolder;
   os::SystemError nError = os::OpenFolder(Store, {}, &pStore);
   if (nError == os::kSuccess) nError = os::OpenFolder(pStore, Folder, &pFolder);
+  std::string Header;
+  if (nError == os::kSuccess) nError = ReadBytes(pFolder, kSegmentsFile, 0, sizeof(tSDB_HEADER), &Header);
   if (nError == os::kFileNotFound || nError == os::kPathNotFound) return errOK;
-  if (nError != os::kSuccess) return ResultFromSystemError(nError);
-  FolderView Files;
-  const ResultCode nListed = Files.Open(pFolder);
-  if (Failed(nListed)) return nListed;
-  *pnSize = EventSizeIn(Files.Read(kSegmentsFile, 0, sizeof(tSDB_HEADER)));
-  return Files.Failure();
+  *pnSize = EventSizeIn(Header);
+  return ResultFromSystemError(nError);
 } catch (const std::bad_alloc&) {
   return errOUT_OF_MEMORY;
 }

@@ -298,12 +298,14 @@ class DatabaseLook {
     if (!Records) return true;
     if (!m_Id || m_nEventSize < kObjectIdInEvent + sizeof(tObjectId) || Of.nSize < sizeof(tPLAINDB_HEADER))
       return false;
-    constexpr std::uint64_t kFew = 64;
+    constexpr std::uint32_t kFew = 64;
+    constexpr std::uint32_t kFewBytes = 1 << 16;
     const std::uint64_t nAll = RecordCountOfSize(Of.nSize, m_nEventSize);
-    const std::uint64_t nFirst = nAll > kFew ? nAll - kFew : 0;
+    const std::uint64_t nLooked = std::min<std::uint64_t>({nAll, kFew, kFewBytes / m_nEventSize});
+    const std::uint64_t nFirst = nAll - nLooked;
     const std::string Events =
         m_Files.Read(SegmentFileName(Of.nNumber, kEventsFile), sizeof(tPLAINDB_HEADER) + nFirst * m_nEventSize,
-                     static_cast<std::uint32_t>((nAll - nFirst) * m_nEventSize));
+                     static_cast<std::uint32_t>(nLooked * m_nEventSize));
     for (std::size_t nAt = 0; nAt + m_nEventSize <= Events.size(); nAt += m_nEventSize) {
       tObjectId nObject = 0;
       std::memcpy(&nObject, Events.data() + nAt + kObjectIdInEvent, sizeof(nObject));

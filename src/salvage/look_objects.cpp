@@ -263,7 +263,6 @@ void LookAtSharedObjects(FolderView& Files, bool bHasEvents, const Wishes& Wante
     pPlan->Steps.push_back({.File = pHalf, .Why = "half a pair of compaction, which the next one overwrites"});
   }
   const ObjectFileNames Names{kSharedIdsFile, kSharedTreeFile, kSharedDataFile};
-  const std::size_t nBefore = pPlan->Steps.size();
   LookAtObjectHeads({}, Files, Names, pPlan);
   if (Files.Has(Names.Data)) {
     LookAtDataEnd({}, Files, Names, pPlan);
@@ -277,7 +276,7 @@ void LookAtSharedObjects(FolderView& Files, bool bHasEvents, const Wishes& Wante
                             "it is missing; zeros keep others from the place of its names"});
   }
   LookAtTree({}, Files, Names, pPlan);
-  const bool bMended = pPlan->Steps.size() != nBefore;
+  const bool bMended = std::ranges::any_of(pPlan->Steps, [&](const Step& One) { return One.File == Names.Ids; });
   const FolderView::File* const pData = Files.Find(Names.Data);
   if (pData == nullptr || pData->nSize <= sizeof(FILE_MAGIC)) return;
   const bool bIds = FormOfIds(Files.Read(Names.Ids, 0, sizeof(tPLAINDB_HEADER))) != Form::Unknown;
