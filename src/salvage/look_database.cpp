@@ -1,6 +1,5 @@
 // The chain of a database: where it starts, what is missing in it, and what lies beside it.
 #include <algorithm>
-#include <bit>
 #include <cstring>
 #include <optional>
 #include <vector>
@@ -44,13 +43,6 @@ std::optional<tSDB_HEADER> GoodHeader(const std::string& Bytes) {
   const bool bMagic = std::memcmp(Header.nMagic, kSegmentsMagic, sizeof(kSegmentsMagic)) == 0;
   const bool bGood = bMagic && Header.nEventSize != 0 && Header.nFirstSegment < kSegmentNumberLimit;
   return bGood ? std::optional(Header) : std::nullopt;
-}
-
-int BitsApart(const std::string& One, const std::string& Other) {
-  int nBits = 0;
-  for (std::size_t i = 0; i < One.size() && i < Other.size(); ++i)
-    nBits += std::popcount(static_cast<unsigned char>(One[i] ^ Other[i]));
-  return nBits;
 }
 
 // A segment by its events, which are there.

@@ -22,6 +22,7 @@ class IndexLook {
   IndexLook(FolderView& Files, const std::map<std::u16string, std::optional<std::uint32_t>>& Named, Plan* pPlan)
       : m_Files(Files), m_pPlan(pPlan) {
     for (const auto& [Folder, Id] : Named) {
+      m_Folders.insert(IndexKey(Folder));
       if (Id) m_Known[*Id - kFirstNamedDatabase].push_back(IndexKey(Folder));
     }
   }
@@ -38,6 +39,7 @@ class IndexLook {
          nAt += kIndexBlockSize)
       m_Items.push_back(NameIn(Content.substr(nAt, kIndexBlockSize)));
     if (!TakeFromFolders()) return;
+    TakeTurnedBitsBack(Content);
     std::string Mended = BytesOf(bMarked ? kCorruptedIndexSignature : kIndexSignature);
     for (std::size_t i = 0; i < m_Items.size(); ++i) {
       // A name that nobody has any more keeps the ids behind it at their places.
@@ -71,17 +73,29 @@ class IndexLook {
     return bAgree;
   }
 
+  // A folder does not say its id after the database was cleared. Its name stands in the item that is one bit apart, and
+  // that no folder has.
+  void TakeTurnedBitsBack(const std::string& Content) {
+    for (const std::string& Folder : m_Folders) {
+      if (Holds(Folder)) continue;
+      const std::string Whole = BytesOf(MakeIndexBlock(Folder));
+      for (std::size_t i = 0; i < m_Items.size(); ++i) {
+        const std::string There = Content.substr(std::min(Content.size(), (i + 1) * kIndexBlockSize), kIndexBlockSize);
+        const bool bOfOther = m_Items[i] && IsFolder(*m_Items[i]);
+        if (!bOfOther && There.size() == Whole.size() && BitsApart(There, Whole) == 1) m_Items[i] = Folder;
+      }
+    }
+  }
+
   void Report(const std::string& Why) { m_pPlan->Steps.push_back({.File = kIndexFile, .Why = Why}); }
 
-  bool IsFolder(const std::string& Key) const {
-    return std::ranges::any_of(m_Known,
-                               [&](const auto& One) { return std::ranges::find(One.second, Key) != One.second.end(); });
-  }
+  bool IsFolder(const std::string& Key) const { return m_Folders.contains(Key); }
   bool Holds(const std::string& Key) const { return std::ranges::find(m_Items, std::optional(Key)) != m_Items.end(); }
 
   FolderView& m_Files;
   Plan* m_pPlan;
   std::vector<std::optional<std::string>> m_Items;
+  std::set<std::string> m_Folders;
   std::map<std::size_t, std::vector<std::string>> m_Known;  // names of folders, by the place that their id has
 };
 

@@ -1,6 +1,7 @@
 // The parts of a look. Each adds its steps to the plan, in the order in which they are to be done.
 #pragma once
 
+#include <bit>
 #include <cstring>
 #include <map>
 #include <optional>
@@ -17,6 +18,13 @@ std::string BytesOf(const Record& Of) {
   std::string Bytes(sizeof(Of), '\0');
   std::memcpy(Bytes.data(), &Of, sizeof(Of));
   return Bytes;
+}
+
+inline int BitsApart(const std::string& One, const std::string& Other) {
+  int nBits = 0;
+  for (std::size_t i = 0; i < One.size() && i < Other.size(); ++i)
+    nBits += std::popcount(static_cast<unsigned char>(One[i] ^ Other[i]));
+  return nBits;
 }
 
 // The three files of an object store.
