@@ -1,6 +1,4 @@
-// Data of objects, enumeration and compaction through the operation table: codes, outputs, bytes on disk and traces.
-#include <functional>
-
+// Data of objects through the operation table: codes, outputs and bytes on disk.
 #include "component/component_fixture.h"
 #include "events/object_hash.h"
 
@@ -22,7 +20,6 @@ class ObjectDataTest : public ComponentTest {
   ResultCode Into(std::uint64_t nId, HostObject* pTarget) { return Call(&Ops::GetObjectDataInto, nId, pTarget, 7); }
   ResultCode SetFrom(std::uint64_t nId, HostObject* pSource) { return Call(&Ops::SetObjectDataFrom, nId, pSource, 7); }
   ResultCode Remove(std::uint64_t nId) { return Call(&Ops::RemoveAllObjectData, nId); }
-  ResultCode Compact() { return Call(&Ops::Compact, 0); }
 };
 
 TEST_F(ObjectDataTest, ReplacesBlocksOfEverySizeByEveryOther) {
@@ -37,20 +34,6 @@ TEST_F(ObjectDataTest, ReplacesBlocksOfEverySizeByEveryOther) {
       }
     }
   }
-}
-
-TEST_F(ObjectDataTest, TracesWhatWasAskedAndAnswered) {
-  const std::uint64_t nId = Find(5, u"C:\\x");
-  char Data[] = "data";
-  char Where[40];
-  std::snprintf(Where, sizeof(Where), "%p", static_cast<void*>(Data));
-  TakeTrace();
-  Step("setting", Set(nId, 0x80000001, {Data, 4}))
-      .Says({std::string("500 SetObjectData(100000002,") + Where + ",4,-2147483647) = errOK (0x00000000)"}, 500);
-  Step("a byte too few", Call(&Ops::GetObjectData, nId, Data, 3, nullptr, 0x80000001)).Is(errBUFFER_TOO_SMALL);
-  Step("removing", Remove(nId)).Says({"500 Lumbra::RemoveAllObjectData(100000002) = errOK (0x00000000)"}, 500);
-  AllAnswer(errPARAMETER_INVALID, {{"setting no bytes", Set(nId, 1, "")},
-                                   {"getting nothing", Call(&Ops::GetObjectData, nId, nullptr, 0, nullptr, 1)}});
 }
 
 // A store is written in the feature set that its data file has, and read in it, whatever the check mode.
@@ -75,31 +58,6 @@ TEST_F(ObjectDataTest, KeepsToTheFeatureSetOfItsFile) {
   }
 }
 
-// A host object whose size is never settled, or that claims too much.
-struct Restless {
-  static std::uint32_t IsOfType(HostObject*, std::uint32_t nType) { return nType == host::kSavableType; }
-  static ResultCode Save(HostObject* pObject, void*, std::uint32_t nBufferSize, std::uint32_t* pnNeeded) {
-    auto* const pSelf = reinterpret_cast<Restless*>(pObject);
-    pSelf->Rooms.push_back(nBufferSize);
-    *pnNeeded = nBufferSize + 1;
-    return pSelf->nAnswer;
-  }
-  static constexpr host::SavableOperations kOperations{{nullptr, &IsOfType}, &Save, nullptr};
-
-  HostObject Handle{&kOperations, nullptr};
-  ResultCode nAnswer = errBUFFER_TOO_SMALL;
-  std::vector<std::uint32_t> Rooms = {};  // the sizes of the buffers that it was given
-};
-
-TEST_F(ObjectDataTest, AsksAHostObjectTwiceForItsSize) {
-  Restless Source;
-  Step("one that never settles", SetFrom(1, &Source.Handle)).Is(errBUFFER_TOO_SMALL);
-  EXPECT_EQ((std::vector<std::uint32_t>{512, 513}), Source.Rooms);
-  Source.nAnswer = errOK;
-  Step("one that claims more than its room", SetFrom(1, &Source.Handle)).Is(errRESULT_INVALID);
-  EXPECT_EQ(Name(errNOT_FOUND), Get(1, 7));
-}
-
 TEST_F(ObjectDataTest, SavesAndLoadsHostObjects) {
   host::ByteBlob Loaded(Bytes{1, 2});
   for (const std::size_t nLength : {1u, 511u, 512u, 513u, 70000u, 0u}) {
@@ -108,8 +66,6 @@ TEST_F(ObjectDataTest, SavesAndLoadsHostObjects) {
     Must(Into(1, Loaded.Handle()));
     EXPECT_EQ(Saved.Content(), Loaded.Content());
   }
-  AllAnswer(errPARAMETER_INVALID, {{"into nothing", Into(1, nullptr)}, {"from nothing", SetFrom(1, nullptr)}});
-  Step("from a container", SetFrom(1, host::IdContainer().Handle())).Is(errINTERFACE_NOT_SUPPORTED);
 }
 
 TEST_F(ObjectDataTest, ListsTheWayUp) {
@@ -126,14 +82,6 @@ TEST_F(ObjectDataTest, ListsTheWayUp) {
   Lists.Clear();
   Must(Into(nRoot + 1000, Lists.Handle()));
   EXPECT_EQ(Ids{0}, Lists.Hashes());  // it ends where an object cannot be read
-  FailAllocation(0);
-  const ResultCode nFull = Into(nDir, host::IdContainer().Handle());
-  EXPECT_TRUE(AllocationFailed());
-  Step("into a container that takes nothing", nFull).Is(errOUT_OF_MEMORY);
-  RestartWith("05/00000001_objid.dat", 12 + 8, {2, 0, 0, 0, 1}, 0);  // the root below its own folder
-  Must(InitDb(5));
-  Step("a circle", Into(nDir, Lists.Handle())).Is(errDATA_CORRUPTED);
-  EXPECT_EQ(1u, Number(propCORRUPTED));
 }
 
 TEST_F(ObjectDataTest, RefusesWhatIsElsewhere) {
@@ -149,9 +97,6 @@ TEST_F(ObjectDataTest, RefusesWhatIsElsewhere) {
                       {"loading", Into(nWrong, Blob.Handle())},
                       {"saving", SetFrom(nWrong, Blob.Handle())}});
   }
-  std::uint64_t nNext = 0;
-  AllAnswer(errNOT_IMPLEMENTED, {{"the first object", Call(&Ops::EnumFirstObject, 5, &nNext)},
-                                 {"the next", Call(&Ops::EnumNextObject, nId, &nNext)}});
 }
 
 TEST_F(ObjectDataTest, NothingChangesWhileWritesAreSuspended) {
@@ -172,47 +117,12 @@ TEST_F(ObjectDataTest, NothingChangesWhileWritesAreSuspended) {
                            {"data", Set(nId, 7, "x")},
                            {"data of a host object", SetFrom(nId, Blob.Handle())},
                            {"removing data", Remove(nId)},
-                           {"compaction", Compact()}});
+                           {"compaction", Call(&Ops::Compact, 0)}});
   Holds(5, 5, 5);
   EXPECT_EQ("data", Get(nId, 7));
   Step("a search", FindObject(5, u"C:\\new", 0, nullptr)).Is(errOBJECT_NOT_FOUND);
   Must(m_Store.SetNumber(propWRITES_SUSPENDED, 0));
   Must(Add(5, 6));
-}
-
-TEST_F(ObjectDataTest, DamageMarksTheStoreWhoeverMeetsIt) {
-  host::ByteBlob Blob(Bytes{1});
-  const std::function<ResultCode(std::uint64_t)> kOperations[] = {
-      [&](std::uint64_t nId) { return Call(&Ops::GetObjectData, nId, nullptr, 0, &m_nNamed, 7); },
-      [&](std::uint64_t nId) { return Set(nId, 7, "x"); }, [&](std::uint64_t nId) { return Into(nId, Blob.Handle()); },
-      [&](std::uint64_t nId) {
-        return SetFrom(nId, Blob.Handle());
-      }};
-  for (const auto& Operation : kOperations) {
-    OpenFresh(1);
-    const std::uint64_t nId = Find(5, u"C:\\damaged");
-    Must(Set(nId, 7, "data"));
-    RestartWith("05/00000001_objdt.dat", FileSize("05/00000001_objdt.dat") - 16, {6}, 1);  // the tag in its entry
-    Must(InitDb(5));
-    EXPECT_CODE(errDATA_CORRUPTED, Operation(nId));
-    EXPECT_EQ(1u, Number(propCORRUPTED));
-  }
-}
-
-TEST_F(ObjectDataTest, CompactsBesideTheLiveStore) {
-  for (const char* const pData : {"short", "a longer block", "the longest block of all"}) Must(Set(1, 1, pData));
-  for (const char* const pName : {"g_objidcompacted.dat", "g_objdtcompacted.dat"}) WriteFile(pName, Bytes(9999));
-  Step("of another", Call(&Ops::Compact, 5)).Is(errPARAMETER_INVALID);
-  FailCalls(SystemCall::WriteAt, os::kDiskFull, 3);
-  Step("on a full disk", Compact())
-      .Is(errWRITE_FAILED)
-      .Says({"400 About to begin compacting global database",
-             "300 Compact finished with error errWRITE_FAILED (0x800000CB)"});
-  Step("one that goes well", Compact())
-      .Is(errOK)
-      .Says({"400 About to begin compacting global database", "400 Compact finished successfully (without renaming)"});
-  EXPECT_GT(100u, FileSize("g_objdtcompacted.dat"));
-  EXPECT_EQ("the longest block of all", Get(1, 1));  // from the live store, which goes on
 }
 
 }  // namespace

@@ -79,13 +79,6 @@ TEST_F(ObjectNamesTest, CaseCountsOnlyWithoutARootAndOnRequest) {
   EXPECT_EQ(Find(kPlainType, u"both", findOrCreate, fObjNoCase), Find(kPlainType, u"BOTH", findOrCreate, fObjNoCase));
 }
 
-TEST_F(ObjectNamesTest, AParentTakesThePlaceOfARoot) {
-  const std::uint64_t nFolder = Find(typeFolder, u"C:\\Dir");
-  const std::uint64_t nKey = Find(typeRegistryKey, u"HKLM\\Key");
-  EXPECT_EQ(u"C:\\Dir\\f", NameOf(Given({typeFile, 0, u"f", 2, findOrCreate, nFolder})));
-  EXPECT_EQ(u"HKLM\\Key/Value", NameOf(Given({typeRegistryValue, 0, u"Value", 10, findOrCreate, nKey})));
-}
-
 TEST_F(ObjectNamesTest, TakesNamesBySizeOrUpToTheirZero) {
   const std::uint64_t nName = Find(kPlainType, u"name");
   EXPECT_EQ(nName, Given({kPlainType, 0, u"name", kWideZeroTerminated, findOrCreate, 0}));
@@ -96,26 +89,9 @@ TEST_F(ObjectNamesTest, TakesNamesBySizeOrUpToTheirZero) {
   EXPECT_EQ(u"", NameOf(Given({kPlainType, 0, u"ignored", 0, findOrCreate, 0})));
 }
 
-TEST_F(ObjectNamesTest, RefusesWhatIsNoName) {
-  const std::uint64_t nName = Find(kPlainType, u"name");
-  std::uint32_t nSize = 0;
-  AllAnswer(errPARAMETER_INVALID,
-            {{"no name below a parent", Ask({kPlainType, 0, nullptr, 0, findOrCreate, nName})},
-             {"no name to look for", Ask({kPlainType, 0, nullptr, 0, findOnly, 0})},
-             {"no name of a size", Ask({kPlainType, 0, nullptr, 4, findOrCreate, 0})},
-             {"a buffer of a size alone", m_pSegment->GetObjectName(nName, nullptr, 2, &nSize, 0, nullptr)}});
-  EXPECT_CODE(errUNSPECIFIED, Ask({typeFile, 0, u"\\/\\", 6, findOrCreate, 0}));
-  Step("below nothing", Ask({kPlainType, 0, u"child", 10, findOrCreate, MakeObjectId(kNumber, 9999)}))
-      .Is(errOBJECT_NOT_FOUND)
-      .Says({"300 Failed step. Err: errOBJECT_NOT_FOUND (0x800000C5)"});
-}
-
 TEST_F(ObjectNamesTest, ALookupCreatesTheRootAlone) {
   EXPECT_CODE(errOBJECT_NOT_FOUND, Ask({typeFile, 0, u"E:\\a", 8, findOnly, 0}));
   EXPECT_NE(0u, Find(typeDriveRoot, u"E:", findOnly));
-  // A registry handle is one, and has four bytes.
-  EXPECT_CODE(errOK, Ask({typeRegistryKey, 0, u"\2\x8000x", 4, findOnly, 0}));
-  EXPECT_CODE(errOBJECT_NOT_FOUND, Ask({typeRegistryKey, 0, u"\2\x8000x", 5, findOnly, 0}));
 }
 
 TEST_F(ObjectNamesTest, StoresTheShorterForm) {
@@ -143,21 +119,6 @@ TEST_F(ObjectNamesTest, FillBuffersOfEverySizeAndNothingBehindThem) {
   }
 }
 
-TEST_F(ObjectNamesTest, CreatesWhatDamageHidesOnRequestAlone) {
-  Start(Segment::Files::New, true);
-  const std::uint64_t nOld = Find(kPlainType, u"name");
-  m_pSegment.reset();
-  Bytes Root(1028, 0x80);  // every slot leads to a node where there is none; the CRC is right
-  const std::uint32_t nCrc = Crc32(0, Root.data(), 1024);
-  std::memcpy(Root.data() + 1024, &nCrc, 4);
-  Patch("00000003_objbt.dat", 16, Root);
-  Start(Segment::Files::Existing, true);
-  EXPECT_CODE(errDATA_CORRUPTED, Ask({kPlainType, 0, u"name", 8, findOrCreate, 0}));
-  EXPECT_CODE(errDATA_REPAIRED, Ask({kPlainType, 0, u"name", 8, findOrCreateRepairing, 0}));
-  EXPECT_EQ(nOld + 1, Find(kPlainType, u"name"));
-  EXPECT_EQ(u"name", NameOf(nOld));  // is still there under its id
-}
-
 class ObjectLinksTest : public SegmentWorld {
  protected:
   void SetUp() override {
@@ -177,11 +138,6 @@ TEST_F(ObjectLinksTest, ADriveLeadsToAFolderUnlessToldOtherwise) {
   Link(Find(typeDriveRoot, u"M:"), Find(typeFolder, u"C:\\mounted"));
   EXPECT_EQ(u"C:\\mounted\\f", NameOf(Find(typeFile, u"M:\\f")));
   EXPECT_EQ(u"M:\\g", NameOf(Find(typeFile, u"M:\\g", findOrCreate, RemoveObjectFlags(fObjFollowLinks))));
-}
-
-TEST_F(ObjectLinksTest, ARegistryRootLeadsToAnother) {
-  Link(Find(typeRegistryKey, u"HKLM"), Find(typeRegistryKey, u"HKEY_LOCAL_MACHINE"));
-  EXPECT_EQ(u"HKEY_LOCAL_MACHINE\\Software", NameOf(Find(typeRegistryKey, u"HKLM\\Software")));
 }
 
 TEST_F(ObjectLinksTest, CannotBeFollowedIntoTheSharedStore) {

@@ -17,18 +17,12 @@ class SegmentWorld : public World {
   }
 
   // Takes up the segment, or makes it anew.
-  void Start(Segment::Files Which, bool bCheckMode = false) { Must(Init(Which, bCheckMode)); }
-  ResultCode Init(Segment::Files Which, bool bCheckMode = false) {
-    m_pSegment = std::make_unique<Segment>(bCheckMode);
-    return m_pSegment->Init(&m_Environment, 4, Which, kNumber, m_pGlobal.get());
+  void Start(Segment::Files Which) {
+    m_pSegment = std::make_unique<Segment>(false);
+    Must(m_pSegment->Init(&m_Environment, 4, Which, kNumber, m_pGlobal.get()));
   }
 
   ResultCode Add(std::uint32_t nValue) { return m_pSegment->AddEvent(&nValue, 4, nullptr); }
-  std::uint64_t EventCount() {
-    std::uint64_t nCount = 99;
-    Must(m_pSegment->GetEventCount(&nCount));
-    return nCount;
-  }
 
   // Looks for an object, or creates it.
   ResultCode Ask(const ObjectQuery& Query, StoreChoice Choice = StoreChoice::Own) {

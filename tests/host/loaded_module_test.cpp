@@ -22,20 +22,17 @@ bool IsInProcess() {
 
 class LoadedModuleTest : public ComponentTest {
  protected:
-  void SetUp() override {
-    Unload();
-    ASSERT_EQ("", host::ReadModuleFile(LUMBRA_MODULE, &m_File).Text);
-  }
-
-  host::ModuleFile m_File;
+  void SetUp() override { Unload(); }
 };
 
 // Twice, and then with the component that is linked in: each finds what the one before has left.
 TEST_F(LoadedModuleTest, RunsAStoreAndLeavesTheProcess) {
+  host::ModuleFile File;
+  ASSERT_EQ("", host::ReadModuleFile(LUMBRA_MODULE, &File).Text);
   for (const Ids& Before : {Ids{}, Ids{0}}) {
     host::LoadedModule Module;
     EXPECT_FALSE(IsInProcess());
-    ASSERT_EQ("", Module.Load(m_File).Text);
+    ASSERT_EQ("", Module.Load(File).Text);
     EXPECT_TRUE(IsInProcess());
     m_Host.emplace(Module.Entry());
     m_Host->SetPlaceholder(u"%Report%", WideFolder());
@@ -104,33 +101,6 @@ TEST_F(LoadedModuleTest, RefusesWhatOthersMayWriteTo) {
   Step("in a folder that all may write to", TextOfLoad()).Is("lies in a folder that can be written by others");
 }
 #endif
-
-// Of another machine the tool's tests hold the same.
-TEST_F(LoadedModuleTest, RefusesWhatIsForeignBeforeLoadingIt) {
-  host::LoadedModule Module;
-  const host::ModuleProblem Problem = Module.Load({LUMBRA_MODULE, "another", m_File.Machine, m_File.Metadata});
-  const std::string kHere = m_File.Format + " on " + m_File.Machine;
-  EXPECT_EQ("is for another on " + m_File.Machine + ", this program for " + kHere, Problem.Text);
-  EXPECT_CODE(errNOT_SUPPORTED, Problem.nCode);
-  EXPECT_FALSE(IsInProcess());
-}
-
-std::vector<std::uint32_t> g_Reasons;
-
-// Registers its interfaces, and refuses the host then without a reason.
-int LUMBRA_ENTRY_CALL RefuseHost(void* pRoot, std::uint32_t nReason, void* pError) {
-  g_Reasons.push_back(nReason);
-  LumbraModuleEntry(pRoot, nReason, pError);
-  return nReason == kModuleLoad ? 0 : 1;
-}
-
-TEST_F(LoadedModuleTest, GivesNoStoreOfAModuleThatRefusesItsHost) {
-  m_Host.emplace(&RefuseHost);
-  EXPECT_CODE(errUNSPECIFIED, m_Host->LoadResult());
-  EXPECT_FALSE(m_Host->Create());
-  m_Host.reset();
-  EXPECT_EQ((std::vector{kModuleLoad, kModuleUnload}), g_Reasons);
-}
 
 }  // namespace
 }  // namespace lumbra::test

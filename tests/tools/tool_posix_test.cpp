@@ -46,15 +46,6 @@ TEST_F(ToolPosixTest, LetsNoNameReachTheTerminal) {
   EXPECT_THAT(Errors(), HasSubstr("--\\x1b"));
 }
 
-TEST_F(ToolPosixTest, WritesNothingIntoTheStoreThatItCannotPrint) {
-  std::string Many;  // more than a stream keeps back until it ends
-  for (int i = 0; i < 50; ++i) Many += "{'name':'x'}\n";
-  Run("record --db a", 0, Many);
-  const Bytes kTree = ReadFile("store/g_objbt.dat");
-  RunProgram({"/bin/sh", "-c", "'" LUMBRA_TOOL "' --store store --host h events --json --db a >&-"}, 1);
-  EXPECT_EQ(kTree, ReadFile("store/g_objbt.dat"));
-}
-
 // Who may write there can lead us to other files, and put into the store what he likes.
 TEST_F(ToolPosixTest, UsesNoStoreThatOthersMayChange) {
   Run("record --db 1");
@@ -108,21 +99,6 @@ TEST_F(ToolPosixTest, WaitsForNoPipeAndReadsNoMoreThanAFileCanHold) {
   fs::resize_file(At("store/g_db_id.dat"), std::uint64_t{1} << 40);
   WriteFile("store/b/segments.dat", ReadFile("store/a/segments.dat"));
   EXPECT_THAT(Run("info"), HasSubstr("\n  -  b "));
-}
-
-TEST_F(ToolPosixTest, TakesNothingForMissingThatItCannotLookAt) {
-  Run("record --db a --segment-events 1", 0, "{'name':'x'}\n{'name':'y'}");
-  fs::remove(Folder() / "store/g_db_id.dat");  // the tool itself looks into a database that the store does not know
-  const fs::path Segment = At("store/a/00000002_events.dat");
-  fs::remove(Segment);
-  EXPECT_EQ(1, json::parse(Run("info --json", 3)).at("databases")[1]["records"]);
-  fs::remove(Segment);
-  fs::create_symlink(Segment.filename(), Segment);  // a link to itself, to which every look fails
-  Fails("info", "a/00000002_events.dat: it cannot be read");
-  fs::remove(Segment);
-  fs::remove(At("store/a/segments.dat"));
-  fs::create_directory(At("store/a/segments.dat"));
-  Fails("record --db a", "a/segments.dat");
 }
 
 TEST_F(ToolPosixTest, ModuleShowsItsEntryAlone) {

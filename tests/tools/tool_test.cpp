@@ -104,36 +104,16 @@ TEST_F(ToolTest, FindsNames) {
   EXPECT_EQ("folder  " + At("tree/a/deep\n"), Described(Deep));
   EXPECT_EQ("folder  " + At("tree\n"), Described(Events("1 --parents --last 1")[0]["parent"]));
   EXPECT_EQ("0x0000000000000002  file    h\n0x0100000100009999  not found\n", Run("name 2 100000100009999", 1));
-  Fails("find --db 1 --parent 2 x", "this is no object of database 1");
-  Fails("find --db other x", "there is no such database");
 }
 
 TEST_F(ToolTest, LinksObjects) {
   const std::string Key = Find("keys --create --type key 'HKLM\\One'");
   const std::string Other = Find("keys --create --type 3 'HKLM\\Two'");
-  const std::string Shared = Find("0 --create --type key 'HKLM\\Two'");
   const std::string File = Find("keys --create 'C:\\file'");
-  const std::string BelowFile = Find("keys --create --type key below --parent " + File);
   Run("link " + Key + ' ' + Other);
   EXPECT_EQ("key     HKLM\\Two\n", Described(Key));
   Fails("link " + Other + ' ' + Key, "would run in a circle");
-  Fails("link " + Other + ' ' + Other, "would run in a circle");
   Fails("link " + Key + ' ' + File, "it stands for " + Other + " already");
-  Fails("link " + Other + ' ' + Shared, "they are in two stores");
-  Fails("link " + Find("keys --type 20 C:") + ' ' + Other, "the store would not follow this link");
-  Fails("link " + Shared + " 2", "2 stands for the host's name");
-  Fails("link " + Other + ' ' + BelowFile, "nothing can stand for a file");
-}
-
-TEST_F(ToolTest, KeepsALinkThatItCannotRead) {
-  const std::string Root = Find("1 --create --type 24 --check-mode HKLM");
-  const std::string Other = Find("1 --create --type 24 HKCU");
-  Run("link " + Root + ' ' + Other);
-  const char* const pData = "store/01/00000001_objdt.dat";
-  Patch(pData, FileSize(pData) - 20, {'?'});  // in the link, with its CRC in front of the entry that leads to it
-  const Bytes kDamaged = ReadFile(pData);
-  Fails("link " + Root + ' ' + Other, "errDATA_CORRUPTED");
-  EXPECT_EQ(kDamaged, ReadFile(pData));
 }
 
 TEST_F(ToolTest, KeepsDataOfObjects) {
@@ -141,12 +121,8 @@ TEST_F(ToolTest, KeepsDataOfObjects) {
   const std::string kBytes("a\0b\n\xFF", 5);
   Run("data set " + Id + " 0x10", 0, kBytes);
   EXPECT_EQ(kBytes, Run("data get " + Id + " 16"));
-  Run("data get " + Id + " 16 copy");
-  Run("data set " + Id + " 7 copy");
-  EXPECT_EQ(kBytes, Run("data get " + Id + " 7"));
   Run("data clear " + Id);
-  Fails("data get " + Id + " 7", "errNOT_FOUND (0x8000004C): there is nothing under this id or key");
-  Fails("data set 0100000100000001 1", "there is no such database in this store");
+  Fails("data get " + Id + " 16", "errNOT_FOUND (0x8000004C): there is nothing under this id or key");
 }
 
 TEST_F(ToolTest, CheckSaysWhatItFinds) {
@@ -182,14 +158,6 @@ TEST_F(ToolTest, CompactTellsWhatItLeavesOut) {
   EXPECT_THAT(Told, HasSubstr("beside the live one"));
 }
 
-TEST_F(ToolTest, CheckSaysThatDamageWasMet) {
-  Run("find --db 0 --create a b c --check-mode");
-  Patch("store/g_objdt.dat", 4, {'?'});
-  Run("check");
-  Fails("name 1", "errDATA_CORRUPTED");  // met, and marked
-  EXPECT_THAT(Run("check", 3), HasSubstr("The store is marked corrupted"));
-}
-
 TEST_F(ToolTest, RepairsAndTakesItBack) {
   Record("1 --segment-events 1", {"a", "b", "c"});
   Run("repair");
@@ -210,7 +178,6 @@ TEST_F(ToolTest, RepairsAndTakesItBack) {
   const std::string Time = fs::directory_iterator(At("store/01/set-aside"))->path().filename().string();
   Run("repair --undo " + Time);
   EXPECT_EQ(9, ReadFile("store/01/segments.dat")[4]);
-  Fails("repair --undo 20260101T000000Z-1", "nothing was done at that time");
 }
 
 TEST_F(ToolTest, PutsBackWhatALostTreeFindsNoMore) {
@@ -273,52 +240,14 @@ TEST_F(ToolTest, SaysThatANameIsUsedUp) {
   EXPECT_THAT(Errors(), HasSubstr("made database \"new\", number 1 of 207 that a store can have"));
   Run("record --db new");
   EXPECT_EQ("", Errors());
-  for (int i = 2; i < 180; ++i) Record('n' + std::to_string(i), {"x"});
-  Run("scan in --db last");
-  EXPECT_THAT(Errors(), HasSubstr("lumbra: 27 names of databases are left"));
   Fails("record --db x.schema", "a new database cannot have this name");
 }
 
-TEST_F(ToolTest, NamesObjectsOfOtherDatabases) {
-  const std::string Id = Find("2 --create 'C:\\elsewhere'");
-  Run("record --db 1");
-  Run("record --db 2");
-  Patch("store/01/00000001_events.dat", 12 + 8, FromHex("02000000 01000002"));
-  EXPECT_EQ(json({Id}), Events("1", "/object"));
-  EXPECT_EQ(json({"C:\\elsewhere"}), Names("1"));
-  EXPECT_EQ(json({"0x0200000100000001"}), Events("1 --parents", "/parent"));
-  fs::remove_all(Folder() / "store/02");
-  EXPECT_EQ(json::array({nullptr}), Names("1"));
-}
-
 TEST_F(ToolTest, RefusesWrongUsage) {
-  for (const char* const pUsage : {"",
-                                   "frob",
-                                   "events",
-                                   "events --db 0",
-                                   "events --db 48",
-                                   "events --db 12345",
-                                   "events --db ..",
-                                   "events --db a/b",
-                                   "events --db 2f",
-                                   "events --db 1 --from xyz",
-                                   "events --db 1 --last 1 --from 1",
-                                   "events --db 1 --last -1",
-                                   "scan --db 1",
-                                   "scan --db 1 --max-size x /",
-                                   "data get 1",
-                                   "data get 1 x",
-                                   "data set 1 4294967296",
-                                   "data clear",
-                                   "name",
-                                   "name 0x",
-                                   "name 0",
-                                   "link 1",
-                                   "find --db 1",
-                                   "find --db 1 ''",
-                                   "find --db 1 --type 256 x",
-                                   "clear --db 1",
-                                   "clear --db 1 --yes=false"})
+  for (const char* const pUsage :
+       {"", "frob", "events", "events --db 0", "events --db ..", "events --db 2f", "events --db 1 --from xyz",
+        "events --db 1 --last 1 --from 1", "scan --db 1", "scan --db 1 --max-size x /", "data set 1 4294967296",
+        "name 0", "find --db 1 ''", "clear --db 1", "clear --db 1 --yes=false"})
     Run(pUsage, 2);
 }
 
@@ -328,7 +257,6 @@ TEST_F(ToolTest, SaysWhatIsNotThere) {
   Run("record --db a");
   Fails("events --db 2",
         "lumbra: open database 2: errOBJECT_NOT_FOUND (0x800000C5): there is no such database in this");
-  Fails("record --db a /does/not/exist", "/does/not/exist: errFILE_NOT_FOUND");
   Fails("record --db \xC3\xA1", "the store cannot tell it from database \"a\"");  // of the same key in the index
 }
 
@@ -340,19 +268,10 @@ TEST_F(ToolTest, SaysThatAnotherProcessHoldsTheStore) {
 
 TEST_F(ToolTest, OpensNoDatabaseThatWouldStartAnew) {
   Run("record --db 1");
-  const Bytes kHeader = ReadFile("store/01/segments.dat");
-  const Bytes kEvents = ReadFile("store/01/00000001_events.dat");
   Patch("store/01/00000001_events.dat", 0, Bytes(12));  // nothing tells the size of its events now
   fs::remove(Folder() / "store/01/segments.dat");
   Fails("record --db 1", "errDATA_CORRUPTED");
-  WriteFile("store/01/segments.dat", {1, 2, 3});
-  for (const char* const pCommand : {"events --db 1", "record --db 1", "scan --db 1 in"})
-    Fails(pCommand, "errDATA_CORRUPTED");
-  Run("info", 3);
-  EXPECT_EQ((Bytes{1, 2, 3}), ReadFile("store/01/segments.dat"));
-  WriteFile("store/01/00000001_events.dat", kEvents);
-  WriteFile("store/01/segments.dat", kHeader);
-  EXPECT_EQ(json({"x"}), Names("1"));
+  EXPECT_FALSE(fs::exists(Folder() / "store/01/segments.dat"));
 }
 
 TEST_F(ToolTest, RunsOnAModule) {
@@ -364,7 +283,6 @@ TEST_F(ToolTest, RunsOnAModule) {
   Record("1 --module '" LUMBRA_MODULE "'", {"a"});
   Record("1", {"b"});
   EXPECT_EQ(json({"a", "b"}), Names("1 --module '" LUMBRA_MODULE "'"));
-  Fails("events --db 2 --module '" LUMBRA_MODULE "'", "errOBJECT_NOT_FOUND");
 }
 
 TEST_F(ToolTest, RunsNothingOfAModuleThatIsRefused) {
@@ -380,7 +298,6 @@ TEST_F(ToolTest, RunsNothingOfAModuleThatIsRefused) {
   Patch("module", ReadText("module").find("\"Lumbra\""), {'?'});
   EXPECT_EQ("", Run("info --module module", 1));
   EXPECT_EQ("lumbra: load module: errDATA_CORRUPTED (0x800000D8): its metadata is damaged (MD5)\n", Errors());
-  Fails("module module", "lumbra: read module: errDATA_CORRUPTED (0x800000D8): its metadata is damaged (MD5)\n");
 }
 
 TEST_F(ToolTest, ExamplesUseTheStore) {
