@@ -21,6 +21,10 @@ constexpr char16_t kUndone[] = u"undone.json";
 
 // ---- Files ------------------------------------------------------------------------------------------------
 
+bool IsMissing(os::SystemError nError) {
+  return nError == os::kFileNotFound || nError == os::kPathNotFound;
+}
+
 class OpenFile {
  public:
   OpenFile() = default;
@@ -102,7 +106,10 @@ os::SystemError OpenOrMakeFolder(const os::FolderHandle& pParent, std::u16string
 
 // ---- Holding a store --------------------------------------------------------------------------------------
 
-// The files by which a process holds a store: those of the shared objects, and each "segments.dat".
+// The files by which a process holds a store as long as it has it open: those of the shared objects, and the header of
+// the system's database.
+constexpr std::uint32_t kSystemFolder = 0;
+
 class StoreHold {
  public:
   // kSharingViolation where another process holds one. What is missing is not held: the component makes it.
@@ -111,14 +118,12 @@ class StoreHold {
     for (const char16_t* const pName : {kSharedTreeFile, kSharedIdsFile, kSharedDataFile}) {
       if (nError == os::kSuccess) nError = TakeFile({}, pStore, pName);
     }
-    std::vector<std::u16string> Folders;
-    if (nError == os::kSuccess) nError = os::ListFolders(pStore, &Folders);
-    for (const std::u16string& Folder : Folders) {
-      os::FolderHandle pFolder;
-      if (nError == os::kSuccess) nError = os::OpenFolder(pStore, Folder, &pFolder);
-      if (nError == os::kSuccess) nError = TakeFile(Folder, pFolder, kSegmentsFile);
-    }
-    return nError;
+    if (nError != os::kSuccess) return nError;
+    const std::u16string System = NumberedFolder(kSystemFolder);
+    os::FolderHandle pSystem;
+    nError = os::OpenFolder(pStore, System, &pSystem);
+    if (IsMissing(nError)) return os::kSuccess;
+    return nError == os::kSuccess ? TakeFile(System, pSystem, kSegmentsFile) : nError;
   }
 
   // One of its files.
@@ -186,9 +191,16 @@ class Healer {
     os::SystemError nError = Record(Steps);
     for (const Step& One : Steps) {
       if (nError == os::kSuccess && One.Acts()) nError = Do(One);
+      if (nError != os::kSuccess) {
+        m_Refused = {.Folder = One.Folder, .File = One.File, .Why = "it cannot be healed now"};
+        break;
+      }
     }
     return nError;
   }
+
+  // The step that failed.
+  const Step& Refused() const { return m_Refused; }
 
  private:
   // What will be done, and all old bytes, in each folder that it concerns: on the disk before the first change.
@@ -197,33 +209,39 @@ class Healer {
     for (const Step& One : Steps) {
       if (One.Acts()) ByFolder[One.Folder].push_back(One);
     }
-    const std::string Time = Now();
+    std::map<std::u16string, os::FolderHandle> Asides;  // "set-aside" of each
+    os::SystemError nError = os::kSuccess;
     for (const auto& [Folder, Own] : ByFolder) {
       Place& At = m_Places[Folder];
-      os::SystemError nError = os::kSuccess;
-      if (Folder.empty()) {
-        At.pFolder = m_pStore;
-      } else {
-        nError = os::OpenFolder(m_pStore, Folder, &At.pFolder);
-      }
-      if (nError == os::kSuccess) nError = MakeAside(&At, Time);
+      At.pFolder = m_pStore;
+      if (!Folder.empty()) nError = os::OpenFolder(m_pStore, Folder, &At.pFolder);
+      if (nError == os::kSuccess) nError = OpenOrMakeFolder(At.pFolder, kSetAsideFolder, &Asides[Folder]);
+      if (nError != os::kSuccess) return nError;
+    }
+    const std::u16string Name = FreeName(Asides);
+    for (const auto& [Folder, Own] : ByFolder) {
+      Place& At = m_Places[Folder];
+      nError = os::MakeFolder(Asides[Folder], Name);
+      if (nError == os::kSuccess) nError = os::OpenFolder(Asides[Folder], Name, &At.pAside);
       if (nError == os::kSuccess) nError = WriteFile(At.pAside, kRecord, WriteSteps(Own), os::Disposition::CreateNew);
       if (nError != os::kSuccess) return nError;
     }
     return os::kSuccess;
   }
 
-  static os::SystemError MakeAside(Place* pAt, const std::string& Time) {
-    os::FolderHandle pAll;
-    os::SystemError nError = OpenOrMakeFolder(pAt->pFolder, kSetAsideFolder, &pAll);
-    for (int nCounter = 1; nError == os::kSuccess; ++nCounter) {
+  // One name for all that is done now, by which it is taken back.
+  static std::u16string FreeName(const std::map<std::u16string, os::FolderHandle>& Asides) {
+    const std::string Time = Now();
+    for (int nCounter = 1;; ++nCounter) {
       const std::u16string Name = WideName(Time + '-' + std::to_string(nCounter));
-      nError = os::MakeFolder(pAll, Name);
-      if (nError == os::kSuccess) return os::OpenFolder(pAll, Name, &pAt->pAside);
-      if (nError == os::kAlreadyExists || nError == os::kFileExists) nError = os::kSuccess;
+      const bool bFree = std::ranges::all_of(Asides, [&Name](const auto& One) {
+        os::FolderHandle pThere;
+        return IsMissing(os::OpenFolder(One.second, Name, &pThere));
+      });
+      if (bFree || nCounter == kMostInASecond) return Name;
     }
-    return nError;
   }
+  static constexpr int kMostInASecond = 10000;
 
   os::SystemError Do(const Step& One) {
     const Place& At = m_Places.at(One.Folder);
@@ -248,24 +266,32 @@ class Healer {
   }
 
   os::SystemError Patch(const Place& At, const Step& One) const {
+    // What a folder's entry tells of a file may be older than the file.
+    std::string There;
+    const std::size_t nGrown = One.Before.size() < One.After.size() ? 1 : 0;
+    os::SystemError nError = ReadFile(At.pFolder, One.File, One.nOffset, One.Before.size() + nGrown, &There);
+    if (nError == os::kSuccess && There != One.Before) nError = os::kBusy;
+    if (nError != os::kSuccess) return nError;
     if (const os::FileHandle Held = m_pHold->Find(One.Folder, One.File); Held != nullptr)
       return WriteAndSync(Held, One.nOffset, One.After);
     OpenFile File;
-    const os::SystemError nError = File.Open(At.pFolder, One.File, kHold, os::Disposition::OpenExisting);
+    nError = File.Open(At.pFolder, One.File, kHold, os::Disposition::OpenExisting);
     return nError == os::kSuccess ? WriteAndSync(File.Handle(), One.nOffset, One.After) : nError;
   }
 
   os::FolderHandle m_pStore;
   StoreHold* m_pHold;
   std::map<std::u16string, Place> m_Places;
+  Step m_Refused;
 };
 
 // ---- Taking back ------------------------------------------------------------------------------------------
 
 class Undoer {
  public:
-  Undoer(const os::FolderHandle& pFolder, const os::FolderHandle& pAside, std::vector<std::string>* pLeft)
-      : m_pFolder(pFolder), m_pAside(pAside), m_pLeft(pLeft) {}
+  Undoer(const os::FolderHandle& pFolder, const os::FolderHandle& pAside, StoreHold* pHold,
+         std::vector<std::string>* pLeft)
+      : m_pFolder(pFolder), m_pAside(pAside), m_pHold(pHold), m_pLeft(pLeft) {}
 
   os::SystemError Run() {
     std::string Text;
@@ -273,10 +299,16 @@ class Undoer {
     os::SystemError nError = ReadFile(m_pAside, kRecord, 0, kLongestRecord, &Text);
     if (nError != os::kSuccess) return nError;
     std::vector<Step> Steps = ReadSteps(Text);
+    if (Steps.empty()) return os::kGeneralFailure;  // torn, or somebody else's
+    const std::size_t nLeft = m_pLeft->size();
     for (auto One = Steps.rbegin(); One != Steps.rend(); ++One) {
+      // On Windows, and for who asks for it alone, what is held is out of reach.
+      m_pHold->Release(One->Folder, One->File);
+      if (One->What == Step::Kind::Rename) m_pHold->Release(One->Folder, WideName(One->After));
       nError = TakeBack(*One);
       if (nError != os::kSuccess) return nError;
     }
+    if (m_pLeft->size() != nLeft) return os::kSuccess;  // the rest can be tried again
     return os::Move(m_pAside, kRecord, m_pAside, kUndone, os::IfTaken::Replace);
   }
 
@@ -325,12 +357,9 @@ class Undoer {
 
   os::FolderHandle m_pFolder;
   os::FolderHandle m_pAside;
+  StoreHold* m_pHold;
   std::vector<std::string>* m_pLeft;
 };
-
-bool IsMissing(os::SystemError nError) {
-  return nError == os::kFileNotFound || nError == os::kPathNotFound;
-}
 
 }  // namespace
 
@@ -347,7 +376,11 @@ ResultCode HealHeld(const os::FolderHandle& pStore, const Wishes& Wanted, Plan* 
   }
   const ResultCode nLooked = Look(pStore, Wanted, pDone);
   if (Failed(nLooked) || !pDone->Refusal.empty() || !pDone->Acts()) return nLooked;
-  return ResultFromSystemError(Healer(pStore, &Hold).Run(pDone->Steps));
+  Healer Acting(pStore, &Hold);
+  const os::SystemError nError = Acting.Run(pDone->Steps);
+  if (nError != os::kSuccess && nError != os::kSharingViolation) pDone->Refusal = Describe(Acting.Refused());
+  pDone->bHeld = nError == os::kSharingViolation;  // somebody has one of its files
+  return pDone->bHeld ? errOK : ResultFromSystemError(nError);
 }
 
 }  // namespace
@@ -417,8 +450,8 @@ ResultCode Undo(const std::u16string& Store, const os::FolderRules& Rules, const
                 std::vector<std::string>* pLeft) try {
   os::FolderHandle pStore;
   os::SystemError nError = os::OpenFolder(Store, Rules, &pStore);
-  // Looks whether another process holds it; what is held itself could not be written to.
-  if (nError == os::kSuccess) nError = StoreHold().Take(pStore);
+  StoreHold Hold;
+  if (nError == os::kSuccess) nError = Hold.Take(pStore);
   if (nError != os::kSuccess) return ResultFromSystemError(nError);
   std::vector<std::u16string> Folders;
   nError = os::ListFolders(pStore, &Folders);
@@ -432,9 +465,10 @@ ResultCode Undo(const std::u16string& Store, const os::FolderRules& Rules, const
     if (!Folder.empty()) nError = os::OpenFolder(pStore, Folder, &pFolder);
     if (nError == os::kSuccess) nError = os::OpenFolder(pFolder, kSetAsideFolder, &pAll);
     if (nError == os::kSuccess) nError = os::OpenFolder(pAll, WideName(Time), &pAside);
-    if (nError == os::kSuccess) nError = Undoer(pFolder, pAside, pLeft).Run();
+    if (nError == os::kSuccess) nError = Undoer(pFolder, pAside, &Hold, pLeft).Run();
     if (nError == os::kSuccess) bFound = true;
-    if (nError != os::kSuccess && !IsMissing(nError)) return ResultFromSystemError(nError);
+    if (nError != os::kSuccess && !IsMissing(nError) && nError != os::kAccessDenied)
+      return ResultFromSystemError(nError);
     nError = os::kSuccess;
   }
   return bFound ? errOK : errNOT_FOUND;

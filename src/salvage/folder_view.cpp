@@ -8,7 +8,8 @@ ResultCode FolderView::Open(const os::FolderHandle& pFolder) {
   m_pFolder = pFolder;
   m_Files.clear();
   const os::SystemError nError = os::FindFiles(pFolder, u"*", [this](const os::FoundFile& Found) {
-    if (!Found.bFolder) m_Files.emplace(Found.Name, File{Found.nSize, Found.nWriteTimeSeconds});
+    if (!Found.bFolder)
+      m_Files.emplace(Found.Name, File{Found.nSize, Found.nWriteTimeSeconds, Found.nCreationTimeSeconds});
     return true;
   });
   return nError == os::kFileNotFound ? errOK : ResultFromSystemError(nError);  // an empty one

@@ -21,6 +21,7 @@ class FolderView {
   struct File {
     std::uint64_t nSize;
     std::int64_t nWritten;  // seconds since 1970
+    std::int64_t nCreated;
   };
 
   // Lists the plain files of a folder that is open.

@@ -66,13 +66,15 @@ class StoreLook {
     if (!bNumbered && !IsDatabaseName(Folder)) return errOK;  // none of the store's, or "set-aside"
     os::FolderHandle pFolder;
     const os::SystemError nError = os::OpenFolder(m_pStore, Folder, &pFolder);
+    // A folder that is not for us, or whose name cannot be said in UTF-16, is none of the store's.
+    if (nError == os::kAccessDenied || nError == os::kFileNotFound) return errOK;
     if (nError != os::kSuccess) return ResultFromSystemError(nError);
     FolderView Files;
     const ResultCode nListed = Files.Open(pFolder);
-    if (Failed(nListed)) return nListed;
+    if (Failed(nListed)) return nListed == errACCESS_DENIED ? errOK : nListed;
     if (!HasFilesOfDatabase(Files)) return errOK;
     const std::optional<std::uint32_t> Id = bNumbered ? NumberOf(Folder) : IdentityOf(Files);
-    LookAtDatabase(Folder, Id, Files, m_Wanted, m_pPlan);
+    LookAtDatabase(Folder, Files, m_Wanted, m_pPlan);
     m_bHasEvents = m_bHasEvents || HasEvents(Files);
     if (!bNumbered) m_Named[Folder] = Id;
     return FailureOf(Files, Folder);

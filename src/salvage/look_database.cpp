@@ -4,9 +4,8 @@
 #include <optional>
 #include <vector>
 
-#include "format/event_file.h"
 #include "format/file_names.h"
-#include "format/object_id.h"
+#include "format/object_files.h"
 #include "format/record_file.h"
 #include "format/segments_file.h"
 #include "salvage/look_parts.h"
@@ -50,6 +49,7 @@ struct Segment {
   std::uint32_t nNumber;
   std::uint64_t nSize;
   std::int64_t nWritten;
+  std::int64_t nCreated;
   std::string Head;
 };
 // Segments whose numbers follow each other.
@@ -65,9 +65,8 @@ constexpr std::u16string_view kObjectFiles[] = {kTreeFile, kIdsFile, kDataFile};
 
 class DatabaseLook {
  public:
-  DatabaseLook(const std::u16string& Folder, std::optional<std::uint32_t> Id, FolderView& Files, const Wishes& Wanted,
-               Plan* pPlan)
-      : m_Folder(Folder), m_Id(Id), m_Files(Files), m_Wanted(Wanted), m_pPlan(pPlan) {}
+  DatabaseLook(const std::u16string& Folder, FolderView& Files, const Wishes& Wanted, Plan* pPlan)
+      : m_Folder(Folder), m_Files(Files), m_Wanted(Wanted), m_pPlan(pPlan) {}
 
   void Run() {
     ReadHeader();
@@ -100,7 +99,8 @@ class DatabaseLook {
       if (!IsEventsFileName(Name)) continue;
       const std::uint32_t nNumber = NumberOfSegmentFile(Name);
       if (nNumber == 0 || nNumber >= kSegmentNumberLimit) continue;
-      m_Segments.push_back({nNumber, File.nSize, File.nWritten, m_Files.Read(Name, 0, sizeof(tPLAINDB_HEADER))});
+      m_Segments.push_back(
+          {nNumber, File.nSize, File.nWritten, File.nCreated, m_Files.Read(Name, 0, sizeof(tPLAINDB_HEADER))});
     }
   }
 
@@ -109,17 +109,19 @@ class DatabaseLook {
     return Found == m_Segments.end() ? nullptr : &*Found;
   }
 
-  bool Fits(const Segment& Of) const {
-    return Of.nSize >= sizeof(tPLAINDB_HEADER) && (Of.nSize - sizeof(tPLAINDB_HEADER)) % m_nEventSize == 0;
+  static bool Fits(const Segment& Of, std::uint32_t nEventSize) {
+    return Of.nSize >= sizeof(tPLAINDB_HEADER) && (Of.nSize - sizeof(tPLAINDB_HEADER)) % nEventSize == 0;
   }
 
   // ---- What is to be believed ----
 
-  // "segments.dat" is, as long as a file of events agrees with it; otherwise the size that most of those have.
+  // "segments.dat" is, as long as a file of events agrees with it; otherwise the size that most of those have, of those
+  // whose events fit it.
   void ChooseEventSize() {
     std::map<std::uint32_t, std::size_t> Sizes;
     for (const Segment& One : m_Segments) {
-      if (const std::optional<std::uint32_t> Size = SizeIn(One.Head)) ++Sizes[*Size];
+      const std::optional<std::uint32_t> Size = SizeIn(One.Head);
+      if (Size && Fits(One, *Size)) ++Sizes[*Size];
     }
     if (Sizes.empty() || (m_bHeaderGood && Sizes.contains(m_nEventSize))) return;
     m_nEventSize = std::ranges::max_element(Sizes, {}, [](const auto& One) { return One.second; })->first;
@@ -129,7 +131,14 @@ class DatabaseLook {
   // Events of another size are of another life of the database, unless a bit of their header has turned.
   bool IsOfAnotherLife(const Segment& Of) const {
     const std::optional<std::uint32_t> Size = SizeIn(Of.Head);
-    return Size && *Size != m_nEventSize && (BitsApart(Of.Head, EventsHead(m_nEventSize)) > 1 || !Fits(Of));
+    if (!Size || *Size == m_nEventSize) return false;
+    return BitsApart(Of.Head, EventsHead(m_nEventSize)) > 1 || !Fits(Of, m_nEventSize) || IsFromBeforeRestart(Of);
+  }
+
+  // What a restart has left was written last before the first segment of today was made.
+  bool IsFromBeforeRestart(const Segment& Of) const {
+    const Segment* const pFirst = m_bHeaderGood ? FindSegment(m_nFirst) : nullptr;
+    return pFirst != nullptr && Of.nWritten < pFirst->nCreated;
   }
 
   void SplitIntoRuns() {
@@ -172,21 +181,22 @@ class DatabaseLook {
 
   // ---- The chain ----
 
-  // Numbers are not enough to join two runs: a restart leaves old segments behind. One number may be missing where the
-  // segments behind it were written later.
+  // Numbers are not enough to join two runs: a restart leaves old segments behind. A few numbers may be missing where
+  // the segments behind them were written later, or at least not before the first of the chain was made.
   void JoinOrSetAside() {
     m_Chain = m_Runs[m_nChain];
     const std::int64_t nChainWritten = LastWritten(m_Chain);
     if (m_bLeads) std::erase_if(m_Chain, [this](const Segment& One) { return One.nNumber < m_nFirst; });
-    for (std::size_t i = m_nChain; !m_bLeads && i > 0 && IsOneMissing(m_Runs[i - 1], m_Chain); --i) {
+    for (std::size_t i = m_nChain; !m_bLeads && i > 0 && AreFewMissing(m_Runs[i - 1], m_Chain); --i) {
       if (LastWritten(m_Runs[i - 1]) > nChainWritten || IsOfAnotherLife(m_Runs[i - 1].front())) break;
-      Fill(m_Chain.front().nNumber - 1);
+      Fill(m_Runs[i - 1].back().nNumber + 1, m_Chain.front().nNumber);
       m_Chain.insert(m_Chain.begin(), m_Runs[i - 1].begin(), m_Runs[i - 1].end());
     }
     for (std::size_t i = m_nChain + 1; i < m_Runs.size(); ++i) {
-      const bool bLater = LastWritten(m_Runs[i]) >= nChainWritten && !IsOfAnotherLife(m_Runs[i].front());
-      if (bLater && IsOneMissing(m_Chain, m_Runs[i])) {
-        Fill(m_Runs[i].front().nNumber - 1);
+      const std::int64_t nWritten = LastWritten(m_Runs[i]);
+      const bool bLater = nWritten >= nChainWritten || nWritten >= m_Chain.front().nCreated;
+      if (bLater && !IsOfAnotherLife(m_Runs[i].front()) && AreFewMissing(m_Chain, m_Runs[i])) {
+        Fill(m_Chain.back().nNumber + 1, m_Runs[i].front().nNumber);
         m_Chain.insert(m_Chain.end(), m_Runs[i].begin(), m_Runs[i].end());
       } else {
         SetAside(m_Runs[i]);
@@ -194,13 +204,15 @@ class DatabaseLook {
     }
   }
 
-  static bool IsOneMissing(const salvage::Run& Before, const salvage::Run& Behind) {
-    return Before.back().nNumber + 2 == Behind.front().nNumber;
+  static bool AreFewMissing(const salvage::Run& Before, const salvage::Run& Behind) {
+    constexpr std::uint32_t kFew = 16;
+    return Behind.front().nNumber - Before.back().nNumber <= kFew + 1;
   }
 
-  // An empty segment: the component finds its files, and starts anew what is in them.
-  void Fill(std::uint32_t nNumber) {
-    StartSegment(nNumber, "a segment is missing here; an empty one keeps those behind it in reach");
+  // Empty segments: the component finds their files, and starts anew what is in them.
+  void Fill(std::uint32_t nFirst, std::uint32_t nEnd) {
+    for (; nFirst < nEnd; ++nFirst)
+      StartSegment(nFirst, "a segment is missing here; an empty one keeps those behind it in reach");
   }
 
   // The events last: as long as they are there, the next look finds the rest of them.
@@ -223,7 +235,7 @@ class DatabaseLook {
       if (One.Head == Wanted || One.nSize < Wanted.size()) continue;
       // A torn append may stand behind whole events; then a turned bit is told by how little it changes.
       constexpr int kTurnedBits = 2;
-      if (Fits(One) || BitsApart(One.Head, Wanted) <= kTurnedBits) {
+      if (Fits(One, m_nEventSize) || BitsApart(One.Head, Wanted) <= kTurnedBits) {
         Add(Step::Kind::Patch, File, One.Head, Wanted,
             "its header contradicts the files beside it, and its events fit");
       } else {
@@ -232,10 +244,12 @@ class DatabaseLook {
     }
   }
 
-  // Whether there are names of a segment: they come before its events.
+  // Whether there are names of a segment, which come before its events, or what is left of them.
   bool HasNames(std::uint32_t nNumber) const {
     const FolderView::File* const pIds = m_Files.Find(SegmentFileName(nNumber, kIdsFile));
-    return pIds != nullptr && pIds->nSize > sizeof(tPLAINDB_HEADER);
+    const FolderView::File* const pData = m_Files.Find(SegmentFileName(nNumber, kDataFile));
+    return (pIds != nullptr && pIds->nSize > sizeof(tPLAINDB_HEADER)) ||
+           (pData != nullptr && pData->nSize > sizeof(FILE_MAGIC));
   }
 
   void MendObjects() {
@@ -244,21 +258,28 @@ class DatabaseLook {
       const bool bNewest = One.nNumber == m_Chain.back().nNumber;
       const bool bEmpty = One.nSize <= sizeof(tPLAINDB_HEADER);
       if (bNewest && bEmpty && !HasNames(One.nNumber)) continue;  // only begun: the component takes it up again
+      if (!bNewest && One.nSize < sizeof(tPLAINDB_HEADER) && HasNames(One.nNumber))
+        Report(SegmentFileName(One.nNumber, kEventsFile), "its events are lost");
       const bool bLacks = !IsWhole(One.nNumber);
       if (bLacks) CreateObjectFiles(One.nNumber, "it is missing; an empty one keeps the segment's events readable");
-      bNewestLacks = bNewest && (bLacks || One.nSize < sizeof(tPLAINDB_HEADER) || HasLostRecords(One));
+      bNewestLacks = bNewest && (bLacks || IsTorn(One));
       const ObjectFileNames Names = NamesOf(One.nNumber);
       LookAtObjectHeads(m_Folder, m_Files, Names, m_pPlan);
       if (bNewest || m_Wanted.bThorough) LookAtDataEnd(m_Folder, m_Files, Names, m_pPlan);
       if (m_Wanted.bThorough) LookAtTree(m_Folder, m_Files, Names, m_pPlan);
     }
-    const std::uint32_t nNext = m_Chain.back().nNumber + 1;
-    if (!m_Files.Has(SegmentFileName(nNext, kEventsFile)) && HasNames(nNext)) {
-      StartSegment(nNext, kLostEvents);
-      StartSegment(nNext + 1, kSuccessor);
-    } else if (bNewestLacks) {
-      StartSegment(nNext, kSuccessor);
+    // Segments that have lost their events, behind the last that has some.
+    std::uint32_t nLast = m_Chain.back().nNumber;
+    for (const auto& One : m_Files.Files()) {
+      constexpr std::uint32_t kFew = 16;
+      const std::uint32_t nNumber = NumberOfSegmentFile(One.first);
+      const bool bNear = nNumber > nLast && nNumber <= m_Chain.back().nNumber + kFew;
+      if (bNear && HasNames(nNumber) && !m_Files.Has(SegmentFileName(nNumber, kEventsFile))) nLast = nNumber;
     }
+    const bool bLostEvents = nLast != m_Chain.back().nNumber;
+    for (std::uint32_t nNumber = m_Chain.back().nNumber + 1; nNumber <= nLast; ++nNumber)
+      StartSegment(nNumber, kLostEvents);
+    if (bLostEvents || bNewestLacks) StartSegment(nLast + 1, kSuccessor);
   }
 
   // Of the newest segment something is lost: it must not give the ids of that to others.
@@ -274,7 +295,7 @@ class DatabaseLook {
   void CreateObjectFiles(std::uint32_t nNumber, const char* pWhy) {
     for (const std::u16string_view Name : kObjectFiles) {
       const std::u16string File = SegmentFileName(nNumber, Name);
-      if (!m_Files.Has(File)) Create(File, Name == kDataFile ? MissingDataEnd(m_Files, NamesOf(nNumber)) : "", pWhy);
+      if (!m_Files.Has(File)) Create(File, {}, pWhy);
     }
   }
 
@@ -283,28 +304,9 @@ class DatabaseLook {
             SegmentFileName(nNumber, kDataFile)};
   }
 
-  // Whether id records have gone from the end of the file, as far as that can be told: the last one is torn, or one of
-  // the newest events names an object that is not there.
-  bool HasLostRecords(const Segment& Of) {
-    const std::optional<std::uint64_t> Records = WholeRecordsOf(m_Files, SegmentFileName(Of.nNumber, kIdsFile));
-    if (!Records) return true;
-    if (!m_Id || m_nEventSize < kObjectIdInEvent + sizeof(tObjectId) || Of.nSize < sizeof(tPLAINDB_HEADER))
-      return false;
-    constexpr std::uint32_t kFew = 64;
-    constexpr std::uint32_t kFewBytes = 1 << 16;
-    const std::uint64_t nAll = RecordCountOfSize(Of.nSize, m_nEventSize);
-    const std::uint64_t nLooked = std::min<std::uint64_t>({nAll, kFew, kFewBytes / m_nEventSize});
-    const std::uint64_t nFirst = nAll - nLooked;
-    const std::string Events =
-        m_Files.Read(SegmentFileName(Of.nNumber, kEventsFile), sizeof(tPLAINDB_HEADER) + nFirst * m_nEventSize,
-                     static_cast<std::uint32_t>(nLooked * m_nEventSize));
-    for (std::size_t nAt = 0; nAt + m_nEventSize <= Events.size(); nAt += m_nEventSize) {
-      tObjectId nObject = 0;
-      std::memcpy(&nObject, Events.data() + nAt + kObjectIdInEvent, sizeof(nObject));
-      const bool bOfSegment = StoreNumberOf(nObject) == (*m_Id << 24 | Of.nNumber);
-      if (bOfSegment && MAKE_SHORT_OBJECT_ID(nObject) > *Records) return true;
-    }
-    return false;
+  // Whether the last event or the last id record is not whole.
+  bool IsTorn(const Segment& Of) {
+    return !Fits(Of, m_nEventSize) || !HasWholeRecords(m_Files, SegmentFileName(Of.nNumber, kIdsFile));
   }
 
   // ---- "segments.dat" ----
@@ -348,7 +350,6 @@ class DatabaseLook {
   }
 
   const std::u16string& m_Folder;
-  const std::optional<std::uint32_t> m_Id;
   FolderView& m_Files;
   const Wishes m_Wanted;
   Plan* m_pPlan;
@@ -377,9 +378,8 @@ bool HasEvents(const FolderView& Files) {
   });
 }
 
-void LookAtDatabase(const std::u16string& Folder, std::optional<std::uint32_t> Id, FolderView& Files,
-                    const Wishes& Wanted, Plan* pPlan) {
-  DatabaseLook(Folder, Id, Files, Wanted, pPlan).Run();
+void LookAtDatabase(const std::u16string& Folder, FolderView& Files, const Wishes& Wanted, Plan* pPlan) {
+  DatabaseLook(Folder, Files, Wanted, pPlan).Run();
 }
 
 }  // namespace lumbra::salvage

@@ -12,9 +12,8 @@ namespace {
 // The name of an item; nothing for one that the store cannot have written.
 std::optional<std::string> NameIn(const std::string& Item) {
   const std::string Name = Item.substr(0, Item.find('\0'));
-  const bool bPadded = Item.find_first_not_of('\0', Name.size()) == std::string::npos;
   const bool bText = std::ranges::all_of(Name, [](char c) { return c > 0; });
-  return !Name.empty() && Name.size() <= kMaxIndexNameLength && bPadded && bText ? std::optional(Name) : std::nullopt;
+  return !Name.empty() && Name.size() <= kMaxIndexNameLength && bText ? std::optional(Name) : std::nullopt;
 }
 
 class IndexLook {
@@ -58,7 +57,12 @@ class IndexLook {
   // they contradict each other or a good item: that is for a person to decide.
   bool TakeFromFolders() {
     bool bAgree = true;
+    constexpr std::size_t kFew = 8;  // items that can be lost at the end; an index that is full takes no name any more
     for (const auto& [nPosition, Keys] : m_Known) {
+      if (nPosition >= m_Items.size() + kFew) {
+        Report("a folder claims the id " + std::to_string(kFirstNamedDatabase + nPosition) + ", far behind its end");
+        continue;
+      }
       if (m_Items.size() <= nPosition) m_Items.resize(nPosition + 1);
       std::optional<std::string>& Item = m_Items[nPosition];
       if (Item && std::ranges::find(Keys, *Item) != Keys.end()) continue;

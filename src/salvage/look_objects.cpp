@@ -157,16 +157,25 @@ struct Extent {
 };
 
 // Where a record's name block and data entry array stand, each empty at 0 where there is none.
-std::array<Extent, 2> ExtentsOf(const tODB_ID_ENTRY& Record, Form Of) {
-  const auto Block = [Of](std::uint32_t nOffset, std::uint64_t nSize) {
-    return nOffset == 0 ? Extent{} : Extent{nOffset, nOffset + nSize + (Of == Form::Checked ? kCrcSize : 0)};
+std::array<Extent, 2> ExtentsOf(const tODB_ID_ENTRY& Record, std::uint32_t nFeatures) {
+  const auto Block = [nFeatures](std::uint32_t nOffset, std::uint64_t nSize, std::uint32_t nCrc) {
+    return nOffset == 0 ? Extent{} : Extent{nOffset, nOffset + nSize + ((nFeatures & nCrc) != 0 ? kCrcSize : 0)};
   };
-  return {Block(Record.nName, Record.nNameSize),
-          Block(Record.nDataEntriesOffset, Record.nDataEntriesCount * sizeof(tODB_DATA_ENTRY))};
+  return {Block(Record.nName, Record.nNameSize, featureNameCrc),
+          Block(Record.nDataEntriesOffset, Record.nDataEntriesCount * sizeof(tODB_DATA_ENTRY), featureArrayCrc)};
 }
 
-std::uint64_t EndOf(const tODB_ID_ENTRY& Record, Form Of) {
-  const auto [Name, Array] = ExtentsOf(Record, Of);
+// What blocks have, by the magic of the data file, or where that is lost by the kind of the id file.
+std::uint32_t FeaturesOf(FolderView& Files, const ObjectFileNames& Names, Form OfIds) {
+  const std::string Magic = Files.Read(Names.Data, 0, sizeof(FILE_MAGIC));
+  for (const FeatureMagic& Known : kFeatureMagics) {
+    if (Magic == std::string_view(Known.Magic, sizeof(Known.Magic))) return Known.nFeatures;
+  }
+  return OfIds == Form::Checked ? kCheckedFeatures : kPlainFeatures;
+}
+
+std::uint64_t EndOf(const tODB_ID_ENTRY& Record, std::uint32_t nFeatures) {
+  const auto [Name, Array] = ExtentsOf(Record, nFeatures);
   return std::max(Name.nEnd, Array.nEnd);
 }
 
@@ -180,16 +189,17 @@ std::string MissingDataEnd(FolderView& Files, const ObjectFileNames& Names, bool
   if (Of == Form::Unknown) return {};
   const FolderView::File* const pData = Files.Find(Names.Data);
   const std::uint64_t nThere = pData == nullptr ? 0 : pData->nSize;
+  const std::uint32_t nFeatures = FeaturesOf(Files, Names, Of);
   std::vector<tODB_ID_ENTRY> Records = NewestRecords(Files, Names, Of, kFew);
-  if (!Records.empty() && EndOf(Records.front(), Of) > nThere) Records = NewestRecords(Files, Names, Of, kMany);
+  if (!Records.empty() && EndOf(Records.front(), nFeatures) > nThere) Records = NewestRecords(Files, Names, Of, kMany);
   // Blocks are appended one behind the other: what is missing is told without a jump.
   const std::uint64_t nStart = std::max<std::uint64_t>(nThere, sizeof(FILE_MAGIC));
   std::uint64_t nEnd = nStart;
   for (const tODB_ID_ENTRY& Record : Records) {
-    for (const Extent& Block : ExtentsOf(Record, Of)) {
+    for (const Extent& Block : ExtentsOf(Record, nFeatures)) {
       if (Block.nEnd <= nEnd) continue;
       const bool bFollows = Block.nStart <= nEnd && Block.nEnd <= nThere + kMostLost;
-      if (!bFollows && pbFurther != nullptr) *pbFurther = true;
+      *pbFurther = *pbFurther || !bFollows;
       if (bFollows) nEnd = Block.nEnd;
     }
   }
@@ -201,15 +211,17 @@ std::string MissingDataEnd(FolderView& Files, const ObjectFileNames& Names, bool
 
 void LookAtDataEnd(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan) {
   const FolderView::File* const pData = Files.Find(Names.Data);
-  if (pData == nullptr) return;
+  if (pData == nullptr && !Folder.empty()) return;  // of a segment it was made, and new names go elsewhere
   bool bFurther = false;
   const std::string Missing = MissingDataEnd(Files, Names, &bFurther);
   const auto Add = [&](Step::Kind What, const std::string& After, const char* pWhy) {
-    pPlan->Steps.push_back({What, Folder, Names.Data, pData->nSize, {}, After, pWhy});
+    pPlan->Steps.push_back({What, Folder, Names.Data, pData == nullptr ? 0 : pData->nSize, {}, After, pWhy});
   };
   if (!Missing.empty())
-    Add(Step::Kind::Patch, Missing, "it is shorter than its newest names; zeros keep others from their place");
-  if (bFurther) Add(Step::Kind::Report, {}, "an id record points behind its end; left as it is");
+    Add(pData == nullptr ? Step::Kind::Create : Step::Kind::Patch, Missing,
+        "it is shorter than its newest names; zeros keep others from their place");
+  if (bFurther)
+    Add(Step::Kind::Report, {}, "id records point behind its end, where new names will stand; put it back from a copy");
 }
 
 void LookAtTree(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan) {
@@ -227,12 +239,9 @@ void LookAtTree(const std::u16string& Folder, FolderView& Files, const ObjectFil
                           .Why = "it is built anew from the id records"});
 }
 
-std::optional<std::uint64_t> WholeRecordsOf(FolderView& Files, const std::u16string& Ids) {
+bool HasWholeRecords(FolderView& Files, const std::u16string& Ids) {
   const Form Of = FormOfIds(Files.Read(Ids, 0, sizeof(tPLAINDB_HEADER)));
-  if (Of == Form::Unknown) return {};
-  const std::uint64_t nSize = Files.Find(Ids)->nSize - sizeof(tPLAINDB_HEADER);
-  const std::uint32_t nRecord = IdsHeader(Of).nRecordSize;
-  return nSize % nRecord == 0 ? std::optional(nSize / nRecord) : std::nullopt;
+  return Of != Form::Unknown && (Files.Find(Ids)->nSize - sizeof(tPLAINDB_HEADER)) % IdsHeader(Of).nRecordSize == 0;
 }
 
 namespace {
@@ -264,17 +273,7 @@ void LookAtSharedObjects(FolderView& Files, bool bHasEvents, const Wishes& Wante
   }
   const ObjectFileNames Names{kSharedIdsFile, kSharedTreeFile, kSharedDataFile};
   LookAtObjectHeads({}, Files, Names, pPlan);
-  if (Files.Has(Names.Data)) {
-    LookAtDataEnd({}, Files, Names, pPlan);
-  } else if (const std::string Zeros = MissingDataEnd(Files, Names); !Zeros.empty()) {
-    pPlan->Steps.push_back({Step::Kind::Create,
-                            {},
-                            Names.Data,
-                            0,
-                            {},
-                            Zeros,
-                            "it is missing; zeros keep others from the place of its names"});
-  }
+  LookAtDataEnd({}, Files, Names, pPlan);
   LookAtTree({}, Files, Names, pPlan);
   const bool bMended = std::ranges::any_of(pPlan->Steps, [&](const Step& One) { return One.File == Names.Ids; });
   const FolderView::File* const pData = Files.Find(Names.Data);
@@ -288,11 +287,11 @@ void LookAtSharedObjects(FolderView& Files, bool bHasEvents, const Wishes& Wante
     }
     return;
   }
-  pPlan->Refusal =
-      Files.Has(Names.Ids)
-          ? "g_objid.dat is damaged beside the names of g_objdt.dat: opened, all shared objects would be lost"
-          : "g_objid.dat is missing beside the names of g_objdt.dat: opened, all shared objects would be lost";
-  pPlan->Steps.push_back({Step::Kind::Report, {}, Names.Ids, 0, {}, {}, pPlan->Refusal + "; put it back from a copy"});
+  const char* const pWhy =
+      Files.Has(Names.Ids) ? "it is damaged beside the names of g_objdt.dat: opened, all shared objects would be lost"
+                           : "it is missing beside the names of g_objdt.dat: opened, all shared objects would be lost";
+  pPlan->Steps.push_back({.File = Names.Ids, .Why = pWhy});
+  pPlan->Refusal = Describe(pPlan->Steps.back());
 }
 
 }  // namespace lumbra::salvage

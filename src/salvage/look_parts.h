@@ -39,14 +39,14 @@ void LookAtObjectHeads(const std::u16string& Folder, FolderView& Files, const Ob
 
 // What a data file, or one that is missing, lacks at its end by what the newest id records say: its magic, and zeros.
 // New names would be appended there, and read out for those. *pbFurther tells of a record that points elsewhere.
-std::string MissingDataEnd(FolderView& Files, const ObjectFileNames& Names, bool* pbFurther = nullptr);
+std::string MissingDataEnd(FolderView& Files, const ObjectFileNames& Names, bool* pbFurther);
 void LookAtDataEnd(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan);
 
 // A tree that knows no object, beside id records.
 void LookAtTree(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan);
 
-// How many id records there are; nothing where the last one, or the header, is not whole.
-std::optional<std::uint64_t> WholeRecordsOf(FolderView& Files, const std::u16string& Ids);
+// Whether the header and the last id record are whole.
+bool HasWholeRecords(FolderView& Files, const std::u16string& Ids);
 
 // The shared store: what must not be opened. Of a store without events nothing refers to its objects yet.
 void LookAtSharedObjects(FolderView& Files, bool bHasEvents, const Wishes& Wanted, Plan* pPlan);
@@ -54,11 +54,10 @@ void LookAtSharedObjects(FolderView& Files, bool bHasEvents, const Wishes& Wante
 // The event size in a "segments.dat"; 0 for one that is damaged.
 std::uint32_t EventSizeIn(const std::string& Header);
 
-// The chain of a database, and the files of its segments. The id is missing where nothing tells it. Whether there are
+// The chain of a database, and the files of its segments.  Whether there are
 // events is what the sizes of files say.
 bool HasEvents(const FolderView& Files);
-void LookAtDatabase(const std::u16string& Folder, std::optional<std::uint32_t> Id, FolderView& Files,
-                    const Wishes& Wanted, Plan* pPlan);
+void LookAtDatabase(const std::u16string& Folder, FolderView& Files, const Wishes& Wanted, Plan* pPlan);
 
 // The index of names, which the ids in the folders of the named databases can mend: by folder.
 void LookAtIndex(FolderView& Files, const std::map<std::u16string, std::optional<std::uint32_t>>& Named, Plan* pPlan);

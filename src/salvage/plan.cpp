@@ -6,6 +6,8 @@
 #include <iterator>
 #include <nlohmann/json.hpp>
 
+#include "format/file_names.h"
+
 namespace lumbra::salvage {
 namespace {
 
@@ -36,6 +38,13 @@ std::string FromHex(const std::string& Digits) {
   for (std::size_t i = 0; i + 1 < Digits.size(); i += 2)
     Bytes += static_cast<char>(std::stoi(Digits.substr(i, 2), nullptr, 16));
   return Bytes;
+}
+
+// Who writes a record of his own must not reach another file by it.
+bool IsFileOfStore(const std::u16string& Name) {
+  constexpr std::u16string_view kOwn[] = {kIndexFile,        kSharedTreeFile,    kSharedIdsFile, kSharedDataFile,
+                                          kCompactedIdsFile, kCompactedDataFile, kReplacingFile};
+  return IsFileOfDatabase(Name) || std::ranges::find(kOwn, Name) != std::end(kOwn);
 }
 
 constexpr const char* kKinds[] = {"report", "patch", "create", "replace", "set aside", "rename", "rebuild"};
@@ -83,6 +92,9 @@ std::vector<Step> ReadSteps(const std::string& Text) try {
     Steps.push_back({static_cast<Step::Kind>(Kind - std::begin(kKinds)), ToUtf16(One.at("folder")),
                      ToUtf16(One.at("file")), One.at("offset"), FromHex(One.at("before")), FromHex(One.at("after")),
                      One.at("why")});
+    const Step& Read = Steps.back();
+    const bool bRename = Read.What == Step::Kind::Rename;
+    if (!IsFileOfStore(Read.File) || (bRename && !IsFileOfStore(ToUtf16(Read.After)))) return {};
   }
   return Steps;
 } catch (const std::exception&) {  // somebody has written it

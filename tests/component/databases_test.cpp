@@ -64,7 +64,7 @@ TEST_F(DatabasesTest, MakesNoFolderThatLeadsElsewhereOrIsTheStores) {
 TEST_F(DatabasesTest, KeepsNamesThatTheIndexHolds) {
   Unload();
   Bytes Index = ReadFile("g_db_id.dat");
-  for (const std::string_view Name : {"old.schema", "../old"}) {
+  for (const std::string_view Name : {"old.schema", "../old", "05"}) {
     Index.insert(Index.end(), Name.begin(), Name.end());
     Index.resize((Index.size() + 63) / 64 * 64);
   }
@@ -74,7 +74,9 @@ TEST_F(DatabasesTest, KeepsNamesThatTheIndexHolds) {
   std::uint32_t nDb = 0;
   Step("one folder", InitNamed(u"old.schema", &nDb)).Is(errOK);
   EXPECT_EQ(49u, nDb);
+  Step("one with the same key", InitNamed(u"old.schema\x100.healing", &nDb)).Is(errPARAMETER_INVALID);
   Step("outside of the store", InitNamed(u"../old", &nDb)).Is(errPARAMETER_INVALID);
+  Step("a numbered one", InitNamed(u"05", &nDb)).Is(errPARAMETER_INVALID);
 }
 
 TEST_F(DatabasesTest, ClearsOneOrAll) {

@@ -144,7 +144,7 @@ TEST_F(ToolTest, CompactPutsThePairInItsPlace) {
   EXPECT_EQ(Ids, Run("find --db 0 a b c"));
   EXPECT_EQ("longer than that by far", Run("data get " + Id + " 1"));
   EXPECT_FALSE(fs::exists(Folder() / "store/g_objidcompacted.dat"));
-  Run("repair --undo " + fs::directory_iterator(At("store/set-aside"))->path().filename().string());
+  Run("repair --yes --undo " + fs::directory_iterator(At("store/set-aside"))->path().filename().string());
   EXPECT_EQ(nBefore, FileSize("store/g_objdt.dat"));
   EXPECT_EQ(Ids, Run("find --db 0 a b c"));
 }
@@ -166,8 +166,7 @@ TEST_F(ToolTest, RepairsAndTakesItBack) {
   const Bytes kDamaged = ReadFile("store/01/segments.dat");
   EXPECT_THAT(
       Run("check", 3),
-      EndsWith(
-          "The store was not opened, which would cost more. By lumbra repair: 1 healed, 0 set aside, 0 left as they are.\n"));
+      EndsWith("The store was not opened. By lumbra repair --yes: 1 healed, 0 set aside, 0 left as they are.\n"));
   EXPECT_EQ(kDamaged, ReadFile("store/01/segments.dat"));
   const std::string Shown = Run("repair", 3);
   EXPECT_THAT(Shown, HasSubstr("- 01/segments.dat: it leads nowhere; the chain starts at segment 1 again\n"));
@@ -176,7 +175,7 @@ TEST_F(ToolTest, RepairsAndTakesItBack) {
   EXPECT_EQ(kHeader, ReadFile("store/01/segments.dat"));
   EXPECT_EQ(json({"a", "b", "c"}), Names("1"));
   const std::string Time = fs::directory_iterator(At("store/01/set-aside"))->path().filename().string();
-  Run("repair --undo " + Time);
+  Run("repair --yes --undo " + Time);
   EXPECT_EQ(9, ReadFile("store/01/segments.dat")[4]);
 }
 
@@ -197,7 +196,7 @@ TEST_F(ToolTest, BeginsSharedObjectsAnewWhereItIsToldTo) {
   Record("1", {"a"});
   fs::remove(Folder() / "store/g_objid.dat");
   Fails("repair --yes", "");
-  Fails("events --db 1", "g_objid.dat is missing beside the names of g_objdt.dat");
+  Fails("events --db 1", "g_objid.dat: it is missing beside the names of g_objdt.dat");
   Run("repair --start-empty --yes", 3);
   EXPECT_EQ(json({"a"}), Names("1"));
 }
@@ -240,6 +239,15 @@ TEST_F(ToolTest, SaysThatANameIsUsedUp) {
   EXPECT_THAT(Errors(), HasSubstr("made database \"new\", number 1 of 207 that a store can have"));
   Run("record --db new");
   EXPECT_EQ("", Errors());
+  Bytes Index = ReadFile("store/g_db_id.dat");
+  for (int i = 2; i < 180; ++i) {
+    const std::string Name = std::to_string(i) + "n";
+    Index.insert(Index.end(), Name.begin(), Name.end());
+    Index.resize((Index.size() + 63) / 64 * 64);
+  }
+  WriteFile("store/g_db_id.dat", Index);
+  Run("record --db last");
+  EXPECT_THAT(Errors(), HasSubstr("lumbra: 27 names of databases are left"));
   Fails("record --db x.schema", "a new database cannot have this name");
 }
 

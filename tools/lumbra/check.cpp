@@ -67,13 +67,13 @@ class Findings {
 // Whether files are lost or damaged in a way that costs more once the store is opened: then it is not opened.
 bool IsBetterRepaired(const StoreFiles& Files) {
   salvage::Plan Found;
-  Check(salvage::Look(Files.Folder().u16string(), {.bThorough = true}, &Found),
-        "look at " + Printable(TextOf(Files.Folder())));
+  const ResultCode nLooked = salvage::Look(Files.Folder().u16string(), {.bThorough = true}, &Found);
+  if (Failed(nLooked)) throw Failure("look at " + Printable(TextOf(Files.Folder())), nLooked, Printable(Found.Refusal));
   for (const salvage::Step& One : Found.Steps) std::printf("- %s\n", Printable(salvage::Describe(One)).c_str());
   if (!Found.Acts() && Found.Refusal.empty()) return false;
   std::printf("%s: %s.\n",
               Files.IsHeldByAnotherProcess() ? "Another process has the store, and these may be moving"
-                                             : "The store was not opened, which would cost more. By lumbra repair",
+                                             : "The store was not opened. By lumbra repair --yes",
               salvage::Summary(Found).c_str());
   return true;
 }

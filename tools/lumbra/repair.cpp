@@ -16,15 +16,20 @@ void PrintSteps(const salvage::Plan& Found) {
     std::printf("%s %s\n", One.Acts() ? "-" : "!", Printable(salvage::Describe(One)).c_str());
 }
 
-int TakeBack(const CommonOptions& Common, const StoreFiles& Files, const std::string& Time, const std::string& What) {
+int TakeBack(const CommonOptions& Common, const StoreFiles& Files, const std::string& Time, bool bYes,
+             const std::string& What) {
   if (Time.find_first_not_of("0123456789TZ-") != std::string::npos)
     throw Failure(What, errPARAMETER_INVALID, "a time is the name of a folder in set-aside");
+  if (!bYes) {
+    std::puts("Nothing was changed. --yes takes back what was done at that time, as far as it has not changed since.");
+    return kExitOk;
+  }
   std::vector<std::string> Left;
   const ResultCode nCode = salvage::Undo(Files.Folder().u16string(), RulesOf(Common), Time, &Left);
   if (nCode == errNOT_FOUND) throw Failure(What, nCode, "nothing was done at that time");
   Check(nCode, What);
   for (const std::string& Line : Left) std::printf("! %s\n", Printable(Line).c_str());
-  std::puts(Left.empty() ? "Taken back." : "The rest is taken back.");
+  std::puts(Left.empty() ? "Taken back." : "What is named is left; anything else is taken back.");
   return Left.empty() ? kExitOk : kExitIncomplete;
 }
 
@@ -47,13 +52,15 @@ int Repair(const CommonOptions& Common, const RepairOptions& Options) {
   const std::string What = "repair " + Printable(TextOf(Files.Folder()));
   if (!Files.IsFolder()) throw Failure(What, errOBJECT_NOT_FOUND, "there is no store here");
   if (Options.bDiscard) return Discard(Files, Options.bYes);
-  if (!Options.Undo.empty()) return TakeBack(Common, Files, Options.Undo, What);
+  if (!Options.Undo.empty()) return TakeBack(Common, Files, Options.Undo, Options.bYes, What);
   salvage::Plan Found;
   const salvage::Wishes Wanted{.bThorough = true, .bStartEmpty = Options.bStartEmpty};
   if (!Options.bYes) {
-    Check(salvage::Look(Files.Folder().u16string(), Wanted, &Found), What);
+    const ResultCode nLooked = salvage::Look(Files.Folder().u16string(), Wanted, &Found);
+    if (Failed(nLooked)) throw Failure(What, nLooked, Printable(Found.Refusal));
   } else {
-    Check(salvage::Heal(Files.Folder().u16string(), RulesOf(Common), Wanted, &Found), What);
+    const ResultCode nHealed = salvage::Heal(Files.Folder().u16string(), RulesOf(Common), Wanted, &Found);
+    if (Failed(nHealed)) throw Failure(What, nHealed, Printable(Found.Refusal));
     if (Found.bHeld) throw Failure(What, errSHARING_VIOLATION);
   }
   PrintSteps(Found);

@@ -79,7 +79,7 @@ Session::Session(const CommonOptions& Options, Missing Store, DamageListener Lis
   if (nCode == errOPEN_FAILED) {
     if (const std::string Reason = WhyNotUsable(m_Files.Folder()); !Reason.empty()) throw Failure(What, nCode, Reason);
   }
-  if (!m_Store.Refusal().empty()) throw Failure(What, nCode, m_Store.Refusal());
+  if (!m_Store.Refusal().empty()) throw Failure(What, nCode, m_Store.Refusal() + "; see lumbra repair");
   for (const std::string& Line : m_Store.Healed()) std::fprintf(stderr, "lumbra: healed %s\n", Line.c_str());
   Check(nCode, What);
 }

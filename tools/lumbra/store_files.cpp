@@ -89,6 +89,12 @@ bool StartsWith(const std::string& Content, const FILE_MAGIC& Magic) {
   return Content.starts_with(std::string_view(Magic, sizeof(Magic)));
 }
 
+// "20261125T190000Z-1"
+bool IsTimeOfHealing(const std::string& Name) {
+  return Name.size() > 17 && Name[8] == 'T' && Name[15] == 'Z' && Name[16] == '-' &&
+         Name.find_first_not_of("0123456789TZ-") == std::string::npos;
+}
+
 bool IsSeparatorOrControl(char c) {
   return c == '/' || c == '\\' || (c >= 0 && c < 0x20) || c == 0x7F;
 }
@@ -255,9 +261,7 @@ std::vector<fs::path> StoreFiles::SetAsideFolders() const {
     if (!fs::is_symlink(Aside) && fs::is_directory(Aside)) Found.push_back(Aside);
   };
   Note(m_Folder);
-  for (const fs::directory_entry& Entry : EntriesOf(m_Folder)) {
-    if (!Entry.is_symlink() && Entry.is_directory()) Note(Entry.path());
-  }
+  for (const DatabaseName& Database : Databases()) Note(m_Folder / PathOf(Database.Folder()));
   return Found;
 }
 
@@ -274,8 +278,12 @@ std::uint64_t StoreFiles::SetAsideSize() const {
 void StoreFiles::DiscardSetAside() const {
   for (const fs::path& Folder : SetAsideFolders()) {
     std::error_code Refused;
-    fs::remove_all(Folder, Refused);
-    if (Refused) throw Failure("delete " + Printable(TextOf(Folder)), errACCESS_DENIED, MessageOf(Refused));
+    for (const fs::directory_entry& Entry : EntriesOf(Folder)) {
+      if (!IsTimeOfHealing(TextOf(Entry.path().filename())) || Entry.is_symlink()) continue;
+      fs::remove_all(Entry.path(), Refused);
+      if (Refused) throw Failure("delete " + Printable(TextOf(Entry.path())), errACCESS_DENIED, MessageOf(Refused));
+    }
+    fs::remove(Folder, Refused);  // unless somebody has put something else there
   }
 }
 
