@@ -60,17 +60,6 @@ TEST_F(ObjectDbFaultsTest, TheRecordsTellWhatALostMagicWas) {
   }
 }
 
-TEST_F(ObjectDbFaultsTest, AnUnknownSizeIsNoDamage) {
-  Start(kChecked, {0x0101}, "data");
-  constexpr std::uint64_t kSizesBefore = 2;  // of the id file and the tree: without them nothing opens
-  Must(OpenFailing(SystemCall::Size, kSizesBefore, UINT64_MAX));
-  EXPECT_EQ("name1", NameOf(Id(1)));
-  AllAnswer(errREAD_FAILED, {{"check", m_pDb->FastConsistencyCheck()}, {"set data", SetData(Id(1), "new")}});
-  ResetSystem();
-  AllAnswer(errOK, {{"check", m_pDb->FastConsistencyCheck()}, {"set data", SetData(Id(1), "new")}});
-  ExpectItsSize();
-}
-
 // Until a lost tree is whole again, names that it does not find may be there. A search goes on with the refill as soon
 // as the fault is gone, and until then leaves what is done as it is; a tree that was left half is begun anew.
 TEST_F(ObjectDbFaultsTest, NothingIsCreatedWhileARefillFails) {
@@ -88,16 +77,6 @@ TEST_F(ObjectDbFaultsTest, NothingIsCreatedWhileARefillFails) {
       Must(n % 2 == 0 ? m_pDb->RefillEmptyTree() : TryCreate(Spread(30)[0]));
       ExpectAll(Spread(30));
     }
-  }
-}
-
-// Two failed writes may leave a damaged node below the root: then the tree is filled from the start.
-TEST_F(ObjectDbFaultsTest, ADamagedNodeOfARefillIsDoneWithAtOnce) {
-  Hashes Paired;  // two by two in one slot of the root, and from there in a node of their own
-  for (std::uint64_t i = 1; i <= 30; ++i) Paired.push_back(i << 4 | 1);
-  for (std::uint64_t n = 0; Failed(RefillFailing(Paired, SystemCall::WriteAt, n, 2)); ++n) {
-    ResetSystem();
-    ExpectAll(Paired);
   }
 }
 
