@@ -34,15 +34,5 @@ TEST_F(ObjectDbCheckTest, RefillsAnEmptyTree) {
   ExpectAll(Spread(499));
 }
 
-TEST_F(ObjectDbCheckTest, FindsTwoRecordsWithOneHash) {
-  Start(kChecked, {0x0101});
-  const Bytes kTree = ReadFile("bt");
-  Must(TryCreate(0x0101, "newest", true));
-  Replace("bt", kTree);  // where the slot of both leads to the older one
-  Step("check", m_pDb->FastConsistencyCheck())
-      .Is(errDATA_CORRUPTED)
-      .Says({FailedCheck("MAKE_SHORT_OBJECT_ID(idFromBt) == nObjectId + 1")});
-}
-
 }  // namespace
 }  // namespace lumbra::test

@@ -1,4 +1,4 @@
-// One database folder: names, opening, deleting and dates.
+// One database folder: making, deleting and dates.
 #include "platform/storage_environment.h"
 
 #include "support/steps.h"
@@ -8,27 +8,11 @@ namespace {
 
 class EnvironmentTest : public World {
  protected:
-  ResultCode Open(const char16_t* pName, std::uint32_t nId, bool bCreate = true) {
-    return m_Environment.OpenFile(pName, nId, bCreate, true, &m_pFile);
-  }
   bool Init(const char* pFolder, FolderContent Content = FolderContent::Keep) {
-    return m_Fresh.Init(this, Path(pFolder).c_str(), Content, false);
+    return StorageEnvironment().Init(this, Path(pFolder).c_str(), Content, false);
   }
   bool Exists(const char* pName) const { return fs::exists(Folder() / pName); }
-
-  std::unique_ptr<StorageFile> m_pFile;
-  StorageEnvironment m_Fresh;
 };
-
-TEST_F(EnvironmentTest, OpensFilesByNameAndNumber) {
-  EXPECT_CODE(errOBJECT_NOT_FOUND, Open(u"events.dat", 0x2A, false));
-  EXPECT_CODE(errOK, Open(u"events.dat", 0x2A));
-  EXPECT_TRUE(Exists("0000002A_events.dat"));
-  EXPECT_FALSE(m_pFile->Modified());
-  EXPECT_CODE(errSHARING_VIOLATION, Open(u"events.dat", 0x2A, false));
-  EXPECT_CODE(errOK, Open(u"events.dat", 0));
-  EXPECT_TRUE(Exists("events.dat"));
-}
 
 TEST_F(EnvironmentTest, CreatesFoldersWithTheirParents) {
   EXPECT_TRUE(Init("a/b\\c/"));
