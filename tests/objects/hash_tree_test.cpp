@@ -52,6 +52,18 @@ TEST_F(HashTreeTest, FindsEverythingInEveryForm) {
   EXPECT_EQ(Lines(), TakeTrace(400));
 }
 
+TEST_F(HashTreeTest, StartsAnewWhatItCannotUse) {
+  const std::tuple<const char*, std::size_t, const char*> kDamage[] = {
+      {"another magic", 3, "58"},       {"a root elsewhere", 4, "11"}, {"an entry of the root", 20, "00"},
+      {"the root's CRC", 1040, "0000"}, {"half a header", 12, ""},     {"half a root", 1000, ""}};
+  for (const auto& [pWords, nOffset, pHex] : kDamage) {
+    Start(kChecked, {0x0101});
+    Damage("bt", nOffset, pHex);
+    EXPECT_EQ(Id(2), Create(0x0101)) << pWords;
+    EXPECT_EQ(1044u, FileSize("bt")) << pWords;
+  }
+}
+
 // A node that hangs below another than its own parent, byte for byte as it was, is not taken for that one's.
 TEST_F(HashTreeTest, TiesNodesToTheirParents) {
   Start(kChecked, {0x0101, 0x0201, 0x1101});  // a node of level 1 at 1044, and one of level 2 below it

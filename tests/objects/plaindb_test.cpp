@@ -58,6 +58,17 @@ TEST_F(PlainDbTest, ChecksRecordsInACheckedFile) {
   EXPECT_EQ((Values{0, 6, 5}), GetAll());
 }
 
+TEST_F(PlainDbTest, StartsForeignFilesAnew) {
+  // Records of 5 bytes, a longer header, another magic, and half a header.
+  for (const char* const pForeign : {"504c44420c00000005000000aabbccdd", "504c44420d00000004000000aabbccdd",
+                                     "504c44430c00000004000000aabbccdd", "504c44420c000000040000"}) {
+    m_Db.Close();
+    WriteFile("p", FromHex(pForeign));
+    Open(kPlain);
+    EXPECT_EQ("504c44420c00000004000000", ToHex(ReadFile("p"))) << pForeign;
+  }
+}
+
 TEST_F(PlainDbTest, OverwritesATornAppend) {
   WriteFile("p", FromHex("504c44420c00000004000000 01000000 02000000 ffff"));
   Open(kPlain);

@@ -17,10 +17,10 @@ namespace {
 
 struct Detour {
   template <class Function>
-  Detour(const char* pOf, Function* pTaker, Function** ppKeeper)
+  Detour(const char* pOf, Function* pTaker, void* pKeeper)
       : pName(pOf),
         pOurs(reinterpret_cast<void*>(pTaker)),
-        ppSystems(reinterpret_cast<void**>(ppKeeper)),
+        ppSystems(static_cast<void**>(pKeeper)),
         pNext(std::exchange(pFirst, this)) {}
 
   const char* pName;
