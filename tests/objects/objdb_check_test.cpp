@@ -34,5 +34,19 @@ TEST_F(ObjectDbCheckTest, RefillsAnEmptyTree) {
   ExpectAll(Spread(499));
 }
 
+// Damage of names and data is in the tests of the feature sets.
+TEST_F(ObjectDbCheckTest, FindsDamagedRecords) {
+  const std::tuple<const char*, std::size_t, const char*, std::string> kDamage[] = {
+      {"dt", 45, "", "objectEntry.nDataEntriesOffset + dataEntriesBytesCount <= m_nSizeDT"},
+      {"id", 12 + 2 * 33 - 1, "", "Succeeded(m_IdDB.FastConsistencyCheck())"},
+      {"id", 12 + 33 + 3, "01", "m_IdDB.GetRecord(nObjectId, &objectEntry, sizeof(tODB_ID_ENTRY), &bytesRead)"}};
+  for (const auto& [pFile, nOffset, pHex, Check] : kDamage) {
+    Start(kChecked, {0x0101, 0x0002}, "data");
+    Damage(pFile, nOffset, pHex);
+    EXPECT_CODE(errDATA_CORRUPTED, m_pDb->FastConsistencyCheck()) << Check;
+    EXPECT_EQ(FailedCheck(Check), TakeTrace(400).back());
+  }
+}
+
 }  // namespace
 }  // namespace lumbra::test
