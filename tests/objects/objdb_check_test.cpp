@@ -43,7 +43,7 @@ TEST_F(ObjectDbCheckTest, FindsDamagedRecords) {
   for (const auto& [pFile, nOffset, pHex, Check] : kDamage) {
     Start(kChecked, {0x0101, 0x0002}, "data");
     Damage(pFile, nOffset, pHex);
-    EXPECT_CODE(errDATA_CORRUPTED, m_pDb->FastConsistencyCheck()) << Check;
+    ASSERT_CODE(errDATA_CORRUPTED, m_pDb->FastConsistencyCheck()) << Check;
     EXPECT_EQ(FailedCheck(Check), TakeTrace(400).back());
   }
 }
