@@ -54,7 +54,7 @@ TEST_F(ObjectDataTest, KeepsToTheFeatureSetOfItsFile) {
     Restart(0);
     EXPECT_EQ("data", Get(1, 7));
     const Bytes Content = ReadFile("g_objdt.dat");
-    Step("what was added", Bytes(Content.begin() + nSize, Content.end())).Holds({{"block", pBlock}, {"entry", pEntry}});
+    EXPECT_EQ(ToHex(FromHex(pBlock + std::string(pEntry))), ToHex({Content.begin() + nSize, Content.end()}));
   }
 }
 

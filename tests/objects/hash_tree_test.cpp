@@ -52,18 +52,6 @@ TEST_F(HashTreeTest, FindsEverythingInEveryForm) {
   EXPECT_EQ(Lines(), TakeTrace(400));
 }
 
-TEST_F(HashTreeTest, MendsItsSize) {
-  Start(kPlain, {0x0101});
-  Damage("bt", 2002, "");
-  EXPECT_EQ((Lines{"300 Wrong BT size in header, actual: 7D2, from header: 410",
-                   "300 BT file size unaligned: 7D2, after align: 7D4"}),
-            TakeTrace());
-  Open(kPlain);
-  EXPECT_EQ(Lines(), TakeTrace());
-  EXPECT_EQ(2004u, FileSize("bt"));
-  EXPECT_EQ(Id(1), Find(0x0101));
-}
-
 TEST_F(HashTreeTest, StartsAnewWhatItCannotUse) {
   const std::tuple<const char*, std::size_t, const char*> kDamage[] = {
       {"another magic", 3, "58"},       {"a root elsewhere", 4, "11"}, {"an entry of the root", 20, "00"},
@@ -74,7 +62,6 @@ TEST_F(HashTreeTest, StartsAnewWhatItCannotUse) {
     EXPECT_EQ(Id(2), Create(0x0101)) << pWords;
     EXPECT_EQ(1044u, FileSize("bt")) << pWords;
   }
-  EXPECT_EQ("300 Too small BT size, rewrite it it. BT size: 3E8, minimal size: 414", TakeTrace(400).at(1));
 }
 
 // A node that hangs below another than its own parent, byte for byte as it was, is not taken for that one's.

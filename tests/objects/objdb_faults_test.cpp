@@ -7,25 +7,6 @@ namespace {
 class ObjectDbFaultsTest : public ObjectDbTest {
  protected:
   std::vector<Bytes> Files() const { return {ReadFile("bt"), ReadFile("id"), ReadFile("dt")}; }
-
-  // Closes the store, and opens it again while some calls fail.
-  ResultCode OpenFailing(SystemCall Call, std::uint64_t nSkip, std::uint64_t nTimes = 1) {
-    m_pDb = std::make_unique<ObjectDB>(kChecked);
-    ObjectFiles Files{OpenFile(u"bt"), OpenFile(u"id"), OpenFile(u"dt")};
-    FailCalls(Call, os::kIoDevice, nSkip, nTimes);
-    return m_pDb->Open(kNumber, Files, TreeHead::Small);
-  }
-
-  // A store whose tree is lost, and a refill of it that fails behind so many calls; errOK when there are not so many.
-  ResultCode RefillFailing(const Hashes& Objects, SystemCall Failing, std::uint64_t nSkip, std::uint64_t nTimes) {
-    Start(kChecked, Objects);
-    Replace("bt", {});
-    ResetSystem();
-    FailCalls(Failing, os::kIoDevice, nSkip, nTimes);
-    const ResultCode nCode = m_pDb->RefillEmptyTree();
-    EXPECT_EQ(CallsOf(Failing) > nSkip, Failed(nCode)) << nSkip;
-    return nCode;
-  }
 };
 
 // In a sound store, and in one of which a file is to be started anew.
@@ -37,7 +18,10 @@ TEST_F(ObjectDbFaultsTest, AnOpeningThatCannotReadChangesNothing) {
         m_pDb.reset();
         if (!Foreign.empty()) Patch(Foreign, 0, {'?'});
         const std::vector<Bytes> kBefore = Files();
-        const ResultCode nCode = OpenFailing(Failing, nSkip);
+        m_pDb = std::make_unique<ObjectDB>(kChecked);
+        ObjectFiles Opened{OpenFile(u"bt"), OpenFile(u"id"), OpenFile(u"dt")};
+        FailCalls(Failing, os::kIoDevice, nSkip);
+        const ResultCode nCode = m_pDb->Open(kNumber, Opened, TreeHead::Small);
         if (FailedCalls(Failing) == 0) break;
         // Without the data file's size alone it opens all the same.
         EXPECT_TRUE(Failed(nCode) || (Failing == SystemCall::Size && nSkip > 0)) << Foreign << nSkip;
@@ -60,23 +44,19 @@ TEST_F(ObjectDbFaultsTest, TheRecordsTellWhatALostMagicWas) {
   }
 }
 
-TEST_F(ObjectDbFaultsTest, AnUnknownSizeIsNoDamage) {
-  Start(kChecked, {0x0101}, "data");
-  constexpr std::uint64_t kSizesBefore = 2;  // of the id file and the tree: without them nothing opens
-  Must(OpenFailing(SystemCall::Size, kSizesBefore, UINT64_MAX));
-  EXPECT_EQ("name1", NameOf(Id(1)));
-  AllAnswer(errREAD_FAILED, {{"check", m_pDb->FastConsistencyCheck()}, {"set data", SetData(Id(1), "new")}});
-  ResetSystem();
-  AllAnswer(errOK, {{"check", m_pDb->FastConsistencyCheck()}, {"set data", SetData(Id(1), "new")}});
-  ExpectItsSize();
-}
-
 // Until a lost tree is whole again, names that it does not find may be there. A search goes on with the refill as soon
 // as the fault is gone, and until then leaves what is done as it is; a tree that was left half is begun anew.
 TEST_F(ObjectDbFaultsTest, NothingIsCreatedWhileARefillFails) {
   for (const SystemCall Failing : {SystemCall::ReadAt, SystemCall::WriteAt}) {
     const ResultCode nFailure = Failing == SystemCall::ReadAt ? errREAD_FAILED : errWRITE_FAILED;
-    for (std::uint64_t n = 0; RefillFailing(Spread(30), Failing, n, UINT64_MAX) == nFailure; ++n) {
+    for (std::uint64_t n = 0;; ++n) {
+      Start(kChecked, Spread(30));
+      Replace("bt", {});
+      ResetSystem();
+      FailCalls(Failing, os::kIoDevice, n, UINT64_MAX);
+      const ResultCode nCode = m_pDb->RefillEmptyTree();
+      EXPECT_CODE(FailedCalls(Failing) == 0 ? errOK : nFailure, nCode) << n;
+      if (Succeeded(nCode)) break;
       const std::vector<Bytes> kBegun = Files();
       AllAnswer(nFailure, {{"find", TryFind(0x31)},
                            {"create", TryCreate(0x31)},
@@ -88,16 +68,6 @@ TEST_F(ObjectDbFaultsTest, NothingIsCreatedWhileARefillFails) {
       Must(n % 2 == 0 ? m_pDb->RefillEmptyTree() : TryCreate(Spread(30)[0]));
       ExpectAll(Spread(30));
     }
-  }
-}
-
-// Two failed writes may leave a damaged node below the root: then the tree is filled from the start.
-TEST_F(ObjectDbFaultsTest, ADamagedNodeOfARefillIsDoneWithAtOnce) {
-  Hashes Paired;  // two by two in one slot of the root, and from there in a node of their own
-  for (std::uint64_t i = 1; i <= 30; ++i) Paired.push_back(i << 4 | 1);
-  for (std::uint64_t n = 0; Failed(RefillFailing(Paired, SystemCall::WriteAt, n, 2)); ++n) {
-    ResetSystem();
-    ExpectAll(Paired);
   }
 }
 

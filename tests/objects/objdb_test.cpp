@@ -1,4 +1,4 @@
-// The object store: files, objects, names and data.
+// The object store: files, objects, names, data, and what its cache saves.
 #include "objects/objdb_fixture.h"
 
 namespace lumbra::test {
@@ -12,14 +12,6 @@ TEST_F(ObjectDbTest, CreatesItsFilesByConfiguration) {
     EXPECT_EQ(bChecked ? "504c44500c00000021000000" : "504c44420c0000001d000000", ToHex(ReadFile("id")));
     EXPECT_EQ(bChecked ? "ODBS" : "ODBO", ReadText("dt"));
   }
-}
-
-TEST_F(ObjectDbTest, AnonymousObjectsAreReachedByIdAlone) {
-  Start(kChecked);
-  for (int i = 0; i < 2; ++i) Must(TryCreate(0, {}));
-  EXPECT_EQ("", NameOf(Id(2)));
-  EXPECT_EQ(1044u, FileSize("bt"));
-  EXPECT_CODE(errOK, m_pDb->FastConsistencyCheck());  // they have no name that could be damaged
 }
 
 TEST_F(ObjectDbTest, RewritesDataInPlaceWhileItFits) {
@@ -42,16 +34,6 @@ TEST_F(ObjectDbTest, Keeps255Blocks) {
   for (std::uint32_t nKey = 0; nKey < 255; ++nKey) EXPECT_EQ(std::to_string(nKey), DataOf(Id(1), nKey));
 }
 
-// Where no CRC tells, what an entry leads to is measured against the file. Its offset is at 18, its size behind that.
-TEST_F(ObjectDbTest, MeasuresEntriesAgainstTheFile) {
-  for (const auto& [pPlace, pCheck] : {std::pair{"ffffff7f 00000070", "dataFileSize > pde->nDataOffset"},
-                                       {"05000000 00000070", "dataFileSize >= nDataSize"}}) {
-    Start(kPlain, {0x0101}, "data!");
-    Damage("dt", 18, pPlace);
-    Step(pPlace, DataOf(Id(1))).Is(Name(errDATA_CORRUPTED)).Says({FailedCheck(pCheck)});
-  }
-}
-
 TEST_F(ObjectDbTest, NeverWritesOverTheMagic) {
   Start(kPlain, {0x0101}, "data!");
   Damage("dt", 18, "03000000 05000580");
@@ -71,38 +53,6 @@ TEST_F(ObjectDbTest, AppendsWhatLedOutsideTheFile) {
   }
 }
 
-// A block that was cut off with the end of its file can be replaced, in its room or at the end.
-TEST_F(ObjectDbTest, ReplacesABlockThatWasCutOff) {
-  for (const std::string Data : {"its room is enough", "its room is not enough, for it has less than that"}) {
-    Start(kChecked, {0x0101}, "data");
-    Must(SetData(Id(1), "behind its array now"));
-    Damage("dt", FileSize("dt") - 3, "");
-    Must(SetData(Id(1), Data));
-    EXPECT_EQ(Data, DataOf(Id(1)));
-    ExpectItsSize();
-  }
-}
-
-// Where its spare room alone was cut off, the block itself is still wiped when a longer one replaces it.
-TEST_F(ObjectDbTest, WipesABlockWhoseSpareRoomWasCutOff) {
-  Start(kChecked, {0x0101}, "data");
-  const std::size_t nPlace = ReadFile("dt").size();
-  Must(SetData(Id(1), "behind its array"));
-  Must(SetData(Id(1), "short"));
-  Damage("dt", FileSize("dt") - 3, "");
-  Must(SetData(Id(1), "longer than its room"));
-  EXPECT_EQ(std::string(9, '\0'), ReadText("dt").substr(nPlace, 9));  // with its CRC
-}
-
-// What a failed write left behind is stepped over, and does not look like damage later.
-TEST_F(ObjectDbTest, GoesOnBehindStrayBytes) {
-  Start(kChecked, {0x0101});
-  ASSERT_TRUE(m_pDataFile->SetSize(FileSize("dt") + 50));
-  Must(TryCreate(0x0201));
-  ExpectItsSize();
-  EXPECT_CODE(errOK, m_pDb->FastConsistencyCheck());
-}
-
 TEST_F(ObjectDbTest, ForcesItsWayThroughABrokenNode) {
   Start(kChecked, {0x0101, 0x0201, 0x0002});
   Damage("bt", 1044 + 4, "ff");  // in the node of the first two
@@ -110,6 +60,35 @@ TEST_F(ObjectDbTest, ForcesItsWayThroughABrokenNode) {
   EXPECT_EQ(Id(4), Create(0x0101, true));
   EXPECT_EQ(Id(4), Find(0x0101));
   EXPECT_EQ(Id(3), Find(0x0002));
+}
+
+TEST_F(ObjectDbTest, SparesReadingWhatTheTreeOrACreationVouchedFor) {
+  Start(kPlain, {0x0101, 0x0201});  // in a node that no memory holds
+  Open(kPlain);
+  Must(TryFind(0x0101));
+  Step("find again", Find(0x0101)).Is(Id(1)).Reads(0);
+  Must(TryCreate(0x0201));
+  Step("find what a creation found", Find(0x0201)).Is(Id(2)).Reads(0);
+  Must(TryCreate(0x0201, "new", true));
+  Step("find what replaced it", Find(0x0201)).Is(Id(3)).Reads(0);
+}
+
+// What is known from its id alone may be an older record of its hash: the tree decides.
+TEST_F(ObjectDbTest, AsksTheTreeAboutWhatAnIdBrought) {
+  Start(kPlain, {0x0101});
+  FailCalls(SystemCall::WriteAt, os::kDiskFull, 2);  // the slot of the new one, behind its name and record
+  Step("replace on a full disk", TryCreate(0x0101, "new", true)).Is(errWRITE_FAILED);
+  EXPECT_EQ(Id(1), Find(0x0101));
+  Must(TryCreate(0x0101, "new", true));
+  for (const bool bFind : {true, false}) {
+    Open(kPlain);
+    EXPECT_EQ("name1", NameOf(Id(1)));
+    EXPECT_EQ(Id(3), bFind ? Find(0x0101) : Create(0x0101));
+  }
+  Open(kPlain);
+  EXPECT_EQ("new", NameOf(Id(3)));
+  TakeTrace();
+  Step("confirm", Find(0x0101)).Is(Id(3)).Says({}, 600);  // in silence
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
 // What is posix's own: interrupted calls, links, names with a backslash, and rights.
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

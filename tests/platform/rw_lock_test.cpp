@@ -1,13 +1,10 @@
 // The reader/writer lock: who is admitted when.
 #include "platform/rw_lock.h"
 
-#include <gmock/gmock.h>
-
 #include <condition_variable>
 #include <mutex>
 #include <thread>
 
-#include "platform/exception.h"
 #include "support/system_calls.h"
 #include "support/world.h"
 
@@ -70,22 +67,6 @@ TEST_F(LockTest, AWriterHandsOnToTheNextWriterAndThenToAllReaders) {
   const std::string Second = First == "V" ? "W" : "V";
   ASSERT_EQ("a" + First + Second, Leave(First, 3));
   EXPECT_EQ(8u, Leave(Second, 8).size());  // all five readers hold it at once
-}
-
-TEST_F(LockTest, AWaitThatFailsIsAnExceptionAndLeavesNoTrace) {
-  FailCalls(SystemCall::Wait, os::kInvalidParameter, 0, UINT64_MAX);
-  using Failure = ulo::CheckResultFailedException;
-  const auto Throws = ::testing::Throws<Failure>(::testing::Property(&Failure::Code, errPARAMETER_INVALID));
-  m_Lock.LockExclusive();
-  EXPECT_THAT([this] { m_Lock.LockShared(); }, Throws);
-  EXPECT_THAT([this] { m_Lock.LockExclusive(); }, Throws);
-  m_Lock.Unlock();
-  m_Lock.LockShared();  // none of these has to wait, which would fail
-  EXPECT_THAT([this] { m_Lock.LockExclusive(); }, Throws);
-  m_Lock.LockShared();
-  for (int i = 0; i < 2; ++i) m_Lock.Unlock();
-  m_Lock.LockExclusive();
-  m_Lock.Unlock();
 }
 
 }  // namespace

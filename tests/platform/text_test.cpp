@@ -10,17 +10,15 @@
 namespace lumbra::test {
 namespace {
 
-// The text that comes out; "-" for none.
+// The text that comes out.
 template <class From, class To>
 std::basic_string<To> Convert(bool (*pConvert)(const From*, std::uint32_t, To*, std::uint32_t, std::uint32_t*) noexcept,
-                              std::type_identity_t<std::basic_string_view<From>> Text) {
+                              const std::basic_string<From>& Text) {
   const auto nBytes = static_cast<std::uint32_t>(Text.size() * sizeof(From));
   std::uint32_t nLength = 0;
-  if (!pConvert(Text.data(), nBytes, nullptr, 0, &nLength)) return {'-'};
+  EXPECT_TRUE(pConvert(Text.data(), nBytes, nullptr, 0, &nLength));
   std::basic_string<To> Result(nLength / sizeof(To), '?');
-  const auto nRoom = static_cast<std::uint32_t>(Result.size());
-  EXPECT_TRUE(pConvert(Text.data(), nBytes, Result.data(), nRoom, &nLength));
-  EXPECT_FALSE(pConvert(Text.data(), nBytes, Result.data(), nRoom - 1, nullptr) && nRoom > 1);
+  EXPECT_TRUE(pConvert(Text.data(), nBytes, Result.data(), static_cast<std::uint32_t>(Result.size()), &nLength));
   return Result;
 }
 
@@ -35,25 +33,18 @@ TEST(Text, ConvertsAndReplacesWhatIsInvalid) {
   const std::pair<std::u16string, std::string> kTexts[] = {
       {u"a\u00E9\U0001F600\u20AC", "a\xC3\xA9\xF0\x9F\x98\x80\xE2\x82\xAC"},
       {u"\xD7FF\xE000 \xFFFD\xFFFF", "\xED\x9F\xBF\xEE\x80\x80 \xEF\xBF\xBD\xEF\xBF\xBF"},
-      {u"\xD800\xDC00 \xDBFF\xDFFF.", "\xF0\x90\x80\x80 \xF4\x8F\xBF\xBF."},  // U+10000 and U+10FFFF
-      {u"-", "-"}};
+      {u"\xD800\xDC00 \xDBFF\xDFFF.", "\xF0\x90\x80\x80 \xF4\x8F\xBF\xBF."}};  // U+10000 and U+10FFFF
   for (const auto& [Wide, Utf8] : kTexts) {
     EXPECT_EQ(Wide, ToWide(Utf8));
     EXPECT_EQ(Utf8, ToUtf8(Wide));
   }
-  EXPECT_EQ(u"-", ToWide(""));  // nothing comes of nothing
-  EXPECT_EQ("-", ToUtf8(u""));
   for (const char16_t c : {u'\xD800', u'\xDBFF', u'\xDC00', u'\xDFFF'}) {  // lone surrogates
     EXPECT_EQ("x\xEF\xBF\xBDy", ToUtf8({u'x', c, u'y'}));
-    EXPECT_EQ("\xEF\xBF\xBD", ToUtf8({c}));
   }
   // Cut off, overlong, a surrogate, past the last, a byte that is never valid: how many come of it is the system's
   // affair.
   for (const std::string Invalid : {"\xE2\x82", "\xC0\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xFF"}) {
     std::u16string Text = ToWide('x' + Invalid + 'z');
-#ifndef _WIN32  // one for each byte
-    EXPECT_EQ(Invalid.size() + 2, Text.size());
-#endif
     Text.erase(std::unique(Text.begin(), Text.end()), Text.end());
     EXPECT_EQ(u"x\uFFFDz", Text) << Invalid.size();
   }

@@ -1,93 +1,14 @@
-// What is Windows' own: functions that not every version has, identities that a thread borrows, and paths.
+// What is Windows' own: thread slots, identities that a thread borrows, and paths.
 #include <windows.h>
 // Behind it, what builds on it.
-#include <gmock/gmock.h>
-
 #include "host/loaded_module.h"
-#include "platform/exception.h"
-#include "platform/file.h"
 #include "platform/folders.h"
-#include "platform/io_priority.h"
-#include "support/run_program.h"
 #include "support/steps.h"
 
 namespace lumbra::test {
 namespace {
 
-constexpr ResultCode kDiskFails = CodeOfNumber(0x8007045D);
-constexpr auto kNoSuchFunction = static_cast<os::SystemError>(127);
-
-class Win32Test : public World {
- protected:
-  // Whether this process has not asked the system for anything yet. Where it has, the test runs again in one that has
-  // not, and must succeed there.
-  bool IsFresh() {
-    constexpr const wchar_t* kAgain = L"LUMBRA_RUN_AGAIN";
-    if (_wgetenv(kAgain) != nullptr) return true;
-    const auto* const pTest = ::testing::UnitTest::GetInstance()->current_test_info();
-    SetEnvironmentVariableW(kAgain, L"1");
-    EXPECT_EQ(0, RunIn(Folder(), {LUMBRA_TESTS, std::string("--gtest_filter=Win32Test.") + pTest->name()}))
-        << ReadText("out");
-    SetEnvironmentVariableW(kAgain, nullptr);
-    return false;
-  }
-};
-
-// Without the function that sets a file's size, the end is set where the position is, which is put back afterwards.
-TEST_F(Win32Test, SetsSizesWhereTheFunctionForItIsMissing) {
-  if (!IsFresh()) return;
-  FailCalls(SystemCall::FindFunction, kNoSuchFunction, 0, UINT64_MAX);
-  WriteFile("a", Bytes(8, 1));
-  File Opened;
-  ASSERT_CODE(errOK, Opened.OpenWithFlags(Path("a"), fileRead | fileWrite, openExisting));
-  std::uint64_t nPosition = 0;
-  // How many calls go well before one fails; what comes of it, and where the position is then.
-  const std::tuple<SystemCall, std::uint64_t, ResultCode, std::uint64_t> kSteps[] = {
-      {SystemCall::Seek, 3, errOK, 5},
-      {SystemCall::Seek, 0, kDiskFails, 5},
-      {SystemCall::Seek, 1, kDiskFails, 5},
-      {SystemCall::SetSize, 0, kDiskFails, 3},
-      {SystemCall::Seek, 2, kDiskFails, 3}};
-  for (const auto& [Failing, nSkip, nCode, nReached] : kSteps) {
-    ASSERT_CODE(errOK, Opened.SetSize(20));
-    EXPECT_EQ(20u, FileSize("a"));
-    ASSERT_CODE(errOK, Opened.Seek(0, 5, nullptr));
-    FailCalls(Failing, os::kIoDevice, nSkip);
-    EXPECT_CODE(nCode, Opened.SetSize(3)) << nSkip;
-    EXPECT_EQ(nCode == errOK || nSkip == 2 ? 3u : 20u, FileSize("a")) << nSkip;
-    FailCalls(Failing, os::kIoDevice, UINT64_MAX);
-    ASSERT_CODE(errOK, Opened.Seek(1, 0, &nPosition));
-    EXPECT_EQ(nReached, nPosition) << nSkip;
-  }
-  EXPECT_EQ(1u, CallsOf(SystemCall::FindFunction));  // once for all
-}
-
-// The functions for it come from a module by their names, and are looked for until all are there.
-TEST_F(Win32Test, GuardsThePriorityOnceItCan) {
-  if (!IsFresh()) return;
-  const auto pFile = OpenFile(u"a");
-  // A guarded write of a thread of the lowest priority: the calls that it takes, and the priority meanwhile.
-  const auto ExpectGuard = [&](const char* pWords, std::uint64_t nCalls, std::uint32_t nMeanwhile) {
-    SetIoPriority(kLowestIoPriority);
-    MarkCalls();
-    {
-      const IoPriorityGuard Guard;
-      EXPECT_TRUE(pFile->SeekWrite(0, "x", 1, nullptr));
-      EXPECT_EQ(nMeanwhile, GetIoPriority()) << pWords;
-    }
-    EXPECT_EQ(kLowestIoPriority, GetIoPriority()) << pWords;
-    EXPECT_EQ(nCalls, CallsSinceMark(SystemCall::Priority)) << pWords;
-  };
-  for (const std::uint64_t nFound : {0, 1, 2}) {
-    FailCalls(SystemCall::FindFunction, kNoSuchFunction, nFound);
-    ExpectGuard("not all are there", 0, kLowestIoPriority);
-  }
-  ExpectGuard("all are there", 3, kNormalIoPriority);
-  FailCalls(SystemCall::Priority, os::kAccessDenied);
-  ExpectGuard("it cannot be asked for", 1, kLowestIoPriority);
-  FailCalls(SystemCall::Priority, os::kAccessDenied, 1);
-  ExpectGuard("it cannot be set, but put back", 3, kLowestIoPriority);
-}
+using Win32Test = World;
 
 std::size_t FreeThreadSlots() {
   std::vector<DWORD> Slots;
@@ -136,17 +57,10 @@ TEST_F(Win32Test, OpensFilesUnderTheIdentityOfTheProcess) {
     EXPECT_EQ(0u, g_nTokenAtOpen);
     EXPECT_EQ(nBorrowed, BorrowedToken());
   }
-  MarkCalls();
-  FailCalls(SystemCall::Token, os::kAccessDenied);
-  using Failure = ulo::CheckResultFailedException;
-  EXPECT_THAT([&] { (void)m_Environment.OpenFile(u"b", 0, true, true, &pFile); },
-              testing::Throws<Failure>(testing::Property(&Failure::Code, errACCESS_DENIED)));
-  EXPECT_EQ(0u, CallsSinceMark(SystemCall::Open));
-  EXPECT_EQ(nBorrowed, BorrowedToken());
   RevertToSelf();
 }
 
-class Win32PathTest : public Win32Test {
+class Win32PathTest : public World {
  protected:
   Win32PathTest() { fs::current_path(Folder()); }
   ~Win32PathTest() override {

@@ -1,9 +1,11 @@
 // The boundary to the operating system and to the heap, as tests see it: calls are counted, made to fail or
-// come up short, and the clock is set. Every call of the code under test is led here, by the linker (--wrap) on posix
-// and by the program's own table of imports on Windows, so that production code carries no hooks.
+// come up short, and the clock is set. Every call of the code under test is led here by the linker (--wrap), so that
+// production code carries no hooks. That is done on posix alone, since the code above the seam is the same: on Windows
+// a test that asks for it ends there, skipped.
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <string>
 
@@ -13,35 +15,50 @@ namespace lumbra::test {
 
 enum class SystemCall {
   Open,
-  OpenFolder,  // to list it or to sync it; posix alone
+  OpenFolder,  // to list it or to sync it
   Read,
   Write,
   ReadAt,
   WriteAt,
-  Seek,  // on Windows those that lead to a ReadAt or WriteAt can fail as well, but do not count
+  Seek,
   Size,  // of an open file
   SetSize,
   Sync,
-  Lock,  // posix alone
+  Lock,
   Look,  // at a file by its name
   Remove,
   MakeFolder,
-  Priority,      // of the thread's input and output
-  Wait,          // on a semaphore
-  Token,         // of a thread that impersonates; Windows alone
-  FindFunction,  // of a module, by its name; Windows alone
+  Priority,  // of the thread's input and output
+  Wait,      // on a semaphore
   Count_
 };
 
-// What the first flush of a new file costs: its folder is synced as well, where the system does that.
-#ifdef _WIN32
-inline constexpr std::uint64_t kSyncsOfANewFile = 1;
-#else
-inline constexpr std::uint64_t kSyncsOfANewFile = 2;
-#endif
-
 // Undoes what the last test set, and counts from 0.
 void ResetSystem();
+
+inline std::int64_t SystemClock() {  // what it shows without us, in seconds since 1970
+  return std::time(nullptr);
+}
+
+#ifdef _WIN32
+
+// Has a function called at each opening of a file, on the thread that opens.
+void WatchOpen(void (*pWatch)());
+
+struct PosixAlone {
+  template <class... Any>
+  std::uint32_t operator()(Any...) const {
+    EndTest();
+  }
+
+  [[noreturn]] static void EndTest();
+};
+inline constexpr PosixAlone CallsOf, AllCalls, CallsSinceMark, FailedCalls, FailCalls, SetClock, GetIoPriority,
+    SetIoPriority, Allocations, FailAllocation, AllocationFailed;
+inline constexpr std::uint32_t kNormalIoPriority = 0, kLowestIoPriority = 0;
+inline void MarkCalls() {}
+
+#else
 
 std::uint64_t CallsOf(SystemCall Call);
 std::uint64_t AllCalls();
@@ -49,10 +66,9 @@ void MarkCalls();
 std::uint64_t CallsSinceMark(SystemCall Call);  // or since the last reset
 std::uint64_t FailedCalls(SystemCall Call);     // those that were made to fail
 
-// Lets nSkip calls pass and then makes nTimes of them fail with an error, or with a number of the system's own (on
-// posix an errno value).
+// Lets nSkip calls pass and then makes nTimes of them fail with an error, or with an errno value.
 void FailCalls(SystemCall Call, os::SystemError nError, std::uint64_t nSkip = 0, std::uint64_t nTimes = 1);
-void FailCallsNatively(SystemCall Call, int nNative, std::uint64_t nSkip = 0, std::uint64_t nTimes = 1);
+void FailCallsNatively(SystemCall Call, int nErrno, std::uint64_t nSkip = 0, std::uint64_t nTimes = 1);
 
 // Lets nSkip calls of all kinds pass and makes the next nTimes of them fail, each with the error that the cause has for
 // its kind: a device that fails, no room or no descriptors, or no right.
@@ -63,11 +79,7 @@ std::uint64_t FaultsMade();  // calls and allocations that were made to fail sin
 // While they are paused, calls and allocations are neither counted nor made to fail, and no change is told.
 void PauseFaults(bool bPaused);
 
-// Has a function called at each opening of a file, on the thread that opens.
-void WatchOpen(void (*pWatch)());
-
-// Makes every read and write move half of what is asked for, at least a byte; and on posix be interrupted every other
-// time.
+// Makes every read and write move half of what is asked for, at least a byte, and be interrupted every other time.
 void MakeTransfersRagged(bool bRagged);
 
 // A change of what is on the disk.
@@ -81,18 +93,16 @@ struct DiskChange {
 enum class Fate { Happens, IsLost, Fails };  // lost: it is answered as done and never made
 
 // Has a function told of every change, in their order: before a write, a size or a sync, whose bytes it may alter and
-// whose fate it decides; after a name has come or gone. An empty function ends that. Posix alone.
+// whose fate it decides; after a name has come or gone. An empty function ends that.
 using ChangeWatch = std::function<Fate(DiskChange&)>;
 void WatchChanges(ChangeWatch Watch);
 
 // Sets the clock to a time in seconds since 1970; 0 gives it back to the system.
 void SetClock(std::int64_t nSeconds);
-std::int64_t SystemClock();  // what it shows without us, in seconds since 1970
 
-// The I/O priority of the calling thread, as the system's own number. On Windows, where Wine knows of none, all threads
-// of the test program share one that is kept here.
-extern const std::uint32_t kNormalIoPriority;
-extern const std::uint32_t kLowestIoPriority;
+// The I/O priority of the calling thread, as the system's own number.
+inline constexpr std::uint32_t kNormalIoPriority = (2u << 13) | 4;  // the class of best effort, and its level
+inline constexpr std::uint32_t kLowestIoPriority = 3u << 13;        // idle
 std::uint32_t GetIoPriority();
 void SetIoPriority(std::uint32_t nPriority);
 
@@ -102,5 +112,7 @@ std::uint64_t Allocations();
 // Lets nSkip allocations of the calling thread pass and makes the next nTimes of them fail.
 void FailAllocation(std::uint64_t nSkip, std::uint64_t nTimes = 1);
 bool AllocationFailed();  // whether all of that came to pass; ends it otherwise
+
+#endif
 
 }  // namespace lumbra::test

@@ -13,15 +13,90 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <initializer_list>
 #include <new>
 #include <utility>
 
 #include "platform/posix/posix.h"
-#include "support/gauges.h"
+#include "support/system_calls.h"
 
 namespace lumbra::test {
 extern "C" int __real_fstat(int, struct stat*);
 namespace {
+
+struct Gauge {
+  std::atomic<std::uint64_t> nCalls{0};
+  std::atomic<std::uint64_t> nMarked{0};
+  std::atomic<std::uint64_t> nFailed{0};
+  std::atomic<std::uint64_t> nFailFrom{UINT64_MAX};  // from the call of this number on ...
+  std::atomic<std::uint64_t> nFailTimes{0};          // ... so many fail
+  std::atomic<int> nNative{0};
+};
+Gauge g_Gauges[static_cast<int>(SystemCall::Count_)];
+std::atomic<bool> g_bRagged{false};
+std::atomic<std::int64_t> g_nClock{0};
+std::atomic<std::uint64_t> g_nAllocations{0};
+std::atomic<std::uint64_t> g_nFailAllocation{0};   // counts down to the first that fails; 0: none
+std::atomic<std::uint64_t> g_nFailAllocations{0};  // how many are still to fail
+std::atomic<pthread_t> g_nFailingThread{0};
+
+ChangeWatch g_Watch;
+std::atomic<bool> g_bPaused{false};
+Gauge g_Any;  // of all kinds of calls; nNative is the cause
+std::atomic<std::uint64_t> g_nFaults{0};
+
+// The first errno value that becomes the error.
+int NativeError(os::SystemError nError) {
+  int nErrno = 1;
+  while (os::ErrorFromErrno(nErrno) != nError) ++nErrno;
+  return nErrno;
+}
+
+// The error of a cause, where a call of the kind can meet it; otherwise that of a device.
+int NativeErrorFor(SystemCall Call, FaultCause Cause) {
+  using enum SystemCall;
+  const auto IsAmong = [Call](std::initializer_list<SystemCall> Calls) {
+    return std::ranges::find(Calls, Call) != Calls.end();
+  };
+  const bool bOpens = IsAmong({Open, OpenFolder});
+  if (Cause == FaultCause::Shortage && bOpens) return NativeError(os::kTooManyOpenFiles);
+  if (Cause == FaultCause::Shortage && IsAmong({Write, WriteAt, SetSize, MakeFolder}))
+    return NativeError(os::kDiskFull);
+  if (Cause == FaultCause::Denied && (bOpens || IsAmong({Look, Remove, MakeFolder})))
+    return NativeError(os::kAccessDenied);
+  return NativeError(os::kIoDevice);
+}
+
+bool IsNext(Gauge& Counted) {
+  const std::uint64_t nCall = Counted.nCalls++;
+  return nCall >= Counted.nFailFrom && nCall - Counted.nFailFrom < Counted.nFailTimes;
+}
+
+Gauge& GaugeOf(SystemCall Call) {
+  return g_Gauges[static_cast<int>(Call)];
+}
+
+// Counts a call; the errno value that it fails with, 0 when it goes its way.
+int CountCall(SystemCall Call) {
+  if (g_bPaused) return 0;
+  const bool bAny = IsNext(g_Any);
+  const bool bOfItsKind = IsNext(GaugeOf(Call));
+  if (!bAny && !bOfItsKind) return 0;
+  ++g_nFaults;
+  ++GaugeOf(Call).nFailed;
+  return bOfItsKind ? GaugeOf(Call).nNative.load()
+                    : NativeErrorFor(Call, static_cast<FaultCause>(g_Any.nNative.load()));
+}
+
+// Counts an allocation; true when it is one that fails.
+bool CountAllocation() {
+  if (g_bPaused) return false;
+  ++g_nAllocations;
+  if (g_nFailAllocation == 0 || g_nFailingThread != pthread_self() || --g_nFailAllocation != 0) return false;
+  if (--g_nFailAllocations != 0) g_nFailAllocation = 1;
+  ++g_nFaults;
+  return true;
+}
 
 std::atomic<std::uint64_t> g_nTransfers{0};
 
@@ -33,16 +108,14 @@ bool Fails(SystemCall Call) {
 
 // Shortens a transfer, and fails every other one as if it had been interrupted.
 bool Interrupts(std::size_t* pnSize) {
-  if (!TransfersAreRagged()) return false;
+  if (!g_bRagged) return false;
   *pnSize = (*pnSize + 1) / 2;
   errno = EINTR;
   return g_nTransfers++ % 2 != 0;
 }
 
-ChangeWatch g_Watch;
-
 bool Watched() {
-  return g_Watch && !FaultsArePaused();
+  return g_Watch && !g_bPaused;
 }
 
 std::string PathOf(int nDescriptor) {
@@ -75,19 +148,87 @@ ssize_t Told(DiskChange Change, ssize_t nDone, MakeIt Make) {
 
 }  // namespace
 
+void ResetSystem() {
+  const auto Reset = [](Gauge& One) {
+    One.nCalls = 0;
+    One.nMarked = 0;
+    One.nFailed = 0;
+    One.nFailFrom = UINT64_MAX;
+  };
+  for (Gauge& One : g_Gauges) Reset(One);
+  Reset(g_Any);
+  g_bPaused = false;
+  g_nFaults = 0;
+  g_Watch = {};
+  g_bRagged = false;
+  g_nClock = 0;
+  g_nAllocations = 0;
+  g_nFailAllocation = 0;
+}
+
+std::uint64_t CallsOf(SystemCall Call) {
+  return GaugeOf(Call).nCalls;
+}
+
+std::uint64_t AllCalls() {
+  std::uint64_t nSum = 0;
+  for (const Gauge& One : g_Gauges) nSum += One.nCalls;
+  return nSum;
+}
+
+void MarkCalls() {
+  for (Gauge& One : g_Gauges) One.nMarked = One.nCalls.load();
+}
+std::uint64_t CallsSinceMark(SystemCall Call) {
+  return GaugeOf(Call).nCalls - GaugeOf(Call).nMarked;
+}
+
+std::uint64_t FailedCalls(SystemCall Call) {
+  return GaugeOf(Call).nFailed;
+}
+
+void FailCalls(SystemCall Call, os::SystemError nError, std::uint64_t nSkip, std::uint64_t nTimes) {
+  FailCallsNatively(Call, NativeError(nError), nSkip, nTimes);
+}
+
+void FailCallsNatively(SystemCall Call, int nNative, std::uint64_t nSkip, std::uint64_t nTimes) {
+  Gauge& One = GaugeOf(Call);
+  One.nNative = nNative;
+  One.nFailTimes = nTimes;
+  One.nFailFrom = One.nCalls + nSkip;
+}
+
+void FailAnyCalls(FaultCause Cause, std::uint64_t nSkip, std::uint64_t nTimes) {
+  g_Any.nNative = static_cast<int>(Cause);
+  g_Any.nFailTimes = nTimes;
+  g_Any.nFailFrom = g_Any.nCalls + nSkip;
+}
+std::uint64_t FaultsMade() {
+  return g_nFaults;
+}
+void PauseFaults(bool bPaused) {
+  g_bPaused = bPaused;
+}
+void MakeTransfersRagged(bool bRagged) {
+  g_bRagged = bRagged;
+}
+void SetClock(std::int64_t nSeconds) {
+  g_nClock = nSeconds;
+}
+std::uint64_t Allocations() {
+  return g_nAllocations;
+}
+void FailAllocation(std::uint64_t nSkip, std::uint64_t nTimes) {
+  g_nFailingThread = pthread_self();
+  g_nFailAllocations = nTimes;
+  g_nFailAllocation = nSkip + 1;
+}
+bool AllocationFailed() {
+  return g_nFailAllocation.exchange(0) == 0;
+}
+
 void WatchChanges(ChangeWatch Watch) {
   g_Watch = std::move(Watch);
-}
-
-// The first errno value that becomes the error.
-int NativeError(os::SystemError nError) {
-  int nErrno = 1;
-  while (os::ErrorFromErrno(nErrno) != nError) ++nErrno;
-  return nErrno;
-}
-
-std::uintptr_t CurrentThread() {
-  return static_cast<std::uintptr_t>(pthread_self());
 }
 
 #define DETOUR(type, name, parameters, arguments, bFails, failed) \
@@ -170,15 +311,13 @@ long __wrap_syscall(long nNumber, long a, long b, long c) {
 }
 int __real_clock_gettime(clockid_t, struct timespec*);
 int __wrap_clock_gettime(clockid_t nClock, struct timespec* pTime) {
-  if (nClock != CLOCK_REALTIME || ClockOfTest() == 0) return __real_clock_gettime(nClock, pTime);
-  *pTime = {ClockOfTest(), 0};
+  if (nClock != CLOCK_REALTIME || g_nClock == 0) return __real_clock_gettime(nClock, pTime);
+  *pTime = {g_nClock, 0};
   return 0;
 }
 
 }  // extern "C"
 
-const std::uint32_t kNormalIoPriority = (2u << 13) | 4;  // the class of best effort, and its level
-const std::uint32_t kLowestIoPriority = 3u << 13;        // idle
 std::uint32_t GetIoPriority() {
   return static_cast<std::uint32_t>(__real_syscall(SYS_ioprio_get, 1, 0));
 }
