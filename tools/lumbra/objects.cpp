@@ -138,7 +138,7 @@ int Name(const CommonOptions& Common, const NameOptions& Options) {
                   Succeeded(nCode) ? Printable(Object.Name).c_str() : kNameTooLong);
     } catch (const Failure& Reason) {  // one that cannot be shown does not hide the others
       ReportFailure(Reason);
-      nStatus = kExitFailed;
+      nStatus = Reason.Code() == errDATA_CORRUPTED ? kExitIncomplete : kExitFailed;
     }
   }
   return Store.StatusOfReading(nStatus);
