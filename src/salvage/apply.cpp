@@ -233,7 +233,7 @@ class Healer {
   static std::u16string FreeName(const std::map<std::u16string, os::FolderHandle>& Asides) {
     const std::string Time = Now();
     for (int nCounter = 1;; ++nCounter) {
-      const std::u16string Name = WideName(Time + '-' + std::to_string(nCounter));
+      std::u16string Name = WideName(Time + '-' + std::to_string(nCounter));
       const bool bFree = std::ranges::all_of(Asides, [&Name](const auto& One) {
         os::FolderHandle pThere;
         return IsMissing(os::OpenFolder(One.second, Name, &pThere));
@@ -432,8 +432,10 @@ ResultCode SetDatabaseAside(const std::u16string& Store, const os::FolderRules& 
   std::erase_if(Names, [](const std::u16string& Name) { return !IsFileOfDatabase(Name) || Name == kIdentityFile; });
   // The newest segment first, and the header, which leads to the rest, last.
   std::ranges::sort(Names, std::greater<>());
-  std::ranges::stable_partition(Names, [](const std::u16string& Name) { return !Name.starts_with(kSegmentsFile); });
+  std::stable_partition(Names.begin(), Names.end(),
+                        [](const std::u16string& Name) { return !Name.starts_with(kSegmentsFile); });
   std::vector<Step> Steps;
+  Steps.reserve(Names.size());
   for (const std::u16string& Name : Names)
     Steps.push_back({.What = Step::Kind::SetAside,
                      .Folder = Folder,

@@ -12,21 +12,6 @@ class EventsObjectsTest : public ComponentTest {
   }
 };
 
-TEST_F(EventsObjectsTest, EventIdsCarryTheirDatabase) {
-  for (const std::uint32_t nDb : {5u, m_nNamed}) {
-    Fill(nDb, 10, 12);
-    std::uint64_t nId = 0;
-    Must(Add(nDb, 13, 0, &nId));
-    EXPECT_EQ(WithDatabase(0x100000003, nDb), nId);
-    EXPECT_EQ(Ids{13}, Times(1, nId, 1));                         // whatever the argument
-    EXPECT_EQ((Ids{12, 13}), Times(nDb, 0xFFFFFFFFFFFFFFFE, 2));  // from the end, which is no database
-    Must(Update(nId));
-    EXPECT_EQ((Ids{12, 77}), Times(nDb, 2, 9));
-    Step("an update behind the last", Update(nId + 1)).Is(errNOT_FOUND);
-    Step("one of another size", Update(nId, 15)).Is(errPARAMETER_INVALID);
-  }
-}
-
 TEST_F(EventsObjectsTest, EventsComeWithTheParentsOfTheirObjects) {
   const std::uint64_t nFile = Find(5, u"C:\\Dir\\file");
   for (const std::uint64_t nObject : {nFile, Find(5, u"C:", 0, typeDriveRoot), Find(0, u"D:\\shared"), UINT64_C(0),
@@ -46,18 +31,6 @@ TEST_F(EventsObjectsTest, RefusesAParentOfAnotherDatabase) {
   Step("a child", Call(&Ops::FindObject, 5, typeFile, u"file", kZeroTerminated, 1, 0, nOther, &nId))
       .Is(errOBJECT_NOT_FOUND);
   EXPECT_EQ(0u, nId);
-}
-
-TEST_F(EventsObjectsTest, NamesComeBackThroughTheirIds) {
-  const std::u16string kPath = u"C:\\Dir\\file.txt";
-  for (const std::uint32_t nDb : {0u, m_nNamed, 5u}) {
-    const std::uint64_t nId = Find(nDb, kPath);
-    EXPECT_EQ(nDb, DatabaseOfId(nId));
-    EXPECT_EQ(nDb == 0 ? 0u : 1u, SegmentOfId(nId));
-    EXPECT_EQ(nId, Find(nDb, u"c:\\DIR\\FILE.TXT", 0));
-    EXPECT_EQ(nId, Find(nDb, u"file.txt", 0, typeFile, Find(nDb, u"C:\\Dir", 0, typeFolder)));
-    EXPECT_EQ(kPath, NameOf(nId));
-  }
 }
 
 TEST_F(EventsObjectsTest, TheHostsNameHasTheId2) {

@@ -108,19 +108,6 @@ TEST_F(LifecycleTest, FindsAllNamesAgainWhoseTreeIsLost) {
 
 // ---- Properties -------------------------------------------------------------------------------------------
 
-TEST_F(LifecycleTest, HasNumbersThatAreSetAndRead) {
-  std::uint32_t nValue = 7;
-  Must(Access(propEXACT_FILE_SIZES, propertySet, &nValue, 4));
-  nValue = 99;
-  Step("a byte too few", Access(propEXACT_FILE_SIZES, propertyGet, &nValue, 3)).Is(errBUFFER_TOO_SMALL);
-  EXPECT_EQ(99u, nValue);
-  Must(Access(propEXACT_FILE_SIZES, propertyGet, &nValue, 4));
-  EXPECT_EQ(7u, nValue);
-  EXPECT_EQ(&nValue + 1, m_Record.pBuffer);
-  Step("setting the damage", Access(propCORRUPTED, propertySet, &nValue, 4)).Is(errPROPERTY_NOT_HANDLED);
-  Step("the flag of an open store", Access(propENVIRONMENT_FLAG, propertySet, &nValue, 4)).Is(errPROPERTY_READ_ONLY);
-}
-
 TEST_F(LifecycleTest, TakesItsReportFolderInTheHostsCodePage) {
   char Told[] = "/t\xC3\xA9st";
   char16_t Text[20] = {};

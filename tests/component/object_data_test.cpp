@@ -22,20 +22,6 @@ class ObjectDataTest : public ComponentTest {
   ResultCode Remove(std::uint64_t nId) { return Call(&Ops::RemoveAllObjectData, nId); }
 };
 
-TEST_F(ObjectDataTest, ReplacesBlocksOfEverySizeByEveryOther) {
-  const std::uint32_t kSizes[] = {1, 4, 4092, 4096, 0x7FFB, 0x7FFC, 0x7FFF, 0x8000, 100000};
-  for (const std::uint32_t nCheckMode : {0u, 1u}) {
-    OpenFresh(nCheckMode);
-    for (const std::uint32_t nOld : kSizes) {
-      for (const std::uint32_t nNew : kSizes) {
-        Must(Set(1, 1, std::string(nOld, 'x')));
-        Must(Set(1, 1, std::string(nNew, 'y')));
-        ASSERT_EQ(std::string(nNew, 'y'), Get(1, 1)) << "instead of " << nOld;
-      }
-    }
-  }
-}
-
 // A store is written in the feature set that its data file has, and read in it, whatever the check mode.
 TEST_F(ObjectDataTest, KeepsToTheFeatureSetOfItsFile) {
   // The block, and its entry of tag, offset and size, each with its CRC where the set has one.

@@ -116,21 +116,6 @@ TEST_F(SegmentManagerTest, DropsTheOldestOnRequestButNotTheNewest) {
   EXPECT_EQ("101 to 150 in 1", Held());
 }
 
-TEST_F(SegmentManagerTest, ReadsFromAnywhere) {
-  Fill(10, 35);
-  for (int nRound = 0; nRound < 2; ++nRound) {
-    EXPECT_EQ("9 to 22", Get(8, 14));
-    EXPECT_EQ("24 to 35", Get(FromEnd(12), 12));
-    EXPECT_EQ("14 to 23", Get(MakeObjectId(2, 3), 10));
-    EXPECT_EQ("4 to 5", Get(MakeObjectId(77, 3), 2));  // one that is no more stands for the oldest
-    EXPECT_EQ("31 to 35, errNO_MORE_EVENTS", Get(30, 9));
-    EXPECT_EQ("1 to 35, errNO_MORE_EVENTS", Get(FromEnd(100), 100));
-    EXPECT_EQ("none, errINDEX_OUT_OF_RANGE", Get(MakeObjectId(2, 10), 1));
-    EXPECT_EQ("none", Get(0, 0));
-    Restart();
-  }
-}
-
 TEST_F(SegmentManagerTest, CountsTheEventsOfSegmentsThatAreReadInFull) {
   Fill(10, 35);
   EXPECT_EQ("6 to 10, errNO_MORE_EVENTS", Get(5, 8, 6));  // of which the buffer has room for 6

@@ -38,20 +38,6 @@ TEST_F(HashTreeTest, SplitsWhereHashesPart) {
   EXPECT_EQ("0=7 1=8 ", Node(FileSize("bt") - 8, 2));
 }
 
-TEST_F(HashTreeTest, FindsEverythingInEveryForm) {
-  for (const bool bChecked : {kPlain, kChecked}) {
-    for (const TreeHead Head : {TreeHead::Small, TreeHead::Large}) {
-      Start(bChecked);
-      Open(bChecked, Head);
-      for (const std::uint64_t nHash : Spread(3000)) Must(TryCreate(nHash));
-      ExpectAll(Spread(3000));
-      Open(bChecked, Head);
-      ExpectAll(Spread(3000));
-    }
-  }
-  EXPECT_EQ(Lines(), TakeTrace(400));
-}
-
 TEST_F(HashTreeTest, StartsAnewWhatItCannotUse) {
   const std::tuple<const char*, std::size_t, const char*> kDamage[] = {
       {"another magic", 3, "58"},       {"a root elsewhere", 4, "11"}, {"an entry of the root", 20, "00"},
