@@ -21,7 +21,7 @@ class SalvageTest : public ComponentTest {
     for (const std::uint32_t nDb : {5u, m_nNamed, OpenNamed(u"other")}) {
       Must(SetLimit(nDb, limitSegmentEvents, 2));
       for (std::uint64_t nTime = 1; nTime <= 6; ++nTime)
-        Must(Add(nDb, nTime, Find(nDb, u"C:\\" + std::u16string(nTime, u'a')), &m_nLast));
+        Must(Add(nDb, nTime, Find(nDb, u"C:\\" + std::u16string(static_cast<std::size_t>(nTime), u'a')), &m_nLast));
     }
     Close();
     m_Sound = Take();
