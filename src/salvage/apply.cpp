@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "format/file_names.h"
+#include "lumbra/lumbra.h"
 #include "platform/result.h"
 #include "salvage/look.h"
 #include "salvage/trees.h"
@@ -108,8 +109,6 @@ os::SystemError OpenOrMakeFolder(const os::FolderHandle& pParent, std::u16string
 
 // The files by which a process holds a store as long as it has it open: those of the shared objects, and the header of
 // the system's database.
-constexpr std::uint32_t kSystemFolder = 0;
-
 class StoreHold {
  public:
   // kSharingViolation where another process holds one. What is missing is not held: the component makes it.
@@ -119,7 +118,7 @@ class StoreHold {
       if (nError == os::kSuccess) nError = TakeFile({}, pStore, pName);
     }
     if (nError != os::kSuccess) return nError;
-    const std::u16string System = NumberedFolder(kSystemFolder);
+    const std::u16string System = NumberedFolder(kSystemDatabase);
     os::FolderHandle pSystem;
     nError = os::OpenFolder(pStore, System, &pSystem);
     if (IsMissing(nError)) return os::kSuccess;
@@ -301,8 +300,12 @@ class Undoer {
     std::vector<Step> Steps = ReadSteps(Text);
     if (Steps.empty()) return os::kGeneralFailure;  // torn, or somebody else's
     const std::size_t nLeft = m_pLeft->size();
+    // A pair that took the place of another is taken back as a whole, and only while nothing was written to it since.
+    for (const Step& One : Steps) {
+      if (One.What == Step::Kind::Rename && WasWritten(One)) return Leave(One, "it has changed since");
+    }
     for (auto One = Steps.rbegin(); One != Steps.rend(); ++One) {
-      // On Windows, and for who asks for it alone, what is held is out of reach.
+      // What is held cannot be moved on Windows, nor opened a second time for writing.
       m_pHold->Release(One->Folder, One->File);
       if (One->What == Step::Kind::Rename) m_pHold->Release(One->Folder, WideName(One->After));
       nError = TakeBack(*One);
@@ -346,6 +349,24 @@ class Undoer {
     os::SystemError nPut = File.Open(m_pFolder, One.File, kHold, os::Disposition::OpenExisting);
     if (nPut == os::kSuccess && bExtended) nPut = os::SetSize(File.Handle(), One.nOffset + One.Before.size());
     return nPut == os::kSuccess ? WriteAndSync(File.Handle(), One.nOffset, One.Before) : nPut;
+  }
+
+  // Whether a file was written after it got its name, or is not there any more.
+  bool WasWritten(const Step& Renamed) const {
+    std::uint64_t nSize = 0;
+    std::int64_t nWritten = 0;
+    std::int64_t nRecorded = 0;
+    const auto TimeOf = [](const os::FolderHandle& pFolder, std::u16string_view Name, std::int64_t* pnTime) {
+      return os::FindFiles(pFolder, Name, [pnTime](const os::FoundFile& Found) {
+        *pnTime = Found.nWriteTimeSeconds;
+        return false;
+      });
+    };
+    const std::u16string Name = WideName(Renamed.After);
+    const bool bKnown = os::MeasureFile(m_pFolder, Name, &nSize) == os::kSuccess &&
+                        TimeOf(m_pFolder, Name, &nWritten) == os::kSuccess &&
+                        TimeOf(m_pAside, kRecord, &nRecorded) == os::kSuccess;
+    return !bKnown || nSize != Renamed.nOffset || nWritten > nRecorded;
   }
 
   os::SystemError Leave(const Step& One, const char* pWhy) {

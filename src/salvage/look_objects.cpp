@@ -249,10 +249,14 @@ namespace {
 // What is left of putting a compacted pair in the place of the live one: ids aside, data aside, new data, new ids.
 void FinishReplacing(const FolderView& Files, Plan* pPlan) {
   const auto Move = [&](const char16_t* pFile, const char* pTo) {
-    if (!Files.Has(pFile)) return;
+    const FolderView::File* const pThere = Files.Find(pFile);
+    if (pThere == nullptr) return;
     const Step::Kind What = *pTo == '\0' ? Step::Kind::SetAside : Step::Kind::Rename;
-    pPlan->Steps.push_back(
-        {.What = What, .File = pFile, .After = pTo, .Why = "the compacted pair takes the place of the live one"});
+    pPlan->Steps.push_back({.What = What,
+                            .File = pFile,
+                            .nOffset = pThere->nSize,
+                            .After = pTo,
+                            .Why = "the compacted pair takes the place of the live one"});
   };
   if (Files.Has(kCompactedDataFile)) {
     Move(kSharedIdsFile, "");

@@ -22,7 +22,7 @@ struct Step {
   Kind What = Kind::Report;
   std::u16string Folder = {};  // of the database, within the store's; empty: the store's own
   std::u16string File = {};    // in that folder; empty: the database as a whole
-  std::uint64_t nOffset = 0;   // of a patch
+  std::uint64_t nOffset = 0;   // of a patch; of a file that is renamed, its size
   std::string Before = {};     // the bytes that a patch or a whole new file takes the place of
   std::string After = {};      // and what they become; of a file that is created, its content
   std::string Why;             // what was found and what becomes of it, in words

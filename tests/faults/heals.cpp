@@ -87,12 +87,8 @@ std::string RunHeals(const Choice& Which) {
   std::uint64_t nAll = 0;
   for (const bool bChecked : {false, true}) {
     const fs::path Folder = Which.Fresh("heals");
-    ResetSystem();
     Which.Start("heals", kNoCase);
-    Driver Work(Which.With(Folder, bChecked));
-    if (!Work.Open()) Found("it does not open");
-    for (int i = 0; i < 60; ++i) Work.Step();
-    Work.Close();
+    const Record Known = MakeStore(Which, Folder, bChecked, 60);
     const Files Sound = ReadFiles(Folder);
     std::uint64_t nOwn = 0;
     std::set<std::uint64_t> Chosen;  // every file is lost once
@@ -113,7 +109,7 @@ std::string RunHeals(const Choice& Which) {
       if (nEnd == 2) HealUnderFault(Folder, Chance(200));
       Driver::Setup With = Which.With(Folder, bChecked, kOtherSerials);
       With.What = host::Heal::On;
-      Driver(std::move(With), Work.Known())
+      Driver(std::move(With), Known)
           .VerifyHealed(How.File, How.IsCutInRecord(bChecked) ? Driver::Shape::Shorter : Driver::Shape::Altered);
       ++nRun;
     }

@@ -111,6 +111,15 @@ bool IsFound(const std::function<void()>& Planted) {
   return g_nFindings.exchange(nBefore) != nBefore;
 }
 
+Record MakeStore(const Choice& Which, const fs::path& Folder, bool bChecked, int nSteps) {
+  ResetSystem();
+  Driver Work(Which.With(Folder, bChecked));
+  if (!Work.Open()) Found("it does not open");
+  for (int i = 0; i < nSteps; ++i) Work.Step();
+  Work.Close();
+  return Work.Known();
+}
+
 std::vector<std::uint64_t> Choice::Cases(std::uint64_t nAll, std::uint64_t nWanted) const {
   if (nOnly) return {*nOnly};
   const Source Chance = SourceOf(nSeed);

@@ -32,6 +32,9 @@ struct Choice {
   Driver::Setup With(const std::filesystem::path& Store, bool bChecked, std::uint64_t nSerials = 0) const;
 };
 
+// Works for so many steps on a fresh store, undisturbed; what it promises then.
+Record MakeStore(const Choice& Which, const std::filesystem::path& Folder, bool bChecked, int nSteps);
+
 // Each runs its cases, tells what it finds, and returns its counts in one line.
 std::string RunCalls(const Choice& Which);
 std::string RunAllocations(const Choice& Which);

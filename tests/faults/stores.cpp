@@ -15,12 +15,8 @@ namespace fs = std::filesystem;
 
 std::string RunBits(const Choice& Which) {
   const fs::path Folder = Which.Fresh("bits");
-  ResetSystem();
   Which.Start("bits", kNoCase);
-  Driver Work(Which.With(Folder, true));
-  if (!Work.Open()) Found("it does not open");
-  for (int i = 0; i < 40; ++i) Work.Step();
-  Work.Close();
+  const Record Known = MakeStore(Which, Folder, true, 40);
   const Files Sound = ReadFiles(Folder);
   std::uint64_t nBytes = 0;
   for (const auto& One : Sound) nBytes += One.second.size();
@@ -33,7 +29,7 @@ std::string RunBits(const Choice& Which) {
     Which.Start("bits, " + File->first + " at " + std::to_string(nByte), nCase);
     File->second[nByte] = static_cast<char>(File->second[nByte] ^ (1 << nCase % 8));
     WriteFiles(Folder, Damaged);
-    Driver(Which.With(Folder, true, kOtherSerials), Work.Known()).UseDamaged(Driver::End::Damage);
+    Driver(Which.With(Folder, true, kOtherSerials), Known).UseDamaged(Driver::End::Damage);
   }
   return std::to_string(Cases.size()) + " of " + std::to_string(8 * nBytes);
 }

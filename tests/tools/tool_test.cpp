@@ -147,6 +147,11 @@ TEST_F(ToolTest, CompactPutsThePairInItsPlace) {
   Run("repair --yes --undo " + fs::directory_iterator(At("store/set-aside"))->path().filename().string());
   EXPECT_EQ(nBefore, FileSize("store/g_objdt.dat"));
   EXPECT_EQ(Ids, Run("find --db 0 a b c"));
+  fs::remove_all(Folder() / "store/set-aside");
+  Run("compact --replace");
+  const std::string New = Run("find --db 0 --create d");
+  Run("repair --yes --undo " + fs::directory_iterator(At("store/set-aside"))->path().filename().string(), 3);
+  EXPECT_EQ(New, Run("find --db 0 d"));
 }
 
 TEST_F(ToolTest, CompactTellsWhatItLeavesOut) {

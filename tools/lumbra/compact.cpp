@@ -101,7 +101,8 @@ void Replace(const CommonOptions& Common, const StoreFiles& Files) {
   const ResultCode nCode = salvage::ReplaceByCompacted(Files.Folder().u16string(), RulesOf(Common), &Done);
   if (Failed(nCode) && !Done.Refusal.empty()) throw Failure(What, nCode, Done.Refusal);
   Check(nCode, What);
-  std::puts("The compacted pair is in its place; the old one is set aside, and lumbra repair --undo takes it back.");
+  std::puts(
+      "The compacted pair is in its place; the old one is set aside. Until something is written,\nlumbra repair --undo takes it back.");
 }
 
 }  // namespace

@@ -38,7 +38,7 @@ SystemError OpenThere(int nFolder, const std::string& Name, int nFlags, const Fo
   return kSuccess;
 }
 
-// The same, unless it is a link, or the rules leave it alone.
+// The same; kAccessDenied for a link, and for a folder that the rules refuse.
 SystemError OpenHeldToRules(int nFolder, const std::string& Name, const FolderRules& Rules, FolderHandle* ppFolder) {
   FolderHandle pOpened;
   const SystemError nError = OpenThere(nFolder, Name, O_NOFOLLOW, Rules, &pOpened);
