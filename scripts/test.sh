@@ -19,7 +19,11 @@ case $preset in
     trap '"$here/scripts/wine.sh" --stop' EXIT
     trap 'exit 130' INT TERM
     "$here/scripts/wine.sh" --start
+    # Of some 1,500 programs Debian's Wine ends one with status 1 before it has run, within 10 ms and without a word. That
+    # one is started a second time; a test that fails says why, and fails again.
+    repeat="--repeat until-pass:2"
     ;;
 esac
 cd "$here"
-ctest --preset "$preset" -j "$(nproc)"
+# shellcheck disable=SC2086  # two words, or none
+ctest --preset "$preset" -j "$(nproc)" ${repeat:-}
