@@ -53,7 +53,8 @@ ResultCode NameOf(const host::Store& Store, std::uint64_t nId, std::uint32_t nOv
 
 // Whether the name that comes back must lead to the object. Not so: halves of characters, which UTF-8 cannot tell,
 // names of registry values, in front of which a '/' comes back, paths that end with a separator, which makes a folder
-// of the last component, and paths that start with one that goes: what is left may look like a root.
+// of the last component, and paths whose start loses a separator: what is left may look like a root, as "UNC\server"
+// of "UNC/\server" does.
 bool ComesBackAsItIs(const Query& By) {
   if (By.nSize < 0 || By.nSize % 2 != 0 || By.nParent != 0) return false;
   const std::u16string_view Name(By.Name.data(), static_cast<std::size_t>(By.nSize) / 2);
@@ -63,6 +64,7 @@ bool ComesBackAsItIs(const Query& By) {
                        ~(By.nOverride >> 16) & fObjSplitPath;
   if (!bSplits) return true;
   if (By.nType == typeRegistryValue || Name.ends_with(u'\\') || Name.ends_with(u'/')) return false;
+  if (Name.starts_with(u"UNC/")) return false;
   const bool bServer = By.nType != typeRegistryKey && Name.starts_with(u"\\\\") && !Name.starts_with(u"\\\\?");
   return bServer || !Name.starts_with(u'\\');
 }

@@ -1,8 +1,8 @@
 #!/bin/sh
 # Sets up, builds the fuzz targets, and runs them: all of them within 300 seconds (with --long 3600), two at a time, each
 # for the same time. --seed N chooses the random numbers; otherwise the clock does. Ends with 1 if anything is found: what
-# the target said of it stays in build/fuzz/logs, and the input in build/fuzz/found; once mended, it belongs into
-# fuzz/corpus, whose inputs every run starts with. What a run learns stays in build/fuzz/corpus for the next one.
+# the target said of it is printed, with the input in base64, and stays in build/fuzz/logs, and the input in
+# build/fuzz/found; once mended, it belongs into fuzz/corpus, whose inputs every run starts with. What a run learns stays in build/fuzz/corpus for the next one.
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -63,5 +63,6 @@ trap 'kill $first $second; wait; exit 130' INT TERM
 wait
 cat "$TMPDIR/first" "$TMPDIR/second" >"$TMPDIR/all"
 cat "$TMPDIR/all"
+for target in $(sed -n 's/:.*FOUND.*//p' "$TMPDIR/all"); do tail -n 40 "build/fuzz/logs/$target"; done
 awk '{ n += $2 } END { print "total: " n + 0 " executions" }' "$TMPDIR/all"
 ! grep -q FOUND "$TMPDIR/all"
