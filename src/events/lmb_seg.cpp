@@ -94,7 +94,7 @@ ResultCode Segment::OpenEvents() {
   }
   // Once: where the file system keeps no time of birth, what stands for it moves with the file.
   if (!m_bWasOpen && !pFile->GetCreationTime(&m_nCreationTime)) return FailedStep(errREAD_FAILED);
-  m_pEvents.reset(new (std::nothrow) PlainDB);
+  m_pEvents.reset(new (std::nothrow) PlainDB(&m_Blocks));
   if (m_pEvents == nullptr) return FailedStep(errOUT_OF_MEMORY);
   if (!m_pEvents->Open(pFile, m_nEventSize, false)) {
     TraceFailedStep(errWRITE_FAILED);

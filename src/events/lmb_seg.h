@@ -33,8 +33,10 @@ class SegmentChain {
 
 class Segment {
  public:
-  // With bCheckMode an object store that is created gets every kind of CRC. The chain may be null.
-  explicit Segment(bool bCheckMode, SegmentChain* pChain = nullptr) : m_bCheckMode(bCheckMode), m_pChain(pChain) {}
+  // With bCheckMode an object store that is created gets every kind of CRC. The lock is the one that serialises the
+  // calls. The chain may be null.
+  Segment(bool bCheckMode, os::CriticalSection& Owner, SegmentChain* pChain)
+      : m_Blocks(Owner), m_bCheckMode(bCheckMode), m_pChain(pChain) {}
   ~Segment() = default;  // closes the files, and deletes none
   Segment(const Segment&) = delete;
   Segment& operator=(const Segment&) = delete;
@@ -121,6 +123,7 @@ class Segment {
   bool m_bWasOpen = false;    // now or before
   bool m_bFailed = false;     // it cannot be opened for reasons of its own; there is no second attempt
   bool m_bDiscarded = false;  // a file of it is missing
+  BlockTable m_Blocks;        // of the events
   std::unique_ptr<PlainDB> m_pEvents;
   std::unique_ptr<ObjectDB> m_pObjects;
   ObjectDB* m_pGlobalObjects = nullptr;

@@ -142,7 +142,7 @@ void SegmentManager::Close() {
 // ---- The chain --------------------------------------------------------------------------------------------
 
 std::unique_ptr<Segment> SegmentManager::MakeSegment() {
-  return std::unique_ptr<Segment>(new (std::nothrow) Segment(m_bCheckMode, this));
+  return std::unique_ptr<Segment>(new (std::nothrow) Segment(m_bCheckMode, m_Lock, this));
 }
 
 // What is thrown on the way becomes a code: an event that finds no new segment goes to the one that is there.

@@ -25,6 +25,7 @@ constexpr std::uint32_t kLargeHeadChecked = 17408;
 FileContent HashTree::Look(StorageFile* pFile, const Options& Use) {
   Close();
   m_pFile = pFile;
+  m_File.Use(pFile);
   m_Use = Use;
   m_Crc = DataCrc(Use.bSeededCrcs);
   const FileContent Header = LookAtHeader();
@@ -48,6 +49,7 @@ ResultCode HashTree::Take(const FileContent& Found) {
 
 void HashTree::Close() {
   m_pFile = nullptr;
+  m_File.Use(nullptr);
   m_nSizeBT = 0;
   m_btHead.clear();
   m_nodeChecked.clear();
@@ -110,9 +112,10 @@ FileContent HashTree::LookAtRoot() {
 ResultCode HashTree::StoreHeader() {
   if (m_bHeaderMended && !m_pFile->SeekWrite(0, &m_Header, sizeof(m_Header), nullptr))
     return FailedCheck("pFileBT->SeekWrite(0, &newHdr, sizeof(newHdr), NULL)", errWRITE_FAILED);
-  if (m_Header.nDBSize != m_nActualSize && !m_pFile->SetSize(m_Header.nDBSize))
+  if (m_Header.nDBSize != m_nActualSize && !m_File.SetSize(m_Header.nDBSize))
     return FailedCheck("pFileBT->SetSize(hdr.nDBSize)", errWRITE_FAILED);
   m_nSizeBT = m_Header.nDBSize;
+  m_File.Use(m_pFile, m_nSizeBT);
   return errOK;
 }
 
@@ -130,7 +133,7 @@ bool HashTree::PrepareHead() {
 }
 
 ResultCode HashTree::StartAnew() {
-  if (!m_pFile->SetSize(0)) return FailedCheck("pFileBT->SetSize(0)", errWRITE_FAILED);
+  if (!m_File.SetSize(0)) return FailedCheck("pFileBT->SetSize(0)", errWRITE_FAILED);
   m_btHead.clear();
   std::fill(m_nodeChecked.begin() + FirstNodeOffset + 1, m_nodeChecked.end(), std::uint8_t{0});
   tODB_BT_HEADER Header{{}, FirstNodeOffset, FirstNodeOffset};
@@ -201,17 +204,46 @@ void HashTree::Descend(Place* pAt, tODB_BT_OFFSET nChild) {
   *pAt = {nChild & ~kChildBit, pAt->nNode, pAt->nParent, pAt->nLevel + 1};
 }
 
+// All new nodes in one write, the object in the last of them, and then the slot that leads there: at no time does the
+// tree lose the object.
 ResultCode HashTree::Split(Place* pAt, std::uint64_t nHash, std::uint64_t nOtherHash, std::uint32_t nOtherShortId) {
-  const std::uint32_t nChildLevel = pAt->nLevel + 1;
-  std::uint32_t nChild = 0;
-  ResultCode nCode = BT_AddNode(nChildLevel, pAt->nNode, &nChild);
+  std::uint32_t nLast = pAt->nLevel + 1;
+  std::uint32_t nSize = NodeSize(nLast);
+  while (nLast < kMaxTreeLevel && GetHashDigit(nHash, nLast) == GetHashDigit(nOtherHash, nLast)) {
+    nSize += NodeSize(++nLast);
+  }
+  std::uint64_t nFirst = 0;
+  ResultCode nCode = BT_ExtendDB(nSize, &nFirst);
   if (Failed(nCode)) return nCode;
-  // The object first, then the link: at no time does the tree lose it.
-  nCode = BT_SetNodeEntry(nChild, pAt->nNode, nChildLevel, GetHashDigit(nOtherHash, nChildLevel), nOtherShortId);
-  if (Failed(nCode)) return nCode;
-  nCode = WriteSlot(*pAt, nHash, nChild | kChildBit);
-  if (Succeeded(nCode)) Descend(pAt, nChild);
+  const auto nRun = static_cast<std::uint32_t>(nFirst);
+  std::uint8_t Run[kMaxRunSize] = {};
+  const Place End = BuildRun(*pAt, nLast, nRun, nOtherHash, nOtherShortId, Run);
+  std::uint32_t nWritten = 0;
+  if (!BT_SeekWrite(nRun, Run, nSize, &nWritten))
+    return FailedCheck("BT_SeekWrite(nNodeOffset, offsets, write_size, &bytesWritten)", errWRITE_FAILED);
+  if (nWritten != nSize) return FailedCheck("(bytesWritten == write_size)", errWRITE_FAILED);
+  nCode = WriteSlot(*pAt, nHash, nRun | kChildBit);
+  if (Succeeded(nCode)) *pAt = End;
   return nCode;
+}
+
+// The nodes below a place down to a level, each behind its parent, with one object in the last. Answers its place.
+HashTree::Place HashTree::BuildRun(Place At, std::uint32_t nLast, std::uint32_t nNode, std::uint64_t nObjectHash,
+                                   std::uint32_t nShortId, std::uint8_t* pRun) const {
+  while (At.nLevel < nLast) {
+    const std::uint32_t nLevel = At.nLevel + 1;
+    const std::uint32_t nNext = nNode + NodeSize(nLevel);
+    const tODB_BT_OFFSET nEntry = nLevel == nLast ? nShortId : nNext | kChildBit;
+    std::memcpy(pRun + GetHashDigit(nObjectHash, nLevel) * sizeof(nEntry), &nEntry, sizeof(nEntry));
+    if (m_bNodeCrcs) {
+      const std::uint32_t nCrc = m_Crc.Of(At.nNode, pRun, SlotsSize(nLevel));
+      std::memcpy(pRun + SlotsSize(nLevel), &nCrc, sizeof(nCrc));
+    }
+    Descend(&At, nNode);
+    pRun += NodeSize(nLevel);
+    nNode = nNext;
+  }
+  return At;
 }
 
 ResultCode HashTree::Detach(const Place& At, std::uint64_t nHash) {
@@ -232,7 +264,7 @@ ResultCode HashTree::BT_GetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nP
     return ReadEntry(nNodeOffset, nEntryNo, pOffset);
   }
 
-  const auto nSlotsSize = static_cast<std::uint32_t>(SlotsOnLevel(nLevel) * sizeof(tODB_BT_OFFSET));
+  const std::uint32_t nSlotsSize = SlotsSize(nLevel);
   const std::uint32_t nCrcOffset = nNodeOffset + nSlotsSize;
   tODB_BT_OFFSET Slots[kRootSlots];
   const ResultCode nCode = ReadEntries(nNodeOffset, nSlotsSize, Slots);
@@ -276,28 +308,36 @@ ResultCode HashTree::BT_SetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nP
   nPreviousOffset &= ~kChildBit;
   if (nNodeOffset < FirstNodeOffset) return errPARAMETER_INVALID;
   if (!m_bNodeCrcs) return WriteEntry(nNodeOffset, nEntryNo, nOffset);
-  const auto nSlotsSize = static_cast<std::uint32_t>(SlotsOnLevel(nLevel) * sizeof(tODB_BT_OFFSET));
-  tODB_BT_OFFSET Slots[kRootSlots];
-  ResultCode nCode = ReadEntries(nNodeOffset, nSlotsSize, Slots);
+  tODB_BT_OFFSET Node[kRootSlots + 1];  // with the CRC behind the slots
+  ResultCode nCode = ReadEntries(nNodeOffset, SlotsSize(nLevel), Node);
   if (Failed(nCode)) return nCode;
-  const tODB_BT_OFFSET nOldOffset = std::exchange(Slots[nEntryNo], nOffset);
-  nCode = WriteNodeCrc(nNodeOffset, nSlotsSize, m_Crc.Of(nPreviousOffset, Slots, nSlotsSize));
-  if (Succeeded(nCode)) nCode = WriteEntry(nNodeOffset, nEntryNo, nOffset);
+  const auto Seal = [&] {
+    Node[SlotsOnLevel(nLevel)] = m_Crc.Of(nPreviousOffset, Node, SlotsSize(nLevel));
+  };
+  const tODB_BT_OFFSET nOldOffset = std::exchange(Node[nEntryNo], nOffset);
+  Seal();
+  nCode = WriteChecked(nNodeOffset, nLevel, nEntryNo, Node);
   if (Succeeded(nCode)) return errOK;
-  // The CRC that fits the slots again, as far as it can be written: otherwise one failed call costs the whole node.
-  Slots[nEntryNo] = nOldOffset;
-  const std::uint32_t nOldCrc = m_Crc.Of(nPreviousOffset, Slots, nSlotsSize);
+  // The slot and the CRC that were there, as far as they can be written: otherwise one failed call costs the whole
+  // node.
+  Node[nEntryNo] = nOldOffset;
+  Seal();
   std::uint32_t nWritten = 0;
-  BT_SeekWrite(std::uint64_t{nNodeOffset} + nSlotsSize, &nOldCrc, sizeof(nOldCrc), &nWritten);
+  BT_SeekWrite(nNodeOffset + nEntryNo * sizeof(tODB_BT_OFFSET), Node + nEntryNo,
+               NodeSize(nLevel) - nEntryNo * static_cast<std::uint32_t>(sizeof(tODB_BT_OFFSET)), &nWritten);
   return nCode;
 }
 
-ResultCode HashTree::WriteNodeCrc(std::uint32_t nNodeOffset, std::uint32_t nSlotsSize, std::uint32_t nCrc) {
-  std::uint32_t nRead = 0;
-  if (!BT_SeekWrite(nNodeOffset + nSlotsSize, &nCrc, sizeof(nCrc), &nRead))
+// The CRC first, and the slot. Below the root, whose slots fill a KiB, both are close together and go in one write.
+ResultCode HashTree::WriteChecked(std::uint32_t nNodeOffset, std::uint32_t nLevel, std::uint32_t nEntryNo,
+                                  const tODB_BT_OFFSET* Node) {
+  const std::uint32_t nFirst = nLevel == 0 ? SlotsOnLevel(0) : nEntryNo;
+  const std::uint32_t nAt = nFirst * static_cast<std::uint32_t>(sizeof(tODB_BT_OFFSET));
+  std::uint32_t nWritten = 0;
+  if (!BT_SeekWrite(nNodeOffset + nAt, Node + nFirst, NodeSize(nLevel) - nAt, &nWritten))
     return FailedCheck("BT_SeekWrite(nNodeOffset+offsetsSize, &crc32, sizeof(crc32), &bytes)", errWRITE_FAILED);
-  if (nRead != sizeof(nCrc)) return FailedCheck("bytes == sizeof(crc32)", errWRITE_FAILED);
-  return errOK;
+  if (nWritten != NodeSize(nLevel) - nAt) return FailedCheck("bytes == sizeof(crc32)", errWRITE_FAILED);
+  return nLevel == 0 ? WriteEntry(nNodeOffset, nEntryNo, Node[nEntryNo]) : errOK;
 }
 
 ResultCode HashTree::WriteEntry(std::uint32_t nNodeOffset, std::uint32_t nEntryNo, tODB_BT_OFFSET nOffset) {
@@ -310,9 +350,9 @@ ResultCode HashTree::WriteEntry(std::uint32_t nNodeOffset, std::uint32_t nEntryN
 }
 
 ResultCode HashTree::BT_AddNode(std::uint32_t nLevel, std::uint32_t nPreviousOffset, std::uint32_t* pnNodeOffset) {
-  const auto nSlotsSize = static_cast<std::uint32_t>(SlotsOnLevel(nLevel) * sizeof(tODB_BT_OFFSET));
+  const std::uint32_t nSlotsSize = SlotsSize(nLevel);
   std::uint64_t nOldSize = 0;
-  const ResultCode nCode = BT_ExtendDB(nSlotsSize + CrcSize(), &nOldSize);
+  const ResultCode nCode = BT_ExtendDB(NodeSize(nLevel), &nOldSize);
   if (Failed(nCode)) return nCode;
   auto nNodeOffset = static_cast<std::uint32_t>(nOldSize);
   *pnNodeOffset = nNodeOffset;
@@ -350,7 +390,7 @@ ResultCode HashTree::BT_ExtendDB(std::uint32_t nAdded, std::uint64_t* pnOldSize)
 // ---- The head in memory -----------------------------------------------------------------------------------
 
 bool HashTree::BT_SeekRead(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead) {
-  if (nOffset + nSize > m_nBtHeadSize) return m_pFile->SeekRead(nOffset, pBuffer, nSize, pnRead);
+  if (nOffset + nSize > m_nBtHeadSize) return m_File.SeekRead(nOffset, pBuffer, nSize, pnRead);
   if (m_btHead.empty()) {
     m_btHead.resize(m_nBtHeadSize);
     std::uint32_t nHeld = 0;
@@ -367,7 +407,7 @@ bool HashTree::BT_SeekRead(std::uint64_t nOffset, void* pBuffer, std::uint32_t n
 }
 
 bool HashTree::BT_SeekWrite(std::uint64_t nOffset, const void* pData, std::uint32_t nSize, std::uint32_t* pnWritten) {
-  if (!m_pFile->SeekWrite(nOffset, pData, nSize, pnWritten)) return false;
+  if (!m_File.SeekWrite(nOffset, pData, nSize, pnWritten)) return false;
   if (nOffset >= m_nBtHeadSize || m_btHead.empty()) return true;  // an unread head stays so: the next read fills it
   const auto nStart = static_cast<std::size_t>(nOffset);
   const auto nEnd = static_cast<std::size_t>(std::min<std::uint64_t>(nOffset + nSize, m_nBtHeadSize));

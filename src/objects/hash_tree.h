@@ -15,6 +15,7 @@
 #include "format/data_crc.h"
 #include "format/tree_file.h"
 #include "lumbra/result_code.h"
+#include "objects/block_table.h"
 #include "platform/file_content.h"
 #include "platform/storage_file.h"
 
@@ -35,6 +36,9 @@ class HashTree {
     std::uint32_t nGrandparent = 0;
     std::uint32_t nLevel = 0;
   };
+
+  // With a table, whose owner's lock serialises the calls, what lies beyond the head is read through its blocks.
+  explicit HashTree(BlockTable* pBlocks = nullptr, std::uint32_t nFile = 0) : m_File(pBlocks, nFile) {}
 
   // Opens the file, which stays the caller's and must outlive the use. A wrong recorded size is replaced by
   // the real one; a damaged header or root starts the tree anew, empty. After a failure nothing is open, and a file
@@ -69,14 +73,22 @@ class HashTree {
   ResultCode WriteSlot(const Place& At, std::uint64_t nHash, tODB_BT_OFFSET nEntry);
   static void Descend(Place* pAt, tODB_BT_OFFSET nChild);
 
-  // Moves the slot's object, of another hash, into a new child node and descends into that.
+  // Moves the slot's object, of another hash, into a new child node, below so many more that the two hashes part there,
+  // and descends into that.
   ResultCode Split(Place* pAt, std::uint64_t nHash, std::uint64_t nOtherHash, std::uint32_t nOtherShortId);
 
   // Empties the parent's slot that leads to a broken node. errPARAMETER_INVALID at the root.
   ResultCode Detach(const Place& At, std::uint64_t nHash);
 
  private:
+  // More than all nodes below the root take that stand one below the other.
+  static constexpr std::uint32_t kMaxRunSize = 1024;
+
   std::uint32_t CrcSize() const { return m_bNodeCrcs ? kCrcSize : 0; }
+  static std::uint32_t SlotsSize(std::uint32_t nLevel) {
+    return SlotsOnLevel(nLevel) * static_cast<std::uint32_t>(sizeof(tODB_BT_OFFSET));
+  }
+  std::uint32_t NodeSize(std::uint32_t nLevel) const { return SlotsSize(nLevel) + CrcSize(); }
   std::uint32_t RootEnd() const { return FirstNodeOffset + kRootSlots * sizeof(tODB_BT_OFFSET) + CrcSize(); }
 
   FileContent LookAtHeader();
@@ -93,8 +105,11 @@ class HashTree {
   ResultCode ReadEntries(std::uint32_t nNodeOffset, std::uint32_t nSlotsSize, tODB_BT_OFFSET* Slots);
   ResultCode BT_SetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nPreviousOffset, std::uint32_t nLevel,
                              std::uint32_t nEntryNo, tODB_BT_OFFSET nOffset);
-  ResultCode WriteNodeCrc(std::uint32_t nNodeOffset, std::uint32_t nSlotsSize, std::uint32_t nCrc);
   ResultCode WriteEntry(std::uint32_t nNodeOffset, std::uint32_t nEntryNo, tODB_BT_OFFSET nOffset);
+  ResultCode WriteChecked(std::uint32_t nNodeOffset, std::uint32_t nLevel, std::uint32_t nEntryNo,
+                          const tODB_BT_OFFSET* Node);
+  Place BuildRun(Place At, std::uint32_t nLast, std::uint32_t nNode, std::uint64_t nObjectHash, std::uint32_t nShortId,
+                 std::uint8_t* pRun) const;
   ResultCode BT_AddNode(std::uint32_t nLevel, std::uint32_t nPreviousOffset, std::uint32_t* pnNodeOffset);
   ResultCode BT_ExtendDB(std::uint32_t nAdded, std::uint64_t* pnOldSize);
 
@@ -108,6 +123,7 @@ class HashTree {
   }
 
   StorageFile* m_pFile = nullptr;
+  BlockFile m_File;  // the same
   Options m_Use{};
   tODB_BT_HEADER m_Header{};        // what Look read, with the size that it should have
   bool m_bHeaderMended = false;     // the size in the file is another one: Take writes m_Header

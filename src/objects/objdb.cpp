@@ -57,7 +57,8 @@ ResultCode ObjectDB::Open(std::uint32_t nNumber, ObjectFiles& Files, TreeHead He
   m_nSizeID = m_IdDB.OpenFileSize();
   m_nSizeDT = 0;
   m_bSizeKnownDT = false;
-  KnowsDataSize();  // otherwise it is asked for again when it is needed
+  m_bEndKnownDT = KnowsDataSize();  // otherwise it is asked for again when it is needed
+  m_Data.Use(m_pFileData.get(), m_bEndKnownDT ? m_nSizeDT : UINT64_MAX);
   return errOK;
 }
 
@@ -100,6 +101,7 @@ ResultCode ObjectDB::WriteMagic(StorageFile& File) {
 ResultCode ObjectDB::Close() {
   const os::Hold Hold(m_Lock);
   m_Cache.Clear();
+  m_Data.Use(nullptr);
   m_Tree.Close();
   m_pFileBT.reset();
   m_pFileData.reset();
@@ -338,17 +340,29 @@ ResultCode ObjectDB::AppendName(const NewObject& Object, std::uint32_t* pnOffset
 }
 
 ResultCode ObjectDB::AppendData(const void* pData, std::uint32_t nDataSize, std::uint32_t* pnOffset) {
-  std::uint64_t nOffset = 0;
+  std::uint64_t nOffset = m_nSizeDT;
   std::uint32_t nWritten = 0;
-  if (!m_pFileData->GetSize(&nOffset)) return FailedCheck("m_pFileData->GetSize(&nOffset)", errWRITE_FAILED);
+  if (!m_bEndKnownDT && !m_pFileData->GetSize(&nOffset))
+    return FailedCheck("m_pFileData->GetSize(&nOffset)", errWRITE_FAILED);
   if (nOffset + nDataSize > kMaxDataFileSize) return errOUT_OF_SPACE;
-  if (!m_pFileData->SeekWrite(nOffset, pData, nDataSize, &nWritten))
+  if (!WriteData(nOffset, pData, nDataSize, &nWritten))
     return FailedCheck("m_pFileData->SeekWrite(nOffset, pData, nDataSize, &bytesWritten)", errWRITE_FAILED);
   if (ChecksByteCounts() && nDataSize != nWritten) return FailedCheck("nDataSize == bytesWritten", errWRITE_FAILED);
   m_bSizeKnownDT = true;
+  m_bEndKnownDT = nWritten == nDataSize;
   m_nSizeDT = nOffset + nDataSize;  // from the file: a write that failed may have left bytes before this one
   *pnOffset = static_cast<std::uint32_t>(nOffset);
   return errOK;
+}
+
+// The file is ours alone, so its end is where our writes have put it. After one that failed or came up short the system
+// is asked.
+bool ObjectDB::WriteData(std::uint64_t nOffset, const void* pData, std::uint32_t nSize, std::uint32_t* pnWritten) {
+  std::uint32_t nWritten = 0;
+  const bool bWritten = m_Data.SeekWrite(nOffset, pData, nSize, &nWritten);
+  m_bEndKnownDT = m_bEndKnownDT && bWritten && nWritten == nSize;
+  if (bWritten && pnWritten != nullptr) *pnWritten = nWritten;
+  return bWritten;
 }
 
 // ---- Names ------------------------------------------------------------------------------------------------
@@ -385,7 +399,7 @@ ResultCode ObjectDB::ReadNameOf(const tODB_ID_ENTRY& Entry, std::span<std::uint8
     if (Failed(nRead)) return nRead;
   } else {
     std::uint32_t nRead = 0;
-    const bool bRead = m_pFileData->SeekRead(Entry.nName, Name.data(), nSize, &nRead);
+    const bool bRead = m_Data.SeekRead(Entry.nName, Name.data(), nSize, &nRead);
     if (!bRead || nRead != nSize) return DataReadErrorCode(std::uint64_t{Entry.nName} + nRead);
   }
   return nSize < Entry.nNameSize ? errBUFFER_TOO_SMALL : errOK;
@@ -398,7 +412,7 @@ ResultCode ObjectDB::ReadCheckedName(const tODB_ID_ENTRY& Entry, std::span<std::
   NameBuffer Buffer;
   if (!Buffer.Resize(nWanted)) return errOUT_OF_MEMORY;
   std::uint32_t nRead = 0;
-  if (!m_pFileData->SeekRead(Entry.nName, Buffer.Get(), nWanted, &nRead))
+  if (!m_Data.SeekRead(Entry.nName, Buffer.Get(), nWanted, &nRead))
     return FailedCheck("m_pFileData->SeekRead(object_entry.nName, buffer.Get(), bytesToRead, &bytesRead)",
                        DataReadErrorCode(Entry.nName));
   if (nRead != nWanted)

@@ -21,6 +21,7 @@
 #include "format/data_crc.h"
 #include "format/object_files.h"
 #include "lumbra/result_code.h"
+#include "objects/block_table.h"
 #include "objects/hash_tree.h"
 #include "objects/object_cache.h"
 #include "objects/plaindb.h"
@@ -188,7 +189,9 @@ class ObjectDB {
   ResultCode AddObject(const NewObject& Object, tObjectId* pId, tODB_ID_ENTRY* pEntry) REQUIRES(m_Lock);
   ResultCode AppendName(const NewObject& Object, std::uint32_t* pnOffset) REQUIRES(m_Lock);
   ResultCode AppendData(const void* pData, std::uint32_t nDataSize, std::uint32_t* pnOffset) REQUIRES(m_Lock);
-  ResultCode ZeroFill(StorageFile* pFile, std::uint64_t nOffset, std::uint32_t nCount) REQUIRES(m_Lock);
+  ResultCode ZeroFill(std::uint64_t nOffset, std::uint32_t nCount) REQUIRES(m_Lock);
+  bool WriteData(std::uint64_t nOffset, const void* pData, std::uint32_t nSize, std::uint32_t* pnWritten)
+      REQUIRES(m_Lock);
   ResultCode FindOrInsert(const NewObject& Object, bool bForce, tObjectId* pId, bool* pbExisted) REQUIRES(m_Lock);
   ResultCode WalkToSlot(std::uint64_t nHash, bool bForce, HashTree::Place* pAt, tObjectId* pFound) REQUIRES(m_Lock);
   ResultCode CreateInSlot(const HashTree::Place& At, const NewObject& Object, bool bReplaces, tObjectId* pId)
@@ -253,11 +256,14 @@ class ObjectDB {
   DataCrc m_Crc GUARDED_BY(m_Lock);
   std::unique_ptr<StorageFile> m_pFileBT GUARDED_BY(m_Lock);
   std::unique_ptr<StorageFile> m_pFileData GUARDED_BY(m_Lock);
-  HashTree m_Tree GUARDED_BY(m_Lock);
-  PlainDB m_IdDB GUARDED_BY(m_Lock);
+  BlockTable m_Blocks GUARDED_BY(m_Lock){m_Lock};
+  BlockFile m_Data GUARDED_BY(m_Lock){&m_Blocks, 0};  // m_pFileData
+  HashTree m_Tree GUARDED_BY(m_Lock){&m_Blocks, 1};
+  PlainDB m_IdDB GUARDED_BY(m_Lock){&m_Blocks, 2};
   std::uint64_t m_nSizeID GUARDED_BY(m_Lock) = 0;  // sizes of the id and data files; the tree keeps its own
   std::uint64_t m_nSizeDT GUARDED_BY(m_Lock) = 0;
   bool m_bSizeKnownDT GUARDED_BY(m_Lock) = false;
+  bool m_bEndKnownDT GUARDED_BY(m_Lock) = false;  // m_nSizeDT is the end of the file: no write left a part of itself
   TreeRefill m_Refill GUARDED_BY(m_Lock);
   ObjectCache m_Cache GUARDED_BY(m_Lock);
 };

@@ -91,7 +91,7 @@ ResultCode ObjectDB::CheckName(const tODB_ID_ENTRY& Entry) {
   NameBuffer Buffer;
   if (!Buffer.Resize(nWanted)) return errOUT_OF_MEMORY;
   std::uint32_t nRead = 0;
-  if (!m_pFileData->SeekRead(Entry.nName, Buffer.Get(), nWanted, &nRead))
+  if (!m_Data.SeekRead(Entry.nName, Buffer.Get(), nWanted, &nRead))
     return FailedCheck("m_pFileData->SeekRead(objectEntry.nName, buffer.Get(), bytesToRead, &bytesRead)",
                        DataReadErrorCode(Entry.nName));
   if (nRead != nWanted)
@@ -110,7 +110,7 @@ ResultCode ObjectDB::CheckData(std::uint64_t nObjectId, const tODB_ID_ENTRY& Ent
   DataEntries Entries;
   tODB_DATA_ENTRY* const dataEntries = Entries.Items;
   std::uint32_t nRead = 0;
-  if (!m_pFileData->SeekRead(Entry.nDataEntriesOffset, dataEntries, nArraySize, &nRead))
+  if (!m_Data.SeekRead(Entry.nDataEntriesOffset, dataEntries, nArraySize, &nRead))
     return FailedCheck(
         "m_pFileData->SeekRead(objectEntry.nDataEntriesOffset, dataEntries, dataEntriesBytesCount, &bytesRead)",
         errREAD_FAILED);
@@ -131,7 +131,7 @@ ResultCode ObjectDB::CheckData(std::uint64_t nObjectId, const tODB_ID_ENTRY& Ent
     if (nOffset + nWanted > m_nSizeDT) return FailedCheck("bytesRead == bytesToRead", errDATA_CORRUPTED);
     BlockBuffer Buffer;
     if (!Buffer.Resize(nWanted)) return errOUT_OF_MEMORY;
-    if (!m_pFileData->SeekRead(dataEntries[nEntry].nDataOffset, Buffer.Get(), nWanted, &nRead))
+    if (!m_Data.SeekRead(dataEntries[nEntry].nDataOffset, Buffer.Get(), nWanted, &nRead))
       return FailedCheck(
           "m_pFileData->SeekRead(dataEntries[nEntry].nDataOffset, buffer.Get(), bytesToRead, &bytesRead)",
           DataReadErrorCode(nOffset));
@@ -224,6 +224,7 @@ ResultCode ObjectDB::FinishRefill() {
 // Failed writes may have left a damaged node in the tree. It is then filled from the start within the same attempt: to
 // the quick check the answer errDATA_CORRUPTED would mean that the store is damaged.
 ResultCode ObjectDB::ContinueRefill() {
+  const BlockTable::Passing Passing(m_Blocks);  // all records, once: what is used stays
   const ResultCode nCode = RefillRest();
   const bool bDamaged = nCode == errDATA_CORRUPTED && m_Refill.Next == TreeRefill::Step::StartTreeAnew;
   return bDamaged ? RefillRest() : nCode;

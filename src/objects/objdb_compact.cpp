@@ -48,6 +48,7 @@ class ObjectDB::Compaction {
 
 ResultCode ObjectDB::Compact(std::unique_ptr<StorageFile>& pNewIds, StorageFile& NewData) {
   const os::Hold Hold(m_Lock);
+  const BlockTable::Passing Passing(m_Blocks);  // all there is, once: what is used stays
   PlainDB NewIds;
   const StorageFile* const pIds = pNewIds.get();
   if (!NewIds.Open(pNewIds, sizeof(tODB_ID_ENTRY), ChecksByteCounts())) return errOPEN_FAILED;
@@ -213,7 +214,7 @@ ResultCode ObjectDB::Compaction::CopyBlock(std::uint64_t nIndex, tODB_DATA_ENTRY
 // Reads from the live data file; a short read is a failure.
 bool ObjectDB::Compaction::ReadLive(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize) {
   std::uint32_t nRead = 0;
-  return m_Live.m_pFileData->SeekRead(nOffset, pBuffer, nSize, &nRead) && nRead == nSize;
+  return m_Live.m_Data.SeekRead(nOffset, pBuffer, nSize, &nRead) && nRead == nSize;
 }
 
 ResultCode ObjectDB::Compaction::Append(const void* pData, std::uint32_t nSize, std::uint32_t* pnOffset) {

@@ -70,7 +70,7 @@ ResultCode ObjectDB::ReadDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY& E
   pEntries->nCount = Entry.nDataEntriesCount;
   const std::uint32_t nWanted = ArraySize(Entry.nDataEntriesCount);
   std::uint32_t nRead = 0;
-  if (!m_pFileData->SeekRead(Entry.nDataEntriesOffset, pEntries->Items, nWanted, &nRead))
+  if (!m_Data.SeekRead(Entry.nDataEntriesOffset, pEntries->Items, nWanted, &nRead))
     return FailedCheck("m_pFileData->SeekRead(object_entry.nDataEntriesOffset, data_entries, bytesToRead, &bytesRead)",
                        DataReadErrorCode(Entry.nDataEntriesOffset));
   if (nWanted != nRead)
@@ -97,7 +97,7 @@ ResultCode ObjectDB::CheckBlockInFile(const tODB_DATA_ENTRY* pItem, std::uint32_
 // Reads a block's stored bytes and takes the mask off.
 ResultCode ObjectDB::ReadPlainBlock(const tODB_DATA_ENTRY* pItem, std::uint8_t* pBlock, std::uint32_t nDataSize) {
   std::uint32_t nRead = 0;
-  if (!m_pFileData->SeekRead(pItem->nDataOffset, pBlock, nDataSize, &nRead))
+  if (!m_Data.SeekRead(pItem->nDataOffset, pBlock, nDataSize, &nRead))
     return FailedCheck("m_pFileData->SeekRead(pde->nDataOffset, readBuf, nDataSize, &bytesRead)",
                        DataReadErrorCode(pItem->nDataOffset));
   if (nDataSize != nRead)
@@ -203,7 +203,7 @@ ResultCode ObjectDB::MoveBlock(tObjectId nObjectId, const tODB_ID_ENTRY& Entry, 
   pItem->nDataSize = DataSize{Block.size(), Block.size()}.Encode();
   nCode = StoreDataEntry(nObjectId, Entry, pEntries, nEntry);
   if (Failed(nCode) || !bOldInFile) return nCode;
-  return ZeroFill(m_pFileData.get(), Old.nDataOffset, DataSize::Decode(Old.nDataSize).nStored);
+  return ZeroFill(Old.nDataOffset, DataSize::Decode(Old.nDataSize).nStored);
 }
 
 // Writes a block into the room of the old one. One of another size can be read only through its new entry, and the old
@@ -219,7 +219,7 @@ ResultCode ObjectDB::RewriteBlock(tObjectId nObjectId, const tODB_ID_ENTRY& Entr
   std::uint32_t nReplaced = 0;
   if (!Replaced.Resize(std::min(nOldStored, Block.size()))) return errOUT_OF_MEMORY;
   // A block that cannot be read may be replaced all the same; then there is nothing to put back.
-  (void)m_pFileData->SeekRead(nOffset, Replaced.Get(), Replaced.size(), &nReplaced);
+  (void)m_Data.SeekRead(nOffset, Replaced.Get(), Replaced.size(), &nReplaced);
   ResultCode nCode = OverwriteBlock(pItem, Block);
   if (Succeeded(nCode)) {
     pItem->nDataSize = DataSize{Block.size(), nRoom}.Encode();
@@ -228,13 +228,13 @@ ResultCode ObjectDB::RewriteBlock(tObjectId nObjectId, const tODB_ID_ENTRY& Entr
     nCode = StoreDataEntry(nObjectId, Entry, pEntries, nEntry);
   }
   // The answer is the first failure, also when this write fails as well.
-  if (Failed(nCode)) (void)m_pFileData->SeekWrite(nOffset, Replaced.Get(), nReplaced, nullptr);
+  if (Failed(nCode)) (void)WriteData(nOffset, Replaced.Get(), nReplaced, nullptr);
   return nCode;
 }
 
 ResultCode ObjectDB::OverwriteBlock(const tODB_DATA_ENTRY* pItem, ByteView Block) {
   std::uint32_t nWritten = 0;
-  if (!m_pFileData->SeekWrite(pItem->nDataOffset, Block.begin(), Block.size(), &nWritten))
+  if (!WriteData(pItem->nDataOffset, Block.begin(), Block.size(), &nWritten))
     return FailedCheck(
         "m_pFileData->SeekWrite(pde->nDataOffset, dataToWrite.begin(), dataToWrite.size(), &bytesWritten)",
         errWRITE_FAILED);
@@ -256,7 +256,7 @@ ResultCode ObjectDB::StoreDataEntry(tObjectId nObjectId, const tODB_ID_ENTRY& En
   if (Has(featureArrayCrc)) {
     SealDataEntries(nObjectId, pEntries);
     const std::uint32_t nSize = ArraySize(pEntries->nCount);
-    if (!m_pFileData->SeekWrite(Entry.nDataEntriesOffset, pEntries->Items, nSize, &nWritten))
+    if (!WriteData(Entry.nDataEntriesOffset, pEntries->Items, nSize, &nWritten))
       return FailedCheck(
           "m_pFileData->SeekWrite(object_entry.nDataEntriesOffset, data_entries, sizeToWrite, &bytesWritten)",
           errWRITE_FAILED);
@@ -264,8 +264,8 @@ ResultCode ObjectDB::StoreDataEntry(tObjectId nObjectId, const tODB_ID_ENTRY& En
     return errOK;
   }
   const tODB_DATA_ENTRY* const pItem = &pEntries->Items[nEntry];
-  if (!m_pFileData->SeekWrite(Entry.nDataEntriesOffset + nEntry * sizeof(tODB_DATA_ENTRY), pItem,
-                              sizeof(tODB_DATA_ENTRY), &nWritten))
+  if (!WriteData(Entry.nDataEntriesOffset + nEntry * sizeof(tODB_DATA_ENTRY), pItem, sizeof(tODB_DATA_ENTRY),
+                 &nWritten))
     return FailedCheck(
         "m_pFileData->SeekWrite(object_entry.nDataEntriesOffset+nEntry*sizeof(tODB_DATA_ENTRY), pde, sizeof(tODB_DATA_ENTRY), &bytesWritten)",
         errWRITE_FAILED);
@@ -288,7 +288,7 @@ ResultCode ObjectDB::AppendDataEntries(tObjectId nObjectId, const tODB_ID_ENTRY&
   if (Failed(nCode)) return nCode;
   const bool bHadArray = Entry.nDataEntriesOffset != 0 && Entry.nDataEntriesCount >= 1;
   if (!bHadArray) return errOK;
-  return ZeroFill(m_pFileData.get(), Entry.nDataEntriesOffset, ArraySize(Entry.nDataEntriesCount));
+  return ZeroFill(Entry.nDataEntriesOffset, ArraySize(Entry.nDataEntriesCount));
 }
 
 // Puts the CRC behind the last entry, when the feature set has one there.
@@ -298,12 +298,12 @@ void ObjectDB::SealDataEntries(tObjectId nObjectId, DataEntries* pEntries) const
   std::memcpy(pEntries->Items + pEntries->nCount, &nCrc, sizeof(nCrc));
 }
 
-ResultCode ObjectDB::ZeroFill(StorageFile* pFile, std::uint64_t nOffset, std::uint32_t nCount) {
+ResultCode ObjectDB::ZeroFill(std::uint64_t nOffset, std::uint32_t nCount) {
   constexpr std::uint32_t kPiece = 512;
   constexpr std::uint8_t kZeros[kPiece] = {};
   while (nCount > 0) {
     const std::uint32_t n = nCount < kPiece ? nCount : kPiece;
-    if (!pFile->SeekWrite(nOffset, kZeros, n, nullptr))
+    if (!WriteData(nOffset, kZeros, n, nullptr))
       return FailedCheck("pFile->SeekWrite(nOffset, zeroes, n, NULL)", errWRITE_FAILED);
     nOffset += n;
     nCount -= n;

@@ -1,5 +1,6 @@
 #include "objects/plaindb.h"
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -55,6 +56,9 @@ bool PlainDB::Take(const FileContent& Found, std::unique_ptr<StorageFile>& pFile
                    bool bCheckedIfCreated) {
   if (Failed(Found.OrStartAnew([&] { return Recreate(*pFile, nUserRecordSize, bCheckedIfCreated); }))) return false;
   m_pFile = std::move(pFile);
+  m_File.Use(m_pFile.get(), m_nOpenFileSize);
+  m_nFileSize = m_nOpenFileSize;
+  m_bSizeKnown = Found.IsOurs();
   return true;
 }
 
@@ -70,6 +74,7 @@ ResultCode PlainDB::Recreate(StorageFile& File, std::uint32_t nUserRecordSize, b
 }
 
 bool PlainDB::Close() {
+  m_File.Use(nullptr);
   m_pFile.reset();
   return true;
 }
@@ -86,7 +91,8 @@ ResultCode PlainDB::FastConsistencyCheck() const {
 ResultCode PlainDB::AddRecord(const void* pData, std::uint32_t nDataSize, std::uint64_t* pnIndex) {
   if (pData == nullptr || nDataSize != UserRecordSize()) return errPARAMETER_INVALID;
   std::uint64_t nPosition = 0;
-  if (!m_pFile->GetSize(&nPosition)) return FailedCheck("m_pFile->GetSize(&pos)", errREAD_FAILED);
+  const ResultCode nMeasured = EndOfFile(&nPosition);
+  if (Failed(nMeasured)) return nMeasured;
   // From the file's size, not from the count: so the end of a torn append is overwritten.
   const std::uint64_t nIndex = RecordCountOfSize(nPosition, m_nRecordSize);
   if (nIndex >= kMaxRecords) return errTOO_MANY_RECORDS;
@@ -95,7 +101,7 @@ ResultCode PlainDB::AddRecord(const void* pData, std::uint32_t nDataSize, std::u
     const ResultCode nCode = WriteCheckedRecord(PositionOf(nIndex), pData, nDataSize);
     if (Failed(nCode)) return nCode;
   } else {
-    if (!m_pFile->SeekWrite(nPosition + sizeof(tPLAINDB_HEADER), pData, nDataSize, nullptr))
+    if (!WriteAt(nPosition + sizeof(tPLAINDB_HEADER), pData, nDataSize))
       return FailedCheck("m_pFile->SeekWrite(pos + sizeof(tPLAINDB_HEADER), pData, nDataSize, 0)", errWRITE_FAILED);
   }
   m_nRecordCount = nIndex + 1;
@@ -109,7 +115,24 @@ ResultCode PlainDB::WriteCheckedRecord(std::uint64_t nPosition, const void* pDat
   const std::uint32_t nCrc = Crc32(0, pData, nDataSize);
   std::memcpy(Record.Get(), pData, nDataSize);
   std::memcpy(Record.Get() + nDataSize, &nCrc, sizeof(nCrc));
-  return m_pFile->SeekWrite(nPosition, Record.Get(), Record.size(), nullptr) ? errOK : errWRITE_FAILED;
+  return WriteAt(nPosition, Record.Get(), Record.size()) ? errOK : errWRITE_FAILED;
+}
+
+// The file is ours alone, so its size is what our writes have made it. After one that failed or came up short the
+// system is asked.
+ResultCode PlainDB::EndOfFile(std::uint64_t* pnEnd) {
+  if (!m_bSizeKnown && !m_pFile->GetSize(&m_nFileSize)) return FailedCheck("m_pFile->GetSize(&pos)", errREAD_FAILED);
+  m_bSizeKnown = true;
+  *pnEnd = m_nFileSize;
+  return errOK;
+}
+
+bool PlainDB::WriteAt(std::uint64_t nPosition, const void* pData, std::uint32_t nSize) {
+  std::uint32_t nWritten = 0;
+  const bool bWritten = m_File.SeekWrite(nPosition, pData, nSize, &nWritten);
+  m_bSizeKnown = m_bSizeKnown && bWritten && nWritten == nSize;
+  m_nFileSize = std::max(m_nFileSize, nPosition + nSize);
+  return bWritten;
 }
 
 ResultCode PlainDB::SetRecord(std::uint64_t nIndex, const void* pData, std::uint32_t nDataSize) {
@@ -117,7 +140,7 @@ ResultCode PlainDB::SetRecord(std::uint64_t nIndex, const void* pData, std::uint
   if (nIndex >= m_nRecordCount) return errNOT_FOUND;
   const std::uint64_t nPosition = PositionOf(nIndex);
   if (m_bChecked) return WriteCheckedRecord(nPosition, pData, nDataSize);
-  if (!m_pFile->SeekWrite(nPosition, pData, nDataSize, nullptr))
+  if (!WriteAt(nPosition, pData, nDataSize))
     return FailedCheck("m_pFile->SeekWrite(pos, pData, nDataSize, 0)", errWRITE_FAILED);
   return errOK;
 }
@@ -135,7 +158,7 @@ ResultCode PlainDB::GetUncheckedRecord(std::uint64_t nIndex, void* pDataBuff, st
   if (nPosition + nDataBuffSize > GetSize() + sizeof(tPLAINDB_HEADER))
     return FailedCheck("(pos + nDataBuffSize <= GetSize() + sizeof(tPLAINDB_HEADER))", errDATA_CORRUPTED);
   std::uint32_t nRead = 0;
-  if (!m_pFile->SeekRead(nPosition, pDataBuff, nDataBuffSize, &nRead))
+  if (!m_File.SeekRead(nPosition, pDataBuff, nDataBuffSize, &nRead))
     return FailedCheck("m_pFile->SeekRead(pos, pDataBuff, nDataBuffSize, &bytesRead)", errREAD_FAILED);
   if (m_nRecordSize != nRead) return FailedCheck("(m_nRecordSize == bytesRead)", errREAD_FAILED);
   return errOK;
@@ -148,7 +171,7 @@ ResultCode PlainDB::GetCheckedRecord(std::uint64_t nIndex, void* pDataBuff) {
   if (nPosition + m_nRecordSize > GetSize() + sizeof(tPLAINDB_HEADER))
     return FailedCheck("(pos + m_nRecordSize <= GetSize() + sizeof(tPLAINDB_HEADER))", errDATA_CORRUPTED);
   std::uint32_t nRead = 0;
-  if (!m_pFile->SeekRead(nPosition, Record.Get(), m_nRecordSize, &nRead))
+  if (!m_File.SeekRead(nPosition, Record.Get(), m_nRecordSize, &nRead))
     return FailedCheck("m_pFile->SeekRead(pos, localBuffer.Get(), m_nRecordSize, &bytesRead)", errREAD_FAILED);
   if (m_nRecordSize != nRead) return FailedCheck("(m_nRecordSize == bytesRead)", errREAD_FAILED);
   std::memcpy(pDataBuff, Record.Get(), UserRecordSize());
@@ -166,7 +189,7 @@ ResultCode PlainDB::GetRecords(std::uint64_t nFirst, void* pDataBuff, std::uint3
   if (nFirst >= kMaxRecords) nDataBuffSize = 0;  // no record stands there, and the position would not fit
   if (m_bChecked) return GetCheckedRecords(nFirst, pDataBuff, nDataBuffSize, pnCount);
   std::uint32_t nRead = 0;
-  m_bReadFailed = !m_pFile->SeekRead(PositionOf(nFirst), pDataBuff, nDataBuffSize, &nRead);
+  m_bReadFailed = !m_File.SeekRead(PositionOf(nFirst), pDataBuff, nDataBuffSize, &nRead);
   if (pnCount != nullptr) *pnCount = m_bReadFailed ? 0 : nRead / m_nRecordSize;
   return errOK;
 }
@@ -179,13 +202,13 @@ ResultCode PlainDB::GetCheckedRecords(std::uint64_t nFirst, void* pDataBuff, std
   std::uint32_t nCount = 0;
   for (; nDataBuffSize >= nUserSize; nDataBuffSize -= nUserSize) {
     std::uint32_t nRead = 0;
-    m_bReadFailed = !m_pFile->SeekRead(nPosition, pCursor, nUserSize, &nRead);
+    m_bReadFailed = !m_File.SeekRead(nPosition, pCursor, nUserSize, &nRead);
     if (m_bReadFailed || nRead != nUserSize) break;
     if (nPosition + nUserSize + CheckedAdditionSize > GetSize() + sizeof(tPLAINDB_HEADER))
       return FailedCheck("(pos + UserRecordSize + CheckedAdditionSize <= GetSize() + sizeof(tPLAINDB_HEADER))",
                          errDATA_CORRUPTED);
     std::uint32_t nStoredCrc = 0;
-    if (!m_pFile->SeekRead(nPosition + nUserSize, &nStoredCrc, CheckedAdditionSize, &nRead))
+    if (!m_File.SeekRead(nPosition + nUserSize, &nStoredCrc, CheckedAdditionSize, &nRead))
       return FailedCheck("m_pFile->SeekRead(pos + UserRecordSize, &crc32Value, CheckedAdditionSize, &nDataRead)",
                          errREAD_FAILED);
     if (nRead != CheckedAdditionSize) return FailedCheck("nDataRead == CheckedAdditionSize", errREAD_FAILED);

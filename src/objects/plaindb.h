@@ -15,6 +15,7 @@
 #include "format/crc32.h"
 #include "format/record_file.h"
 #include "lumbra/result_code.h"
+#include "objects/block_table.h"
 #include "platform/file_content.h"
 #include "platform/storage_file.h"
 
@@ -25,7 +26,8 @@ class PlainDB {
   // Bytes that a checked record has behind the user's.
   static constexpr std::uint32_t CheckedAdditionSize = kCrcSize;
 
-  PlainDB() = default;
+  // With a table, whose owner's lock serialises the calls, records are read through its blocks.
+  explicit PlainDB(BlockTable* pBlocks = nullptr, std::uint32_t nFile = 0) : m_File(pBlocks, nFile) {}
   ~PlainDB() { Close(); }
   PlainDB(const PlainDB&) = delete;
   PlainDB& operator=(const PlainDB&) = delete;
@@ -79,7 +81,13 @@ class PlainDB {
   ResultCode GetCheckedRecords(std::uint64_t nFirst, void* pDataBuff, std::uint32_t nDataBuffSize,
                                std::uint32_t* pnCount);
 
+  ResultCode EndOfFile(std::uint64_t* pnEnd);
+  bool WriteAt(std::uint64_t nPosition, const void* pData, std::uint32_t nSize);
+
   std::unique_ptr<StorageFile> m_pFile;
+  BlockFile m_File;                  // the same
+  std::uint64_t m_nFileSize = 0;     // bytes, where it is known
+  bool m_bSizeKnown = false;         // not after a write that may have left a part of itself
   std::uint32_t m_nRecordSize = 0;   // as in the header
   std::uint64_t m_nRecordCount = 0;  // whole records
   bool m_bChecked = false;

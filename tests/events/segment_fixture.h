@@ -18,7 +18,7 @@ class SegmentWorld : public World {
 
   // Takes up the segment, or makes it anew.
   void Start(Segment::Files Which) {
-    m_pSegment = std::make_unique<Segment>(false);
+    m_pSegment = std::make_unique<Segment>(false, m_Lock, nullptr);
     Must(m_pSegment->Init(&m_Environment, 4, Which, kNumber, m_pGlobal.get()));
   }
 
@@ -46,6 +46,7 @@ class SegmentWorld : public World {
   }
 
   std::unique_ptr<ObjectDB> m_pGlobal;  // none, unless a test opens it
+  os::CriticalSection m_Lock;
   std::unique_ptr<Segment> m_pSegment;
   std::uint64_t m_nFound = 0;
 };

@@ -107,6 +107,7 @@ TEST_F(CompactTest, LeavesOutWhatCannotBeRead) {
 TEST_F(CompactTest, AnswersWhatFailed) {
   Start(kChecked, {0x0101}, "data");
   AllAnswer(errOPEN_FAILED, {{"the header of the records", Compact(SystemCall::WriteAt)}});
+  Open(kChecked);  // nothing is in memory
   AllAnswer(errREAD_FAILED, {{"a record", Compact(SystemCall::ReadAt, 1)}});
   AllAnswer(errWRITE_FAILED, {{"the magic", Compact(SystemCall::WriteAt, 1)},
                               {"a record", Compact(SystemCall::WriteAt, 5)},

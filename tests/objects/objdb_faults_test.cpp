@@ -90,13 +90,14 @@ TEST_F(ObjectDbFaultsTest, AFailedRewriteKeepsTheOldData) {
 // Where the old CRC can be written back, it does; where it cannot, nobody goes on with what a forced creation replaced.
 TEST_F(ObjectDbFaultsTest, AFailedSlotKeepsItsNode) {
   for (const std::uint64_t nFailures : {1u, 2u}) {  // the slot, behind name, record and CRC; and the old CRC
-    Start(kChecked, {0x0101, 0x0201});
-    ASSERT_EQ(Id(1), Find(0x0101));
+    Start(kChecked, {0x01, 0x02});
     FailCalls(SystemCall::WriteAt, os::kDiskFull, 3, nFailures);
-    EXPECT_CODE(errWRITE_FAILED, TryCreate(0x0301));
-    EXPECT_EQ(nFailures == 1 ? Id(2) : 0, Find(0x0201));
-    EXPECT_EQ(Id(4), Create(0x0101, true));
-    EXPECT_EQ(Id(4), Find(0x0101));
+    EXPECT_CODE(errWRITE_FAILED, TryCreate(0x03));
+    Open(kChecked);
+    EXPECT_EQ(nFailures == 1 ? Id(1) : 0, Find(0x01));
+    EXPECT_EQ(nFailures == 1 ? Id(2) : 0, Find(0x02));
+    EXPECT_EQ(Id(4), Create(0x01, true));
+    EXPECT_EQ(Id(4), Find(0x01));
   }
 }
 
