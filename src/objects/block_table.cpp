@@ -112,90 +112,79 @@ void BlockBudget::GiveBack(BlockTable& From, FileBlock* pBlock) {
 
 // ---- A table ----------------------------------------------------------------------------------------------
 
-FileBlock* BlockTable::Add(std::uint32_t nFile, std::uint64_t nNumber) {
-  if (m_nPassing != 0) return nullptr;
+BlockTable::Entry* BlockTable::Add(std::uint32_t nFile, std::uint64_t nNumber) {
+  if (m_nPassing != 0 || nNumber >= kMaxBlocks) return nullptr;
   FileBlock* const pBlock = BlockBudget::Take(*this);
   if (pBlock == nullptr) return nullptr;
-  if (m_nBlocks >= m_Buckets.size() && !Widen()) {
+  if (m_nBlocks >= m_Entries.size() / 2 && !Widen()) {
     BlockBudget::GiveBack(*this, pBlock);
     return nullptr;
   }
-  pBlock->nKey = KeyOf(nFile, nNumber);
-  pBlock->nValid = 0;
-  Insert(pBlock);
-  return pBlock;
+  const std::uint32_t nKey = KeyOf(nFile, nNumber);
+  Entry& Added = EntryOf(nKey);
+  Added = {pBlock, nKey, 0, false};
+  ++m_nBlocks;
+  return &Added;
 }
 
-void BlockTable::Drop(FileBlock* pBlock) {
-  Remove(pBlock);
+void BlockTable::Drop(Entry* pEntry) {
+  FileBlock* const pBlock = Remove(static_cast<std::size_t>(pEntry - m_Entries.data()));
   BlockBudget::GiveBack(*this, pBlock);
 }
 
+// Until a pass finds none: a removal may move an entry from before the place where the pass is to one behind it.
 void BlockTable::DropFile(std::uint32_t nFile) {
-  for (FileBlock* pBlock = m_pOldest; pBlock != nullptr;) {
-    FileBlock* const pNewer = pBlock->pNewer;
-    if (pBlock->nKey % kMaxFiles == nFile) Drop(pBlock);
-    pBlock = pNewer;
+  for (bool bFound = true; bFound && m_nBlocks != 0;) {
+    bFound = false;
+    for (Entry& At : m_Entries) {
+      if (At.pBlock == nullptr || At.nKey % kMaxFiles != nFile) continue;
+      Drop(&At);
+      bFound = true;
+    }
   }
-  if (m_nBlocks == 0) std::vector<FileBlock*>().swap(m_Buckets);
+  if (m_nBlocks == 0) std::vector<Entry>().swap(m_Entries);
 }
 
 void BlockTable::Clear() {
-  while (m_pOldest != nullptr) Drop(m_pOldest);
-  std::vector<FileBlock*>().swap(m_Buckets);
+  for (std::uint32_t nFile = 0; nFile < kMaxFiles; ++nFile) DropFile(nFile);
 }
 
-// The block that was read first of those that were not used since the last look for one.
+// Null where there is none.
 FileBlock* BlockTable::TakeOldest() {
-  while (m_pOldest != nullptr && m_pOldest->bUsed) {
-    FileBlock* const pUsed = m_pOldest;
-    pUsed->bUsed = false;
-    Unlink(pUsed);
-    Append(pUsed);
+  if (m_nBlocks == 0) return nullptr;
+  for (;; m_nHand = Next(m_nHand)) {
+    Entry& At = m_Entries[m_nHand];
+    if (At.pBlock != nullptr && !std::exchange(At.bRead, false)) return Remove(m_nHand);
   }
-  FileBlock* const pOldest = m_pOldest;
-  if (pOldest != nullptr) Remove(pOldest);
-  return pOldest;
 }
 
-void BlockTable::Insert(FileBlock* pBlock) {
-  FileBlock*& pBucket = m_Buckets[BucketOf(pBlock->nKey)];
-  pBlock->pChain = std::exchange(pBucket, pBlock);
-  Append(pBlock);
-  ++m_nBlocks;
-}
-
-void BlockTable::Remove(FileBlock* pBlock) {
-  FileBlock** ppAt = &m_Buckets[BucketOf(pBlock->nKey)];
-  while (*ppAt != pBlock) ppAt = &(*ppAt)->pChain;
-  *ppAt = pBlock->pChain;
-  Unlink(pBlock);
+// Entries behind it that would no longer be found are moved up.
+FileBlock* BlockTable::Remove(std::size_t nAt) {
+  FileBlock* const pBlock = std::exchange(m_Entries[nAt].pBlock, nullptr);
   --m_nBlocks;
+  for (std::size_t nFrom = Next(nAt); m_Entries[nFrom].pBlock != nullptr; nFrom = Next(nFrom)) {
+    const std::size_t nMask = m_Entries.size() - 1;
+    const std::size_t nFromHome = (nFrom - HomeOf(m_Entries[nFrom].nKey)) & nMask;
+    if (nFromHome < ((nFrom - nAt) & nMask)) continue;  // its home lies behind the gap
+    m_Entries[nAt] = std::exchange(m_Entries[nFrom], Entry{});
+    nAt = nFrom;
+  }
+  return pBlock;
 }
 
-void BlockTable::Append(FileBlock* pBlock) {
-  pBlock->pOlder = std::exchange(m_pNewest, pBlock);
-  pBlock->pNewer = nullptr;
-  (pBlock->pOlder != nullptr ? pBlock->pOlder->pNewer : m_pOldest) = pBlock;
-}
-
-void BlockTable::Unlink(FileBlock* pBlock) {
-  (pBlock->pOlder != nullptr ? pBlock->pOlder->pNewer : m_pOldest) = pBlock->pNewer;
-  (pBlock->pNewer != nullptr ? pBlock->pNewer->pOlder : m_pNewest) = pBlock->pOlder;
-}
-
-// Twice the buckets; false where there are none at all. Longer chains are no reason not to read.
+// Twice the room; false where there is no memory for it.
 bool BlockTable::Widen() {
   constexpr std::size_t kFirst = 16;
+  std::vector<Entry> Old;
   try {
-    std::vector<FileBlock*> Wider(std::max(kFirst, m_Buckets.size() * 2), nullptr);
-    m_Buckets.swap(Wider);
+    Old.resize(std::max(kFirst, m_Entries.size() * 2));
   } catch (const std::bad_alloc&) {
-    return !m_Buckets.empty();
+    return false;
   }
-  for (FileBlock* pBlock = m_pOldest; pBlock != nullptr; pBlock = pBlock->pNewer) {
-    FileBlock*& pBucket = m_Buckets[BucketOf(pBlock->nKey)];
-    pBlock->pChain = std::exchange(pBucket, pBlock);
+  m_Entries.swap(Old);
+  m_nHand = 0;
+  for (const Entry& One : Old) {
+    if (One.pBlock != nullptr) EntryOf(One.nKey) = One;
   }
   return true;
 }
@@ -223,16 +212,16 @@ bool BlockFile::ReadBlocks(std::uint64_t nOffset, std::uint8_t* pBuffer, std::ui
     const auto nStart = static_cast<std::uint32_t>(nAt % FileBlock::kSize);
     const std::uint32_t nWanted = std::min(nLeft, FileBlock::kSize - nStart);
     bool bFailed = false;
-    const FileBlock* const pBlock = HoldBlock(nAt / FileBlock::kSize, nStart + nWanted, &bFailed);
+    const BlockTable::Entry* const pHeld = HoldBlock(nAt / FileBlock::kSize, nStart + nWanted, &bFailed);
     if (bFailed) return false;
-    if (pBlock == nullptr) {
+    if (pHeld == nullptr) {
       std::uint32_t nRest = 0;
       const bool bRead = m_pFile->SeekRead(nAt, pBuffer + *pnRead, nLeft, &nRest);
       *pnRead += nRest;
       return bRead;
     }
-    const std::uint32_t nThere = pBlock->nValid > nStart ? std::min(nWanted, pBlock->nValid - nStart) : 0;
-    std::memcpy(pBuffer + *pnRead, pBlock->Bytes + nStart, nThere);
+    const std::uint32_t nThere = pHeld->nValid > nStart ? std::min(nWanted, pHeld->nValid - nStart) : 0;
+    std::memcpy(pBuffer + *pnRead, pHeld->pBlock->Bytes + nStart, nThere);
     *pnRead += nThere;
     if (nThere != nWanted) return true;
   }
@@ -240,24 +229,31 @@ bool BlockFile::ReadBlocks(std::uint64_t nOffset, std::uint8_t* pBuffer, std::ui
 }
 
 // The block with this number, read up to nEnd or the end of the file; null where the table has no room for it.
-const FileBlock* BlockFile::HoldBlock(std::uint64_t nNumber, std::uint32_t nEnd, bool* pbFailed) {
-  FileBlock* pBlock = m_pTable->Find(m_nNumber, nNumber);
+const BlockTable::Entry* BlockFile::HoldBlock(std::uint64_t nNumber, std::uint32_t nEnd, bool* pbFailed) {
+  BlockTable::Entry* pEntry = m_pTable->Find(m_nNumber, nNumber);
   // Where the file ended when the block was read there may be more by now.
-  if (pBlock == nullptr || pBlock->nValid < nEnd) {
-    if (pBlock == nullptr) pBlock = m_pTable->Add(m_nNumber, nNumber);
-    if (pBlock == nullptr) return nullptr;
-    // A read that meets the end of the file costs another call, which finds nothing.
-    const std::uint64_t nFirst = nNumber * FileBlock::kSize;
-    const bool bLast = nFirst + nEnd <= m_nEnd && m_nEnd < nFirst + FileBlock::kSize;
-    const auto nSize = bLast ? static_cast<std::uint32_t>(m_nEnd - nFirst) : FileBlock::kSize;
-    *pbFailed = !m_pFile->SeekRead(nFirst, pBlock->Bytes, nSize, &pBlock->nValid);
+  if (pEntry == nullptr || pEntry->nValid < nEnd) {
+    if (pEntry == nullptr) pEntry = m_pTable->Add(m_nNumber, nNumber);
+    if (pEntry == nullptr) return nullptr;
+    *pbFailed = !Fill(pEntry, nNumber, nEnd);
     if (*pbFailed) {
-      m_pTable->Drop(pBlock);
+      m_pTable->Drop(pEntry);
       return nullptr;
     }
   }
-  m_pTable->NoteRead(pBlock);
-  return pBlock;
+  m_pTable->NoteRead(pEntry);
+  return pEntry;
+}
+
+// No further than to the end of the file, where that is known and enough: to meet it costs another call.
+bool BlockFile::Fill(BlockTable::Entry* pEntry, std::uint64_t nNumber, std::uint32_t nEnd) {
+  const std::uint64_t nFirst = nNumber * FileBlock::kSize;
+  const bool bLast = nFirst + nEnd <= m_nEnd && m_nEnd < nFirst + FileBlock::kSize;
+  const auto nSize = bLast ? static_cast<std::uint32_t>(m_nEnd - nFirst) : FileBlock::kSize;
+  std::uint32_t nRead = 0;
+  const bool bRead = m_pFile->SeekRead(nFirst, pEntry->pBlock->Bytes, nSize, &nRead);
+  pEntry->nValid = static_cast<std::uint16_t>(nRead);
+  return bRead;
 }
 
 bool BlockFile::SeekWrite(std::uint64_t nOffset, const void* pData, std::uint32_t nSize, std::uint32_t* pnWritten) {
@@ -277,14 +273,14 @@ void BlockFile::UpdateBlocks(std::uint64_t nOffset, const std::uint8_t* pData, s
     const std::uint64_t nAt = nOffset + nDone;
     const auto nStart = static_cast<std::uint32_t>(nAt % FileBlock::kSize);
     nPiece = std::min(nSize - nDone, FileBlock::kSize - nStart);
-    FileBlock* const pBlock = m_pTable->Find(m_nNumber, nAt / FileBlock::kSize);
-    if (pBlock == nullptr) continue;
-    if (pData == nullptr || nStart > pBlock->nValid) {
-      m_pTable->Drop(pBlock);
+    BlockTable::Entry* const pEntry = m_pTable->Find(m_nNumber, nAt / FileBlock::kSize);
+    if (pEntry == nullptr) continue;
+    if (pData == nullptr || nStart > pEntry->nValid) {
+      m_pTable->Drop(pEntry);
       continue;
     }
-    std::memcpy(pBlock->Bytes + nStart, pData + nDone, nPiece);
-    pBlock->nValid = std::max(pBlock->nValid, nStart + nPiece);
+    std::memcpy(pEntry->pBlock->Bytes + nStart, pData + nDone, nPiece);
+    pEntry->nValid = std::max(pEntry->nValid, static_cast<std::uint16_t>(nStart + nPiece));
   }
 }
 

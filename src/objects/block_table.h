@@ -25,12 +25,6 @@ struct FileBlock {
   // A page: what a read of less would cost the system, too.
   static constexpr std::uint32_t kSize = 4096;
 
-  std::uint64_t nKey;  // the block's number in its file, and the file
-  FileBlock* pChain;   // the next one of the same bucket
-  FileBlock* pOlder;   // in the order in which they were read
-  FileBlock* pNewer;
-  std::uint32_t nValid;  // bytes; fewer than kSize where the file ended when it was read
-  bool bUsed;            // since it was last considered for something else
   std::uint8_t Bytes[kSize];
 };
 
@@ -54,30 +48,39 @@ class BlockBudget {
 };
 
 // Its owner's lock is held in every call.
+//
+// An open hash table with linear probing, so that a block that is there costs a look at one place and one at its bytes.
+// The table is the clock as well that chooses the block to be given up: the first behind the hand that was not read
+// since the hand passed it.
 class BlockTable {
  public:
+  static constexpr std::uint32_t kMaxFiles = 4;                        // a store has three
+  static constexpr std::uint64_t kMaxBlocks = std::uint64_t{1} << 29;  // of a file: 2 TiB; what lies beyond is not held
+
+  struct Entry {
+    FileBlock* pBlock;     // null: no entry
+    std::uint32_t nKey;    // the block's number in its file, and the file
+    std::uint16_t nValid;  // bytes; fewer than kSize where the file ended when it was read
+    bool bRead;            // since the hand passed
+  };
+
   explicit BlockTable(os::CriticalSection& Owner) : m_Owner(Owner) {}
   ~BlockTable() { Clear(); }
   BlockTable(const BlockTable&) = delete;
   BlockTable& operator=(const BlockTable&) = delete;
 
-  static constexpr std::uint32_t kMaxFiles = 4;  // a store has three
-
-  FileBlock* Find(std::uint32_t nFile, std::uint64_t nNumber) const {
-    if (m_Buckets.empty()) return nullptr;
-    const std::uint64_t nKey = KeyOf(nFile, nNumber);
-    FileBlock* pBlock = m_Buckets[BucketOf(nKey)];
-    while (pBlock != nullptr && pBlock->nKey != nKey) pBlock = pBlock->pChain;
-    return pBlock;
+  // Null where it is not there. An entry stands where it is until the next Add or Drop.
+  Entry* Find(std::uint32_t nFile, std::uint64_t nNumber) {
+    if (m_nBlocks == 0 || nNumber >= kMaxBlocks) return nullptr;
+    Entry& Found = EntryOf(KeyOf(nFile, nNumber));
+    return Found.pBlock != nullptr ? &Found : nullptr;
   }
 
-  // Says that a block was read from: others go before it.
-  void NoteRead(FileBlock* pBlock) { pBlock->bUsed = m_bRead = true; }
-
   // A block to read into, which holds nothing yet; null where there is none to be had.
-  FileBlock* Add(std::uint32_t nFile, std::uint64_t nNumber);
+  Entry* Add(std::uint32_t nFile, std::uint64_t nNumber);
 
-  void Drop(FileBlock* pBlock);
+  void NoteRead(Entry* pEntry) { pEntry->bRead = m_bRead = true; }
+  void Drop(Entry* pEntry);
   void DropFile(std::uint32_t nFile);
   void Clear();  // gives all back
 
@@ -96,25 +99,31 @@ class BlockTable {
  private:
   friend class BlockBudget;  // takes blocks away, with the owner's lock
 
-  static std::uint64_t KeyOf(std::uint32_t nFile, std::uint64_t nNumber) { return nNumber * kMaxFiles + nFile; }
-  std::size_t BucketOf(std::uint64_t nKey) const {
-    return static_cast<std::size_t>(nKey * 0x9E3779B97F4A7C15 >> 32) & (m_Buckets.size() - 1);
+  static std::uint32_t KeyOf(std::uint32_t nFile, std::uint64_t nNumber) {
+    return static_cast<std::uint32_t>(nNumber) * kMaxFiles + nFile;
+  }
+  std::size_t HomeOf(std::uint32_t nKey) const {
+    return static_cast<std::size_t>(nKey * std::uint64_t{0x9E3779B97F4A7C15} >> 32) & (m_Entries.size() - 1);
+  }
+  std::size_t Next(std::size_t nAt) const { return (nAt + 1) & (m_Entries.size() - 1); }
+
+  // The entry with a key, or the free one where it would stand.
+  Entry& EntryOf(std::uint32_t nKey) {
+    std::size_t nAt = HomeOf(nKey);
+    while (m_Entries[nAt].pBlock != nullptr && m_Entries[nAt].nKey != nKey) nAt = Next(nAt);
+    return m_Entries[nAt];
   }
 
   FileBlock* TakeOldest();
-  void Insert(FileBlock* pBlock);
-  void Remove(FileBlock* pBlock);
-  void Append(FileBlock* pBlock);
-  void Unlink(FileBlock* pBlock);
+  FileBlock* Remove(std::size_t nAt);
   bool Widen();
 
   os::CriticalSection& m_Owner;
-  std::uint32_t m_nPassing = 0;
-  bool m_bRead = false;  // since the budget has looked at it
+  std::vector<Entry> m_Entries;  // a power of two, at least twice the blocks; or none
   std::size_t m_nBlocks = 0;
-  std::vector<FileBlock*> m_Buckets;  // a power of two, or none
-  FileBlock* m_pOldest = nullptr;
-  FileBlock* m_pNewest = nullptr;
+  std::size_t m_nHand = 0;
+  std::uint32_t m_nPassing = 0;
+  bool m_bRead = false;           // since the budget has looked at it
   BlockTable* m_pNext = nullptr;  // in the ring of those that have blocks; null outside
 };
 
@@ -137,7 +146,8 @@ class BlockFile {
 
  private:
   bool ReadBlocks(std::uint64_t nOffset, std::uint8_t* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead);
-  const FileBlock* HoldBlock(std::uint64_t nNumber, std::uint32_t nEnd, bool* pbFailed);
+  const BlockTable::Entry* HoldBlock(std::uint64_t nNumber, std::uint32_t nEnd, bool* pbFailed);
+  bool Fill(BlockTable::Entry* pEntry, std::uint64_t nNumber, std::uint32_t nEnd);
   void UpdateBlocks(std::uint64_t nOffset, const std::uint8_t* pData, std::uint32_t nSize);
 
   StorageFile* m_pFile = nullptr;
