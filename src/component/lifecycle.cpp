@@ -113,6 +113,7 @@ ResultCode Lumbra::OpenStore() {
   if (Folder.Empty()) return errOPEN_FAILED;  // rather than the current folder of the process
   ReadCheckMode();
   OpenSegments::SetLimit(m_nOpenSegments);
+  BlockBudget::SetLimit(std::uint64_t{m_nCacheSize} * 1024);
   if (!m_Databases.OpenStoreFolder(Folder)) return errOPEN_FAILED;
 
   const ResultCode nShared =

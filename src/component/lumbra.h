@@ -141,6 +141,7 @@ class Lumbra : public HostedInstance {
   std::atomic<std::uint32_t> m_nGroupReadable{0};
   std::atomic<std::uint32_t> m_nOwnFolders{0};
   std::atomic<std::uint32_t> m_nOpenSegments{OpenSegments::kUsualLimit};
+  std::atomic<std::uint32_t> m_nCacheSize{BlockBudget::kUsualKib};
   ReaderWriterLock m_Lock;
   std::atomic<std::uint32_t> m_nWritesSuspended GUARDED_BY(m_Lock){0};
   std::atomic<bool> m_bInitialized{false};  // never cleared

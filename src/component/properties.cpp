@@ -49,6 +49,8 @@ ResultCode Lumbra::PropertyAccess(std::uint32_t nPropertyId, PropertyAccessRecor
       return TransferNumber(&m_nOwnFolders, pRecord);
     case propOPEN_SEGMENTS:
       return TransferNumber(&m_nOpenSegments, pRecord);
+    case propCACHE_SIZE:
+      return TransferNumber(&m_nCacheSize, pRecord);
     case propWRITES_SUSPENDED:
       return TransferWritesSuspended(pRecord);
     case propREPORT_FOLDER:

@@ -13,9 +13,9 @@ namespace lumbra {
 // nobody waits.
 struct BlockBudget::Known {
   os::CriticalSection Lock;
-  std::uint64_t nLimit GUARDED_BY(Lock) = kUsualBytes;
-  std::uint64_t nTaken GUARDED_BY(Lock) = 0;       // bytes
-  std::size_t nTables GUARDED_BY(Lock) = 0;        // in the ring
+  std::uint64_t nLimit GUARDED_BY(Lock) = std::uint64_t{kUsualKib} * 1024;  // bytes
+  std::uint64_t nTaken GUARDED_BY(Lock) = 0;                                // bytes
+  std::size_t nTables GUARDED_BY(Lock) = 0;                                 // in the ring
   BlockTable* pBefore GUARDED_BY(Lock) = nullptr;  // the table in the ring whose next one is looked at next
 
   void Join(BlockTable& Table) REQUIRES(Lock);

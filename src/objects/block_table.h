@@ -31,7 +31,7 @@ struct FileBlock {
 // What the tables of a process may take together.
 class BlockBudget {
  public:
-  static constexpr std::uint64_t kUsualBytes = std::uint64_t{16} << 20;  // propCACHE_BYTES
+  static constexpr std::uint32_t kUsualKib = 16384;  // propCACHE_SIZE
 
   // The last one counts, for the process; 0 keeps nothing. Tables that are in use come down to it at their next miss.
   static void SetLimit(std::uint64_t nBytes);

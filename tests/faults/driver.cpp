@@ -119,6 +119,7 @@ bool Driver::OpenStore() {
     Now.Host.SetPlaceholder(u"%host%", u"host");
     Now.Store = Now.Host.Create();
     if (!Done(Now.Store.SetNumber(propCHECK_MODE, m_With.bChecked ? 1 : 0), "setting the mode")) return false;
+    if (!Done(Now.Store.SetNumber(propCACHE_SIZE, m_With.nCacheSize), "setting the cache")) return false;
   }
   if (Now.bOpen) return true;
   return Now.bOpen = Done(InStore([&] { return Now.Store.Init(m_With.What); }), "opening the store");

@@ -40,6 +40,7 @@ class Driver {
     std::function<void(const Fact&)> Tell = {};      // receives every fact, before the call that it stands before
     host::StandaloneHost::TraceCallback Trace = {};  // receives every line of the store's trace
     host::Heal What = host::Heal::Off;               // before it is opened
+    std::uint32_t nCacheSize = 16384;                // propCACHE_SIZE
     void (*pPause)(bool bOutside) = nullptr;         // called when the store is left, and with false when it is entered
     std::uint32_t nFirst = 1;                        // its numbered databases: this one and the next
     std::shared_ptr<Instance> pInstance = nullptr;   // that others use as well; then no limit reaches over databases

@@ -1,5 +1,6 @@
-// lumbra_faults [--seed N] [--long] [--heal] [--only CASE] [KIND ...]
+// lumbra_faults [--seed N] [--long] [--heal] [--cache KIB] [--only CASE] [KIND ...]
 //   --heal: every store is healed before it is opened
+//   --cache KIB: what stores keep in memory of their files; 16384 otherwise
 #include <signal.h>
 #include <unistd.h>
 
@@ -66,12 +67,14 @@ int Main(int nArguments, char** ppArguments) {
       Which.bLong = true;
     } else if (Text == "--heal") {
       Which.What = host::Heal::On;
-    } else if ((Text == "--seed" || Text == "--only") && pValue != nullptr) {
+    } else if ((Text == "--seed" || Text == "--only" || Text == "--cache") && pValue != nullptr) {
       const std::uint64_t nValue = std::strtoull(ppArguments[++i], nullptr, 0);
       if (Text == "--seed") Which.nSeed = nValue;
       if (Text == "--only") Which.nOnly = nValue;
+      if (Text == "--cache") Which.nCacheSize = static_cast<std::uint32_t>(nValue);
     } else {
-      std::fprintf(stderr, "usage: lumbra_faults [--seed N] [--long] [--heal] [--only CASE] [KIND ...]; kinds:");
+      std::fprintf(stderr,
+                   "usage: lumbra_faults [--seed N] [--long] [--heal] [--cache KIB] [--only CASE] [KIND ...]; kinds:");
       for (const Kind& One : kKinds) std::fprintf(stderr, " %s", One.pName);
       std::fprintf(stderr, "\n");
       return 2;
@@ -83,8 +86,8 @@ int Main(int nArguments, char** ppArguments) {
     std::vector<std::uint64_t> Seeds = {Which.nSeed};
     if (!Which.nOnly) std::ranges::remove_copy(One.KeptSeeds, std::back_inserter(Seeds), Which.nSeed);
     for (const std::uint64_t nSeed : Seeds) {
-      const std::string Counts =
-          One.pRun({nSeed, Which.bLong && nSeed == Which.nSeed, Which.What, Which.nOnly, Which.Folder});
+      const std::string Counts = One.pRun(
+          {nSeed, Which.bLong && nSeed == Which.nSeed, Which.What, Which.nCacheSize, Which.nOnly, Which.Folder});
       std::printf("%s --seed %llu: %s\n", One.pName, static_cast<unsigned long long>(nSeed), Counts.c_str());
       std::fflush(stdout);
     }
@@ -149,8 +152,12 @@ fs::path Choice::Fresh(const char* pName) const {
 }
 
 Driver::Setup Choice::With(const fs::path& Store, bool bChecked, std::uint64_t nSerials) const {
-  Driver::Setup Made{
-      .Folder = Store, .bChecked = bChecked, .nSeed = nSeed + nSerials, .What = What, .pPause = &PauseFaults};
+  Driver::Setup Made{.Folder = Store,
+                     .bChecked = bChecked,
+                     .nSeed = nSeed + nSerials,
+                     .What = What,
+                     .nCacheSize = nCacheSize,
+                     .pPause = &PauseFaults};
   if (std::getenv("LUMBRA_FAULTS_TRACE") != nullptr) {
     Made.Trace = [](std::uint32_t nLevel, std::string_view Line) {
       host::WriteTraceLine(stderr, nLevel, Line);

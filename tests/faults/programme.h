@@ -19,6 +19,7 @@ struct Choice {
   std::uint64_t nSeed = 1;
   bool bLong = false;                       // all cases there are
   host::Heal What = host::Heal::Off;        // before a store is opened
+  std::uint32_t nCacheSize = 16384;         // propCACHE_SIZE of the store
   std::optional<std::uint64_t> nOnly = {};  // one case, by its number
   std::filesystem::path Folder = {};        // to work in
 

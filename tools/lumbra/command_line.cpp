@@ -98,6 +98,9 @@ void AddCommon(CLI::App* pApp, CommonOptions* pCommon) {
   pApp->add_flag("--trust-store", pCommon->bTrustStore, "Use the store though others than you may change it");
   pApp->add_flag("--check-mode", pCommon->bCheckMode, "Create new files with every kind of CRC");
   pApp->add_flag("--group-readable", pCommon->bGroupReadable, "Let the group read new files; else you alone can");
+  pApp->add_option("--cache", pCommon->nCacheSize, "KiB of the store's files to keep in memory; 0: nothing")
+      ->type_name("KIB")
+      ->capture_default_str();
   pApp->add_option("--host", pCommon->Host, "Name of the host in the store (default: this machine's)");
   pApp->add_option("--module", pCommon->Module, "Run the command on this module (default: what is built in)")
       ->type_name("FILE")

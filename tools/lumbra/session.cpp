@@ -73,6 +73,7 @@ Session::Session(const CommonOptions& Options, Missing Store, DamageListener Lis
   Check(m_Store.SetReportFolder(m_Files.Folder().u16string()), What);
   Check(m_Store.SetNumber(propCHECK_MODE, Options.bCheckMode ? 1 : 0), What);
   Check(m_Store.SetNumber(propGROUP_READABLE, Options.bGroupReadable ? 1 : 0), What);
+  (void)m_Store.SetNumber(propCACHE_SIZE, Options.nCacheSize);  // a module that does not know it reads as it does
   ResultCode nCode = m_Store.Init();
   if (Failed(nCode) && m_Files.IsHeldByAnotherProcess()) throw Failure(What, errSHARING_VIOLATION);
   if (nCode == errOPEN_FAILED) nCode = m_Store.Init();  // another process may have ended between the two looks

@@ -22,6 +22,7 @@ struct CommonOptions {
   bool bTrustStore = false;
   bool bCheckMode = false;
   bool bGroupReadable = false;
+  std::uint32_t nCacheSize = 16384;  // KiB
   std::string Host;
   std::string Module;  // the file of the module that runs the command; empty: the component that is linked in
   std::uint32_t nTraceLevel = 0;
