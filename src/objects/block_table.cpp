@@ -41,8 +41,9 @@ void BlockBudget::Known::Join(BlockTable& Table) {
 void BlockBudget::Known::Leave(BlockTable& Table) {
   if (Table.m_pNext == nullptr) return;
   while (pBefore->m_pNext != &Table) pBefore = pBefore->m_pNext;
-  pBefore->m_pNext = std::exchange(Table.m_pNext, nullptr);
-  if (pBefore == &Table) pBefore = nullptr;
+  pBefore->m_pNext = Table.m_pNext;
+  Table.m_pNext = nullptr;
+  if (pBefore == &Table) pBefore = nullptr;  // it was the only one
   --nTables;
 }
 
