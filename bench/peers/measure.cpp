@@ -28,31 +28,25 @@ constexpr std::uint64_t kFilesInFolder = 20;
 
 }  // namespace
 
-double Meter::CpuNow() {
-  return Now(CLOCK_PROCESS_CPUTIME_ID);
-}
-double Meter::WallNow() {
-  return Now(CLOCK_MONOTONIC);
-}
-
 void Meter::Start() {
-  m_nWallStart = WallNow();
-  m_nCpuStart = CpuNow();
+  m_nWallStart = Now(CLOCK_MONOTONIC);
+  m_nCpuStart = Now(CLOCK_PROCESS_CPUTIME_ID);
 }
 
 void Meter::Stop() {
-  m_nCpu = CpuNow() - m_nCpuStart;
-  m_nWall = WallNow() - m_nWallStart;
+  m_nCpu += Now(CLOCK_PROCESS_CPUTIME_ID) - m_nCpuStart;
+  m_nWall += Now(CLOCK_MONOTONIC) - m_nWallStart;
 }
 
 void Meter::StopWhenIdle() {
   Stop();
   for (int nIdle = 0; nIdle < 2;) {
-    const double nBefore = CpuNow();
+    const double nBefore = Now(CLOCK_PROCESS_CPUTIME_ID);
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    nIdle = CpuNow() - nBefore < 200 ? nIdle + 1 : 0;
+    const double nSpent = Now(CLOCK_PROCESS_CPUTIME_ID) - nBefore;
+    m_nCpu += nSpent;
+    nIdle = nSpent < 200 ? nIdle + 1 : 0;
   }
-  m_nCpu = CpuNow() - m_nCpuStart;
 }
 
 Path FilePath(std::uint64_t nFile) {

@@ -8,20 +8,18 @@
 
 namespace lumbra::peers {
 
-// Time since Start: of the clock, and of the processor in all threads of the process.
+// Time between Start and Stop, all of it where that happens again: of the clock, and of the processors in all threads.
 class Meter {
  public:
   Meter() { Start(); }
   void Start();
   void Stop();
-  // Stop, but with the work on processors that is still done behind the caller's back, in threads of a store's own.
+  // Stop, but with the work that processors still do behind the caller's back, in threads of a store's own.
   void StopWhenIdle();
   double Cpu() const { return m_nCpu; }  // microseconds
   double Wall() const { return m_nWall; }
 
  private:
-  static double CpuNow();
-  static double WallNow();
   double m_nCpu = 0;
   double m_nWall = 0;
   double m_nCpuStart = 0;

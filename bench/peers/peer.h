@@ -54,8 +54,9 @@ class Peer {
 struct Place {
   std::filesystem::path Folder;
   std::uint32_t nDatabases = 1;
-  std::uint32_t nSegmentEvents = 0;  // Lumbra alone has segments; 0: one
-  bool bHeal = false;                // and looks for damage before it opens; the others always do what they need
+  std::uint32_t nSegmentEvents = 0;  // Lumbra alone has segments; 0: all in one
+  bool bManySessions = false;        // of one database at a time
+  bool bHeal = false;                // whether Lumbra looks for damage first; the others do what they need
 };
 
 // Opens the store in a folder, or makes it there.

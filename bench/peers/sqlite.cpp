@@ -1,4 +1,5 @@
-// SQLite with a write-ahead log that is never synced. A statement is a transaction, and is prepared once a session.
+// SQLite with a write-ahead log that is never synced. A statement is a transaction, and is prepared once a session. The
+// session locks the files for good, as Lumbra does, unless there are others beside it.
 #include <sqlite3.h>
 
 #include <cstring>
@@ -50,30 +51,24 @@ class Run {
 
 class SqliteSession final : public Session {
  public:
-  explicit SqliteSession(const std::filesystem::path& File) {
+  SqliteSession(const std::filesystem::path& File, bool bAlone) {
     const int nFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
     Check(sqlite3_open_v2(File.c_str(), &m_pDatabase, nFlags, nullptr) == SQLITE_OK);
-    const std::string Setup = "PRAGMA journal_mode = WAL; PRAGMA synchronous = OFF; PRAGMA cache_size = -" +
+    const std::string Setup = std::string(bAlone ? "PRAGMA locking_mode = EXCLUSIVE;" : "") +
+                              "PRAGMA journal_mode = WAL; PRAGMA synchronous = OFF; PRAGMA cache_size = -" +
                               std::to_string(kCacheSize / 1024) +
                               "; CREATE TABLE IF NOT EXISTS events(id INTEGER PRIMARY KEY, data BLOB);"
                               "CREATE TABLE IF NOT EXISTS paths(id INTEGER PRIMARY KEY, path TEXT UNIQUE);";
     Check(sqlite3_exec(m_pDatabase, Setup.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK);
-    m_pAppend = Prepare("INSERT INTO events(data) VALUES(?1)");
-    m_pRead = Prepare("SELECT data FROM events WHERE id BETWEEN ?1 AND ?2");
-    m_pLast = Prepare("SELECT data FROM events ORDER BY id DESC LIMIT 1");
-    m_pFind = Prepare("SELECT id FROM paths WHERE path = ?1");
-    m_pCreate = Prepare("INSERT INTO paths(path) VALUES(?1)");
-    m_pPathOf = Prepare("SELECT path FROM paths WHERE id = ?1");
   }
   ~SqliteSession() override {
-    for (sqlite3_stmt* const pOne : {m_pAppend, m_pRead, m_pLast, m_pFind, m_pCreate, m_pPathOf})
-      sqlite3_finalize(pOne);
+    for (sqlite3_stmt* const pOne : m_Prepared) sqlite3_finalize(pOne);
     sqlite3_close(m_pDatabase);
   }
 
-  void Append(const Event& Added) override { Run(m_pAppend).Bind(1, Added).Step(); }
+  void Append(const Event& Added) override { Run(Ready(kAppend)).Bind(1, Added).Step(); }
   void Read(std::uint64_t nFirst, std::span<Event> Into) override {
-    Run Reading(m_pRead);
+    Run Reading(Ready(kRead));
     Reading.Bind(1, nFirst + 1).Bind(2, nFirst + Into.size());
     for (Event& One : Into) {
       Check(Reading.Step());
@@ -81,51 +76,58 @@ class SqliteSession final : public Session {
     }
   }
   Event ReadLast() override {
-    Run Reading(m_pLast);
+    Run Reading(Ready(kLast));
     Check(Reading.Step());
     Event Last;
     std::memcpy(&Last, Reading.Bytes().data(), sizeof(Last));
     return Last;
   }
   std::uint64_t Intern(const Path& Name) override {
-    Run Finding(m_pFind);
+    Run Finding(Ready(kFind));
     if (Finding.Bind(1, Name.Utf8).Step()) return Finding.Number();
-    Run(m_pCreate).Bind(1, Name.Utf8).Step();
+    Run(Ready(kCreate)).Bind(1, Name.Utf8).Step();
     return static_cast<std::uint64_t>(sqlite3_last_insert_rowid(m_pDatabase));
   }
   std::string_view PathOf(std::uint64_t nId, std::span<char> Into) override {
-    Run Reading(m_pPathOf);
+    Run Reading(Ready(kPathOf));
     Check(Reading.Bind(1, nId).Step());
     const std::string_view Found = Reading.Bytes();
     return {Into.data(), Found.copy(Into.data(), Into.size())};
   }
 
  private:
-  sqlite3_stmt* Prepare(const char* pText) {
-    sqlite3_stmt* pStatement = nullptr;
-    Check(sqlite3_prepare_v3(m_pDatabase, pText, -1, SQLITE_PREPARE_PERSISTENT, &pStatement, nullptr) == SQLITE_OK);
-    return pStatement;
+  enum Statement { kAppend, kRead, kLast, kFind, kCreate, kPathOf, kStatements };
+
+  sqlite3_stmt* Ready(Statement Which) {
+    static constexpr const char* kTexts[] = {"INSERT INTO events(data) VALUES(?1)",
+                                             "SELECT data FROM events WHERE id BETWEEN ?1 AND ?2",
+                                             "SELECT data FROM events ORDER BY id DESC LIMIT 1",
+                                             "SELECT id FROM paths WHERE path = ?1",
+                                             "INSERT INTO paths(path) VALUES(?1)",
+                                             "SELECT path FROM paths WHERE id = ?1"};
+    sqlite3_stmt*& pFound = m_Prepared[Which];
+    if (pFound == nullptr) {
+      const int nResult =
+          sqlite3_prepare_v3(m_pDatabase, kTexts[Which], -1, SQLITE_PREPARE_PERSISTENT, &pFound, nullptr);
+      Check(nResult == SQLITE_OK);
+    }
+    return pFound;
   }
 
   sqlite3* m_pDatabase = nullptr;
-  sqlite3_stmt* m_pAppend;
-  sqlite3_stmt* m_pRead;
-  sqlite3_stmt* m_pLast;
-  sqlite3_stmt* m_pFind;
-  sqlite3_stmt* m_pCreate;
-  sqlite3_stmt* m_pPathOf;
+  sqlite3_stmt* m_Prepared[kStatements] = {};  // each when it is first needed
 };
 
 // A session is a connection, so that there is nothing else to open.
 class Sqlite final : public Peer {
  public:
-  explicit Sqlite(const Place& Where) : m_Folder(Where.Folder) {}
+  explicit Sqlite(const Place& Where) : m_Where(Where) {}
   std::unique_ptr<Session> Use(std::uint32_t nDatabase) override {
-    return std::make_unique<SqliteSession>(m_Folder / std::to_string(nDatabase));
+    return std::make_unique<SqliteSession>(m_Where.Folder / std::to_string(nDatabase), !m_Where.bManySessions);
   }
 
  private:
-  std::filesystem::path m_Folder;
+  Place m_Where;
 };
 
 }  // namespace

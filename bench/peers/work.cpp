@@ -8,6 +8,7 @@
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
+#include <numeric>
 #include <random>
 #include <thread>
 
@@ -47,17 +48,13 @@ constexpr const char* kWall = "Wall time, µs an operation";
 constexpr const char* kLatency = "Latency, µs of wall time";
 constexpr const char* kBeside = "One writer with three readers, µs of wall time an operation of each";
 
-Event Numbered(std::uint64_t nNumber) {
-  return {nNumber, 0, {}};
-}
-
 // One store at its work; what it measures goes to the parent, a line each.
 class Worker {
  public:
   Worker(const Kind& Of, const Settings& How, std::filesystem::path Folder, std::FILE* pParent)
-      : m_Kind(Of), m_How(How), m_Folder(std::move(Folder)), m_pParent(pParent) {
+      : m_Kind(Of), m_How(How), m_pParent(pParent) {
     if (How.nSegments > 1) m_Place.nSegmentEvents = static_cast<std::uint32_t>(How.nEvents / How.nSegments);
-    m_Place.Folder = m_Folder;
+    m_Place.Folder = std::move(Folder);
   }
 
   void Events();
@@ -75,6 +72,18 @@ class Worker {
     Tell(kCpu, Work, Measured.Cpu() / static_cast<double>(nCount));
     Tell(kWall, Work, Measured.Wall() / static_cast<double>(nCount));
   }
+  template <class Operation>
+  void Measure(const std::string& Work, std::uint64_t nCount, Operation Do) const {
+    Meter Measured;
+    for (std::uint64_t i = 0; i < nCount; ++i) Do(i);
+    Measured.StopWhenIdle();
+    Tell(Work, Measured, nCount);
+  }
+  template <class Operation>
+  void MeasureEach(const std::string& Work, std::uint64_t nCount, Operation Do) const;
+  template <class Write, class Read>
+  void MeasureBeside(const char* pWrite, const char* pRead, std::uint64_t nWrites, Write DoWrite, Read DoRead);
+  void MeasureOpen(const std::string& Work, std::uint64_t nEvents);
 
   void Open() {
     m_Peer = m_Kind.pOpen(m_Place);
@@ -84,53 +93,61 @@ class Worker {
     m_Session.reset();
     m_Peer.reset();
   }
-  void ReopenCold() {
+  void ReopenIfCold() {
     if (!m_How.bCold) return;
     Close();
-    DropPages(m_Folder);
+    DropPages(m_Place.Folder);
     Open();
   }
-  void MeasureOpen(const std::string& Work, std::uint64_t nEvents);
-
-  void Append(std::uint64_t nFirst, std::uint64_t nCount) {
-    for (std::uint64_t i = nFirst; i < nFirst + nCount; ++i) m_Session->Append(Numbered(i));
-  }
+  static void Append(Session& To, std::uint64_t nNumber) { To.Append({nNumber, 0, {}}); }
   static void ReadOne(Session& Of, std::uint64_t nNumber) {
     Event Read;
     Of.Read(nNumber, {&Read, 1});
     Require(Read.nNumber == nNumber, "another event");
   }
-  void Scan() {
-    std::vector<Event> Into(kBatch);
-    for (std::uint64_t i = 0; i < m_How.nEvents; i += kBatch) {
-      m_Session->Read(i, Into);
-      Require(Into.front().nNumber == i && Into.back().nNumber == i + kBatch - 1, "other events");
-    }
-  }
-
-  // Interns all paths and keeps their ids; the clock stands while paths are made.
-  void Fill();
-  std::vector<std::uint64_t> Sample(Path (*pMake)(std::uint64_t), std::vector<Path>* pPaths) const;
-  void CheckPathOf(std::uint64_t nId, const Path& Expected);
-
-  template <class Operation>
-  void TellPercentiles(const char* pWork, std::uint64_t nCount, Operation Do) const;
-  template <class Write, class Read>
-  void MeasureBeside(const char* pWrite, const char* pRead, std::uint64_t nWrites, Write DoWrite, Read DoRead);
+  // The paths of some files in random order, as many as are looked up.
+  std::vector<Path> Sample(Path (*pMake)(std::uint64_t), std::vector<std::uint64_t>* pFiles = nullptr) const;
+  std::vector<std::uint64_t> Fill(Meter* pMeasured) const;  // interns all paths, and answers their ids
 
   const Kind& m_Kind;
   const Settings& m_How;
-  std::filesystem::path m_Folder;
   std::FILE* m_pParent;
   Place m_Place;
   std::unique_ptr<Peer> m_Peer;
   std::unique_ptr<Session> m_Session;
-  std::vector<std::uint64_t> m_Ids;
 };
+
+// ---- Events -----------------------------------------------------------------------------------------------
+
+void Worker::Events() {
+  const std::uint64_t nEvents = m_How.nEvents;
+  Open();
+  Measure("append", nEvents, [&](std::uint64_t i) { Append(*m_Session, i); });
+
+  ReopenIfCold();
+  std::vector<Event> Batch(kBatch);
+  Measure("scan, an event", m_How.bCold ? nEvents : 5 * nEvents, [&](std::uint64_t i) {
+    if (i % kBatch != 0) return;
+    m_Session->Read(i % nEvents, Batch);
+    Require(Batch.back().nNumber == i % nEvents + kBatch - 1, "other events");
+  });
+
+  ReopenIfCold();
+  std::minstd_rand Random;
+  Measure("random event", m_How.bCold ? std::min(kColdSample, nEvents) : nEvents,
+          [&](std::uint64_t) { ReadOne(*m_Session, Random() % nEvents); });
+
+  Close();  // what is left of writing, such as the reading of a log, is no matter of opening
+  Open();
+  MeasureOpen("open " + std::to_string(nEvents * sizeof(Event) / 1000000) + " MB, last event", nEvents);
+  if (m_Kind.pOpen != OpenLumbra) return;
+  m_Place.bHeal = true;
+  MeasureOpen("the same, looking for damage first", nEvents);
+}
 
 void Worker::MeasureOpen(const std::string& Work, std::uint64_t nEvents) {
   Close();
-  if (m_How.bCold) DropPages(m_Folder);
+  if (m_How.bCold) DropPages(m_Place.Folder);
   Meter Measured;
   Open();
   const Event Last = m_Session->ReadLast();
@@ -139,38 +156,26 @@ void Worker::MeasureOpen(const std::string& Work, std::uint64_t nEvents) {
   Tell(Work, Measured, 1);
 }
 
-void Worker::Events() {
-  Open();
-  Meter Measured;
-  Append(0, m_How.nEvents);
-  Measured.StopWhenIdle();
-  Tell("append", Measured, m_How.nEvents);
-
-  ReopenCold();
-  const std::uint64_t nScans = m_How.bCold ? 1 : 5;
-  Measured.Start();
-  for (std::uint64_t i = 0; i < nScans; ++i) Scan();
-  Measured.Stop();
-  Tell("scan, an event", Measured, m_How.nEvents * nScans);
-
-  ReopenCold();
-  const std::uint64_t nReads = m_How.bCold ? std::min(kColdSample, m_How.nEvents) : m_How.nEvents;
-  std::minstd_rand Random;
-  Measured.Start();
-  for (std::uint64_t i = 0; i < nReads; ++i) ReadOne(*m_Session, Random() % m_How.nEvents);
-  Measured.Stop();
-  Tell("random event", Measured, nReads);
-
-  const std::string Work = "open " + std::to_string(m_How.nEvents * sizeof(Event) / 1000000) + " MB, last event";
-  MeasureOpen(Work, m_How.nEvents);
-  if (m_Kind.pOpen != OpenLumbra) return;
+// A process fills the store and is killed; the next one must find all of it.
+void Worker::KillOpen() {
+  const std::uint64_t nEvents = m_How.nKillBytes / sizeof(Event);
+  const pid_t nChild = fork();
+  if (nChild == 0) {
+    Open();
+    for (std::uint64_t i = 0; i < nEvents; ++i) Append(*m_Session, i);
+    std::raise(SIGKILL);
+  }
+  int nStatus = 0;
+  waitpid(nChild, &nStatus, 0);
+  Require(WIFSIGNALED(nStatus) && WTERMSIG(nStatus) == SIGKILL, "the killed process ended before");
   m_Place.bHeal = true;
-  MeasureOpen("the same, looking for damage first", m_How.nEvents);
+  MeasureOpen("open after a kill at " + std::to_string(m_How.nKillBytes >> 20) + " MiB, last event", nEvents);
 }
 
 void Worker::FourThreads() {
   m_Place.nDatabases = kThreads;
   Open();
+  m_Session.reset();
   std::vector<std::unique_ptr<Session>> Sessions;
   for (std::uint32_t i = 1; i <= kThreads; ++i) Sessions.push_back(m_Peer->Use(i));
   const std::uint64_t nEach = m_How.nEvents / kThreads;
@@ -178,7 +183,7 @@ void Worker::FourThreads() {
   std::vector<std::jthread> Threads;
   for (const auto& One : Sessions) {
     Threads.emplace_back([&One, nEach] {
-      for (std::uint64_t i = 0; i < nEach; ++i) One->Append(Numbered(i));
+      for (std::uint64_t i = 0; i < nEach; ++i) Append(*One, i);
     });
   }
   Threads.clear();  // joins
@@ -188,104 +193,81 @@ void Worker::FourThreads() {
 
 // ---- Paths ------------------------------------------------------------------------------------------------
 
-void Worker::Fill() {
-  double nCpu = 0;
-  double nWall = 0;
-  m_Ids.reserve(m_How.nObjects);
-  while (m_Ids.size() < m_How.nObjects) {
-    std::vector<Path> Paths;
-    for (std::uint64_t i = 0; i < 10 * kBatch && m_Ids.size() + i < m_How.nObjects; ++i) {
-      Paths.push_back(FilePath(m_Ids.size() + i));
-    }
-    Meter Measured;
-    for (const Path& One : Paths) m_Ids.push_back(m_Session->Intern(One));
-    m_Ids.size() == m_How.nObjects ? Measured.StopWhenIdle() : Measured.Stop();
-    nCpu += Measured.Cpu();
-    nWall += Measured.Wall();
+std::vector<std::uint64_t> Worker::Fill(Meter* pMeasured) const {
+  std::vector<std::uint64_t> Ids;
+  Ids.reserve(m_How.nObjects);
+  while (Ids.size() < m_How.nObjects) {
+    std::vector<Path> Paths;  // made while the clock stands
+    const std::uint64_t nEnd = std::min(m_How.nObjects, Ids.size() + 10 * kBatch);
+    for (std::uint64_t i = Ids.size(); i < nEnd; ++i) Paths.push_back(FilePath(i));
+    pMeasured->Start();
+    for (const Path& One : Paths) Ids.push_back(m_Session->Intern(One));
+    nEnd == m_How.nObjects ? pMeasured->StopWhenIdle() : pMeasured->Stop();
   }
-  Tell(kCpu, "corpus, a path", nCpu / static_cast<double>(m_How.nObjects));
-  Tell(kWall, "corpus, a path", nWall / static_cast<double>(m_How.nObjects));
+  return Ids;
 }
 
-// Files in random order, and the paths that a function makes of them.
-std::vector<std::uint64_t> Worker::Sample(Path (*pMake)(std::uint64_t), std::vector<Path>* pPaths) const {
-  std::minstd_rand Random(7);
-  std::vector<std::uint64_t> Files;
-  const std::uint64_t nCount = std::min(m_How.nObjects, m_How.bCold ? kColdSample : kSample);
-  for (std::uint64_t i = 0; i < nCount; ++i) Files.push_back(Random() % m_How.nObjects);
-  pPaths->clear();
-  for (const std::uint64_t nFile : Files) pPaths->push_back(pMake(nFile));
-  return Files;
-}
-
-void Worker::CheckPathOf(std::uint64_t nId, const Path& Expected) {
-  alignas(char16_t) char Buffer[512];
-  const std::string_view Found = m_Session->PathOf(nId, Buffer);
-  const std::string_view Utf16(reinterpret_cast<const char*>(Expected.Utf16.data()), Expected.Utf16.size() * 2);
-  Require(Found == (m_Kind.bUtf16 ? Utf16 : Expected.Utf8), "another path");
+std::vector<Path> Worker::Sample(Path (*pMake)(std::uint64_t), std::vector<std::uint64_t>* pFiles) const {
+  std::vector<std::uint64_t> Files(m_How.nObjects);
+  std::iota(Files.begin(), Files.end(), std::uint64_t{0});
+  std::shuffle(Files.begin(), Files.end(), std::minstd_rand(7));
+  Files.resize(std::min(m_How.nObjects, m_How.bCold ? kColdSample : kSample));
+  std::vector<Path> Paths;
+  for (const std::uint64_t nFile : Files) Paths.push_back(pMake(nFile));
+  if (pFiles != nullptr) *pFiles = Files;
+  return Paths;
 }
 
 void Worker::Paths() {
   Open();
-  Fill();
+  Meter Filling;
+  const std::vector<std::uint64_t> Ids = Fill(&Filling);
+  Tell("corpus, a path", Filling, m_How.nObjects);
 
-  std::vector<Path> Known;
-  const std::vector<std::uint64_t> Files = Sample(FilePath, &Known);
-  ReopenCold();
-  Meter Measured;
-  for (std::size_t i = 0; i < Files.size(); ++i) {
-    Require(m_Session->Intern(Known[i]) == m_Ids[Files[i]], "another id");
-  }
-  Measured.Stop();
-  Tell("known path → id", Measured, Files.size());
+  std::vector<std::uint64_t> Files;
+  const std::vector<Path> Known = Sample(FilePath, &Files);
+  ReopenIfCold();
+  Measure("known path → id", Known.size(),
+          [&](std::uint64_t i) { Require(m_Session->Intern(Known[i]) == Ids[Files[i]], "another id"); });
 
-  ReopenCold();
-  Measured.Start();
-  for (std::size_t i = 0; i < Files.size(); ++i) CheckPathOf(m_Ids[Files[i]], Known[i]);
-  Measured.Stop();
-  Tell("id → path", Measured, Files.size());
+  ReopenIfCold();
+  Measure("id → path", Known.size(), [&](std::uint64_t i) {
+    alignas(char16_t) char Buffer[512];
+    const std::string_view Found = m_Session->PathOf(Ids[Files[i]], Buffer);
+    const std::string_view Utf16(reinterpret_cast<const char*>(Known[i].Utf16.data()), Known[i].Utf16.size() * 2);
+    Require(Found == (m_Kind.bUtf16 ? Utf16 : Known[i].Utf8), "another path");
+  });
 
-  std::vector<Path> New;
-  Sample(NewPath, &New);
-  std::sort(New.begin(), New.end(), [](const Path& One, const Path& Other) { return One.Utf8 < Other.Utf8; });
-  New.erase(std::unique(New.begin(), New.end(), [](auto& One, auto& Other) { return One.Utf8 == Other.Utf8; }),
-            New.end());
-  std::shuffle(New.begin(), New.end(), std::minstd_rand(8));
-  New.resize(std::max<std::size_t>(1, New.size() / 4));
-  ReopenCold();
-  Measured.Start();
-  for (const Path& One : New) m_Session->Intern(One);
-  Measured.StopWhenIdle();
-  Tell("new path → id", Measured, New.size());
+  ReopenIfCold();
+  const std::vector<Path> New = Sample(NewPath);
+  Measure("new path → id", New.size() / 4, [&](std::uint64_t i) { m_Session->Intern(New[i]); });
 }
 
 // ---- Latency, and threads beside each other ---------------------------------------------------------------
 
 template <class Operation>
-void Worker::TellPercentiles(const char* pWork, std::uint64_t nCount, Operation Do) const {
-  std::vector<double> Times;
-  Times.reserve(nCount);
+void Worker::MeasureEach(const std::string& Work, std::uint64_t nCount, Operation Do) const {
+  std::vector<double> Times(nCount);
   for (std::uint64_t i = 0; i < nCount; ++i) {
     const auto Before = std::chrono::steady_clock::now();
     Do(i);
-    Times.push_back(std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - Before).count());
+    Times[i] = std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - Before).count();
   }
   std::sort(Times.begin(), Times.end());
-  for (const auto& [pName, nPart] : {std::pair{" p50", 0.5}, {" p99", 0.99}, {" p99.9", 0.999}}) {
-    const auto nAt = static_cast<std::size_t>(nPart * static_cast<double>(nCount));
-    Tell(kLatency, std::string(pWork) + pName, Times[nAt]);
-  }
+  Tell(kLatency, Work + " p50", Times[nCount / 2]);
+  Tell(kLatency, Work + " p99", Times[nCount - nCount / 100 - 1]);
+  Tell(kLatency, Work + " p99.9", Times[nCount - nCount / 1000 - 1]);
 }
 
 void Worker::Latency() {
   Open();
-  TellPercentiles("append", m_How.nEvents, [&](std::uint64_t i) { m_Session->Append(Numbered(i)); });
+  MeasureEach("append", m_How.nEvents, [&](std::uint64_t i) { Append(*m_Session, i); });
   if (!m_Kind.bPaths) return;
-  for (std::uint64_t i = 0; i < m_How.nObjects; ++i) m_Ids.push_back(m_Session->Intern(FilePath(i)));
-  std::vector<Path> Paths;
-  const std::size_t nKnown = Sample(FilePath, &Paths).size();
-  ReopenCold();
-  TellPercentiles("known path", nKnown, [&](std::uint64_t i) { m_Session->Intern(Paths[i]); });
+  Meter Filling;
+  Fill(&Filling);
+  const std::vector<Path> Known = Sample(FilePath);
+  ReopenIfCold();
+  MeasureEach("known path", Known.size(), [&](std::uint64_t i) { m_Session->Intern(Known[i]); });
 }
 
 // One thread writes while three read as fast as they can.
@@ -293,16 +275,17 @@ template <class Write, class Read>
 void Worker::MeasureBeside(const char* pWrite, const char* pRead, std::uint64_t nWrites, Write DoWrite, Read DoRead) {
   std::atomic<bool> bDone{false};
   std::atomic<std::uint64_t> nReads{0};
-  const auto ReadOn = [&](unsigned nSeed) {
-    const std::unique_ptr<Session> Own = m_Peer->Use(1);
-    std::minstd_rand Random(nSeed);
-    std::uint64_t nOwn = 0;
-    for (; !bDone.load(std::memory_order_relaxed); ++nOwn) DoRead(*Own, Random());
-    nReads += nOwn;
-  };
   std::vector<std::jthread> Readers;
   Meter Measured;
-  for (unsigned i = 1; i < kThreads; ++i) Readers.emplace_back(ReadOn, i);
+  for (unsigned nSeed = 1; nSeed < kThreads; ++nSeed) {
+    Readers.emplace_back([&, nSeed] {
+      const std::unique_ptr<Session> Own = m_Peer->Use(1);
+      std::minstd_rand Random(nSeed);
+      for (; !bDone.load(std::memory_order_relaxed); nReads.fetch_add(1, std::memory_order_relaxed)) {
+        DoRead(*Own, Random());
+      }
+    });
+  }
   for (std::uint64_t i = 0; i < nWrites; ++i) DoWrite(i);
   Measured.Stop();
   bDone = true;
@@ -312,37 +295,21 @@ void Worker::MeasureBeside(const char* pWrite, const char* pRead, std::uint64_t 
 }
 
 void Worker::BesideReaders() {
+  m_Place.bManySessions = true;
   Open();
   const std::uint64_t nEvents = m_How.nEvents;
-  Append(0, nEvents);
+  for (std::uint64_t i = 0; i < nEvents; ++i) Append(*m_Session, i);
   MeasureBeside(
-      "append", "random event", nEvents / 4, [&](std::uint64_t i) { m_Session->Append(Numbered(nEvents + i)); },
+      "append", "random event beside it", nEvents / 4, [&](std::uint64_t i) { Append(*m_Session, nEvents + i); },
       [&](Session& Own, std::uint64_t nRandom) { ReadOne(Own, nRandom % nEvents); });
   if (!m_Kind.bPaths) return;
-  for (std::uint64_t i = 0; i < m_How.nObjects; ++i) m_Session->Intern(FilePath(i));
-  std::vector<Path> Known;
-  Sample(FilePath, &Known);
-  std::vector<Path> New;
-  for (std::uint64_t i = 0; i < Known.size() / 4; ++i) New.push_back(NewPath(i));
+  Meter Filling;
+  Fill(&Filling);
+  const std::vector<Path> Known = Sample(FilePath);
+  const std::vector<Path> New = Sample(NewPath);
   MeasureBeside(
-      "new path", "known path", New.size(), [&](std::uint64_t i) { m_Session->Intern(New[i]); },
+      "new path", "known path beside it", New.size() / 4, [&](std::uint64_t i) { m_Session->Intern(New[i]); },
       [&](Session& Own, std::uint64_t nRandom) { Own.Intern(Known[nRandom % Known.size()]); });
-}
-
-// A process fills the store and is killed; the next one must find all of it.
-void Worker::KillOpen() {
-  const std::uint64_t nEvents = m_How.nKillBytes / sizeof(Event);
-  const pid_t nChild = fork();
-  if (nChild == 0) {
-    Open();
-    Append(0, nEvents);
-    std::raise(SIGKILL);
-  }
-  int nStatus = 0;
-  waitpid(nChild, &nStatus, 0);
-  Require(WIFSIGNALED(nStatus) && WTERMSIG(nStatus) == SIGKILL, "the killed process ended before");
-  m_Place.bHeal = true;
-  MeasureOpen("open after a kill at " + std::to_string(m_How.nKillBytes >> 20) + " MiB, last event", nEvents);
 }
 
 // ---- The run ----------------------------------------------------------------------------------------------
