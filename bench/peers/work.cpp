@@ -1,15 +1,16 @@
 // The same work in each store. Every piece of work runs in a process and a folder of its own, one store after the other
 // in turn, so that no store meets what another one left and what else the machine does meets all alike.
-#include <getopt.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <numeric>
 #include <random>
+#include <set>
 #include <thread>
 
 #include "measure.h"
@@ -32,10 +33,11 @@ struct Settings {
   std::uint64_t nEvents = 200000;
   std::uint64_t nObjects = 100000;
   std::uint64_t nSegments = 1;
-  std::uint64_t nKillBytes = 1u << 30;
   int nRounds = 5;
   bool bCold = false;
   bool bKillOpen = false;
+  bool bQuick = false;
+  std::set<std::string> Works;  // none named: the usual ones
   std::string PlotData;
 };
 
@@ -43,21 +45,44 @@ constexpr std::uint64_t kBatch = 1000;
 constexpr std::uint64_t kSample = 100000;    // at most so many paths are looked up
 constexpr std::uint64_t kColdSample = 1000;  // and so many without their pages, which later ones would find
 constexpr std::uint32_t kThreads = 4;
+constexpr int kOpenings = 5;
 constexpr const char* kCpu = "CPU, µs an operation";
 constexpr const char* kWall = "Wall time, µs an operation";
 constexpr const char* kLatency = "Latency, µs of wall time";
 constexpr const char* kBeside = "One writer with three readers, µs of wall time an operation of each";
+
+// Runs it in a process of its own, and answers how that ended; 0 is well.
+template <class Work>
+int RunApart(Work Do) {
+  std::fflush(nullptr);  // or both would write what waits
+  const pid_t nChild = fork();
+  if (nChild == 0) {
+    try {
+      Do();
+      _exit(0);
+    } catch (const std::exception& Failure) {
+      std::fprintf(stderr, "%s\n", Failure.what());
+      _exit(1);
+    }
+  }
+  int nStatus = -1;
+  waitpid(nChild, &nStatus, 0);
+  return nStatus;
+}
 
 // One store at its work; what it measures goes to the parent, a line each.
 class Worker {
  public:
   Worker(const Kind& Of, const Settings& How, std::filesystem::path Folder, std::FILE* pParent)
       : m_Kind(Of), m_How(How), m_pParent(pParent) {
-    if (How.nSegments > 1) m_Place.nSegmentEvents = static_cast<std::uint32_t>(How.nEvents / How.nSegments);
+    if (How.nSegments > 1) {
+      m_Place.nSegmentEvents = static_cast<std::uint32_t>(std::max<std::uint64_t>(1, How.nEvents / How.nSegments));
+    }
     m_Place.Folder = std::move(Folder);
   }
 
   void Events();
+  void Opening();
   void FourThreads();
   void Paths();
   void Latency();
@@ -83,7 +108,9 @@ class Worker {
   void MeasureEach(const std::string& Work, std::uint64_t nCount, Operation Do) const;
   template <class Write, class Read>
   void MeasureBeside(const char* pWrite, const char* pRead, std::uint64_t nWrites, Write DoWrite, Read DoRead);
-  void MeasureOpen(const std::string& Work, std::uint64_t nEvents);
+  void MeasureOpen(const std::string& Work);
+  void FillWithEvents();
+  std::string Size() const { return std::to_string(m_How.nEvents * sizeof(Event) / 1000000) + " MB"; }
 
   void Open() {
     m_Peer = m_Kind.pOpen(m_Place);
@@ -136,40 +163,48 @@ void Worker::Events() {
   std::minstd_rand Random;
   Measure("random event", m_How.bCold ? std::min(kColdSample, nEvents) : nEvents,
           [&](std::uint64_t) { ReadOne(*m_Session, Random() % nEvents); });
-
-  Close();  // what is left of writing, such as the reading of a log, is no matter of opening
-  Open();
-  MeasureOpen("open " + std::to_string(nEvents * sizeof(Event) / 1000000) + " MB, last event", nEvents);
-  if (m_Kind.pOpen != OpenLumbra) return;
-  m_Place.bHeal = true;
-  MeasureOpen("the same, looking for damage first", nEvents);
 }
 
-void Worker::MeasureOpen(const std::string& Work, std::uint64_t nEvents) {
-  Close();
-  if (m_How.bCold) DropPages(m_Place.Folder);
-  Meter Measured;
+void Worker::FillWithEvents() {
   Open();
-  const Event Last = m_Session->ReadLast();
-  Measured.Stop();
-  Require(Last.nNumber == nEvents - 1, "another last event");
-  Tell(Work, Measured, 1);
+  for (std::uint64_t i = 0; i < m_How.nEvents; ++i) Append(*m_Session, i);
+}
+
+// In a process that has opened nothing before, as a program does that starts.
+void Worker::MeasureOpen(const std::string& Work) {
+  if (m_How.bCold) DropPages(m_Place.Folder);
+  Require(RunApart([&] {
+            Meter Measured;
+            Open();
+            const Event Last = m_Session->ReadLast();
+            Measured.Stop();
+            Require(Last.nNumber == m_How.nEvents - 1, "another last event");
+            Tell(Work, Measured, 1);
+            std::fflush(m_pParent);
+            Close();
+          }) == 0,
+          "opening failed");
+}
+
+// What is left of writing, such as the reading of a log, is no matter of this opening.
+void Worker::Opening() {
+  RunApart([&] { FillWithEvents(), Close(); });
+  for (int i = 0; i < 2; ++i) RunApart([&] { Open(), Close(); });
+  for (int i = 0; i < kOpenings; ++i) {
+    MeasureOpen("open " + Size() + ", last event");
+  }
+  m_Place.bHeal = true;
+  for (int i = 0; i < kOpenings && m_Kind.pOpen == OpenLumbra; ++i) {
+    MeasureOpen("the same, looking for damage first");
+  }
 }
 
 // A process fills the store and is killed; the next one must find all of it.
 void Worker::KillOpen() {
-  const std::uint64_t nEvents = m_How.nKillBytes / sizeof(Event);
-  const pid_t nChild = fork();
-  if (nChild == 0) {
-    Open();
-    for (std::uint64_t i = 0; i < nEvents; ++i) Append(*m_Session, i);
-    std::raise(SIGKILL);
-  }
-  int nStatus = 0;
-  waitpid(nChild, &nStatus, 0);
+  const int nStatus = RunApart([&] { FillWithEvents(), std::raise(SIGKILL); });
   Require(WIFSIGNALED(nStatus) && WTERMSIG(nStatus) == SIGKILL, "the killed process ended before");
   m_Place.bHeal = true;
-  MeasureOpen("open after a kill at " + std::to_string(m_How.nKillBytes >> 20) + " MiB, last event", nEvents);
+  MeasureOpen("open after a kill at " + Size() + ", last event");
 }
 
 void Worker::FourThreads() {
@@ -296,9 +331,8 @@ void Worker::MeasureBeside(const char* pWrite, const char* pRead, std::uint64_t 
 
 void Worker::BesideReaders() {
   m_Place.bManySessions = true;
-  Open();
   const std::uint64_t nEvents = m_How.nEvents;
-  for (std::uint64_t i = 0; i < nEvents; ++i) Append(*m_Session, i);
+  FillWithEvents();
   MeasureBeside(
       "append", "random event beside it", nEvents / 4, [&](std::uint64_t i) { Append(*m_Session, nEvents + i); },
       [&](Session& Own, std::uint64_t nRandom) { ReadOne(Own, nRandom % nEvents); });
@@ -314,104 +348,75 @@ void Worker::BesideReaders() {
 
 // ---- The run ----------------------------------------------------------------------------------------------
 
-// Does one piece of work in a process of its own, and adds to the report what that told.
-void RunApart(const Kind& Of, const Settings& How, void (Worker::*pWork)(), Report* pReport) {
+// Does one piece of work in a folder of its own, and adds to the report what it told.
+void RunWork(const Kind& Of, const Settings& How, void (Worker::*pWork)(), Report* pReport) {
   std::string Folder = (std::filesystem::temp_directory_path() / "lumbra-peers-XXXXXX").string();
-  int Pipe[2];
-  Require(mkdtemp(Folder.data()) != nullptr && pipe(Pipe) == 0, "no folder for a benchmark");
-  const pid_t nChild = fork();
-  if (nChild == 0) {
-    int nResult = 0;
-    try {
-      std::FILE* const pParent = fdopen(Pipe[1], "w");
-      (Worker(Of, How, Folder, pParent).*pWork)();
-      std::fclose(pParent);
-    } catch (const std::exception& Failure) {
-      std::fprintf(stderr, "%s: %s\n", Of.pName, Failure.what());
-      nResult = 1;
-    }
-    _exit(nResult);
-  }
-  close(Pipe[1]);
-  std::FILE* const pTold = fdopen(Pipe[0], "r");
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> Told(std::tmpfile(), std::fclose);
+  Require(mkdtemp(Folder.data()) != nullptr && Told != nullptr, "no folder for a benchmark");
+  const int nStatus = RunApart([&] {
+    (Worker(Of, How, Folder, Told.get()).*pWork)();
+    std::fflush(Told.get());
+  });
+  std::filesystem::remove_all(Folder);
+  Require(nStatus == 0, Of.pName);
+  std::rewind(Told.get());
   char Table[100];
   char Work[100];
   double nValue = 0;
-  while (std::fscanf(pTold, " %99[^\t]\t%99[^\t]\t%lf", Table, Work, &nValue) == 3) {
+  while (std::fscanf(Told.get(), " %99[^\t]\t%99[^\t]\t%lf", Table, Work, &nValue) == 3) {
     pReport->Add(Table, Work, Of.pName, nValue);
   }
-  std::fclose(pTold);
-  int nStatus = 0;
-  waitpid(nChild, &nStatus, 0);
-  std::filesystem::remove_all(Folder);
-  Require(nStatus == 0, "a piece of work failed");
 }
+
+constexpr std::pair<const char*, void (Worker::*)()> kWorks[] = {
+    {"events", &Worker::Events},     {"opening", &Worker::Opening}, {"threads", &Worker::FourThreads},
+    {"paths", &Worker::Paths},       {"latency", &Worker::Latency}, {"readers", &Worker::BesideReaders},
+    {"kill-open", &Worker::KillOpen}};
 
 void RunAll(const Settings& How) {
   std::vector<std::string> Names;
   for (const Kind& One : kKinds) Names.emplace_back(One.pName);
   Report Measured(Names);
-  std::vector<void (Worker::*)()> Works = {&Worker::Events, &Worker::FourThreads, &Worker::Paths, &Worker::Latency,
-                                           &Worker::BesideReaders};
-  if (How.bKillOpen) Works = {&Worker::KillOpen};
   for (int nRound = 0; nRound < How.nRounds; ++nRound) {
-    for (const auto pWork : Works) {
+    for (const auto& [pName, pWork] : kWorks) {
+      const bool bUsual = pWork != &Worker::KillOpen;
+      if (How.Works.empty() ? !bUsual : How.Works.count(pName) == 0) continue;
       for (std::size_t i = 0; i < std::size(kKinds); ++i) {
         const Kind& One = kKinds[(i + static_cast<std::size_t>(nRound)) % std::size(kKinds)];
-        if (One.bPaths || pWork != &Worker::Paths) RunApart(One, How, pWork, &Measured);
+        if (One.bPaths || pWork != &Worker::Paths) RunWork(One, How, pWork, &Measured);
       }
     }
   }
   double nLoad = 0;
   (void)getloadavg(&nLoad, 1);
   std::printf("Medians of %d runs in turn, ± half of their range; %llu events of 64 bytes", How.nRounds,
-              static_cast<unsigned long long>(How.bKillOpen ? How.nKillBytes / sizeof(Event) : How.nEvents));
+              static_cast<unsigned long long>(How.nEvents));
   if (How.nSegments > 1) std::printf(", in Lumbra in %llu segments", static_cast<unsigned long long>(How.nSegments));
-  if (!How.bKillOpen) std::printf("; %llu paths", static_cast<unsigned long long>(How.nObjects));
-  std::printf("%s; %u processors, load at the end %.1f.\n",
-              How.bCold ? "; before each reading work the pages dropped" : "", std::thread::hardware_concurrency(),
-              nLoad);
+  std::printf("; %llu paths%s; %u processors, load at the end %.1f.\n", static_cast<unsigned long long>(How.nObjects),
+              How.bCold ? "; pages dropped before each reading work" : "", std::thread::hardware_concurrency(), nLoad);
   Measured.Print(stdout);
   if (!How.PlotData.empty()) Measured.WriteData(How.PlotData);
 }
 
-int Run(int nCount, char** ppArguments) {
+}  // namespace
+}  // namespace lumbra::peers
+
+int main(int nCount, char** ppArguments) {
+  using namespace lumbra::peers;
   Settings How;
-  const option kOptions[] = {
-      {"cold", no_argument, nullptr, 'c'},           {"objects", required_argument, nullptr, 'o'},
-      {"segments", required_argument, nullptr, 's'}, {"kill-open", no_argument, nullptr, 'k'},
-      {"quick", no_argument, nullptr, 'q'},          {"rounds", required_argument, nullptr, 'r'},
-      {"plot", required_argument, nullptr, 'p'},     {}};
-  for (int nOption = 0; (nOption = getopt_long(nCount, ppArguments, "", kOptions, nullptr)) != -1;) {
-    switch (nOption) {
-      case 'c':
-        How.bCold = true;
-        break;
-      case 'o':
-        How.nObjects = std::strtoull(optarg, nullptr, 10);
-        break;
-      case 's':
-        How.nSegments = std::strtoull(optarg, nullptr, 10);
-        break;
-      case 'k':
-        How.bKillOpen = true;
-        break;
-      case 'q':
-        How.nRounds = 1, How.nEvents = 4000, How.nObjects = 2000, How.nKillBytes = 1u << 20;
-        break;
-      case 'r':
-        How.nRounds = std::atoi(optarg);
-        break;
-      case 'p':
-        How.PlotData = optarg;
-        break;
-      default:
-        std::fputs(
-            "lumbra_peers [--quick] [--rounds N] [--objects N] [--segments N] [--cold] [--kill-open] [--plot FILE]\n",
-            stderr);
-        return 2;
-    }
-  }
+  CLI::App Options("The same work in Lumbra, other stores and bare system calls, as Markdown tables");
+  Options.add_option("--rounds", How.nRounds, "Runs of each work, 5")->check(CLI::PositiveNumber);
+  Options.add_option("--events", How.nEvents, "Events, 200,000; a multiple of 1,000")->check(CLI::PositiveNumber);
+  Options.add_option("--objects", How.nObjects, "Paths, 100,000")->check(CLI::Range(1000u, 100000000u));
+  Options.add_option("--segments", How.nSegments, "Lumbra's segments, 1")->check(CLI::PositiveNumber);
+  Options.add_flag("--cold", How.bCold, "Drop the pages of files before each reading work");
+  Options.add_flag("--kill-open", How.bKillOpen, "Only open again after a kill, at 1 GB");
+  Options.add_flag("--quick", How.bQuick, "Little work, to see that all of it runs");
+  Options.add_option("--work", How.Works, "Only this work, and others so named");
+  Options.add_option("--plot", How.PlotData, "A file for the medians of the first table");
+  CLI11_PARSE(Options, nCount, ppArguments);
+  if (How.bKillOpen) How.Works = {"kill-open"}, How.nEvents = (1u << 30) / sizeof(Event) / kBatch * kBatch;
+  if (How.bQuick) How.nRounds = 1, How.nEvents = 4000, How.nObjects = 2000;
   try {
     RunAll(How);
   } catch (const std::exception& Failure) {
@@ -419,11 +424,4 @@ int Run(int nCount, char** ppArguments) {
     return 1;
   }
   return 0;
-}
-
-}  // namespace
-}  // namespace lumbra::peers
-
-int main(int nCount, char** ppArguments) {
-  return lumbra::peers::Run(nCount, ppArguments);
 }
