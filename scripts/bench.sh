@@ -1,15 +1,16 @@
 #!/bin/sh
 # Sets up, builds, does the same work in Lumbra and other stores, and writes the tables of docs/performance.md and its
-# plot: in some ten minutes the usual ones, with --all also the others, in hours and with 30 GB of the disk. With --quick
+# plot: the usual ones, with --all also those of other sizes, which take far longer and some GB of the disk. With --quick
 # little work, to see that all of it runs, and no figures. Nothing else should run meanwhile.
 set -eu
 cd "$(dirname "$0")/.."
 mode=${1:-}
 
 scripts/setup.sh peers
-cmake --preset release -DLUMBRA_PEERS=ON
-cmake --build --preset release -j "$(nproc)" --target lumbra_peers
-results=build/release/bench/peers/results
+# In a folder of its own, so that the usual builds never ask for what the comparison needs.
+cmake --preset release -B build/peers -DLUMBRA_PEERS=ON -DLUMBRA_TESTS=OFF
+cmake --build build/peers -j "$(nproc)" --target lumbra_peers
+results=build/peers/results
 mkdir -p "$results"
 
 # Measures, and puts what that prints between the markers of one table.
@@ -18,7 +19,7 @@ measure() {
   shift
   echo "== $table"
   [ "$mode" != --quick ] || set -- "$@" --quick
-  build/release/bench/peers/lumbra_peers "$@" >"$results/$table.md"
+  build/peers/bench/peers/lumbra_peers "$@" >"$results/$table.md"
   cat "$results/$table.md"
   [ "$mode" != --quick ] || return 0
   awk -v table="$table" -v file="$results/$table.md" '
