@@ -54,6 +54,7 @@ class SqliteSession final : public Session {
   SqliteSession(const std::filesystem::path& File, bool bAlone) {
     const int nFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
     Check(sqlite3_open_v2(File.c_str(), &m_pDatabase, nFlags, nullptr) == SQLITE_OK);
+    Check(sqlite3_busy_timeout(m_pDatabase, 10000) == SQLITE_OK);  // while another session sets itself up
     const std::string Setup = std::string(bAlone ? "PRAGMA locking_mode = EXCLUSIVE;" : "") +
                               "PRAGMA journal_mode = WAL; PRAGMA synchronous = OFF; PRAGMA cache_size = -" +
                               std::to_string(kCacheSize / 1024) +

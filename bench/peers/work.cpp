@@ -308,22 +308,21 @@ void Worker::Latency() {
 // One thread writes while three read as fast as they can.
 template <class Write, class Read>
 void Worker::MeasureBeside(const char* pWrite, const char* pRead, std::uint64_t nWrites, Write DoWrite, Read DoRead) {
-  std::atomic<bool> bDone{false};
   std::atomic<std::uint64_t> nReads{0};
   std::vector<std::jthread> Readers;
   Meter Measured;
   for (unsigned nSeed = 1; nSeed < kThreads; ++nSeed) {
-    Readers.emplace_back([&, nSeed] {
+    Readers.emplace_back([&, nSeed](const std::stop_token& Stop) {
       const std::unique_ptr<Session> Own = m_Peer->Use(1);
       std::minstd_rand Random(nSeed);
-      for (; !bDone.load(std::memory_order_relaxed); nReads.fetch_add(1, std::memory_order_relaxed)) {
+      for (; !Stop.stop_requested(); nReads.fetch_add(1, std::memory_order_relaxed)) {
         DoRead(*Own, Random());
       }
     });
   }
   for (std::uint64_t i = 0; i < nWrites; ++i) DoWrite(i);
   Measured.Stop();
-  bDone = true;
+  for (std::jthread& One : Readers) One.request_stop();
   Readers.clear();  // joins
   Tell(kBeside, pWrite, Measured.Wall() / static_cast<double>(nWrites));
   Tell(kBeside, pRead, Measured.Wall() * (kThreads - 1) / static_cast<double>(nReads));
