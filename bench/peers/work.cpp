@@ -8,6 +8,7 @@
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
+#include <latch>
 #include <numeric>
 #include <random>
 #include <set>
@@ -309,17 +310,20 @@ void Worker::Latency() {
 template <class Write, class Read>
 void Worker::MeasureBeside(const char* pWrite, const char* pRead, std::uint64_t nWrites, Write DoWrite, Read DoRead) {
   std::atomic<std::uint64_t> nReads{0};
+  std::latch Ready(kThreads);
   std::vector<std::jthread> Readers;
-  Meter Measured;
   for (unsigned nSeed = 1; nSeed < kThreads; ++nSeed) {
     Readers.emplace_back([&, nSeed](const std::stop_token& Stop) {
       const std::unique_ptr<Session> Own = m_Peer->Use(1);
       std::minstd_rand Random(nSeed);
+      Ready.arrive_and_wait();
       for (; !Stop.stop_requested(); nReads.fetch_add(1, std::memory_order_relaxed)) {
         DoRead(*Own, Random());
       }
     });
   }
+  Ready.arrive_and_wait();
+  Meter Measured;
   for (std::uint64_t i = 0; i < nWrites; ++i) DoWrite(i);
   Measured.Stop();
   for (std::jthread& One : Readers) One.request_stop();
