@@ -20,6 +20,7 @@ measure() {
   echo "== $table"
   [ "$mode" != --quick ] || set -- "$@" --quick
   build/peers/bench/peers/lumbra_peers "$@" >"$results/$table.md"
+  [ "$table" != usual ] || printf '\n![costs of an operation](performance.svg)\n' >>"$results/usual.md"
   cat "$results/$table.md"
   [ "$mode" != --quick ] || return 0
   awk -v table="$table" -v file="$results/$table.md" '
