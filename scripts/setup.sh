@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs what the project is built and tested with, from Debian's packages (Debian 12). Does nothing when all of it
 # is there. With "dev": also what contributors need. With "windows": also what builds for Windows and runs that. With
-# "fuzz": also the compiler of the fuzz targets.
+# "fuzz": also the compiler of the fuzz targets. With "peers": also the stores that bench/peers compares with.
 set -eu
 
 packages="g++ cmake ninja-build libcli11-dev nlohmann-json3-dev libutfcpp-dev libhowardhinnant-date-dev
@@ -9,6 +9,7 @@ packages="g++ cmake ninja-build libcli11-dev nlohmann-json3-dev libutfcpp-dev li
 [ "${1:-}" = dev ] && packages="$packages clang-format clang-14 clang-tidy-14"
 [ "${1:-}" = windows ] && packages="$packages g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-posix googletest wine wine64"
 [ "${1:-}" = fuzz ] && packages="$packages clang-14 libclang-rt-14-dev llvm-14"
+[ "${1:-}" = peers ] && packages="$packages libsqlite3-dev liblmdb-dev libleveldb-dev librocksdb-dev gnuplot-nox"
 
 missing=""
 for package in $packages; do
