@@ -88,8 +88,8 @@ FileBlock* BlockBudget::Take(BlockTable& For) {
 FileBlock* BlockBudget::TakeFromOthers(Known& Now, const BlockTable& For) {
   Now.Lock.AssertHeld();
   constexpr std::size_t kLooks = 4;  // a miss does not go round a ring of hundreds
-  const std::size_t nPart =
-      static_cast<std::size_t>(Now.nTaken / sizeof(FileBlock)) / std::max<std::size_t>(1, Now.nTables);
+  const std::size_t nSharers = Now.nTables + (For.m_nBlocks == 0 ? 1 : 0);
+  const auto nPart = static_cast<std::size_t>(Now.nTaken / sizeof(FileBlock) / std::max<std::size_t>(1, nSharers));
   for (std::size_t nLeft = std::min(kLooks, Now.nTables); nLeft != 0; --nLeft) {
     BlockTable& Table = *Now.pBefore->m_pNext;
     Now.pBefore = &Table;

@@ -68,6 +68,12 @@ TEST_F(EventsObjectsTest, CostNoMoreThanTheyMust) {
       .Is(errOK)
       .Calls(SystemCall::Size, 0)
       .Reads(1);
+  const auto FindFiles = [&] {  // more than the cache of objects holds
+    for (char16_t c = 0; c < 500; ++c) (void)Find(5, kPath + u'\\' + static_cast<char16_t>(0x4E00 + c));
+    return errOK;
+  };
+  Step("new files", FindFiles()).Is(errOK);
+  Step("known files", FindFiles()).Is(errOK).Reads(0).Writes(0).Calls(SystemCall::Priority, 0);
   Step("entries and block of data", Call(&Ops::GetObjectData, nId, Data, 100, nullptr, 1)).Is(errOK).Reads(1);
   Step("as much data again", Call(&Ops::SetObjectData, nId, Data, 100, 1)).Is(errOK).Reads(0).Writes(1);
 }

@@ -38,6 +38,16 @@ TEST_F(HashTreeTest, SplitsWhereHashesPart) {
   EXPECT_EQ("0=7 1=8 ", Node(FileSize("bt") - 8, 2));
 }
 
+// Name, record, header, the new nodes at once, the slot that leads to them, and the new object's slot; the root's slots
+// have their CRC written before.
+TEST_F(HashTreeTest, SplitsWithFewWrites) {
+  for (const bool bChecked : {kPlain, kChecked}) {
+    Start(bChecked, {0x0003});
+    Step("an object that parts on the fourth level", TryCreate(0x4003)).Is(errOK).Writes(bChecked ? 7 : 6);
+    ExpectAll({0x0003, 0x4003});
+  }
+}
+
 TEST_F(HashTreeTest, StartsAnewWhatItCannotUse) {
   const std::tuple<const char*, std::size_t, const char*> kDamage[] = {
       {"another magic", 3, "58"},       {"a root elsewhere", 4, "11"}, {"an entry of the root", 20, "00"},
