@@ -57,7 +57,8 @@ class Md5 {
   Block m_Block;  // what does not fill a block yet
 };
 
-// One round of 16 steps: its mixing function, and the order in which it takes the words of the block.
+// One round of 16 steps: its mixing function, and the order in which it takes the words of the block. Each step waits
+// for the b of the one before it, so the shorter the way from b to the sum, the better.
 template <int nRound, class Mix>
 constexpr void Md5::Round(State& Now, const Words& Block, int nFirstWord, int nWordStep, Mix Mixed) {
   for (int i = 0; i < 16; ++i) {
@@ -76,7 +77,7 @@ constexpr void Md5::Transform(State& Sum, const Block& Data) {
   const Words Block = std::bit_cast<Words>(Data);
   State Now = Sum;
   Round<0>(Now, Block, 0, 1, [](Word b, Word c, Word d) { return d ^ (b & (c ^ d)); });
-  Round<1>(Now, Block, 1, 5, [](Word b, Word c, Word d) { return c ^ (d & (b ^ c)); });
+  Round<1>(Now, Block, 1, 5, [](Word b, Word c, Word d) { return (b & d) + (c & ~d); });
   Round<2>(Now, Block, 5, 3, [](Word b, Word c, Word d) { return b ^ c ^ d; });
   Round<3>(Now, Block, 0, 7, [](Word b, Word c, Word d) { return c ^ (b | ~d); });
   for (std::size_t i = 0; i < Now.size(); ++i) Sum[i] += Now[i];
