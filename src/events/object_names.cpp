@@ -255,7 +255,11 @@ class NameBuilder {
 
   // Puts the name at the buffer's start, and behind it each byte of a terminating zero that lies inside.
   void Finish() {
-    std::rotate(m_pBuffer, m_pBuffer + m_nFront, m_pBuffer + m_nBufferSize);
+    if (m_nTotal < m_nBufferSize) {
+      std::memmove(m_pBuffer, m_pBuffer + m_nFront, static_cast<std::size_t>(m_nTotal));
+    } else {
+      std::rotate(m_pBuffer, m_pBuffer + m_nFront, m_pBuffer + m_nBufferSize);
+    }
     for (std::uint32_t i = 0; i < kUnit && m_nTotal + i < m_nBufferSize; ++i) m_pBuffer[m_nTotal + i] = 0;
   }
 
@@ -298,11 +302,10 @@ ResultCode ToWide(NamedObject* pObject, ComponentBuffer* pWide, const std::uint8
   *pnSize = nStored;
   if (nStored == 0 || (pObject->About.nFlags & fObjUtf8) == 0) return errOK;
 
+  if (!pWide->Resize(nStored * kUnit)) return errOUT_OF_MEMORY;  // no byte gives more than one unit
   const auto* const pUtf8 = reinterpret_cast<const char*>(*ppText);
-  if (!StorageEnvironment::Utf8ToWide(pUtf8, nStored, nullptr, 0, pnSize)) return errCONVERSION_FAILED;
-  if (!pWide->Resize(*pnSize)) return errOUT_OF_MEMORY;
   auto* const pText = reinterpret_cast<char16_t*>(pWide->Get());
-  if (!StorageEnvironment::Utf8ToWide(pUtf8, nStored, pText, *pnSize / kUnit, pnSize)) return errCONVERSION_FAILED;
+  if (!StorageEnvironment::Utf8ToWide(pUtf8, nStored, pText, nStored, pnSize)) return errCONVERSION_FAILED;
   *ppText = pWide->Get();
   return errOK;
 }

@@ -37,7 +37,7 @@ class NameHashes {
   void Clear() { *this = NameHashes(); }
 
  private:
-  static constexpr std::uint32_t kMaxNameSize = 44;  // bytes, so that an entry fills a line of the processor's cache
+  static constexpr std::uint32_t kMaxNameSize = 44;  // bytes, so that an entry has 64
   static constexpr std::uint32_t kWays = 4;
   static constexpr std::uint32_t kFirstSets = 32;
   static constexpr std::uint32_t kMaxSets = 2048;
@@ -55,7 +55,7 @@ class NameHashes {
   };
   static_assert(sizeof(Entry) == 64);
 
-  struct alignas(sizeof(Entry)) Set {
+  struct Set {
     Entry Ways[kWays];
   };
 
