@@ -35,61 +35,90 @@ std::uint32_t ZeroTerminatedSize(const void* pName, std::uint32_t nSize, std::ui
 
 // ---- One object -------------------------------------------------------------------------------------------
 
-// A name in the form in which it is stored.
-struct StoredName {
-  const void* pBytes;
-  std::uint32_t nSize;
-  std::uint32_t nFlags;  // fObjUtf8 only where the name really is UTF-8
+// Whether the same name is likely to be looked for again: that of a folder is, with each path through it.
+enum class Recurs { No, Yes };
+
+// The name of one object as it is looked for, without regard to paths.
+class SingleName final : public SoughtName {
+ public:
+  SingleName(std::uint8_t nType, std::uint32_t nFlags, const void* pName, std::uint32_t nSize, std::uint64_t nParentId,
+             Recurs Again)
+      : m_nType(nType), m_nFlags(nFlags), m_pName(pName), m_nSize(nSize), m_nParentId(nParentId), m_Recurs(Again) {}
+
+  ResultCode HashBelow(std::uint64_t nParentHash, NameHashes* pKnown, std::uint64_t* pnHash) override;
+  ResultCode ToStored(StoredName* pStored) override;
+
+  ResultCode FindIn(ObjectDB& Store, std::uint32_t nMode, std::uint64_t* pnId);
+
+ private:
+  ResultCode Replace(ObjectDB& Store, std::uint64_t* pnId);
+
+  const std::uint8_t m_nType;
+  const std::uint32_t m_nFlags;
+  const void* const m_pName;
+  const std::uint32_t m_nSize;
+  const std::uint64_t m_nParentId;
+  const Recurs m_Recurs;
+  std::uint64_t m_nHash = 0;
+  ComponentBuffer m_Utf8;
 };
 
-// UTF-8 where the flags ask for it and it is shorter.
-ResultCode ToStoredForm(const void* pName, std::uint32_t nSize, std::uint32_t nFlags, ComponentBuffer* pScratch,
-                        StoredName* pStored) {
+ResultCode SingleName::HashBelow(std::uint64_t nParentHash, NameHashes* pKnown, std::uint64_t* pnHash) {
+  if (m_nParentId != 0 && nParentHash == 0) return FailedStep(errOBJECT_NOT_FOUND);
+  const auto Compute = [&] {
+    return ObjectHash(m_nType, m_pName, m_nSize, nParentHash, m_nFlags);
+  };
+  const bool bNoCase = (m_nFlags & fObjNoCase) != 0;
+  m_nHash =
+      m_Recurs == Recurs::Yes ? pKnown->Of({nParentHash, m_nType, bNoCase, m_pName, m_nSize}, Compute) : Compute();
+  *pnHash = m_nHash;
+  return m_nHash != 0 ? errOK : errHASH_ZERO;
+}
+
+// UTF-8 where the flags ask for it and it is shorter; the flag stays only where the name really is UTF-8.
+ResultCode SingleName::ToStored(StoredName* pStored) {
   constexpr std::uint32_t kSpareBytes = 8;
-  *pStored = {pName, nSize, nFlags & ~std::uint32_t{fObjUtf8}};
+  const auto nFlags = static_cast<std::uint8_t>(m_nFlags);
+  *pStored = {m_pName, m_nSize, static_cast<std::uint8_t>(nFlags & ~std::uint32_t{fObjUtf8})};
   if ((nFlags & fObjUtf8) == 0) return errOK;
-  const auto* const pWide = static_cast<const char16_t*>(pName);
+  const auto* const pWide = static_cast<const char16_t*>(m_pName);
   std::uint32_t nUtf8 = 0;
-  if (!StorageEnvironment::WideToUtf8(pWide, nSize, nullptr, 0, &nUtf8) || nUtf8 >= nSize) return errOK;
-  if (!pScratch->Resize(nUtf8 + kSpareBytes)) return errOUT_OF_MEMORY;
-  auto* const pUtf8 = reinterpret_cast<char*>(pScratch->Get());
-  if (!StorageEnvironment::WideToUtf8(pWide, nSize, pUtf8, nUtf8, &nUtf8)) return errCONVERSION_FAILED;
+  if (!StorageEnvironment::WideToUtf8(pWide, m_nSize, nullptr, 0, &nUtf8) || nUtf8 >= m_nSize) return errOK;
+  if (!m_Utf8.Resize(nUtf8 + kSpareBytes)) return errOUT_OF_MEMORY;
+  auto* const pUtf8 = reinterpret_cast<char*>(m_Utf8.Get());
+  if (!StorageEnvironment::WideToUtf8(pWide, m_nSize, pUtf8, nUtf8, &nUtf8)) return errCONVERSION_FAILED;
   *pStored = {pUtf8, nUtf8, nFlags};
   return errOK;
 }
 
-// Finds or creates one object, without regard to paths.
+ResultCode SingleName::FindIn(ObjectDB& Store, std::uint32_t nMode, std::uint64_t* pnId) {
+  if (nMode == findOnly) return Store.FindObject(this, m_nParentId, pnId);
+  ResultCode nCode = Store.FindOrCreateObject(this, m_nParentId, m_nType, pnId);
+  if (nCode != errDATA_CORRUPTED || nMode != findOrCreateRepairing) return nCode;
+  nCode = Replace(Store, pnId);
+  return nCode == errOK ? errDATA_REPAIRED : nCode;
+}
+
+// In the store's repairing mode, for a name that met damage, and whose hash is known by then.
+ResultCode SingleName::Replace(ObjectDB& Store, std::uint64_t* pnId) {
+  StoredName Stored{};
+  const ResultCode nCode = ToStored(&Stored);
+  if (Failed(nCode)) return nCode;
+  return Store.FindOrCreateObject(m_nHash, m_nParentId, Stored.nFlags, m_nType, Stored.pBytes, Stored.nSize, true, pnId,
+                                  nullptr);
+}
+
+// Finds or creates one object.
 ResultCode FindSingleObject(ObjectDB& Store, std::uint8_t nType, std::uint32_t nFlags, const void* pName,
-                            std::uint32_t nSize, std::uint64_t nParentId, std::uint32_t nMode, std::uint64_t* pnId) {
+                            std::uint32_t nSize, std::uint64_t nParentId, std::uint32_t nMode, std::uint64_t* pnId,
+                            Recurs Again = Recurs::No) {
   if (pnId != nullptr) *pnId = 0;
   if (pName == nullptr) {
     if (nSize != 0 || nParentId != 0 || pnId == nullptr || nMode == findOnly) return errPARAMETER_INVALID;
     return Store.FindOrCreateObject(0, 0, static_cast<std::uint8_t>(nFlags), nType, nullptr, 0, false, pnId, nullptr);
   }
   if (nSize == 0 || pnId == nullptr) return errPARAMETER_INVALID;
-
-  std::uint64_t nParentHash = 0;
-  if (nParentId != 0) {
-    nParentHash = Store.GetObjectHash(nParentId);
-    if (nParentHash == 0) return FailedStep(errOBJECT_NOT_FOUND);
-  }
-  const std::uint64_t nHash = ObjectHash(nType, pName, nSize, nParentHash, nFlags);
-  if (nHash == 0) return errHASH_ZERO;
-
-  ComponentBuffer Scratch;
-  StoredName Stored{};
-  ResultCode nCode = ToStoredForm(pName, nSize, nFlags, &Scratch, &Stored);
-  if (Failed(nCode)) return nCode;
-  if (nMode == findOnly) return Store.FindObject(nHash, pnId);
-
-  const auto Create = [&](bool bForce) {
-    return Store.FindOrCreateObject(nHash, nParentId, static_cast<std::uint8_t>(Stored.nFlags), nType, Stored.pBytes,
-                                    Stored.nSize, bForce, pnId, nullptr);
-  };
-  nCode = Create(false);
-  if (nCode != errDATA_CORRUPTED || nMode != findOrCreateRepairing) return nCode;
-  nCode = Create(true);
-  return nCode == errOK ? errDATA_REPAIRED : nCode;
+  return SingleName(nType, nFlags, pName, nSize, nParentId, Again).FindIn(Store, nMode, pnId);
 }
 
 // ---- Paths ------------------------------------------------------------------------------------------------
@@ -120,8 +149,9 @@ bool FollowsLinkTo(std::uint8_t nType, std::uint32_t nFlags) {
 ResultCode FindRoot(const ObjectStores& Stores, ObjectDB& Store, const PathRoot& Root, std::u16string_view Path,
                     std::uint32_t nFlags, std::uint32_t nMode, std::uint64_t* pnId) {
   if (nMode == findOnly) nMode = findOrCreate;
-  const ResultCode nCode = FindSingleObject(Store, Root.nType, nFlags | fObjNoCase, Path.data() + Root.nStart,
-                                            static_cast<std::uint32_t>(Root.nLength) * kUnit, 0, nMode, pnId);
+  const ResultCode nCode =
+      FindSingleObject(Store, Root.nType, nFlags | fObjNoCase, Path.data() + Root.nStart,
+                       static_cast<std::uint32_t>(Root.nLength) * kUnit, 0, nMode, pnId, Recurs::Yes);
   if (Failed(nCode)) return nCode;
   const std::uint64_t nLink = LinkOf(Store, *pnId);
   if (nLink == 0) return nCode;
@@ -167,8 +197,9 @@ ResultCode FindPath(const ObjectStores& Stores, ObjectDB& Store, const ObjectQue
   }
   for (Component Next; NextComponent(Path, &nPosition, &Next);) {
     const std::uint8_t nType = Next.bMoreFollows ? ContainerType(Query.nType) : Query.nType;
-    nLast = FindSingleObject(Store, nType, nFlags, Next.Name.data(),
-                             static_cast<std::uint32_t>(Next.Name.size()) * kUnit, nCurrent, Query.nMode, &nCurrent);
+    nLast =
+        FindSingleObject(Store, nType, nFlags, Next.Name.data(), static_cast<std::uint32_t>(Next.Name.size()) * kUnit,
+                         nCurrent, Query.nMode, &nCurrent, Next.bMoreFollows ? Recurs::Yes : Recurs::No);
     if (Failed(nLast)) return nLast;
   }
   if (pnId != nullptr) *pnId = nCurrent;
@@ -224,7 +255,11 @@ class NameBuilder {
 
   // Puts the name at the buffer's start, and behind it each byte of a terminating zero that lies inside.
   void Finish() {
-    std::rotate(m_pBuffer, m_pBuffer + m_nFront, m_pBuffer + m_nBufferSize);
+    if (m_nTotal < m_nBufferSize) {
+      std::memmove(m_pBuffer, m_pBuffer + m_nFront, static_cast<std::size_t>(m_nTotal));
+    } else {
+      std::rotate(m_pBuffer, m_pBuffer + m_nFront, m_pBuffer + m_nBufferSize);
+    }
     for (std::uint32_t i = 0; i < kUnit && m_nTotal + i < m_nBufferSize; ++i) m_pBuffer[m_nTotal + i] = 0;
   }
 
@@ -267,11 +302,10 @@ ResultCode ToWide(NamedObject* pObject, ComponentBuffer* pWide, const std::uint8
   *pnSize = nStored;
   if (nStored == 0 || (pObject->About.nFlags & fObjUtf8) == 0) return errOK;
 
+  if (!pWide->Resize(nStored * kUnit)) return errOUT_OF_MEMORY;  // no byte gives more than one unit
   const auto* const pUtf8 = reinterpret_cast<const char*>(*ppText);
-  if (!StorageEnvironment::Utf8ToWide(pUtf8, nStored, nullptr, 0, pnSize)) return errCONVERSION_FAILED;
-  if (!pWide->Resize(*pnSize)) return errOUT_OF_MEMORY;
   auto* const pText = reinterpret_cast<char16_t*>(pWide->Get());
-  if (!StorageEnvironment::Utf8ToWide(pUtf8, nStored, pText, *pnSize / kUnit, pnSize)) return errCONVERSION_FAILED;
+  if (!StorageEnvironment::Utf8ToWide(pUtf8, nStored, pText, nStored, pnSize)) return errCONVERSION_FAILED;
   *ppText = pWide->Get();
   return errOK;
 }

@@ -13,14 +13,24 @@ namespace lumbra {
 
 class Md5 {
  public:
+  static constexpr std::size_t kBlockSize = 64;
+  using Block = std::array<std::uint8_t, kBlockSize>;
+  using Bytes = std::array<std::uint8_t, 16>;
+
+  // So many bytes fit into one block with their padding and length.
+  static constexpr std::size_t kMaxShort = kBlockSize - 1 - sizeof(std::uint64_t);
+
+  // The digest of at most kMaxShort bytes, which stand at the front of a block of zeros. Names are mostly as short, and
+  // nothing is copied for them.
+  static constexpr Bytes OfShort(Block Front, std::size_t nSize);
+
   void Update(const void* pData, std::size_t nSize) { Update({static_cast<const std::uint8_t*>(pData), nSize}); }
   constexpr void Update(std::span<const std::uint8_t> Data);
 
   // The digest of all that was fed in. Ends the computation.
-  constexpr std::array<std::uint8_t, 16> Digest();
+  constexpr Bytes Digest();
 
  private:
-  static constexpr std::size_t kBlockSize = 64;
   using Words = std::array<std::uint32_t, 16>;
   using State = std::array<std::uint32_t, 4>;
 
@@ -38,14 +48,17 @@ class Md5 {
 
   template <int nRound, class Mix>
   static constexpr void Round(State& Now, const Words& Block, int nFirstWord, int nWordStep, Mix Mixed);
-  constexpr void TransformBlock();
+  static constexpr void Transform(State& Sum, const Block& Data);
 
-  State m_State = {0x67452301, 0xEFCDAB89, 0x98BADCFE, 0x10325476};
+  static constexpr State kStart = {0x67452301, 0xEFCDAB89, 0x98BADCFE, 0x10325476};
+
+  State m_State = kStart;
   std::uint64_t m_nLength = 0;
-  std::array<std::uint8_t, kBlockSize> m_Block;  // what does not fill a block yet
+  Block m_Block;  // what does not fill a block yet
 };
 
-// One round of 16 steps: its mixing function, and the order in which it takes the words of the block.
+// One round of 16 steps: its mixing function, and the order in which it takes the words of the block. Each step waits
+// for the b of the one before it, so the shorter the way from b to the sum, the better.
 template <int nRound, class Mix>
 constexpr void Md5::Round(State& Now, const Words& Block, int nFirstWord, int nWordStep, Mix Mixed) {
   for (int i = 0; i < 16; ++i) {
@@ -59,15 +72,24 @@ constexpr void Md5::Round(State& Now, const Words& Block, int nFirstWord, int nW
   }
 }
 
-constexpr void Md5::TransformBlock() {
+constexpr void Md5::Transform(State& Sum, const Block& Data) {
   using Word = std::uint32_t;
-  const Words Block = std::bit_cast<Words>(m_Block);
-  State Now = m_State;
+  const Words Block = std::bit_cast<Words>(Data);
+  State Now = Sum;
   Round<0>(Now, Block, 0, 1, [](Word b, Word c, Word d) { return d ^ (b & (c ^ d)); });
-  Round<1>(Now, Block, 1, 5, [](Word b, Word c, Word d) { return c ^ (d & (b ^ c)); });
+  Round<1>(Now, Block, 1, 5, [](Word b, Word c, Word d) { return (b & d) + (c & ~d); });
   Round<2>(Now, Block, 5, 3, [](Word b, Word c, Word d) { return b ^ c ^ d; });
   Round<3>(Now, Block, 0, 7, [](Word b, Word c, Word d) { return c ^ (b | ~d); });
-  for (std::size_t i = 0; i < Now.size(); ++i) m_State[i] += Now[i];
+  for (std::size_t i = 0; i < Now.size(); ++i) Sum[i] += Now[i];
+}
+
+constexpr Md5::Bytes Md5::OfShort(Block Front, std::size_t nSize) {
+  Front[nSize] = 0x80;
+  const auto Bits = std::bit_cast<std::array<std::uint8_t, sizeof(std::uint64_t)>>(std::uint64_t{nSize} * 8);
+  std::copy(Bits.begin(), Bits.end(), Front.end() - Bits.size());
+  State Sum = kStart;
+  Transform(Sum, Front);
+  return std::bit_cast<Bytes>(Sum);
 }
 
 constexpr void Md5::Update(std::span<const std::uint8_t> Data) {
@@ -77,11 +99,11 @@ constexpr void Md5::Update(std::span<const std::uint8_t> Data) {
     std::copy_n(Data.begin(), nTaken, m_Block.begin() + nHeld);
     m_nLength += nTaken;
     Data = Data.subspan(nTaken);
-    if (nHeld + nTaken == kBlockSize) TransformBlock();
+    if (nHeld + nTaken == kBlockSize) Transform(m_State, m_Block);
   }
 }
 
-constexpr std::array<std::uint8_t, 16> Md5::Digest() {
+constexpr Md5::Bytes Md5::Digest() {
   // A one bit, zeros up to the last 8 bytes of a block, and the length in bits.
   constexpr std::array<std::uint8_t, kBlockSize> kPadding = {0x80};
   constexpr std::size_t kBeforeLength = kBlockSize - sizeof(m_nLength);
@@ -89,7 +111,7 @@ constexpr std::array<std::uint8_t, 16> Md5::Digest() {
   const std::size_t nHeld = m_nLength % kBlockSize;
   Update(std::span(kPadding).first(nHeld < kBeforeLength ? kBeforeLength - nHeld : kBlockSize + kBeforeLength - nHeld));
   Update(Bits);
-  return std::bit_cast<std::array<std::uint8_t, 16>>(m_State);
+  return std::bit_cast<Bytes>(m_State);
 }
 
 }  // namespace lumbra

@@ -101,6 +101,7 @@ ResultCode ObjectDB::WriteMagic(StorageFile& File) {
 ResultCode ObjectDB::Close() {
   const os::Hold Hold(m_Lock);
   m_Cache.Clear();
+  m_NameHashes.Clear();
   m_Data.Use(nullptr);
   m_Tree.Close();
   m_pFileBT.reset();
@@ -214,7 +215,7 @@ ResultCode ObjectDB::FindOrCreateObject(std::uint64_t nHash, std::uint64_t nPare
   bool bExisted = false;
   bool& bReported = pbExisted != nullptr ? *pbExisted : bExisted;
   bReported = false;
-  const NewObject Object{nHash, nParentId, nFlags, nType, pName, nNameSize};
+  const NewObject Object{nHash, nParentId, nType, {pName, nNameSize, nFlags}};
   if (nHash == 0) {
     if (pName != nullptr || nNameSize != 0 || pId == nullptr) return errPARAMETER_INVALID;
     const os::Hold Hold(m_Lock);
@@ -223,18 +224,42 @@ ResultCode ObjectDB::FindOrCreateObject(std::uint64_t nHash, std::uint64_t nPare
   }
   if (pName == nullptr || nNameSize == 0 || pId == nullptr) return errPARAMETER_INVALID;
   const os::Hold Hold(m_Lock);
-  if (const tObjectId* const pCached = bForce ? nullptr : m_Cache.FindByHash(nHash)) {
+  return FindOrCreate(Object, bForce, pId, &bReported);
+}
+
+ResultCode ObjectDB::FindOrCreate(const NewObject& Object, bool bForce, tObjectId* pId, bool* pbExisted) {
+  if (const tObjectId* const pCached = bForce ? nullptr : m_Cache.FindByHash(Object.nHash)) {
     *pId = *pCached;
-    bReported = true;
+    *pbExisted = true;
     return errOK;
   }
   if (Failed(m_Refill.nFailure)) {
-    bReported = !bForce && Succeeded(LookUp(nHash, pId));
-    if (bReported) return errOK;
+    *pbExisted = !bForce && Succeeded(LookUp(Object.nHash, pId));
+    if (*pbExisted) return errOK;
     const ResultCode nRefilled = FinishRefill();
     if (Failed(nRefilled)) return nRefilled;
   }
-  return FindOrInsert(Object, bForce, pId, &bReported);
+  return FindOrInsert(Object, bForce, pId, pbExisted);
+}
+
+ResultCode ObjectDB::FindObject(SoughtName* pName, std::uint64_t nParentId, tObjectId* pId) {
+  const os::Hold Hold(m_Lock);
+  std::uint64_t nHash = 0;
+  const ResultCode nCode = HashBelow(nParentId, pName, &nHash);
+  return Failed(nCode) ? nCode : Find(nHash, pId);
+}
+
+ResultCode ObjectDB::FindOrCreateObject(SoughtName* pName, std::uint64_t nParentId, std::uint8_t nType,
+                                        tObjectId* pId) {
+  const os::Hold Hold(m_Lock);
+  NewObject Object{0, nParentId, nType, {}, pName};
+  const ResultCode nCode = HashBelow(nParentId, pName, &Object.nHash);
+  bool bExisted = false;
+  return Failed(nCode) ? nCode : FindOrCreate(Object, false, pId, &bExisted);
+}
+
+ResultCode ObjectDB::HashBelow(std::uint64_t nParentId, SoughtName* pName, std::uint64_t* pnHash) {
+  return pName->HashBelow(nParentId != 0 ? HashOf(nParentId) : 0, &m_NameHashes, pnHash);
 }
 
 ResultCode ObjectDB::FindOrInsert(const NewObject& Object, bool bForce, tObjectId* pId, bool* pbExisted) {
@@ -306,17 +331,22 @@ ResultCode ObjectDB::CreateInSlot(const HashTree::Place& At, const NewObject& Ob
 
 // Appends an object's name and record; *pEntry is the record.
 ResultCode ObjectDB::AddObject(const NewObject& Object, tObjectId* pId, tODB_ID_ENTRY* pEntry) {
-  if (Object.nNameSize > kMaxNameSize) return errSIZE_INVALID;
+  StoredName Name = Object.Name;
+  if (Object.pSought != nullptr) {
+    const ResultCode nCode = Object.pSought->ToStored(&Name);
+    if (Failed(nCode)) return nCode;
+  }
+  if (Name.nSize > kMaxNameSize) return errSIZE_INVALID;
   tODB_ID_ENTRY& Entry = *pEntry;
   Entry = {};
   Entry.nObjectHash = Object.nHash;
   Entry.nParentId = Object.nParentId;
-  Entry.nFlags = Object.nFlags;
+  Entry.nFlags = Name.nFlags;
   Entry.nType = Object.nType;
-  Entry.nNameSize = static_cast<std::uint16_t>(Object.nNameSize);
-  if (Object.nNameSize > 0) {
+  Entry.nNameSize = static_cast<std::uint16_t>(Name.nSize);
+  if (Name.nSize > 0) {
     std::uint32_t nName = 0;
-    const ResultCode nCode = AppendName(Object, &nName);
+    const ResultCode nCode = AppendName(Object.nHash, Name, &nName);
     if (Failed(nCode)) return nCode;
     Entry.nName = nName;
   }
@@ -329,13 +359,13 @@ ResultCode ObjectDB::AddObject(const NewObject& Object, tObjectId* pId, tODB_ID_
   return errOK;
 }
 
-ResultCode ObjectDB::AppendName(const NewObject& Object, std::uint32_t* pnOffset) {
-  if (!Has(featureNameCrc)) return AppendData(Object.pName, Object.nNameSize, pnOffset);
-  const std::uint32_t nCrc = m_Crc.Of(Object.nHash, Object.pName, Object.nNameSize);
+ResultCode ObjectDB::AppendName(std::uint64_t nHash, const StoredName& Name, std::uint32_t* pnOffset) {
+  if (!Has(featureNameCrc)) return AppendData(Name.pBytes, Name.nSize, pnOffset);
+  const std::uint32_t nCrc = m_Crc.Of(nHash, Name.pBytes, Name.nSize);
   NameBuffer Block;
-  if (!Block.Resize(Object.nNameSize + kCrcSize)) return errOUT_OF_MEMORY;
-  std::memcpy(Block.Get(), Object.pName, Object.nNameSize);
-  std::memcpy(Block.Get() + Object.nNameSize, &nCrc, sizeof(nCrc));
+  if (!Block.Resize(Name.nSize + kCrcSize)) return errOUT_OF_MEMORY;
+  std::memcpy(Block.Get(), Name.pBytes, Name.nSize);
+  std::memcpy(Block.Get() + Name.nSize, &nCrc, sizeof(nCrc));
   return AppendData(Block.Get(), Block.size(), pnOffset);
 }
 
@@ -427,6 +457,10 @@ ResultCode ObjectDB::ReadCheckedName(const tODB_ID_ENTRY& Entry, std::span<std::
 
 std::uint64_t ObjectDB::GetObjectHash(tObjectId nObjectId) {
   const os::Hold Hold(m_Lock);
+  return HashOf(nObjectId);
+}
+
+std::uint64_t ObjectDB::HashOf(tObjectId nObjectId) {
   tODB_ID_ENTRY Entry{};
   return Succeeded(GetIdEntry(nObjectId, &Entry, TraceMiss::Yes)) ? Entry.nObjectHash : 0;
 }

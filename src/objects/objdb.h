@@ -23,6 +23,7 @@
 #include "lumbra/result_code.h"
 #include "objects/block_table.h"
 #include "objects/hash_tree.h"
+#include "objects/name_hashes.h"
 #include "objects/object_cache.h"
 #include "objects/plaindb.h"
 #include "platform/os.h"
@@ -47,6 +48,25 @@ struct ObjectDescription {
   std::uint32_t nNameSize;  // bytes
   std::uint8_t nFlags;
   std::uint8_t nType;
+};
+
+// A name in the form in which it is stored, and the flags that say so.
+struct StoredName {
+  const void* pBytes;
+  std::uint32_t nSize;
+  std::uint8_t nFlags;
+};
+
+// A name that is looked for below a parent. How it is hashed, and in what form it is stored, is known to who looks; the
+// store asks under its lock, and for the form only where it creates the object.
+class SoughtName {
+ public:
+  // The hash, of a parent with this one: 0 where there is none, or it cannot be read. A failure ends the search.
+  virtual ResultCode HashBelow(std::uint64_t nParentHash, NameHashes* pKnown, std::uint64_t* pnHash) = 0;
+  virtual ResultCode ToStored(StoredName* pStored) = 0;
+
+ protected:
+  ~SoughtName() = default;
 };
 
 class ObjectDB {
@@ -80,6 +100,11 @@ class ObjectDB {
   ResultCode FindOrCreateObject(std::uint64_t nHash, std::uint64_t nParentId, std::uint8_t nFlags, std::uint8_t nType,
                                 const void* pName, std::uint32_t nNameSize, bool bForce, tObjectId* pId,
                                 bool* pbExisted) EXCLUDES(m_Lock);
+
+  // The two by a name, below the parent of this id (0 for none).
+  ResultCode FindObject(SoughtName* pName, std::uint64_t nParentId, tObjectId* pId) EXCLUDES(m_Lock);
+  ResultCode FindOrCreateObject(SoughtName* pName, std::uint64_t nParentId, std::uint8_t nType, tObjectId* pId)
+      EXCLUDES(m_Lock);
 
   ResultCode Describe(tObjectId nObjectId, ObjectDescription* pObject) EXCLUDES(m_Lock);
 
@@ -154,10 +179,9 @@ class ObjectDB {
   struct NewObject {
     std::uint64_t nHash;
     std::uint64_t nParentId;
-    std::uint8_t nFlags;
     std::uint8_t nType;
-    const void* pName;
-    std::uint32_t nNameSize;
+    StoredName Name;
+    SoughtName* pSought = nullptr;  // where given, the name is asked of it
   };
 
   // How far the refill of an empty tree has come.
@@ -186,8 +210,11 @@ class ObjectDB {
   ResultCode SetIdEntry(tObjectId id, const tODB_ID_ENTRY* pEntry) REQUIRES(m_Lock);
   ResultCode Find(std::uint64_t nHash, tObjectId* pId) REQUIRES(m_Lock);
   ResultCode LookUp(std::uint64_t nHash, tObjectId* pId) REQUIRES(m_Lock);
+  std::uint64_t HashOf(tObjectId nObjectId) REQUIRES(m_Lock);
+  ResultCode HashBelow(std::uint64_t nParentId, SoughtName* pName, std::uint64_t* pnHash) REQUIRES(m_Lock);
+  ResultCode FindOrCreate(const NewObject& Object, bool bForce, tObjectId* pId, bool* pbExisted) REQUIRES(m_Lock);
   ResultCode AddObject(const NewObject& Object, tObjectId* pId, tODB_ID_ENTRY* pEntry) REQUIRES(m_Lock);
-  ResultCode AppendName(const NewObject& Object, std::uint32_t* pnOffset) REQUIRES(m_Lock);
+  ResultCode AppendName(std::uint64_t nHash, const StoredName& Name, std::uint32_t* pnOffset) REQUIRES(m_Lock);
   ResultCode AppendData(const void* pData, std::uint32_t nDataSize, std::uint32_t* pnOffset) REQUIRES(m_Lock);
   ResultCode ZeroFill(std::uint64_t nOffset, std::uint32_t nCount) REQUIRES(m_Lock);
   bool WriteData(std::uint64_t nOffset, const void* pData, std::uint32_t nSize, std::uint32_t* pnWritten)
@@ -266,6 +293,7 @@ class ObjectDB {
   bool m_bEndKnownDT GUARDED_BY(m_Lock) = false;  // m_nSizeDT is the end of the file: no write left a part of itself
   TreeRefill m_Refill GUARDED_BY(m_Lock);
   ObjectCache m_Cache GUARDED_BY(m_Lock);
+  NameHashes m_NameHashes GUARDED_BY(m_Lock);
 };
 
 template <class Predicate>

@@ -79,6 +79,17 @@ TEST_F(ObjectNamesTest, CaseCountsOnlyWithoutARootAndOnRequest) {
   EXPECT_EQ(Find(kPlainType, u"both", findOrCreate, fObjNoCase), Find(kPlainType, u"BOTH", findOrCreate, fObjNoCase));
 }
 
+TEST_F(ObjectNamesTest, FoldersOfOneNameAreToldApart) {
+  const std::tuple<std::uint8_t, std::u16string, std::uint32_t> kFolders[] = {
+      {typeFolder, u"same", 0},
+      {typeFolder, u"same", RemoveObjectFlags(fObjNoCase)},
+      {typeRegistryKey, u"same", 0},
+      {typeFolder, u"C:\\same", 0},
+      {typeFolder, u"D:\\same", 0}};
+  for (const auto& [nType, Path, nFlags] : kFolders) Find(nType, Path + u"\\x", findOrCreate, nFlags);
+  for (const auto& [nType, Path, nFlags] : kFolders) EXPECT_NE(0u, Find(nType, Path, findOnly, nFlags));
+}
+
 TEST_F(ObjectNamesTest, TakesNamesBySizeOrUpToTheirZero) {
   const std::uint64_t nName = Find(kPlainType, u"name");
   EXPECT_EQ(nName, Given({kPlainType, 0, u"name", kWideZeroTerminated, findOrCreate, 0}));
