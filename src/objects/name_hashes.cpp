@@ -34,7 +34,8 @@ std::uint32_t NameHashes::Spread(const Name& Of) {
   } else if (Of.nSize >= kWord / 2) {
     nSum = Mix(nSum, Load<std::uint32_t>(pBytes) << 32 | Load<std::uint32_t>(pBytes + Of.nSize - kWord / 2));
   } else {
-    nSum = Mix(nSum, pBytes[0] | pBytes[Of.nSize / 2] << 8 | pBytes[Of.nSize - 1] << 16);
+    const std::uint32_t nFirst = pBytes[0], nMiddle = pBytes[Of.nSize / 2], nLast = pBytes[Of.nSize - 1];
+    nSum = Mix(nSum, nFirst | nMiddle << 8 | nLast << 16);
   }
   return static_cast<std::uint32_t>(nSum);
 }
