@@ -142,7 +142,7 @@ class SegmentManager final : private SegmentChain, private SegmentOwner {
   ResultCode OpenChain(std::uint32_t nEventSize) REQUIRES(m_Lock);
   ResultCode OpenHeader(std::uint32_t nEventSize) REQUIRES(m_Lock);
   FileContent LookAtHeader(std::uint32_t nEventSize) REQUIRES(m_Lock);
-  ResultCode ListSegments() REQUIRES(m_Lock);
+  ResultCode ListSegments(bool* pbLeftOut) REQUIRES(m_Lock);
   bool LeaveOutUnfinished() REQUIRES(m_Lock);
   ResultCode NewSegment() REQUIRES(m_Lock);
   ResultCode StartSegment() REQUIRES(m_Lock);

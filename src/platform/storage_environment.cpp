@@ -48,7 +48,8 @@ bool EndsWithSeparator(std::u16string_view Folder) {
 ResultCode OpenFolders(os::FolderHandle pStore, std::u16string_view Store, std::u16string_view Name,
                        const os::FolderRules& Rules, os::FolderHandle* ppFolder) {
   os::SystemError nError = os::kSuccess;
-  if (pStore == nullptr) {
+  if (pStore == nullptr) nError = os::OpenFolder(Store, Rules, &pStore);
+  if (nError == os::kFileNotFound || nError == os::kPathNotFound) {
     const ResultCode nThere = CreateDirectories(Store, Rules);
     if (nThere != errOK) return Failed(nThere) ? nThere : errACCESS_DENIED;  // somebody else makes it at this moment
     nError = os::OpenFolder(Store, Rules, &pStore);
