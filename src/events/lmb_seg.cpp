@@ -227,11 +227,11 @@ std::uint64_t Segment::GetAge() const {
   return (nNow - m_nCreationTime) / kFileTimeUnitsPerSecond;
 }
 
-ResultCode Segment::Flush() {
+ResultCode Segment::Flush(Flushing What) {
   if (!m_bOpened) return errOK;
   m_pEvents->Flush();
   (void)m_pObjects->Flush();  // answer errOK always; what fails is traced
-  (void)m_pGlobalObjects->Flush();
+  if (What == Flushing::WithSharedStore) (void)m_pGlobalObjects->Flush();
   return errOK;
 }
 

@@ -79,7 +79,10 @@ class Segment {
   std::uint64_t GetAge() const;                   // seconds; 0 when the clock stands before the creation
   std::uint64_t GetCreationTime() const { return m_nCreationTime; }  // FILETIME
 
-  ResultCode Flush();  // always errOK
+  // Brings its files to the disk, and those of the shared store, unless the caller does that once for all segments.
+  // Always errOK.
+  enum class Flushing { WithSharedStore, OwnFiles };
+  ResultCode Flush(Flushing What = Flushing::WithSharedStore);
   ResultCode Check(StoreChoice Choice);
 
   // Objects. Ids lead by their high word to the shared store (0) or the segment's own (its number);

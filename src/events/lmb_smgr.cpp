@@ -497,11 +497,12 @@ ResultCode SegmentManager::OnSegment(std::uint32_t nSegment, Operation Do) {
   return pEntry == nullptr ? errOBJECT_NOT_FOUND : OnEntry(pEntry, Do);
 }
 
-ResultCode SegmentManager::Flush() {
+ResultCode SegmentManager::Flush(Segment::Flushing What) {
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
   const os::Hold Hold(m_Lock);
   CatchUpHeader();
-  for (const tSEGMENT_ENTRY& Entry : m_Segments) (void)Entry.pSegment->Flush();  // errOK always; failures are traced
+  for (const tSEGMENT_ENTRY& Entry : m_Segments)
+    (void)Entry.pSegment->Flush(What);  // errOK always; failures are traced
   SyncHeader();
   // The system may have dropped what it could not write, and call the next sync a success.
   if (m_bSyncFailed) TraceFailedStep(errWRITE_FAILED);

@@ -107,6 +107,11 @@ bool StorageEnvironment::InitBelow(StorageOwner* pOwner, const StorageEnvironmen
   return Open(pOwner, bOpen ? Store.m_pFolder : nullptr, pStore, pName, bEnvironmentFlag);
 }
 
+bool StorageEnvironment::InitAt(StorageOwner* pOwner, const StorageEnvironment& Other, bool bEnvironmentFlag) noexcept {
+  if (pOwner == nullptr || Other.m_pFolder == nullptr) return false;
+  return Open(pOwner, Other.m_pFolder, Other.m_Folder, {}, bEnvironmentFlag);
+}
+
 bool StorageEnvironment::Open(StorageOwner* pOwner, const os::FolderHandle& pStore, std::u16string_view Store,
                               std::u16string_view Name, bool bEnvironmentFlag) noexcept {
   m_pFolder.reset();

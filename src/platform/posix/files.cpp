@@ -22,7 +22,7 @@ static_assert(sizeof(off_t) == 8, "files are larger than 2 GB");
 struct OpenFile {
   int nDescriptor = -1;
   std::uint32_t nAccess = 0;
-  FolderHandle pFolderToSync;  // of a file that was created here and not flushed yet; null otherwise
+  FolderHandle pFolderToSync;                 // of a file that was created here and not flushed yet; null otherwise
   std::uint64_t nCreationTime = 0;            // as it was when the file was opened
   std::optional<std::uint64_t> nKnownSize{};  // the same, of a file that is held, until something is written to it
 
@@ -268,6 +268,9 @@ SystemError ReadAt(FileHandle Handle, std::uint64_t nOffset, void* pBuffer, std:
   *pnRead = 0;
   if (!Handle->Allows(kGenericRead)) return kAccessDenied;
   if (!IsPosition(nOffset, nSize)) return kNegativeSeek;
+  // Where the end is known, it takes no read to find it.
+  if (const auto nEnd = Handle->nKnownSize)
+    nSize = static_cast<std::uint32_t>(std::min<std::uint64_t>(nSize, *nEnd - std::min(*nEnd, nOffset)));
   return TransferAll(nSize, pnRead, [&](std::uint32_t nDone, std::uint32_t nLeft) {
     return pread(Handle->nDescriptor, static_cast<char*>(pBuffer) + nDone, nLeft, static_cast<off_t>(nOffset + nDone));
   });
