@@ -20,9 +20,10 @@ Databases::Databases(DatabasesOwner& Owner) : m_Owner(Owner) {
 
 namespace {
 
-NamedDatabaseRef FindById(const std::vector<NamedDatabaseRef>& All, std::uint32_t nDatabase) {
+// Null for one that nobody opened.
+NamedDatabase* FindById(const std::vector<NamedDatabaseRef>& All, std::uint32_t nDatabase) {
   const auto Found = std::ranges::find_if(All, [=](const NamedDatabaseRef& Named) { return Named->nId == nDatabase; });
-  return Found == All.end() ? NamedDatabaseRef() : *Found;
+  return Found == All.end() ? nullptr : Found->Get();
 }
 
 }  // namespace
@@ -30,16 +31,17 @@ NamedDatabaseRef FindById(const std::vector<NamedDatabaseRef>& All, std::uint32_
 Database Databases::Find(std::uint32_t nDatabase) {
   if (nDatabase < kSlots) return Database(&m_Slots[nDatabase]);
   const os::Hold Hold(m_NamedLock);
-  return Database(FindById(m_Named, nDatabase));
+  return Database(NamedDatabaseRef(FindById(m_Named, nDatabase)));
 }
 
-// The same under the main lock, with which a named one stays. Null for one that nobody opened.
+// The same for who holds the main lock, under which a named one stays. Null for one that nobody opened.
 DatabaseSlot* Databases::SlotOf(std::uint32_t nDatabase) {
-  return nDatabase < kSlots ? &m_Slots[nDatabase] : FindById(Named(), nDatabase).Get();
+  if (nDatabase < kSlots) return &m_Slots[nDatabase];
+  return FindById(AllNamed(), nDatabase);
 }
 
 NamedDatabaseRef Databases::FindNamed(const char16_t* pName) {
-  for (const NamedDatabaseRef& Known : Named()) {
+  for (const NamedDatabaseRef& Known : AllNamed()) {
     if (Known->Name.Equals(pName)) return Known;
   }
   return {};
@@ -94,8 +96,7 @@ ResultCode Databases::OpenNamed(const char16_t* pName, std::uint32_t nEventSize,
   if (!bKept && !IsDatabaseName(pName)) return errPARAMETER_INVALID;
   if (!bKnown && IsPersistentIndexFull(m_Index)) return errINDEX_INVALID;
   const std::uint32_t nId = kFirstNamedDatabase + nPosition;
-  NamedDatabaseRef Named =
-      FindById(this->Named(), nId);  // one that a failed clearing has left closed, with the limits it has
+  NamedDatabaseRef Named(FindById(AllNamed(), nId));  // one that a failed clearing has left closed, with its limits
   const bool bListed = Named.Get() != nullptr;
   // Of another name: the index knows both by one key, and their events could not be told apart.
   if (bListed && !Named->Name.Equals(pName)) return errOBJECT_ALREADY_EXISTS;
@@ -146,7 +147,7 @@ void Databases::CloseAll() {
   for (DatabaseSlot& Slot : m_Slots) Slot.Manager.TearDown();
   std::vector<NamedDatabaseRef> Dropped;  // behind the lock
   const os::Hold Hold(m_Lock);
-  for (const NamedDatabaseRef& Known : Named()) {
+  for (const NamedDatabaseRef& Known : AllNamed()) {
     const SizeTotal::Change Leaving(&m_Total, Known.Get(), SizeTotal::Afterwards::Gone);
   }
   const os::Hold NamedHold(m_NamedLock);
@@ -218,7 +219,7 @@ Databases::Totals Databases::Sum() {
   };
   for (std::uint32_t nDatabase = 1; nDatabase < kSlots; ++nDatabase) Add(m_Slots[nDatabase].Manager);
   const os::Hold Hold(m_Lock);
-  for (const NamedDatabaseRef& Known : Named()) Add(Known->Manager);
+  for (const NamedDatabaseRef& Known : AllNamed()) Add(Known->Manager);
   return Found;
 }
 
@@ -232,7 +233,7 @@ void Databases::SetGlobalLimit(std::uint64_t nBytes) {
 // read opened it.
 void Databases::Recount() {
   for (DatabaseSlot& Slot : m_Slots) Count(&Slot);
-  for (const NamedDatabaseRef& Known : Named()) Count(Known.Get());
+  for (const NamedDatabaseRef& Known : AllNamed()) Count(Known.Get());
 }
 
 void Databases::Count(DatabaseSlot* pSlot) {
@@ -242,7 +243,7 @@ void Databases::Count(DatabaseSlot* pSlot) {
 bool Databases::IsTotalTheSum() const {
   std::uint64_t nSum = 0;
   for (const DatabaseSlot& Slot : m_Slots) nSum += Slot.nCounted;
-  for (const NamedDatabaseRef& Known : Named()) nSum += Known->nCounted;
+  for (const NamedDatabaseRef& Known : AllNamed()) nSum += Known->nCounted;
   return nSum == m_Total.Bytes();
 }
 
@@ -295,7 +296,7 @@ void Databases::CheckLimits() {
 void Databases::CheckLimitsNamed() {
   OldestSearch Search;
   NamedDatabaseRef Chosen;
-  for (const NamedDatabaseRef& Known : Named()) {
+  for (const NamedDatabaseRef& Known : AllNamed()) {
     if (Search.Offer(*Known.Get())) Chosen = Known;
   }
   if (Chosen.Get() == nullptr || !IsOverGlobalLimit()) return;

@@ -140,7 +140,7 @@ class Databases {
   static constexpr std::uint32_t kSlots = kFirstNamedDatabase;
 
   // The list to those who hold the main lock: it changes under both.
-  const std::vector<NamedDatabaseRef>& Named() const REQUIRES(m_Lock) NO_THREAD_SAFETY_ANALYSIS { return m_Named; }
+  const std::vector<NamedDatabaseRef>& AllNamed() const REQUIRES(m_Lock) NO_THREAD_SAFETY_ANALYSIS { return m_Named; }
   DatabaseSlot* SlotOf(std::uint32_t nDatabase) REQUIRES(m_Lock);
   NamedDatabaseRef FindNamed(const char16_t* pName) REQUIRES(m_Lock);
   bool InitEnvironment(DatabaseSlot* pSlot, const HostText& Store, const char16_t* pName) REQUIRES(m_Lock);
