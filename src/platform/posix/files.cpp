@@ -289,9 +289,13 @@ SystemError WriteAt(FileHandle Handle, std::uint64_t nOffset, const void* pData,
 }
 
 SystemError GetSize(FileHandle Handle, std::uint64_t* pnSize) {
+  if (Handle->nKnownSize.has_value()) {
+    *pnSize = *Handle->nKnownSize;
+    return kSuccess;
+  }
   struct stat Status {};
-  if (!Handle->nKnownSize.has_value() && fstat(Handle->nDescriptor, &Status) != 0) return LastError();
-  *pnSize = Handle->nKnownSize.value_or(static_cast<std::uint64_t>(Status.st_size));
+  if (fstat(Handle->nDescriptor, &Status) != 0) return LastError();
+  *pnSize = static_cast<std::uint64_t>(Status.st_size);
   return kSuccess;
 }
 
