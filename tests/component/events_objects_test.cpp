@@ -94,7 +94,7 @@ TEST_F(EventsObjectsTest, AStoreOpensWithFewCalls) {
   EXPECT_EQ(1u, First.nTime);
   for (const SystemCall Once : {SystemCall::Open, SystemCall::Lock}) EXPECT_EQ(14u, CallsOf(Once));
   EXPECT_EQ(0u, CallsOf(SystemCall::WriteAt));
-  EXPECT_EQ(83u, AllCalls());
+  EXPECT_EQ(79u, AllCalls());
 }
 
 }  // namespace
