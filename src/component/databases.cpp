@@ -18,22 +18,31 @@ Databases::Databases(DatabasesOwner& Owner) : m_Owner(Owner) {
 
 // ---- Which database ---------------------------------------------------------------------------------------
 
-Database Databases::Find(std::uint32_t nDatabase) {
-  if (nDatabase < kSlots) return Database(&m_Slots[nDatabase]);
-  const os::Hold Hold(m_Lock);
-  return Database(FindNamed(nDatabase));
+namespace {
+
+// Null for one that nobody opened.
+NamedDatabase* FindById(const std::vector<NamedDatabaseRef>& All, std::uint32_t nDatabase) {
+  const auto Found = std::ranges::find_if(All, [=](const NamedDatabaseRef& Named) { return Named->nId == nDatabase; });
+  return Found == All.end() ? nullptr : Found->Get();
 }
 
-NamedDatabaseRef Databases::FindNamed(std::uint32_t nDatabase) {
-  for (const NamedDatabaseRef& Named : m_Named) {
-    if (Named->nId == nDatabase) return Named;
-  }
-  return {};
+}  // namespace
+
+Database Databases::Find(std::uint32_t nDatabase) {
+  if (nDatabase < kSlots) return Database(&m_Slots[nDatabase]);
+  const os::Hold Hold(m_NamedLock);
+  return Database(NamedDatabaseRef(FindById(m_Named, nDatabase)));
+}
+
+// The same for who holds the main lock, under which a named one stays. Null for one that nobody opened.
+DatabaseSlot* Databases::SlotOf(std::uint32_t nDatabase) {
+  if (nDatabase < kSlots) return &m_Slots[nDatabase];
+  return FindById(AllNamed(), nDatabase);
 }
 
 NamedDatabaseRef Databases::FindNamed(const char16_t* pName) {
-  for (const NamedDatabaseRef& Named : m_Named) {
-    if (Named->Name.Equals(pName)) return Named;
+  for (const NamedDatabaseRef& Known : AllNamed()) {
+    if (Known->Name.Equals(pName)) return Known;
   }
   return {};
 }
@@ -87,7 +96,7 @@ ResultCode Databases::OpenNamed(const char16_t* pName, std::uint32_t nEventSize,
   if (!bKept && !IsDatabaseName(pName)) return errPARAMETER_INVALID;
   if (!bKnown && IsPersistentIndexFull(m_Index)) return errINDEX_INVALID;
   const std::uint32_t nId = kFirstNamedDatabase + nPosition;
-  NamedDatabaseRef Named = FindNamed(nId);  // one that a failed clearing has left closed, with the limits it has
+  NamedDatabaseRef Named(FindById(AllNamed(), nId));  // one that a failed clearing has left closed, with its limits
   const bool bListed = Named.Get() != nullptr;
   // Of another name: the index knows both by one key, and their events could not be told apart.
   if (bListed && !Named->Name.Equals(pName)) return errOBJECT_ALREADY_EXISTS;
@@ -110,7 +119,10 @@ ResultCode Databases::OpenNamed(const char16_t* pName, std::uint32_t nEventSize,
 // Takes an open named database into the list, and a key that is new into the index: into the file first, so
 // that a name which was handed out has its id for ever.
 ResultCode Databases::KeepNamed(const NamedDatabaseRef& Named, const std::string* pNewKey) {
-  m_Named.reserve(m_Named.size() + 1);
+  {
+    const os::Hold Hold(m_NamedLock);
+    m_Named.reserve(m_Named.size() + 1);
+  }
   if (pNewKey != nullptr) {
     m_Index.reserve(m_Index.size() + 1);
     std::string Key = *pNewKey;
@@ -122,6 +134,7 @@ ResultCode Databases::KeepNamed(const NamedDatabaseRef& Named, const std::string
     if (Failed(nCode)) return ToHostResult(nCode);
     m_Index.push_back(std::move(Key));
   }
+  const os::Hold Hold(m_NamedLock);
   m_Named.push_back(Named);
   return errOK;
 }
@@ -134,9 +147,10 @@ void Databases::CloseAll() {
   for (DatabaseSlot& Slot : m_Slots) Slot.Manager.TearDown();
   std::vector<NamedDatabaseRef> Dropped;  // behind the lock
   const os::Hold Hold(m_Lock);
-  for (const NamedDatabaseRef& Named : m_Named) {
-    const SizeTotal::Change Leaving(&m_Total, Named.Get(), SizeTotal::Afterwards::Gone);
+  for (const NamedDatabaseRef& Known : AllNamed()) {
+    const SizeTotal::Change Leaving(&m_Total, Known.Get(), SizeTotal::Afterwards::Gone);
   }
+  const os::Hold NamedHold(m_NamedLock);
   Dropped.swap(m_Named);
 }
 
@@ -163,13 +177,15 @@ void Databases::SaveMark() {
 
 // ---- Changes of one database ------------------------------------------------------------------------------
 
-ResultCode Databases::AddTo(const Database& To, const void* pData, std::uint32_t nSize, std::uint64_t* pnEventId) {
+ResultCode Databases::AddTo(DatabaseSlot* pTo, const void* pData, std::uint32_t nSize, std::uint64_t* pnEventId) {
+  // Nobody looks at the total without a limit, and one that is set has it counted anew.
+  if (m_nGlobalSizeLimit == 0) return pTo->Manager.AddEvent(pData, nSize, pnEventId);
   ResultCode nCode = errOK;
   {
-    const SizeTotal::Change Growing(&m_Total, &To.Slot());
-    nCode = To.Manager().AddEvent(pData, nSize, pnEventId);
+    const SizeTotal::Change Growing(&m_Total, pTo);
+    nCode = pTo->Manager.AddEvent(pData, nSize, pnEventId);
   }
-  if (To.Slot().Counts()) EnforceGlobalLimit();
+  if (pTo->Counts()) EnforceGlobalLimit();
   LUMBRA_INVARIANT(IsTotalTheSum());
   return nCode;
 }
@@ -203,7 +219,7 @@ Databases::Totals Databases::Sum() {
   };
   for (std::uint32_t nDatabase = 1; nDatabase < kSlots; ++nDatabase) Add(m_Slots[nDatabase].Manager);
   const os::Hold Hold(m_Lock);
-  for (const NamedDatabaseRef& Named : m_Named) Add(Named->Manager);
+  for (const NamedDatabaseRef& Known : AllNamed()) Add(Known->Manager);
   return Found;
 }
 
@@ -217,7 +233,7 @@ void Databases::SetGlobalLimit(std::uint64_t nBytes) {
 // read opened it.
 void Databases::Recount() {
   for (DatabaseSlot& Slot : m_Slots) Count(&Slot);
-  for (const NamedDatabaseRef& Named : m_Named) Count(Named.Get());
+  for (const NamedDatabaseRef& Known : AllNamed()) Count(Known.Get());
 }
 
 void Databases::Count(DatabaseSlot* pSlot) {
@@ -227,7 +243,7 @@ void Databases::Count(DatabaseSlot* pSlot) {
 bool Databases::IsTotalTheSum() const {
   std::uint64_t nSum = 0;
   for (const DatabaseSlot& Slot : m_Slots) nSum += Slot.nCounted;
-  for (const NamedDatabaseRef& Named : m_Named) nSum += Named->nCounted;
+  for (const NamedDatabaseRef& Known : AllNamed()) nSum += Known->nCounted;
   return nSum == m_Total.Bytes();
 }
 
@@ -280,8 +296,8 @@ void Databases::CheckLimits() {
 void Databases::CheckLimitsNamed() {
   OldestSearch Search;
   NamedDatabaseRef Chosen;
-  for (const NamedDatabaseRef& Named : m_Named) {
-    if (Search.Offer(*Named.Get())) Chosen = Named;
+  for (const NamedDatabaseRef& Known : AllNamed()) {
+    if (Search.Offer(*Known.Get())) Chosen = Known;
   }
   if (Chosen.Get() == nullptr || !IsOverGlobalLimit()) return;
   Trace(m_Owner.Handle(), traceRoutine, "lmb\tCheckLimitsNamed: going to delete a segment (%X,%I64X,%I64X)",

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "component/database.h"
@@ -78,6 +79,14 @@ class Databases {
 
   // Opens the folder of the store for it, making it where it is missing. False when that fails.
   bool OpenStoreFolder(const HostText& Folder) EXCLUDES(m_Lock);
+
+  // Does something with that folder.
+  template <class Operation>
+  ResultCode InStoreFolder(Operation Do) EXCLUDES(m_Lock) {
+    const os::Hold Hold(m_Lock);
+    return Do(std::as_const(m_Store));
+  }
+
   ResultCode LoadIndex(bool* pbCorrupted) EXCLUDES(m_Lock);
 
   // The mark in it that damage was met. Where it is needed and could not be saved, the next SaveMark tries again.
@@ -88,16 +97,17 @@ class Databases {
   // ---- Each database ----
 
   // The database of an id below 255. Not open for the id of a named one that nobody opened.
-  Database Find(std::uint32_t nDatabase) EXCLUDES(m_Lock);
+  // Waits for nobody who works with another one.
+  Database Find(std::uint32_t nDatabase) EXCLUDES(m_NamedLock);
 
   // Shows the segment manager of each slot and of each named database, without the lock.
   template <class Visitor>
-  void ForEach(Visitor Visit) EXCLUDES(m_Lock);
+  void ForEach(Visitor Visit) EXCLUDES(m_NamedLock);
 
-  // Appends an event, and has the limit on all databases drop a segment where that is due. Tell(code, id of the event
-  // without the database).
+  // Appends an event, and has the limit on all databases drop a segment where that is due. errPARAMETER_INVALID,
+  // without Tell, for the id of a named database that nobody opened. Tell(code, id of the event without the database).
   template <class Telling>
-  ResultCode Add(const Database& To, const void* pData, std::uint32_t nSize, Telling Tell) EXCLUDES(m_Lock);
+  ResultCode Add(std::uint32_t nDatabase, const void* pData, std::uint32_t nSize, Telling Tell) EXCLUDES(m_Lock);
 
   template <class Telling>
   ResultCode Clear(const Database& Which, Telling Tell) EXCLUDES(m_Lock);
@@ -129,7 +139,9 @@ class Databases {
  private:
   static constexpr std::uint32_t kSlots = kFirstNamedDatabase;
 
-  NamedDatabaseRef FindNamed(std::uint32_t nDatabase) REQUIRES(m_Lock);
+  // The list to those who hold the main lock: it changes under both.
+  const std::vector<NamedDatabaseRef>& AllNamed() const REQUIRES(m_Lock) NO_THREAD_SAFETY_ANALYSIS { return m_Named; }
+  DatabaseSlot* SlotOf(std::uint32_t nDatabase) REQUIRES(m_Lock);
   NamedDatabaseRef FindNamed(const char16_t* pName) REQUIRES(m_Lock);
   bool InitEnvironment(DatabaseSlot* pSlot, const HostText& Store, const char16_t* pName) REQUIRES(m_Lock);
   ResultCode InitManager(DatabaseSlot* pSlot, std::uint32_t nEventSize) REQUIRES(m_Lock);
@@ -137,7 +149,7 @@ class Databases {
   ResultCode OpenNamed(const char16_t* pName, std::uint32_t nEventSize, Database* pOpened) REQUIRES(m_Lock);
   ResultCode KeepNamed(const NamedDatabaseRef& Named, const std::string* pNewKey) REQUIRES(m_Lock);
 
-  ResultCode AddTo(const Database& To, const void* pData, std::uint32_t nSize, std::uint64_t* pnEventId)
+  ResultCode AddTo(DatabaseSlot* pTo, const void* pData, std::uint32_t nSize, std::uint64_t* pnEventId)
       REQUIRES(m_Lock);
   ResultCode ClearOne(const Database& Which) REQUIRES(m_Lock);
   void EnforceGlobalLimit() REQUIRES(m_Lock);
@@ -156,10 +168,12 @@ class Databases {
 
   os::CriticalSection m_Lock;  // guards everything below, and the opening, limiting and clearing of databases, and adds
   SizeTotal m_Total GUARDED_BY(m_Lock);
-  std::uint64_t m_nGlobalSizeLimit GUARDED_BY(m_Lock) = 0;   // of the total; 0: none
-  std::vector<NamedDatabaseRef> m_Named GUARDED_BY(m_Lock);  // in order of opening
-  StorageEnvironment m_Store GUARDED_BY(m_Lock);             // the store's folder
-  PersistentIndex m_Index GUARDED_BY(m_Lock);                // what that file holds
+  std::uint64_t m_nGlobalSizeLimit GUARDED_BY(m_Lock) = 0;  // of the total; 0: none
+  StorageEnvironment m_Store GUARDED_BY(m_Lock);            // the store's folder
+  PersistentIndex m_Index GUARDED_BY(m_Lock);               // what that file holds
+
+  os::CriticalSection m_NamedLock;                                // below the main lock, for a few instructions
+  std::vector<NamedDatabaseRef> m_Named GUARDED_BY(m_NamedLock);  // in order of opening; changed under both locks
 };
 
 template <class Telling>
@@ -181,10 +195,12 @@ ResultCode Databases::Open(const char16_t* pName, std::uint32_t nEventSize, Tell
 }
 
 template <class Telling>
-ResultCode Databases::Add(const Database& To, const void* pData, std::uint32_t nSize, Telling Tell) {
+ResultCode Databases::Add(std::uint32_t nDatabase, const void* pData, std::uint32_t nSize, Telling Tell) {
   const os::Hold Hold(m_Lock);
+  DatabaseSlot* const pTo = SlotOf(nDatabase);
+  if (pTo == nullptr) return errPARAMETER_INVALID;
   std::uint64_t nEventId = 0;
-  const ResultCode nCode = AddTo(To, pData, nSize, &nEventId);
+  const ResultCode nCode = AddTo(pTo, pData, nSize, &nEventId);
   return Tell(nCode, nEventId);
 }
 
@@ -201,7 +217,7 @@ void Databases::ForEach(Visitor Visit) {
   for (std::size_t i = 0;; ++i) {
     NamedDatabaseRef Named;
     {
-      const os::Hold Hold(m_Lock);
+      const os::Hold Hold(m_NamedLock);
       if (i < m_Named.size()) Named = m_Named[i];
     }
     if (Named.Get() == nullptr) return;

@@ -14,9 +14,7 @@ ResultCode Lumbra::AddEvent(std::uint32_t nDatabase, const void* pData, std::uin
   if (nDatabase == kSystemDatabase) return errNOT_SUPPORTED;
   const SharedHold Hold(m_Lock);
   if (m_nWritesSuspended != 0) return errREAD_ONLY;
-  const Database Found = m_Databases.Find(nDatabase);
-  if (!Found.IsOpen()) return errPARAMETER_INVALID;
-  return m_Databases.Add(Found, pData, nSize, [&](ResultCode nCode, std::uint64_t nLocalId) {
+  return m_Databases.Add(nDatabase, pData, nSize, [&](ResultCode nCode, std::uint64_t nLocalId) {
     const std::uint64_t nEventId = WithDatabase(nLocalId, nDatabase);
     if (pnEventId != nullptr) *pnEventId = nEventId;
     if (nDatabase < kFirstNamedDatabase) {

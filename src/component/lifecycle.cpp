@@ -116,8 +116,9 @@ ResultCode Lumbra::OpenStore() {
   BlockBudget::SetLimit(std::uint64_t{m_nCacheSize} * 1024);
   if (!m_Databases.OpenStoreFolder(Folder)) return errOPEN_FAILED;
 
-  const ResultCode nShared =
-      SharedObjects::AddUser(Folder.Text(), m_nCheckMode != 0, m_nEnvironmentFlag != 0, m_Owner.RulesOfFolders());
+  const ResultCode nShared = m_Databases.InStoreFolder([&](const StorageEnvironment& Store) {
+    return SharedObjects::AddUser(Store, m_nCheckMode != 0, m_nEnvironmentFlag != 0);
+  });
   if (Failed(nShared)) return errOPEN_FAILED;
   m_bUsesSharedObjects = true;
 
@@ -191,8 +192,10 @@ ResultCode Lumbra::MessageReceive(std::uint32_t nClass, std::uint32_t nMessageId
 // while it waits for the database, and adds to all others then wait as well.
 void Lumbra::Flush() {
   const SharedHold Hold(m_Lock);
-  // What fails is traced; a slot that is not open has nothing to flush.
-  m_Databases.ForEach([](SegmentManager& Manager) { (void)Manager.Flush(); });
+  // What fails is traced; a slot that is not open has nothing to flush. The shared store comes once, before the events
+  // that name its objects, and under no database's lock.
+  if (m_bInitialized && m_bUsesSharedObjects) (void)SharedObjects::Store()->Flush();
+  m_Databases.ForEach([](SegmentManager& Manager) { (void)Manager.Flush(Segment::Flushing::OwnFiles); });
   m_Databases.SaveMark();
 }
 

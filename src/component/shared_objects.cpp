@@ -17,9 +17,6 @@ namespace {
 class NoOwner final : public StorageOwner {
  public:
   bool ExactFileSizes() override { return false; }
-  os::FolderRules RulesOfFolders() override { return Rules; }
-
-  os::FolderRules Rules;
 };
 
 struct SharedStore {
@@ -29,7 +26,7 @@ struct SharedStore {
   std::unique_ptr<StorageEnvironment> pEnvironment GUARDED_BY(Lock);
   std::unique_ptr<ObjectDB> pStore GUARDED_BY(Lock);
 
-  ResultCode Open(const char16_t* pFolder, bool bCheckMode, bool bEnvironmentFlag) REQUIRES(Lock);
+  ResultCode Open(const StorageEnvironment& Folder, bool bCheckMode, bool bEnvironmentFlag) REQUIRES(Lock);
   void Close() REQUIRES(Lock);
 };
 
@@ -40,9 +37,9 @@ SharedStore& Shared() {
   return *s_pInstance;
 }
 
-ResultCode SharedStore::Open(const char16_t* pFolder, bool bCheckMode, bool bEnvironmentFlag) {
+ResultCode SharedStore::Open(const StorageEnvironment& Folder, bool bCheckMode, bool bEnvironmentFlag) {
   pEnvironment = std::make_unique<StorageEnvironment>();
-  if (!pEnvironment->Init(&Owner, pFolder, FolderContent::Keep, bEnvironmentFlag)) return errOPEN_FAILED;
+  if (!pEnvironment->InitAt(&Owner, Folder, bEnvironmentFlag)) return errOPEN_FAILED;
   pStore = std::make_unique<ObjectDB>(bCheckMode);
   ObjectFiles Files;
   // A file that cannot be opened is handed on as absent: the store refuses it, whatever the reason.
@@ -70,15 +67,13 @@ void SharedStore::Close() {
 
 }  // namespace
 
-ResultCode SharedObjects::AddUser(const char16_t* pFolder, bool bCheckMode, bool bEnvironmentFlag,
-                                  const os::FolderRules& Rules) {
+ResultCode SharedObjects::AddUser(const StorageEnvironment& Folder, bool bCheckMode, bool bEnvironmentFlag) {
   SharedStore& Now = Shared();
   const os::Hold Hold(Now.Lock);
   if (binding::AtomicIncrement(&Now.nUsers) != 1) return errOK;
   ResultCode nCode = errOK;
   try {
-    Now.Owner.Rules = Rules;
-    nCode = Now.Open(pFolder, bCheckMode, bEnvironmentFlag);
+    nCode = Now.Open(Folder, bCheckMode, bEnvironmentFlag);
   } catch (...) {
     nCode = ResultFromCurrentException();
   }

@@ -12,10 +12,9 @@ namespace lumbra {
 
 class SharedObjects {
  public:
-  // Adds a user. The first one has the store opened in its folder, with its check mode and for its readers; every later
-  // one uses what is there. errOPEN_FAILED, with nothing added, when the store cannot be opened.
-  static ResultCode AddUser(const char16_t* pFolder, bool bCheckMode, bool bEnvironmentFlag,
-                            const os::FolderRules& Rules);
+  // Adds a user. The first one has the store opened in its folder and with its check mode; every later one uses what is
+  // there. errOPEN_FAILED, with nothing added, when the store cannot be opened.
+  static ResultCode AddUser(const StorageEnvironment& Folder, bool bCheckMode, bool bEnvironmentFlag);
   static void RemoveUser();
 
   // Null without users.

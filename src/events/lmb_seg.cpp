@@ -104,6 +104,7 @@ ResultCode Segment::OpenEvents() {
 }
 
 ResultCode Segment::OpenObjects() {
+  m_nObjectsSize.reset();
   m_pObjects.reset(new (std::nothrow) ObjectDB(m_bCheckMode));
   if (m_pObjects == nullptr) return FailedStep(errOUT_OF_MEMORY);
   ObjectFiles Opened;
@@ -209,7 +210,8 @@ ResultCode Segment::GetEventCount(std::uint64_t* pnCount) {
 
 ResultCode Segment::MeasureData(std::uint64_t* pnSize) {
   if (m_bOpened) {
-    *pnSize = m_pObjects->GetSize() + m_pEvents->GetSize();
+    if (!m_nObjectsSize.has_value()) m_nObjectsSize = m_pObjects->GetSize();
+    *pnSize = *m_nObjectsSize + m_pEvents->GetSize();
     return errOK;
   }
   if (m_bFailed || m_pEnv == nullptr) return errSTORE_NOT_INITIALIZED;
@@ -227,16 +229,17 @@ std::uint64_t Segment::GetAge() const {
   return (nNow - m_nCreationTime) / kFileTimeUnitsPerSecond;
 }
 
-ResultCode Segment::Flush() {
+ResultCode Segment::Flush(Flushing What) {
   if (!m_bOpened) return errOK;
   m_pEvents->Flush();
   (void)m_pObjects->Flush();  // answer errOK always; what fails is traced
-  (void)m_pGlobalObjects->Flush();
+  if (What == Flushing::WithSharedStore) (void)m_pGlobalObjects->Flush();
   return errOK;
 }
 
 ResultCode Segment::Check(StoreChoice Choice) {
   if (Failed(Open())) return errOPEN_FAILED;
+  m_nObjectsSize.reset();  // what the tree lacks is put back
   return (Choice == StoreChoice::Global ? m_pGlobalObjects : m_pObjects.get())->FastConsistencyCheck();
 }
 

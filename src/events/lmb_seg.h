@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "events/object_names.h"
 #include "lumbra/result_code.h"
@@ -79,7 +80,10 @@ class Segment {
   std::uint64_t GetAge() const;                   // seconds; 0 when the clock stands before the creation
   std::uint64_t GetCreationTime() const { return m_nCreationTime; }  // FILETIME
 
-  ResultCode Flush();  // always errOK
+  // Brings its files to the disk, and those of the shared store, unless the caller does that once for all segments.
+  // Always errOK.
+  enum class Flushing { WithSharedStore, OwnFiles };
+  ResultCode Flush(Flushing What = Flushing::WithSharedStore);
   ResultCode Check(StoreChoice Choice);
 
   // Objects. Ids lead by their high word to the shared store (0) or the segment's own (its number);
@@ -108,7 +112,11 @@ class Segment {
     Segment* m_pSegment;
   };
 
-  ObjectStores Stores() const { return {m_pObjects.get(), m_pGlobalObjects, m_nNumber}; }
+  // For an operation on objects, which may change the size of the store.
+  ObjectStores Stores() {
+    m_nObjectsSize.reset();
+    return {m_pObjects.get(), m_pGlobalObjects, m_nNumber};
+  }
   ResultCode OpenEvents();
   ResultCode OpenObjects();
   ResultCode OpenObjectFiles(ObjectFiles* pFiles, bool* pbGone);
@@ -126,6 +134,7 @@ class Segment {
   BlockTable m_Blocks;        // of the events
   std::unique_ptr<PlainDB> m_pEvents;
   std::unique_ptr<ObjectDB> m_pObjects;
+  std::optional<std::uint64_t> m_nObjectsSize;  // bytes, since the last operation on it: an event asks for it, too
   ObjectDB* m_pGlobalObjects = nullptr;
   StorageEnvironment* m_pEnv = nullptr;
   bool m_bWritable = false;

@@ -48,13 +48,10 @@ ResultCode SegmentManager::Open(StorageEnvironment* pEnv, std::uint32_t nEventSi
 ResultCode SegmentManager::OpenChain(std::uint32_t nEventSize) {
   ResultCode nCode = OpenHeader(nEventSize);
   if (Failed(nCode)) return nCode;
-  if (m_Header.nFirstSegment != 0) {
-    nCode = ListSegments();
-    if (Failed(nCode)) return nCode;
-  }
+  bool bLeftOut = false;
+  nCode = ListSegments(&bLeftOut);
+  if (Failed(nCode) || !m_Segments.empty()) return nCode;
   // A number that was taken is taken again, so that the ids of the segments before it do not come back.
-  const bool bLeftOut = LeaveOutUnfinished();
-  if (!m_Segments.empty()) return errOK;
   if (!bLeftOut) m_nNextNumber = 1;
   m_Header.nFirstSegment = m_nNextNumber;
   return NewSegment();
@@ -82,9 +79,12 @@ FileContent SegmentManager::LookAtHeader(std::uint32_t nEventSize) {
   return bOurs && m_Header.nEventSize == nEventSize ? FileContent::Ours() : FileContent::Foreign();
 }
 
-// Takes up the segments from the first number on, until one has no event file: there the chain ends.
-ResultCode SegmentManager::ListSegments() {
-  const os::SearchScope OneListingOfTheFolder;
+// Takes up the segments from the first number on, until one has no event file: there the chain ends. Nothing is opened
+// nor changed, so the folder is listed once, and each file looked at once.
+ResultCode SegmentManager::ListSegments(bool* pbLeftOut) {
+  *pbLeftOut = false;
+  if (m_Header.nFirstSegment == 0) return errOK;
+  const os::SearchScope OneLookAtTheFolder;
   for (m_nNextNumber = m_Header.nFirstSegment; m_nNextNumber < kSegmentNumberLimit; ++m_nNextNumber) {
     std::unique_ptr<Segment> pSegment = MakeSegment();
     if (pSegment == nullptr) return errOUT_OF_MEMORY;
@@ -100,6 +100,7 @@ ResultCode SegmentManager::ListSegments() {
     if (Succeeded(nCode)) nCode = AppendEntry(std::move(pSegment), nEvents, nSize);
     if (Failed(nCode)) return nCode;
   }
+  *pbLeftOut = LeaveOutUnfinished();
   return errOK;
 }
 
@@ -496,11 +497,12 @@ ResultCode SegmentManager::OnSegment(std::uint32_t nSegment, Operation Do) {
   return pEntry == nullptr ? errOBJECT_NOT_FOUND : OnEntry(pEntry, Do);
 }
 
-ResultCode SegmentManager::Flush() {
+ResultCode SegmentManager::Flush(Segment::Flushing What) {
   if (!m_bInitialized) return errSTORE_NOT_INITIALIZED;
   const os::Hold Hold(m_Lock);
   CatchUpHeader();
-  for (const tSEGMENT_ENTRY& Entry : m_Segments) (void)Entry.pSegment->Flush();  // errOK always; failures are traced
+  for (const tSEGMENT_ENTRY& Entry : m_Segments)
+    (void)Entry.pSegment->Flush(What);  // errOK always; failures are traced
   SyncHeader();
   // The system may have dropped what it could not write, and call the next sync a success.
   if (m_bSyncFailed) TraceFailedStep(errWRITE_FAILED);

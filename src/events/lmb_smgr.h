@@ -94,10 +94,10 @@ class SegmentManager final : private SegmentChain, private SegmentOwner {
 
   // ---- Objects ----
 
-  // Brings to the disk what was written to the open segments, the shared store and "segments.dat". errOK also when
-  // that fails, which is traced; and so is, each time until the database is opened again, that it failed for a segment
-  // before.
-  ResultCode Flush() EXCLUDES(m_Lock);
+  // Brings to the disk what was written to the open segments, the shared store (unless the caller does that) and
+  // "segments.dat". errOK also when that fails, which is traced; and so is, each time until the database is opened
+  // again, that it failed for a segment before.
+  ResultCode Flush(Segment::Flushing What = Segment::Flushing::WithSharedStore) EXCLUDES(m_Lock);
 
   // The quick check of an object store, through the newest segment.
   ResultCode Check(StoreChoice Choice) EXCLUDES(m_Lock);
@@ -142,7 +142,7 @@ class SegmentManager final : private SegmentChain, private SegmentOwner {
   ResultCode OpenChain(std::uint32_t nEventSize) REQUIRES(m_Lock);
   ResultCode OpenHeader(std::uint32_t nEventSize) REQUIRES(m_Lock);
   FileContent LookAtHeader(std::uint32_t nEventSize) REQUIRES(m_Lock);
-  ResultCode ListSegments() REQUIRES(m_Lock);
+  ResultCode ListSegments(bool* pbLeftOut) REQUIRES(m_Lock);
   bool LeaveOutUnfinished() REQUIRES(m_Lock);
   ResultCode NewSegment() REQUIRES(m_Lock);
   ResultCode StartSegment() REQUIRES(m_Lock);

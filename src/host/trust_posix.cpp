@@ -70,7 +70,7 @@ std::string WhyStoreNotTrusted(const std::filesystem::path& Folder) {
     const dirent* const pEntry = readdir(pListing.get());
     if (pEntry == nullptr) return errno == 0 ? std::string() : Printable(Folder.string()) + ' ' + WhyNotKnown();
     const std::string Name = pEntry->d_name;
-    if (Name == "." || Name == "..") continue;
+    if (Name == "." || Name == ".." || pEntry->d_type == DT_REG) continue;
     const std::string Why = WhyEntryNotTrusted(dirfd(pListing.get()), Name);
     if (!Why.empty()) return Printable((Folder / Name).string()) + ' ' + Why;
   }

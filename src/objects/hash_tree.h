@@ -91,8 +91,9 @@ class HashTree {
   std::uint32_t NodeSize(std::uint32_t nLevel) const { return SlotsSize(nLevel) + CrcSize(); }
   std::uint32_t RootEnd() const { return FirstNodeOffset + kRootSlots * sizeof(tODB_BT_OFFSET) + CrcSize(); }
 
-  FileContent LookAtHeader();
-  FileContent LookAtRoot();
+  struct Beginning;
+  FileContent LookAtHeader(Beginning* pStart);
+  FileContent LookAtRoot(const Beginning& Start) const;
   ResultCode StoreHeader();
   void Sync();
   bool PrepareHead();

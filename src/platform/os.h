@@ -114,6 +114,8 @@ SystemError ReadAt(FileHandle Handle, std::uint64_t nOffset, void* pBuffer, std:
 SystemError WriteAt(FileHandle Handle, std::uint64_t nOffset, const void* pData, std::uint32_t nSize,
                     std::uint32_t* pnWritten);
 
+// On posix the size of a file that is held is known from its opening until it is written to by this handle: nobody else
+// changes it.
 SystemError GetSize(FileHandle Handle, std::uint64_t* pnSize);
 SystemError SetSize(FileHandle Handle, std::uint64_t nSize);
 
@@ -124,7 +126,8 @@ SystemError Flush(FileHandle Handle);
 // Gives a file the rights and the owner of another one, as far as the system lets us. On Windows it keeps its own.
 void TakeRightsOf(FileHandle Handle, FileHandle Other);
 
-// When the file was created, as a FILETIME (100 ns units since 1601-01-01 UTC).
+// When the file was created, as a FILETIME (100 ns units since 1601-01-01 UTC); on posix, as it was seen when it was
+// opened.
 SystemError GetCreationTime(FileHandle Handle, std::uint64_t* pnTime);
 
 SystemError RemoveFile(const FolderHandle& pFolder, std::u16string_view Name);
@@ -163,8 +166,9 @@ struct FoundFile {
 SystemError FindFiles(const FolderHandle& pFolder, std::u16string_view Pattern,
                       const std::function<bool(const FoundFile&)>& Visit);
 
-// While one lives, searches of this thread in one folder may take the names from a single listing of it. For
-// callers that search a folder many times while nobody adds or removes files.
+// While one lives, searches of this thread in one folder may take the names from a single listing of it, and what they
+// tell of each from a single look. For callers that search a folder many times while nobody adds, removes or writes
+// files.
 class SearchScope {
  public:
   SearchScope();

@@ -27,32 +27,60 @@ void ReaderWriterLock::Destroy() {
 }
 
 void ReaderWriterLock::LockShared() {
+  if (CountReaders(1)) return;
   m_Guard.lock();
+  TakeOver();
   if (m_nState < 0 || m_nWaitingWriters != 0) return Wait(m_pReaders, &m_nWaitingReaders);
   ++m_nState;
+  GiveBack();
   m_Guard.unlock();
 }
 
 void ReaderWriterLock::LockExclusive() {
   m_Guard.lock();
+  TakeOver();
   if (m_nState != 0) return Wait(m_pWriters, &m_nWaitingWriters);
   m_nState = -1;
   m_Guard.unlock();
 }
 
 void ReaderWriterLock::Unlock() {
-  Leave();
+  if (!CountReaders(UINT32_MAX)) Leave();  // one less
 }
 
 void ReaderWriterLock::Leave() {
   const os::Hold Guard(m_Guard);
+  TakeOver();
   m_nState += m_nState > 0 ? -1 : 1;
   Admit();
+  GiveBack();
 }
 
 bool ReaderWriterLock::IsHeld() {
   const os::Hold Guard(m_Guard);
-  return m_nState != 0;
+  return m_nFreeReaders.load() == kGuarded ? m_nState != 0 : m_nFreeReaders.load() != 0;
+}
+
+// Counts a reader in or out where their number alone decides; false, and nothing done, where the guard does.
+bool ReaderWriterLock::CountReaders(std::uint32_t nChange) {
+  std::uint32_t nReaders = m_nFreeReaders.load(std::memory_order_relaxed);
+  while (nReaders != kGuarded) {
+    if (m_nFreeReaders.compare_exchange_weak(nReaders, nReaders + nChange, std::memory_order_acq_rel,
+                                             std::memory_order_relaxed))
+      return true;
+  }
+  return false;
+}
+
+// From now on, and until it is given back, the state is what the guard guards.
+void ReaderWriterLock::TakeOver() {
+  const std::uint32_t nReaders = m_nFreeReaders.exchange(kGuarded, std::memory_order_acq_rel);
+  if (nReaders != kGuarded) m_nState = static_cast<std::int32_t>(nReaders);
+}
+
+void ReaderWriterLock::GiveBack() {
+  if (m_nState < 0 || m_nWaitingReaders != 0 || m_nWaitingWriters != 0) return;
+  m_nFreeReaders.store(static_cast<std::uint32_t>(m_nState), std::memory_order_release);
 }
 
 // Leaves the guard on its way. Whoever admits the caller has counted it into the state, and out of
@@ -66,6 +94,7 @@ void ReaderWriterLock::Wait(os::Semaphore* pSemaphore, std::int32_t* pnWaiting) 
     // One of those who wait: should the caller have been admitted meanwhile, another one has its place.
     --*pnWaiting;
     Admit();  // the readers that queued behind a writer
+    GiveBack();
     m_Guard.unlock();
   } else {
     // All who waited have been admitted, so one release is left for this thread.

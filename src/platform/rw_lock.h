@@ -5,6 +5,7 @@
 // Not recursive: a thread that holds it in any way must not ask for it again.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "lumbra/result_code.h"
@@ -35,11 +36,19 @@ class CAPABILITY("reader/writer lock") ReaderWriterLock {
   void AssertShared() ASSERT_SHARED_CAPABILITY(this) { LUMBRA_INVARIANT(IsHeld()); }
 
  private:
+  static constexpr std::uint32_t kGuarded = 0x80000000;
+
   bool IsHeld() EXCLUDES(m_Guard);
+  bool CountReaders(std::uint32_t nChange);
+  void TakeOver() REQUIRES(m_Guard);
+  void GiveBack() REQUIRES(m_Guard);
   void Leave() EXCLUDES(m_Guard);
   void Wait(os::Semaphore* pSemaphore, std::int32_t* pnWaiting) RELEASE(m_Guard);
   void Admit() REQUIRES(m_Guard);
 
+  // While there is no writer and nobody waits, readers come and go by their number alone, which stands here. With
+  // kGuarded in it m_nState counts, under the guard.
+  std::atomic<std::uint32_t> m_nFreeReaders{0};
   os::CriticalSection m_Guard;  // held for a few instructions, never across a wait
   os::Semaphore* m_pReaders = nullptr;
   os::Semaphore* m_pWriters = nullptr;

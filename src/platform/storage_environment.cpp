@@ -48,7 +48,8 @@ bool EndsWithSeparator(std::u16string_view Folder) {
 ResultCode OpenFolders(os::FolderHandle pStore, std::u16string_view Store, std::u16string_view Name,
                        const os::FolderRules& Rules, os::FolderHandle* ppFolder) {
   os::SystemError nError = os::kSuccess;
-  if (pStore == nullptr) {
+  if (pStore == nullptr) nError = os::OpenFolder(Store, Rules, &pStore);
+  if (nError == os::kFileNotFound || nError == os::kPathNotFound) {
     const ResultCode nThere = CreateDirectories(Store, Rules);
     if (nThere != errOK) return Failed(nThere) ? nThere : errACCESS_DENIED;  // somebody else makes it at this moment
     nError = os::OpenFolder(Store, Rules, &pStore);
@@ -104,6 +105,11 @@ bool StorageEnvironment::InitBelow(StorageOwner* pOwner, const StorageEnvironmen
   if (pOwner == nullptr || pStore == nullptr || pName == nullptr) return false;
   const bool bOpen = Store.m_Folder == pStore;
   return Open(pOwner, bOpen ? Store.m_pFolder : nullptr, pStore, pName, bEnvironmentFlag);
+}
+
+bool StorageEnvironment::InitAt(StorageOwner* pOwner, const StorageEnvironment& Other, bool bEnvironmentFlag) noexcept {
+  if (pOwner == nullptr || Other.m_pFolder == nullptr) return false;
+  return Open(pOwner, Other.m_pFolder, Other.m_Folder, {}, bEnvironmentFlag);
 }
 
 bool StorageEnvironment::Open(StorageOwner* pOwner, const os::FolderHandle& pStore, std::u16string_view Store,

@@ -52,6 +52,9 @@ class StorageEnvironment {
   bool InitBelow(StorageOwner* pOwner, const StorageEnvironment& Store, const char16_t* pStore, const char16_t* pName,
                  bool bEnvironmentFlag) noexcept;
 
+  // The same for the folder that another one has open.
+  bool InitAt(StorageOwner* pOwner, const StorageEnvironment& Other, bool bEnvironmentFlag) noexcept;
+
   // Whether the folder has one of that name in it, which is no link.
   bool HasFolder(std::u16string_view Name) const noexcept;
 

@@ -78,5 +78,24 @@ TEST_F(EventsObjectsTest, CostNoMoreThanTheyMust) {
   Step("as much data again", Call(&Ops::SetObjectData, nId, Data, 100, 1)).Is(errOK).Reads(0).Writes(1);
 }
 
+// Four calls for each of 14 files: it is opened, held, looked at and read.
+TEST_F(EventsObjectsTest, AStoreOpensWithFewCalls) {
+  StartAnew();
+  Restart();
+  Must(InitDb(5));
+  Must(Add(5, 1));
+  Close();
+  m_Host->TraceToCallback(0, nullptr);
+  Event First{};
+  ResetSystem();
+  Restart();
+  Must(InitDb(5));
+  Must(Call(&Ops::GetEvents, 5, 0, &First, sizeof(First), 1, nullptr, nullptr));
+  EXPECT_EQ(1u, First.nTime);
+  for (const SystemCall Once : {SystemCall::Open, SystemCall::Lock}) EXPECT_EQ(14u, CallsOf(Once));
+  EXPECT_EQ(0u, CallsOf(SystemCall::WriteAt));
+  EXPECT_EQ(79u, AllCalls());
+}
+
 }  // namespace
 }  // namespace lumbra::test

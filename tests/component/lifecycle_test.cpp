@@ -70,6 +70,9 @@ TEST_F(LifecycleTest, FlushesOnTheHostsMessage) {
   Fill(5, 1, 1);
   Fill(m_nNamed, 1, 1);
   Step("with an event in two databases", m_Host->SendFlush()).Is(errOK).Calls(SystemCall::Sync, 2);
+  Find(0, u"D:\\shared");
+  FailCalls(SystemCall::Sync, os::kIoDevice, 0, UINT64_MAX);
+  Step("with shared files that cannot be synced", m_Host->SendFlush()).Is(errWRITE_FAILED).Calls(SystemCall::Sync, 3);
 }
 
 // ---- Damage -----------------------------------------------------------------------------------------------

@@ -20,6 +20,11 @@ TEST_F(ObjectDbFaultsTest, AnOpeningThatCannotReadChangesNothing) {
         const std::vector<Bytes> kBefore = Files();
         m_pDb = std::make_unique<ObjectDB>(kChecked);
         ObjectFiles Opened{OpenFile(u"bt"), OpenFile(u"id"), OpenFile(u"dt")};
+        // Something is written to each, so that its size is not known from its opening alone.
+        for (const auto& pFile : {&Opened.pTree, &Opened.pIds, &Opened.pData}) {
+          char First = 0;
+          ASSERT_TRUE((*pFile)->SeekRead(0, &First, 1, nullptr) && (*pFile)->SeekWrite(0, &First, 1, nullptr));
+        }
         FailCalls(Failing, os::kIoDevice, nSkip);
         const ResultCode nCode = m_pDb->Open(kNumber, Opened, TreeHead::Small);
         if (FailedCalls(Failing) == 0) break;

@@ -3,9 +3,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-
+#include <chrono>
+#include <future>
 #include <thread>
 
+#include "component/component_fixture.h"
 #include "platform/file.h"
 #include "platform/posix/posix.h"
 #include "support/steps.h"
@@ -39,11 +41,14 @@ TEST_F(PosixTest, OpensPlainFilesOfItsFolderAlone) {
   fs::create_symlink("of others/file", Folder() / "link");
   fs::create_symlink("made", Folder() / "leads nowhere");
   fs::create_hard_link(Folder() / "of others/file", Folder() / "second name");
+  const auto pHeld = OpenFile(u"held");
+  fs::create_hard_link(Folder() / "held", Folder() / "held too");
   ASSERT_EQ(0, mkfifo((Folder() / "pipe").c_str(), 0600));
   AllAnswer(errACCESS_DENIED,
             {{"a link", Try(u"link")},
              {"a link to nothing", Try(u"leads nowhere")},
              {"a second name", Try(u"second name")},
+             {"a second name of one that is held", Try(u"held too")},
              {"a pipe", Try(u"pipe")},
              {"a folder", Try(u"of others")},
              {"to be cut, by its path", File().OpenWithFlags(Path("link"), fileWrite, createAlways)}});
@@ -173,6 +178,26 @@ TEST_F(PosixTest, ServesFirstWhoWaitsFirst) {
     os::CloseSemaphore(pSemaphore);
     ASSERT_EQ("abc", Served);
   }
+}
+
+using PosixComponentTest = ComponentTest;
+
+TEST_F(PosixComponentTest, WhoReadsADatabaseDoesNotWaitForAnAddToAnother) {
+  Fill(m_nNamed, 1, 1);
+  std::future<ResultCode> Read;
+  std::future_status While = std::future_status::timeout;
+  WatchChanges([&](DiskChange&) {
+    Read = std::async(std::launch::async, [this] {
+      Event Found{};
+      return Call(&Ops::GetEvents, m_nNamed, 0, &Found, sizeof(Found), 1, nullptr, nullptr);
+    });
+    While = Read.wait_for(std::chrono::seconds(20));
+    return Fate::Happens;
+  });
+  Must(Add(5, 1));
+  WatchChanges({});
+  EXPECT_EQ(std::future_status::ready, While);
+  EXPECT_CODE(errOK, Read.get());
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -21,7 +22,9 @@ static_assert(sizeof(off_t) == 8, "files are larger than 2 GB");
 struct OpenFile {
   int nDescriptor = -1;
   std::uint32_t nAccess = 0;
-  FolderHandle pFolderToSync;  // of a file that was created here and not flushed yet; null otherwise
+  FolderHandle pFolderToSync;                 // of a file that was created here and not flushed yet; null otherwise
+  std::uint64_t nCreationTime = 0;            // as it was when the file was opened
+  std::optional<std::uint64_t> nKnownSize{};  // the same, of a file that is held, until something is written to it
 
   ~OpenFile() {
     if (nDescriptor >= 0) close(nDescriptor);
@@ -81,11 +84,12 @@ bool HoldsNothing(std::uint32_t nShare) {
   return (nShare & kShareRead) != 0 && (nShare & kShareWrite) != 0;
 }
 
-// A file that has another name may lie in a folder to which its owner, and not we, meant to give us access.
-SystemError RefuseUnlessOurs(int nDescriptor) {
-  struct stat Status {};
-  if (fstat(nDescriptor, &Status) != 0) return LastError();
-  return S_ISREG(Status.st_mode) && Status.st_nlink <= 1 ? kSuccess : kAccessDenied;
+// All that is asked of a file that was opened, in one call. kAccessDenied unless it is ours: one that has another name
+// may lie in a folder to which its owner, and not we, meant to give us access.
+SystemError LookAtOpened(int nDescriptor, struct statx* pStatus) {
+  constexpr unsigned kWanted = STATX_BASIC_STATS | STATX_BTIME;
+  if (statx(nDescriptor, "", AT_EMPTY_PATH, kWanted, pStatus) != 0) return LastError();
+  return S_ISREG(pStatus->stx_mode) && pStatus->stx_nlink <= 1 ? kSuccess : kAccessDenied;
 }
 
 SystemError Truncate(int nDescriptor, std::uint64_t nSize) {
@@ -197,11 +201,16 @@ SystemError Open(const FolderHandle& pFolder, std::u16string_view Name, std::uin
     return ErrorOfMissing(*pFolder, LastError());
   }
   if (bCreated) SetMode(Opened->nDescriptor, pFolder->FileMode());
-  SystemError nError = RefuseUnlessOurs(Opened->nDescriptor);
-  if (nError == kSuccess && bHolds && flock(Opened->nDescriptor, (bShared ? LOCK_SH : LOCK_EX) | LOCK_NB) != 0)
-    nError = LastError();
+  // The hold first: what is seen of the file then is what it stays. What is not ours is refused whoever holds it.
+  const bool bHeld = !bHolds || flock(Opened->nDescriptor, (bShared ? LOCK_SH : LOCK_EX) | LOCK_NB) == 0;
+  const SystemError nHoldError = bHeld ? kSuccess : LastError();
+  struct statx Status {};
+  SystemError nError = LookAtOpened(Opened->nDescriptor, &Status);
+  if (nError == kSuccess) nError = nHoldError;
   if (nError == kSuccess && bCut) nError = Truncate(Opened->nDescriptor, 0);
   if (nError != kSuccess) return nError;
+  Opened->nCreationTime = static_cast<std::uint64_t>(CreationFileTime(Status));
+  if (bHolds) Opened->nKnownSize = bCut ? 0 : Status.stx_size;
   if (bCreated) Opened->pFolderToSync = pFolder;
   *pHandle = Opened.release();
   return kSuccess;
@@ -239,6 +248,7 @@ SystemError Write(FileHandle Handle, const void* pData, std::uint32_t nSize, std
   *pnWritten = 0;
   if (Handle == nullptr) return kInvalidHandle;
   if (!Handle->Allows(kGenericWrite)) return kAccessDenied;
+  Handle->nKnownSize.reset();
   return TransferAll(nSize, pnWritten, [&](std::uint32_t nDone, std::uint32_t nLeft) {
     return write(Handle->nDescriptor, static_cast<const char*>(pData) + nDone, nLeft);
   });
@@ -258,6 +268,9 @@ SystemError ReadAt(FileHandle Handle, std::uint64_t nOffset, void* pBuffer, std:
   *pnRead = 0;
   if (!Handle->Allows(kGenericRead)) return kAccessDenied;
   if (!IsPosition(nOffset, nSize)) return kNegativeSeek;
+  // Where the end is known, it takes no read to find it.
+  if (const auto nEnd = Handle->nKnownSize)
+    nSize = static_cast<std::uint32_t>(std::min<std::uint64_t>(nSize, *nEnd - std::min(*nEnd, nOffset)));
   return TransferAll(nSize, pnRead, [&](std::uint32_t nDone, std::uint32_t nLeft) {
     return pread(Handle->nDescriptor, static_cast<char*>(pBuffer) + nDone, nLeft, static_cast<off_t>(nOffset + nDone));
   });
@@ -268,6 +281,7 @@ SystemError WriteAt(FileHandle Handle, std::uint64_t nOffset, const void* pData,
   *pnWritten = 0;
   if (!Handle->Allows(kGenericWrite)) return kAccessDenied;
   if (!IsPosition(nOffset, nSize)) return kNegativeSeek;
+  Handle->nKnownSize.reset();
   return TransferAll(nSize, pnWritten, [&](std::uint32_t nDone, std::uint32_t nLeft) {
     return pwrite(Handle->nDescriptor, static_cast<const char*>(pData) + nDone, nLeft,
                   static_cast<off_t>(nOffset + nDone));
@@ -275,6 +289,10 @@ SystemError WriteAt(FileHandle Handle, std::uint64_t nOffset, const void* pData,
 }
 
 SystemError GetSize(FileHandle Handle, std::uint64_t* pnSize) {
+  if (Handle->nKnownSize.has_value()) {
+    *pnSize = *Handle->nKnownSize;
+    return kSuccess;
+  }
   struct stat Status {};
   if (fstat(Handle->nDescriptor, &Status) != 0) return LastError();
   *pnSize = static_cast<std::uint64_t>(Status.st_size);
@@ -283,6 +301,7 @@ SystemError GetSize(FileHandle Handle, std::uint64_t* pnSize) {
 
 SystemError SetSize(FileHandle Handle, std::uint64_t nSize) {
   if (Handle == nullptr) return kInvalidHandle;
+  Handle->nKnownSize.reset();
   return Handle->Allows(kGenericWrite) ? Truncate(Handle->nDescriptor, nSize) : kAccessDenied;
 }
 
@@ -305,11 +324,7 @@ void TakeRightsOf(FileHandle Handle, FileHandle Other) {
 }
 
 SystemError GetCreationTime(FileHandle Handle, std::uint64_t* pnTime) {
-  struct statx Status {};
-  if (statx(Handle->nDescriptor, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &Status) != 0) {
-    return LastError();
-  }
-  *pnTime = static_cast<std::uint64_t>(CreationFileTime(Status));
+  *pnTime = Handle->nCreationTime;
   return kSuccess;
 }
 

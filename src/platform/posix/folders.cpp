@@ -72,12 +72,25 @@ SystemError ForEachEntry(const OpenedFolder& Folder, VisitEntry Visit) {
   }
 }
 
-SystemError List(const OpenedFolder& Folder, std::vector<std::string>* pNames) {
-  const SystemError nError = ForEachEntry(Folder, [pNames](const dirent& Entry) {
-    pNames->emplace_back(Entry.d_name);
+// An entry of a listing, and what a look at it has told.
+struct ListedFile {
+  std::string Name;
+  bool bLookedAt = false;
+  bool bFolder = false;
+  std::uint64_t nSize = 0;
+  std::int64_t nCreationTimeSeconds = 0;
+  std::int64_t nWriteTimeSeconds = 0;
+
+  FoundFile Found() const { return {WideName(Name), bFolder, nSize, nCreationTimeSeconds, nWriteTimeSeconds}; }
+};
+using Listing = std::vector<ListedFile>;
+
+SystemError List(const OpenedFolder& Folder, Listing* pFiles) {
+  const SystemError nError = ForEachEntry(Folder, [pFiles](const dirent& Entry) {
+    pFiles->push_back({.Name = Entry.d_name});
     return kSuccess;
   });
-  std::sort(pNames->begin(), pNames->end());
+  std::ranges::sort(*pFiles, {}, &ListedFile::Name);
   return nError;
 }
 
@@ -85,27 +98,26 @@ SystemError List(const OpenedFolder& Folder, std::vector<std::string>* pNames) {
 // that would be waiting for the thread's end, and keep a module in the process that its host has unloaded.
 struct FolderListing {
   FolderHandle pFolder;
-  std::vector<std::string> Names;
+  Listing Files;
 };
 thread_local int t_nSearchScopes = 0;
-thread_local const FolderListing* t_pListing = nullptr;
+thread_local FolderListing* t_pListing = nullptr;
 
-void KeepListing(std::unique_ptr<const FolderListing> pListing) {
+void KeepListing(std::unique_ptr<FolderListing> pListing) {
   delete std::exchange(t_pListing, pListing.release());
 }
 
-// A folder's names, sorted: listed into *pOwn, or kept from before.
-SystemError NamesOf(const FolderHandle& pFolder, std::vector<std::string>* pOwn,
-                    const std::vector<std::string>** ppNames) {
-  *ppNames = pOwn;
+// A folder's files in the order of their names: listed into *pOwn, or kept from before.
+SystemError FilesOf(const FolderHandle& pFolder, Listing* pOwn, Listing** ppFiles) {
+  *ppFiles = pOwn;
   if (t_nSearchScopes == 0) return List(*pFolder, pOwn);
   if (t_pListing == nullptr || t_pListing->pFolder != pFolder) {
     auto pFresh = std::make_unique<FolderListing>(FolderListing{pFolder, {}});
-    const SystemError nError = List(*pFolder, &pFresh->Names);
+    const SystemError nError = List(*pFolder, &pFresh->Files);
     if (nError != kSuccess) return nError;
     KeepListing(std::move(pFresh));
   }
-  *ppNames = &t_pListing->Names;
+  *ppFiles = &t_pListing->Files;
   return kSuccess;
 }
 
@@ -137,12 +149,17 @@ SystemError PlainFilesOf(const OpenedFolder& Folder, std::vector<std::string>* p
 }
 
 // What a search tells about one entry; kFileNotFound when the entry is gone.
-SystemError Look(const OpenedFolder& Folder, const std::string& Name, FoundFile* pFound) {
+SystemError Look(const OpenedFolder& Folder, ListedFile* pFile) {
+  if (pFile->bLookedAt) return kSuccess;
   struct statx Status {};
   constexpr unsigned kWanted = STATX_BASIC_STATS | STATX_BTIME;
-  if (statx(Folder.nDescriptor, Name.c_str(), AT_SYMLINK_NOFOLLOW, kWanted, &Status) != 0) return ErrorFromErrno(errno);
-  const std::int64_t nSeconds = CreationFileTime(Status) / kFileTimeUnitsPerSecond - kSecondsTo1970;
-  *pFound = {WideName(Name), S_ISDIR(Status.stx_mode), Status.stx_size, nSeconds, Status.stx_mtime.tv_sec};
+  if (statx(Folder.nDescriptor, pFile->Name.c_str(), AT_SYMLINK_NOFOLLOW, kWanted, &Status) != 0)
+    return ErrorFromErrno(errno);
+  pFile->bLookedAt = true;
+  pFile->bFolder = S_ISDIR(Status.stx_mode);
+  pFile->nSize = Status.stx_size;
+  pFile->nCreationTimeSeconds = CreationFileTime(Status) / kFileTimeUnitsPerSecond - kSecondsTo1970;
+  pFile->nWriteTimeSeconds = Status.stx_mtime.tv_sec;
   return kSuccess;
 }
 
@@ -232,29 +249,29 @@ SystemError FindFiles(const FolderHandle& pFolder, std::u16string_view WidePatte
                       const std::function<bool(const FoundFile&)>& Visit) {
   const std::string Pattern = NativePath(WidePattern);
   const std::size_t nWildcard = Pattern.find_first_of("*?");
-  FoundFile Found;
-  if (nWildcard == std::string::npos) {
-    const SystemError nError = Look(*pFolder, Pattern, &Found);
-    if (nError == kSuccess) Visit(Found);
+  if (nWildcard == std::string::npos && t_nSearchScopes == 0) {
+    ListedFile Named{.Name = Pattern};
+    const SystemError nError = Look(*pFolder, &Named);
+    if (nError == kSuccess) Visit(Named.Found());
     return nError;
   }
 
-  std::vector<std::string> Own;
-  const std::vector<std::string>* pNames = nullptr;
-  const SystemError nError = NamesOf(pFolder, &Own, &pNames);
+  Listing Own;
+  Listing* pFiles = nullptr;
+  const SystemError nError = FilesOf(pFolder, &Own, &pFiles);
   if (nError != kSuccess) return nError;
 
-  // Sorted names: those that can match stand together, from the pattern's fixed start on.
+  // In the order of names those that can match stand together, from the pattern's fixed start on.
   const std::string Fixed = Pattern.substr(0, nWildcard);
   bool bFound = false;
-  for (auto Name = std::lower_bound(pNames->begin(), pNames->end(), Fixed);
-       Name != pNames->end() && Name->starts_with(Fixed); ++Name) {
-    if (!Matches(Pattern, *Name)) continue;
-    const SystemError nLooked = Look(*pFolder, *Name, &Found);
+  for (auto File = std::ranges::lower_bound(*pFiles, Fixed, {}, &ListedFile::Name);
+       File != pFiles->end() && File->Name.starts_with(Fixed); ++File) {
+    if (!Matches(Pattern, File->Name)) continue;
+    const SystemError nLooked = Look(*pFolder, &*File);
     if (nLooked == kFileNotFound) continue;
     if (nLooked != kSuccess) return nLooked;
     bFound = true;
-    if (!Visit(Found)) break;
+    if (!Visit(File->Found())) break;
   }
   return bFound ? kSuccess : kFileNotFound;
 }
