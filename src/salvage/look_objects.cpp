@@ -134,6 +134,7 @@ void LookAtObjectHeads(const std::u16string& Folder, FolderView& Files, const Ob
 
 namespace {
 
+constexpr char kLostByOne[] = "an id record points behind its end, where new names will stand; put it back from a copy";
 constexpr char kLostEnd[] = "its end is lost, where new names would be read out for old ones; put it back from a copy";
 
 // The last id records of a store.
@@ -159,60 +160,47 @@ std::uint32_t FeaturesOf(FolderView& Files, const ObjectFileNames& Names, Form O
   return OfIds == Form::Checked ? kCheckedFeatures : kPlainFeatures;
 }
 
-// The end of a data file, by what the newest id records reach there.
-class DataEnd {
+// What stood behind the end of a data file, by what the newest id records reach there.
+class LostEnd {
  public:
-  DataEnd(FolderView& Files, const ObjectFileNames& Names) : m_Files(Files), m_Names(Names) {
+  LostEnd(FolderView& Files, const ObjectFileNames& Names) : m_Files(Files), m_Names(Names) {
     m_Of = FormOfIds(Files.Read(Names.Ids, 0, sizeof(tPLAINDB_HEADER)));
     if (m_Of == Form::Unknown) return;
     m_nFeatures = FeaturesOf(Files, Names, m_Of);
     if (const FolderView::File* const pData = Files.Find(Names.Data)) m_nThere = pData->nSize;
-    ListLost();
-    FindEnd();
+    constexpr std::uint64_t kFew = 64;        // records, which a sound store costs
+    constexpr std::uint64_t kMany = 1 << 15;  // where the oldest of these points behind the end, too
+    List(kFew, false);
+    if (!m_Records.empty()) List(m_Records.contains(0) ? kMany : kFew, true);
   }
 
-  // What is missing, as far as it can be told: the magic, and zeros.
-  std::string Missing() const {
-    if (m_nEnd <= FirstEnd() || HasLostMore()) return {};
+  bool IsNone() const { return m_Records.empty(); }
+
+  // What a single record says is believed where it begins at the end; in front of an array stands what it tells of.
+  // Otherwise that record is damaged itself.
+  bool IsOneRecords() const { return m_Records.size() == 1 && (!m_bFollows || IsLarge()); }
+
+  bool IsLarge() const { return m_nEnd > m_nThere + kMostLost; }
+
+  // What takes its place: the magic, and zeros.
+  std::string Filling() const {
     std::string Whole = m_nThere < sizeof(FILE_MAGIC) ? DataMagic(m_Of).substr(static_cast<std::size_t>(m_nThere)) : "";
     Whole.resize(static_cast<std::size_t>(m_nEnd - m_nThere));
     return Whole;
   }
 
-  // Records that point further. A single one, while nothing else is lost, is damaged itself.
-  bool HasFurther() const { return !m_Further.empty(); }
-  bool HasLostMore() const { return m_Further.size() > 1 || (HasFurther() && m_nEnd > FirstEnd()); }
-
  private:
-  std::uint64_t FirstEnd() const { return std::max<std::uint64_t>(m_nThere, sizeof(FILE_MAGIC)); }
-
-  // What stood behind the end.
-  struct Extent {
-    std::uint64_t nStart;
-    std::uint64_t nEnd;
-    std::size_t nRecord;
-    bool bArray;
-  };
-
-  void ListLost() {
-    constexpr std::uint64_t kFew = 64;        // records, which a sound store costs
-    constexpr std::uint64_t kMany = 1 << 15;  // where the oldest of these points behind the end, too
-    List(kFew, false);
-    if (m_Lost.empty()) return;
-    const bool bMany = std::ranges::any_of(m_Lost, [](const Extent& One) { return One.nRecord == 0; });
-    List(bMany ? kMany : kFew, true);
-    std::ranges::sort(m_Lost, {}, &Extent::nStart);
-  }
+  static constexpr std::uint64_t kMostLost = 1 << 20;  // bytes
 
   void List(std::uint64_t nMost, bool bBlocks) {
-    m_Lost.clear();
+    m_Records.clear();
     const std::vector<tODB_ID_ENTRY> Records = NewestRecords(m_Files, m_Names, m_Of, nMost);
     for (std::size_t i = 0; i < Records.size(); ++i) {
       const tODB_ID_ENTRY& One = Records[i];
-      if (One.nName != 0) Note(i, One.nName, One.nNameSize, featureNameCrc, false);
+      if (One.nName != 0) Note(i, One.nName, One.nNameSize, featureNameCrc);
       if (One.nDataEntriesOffset == 0 || One.nDataEntriesCount == 0) continue;
       const std::uint32_t nSize = One.nDataEntriesCount * std::uint32_t{sizeof(tODB_DATA_ENTRY)};
-      Note(i, One.nDataEntriesOffset, nSize, featureArrayCrc, true);
+      m_bFollows |= Note(i, One.nDataEntriesOffset, nSize, featureArrayCrc);
       if (bBlocks) NoteBlocks(i, m_Files.Read(m_Names.Data, One.nDataEntriesOffset, nSize));
     }
   }
@@ -221,28 +209,17 @@ class DataEnd {
     for (std::size_t nAt = 0; nAt + sizeof(tODB_DATA_ENTRY) <= Entries.size(); nAt += sizeof(tODB_DATA_ENTRY)) {
       tODB_DATA_ENTRY Entry{};
       std::memcpy(&Entry, Entries.data() + nAt, sizeof(Entry));
-      Note(nRecord, Entry.nDataOffset, DataSize::Decode(Entry.nDataSize).nCapacity, 0, false);  // CRC included
+      Note(nRecord, Entry.nDataOffset, DataSize::Decode(Entry.nDataSize).nCapacity, 0);  // its CRC is counted
     }
   }
 
-  void Note(std::size_t nRecord, std::uint64_t nStart, std::uint64_t nSize, std::uint32_t nCrc, bool bArray) {
+  bool Note(std::size_t nRecord, std::uint64_t nStart, std::uint64_t nSize, std::uint32_t nCrc) {
     const std::uint64_t nEnd = nStart + nSize + ((m_nFeatures & nCrc) != 0 ? kCrcSize : 0);
-    if (nEnd > m_nThere) m_Lost.push_back({nStart, nEnd, nRecord, bArray});
-  }
-
-  // Blocks are appended one behind the other: what is missing is told without a jump. In front of an array stands the
-  // data that it told of; and where one is lost, more of that may stand behind it.
-  void FindEnd() {
-    constexpr std::uint64_t kMostLost = 1 << 20;  // bytes
-    bool bArrayLost = false;
-    m_nEnd = FirstEnd();
-    for (const Extent& One : m_Lost) {
-      if (One.nEnd <= m_nEnd) continue;
-      bArrayLost |= One.bArray;
-      const bool bFollows = (One.nStart <= m_nEnd || bArrayLost) && One.nEnd <= m_nThere + kMostLost;
-      if (bFollows) m_nEnd = One.nEnd;
-      if (!bFollows) m_Further.insert(One.nRecord);
-    }
+    if (nEnd <= m_nThere) return false;
+    m_Records.insert(nRecord);
+    m_nEnd = std::max(m_nEnd, nEnd);
+    m_bFollows |= nStart <= std::max<std::uint64_t>(m_nThere, sizeof(FILE_MAGIC));
+    return true;
   }
 
   FolderView& m_Files;
@@ -251,8 +228,8 @@ class DataEnd {
   std::uint32_t m_nFeatures = 0;
   std::uint64_t m_nThere = 0;
   std::uint64_t m_nEnd = 0;
-  std::vector<Extent> m_Lost;
-  std::set<std::size_t> m_Further;  // records
+  bool m_bFollows = false;
+  std::set<std::size_t> m_Records;
 };
 
 }  // namespace
@@ -260,18 +237,18 @@ class DataEnd {
 bool LookAtDataEnd(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan) {
   const FolderView::File* const pData = Files.Find(Names.Data);
   if (pData == nullptr && !Folder.empty()) return false;  // of a segment it was made, and new names go elsewhere
-  const DataEnd End(Files, Names);
-  const std::string Missing = End.Missing();
+  const LostEnd Lost(Files, Names);
   const auto Add = [&](Step::Kind What, const std::string& After, const char* pWhy) {
     pPlan->Steps.push_back({What, Folder, Names.Data, pData == nullptr ? 0 : pData->nSize, {}, After, pWhy});
   };
-  if (!Missing.empty())
-    Add(pData == nullptr ? Step::Kind::Create : Step::Kind::Patch, Missing,
-        "it is shorter than its newest names; zeros keep others from their place");
-  if (End.HasFurther())
-    Add(Step::Kind::Report, {},
-        End.HasLostMore() ? kLostEnd : "an id record points behind its end; put it back from a copy");
-  return End.HasLostMore();
+  if (Lost.IsNone()) return false;
+  if (Lost.IsOneRecords() || Lost.IsLarge()) {
+    Add(Step::Kind::Report, {}, Lost.IsOneRecords() ? kLostByOne : kLostEnd);
+    return !Folder.empty() || !Lost.IsOneRecords();
+  }
+  Add(pData == nullptr ? Step::Kind::Create : Step::Kind::Patch, Lost.Filling(),
+      "it is shorter than its newest names; zeros keep others from their place");
+  return false;
 }
 
 void LookAtTree(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan) {

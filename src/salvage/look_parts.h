@@ -38,7 +38,8 @@ struct ObjectFileNames {
 void LookAtObjectHeads(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan);
 
 // A data file that is shorter than the id records say: new names would be appended there, and read out for those. It is
-// extended as far as what is lost can be told. The answer tells whether there is more: nothing must be appended then.
+// extended as far as that can be told. Otherwise it is reported, and the answer is whether nothing must be appended:
+// not, where the shared store has lost the bytes of a single record, which then is damaged itself.
 bool LookAtDataEnd(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan);
 
 // A tree that knows no object, beside id records.
