@@ -284,10 +284,10 @@ void Refuse(const std::u16string& File, const std::string& Why, Plan* pPlan) {
 void LookAtReplacing(FolderView& Files, Plan* pPlan) {
   constexpr std::uint32_t kLongestMark = 64;
   const Replacement Of = ReadReplacement(Files.Read(kReplacingFile, 0, kLongestMark));
+  pPlan->Replacing = Of.Time;
   if (Of.bBack)
     return Refuse(kReplacingFile,
                   "the old pair is being put back, which lumbra repair --undo " + Of.Time + " --yes finishes", pPlan);
-  pPlan->Replacing = Of.Time;
   const auto Add = [&](Step::Kind What, const char16_t* pFile, const char* pTo) {
     // An empty file was made by a process that looked meanwhile, and is replaced.
     const FolderView::File* const pThere = Files.Find(pFile);

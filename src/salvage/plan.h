@@ -43,7 +43,8 @@ struct Plan {
   bool bHeld = false;   // another process holds the store: it was left alone
   std::string Refusal;  // why the store must not be opened as it is, or could not be looked at; empty when it may
 
-  // The compacted pair is taking the place of the live one: the plan is to finish that, and nothing else was looked at.
+  // The compacted pair is taking the place of the live one: the plan is to finish that, or to refuse the store where it
+  // is being taken back, and nothing else was looked at.
   // The name is that of the folder in "set-aside"; empty where none was begun.
   std::optional<std::string> Replacing;
 
