@@ -40,12 +40,14 @@ Store::Store(Store&& Other) noexcept
     : m_pHost(Other.m_pHost),
       m_pInstance(std::exchange(Other.m_pInstance, nullptr)),
       m_Healed(std::move(Other.m_Healed)),
+      m_Left(std::move(Other.m_Left)),
       m_Refusal(std::move(Other.m_Refusal)) {}
 
 Store& Store::operator=(Store&& Other) noexcept {
   std::swap(m_pHost, Other.m_pHost);
   std::swap(m_pInstance, Other.m_pInstance);
   std::swap(m_Healed, Other.m_Healed);
+  std::swap(m_Left, Other.m_Left);
   std::swap(m_Refusal, Other.m_Refusal);
   return *this;
 }
@@ -114,17 +116,17 @@ os::FolderRules Store::Rules() const {
 ResultCode Store::HealBefore(Heal What) {
   salvage::Plan Done;
   const ResultCode nCode = salvage::Heal(ReportFolder(), Rules(), {.bStartEmpty = What == Heal::StartEmpty}, &Done);
-  if (Failed(nCode) || !Done.Refusal.empty()) {
-    m_Refusal = Done.Refusal.empty() ? "its damage cannot be healed now" : PrintableSentence(Done.Refusal);
-    m_pHost->WriteLine(kFailureLevel, "the store is not opened: " + m_Refusal);
-    return Failed(nCode) ? nCode : errDATA_CORRUPTED;
-  }
+  m_Left.clear();  // of an attempt before
   for (const salvage::Step& One : Done.Steps) {
-    if (!One.Acts()) continue;
-    m_Healed.push_back(PrintableSentence(salvage::Describe(One)));
-    m_pHost->WriteLine(kDamageLevel, "healed: " + m_Healed.back());
+    if (One.Acts() && !One.bDone) continue;
+    std::vector<std::string>& Lines = One.bDone ? m_Healed : m_Left;
+    Lines.push_back(PrintableSentence(salvage::Describe(One)));
+    m_pHost->WriteLine(kDamageLevel, (One.bDone ? "healed: " : "left as it is: ") + Lines.back());
   }
-  return errOK;
+  if (Succeeded(nCode) && Done.Refusal.empty()) return errOK;
+  m_Refusal = Done.Refusal.empty() ? "its damage cannot be healed now" : PrintableSentence(Done.Refusal);
+  m_pHost->WriteLine(kFailureLevel, "the store is not opened: " + m_Refusal);
+  return Failed(nCode) ? nCode : errDATA_CORRUPTED;
 }
 
 ResultCode Store::SetNumber(std::uint32_t nPropertyId, std::uint32_t nValue) {

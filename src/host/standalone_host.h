@@ -49,8 +49,9 @@ class Store {
   //
   // Before the component meets the store, what is lost or damaged in it is healed, so that it costs no more than itself
   // (salvage/look.h); a store that somebody has open is left alone. Where the look or the healing fails, its code is
-  // answered; where opening would lose all shared objects, errDATA_CORRUPTED, unless they shall begin anew. The store
-  // is not opened then, and a trace line of level 300 says why.
+  // answered, errSHARING_VIOLATION where somebody holds a file that is to be healed; where opening would lose all
+  // shared objects, errDATA_CORRUPTED, unless they shall begin anew. The store is not opened then, and a trace line of
+  // level 300 says why.
   ResultCode Init(Heal What = Heal::On);
 
   // Opens a database (InitDB, InitDBByName). Those begin one anew that has events of another size; this refuses it with
@@ -60,8 +61,9 @@ class Store {
   ResultCode OpenDatabase(const std::u16string& Name, std::uint32_t nEventSize, std::uint32_t* pnDatabase,
                           OtherSize What = OtherSize::Refuse);
 
-  // What Init has healed: a line for each file. Names in it are printable.
+  // What Init has healed, and what it has found and left as it is: a line for each file. Names in it are printable.
   const std::vector<std::string>& Healed() const { return m_Healed; }
+  const std::vector<std::string>& Left() const { return m_Left; }
 
   // Why the last Init or OpenDatabase did not let the component meet the files, in such words; empty when it did.
   const std::string& Refusal() const { return m_Refusal; }
@@ -92,6 +94,7 @@ class Store {
   StandaloneHost* m_pHost = nullptr;
   LumbraInstance* m_pInstance = nullptr;
   std::vector<std::string> m_Healed;
+  std::vector<std::string> m_Left;
   std::string m_Refusal;
 };
 

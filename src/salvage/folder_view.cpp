@@ -1,5 +1,9 @@
 #include "salvage/folder_view.h"
 
+#include <algorithm>
+#include <vector>
+
+#include "format/crc32.h"
 #include "platform/result.h"
 
 namespace lumbra::salvage {
@@ -20,9 +24,10 @@ const FolderView::File* FolderView::Find(std::u16string_view Name) const {
   return Found == m_Files.end() ? nullptr : &Found->second;
 }
 
+constexpr std::uint32_t kHoldNothing = os::kShareRead | os::kShareWrite | os::kShareDelete;
+
 os::SystemError ReadBytes(const os::FolderHandle& pFolder, std::u16string_view Name, std::uint64_t nOffset,
                           std::uint32_t nSize, std::string* pBytes) {
-  constexpr std::uint32_t kHoldNothing = os::kShareRead | os::kShareWrite | os::kShareDelete;
   os::FileHandle Opened = nullptr;
   os::SystemError nError =
       os::Open(pFolder, Name, os::kGenericRead, kHoldNothing, os::Disposition::OpenExisting, 0, &Opened);
@@ -35,15 +40,42 @@ os::SystemError ReadBytes(const os::FolderHandle& pFolder, std::u16string_view N
   return nError;
 }
 
+os::SystemError DigestOf(const os::FolderHandle& pFolder, std::u16string_view Name, std::string* pDigest) {
+  constexpr std::uint32_t kPiece = 1 << 20;
+  os::FileHandle Opened = nullptr;
+  os::SystemError nError =
+      os::Open(pFolder, Name, os::kGenericRead, kHoldNothing, os::Disposition::OpenExisting, 0, &Opened);
+  if (nError != os::kSuccess) return nError;
+  std::uint64_t nSize = 0;
+  std::uint32_t nCrc = UINT32_MAX;  // under which zeros count, too
+  nError = os::GetSize(Opened, &nSize);
+  std::vector<char> Piece(static_cast<std::size_t>(std::min<std::uint64_t>(nSize, kPiece)));
+  for (std::uint64_t nAt = 0; nError == os::kSuccess && nAt < nSize; nAt += kPiece) {
+    std::uint32_t nRead = 0;
+    nError = os::ReadAt(Opened, nAt, Piece.data(), static_cast<std::uint32_t>(Piece.size()), &nRead);
+    nCrc = Crc32(nCrc, Piece.data(), nRead);
+  }
+  (void)os::Close(Opened);  // nothing was written
+  *pDigest = std::to_string(nSize) + ' ' + std::to_string(nCrc);
+  return nError;
+}
+
+void FolderView::Keep(os::SystemError nError, std::u16string_view Name) {
+  if (nError == os::kSuccess) return;
+  m_nFailure = ResultFromSystemError(nError);
+  m_FailedFile = Name;
+}
+
 std::string FolderView::Read(std::u16string_view Name, std::uint64_t nOffset, std::uint32_t nSize) {
   std::string Bytes;
-  if (!Has(Name)) return Bytes;
-  const os::SystemError nError = ReadBytes(m_pFolder, Name, nOffset, nSize, &Bytes);
-  if (nError != os::kSuccess) {
-    m_nFailure = ResultFromSystemError(nError);
-    m_FailedFile = Name;
-  }
+  if (Has(Name)) Keep(ReadBytes(m_pFolder, Name, nOffset, nSize, &Bytes), Name);
   return Bytes;
+}
+
+std::string FolderView::Digest(std::u16string_view Name) {
+  std::string Found;
+  if (Has(Name)) Keep(DigestOf(m_pFolder, Name, &Found), Name);
+  return Found;
 }
 
 }  // namespace lumbra::salvage

@@ -47,6 +47,10 @@ class StoreLook {
     FolderView Files;
     const ResultCode nListed = Files.Open(m_pStore);
     if (Failed(nListed)) return nListed;
+    if (Files.Has(kReplacingFile)) {
+      LookAtReplacing(Files, m_pPlan);
+      return FailureOf(Files, {});
+    }
     std::vector<std::u16string> Folders;
     if (const os::SystemError nError = os::ListFolders(m_pStore, &Folders); nError != os::kSuccess)
       return ResultFromSystemError(nError);
@@ -55,7 +59,7 @@ class StoreLook {
       const ResultCode nCode = LookIn(Folder);
       if (Failed(nCode)) return nCode;
     }
-    LookAtSharedObjects(Files, m_bHasEvents, m_Wanted, m_pPlan);
+    LookAtSharedObjects(Files, m_Wanted, m_pPlan);
     LookAtIndex(Files, m_Named, m_pPlan);
     return FailureOf(Files, {});
   }
@@ -75,7 +79,6 @@ class StoreLook {
     if (!HasFilesOfDatabase(Files)) return errOK;
     const std::optional<std::uint32_t> Id = bNumbered ? NumberOf(Folder) : IdentityOf(Files);
     LookAtDatabase(Folder, Files, m_Wanted, m_pPlan);
-    m_bHasEvents = m_bHasEvents || HasEvents(Files);
     if (!bNumbered) m_Named[Folder] = Id;
     return FailureOf(Files, Folder);
   }
@@ -89,7 +92,6 @@ class StoreLook {
   os::FolderHandle m_pStore;
   const Wishes m_Wanted;
   Plan* m_pPlan;
-  bool m_bHasEvents = false;
   std::map<std::u16string, std::optional<std::uint32_t>> m_Named;
 };
 

@@ -76,6 +76,7 @@ class DatabaseLook {
     if (m_nEventSize == 0) return Report({}, "no file tells the size of its events");
     SplitIntoRuns();
     ChooseChain();
+    if (m_nChain == m_Runs.size()) return Report({}, "no file of events has those that segments.dat tells of");
     JoinOrSetAside();
     MendEventHeads();
     MendObjects();
@@ -115,8 +116,8 @@ class DatabaseLook {
 
   // ---- What is to be believed ----
 
-  // "segments.dat" is, as long as a file of events agrees with it; otherwise the size that most of those have, of those
-  // whose events fit it.
+  // "segments.dat" is, as long as a file of events agrees with it, or a single one contradicts it and the bodies of all
+  // are whole events of its size; otherwise the size that most of those have, of those whose events fit it.
   void ChooseEventSize() {
     std::map<std::uint32_t, std::size_t> Sizes;
     for (const Segment& One : m_Segments) {
@@ -124,7 +125,12 @@ class DatabaseLook {
       if (Size && Fits(One, *Size)) ++Sizes[*Size];
     }
     if (Sizes.empty() || (m_bHeaderGood && Sizes.contains(m_nEventSize))) return;
-    m_nEventSize = std::ranges::max_element(Sizes, {}, [](const auto& One) { return One.second; })->first;
+    const auto Most = std::ranges::max_element(Sizes, {}, [](const auto& One) { return One.second; });
+    const auto FitsHeader = [this](const Segment& One) {
+      return Fits(One, m_nEventSize);
+    };
+    if (m_bHeaderGood && Most->second == 1 && std::ranges::all_of(m_Segments, FitsHeader)) return;
+    m_nEventSize = Most->first;
     m_bHeaderGood = false;
   }
 
@@ -135,11 +141,15 @@ class DatabaseLook {
     return BitsApart(Of.Head, EventsHead(m_nEventSize)) > 1 || !Fits(Of, m_nEventSize) || IsFromBeforeRestart(Of);
   }
 
-  // What a restart has left was written last before the first segment of today was made.
+  // What a restart has left was written last before the first segment of today was made. Of copies times say nothing.
   bool IsFromBeforeRestart(const Segment& Of) const {
     const Segment* const pFirst = m_bHeaderGood ? FindSegment(m_nFirst) : nullptr;
-    return pFirst != nullptr && Of.nWritten < pFirst->nCreated;
+    if (pFirst == nullptr || pFirst->nNumber == Of.nNumber || IsCopy(*pFirst) || IsCopy(Of)) return false;
+    return Of.nWritten < pFirst->nCreated;
   }
+
+  // A copy that kept its time was made after it was written.
+  static bool IsCopy(const Segment& Of) { return Of.nWritten < Of.nCreated; }
 
   void SplitIntoRuns() {
     for (const Segment& One : m_Segments) {
@@ -262,10 +272,11 @@ class DatabaseLook {
         Report(SegmentFileName(One.nNumber, kEventsFile), "its events are lost");
       const bool bLacks = !IsWhole(One.nNumber);
       if (bLacks) CreateObjectFiles(One.nNumber, "it is missing; an empty one keeps the segment's events readable");
-      bNewestLacks = bNewest && (bLacks || IsTorn(One));
       const ObjectFileNames Names = NamesOf(One.nNumber);
       LookAtObjectHeads(m_Folder, m_Files, Names, m_pPlan);
-      if (bNewest || m_Wanted.bThorough) LookAtDataEnd(m_Folder, m_Files, Names, m_pPlan);
+      const bool bLooksAtEnd = bNewest || m_Wanted.bThorough;
+      const bool bEndLost = bLooksAtEnd && LookAtDataEnd(m_Folder, m_Files, Names, m_pPlan);
+      bNewestLacks = bNewest && (bLacks || bEndLost || IsTorn(One));
       if (m_Wanted.bThorough) LookAtTree(m_Folder, m_Files, Names, m_pPlan);
     }
     // Segments that have lost their events, behind the last that has some.

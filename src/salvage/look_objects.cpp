@@ -1,11 +1,11 @@
 // The heads of an object store's files, each of which says whether the store has CRCs: so two of them tell what the
 // third must be.
 #include <algorithm>
-#include <array>
 #include <cstring>
-#include <optional>
+#include <set>
 #include <vector>
 
+#include "format/crc32.h"
 #include "format/file_names.h"
 #include "format/object_files.h"
 #include "format/record_file.h"
@@ -14,8 +14,6 @@
 
 namespace lumbra::salvage {
 namespace {
-
-constexpr std::uint32_t kCrcSize = 4;
 
 template <class Record>
 bool Get(const std::string& Bytes, Record* pRecord) {
@@ -83,7 +81,7 @@ class Heads {
     const Form OfData = FormOfData(Data);
     if (OfIds == Form::Unknown && OfTree == OfData) MendIds(Ids, OfTree);
     if (OfTree == Form::Unknown && OfIds == OfData) MendTree(Tree, OfIds);
-    if (OfTree != Form::Unknown) MendRootPlace(Tree, OfTree);
+    if (OfTree != Form::Unknown) MendRootPlace(Tree, OfTree, OfIds);
     if (OfData == Form::Unknown && OfIds == OfTree) MendData(Data, OfIds);
   }
 
@@ -103,12 +101,12 @@ class Heads {
     Patch(m_Names.Tree, Head, BytesOf(TreeHeader(Of, pFile->nSize)), "its header contradicts the files beside it");
   }
 
-  // The shared store's may stand at 0 while it is filled; a segment's tree is never filled anew.
-  void MendRootPlace(const std::string& Head, Form Of) {
+  // The shared store's may stand at 0 while it is filled, where there are CRCs; no other tree is filled anew.
+  void MendRootPlace(const std::string& Head, Form Of, Form OfIds) {
     tODB_BT_HEADER Header{};
     const FolderView::File* const pFile = m_Files.Find(m_Names.Tree);
     if (!Get(Head, &Header) || Header.nFirstNodeOffset == FirstNodeOffset) return;
-    if (m_Folder.empty() && Header.nFirstNodeOffset == 0) return;
+    if (m_Folder.empty() && Header.nFirstNodeOffset == 0 && OfIds != Form::Plain) return;
     if (pFile->nSize < FirstNodeOffset + kRootSlots * sizeof(tODB_BT_OFFSET)) return;
     Patch(m_Names.Tree, Head, BytesOf(TreeHeader(Of, pFile->nSize)), "its header places the root elsewhere");
   }
@@ -136,6 +134,9 @@ void LookAtObjectHeads(const std::u16string& Folder, FolderView& Files, const Ob
 
 namespace {
 
+constexpr char kLostByOne[] = "an id record points behind its end, where new names will stand; put it back from a copy";
+constexpr char kLostEnd[] = "its end is lost, where new names would be read out for old ones; put it back from a copy";
+
 // The last id records of a store.
 std::vector<tODB_ID_ENTRY> NewestRecords(FolderView& Files, const ObjectFileNames& Names, Form Of,
                                          std::uint64_t nMost) {
@@ -150,21 +151,6 @@ std::vector<tODB_ID_ENTRY> NewestRecords(FolderView& Files, const ObjectFileName
   return Records;
 }
 
-// Bytes of the data file, from an offset on.
-struct Extent {
-  std::uint64_t nStart;
-  std::uint64_t nEnd;
-};
-
-// Where a record's name block and data entry array stand, each empty at 0 where there is none.
-std::array<Extent, 2> ExtentsOf(const tODB_ID_ENTRY& Record, std::uint32_t nFeatures) {
-  const auto Block = [nFeatures](std::uint32_t nOffset, std::uint64_t nSize, std::uint32_t nCrc) {
-    return nOffset == 0 ? Extent{} : Extent{nOffset, nOffset + nSize + ((nFeatures & nCrc) != 0 ? kCrcSize : 0)};
-  };
-  return {Block(Record.nName, Record.nNameSize, featureNameCrc),
-          Block(Record.nDataEntriesOffset, Record.nDataEntriesCount * sizeof(tODB_DATA_ENTRY), featureArrayCrc)};
-}
-
 // What blocks have, by the magic of the data file, or where that is lost by the kind of the id file.
 std::uint32_t FeaturesOf(FolderView& Files, const ObjectFileNames& Names, Form OfIds) {
   const std::string Magic = Files.Read(Names.Data, 0, sizeof(FILE_MAGIC));
@@ -174,54 +160,95 @@ std::uint32_t FeaturesOf(FolderView& Files, const ObjectFileNames& Names, Form O
   return OfIds == Form::Checked ? kCheckedFeatures : kPlainFeatures;
 }
 
-std::uint64_t EndOf(const tODB_ID_ENTRY& Record, std::uint32_t nFeatures) {
-  const auto [Name, Array] = ExtentsOf(Record, nFeatures);
-  return std::max(Name.nEnd, Array.nEnd);
-}
+// What stood behind the end of a data file, by what the newest id records reach there.
+class LostEnd {
+ public:
+  LostEnd(FolderView& Files, const ObjectFileNames& Names) : m_Files(Files), m_Names(Names) {
+    m_Of = FormOfIds(Files.Read(Names.Ids, 0, sizeof(tPLAINDB_HEADER)));
+    if (m_Of == Form::Unknown) return;
+    m_nFeatures = FeaturesOf(Files, Names, m_Of);
+    if (const FolderView::File* const pData = Files.Find(Names.Data)) m_nThere = pData->nSize;
+    constexpr std::uint64_t kFew = 64;        // records, which a sound store costs
+    constexpr std::uint64_t kMany = 1 << 15;  // where the oldest of these points behind the end, too
+    List(kFew, false);
+    if (!m_Records.empty()) List(m_Records.contains(0) ? kMany : kFew, true);
+  }
+
+  bool IsNone() const { return m_Records.empty(); }
+
+  // What a single record says is believed where it begins at the end; in front of an array stands what it tells of.
+  // Otherwise that record is damaged itself.
+  bool IsOneRecords() const { return m_Records.size() == 1 && (!m_bFollows || IsLarge()); }
+
+  bool IsLarge() const { return m_nEnd > m_nThere + kMostLost; }
+
+  // What takes its place: the magic, and zeros.
+  std::string Filling() const {
+    std::string Whole = m_nThere < sizeof(FILE_MAGIC) ? DataMagic(m_Of).substr(static_cast<std::size_t>(m_nThere)) : "";
+    Whole.resize(static_cast<std::size_t>(m_nEnd - m_nThere));
+    return Whole;
+  }
+
+ private:
+  static constexpr std::uint64_t kMostLost = 1 << 20;  // bytes
+
+  void List(std::uint64_t nMost, bool bBlocks) {
+    m_Records.clear();
+    const std::vector<tODB_ID_ENTRY> Records = NewestRecords(m_Files, m_Names, m_Of, nMost);
+    for (std::size_t i = 0; i < Records.size(); ++i) {
+      const tODB_ID_ENTRY& One = Records[i];
+      if (One.nName != 0) Note(i, One.nName, One.nNameSize, featureNameCrc);
+      if (One.nDataEntriesOffset == 0 || One.nDataEntriesCount == 0) continue;
+      const std::uint32_t nSize = One.nDataEntriesCount * std::uint32_t{sizeof(tODB_DATA_ENTRY)};
+      m_bFollows |= Note(i, One.nDataEntriesOffset, nSize, featureArrayCrc);
+      if (bBlocks) NoteBlocks(i, m_Files.Read(m_Names.Data, One.nDataEntriesOffset, nSize));
+    }
+  }
+
+  void NoteBlocks(std::size_t nRecord, const std::string& Entries) {
+    for (std::size_t nAt = 0; nAt + sizeof(tODB_DATA_ENTRY) <= Entries.size(); nAt += sizeof(tODB_DATA_ENTRY)) {
+      tODB_DATA_ENTRY Entry{};
+      std::memcpy(&Entry, Entries.data() + nAt, sizeof(Entry));
+      Note(nRecord, Entry.nDataOffset, DataSize::Decode(Entry.nDataSize).nCapacity, 0);  // its CRC is counted
+    }
+  }
+
+  bool Note(std::size_t nRecord, std::uint64_t nStart, std::uint64_t nSize, std::uint32_t nCrc) {
+    const std::uint64_t nEnd = nStart + nSize + ((m_nFeatures & nCrc) != 0 ? kCrcSize : 0);
+    if (nEnd <= m_nThere) return false;
+    m_Records.insert(nRecord);
+    m_nEnd = std::max(m_nEnd, nEnd);
+    m_bFollows |= nStart <= std::max<std::uint64_t>(m_nThere, sizeof(FILE_MAGIC));
+    return true;
+  }
+
+  FolderView& m_Files;
+  const ObjectFileNames& m_Names;
+  Form m_Of = Form::Unknown;
+  std::uint32_t m_nFeatures = 0;
+  std::uint64_t m_nThere = 0;
+  std::uint64_t m_nEnd = 0;
+  bool m_bFollows = false;
+  std::set<std::size_t> m_Records;
+};
 
 }  // namespace
 
-std::string MissingDataEnd(FolderView& Files, const ObjectFileNames& Names, bool* pbFurther) {
-  constexpr std::uint64_t kFew = 64;            // records, which a sound store costs
-  constexpr std::uint64_t kMany = 1 << 15;      // where the oldest of these points behind the end, too
-  constexpr std::uint64_t kMostLost = 1 << 20;  // bytes; a record that points further is damaged itself
-  const Form Of = FormOfIds(Files.Read(Names.Ids, 0, sizeof(tPLAINDB_HEADER)));
-  if (Of == Form::Unknown) return {};
+bool LookAtDataEnd(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan) {
   const FolderView::File* const pData = Files.Find(Names.Data);
-  const std::uint64_t nThere = pData == nullptr ? 0 : pData->nSize;
-  const std::uint32_t nFeatures = FeaturesOf(Files, Names, Of);
-  std::vector<tODB_ID_ENTRY> Records = NewestRecords(Files, Names, Of, kFew);
-  if (!Records.empty() && EndOf(Records.front(), nFeatures) > nThere) Records = NewestRecords(Files, Names, Of, kMany);
-  // Blocks are appended one behind the other: what is missing is told without a jump.
-  const std::uint64_t nStart = std::max<std::uint64_t>(nThere, sizeof(FILE_MAGIC));
-  std::uint64_t nEnd = nStart;
-  for (const tODB_ID_ENTRY& Record : Records) {
-    for (const Extent& Block : ExtentsOf(Record, nFeatures)) {
-      if (Block.nEnd <= nEnd) continue;
-      const bool bFollows = Block.nStart <= nEnd && Block.nEnd <= nThere + kMostLost;
-      *pbFurther = *pbFurther || !bFollows;
-      if (bFollows) nEnd = Block.nEnd;
-    }
-  }
-  if (nEnd == nStart) return {};
-  std::string Whole = nThere < sizeof(FILE_MAGIC) ? DataMagic(Of).substr(static_cast<std::size_t>(nThere)) : "";
-  Whole.resize(static_cast<std::size_t>(nEnd - nThere));
-  return Whole;
-}
-
-void LookAtDataEnd(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan) {
-  const FolderView::File* const pData = Files.Find(Names.Data);
-  if (pData == nullptr && !Folder.empty()) return;  // of a segment it was made, and new names go elsewhere
-  bool bFurther = false;
-  const std::string Missing = MissingDataEnd(Files, Names, &bFurther);
+  if (pData == nullptr && !Folder.empty()) return false;  // of a segment it was made, and new names go elsewhere
+  const LostEnd Lost(Files, Names);
   const auto Add = [&](Step::Kind What, const std::string& After, const char* pWhy) {
     pPlan->Steps.push_back({What, Folder, Names.Data, pData == nullptr ? 0 : pData->nSize, {}, After, pWhy});
   };
-  if (!Missing.empty())
-    Add(pData == nullptr ? Step::Kind::Create : Step::Kind::Patch, Missing,
-        "it is shorter than its newest names; zeros keep others from their place");
-  if (bFurther)
-    Add(Step::Kind::Report, {}, "id records point behind its end, where new names will stand; put it back from a copy");
+  if (Lost.IsNone()) return false;
+  if (Lost.IsOneRecords() || Lost.IsLarge()) {
+    Add(Step::Kind::Report, {}, Lost.IsOneRecords() ? kLostByOne : kLostEnd);
+    return !Folder.empty() || !Lost.IsOneRecords();
+  }
+  Add(pData == nullptr ? Step::Kind::Create : Step::Kind::Patch, Lost.Filling(),
+      "it is shorter than its newest names; zeros keep others from their place");
+  return false;
 }
 
 void LookAtTree(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan) {
@@ -246,56 +273,69 @@ bool HasWholeRecords(FolderView& Files, const std::u16string& Ids) {
 
 namespace {
 
-// What is left of putting a compacted pair in the place of the live one: ids aside, data aside, new data, new ids.
-void FinishReplacing(const FolderView& Files, Plan* pPlan) {
-  const auto Move = [&](const char16_t* pFile, const char* pTo) {
-    const FolderView::File* const pThere = Files.Find(pFile);
-    if (pThere == nullptr) return;
-    const Step::Kind What = *pTo == '\0' ? Step::Kind::SetAside : Step::Kind::Rename;
-    pPlan->Steps.push_back({.What = What,
-                            .File = pFile,
-                            .nOffset = pThere->nSize,
-                            .After = pTo,
-                            .Why = "the compacted pair takes the place of the live one"});
-  };
-  if (Files.Has(kCompactedDataFile)) {
-    Move(kSharedIdsFile, "");
-    Move(kSharedDataFile, "");
-  }
-  Move(kCompactedDataFile, "g_objdt.dat");
-  Move(kCompactedIdsFile, "g_objid.dat");
-  Move(kReplacingFile, "");
+// Refuses the store as it is: what would be lost, or told wrong, is for a person to put back.
+void Refuse(const std::u16string& File, const std::string& Why, Plan* pPlan) {
+  pPlan->Steps.push_back({.File = File, .Why = Why});
+  pPlan->Refusal = Describe(pPlan->Steps.back());
 }
 
 }  // namespace
 
-void LookAtSharedObjects(FolderView& Files, bool bHasEvents, const Wishes& Wanted, Plan* pPlan) {
-  if (Files.Has(kReplacingFile)) return FinishReplacing(Files, pPlan);
+void LookAtReplacing(FolderView& Files, Plan* pPlan) {
+  constexpr std::uint32_t kLongestMark = 64;
+  const Replacement Of = ReadReplacement(Files.Read(kReplacingFile, 0, kLongestMark));
+  pPlan->Replacing = Of.Time;
+  if (Of.bBack)
+    return Refuse(kReplacingFile,
+                  "the old pair is being put back, which lumbra repair --undo " + Of.Time + " --yes finishes", pPlan);
+  const auto Add = [&](Step::Kind What, const char16_t* pFile, const char* pTo) {
+    // An empty file was made by a process that looked meanwhile, and is replaced.
+    const FolderView::File* const pThere = Files.Find(pFile);
+    if (pThere == nullptr || (What == Step::Kind::SetAside && pThere->nSize == 0 && pFile != kReplacingFile)) return;
+    pPlan->Steps.push_back({.What = What,
+                            .File = pFile,
+                            .Before = What == Step::Kind::Rename ? Files.Digest(pFile) : "",
+                            .After = pTo,
+                            .Why = "the compacted pair takes the place of the live one"});
+  };
+  // Ids aside, data aside, new data, new ids.
+  if (Files.Has(kCompactedDataFile)) {
+    Add(Step::Kind::SetAside, kSharedIdsFile, "");
+    Add(Step::Kind::SetAside, kSharedDataFile, "");
+  }
+  Add(Step::Kind::Rename, kCompactedDataFile, "g_objdt.dat");
+  Add(Step::Kind::Rename, kCompactedIdsFile, "g_objid.dat");
+  Add(Step::Kind::SetAside, kReplacingFile, "");
+}
+
+void LookAtSharedObjects(FolderView& Files, const Wishes& Wanted, Plan* pPlan) {
   if (Files.Has(kCompactedIdsFile) != Files.Has(kCompactedDataFile)) {
     const char16_t* const pHalf = Files.Has(kCompactedIdsFile) ? kCompactedIdsFile : kCompactedDataFile;
     pPlan->Steps.push_back({.File = pHalf, .Why = "half a pair of compaction, which the next one overwrites"});
   }
   const ObjectFileNames Names{kSharedIdsFile, kSharedTreeFile, kSharedDataFile};
-  LookAtObjectHeads({}, Files, Names, pPlan);
-  LookAtDataEnd({}, Files, Names, pPlan);
-  LookAtTree({}, Files, Names, pPlan);
-  const bool bMended = std::ranges::any_of(pPlan->Steps, [&](const Step& One) { return One.File == Names.Ids; });
+  Plan Found;
+  LookAtObjectHeads({}, Files, Names, &Found);
+  const bool bMended = std::ranges::any_of(Found.Steps, [&](const Step& One) { return One.File == Names.Ids; });
+  const bool bIds = bMended || FormOfIds(Files.Read(Names.Ids, 0, sizeof(tPLAINDB_HEADER))) != Form::Unknown;
   const FolderView::File* const pData = Files.Find(Names.Data);
-  if (pData == nullptr || pData->nSize <= sizeof(FILE_MAGIC)) return;
-  const bool bIds = FormOfIds(Files.Read(Names.Ids, 0, sizeof(tPLAINDB_HEADER))) != Form::Unknown;
-  if (bIds || bMended || !bHasEvents) return;
-  if (Wanted.bStartEmpty) {
+  const bool bIdsLost = !bIds && pData != nullptr && pData->nSize > sizeof(FILE_MAGIC);
+  const bool bEndLost = LookAtDataEnd({}, Files, Names, &Found);
+  if ((bIdsLost || bEndLost) && Wanted.bStartEmpty) {
     for (const std::u16string& Name : {Names.Tree, Names.Ids, Names.Data}) {  // the one that tells of it last
       if (Files.Has(Name))
         pPlan->Steps.push_back({.What = Step::Kind::SetAside, .File = Name, .Why = "the shared objects begin anew"});
     }
     return;
   }
-  const char* const pWhy =
-      Files.Has(Names.Ids) ? "it is damaged beside the names of g_objdt.dat: opened, all shared objects would be lost"
-                           : "it is missing beside the names of g_objdt.dat: opened, all shared objects would be lost";
-  pPlan->Steps.push_back({.File = Names.Ids, .Why = pWhy});
-  pPlan->Refusal = Describe(pPlan->Steps.back());
+  LookAtTree({}, Files, Names, &Found);
+  pPlan->Steps.insert(pPlan->Steps.end(), Found.Steps.begin(), Found.Steps.end());
+  if (bIdsLost)
+    Refuse(Names.Ids,
+           std::string(Files.Has(Names.Ids) ? "it is damaged" : "it is missing") +
+               " beside the names of g_objdt.dat: opened, all shared objects would be lost",
+           pPlan);
+  if (bEndLost) pPlan->Refusal = Describe({.File = Names.Data, .Why = kLostEnd});
 }
 
 }  // namespace lumbra::salvage

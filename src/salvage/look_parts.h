@@ -37,10 +37,10 @@ struct ObjectFileNames {
 // The heads of files that contradict the other two, where these agree on the kind of the store.
 void LookAtObjectHeads(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan);
 
-// What a data file, or one that is missing, lacks at its end by what the newest id records say: its magic, and zeros.
-// New names would be appended there, and read out for those. *pbFurther tells of a record that points elsewhere.
-std::string MissingDataEnd(FolderView& Files, const ObjectFileNames& Names, bool* pbFurther);
-void LookAtDataEnd(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan);
+// A data file that is shorter than the id records say: new names would be appended there, and read out for those. It is
+// extended as far as that can be told. Otherwise it is reported, and the answer is whether nothing must be appended:
+// not, where the shared store has lost the bytes of a single record, which then is damaged itself.
+bool LookAtDataEnd(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan);
 
 // A tree that knows no object, beside id records.
 void LookAtTree(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan);
@@ -48,15 +48,16 @@ void LookAtTree(const std::u16string& Folder, FolderView& Files, const ObjectFil
 // Whether the header and the last id record are whole.
 bool HasWholeRecords(FolderView& Files, const std::u16string& Ids);
 
-// The shared store: what must not be opened. Of a store without events nothing refers to its objects yet.
-void LookAtSharedObjects(FolderView& Files, bool bHasEvents, const Wishes& Wanted, Plan* pPlan);
+// The shared store: what must not be opened.
+void LookAtSharedObjects(FolderView& Files, const Wishes& Wanted, Plan* pPlan);
+
+// What is left of putting a compacted pair in the place of the live one; whether it is being taken back.
+void LookAtReplacing(FolderView& Files, Plan* pPlan);
 
 // The event size in a "segments.dat"; 0 for one that is damaged.
 std::uint32_t EventSizeIn(const std::string& Header);
 
-// The chain of a database, and the files of its segments.  Whether there are
-// events is what the sizes of files say.
-bool HasEvents(const FolderView& Files);
+// The chain of a database, and the files of its segments.
 void LookAtDatabase(const std::u16string& Folder, FolderView& Files, const Wishes& Wanted, Plan* pPlan);
 
 // The index of names, which the ids in the folders of the named databases can mend: by folder.

@@ -70,6 +70,30 @@ std::string Summary(const Plan& Of) {
          Count([](const Step& One) { return !One.Acts(); }) + " left as they are";
 }
 
+bool IsTimeOfHealing(const std::string& Name) {
+  constexpr std::size_t kShortest = 18;
+  return Name.size() >= kShortest && Name[8] == 'T' && Name[15] == 'Z' && Name[16] == '-' &&
+         Name.find_first_not_of("0123456789TZ-") == std::string::npos;
+}
+
+namespace {
+
+constexpr std::string_view kBack = "back ";
+
+}  // namespace
+
+std::string WriteReplacement(const Replacement& Of) {
+  return (Of.bBack ? std::string(kBack) : std::string()) + Of.Time + '\n';
+}
+
+Replacement ReadReplacement(const std::string& Text) {
+  const bool bBack = Text.starts_with(kBack);
+  std::string Time = Text.substr(bBack ? kBack.size() : 0);
+  if (Time.ends_with('\n')) Time.pop_back();
+  if (!IsTimeOfHealing(Time)) return {};
+  return {std::move(Time), bBack};
+}
+
 std::string WriteSteps(const std::vector<Step>& Steps) {
   json All = json::array();
   for (const Step& One : Steps) {

@@ -5,6 +5,7 @@
 
 #include "faults/programme.h"
 #include "salvage/apply.h"
+#include "salvage/look.h"
 
 namespace lumbra::test {
 namespace {
@@ -58,8 +59,17 @@ ResultCode Heal(const fs::path& Folder) {
   return salvage::Heal(Folder.u16string(), {}, {}, &Done);
 }
 
+// Takes back all that is set aside.
+void Undo(const fs::path& Folder) {
+  std::set<std::string> Times;
+  for (const auto& Entry : fs::recursive_directory_iterator(Folder))
+    if (Entry.path().parent_path().filename() == "set-aside") Times.insert(Entry.path().filename().string());
+  std::vector<std::string> Left;
+  for (const std::string& Time : Times) (void)salvage::Undo(Folder.u16string(), {}, Time, &Left);
+}
+
 // In a process that is gone before one of its changes.
-void HealUntilKilled(const fs::path& Folder, std::uint64_t nChange) {
+void UntilKilled(std::uint64_t nChange, const std::function<void()>& Act) {
   const pid_t nChild = fork();
   if (nChild == 0) {
     PauseFaults(false);
@@ -67,10 +77,22 @@ void HealUntilKilled(const fs::path& Folder, std::uint64_t nChange) {
       if (nChange-- == 0) _exit(0);
       return Fate::Happens;
     });
-    (void)Heal(Folder);
+    Act();
     _exit(0);
   }
   waitpid(nChild, nullptr, 0);
+}
+
+// Healing again finds nothing to do, and what was done is taken back to the byte, also where that was killed.
+void HealAndTakeBack(const fs::path& Folder, const Files& Damaged, std::uint64_t nChange) {
+  salvage::Plan Second;
+  if (Succeeded(Heal(Folder)) && Succeeded(salvage::Look(Folder.u16string(), {}, &Second)) && Second.Acts())
+    Found("it is healed twice: " + salvage::Describe(Second.Steps.front()));
+  UntilKilled(nChange, [&] { Undo(Folder); });
+  Undo(Folder);
+  Files Now = ReadFiles(Folder);
+  std::erase_if(Now, [](const auto& One) { return One.first.find("set-aside") != std::string::npos; });
+  if (Now != Damaged) Found("it is not taken back");
 }
 
 void HealUnderFault(const fs::path& Folder, std::uint64_t nCall) {
@@ -104,9 +126,10 @@ std::string RunHeals(const Choice& Which) {
       Files Damaged = Sound;
       How.Apply(&Damaged);
       WriteFiles(Folder, Damaged);
-      const std::uint64_t nEnd = Chance(3);
-      if (nEnd == 1) HealUntilKilled(Folder, Chance(12));
+      const std::uint64_t nEnd = Chance(4);
+      if (nEnd == 1) UntilKilled(Chance(12), [&] { (void)Heal(Folder); });
       if (nEnd == 2) HealUnderFault(Folder, Chance(200));
+      if (nEnd == 3) HealAndTakeBack(Folder, Damaged, Chance(12));
       Driver::Setup With = Which.With(Folder, bChecked, kOtherSerials);
       With.What = host::Heal::On;
       Driver(std::move(With), Known)

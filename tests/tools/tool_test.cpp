@@ -161,6 +161,11 @@ TEST_F(ToolTest, CompactTellsWhatItLeavesOut) {
   EXPECT_THAT(Told, HasSubstr("Compact: name crc mismatch, entry id: 0, offset: 4, the object is marked as"));
   EXPECT_THAT(Told, HasSubstr("g_objidcompacted.dat " + std::string(13, ' ') + "210 bytes"));
   EXPECT_THAT(Told, HasSubstr("beside the live one"));
+  const Bytes kLive = ReadFile("store/g_objdt.dat");
+  EXPECT_THAT(Run("compact --replace", 1), HasSubstr("It is not put in its place; --lossy does that all the same.\n"));
+  EXPECT_EQ(kLive, ReadFile("store/g_objdt.dat"));
+  Run("compact --replace --lossy", 1);
+  EXPECT_NE(kLive, ReadFile("store/g_objdt.dat"));
 }
 
 TEST_F(ToolTest, RepairsAndTakesItBack) {
@@ -182,6 +187,17 @@ TEST_F(ToolTest, RepairsAndTakesItBack) {
   const std::string Time = fs::directory_iterator(At("store/01/set-aside"))->path().filename().string();
   Run("repair --yes --undo " + Time);
   EXPECT_EQ(9, ReadFile("store/01/segments.dat")[4]);
+  fs::remove(Folder() / "store/01/segments.dat");
+  Run("repair --discard-set-aside --yes");
+  EXPECT_FALSE(fs::exists(Folder() / "store/01/set-aside"));
+}
+
+TEST_F(ToolTest, SaysWhatItLeavesDamaged) {
+  Record("1", {"a"});
+  WriteFile("store/g_objdtcompacted.dat", {});
+  EXPECT_THAT(Run("check", 3), StartsWith("- g_objdtcompacted.dat: half a pair of compaction"));
+  Run("events --db 1", 3);
+  EXPECT_THAT(Errors(), StartsWith("lumbra: damaged g_objdtcompacted.dat: half a pair of compaction"));
 }
 
 TEST_F(ToolTest, PutsBackWhatALostTreeFindsNoMore) {
@@ -191,6 +207,12 @@ TEST_F(ToolTest, PutsBackWhatALostTreeFindsNoMore) {
   Run("repair --yes", 3);
   EXPECT_EQ(Ids, Run("find --db 0 a b c"));
   EXPECT_THAT(Run("info"), HasSubstr("set aside by healing: "));
+  Record("1", {"a", "b", "c"});
+  const Bytes kTree = ReadFile("store/01/00000001_objbt.dat");
+  fs::remove(Folder() / "store/01/00000001_objbt.dat");
+  Run("repair --yes", 3);
+  EXPECT_EQ(kTree, ReadFile("store/01/00000001_objbt.dat"));
+  Run("repair");
   Run("repair --discard-set-aside");
   EXPECT_TRUE(fs::exists(Folder() / "store/set-aside"));
   Run("repair --discard-set-aside --yes");

@@ -30,6 +30,7 @@ constexpr Meaning kMeanings[] = {
     {"ValidDataCrc(nObjectId + 1, buffer", "the data of one of the newest objects is damaged"},
     {"MAKE_SHORT_OBJECT_ID(idFromBt)", "two objects claim one hash"},
     {"file signature is not valid", nullptr},
+    {"left as it is: ", nullptr},  // said by the look before
     {"corrupted persistent index", "the index of named databases was damaged and has been replaced by an empty one",
      true},
     {"from file, ulo res = 0, bytesRead",
@@ -64,12 +65,14 @@ class Findings {
   bool m_bAnyLost = false;
 };
 
-// Whether files are lost or damaged in a way that costs more once the store is opened: then it is not opened.
-bool IsBetterRepaired(const StoreFiles& Files) {
+// Whether files are lost or damaged in a way that costs more once the store is opened: then it is not opened. *pbFound
+// tells whether anything is.
+bool IsBetterRepaired(const StoreFiles& Files, bool* pbFound) {
   salvage::Plan Found;
   const ResultCode nLooked = salvage::Look(Files.Folder().u16string(), {.bThorough = true}, &Found);
   if (Failed(nLooked)) throw Failure("look at " + Printable(TextOf(Files.Folder())), nLooked, Printable(Found.Refusal));
   for (const salvage::Step& One : Found.Steps) std::printf("- %s\n", Printable(salvage::Describe(One)).c_str());
+  *pbFound = !Found.Steps.empty();
   if (!Found.Acts() && Found.Refusal.empty()) return false;
   std::printf("%s: %s.\n",
               Files.IsHeldByAnotherProcess() ? "Another process has the store, and these may be moving"
@@ -81,7 +84,8 @@ bool IsBetterRepaired(const StoreFiles& Files) {
 }  // namespace
 
 int CheckStore(const CommonOptions& Common, const NoOptions& /*Options*/) {
-  if (IsBetterRepaired(FilesOf(Common))) return kExitIncomplete;
+  bool bFound = false;
+  if (IsBetterRepaired(FilesOf(Common), &bFound)) return kExitIncomplete;
   Findings Found;
   Session Store(InModeOfStore(Common), Missing::Refuse, [&Found](std::string_view Line) { Found.Note(Line); });
   const StoreFiles& Files = Store.Files();
@@ -105,10 +109,10 @@ int CheckStore(const CommonOptions& Common, const NoOptions& /*Options*/) {
   }
   if (!Files.SharedObjectsHaveCrcs()) {
     std::puts("The shared objects have no CRCs (their files were not created in check mode): nothing to check.");
-    return kExitOk;
+    return bFound ? kExitIncomplete : kExitOk;
   }
   std::puts(Found.Any() ? "The newest objects are sound now." : "The newest objects are sound.");
-  return Found.Any() ? kExitIncomplete : kExitOk;
+  return Found.Any() || bFound ? kExitIncomplete : kExitOk;
 }
 
 }  // namespace lumbra::tool

@@ -95,10 +95,11 @@ void RefuseWhereOtherFilesAre(const StoreFiles& Files, const DatabaseName& Datab
 
 namespace {
 
-void Replace(const CommonOptions& Common, const StoreFiles& Files) {
+// Live: what the live pair held when the new one was made of it.
+void Replace(const CommonOptions& Common, const StoreFiles& Files, const std::string& Live) {
   salvage::Plan Done;
   const std::string What = "put the compacted pair in its place";
-  const ResultCode nCode = salvage::ReplaceByCompacted(Files.Folder().u16string(), RulesOf(Common), &Done);
+  const ResultCode nCode = salvage::ReplaceByCompacted(Files.Folder().u16string(), RulesOf(Common), Live, &Done);
   if (Failed(nCode) && !Done.Refusal.empty()) throw Failure(What, nCode, Done.Refusal);
   Check(nCode, What);
   std::puts(
@@ -115,6 +116,7 @@ int Compact(const CommonOptions& Common, const CompactOptions& Options) {
     std::printf("  %.*s\n", static_cast<int>(Line.size()), Line.data());
   };
   const StoreFiles Files = FilesOf(Common);
+  std::string Live;
   {
     Session Store(InModeOfStore(Common), Missing::Refuse, Note);
     PrintSizes("before", Files, kSharedIdsFile, kSharedDataFile);
@@ -123,11 +125,13 @@ int Compact(const CommonOptions& Common, const CompactOptions& Options) {
       std::puts("interrupted; the new pair is gone again");
       return kExitInterrupted;
     }
+    if (Options.bReplace)
+      Check(salvage::DigestOfLivePair(Files.Folder().u16string(), RulesOf(Common), &Live), "read the live pair");
   }
   PrintSizes("after", Files, kCompactedIdsFile, kCompactedDataFile);
   if (nLosses != 0) std::puts("What was left out is still in the live files, as far as it can be read there.");
   if (Options.bReplace && (nLosses == 0 || Options.bLossy)) {
-    Replace(Common, Files);
+    Replace(Common, Files, Live);
     return nLosses == 0 ? kExitOk : kExitFailed;
   }
   if (Options.bReplace) std::puts("It is not put in its place; --lossy does that all the same.");

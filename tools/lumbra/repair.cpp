@@ -69,7 +69,9 @@ int Repair(const CommonOptions& Common, const RepairOptions& Options) {
     return kExitOk;
   }
   if (!Found.Refusal.empty()) {
-    std::puts("Nothing was changed: what is missing has to come from a copy, or --start-empty does without it.");
+    std::puts(Found.Replacing ? "Nothing was changed."
+                              : "Nothing was changed: what is missing has to come from a copy, or --start-empty does "
+                                "without it.");
     return kExitFailed;
   }
   if (!Found.Acts()) {

@@ -82,11 +82,13 @@ Session::Session(const CommonOptions& Options, Missing Store, DamageListener Lis
   }
   if (!m_Store.Refusal().empty()) throw Failure(What, nCode, m_Store.Refusal() + "; see lumbra repair");
   for (const std::string& Line : m_Store.Healed()) std::fprintf(stderr, "lumbra: healed %s\n", Line.c_str());
+  for (const std::string& Line : m_Store.Left()) std::fprintf(stderr, "lumbra: damaged %s\n", Line.c_str());
   Check(nCode, What);
 }
 
 int Session::StatusOfReading(int nStatus) const {
-  return nStatus == kExitOk && !m_Store.Healed().empty() ? kExitIncomplete : nStatus;
+  const bool bDamaged = !m_Store.Healed().empty() || !m_Store.Left().empty();
+  return nStatus == kExitOk && bDamaged ? kExitIncomplete : nStatus;
 }
 
 // The user's level goes to stderr; what the listener is told does not depend on it.

@@ -99,7 +99,7 @@ class Session {
 
   bool IsCorrupted() const;
 
-  // The exit status of a command that reads: where something was healed, it was damaged or missing.
+  // The exit status of a command that reads: where something was healed or found, it was damaged or missing.
   int StatusOfReading(int nStatus) const;
 
   // Brings what was written to the disk, or throws a Failure. The last step of every command that writes.

@@ -16,6 +16,7 @@
 #include "host/text.h"
 #include "lumbra/lumbra.h"
 #include "machine.h"
+#include "salvage/plan.h"
 
 namespace lumbra::tool {
 namespace {
@@ -87,12 +88,6 @@ std::string ReadBytes(const fs::path& Path, std::uint64_t nOffset, std::size_t n
 
 bool StartsWith(const std::string& Content, const FILE_MAGIC& Magic) {
   return Content.starts_with(std::string_view(Magic, sizeof(Magic)));
-}
-
-// "20261125T190000Z-1"
-bool IsTimeOfHealing(const std::string& Name) {
-  return Name.size() > 17 && Name[8] == 'T' && Name[15] == 'Z' && Name[16] == '-' &&
-         Name.find_first_not_of("0123456789TZ-") == std::string::npos;
 }
 
 bool IsSeparatorOrControl(char c) {
@@ -261,7 +256,12 @@ std::vector<fs::path> StoreFiles::SetAsideFolders() const {
     if (!fs::is_symlink(Aside) && fs::is_directory(Aside)) Found.push_back(Aside);
   };
   Note(m_Folder);
-  for (const DatabaseName& Database : Databases()) Note(m_Folder / PathOf(Database.Folder()));
+  // Also of a database that has lost its "segments.dat".
+  for (const fs::directory_entry& Entry : EntriesOf(m_Folder)) {
+    const std::string Name = TextOf(Entry.path().filename());
+    const bool bOwn = NumberOfFolder(Name) || IsDatabaseName(host::ToUtf16(Name));
+    if (bOwn && !Entry.is_symlink() && Entry.is_directory()) Note(Entry.path());
+  }
   return Found;
 }
 
@@ -279,7 +279,7 @@ void StoreFiles::DiscardSetAside() const {
   for (const fs::path& Folder : SetAsideFolders()) {
     std::error_code Refused;
     for (const fs::directory_entry& Entry : EntriesOf(Folder)) {
-      if (!IsTimeOfHealing(TextOf(Entry.path().filename())) || Entry.is_symlink()) continue;
+      if (!salvage::IsTimeOfHealing(TextOf(Entry.path().filename())) || Entry.is_symlink()) continue;
       fs::remove_all(Entry.path(), Refused);
       if (Refused) throw Failure("delete " + Printable(TextOf(Entry.path())), errACCESS_DENIED, MessageOf(Refused));
     }
