@@ -1,5 +1,4 @@
 // A module in the process, and the host that uses it.
-#include <gmock/gmock.h>
 #ifdef _WIN32
 #include <windows.h>
 #else
@@ -100,29 +99,22 @@ TEST_F(LoadedModuleTest, RefusesWhatOthersMayWriteTo) {
   fs::permissions(Copy, fs::perms::others_write, fs::perm_options::remove);
   fs::permissions(Folder(), fs::perms::others_write, fs::perm_options::add);
   Step("in a folder that all may write to", TextOfLoad()).Is("lies in a folder that can be written by others");
-
-  fs::create_directory(Folder() / "safe");
-  fs::copy_file(Copy, Folder() / "safe/module");
-  fs::create_directory_symlink(".", Folder() / "link");
   host::ModuleFile Read;
-  ASSERT_EQ("", host::ReadModuleFile(Folder() / "link/module", &Read).Text);
-  fs::remove(Folder() / "link");
-  fs::create_directory_symlink("safe", Folder() / "link");
-  Step("read there, by a name that leads elsewhere now", host::LoadedModule().Load(Read).Text)
-      .Is("lies in a folder that can be written by others");
+  ASSERT_EQ("", host::ReadModuleFile(Copy, &Read).Text);
+  fs::remove(Copy);
+  fs::create_symlink(LUMBRA_MODULE, Copy);
+  EXPECT_EQ("lies in a folder that can be written by others", host::LoadedModule().Load(Read).Text);
 }
 
 // The loader's words hold names that the module has chosen.
 TEST_F(LoadedModuleTest, LetsNoModuleWriteToTheTerminal) {
   std::string Content = ReadText(LUMBRA_MODULE);
-  const std::string Needed("\0openat\0", 8);
-  Content.at(Content.find(Needed) + 1) = 0x1b;
+  Content.at(Content.find(std::string("\0openat\0", 8)) + 1) = 0x1b;
   WriteFile("module", Bytes(Content.begin(), Content.end()));
   host::ModuleFile Read;
   ASSERT_EQ("", host::ReadModuleFile(Folder() / "module", &Read).Text);
-  EXPECT_THAT(
-      host::LoadedModule().Load(Read).Text,
-      ::testing::StartsWith("cannot be loaded: " + (Folder() / "module").string() + ": undefined symbol: \\x1bpenat"));
+  const std::string Expected = "cannot be loaded: " + (Folder() / "module").string() + ": undefined symbol: \\x1bpenat";
+  EXPECT_EQ(Expected, host::LoadedModule().Load(Read).Text.substr(0, Expected.size()));
 }
 #endif
 
