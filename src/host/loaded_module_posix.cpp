@@ -22,7 +22,9 @@ ModuleProblem WhyNotTrusted(const HeldFile& File) {
   std::string Why = WhyNotTrusted(static_cast<int>(File.Handle()), TrustedOwner::UserOrRoot);
   if (!Why.empty()) return {errACCESS_DENIED, Why};
   const std::filesystem::path Path = PlaceOf(File);
-  if (!Path.is_absolute()) return {errPATH_NAME_INVALID, "cannot be found again"};
+  std::error_code Refused;
+  if (!std::filesystem::is_directory(Path.parent_path(), Refused))
+    return {errPATH_NAME_INVALID, "cannot be found again"};
   Why = WhyNotTrusted(Path.parent_path(), TrustedOwner::UserOrRoot);
   if (!Why.empty()) return {errACCESS_DENIED, "lies in a folder that " + Why};
   return {};

@@ -53,13 +53,20 @@ TEST_F(LoadedModuleTest, RunsAStoreAndLeavesTheProcess) {
 // Whatever has its name by then.
 TEST_F(LoadedModuleTest, LoadsTheFileThatWasRead) {
   fs::copy_file(LUMBRA_MODULE, Folder() / "module");
+  fs::create_directory(Folder() / "other");
+  fs::copy_file(LUMBRA_REFUSING_MODULE, Folder() / "other/module");
+  const fs::path Before = fs::current_path();
+  fs::current_path(Folder());
   host::ModuleFile Read;
-  ASSERT_EQ("", host::ReadModuleFile(Folder() / "module", &Read).Text);
+  EXPECT_EQ("", host::ReadModuleFile("module", &Read).Text);
+  fs::current_path(Folder() / "other");
   std::error_code Refused;
   fs::rename(Folder() / "module", Folder() / "other name", Refused);  // which Windows does not allow
   if (!Refused) fs::copy_file(LUMBRA_REFUSING_MODULE, Folder() / "module");
   host::LoadedModule Module;
-  ASSERT_EQ("", Module.Load(Read).Text);
+  const std::string Problem = Module.Load(Read).Text;
+  fs::current_path(Before);
+  ASSERT_EQ("", Problem);
   Read = {};
   m_Host.emplace(Module.Entry());
   EXPECT_CODE(errOK, m_Host->LoadResult());
