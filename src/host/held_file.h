@@ -22,7 +22,7 @@ struct ModuleProblem {
 
 class HeldFile {
  public:
-  explicit HeldFile(std::intptr_t nHandle, std::uint64_t nSize) : m_nHandle(nHandle), m_nSize(nSize) {}
+  HeldFile() = default;
   ~HeldFile();
   HeldFile(const HeldFile&) = delete;
   HeldFile& operator=(const HeldFile&) = delete;
@@ -38,8 +38,8 @@ class HeldFile {
   std::intptr_t Handle() const { return m_nHandle; }  // the system's: a descriptor, or a HANDLE
 
  private:
-  std::intptr_t m_nHandle;
-  std::uint64_t m_nSize;
+  std::intptr_t m_nHandle = -1;  // which is none
+  std::uint64_t m_nSize = 0;
 };
 
 }  // namespace lumbra::host

@@ -6,21 +6,28 @@
 #include <system_error>
 
 #include "host/held_file.h"
+#include "platform/posix/posix.h"
+#include "platform/result.h"
 
 namespace lumbra::host {
 
 HeldFile::~HeldFile() {
-  close(static_cast<int>(m_nHandle));
+  if (m_nHandle >= 0) close(static_cast<int>(m_nHandle));
 }
 
 ModuleProblem HeldFile::Open(const std::filesystem::path& Path, std::shared_ptr<const HeldFile>* ppFile) {
-  const int nDescriptor = open(Path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+  const auto pFile = std::make_shared<HeldFile>();
+  const int nDescriptor = os::OpenDescriptor(AT_FDCWD, Path.string(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
   if (nDescriptor < 0 && (errno == ENOENT || errno == ENOTDIR)) return {errFILE_NOT_FOUND, "does not exist"};
-  if (nDescriptor < 0) return {errACCESS_DENIED, "cannot be read: " + std::generic_category().message(errno)};
+  if (nDescriptor < 0) {
+    const int nErrno = errno;
+    return {ResultFromSystemError(os::ErrorFromErrno(nErrno)),
+            "cannot be read: " + std::generic_category().message(nErrno)};
+  }
+  pFile->m_nHandle = nDescriptor;
   struct stat Status {};
-  const bool bKnown = fstat(nDescriptor, &Status) == 0;
-  const auto pFile = std::make_shared<const HeldFile>(nDescriptor, static_cast<std::uint64_t>(Status.st_size));
-  if (!bKnown || !S_ISREG(Status.st_mode)) return {errMODULE_NOT_FOUND, "is no file"};
+  if (fstat(nDescriptor, &Status) != 0 || !S_ISREG(Status.st_mode)) return {errMODULE_NOT_FOUND, "is no file"};
+  pFile->m_nSize = static_cast<std::uint64_t>(Status.st_size);
   *ppFile = pFile;
   return {};
 }

@@ -2,6 +2,7 @@
 
 #include "host/held_file.h"
 #include "host/system_win32.h"
+#include "platform/result.h"
 
 namespace lumbra::host {
 namespace {
@@ -17,22 +18,24 @@ bool IsMissing(DWORD nError) {
 }  // namespace
 
 HeldFile::~HeldFile() {
-  CloseHandle(HandleOf(m_nHandle));
+  if (HandleOf(m_nHandle) != INVALID_HANDLE_VALUE) CloseHandle(HandleOf(m_nHandle));
 }
 
 ModuleProblem HeldFile::Open(const std::filesystem::path& Path, std::shared_ptr<const HeldFile>* ppFile) {
   const DWORD nAttributes = GetFileAttributesW(Path.c_str());
   if (nAttributes != INVALID_FILE_ATTRIBUTES && (nAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
     return {errMODULE_NOT_FOUND, "is no file"};
+  const auto pFile = std::make_shared<HeldFile>();
   const HANDLE pHandle = CreateFileW(Path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
   const DWORD nError = GetLastError();
   if (pHandle == INVALID_HANDLE_VALUE && IsMissing(nError)) return {errFILE_NOT_FOUND, "does not exist"};
-  if (pHandle == INVALID_HANDLE_VALUE) return {errACCESS_DENIED, "cannot be read: " + SystemMessage(nError)};
+  if (pHandle == INVALID_HANDLE_VALUE)
+    return {ResultFromSystemError(nError), "cannot be read: " + SystemMessage(nError)};
+  pFile->m_nHandle = reinterpret_cast<std::intptr_t>(pHandle);
   LARGE_INTEGER nSize{};
-  const bool bKnown = GetFileType(pHandle) == FILE_TYPE_DISK && GetFileSizeEx(pHandle, &nSize) != FALSE;
-  const auto pFile = std::make_shared<const HeldFile>(reinterpret_cast<std::intptr_t>(pHandle),
-                                                      static_cast<std::uint64_t>(nSize.QuadPart));
-  if (!bKnown) return {errMODULE_NOT_FOUND, "is no file"};
+  if (GetFileType(pHandle) != FILE_TYPE_DISK || GetFileSizeEx(pHandle, &nSize) == FALSE)
+    return {errMODULE_NOT_FOUND, "is no file"};
+  pFile->m_nSize = static_cast<std::uint64_t>(nSize.QuadPart);
   *ppFile = pFile;
   return {};
 }

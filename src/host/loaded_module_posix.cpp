@@ -5,18 +5,26 @@
 #include <string>
 
 #include "host/loaded_module.h"
+#include "host/printed_text.h"
 #include "host/trust.h"
 
 namespace lumbra::host {
 namespace {
 
-// What others may write to would run what they want.
-ModuleProblem WhyNotTrusted(const ModuleFile& File) {
-  std::string Why = WhyNotTrusted(static_cast<int>(File.pHeld->Handle()), TrustedOwner::UserOrRoot);
-  if (!Why.empty()) return {errACCESS_DENIED, Why};
+// Where the file is that is open, whatever has its name by then, with all links followed; empty when that is not known.
+std::filesystem::path PlaceOf(const HeldFile& File) {
   std::error_code Refused;
-  const std::filesystem::path Path = std::filesystem::canonical(File.Path, Refused);
-  if (Refused) return {errPATH_NAME_INVALID, "cannot be found again: " + Refused.message()};
+  return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(File.Handle()), Refused);
+}
+
+// What others may write to would run what they want.
+ModuleProblem WhyNotTrusted(const HeldFile& File) {
+  std::string Why = WhyNotTrusted(static_cast<int>(File.Handle()), TrustedOwner::UserOrRoot);
+  if (!Why.empty()) return {errACCESS_DENIED, Why};
+  const std::filesystem::path Path = PlaceOf(File);
+  std::error_code Refused;
+  if (!std::filesystem::is_directory(Path.parent_path(), Refused))
+    return {errPATH_NAME_INVALID, "cannot be found again"};
   Why = WhyNotTrusted(Path.parent_path(), TrustedOwner::UserOrRoot);
   if (!Why.empty()) return {errACCESS_DENIED, "lies in a folder that " + Why};
   return {};
@@ -33,6 +41,15 @@ std::string FreshNameOf(const HeldFile& File) {
   return Name + std::to_string(File.Handle());
 }
 
+// What the loader said last. It has names from the module in it, and the one that we have made up for its file.
+std::string LoaderMessage(const std::string& FreshName, const std::filesystem::path& Path) {
+  std::string Text = dlerror();
+  const std::string Shown = Printable(Path.string());
+  for (std::size_t nAt = 0; (nAt = Text.find(FreshName, nAt)) != std::string::npos; nAt += Shown.size())
+    Text.replace(nAt, FreshName.size(), Shown);
+  return PrintableSentence(Text);
+}
+
 }  // namespace
 
 void LoadedModule::Unloader::operator()(void* pModule) const {
@@ -41,10 +58,11 @@ void LoadedModule::Unloader::operator()(void* pModule) const {
 
 ModuleProblem LoadedModule::Load(const ModuleFile& File) {
   if (ModuleProblem Problem = WhyForeign(File)) return Problem;
-  if (ModuleProblem Problem = WhyNotTrusted(File)) return Problem;
+  if (ModuleProblem Problem = WhyNotTrusted(*File.pHeld)) return Problem;
   m_pFile = File.pHeld;
-  m_pModule.reset(dlopen(FreshNameOf(*m_pFile).c_str(), RTLD_NOW | RTLD_LOCAL));
-  if (m_pModule == nullptr) return {errPLATFORM_UNSPECIFIED, std::string("cannot be loaded: ") + dlerror()};
+  const std::string Name = FreshNameOf(*m_pFile);
+  m_pModule.reset(dlopen(Name.c_str(), RTLD_NOW | RTLD_LOCAL));
+  if (m_pModule == nullptr) return {errPLATFORM_UNSPECIFIED, "cannot be loaded: " + LoaderMessage(Name, File.Path)};
   m_pEntry = reinterpret_cast<StandaloneHost::ModuleEntry>(dlsym(m_pModule.get(), "LumbraModuleEntry"));
   if (m_pEntry != nullptr) return {};
   m_pModule.reset();

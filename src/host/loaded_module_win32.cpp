@@ -17,13 +17,30 @@ StandaloneHost::ModuleEntry EntryPointOf(HMODULE pModule) {
   return nEntry == 0 ? nullptr : reinterpret_cast<StandaloneHost::ModuleEntry>(const_cast<BYTE*>(pImage) + nEntry);
 }
 
+// The path of the file that is open, whatever its name leads to by then, in the form that is taken to the letter. Empty
+// when the system does not tell.
+std::wstring PlaceOf(const HeldFile& File) {
+  std::wstring Place(MAX_PATH, L'\0');
+  for (;;) {
+    const auto nRoom = static_cast<DWORD>(Place.size());
+    const auto pFile = reinterpret_cast<HANDLE>(File.Handle());
+    const DWORD nLength = GetFinalPathNameByHandleW(pFile, Place.data(), nRoom, FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
+    Place.resize(nLength);
+    if (nLength < nRoom) return Place;
+  }
+}
+
 // The path by which the system loads the very file that was read. With its folder: a bare name would be looked for
 // among the system's libraries. And with a point in its name: to one without, the system adds ".dll". A point at the
-// end, which it takes away again, prevents that, but for paths that it takes to the letter: empty for those.
-std::wstring PathToLoad(const std::filesystem::path& Path) {
-  const std::wstring Full = FullPath(Path);
-  if (Full.find(L'.', Full.find_last_of(L'\\') + 1) != std::wstring::npos) return Full;
-  return Full.starts_with(L"\\\\?\\") ? std::wstring() : Full + L'.';
+// end, which it takes away again, prevents that, but for paths that it takes to the letter: empty for those that have
+// no other form.
+std::wstring PathToLoad(const std::wstring& Place) {
+  if (Place.find(L'.', Place.find_last_of(L'\\') + 1) != std::wstring::npos) return Place;
+  constexpr std::wstring_view kLiteral = L"\\\\?\\";
+  constexpr std::wstring_view kLiteralShare = L"\\\\?\\UNC\\";
+  const std::wstring Plain =
+      Place.starts_with(kLiteralShare) ? L"\\\\" + Place.substr(kLiteralShare.size()) : Place.substr(kLiteral.size());
+  return Plain.size() + 1 < MAX_PATH && FullPath(Plain) == Plain ? Plain + L'.' : std::wstring();
 }
 
 }  // namespace
@@ -34,7 +51,9 @@ void LoadedModule::Unloader::operator()(void* pModule) const {
 
 ModuleProblem LoadedModule::Load(const ModuleFile& File) {
   if (ModuleProblem Problem = WhyForeign(File)) return Problem;
-  const std::wstring Path = PathToLoad(File.Path);
+  const std::wstring Place = PlaceOf(*File.pHeld);
+  if (Place.empty()) return {errPATH_NAME_INVALID, "cannot be found again: " + SystemMessage(GetLastError())};
+  const std::wstring Path = PathToLoad(Place);
   if (Path.empty())
     return {errPATH_NAME_INVALID, "cannot be loaded by a path of this form, for want of a point in its name"};
   m_pFile = File.pHeld;  // nobody can put another file in its place meanwhile

@@ -13,6 +13,8 @@
 #include "host/trace_file.h"
 #include "host/trace_format.h"
 #include "host/trust.h"
+#include "platform/file.h"
+#include "platform/result.h"
 #include "salvage/apply.h"
 #include "salvage/look.h"
 
@@ -30,6 +32,14 @@ std::filesystem::path PathOfStore(std::u16string Folder) {
   std::replace(Folder.begin(), Folder.end(), u'\\', u'/');
   return ToUtf8(Folder);
 #endif
+}
+
+// Files are looked at as the component opens them: where the process has run out of descriptors, segments are closed.
+// Those of a component that is linked in, since a module keeps its segments to itself.
+template <class Looking>
+ResultCode Relieved(Looking Look) {
+  const ResultCode nCode = Look();
+  return nCode == ResultFromSystemError(os::kTooManyOpenFiles) && RelieveDescriptors() ? Look() : nCode;
 }
 
 }  // namespace
@@ -58,14 +68,16 @@ Store::~Store() {
 
 ResultCode Store::Init(Heal What) try {
   m_Refusal.clear();
-  if (!m_pHost->m_bTrustsStores) {
-    const std::string Why = WhyStoreNotTrusted(PathOfStore(ReportFolder()));
-    if (!Why.empty()) {
-      m_pHost->WriteLine(kFailureLevel, "the store is not trusted: " + PrintableSentence(Why));
+  m_Healed.clear();
+  const bool bTrusts = m_pHost->m_bTrustsStores;
+  // For a folder that somebody puts there now.
+  const ResultCode nCode = SetNumber(propOWN_FOLDERS, bTrusts ? 0 : 1);
+  if (!bTrusts) {
+    m_Refusal = PrintableSentence(WhyStoreNotTrusted(PathOfStore(ReportFolder())));
+    if (!m_Refusal.empty()) {
+      m_pHost->WriteLine(kFailureLevel, "the store is not trusted: " + m_Refusal);
       return errACCESS_DENIED;
     }
-    // For a folder that somebody puts there now.
-    const ResultCode nCode = SetNumber(propOWN_FOLDERS, 1);
     if (Failed(nCode) && nCode != errPROPERTY_READ_ONLY) {  // read-only: it is open
       m_Refusal =
           "the module cannot make sure that its folders belong to nobody else; a store that is trusted needs not";
@@ -99,7 +111,8 @@ ResultCode Store::OpenDatabase(const std::u16string& Name, std::uint32_t nEventS
 ResultCode Store::CheckEventSize(const std::u16string& Folder, std::uint32_t nEventSize, OtherSize What) {
   m_Refusal.clear();
   std::uint32_t nThere = 0;
-  const ResultCode nCode = salvage::EventSizeOf(ReportFolder(), Folder, &nThere);
+  const ResultCode nCode = Relieved([&] { return salvage::EventSizeOf(ReportFolder(), Folder, &nThere); });
+  if (Failed(nCode)) m_Refusal = "the size of its events cannot be read";
   if (Failed(nCode) || nThere == 0 || nThere == nEventSize) return nCode;
   if (What == OtherSize::StartEmpty) return salvage::SetDatabaseAside(ReportFolder(), Rules(), Folder);
   m_Refusal = "its events have " + std::to_string(nThere) + " bytes, not " + std::to_string(nEventSize);

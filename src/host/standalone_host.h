@@ -44,14 +44,16 @@ class Store {
 
   explicit operator bool() const { return m_pInstance != nullptr; }
 
-  // Opens the store (ObjectInitDone). Properties that concern opening are set before. errACCESS_DENIED, with a trace
-  // line of level 300 that says why, when others may change the store (host/trust.h), unless the host trusts it.
+  // Opens the store (ObjectInitDone). Properties that concern opening are set before; propOWN_FOLDERS is the host's.
+  // errACCESS_DENIED, with a trace line of level 300 that says why, when others may change the store (host/trust.h),
+  // unless the host trusts it.
   //
   // Before the component meets the store, what is lost or damaged in it is healed, so that it costs no more than itself
   // (salvage/look.h); a store that somebody has open is left alone. Where the look or the healing fails, its code is
   // answered, errSHARING_VIOLATION where somebody holds a file that is to be healed; where opening would lose all
   // shared objects, errDATA_CORRUPTED, unless they shall begin anew. The store is not opened then, and a trace line of
-  // level 300 says why.
+  // level 300 says why. On Windows the host looks and heals as whom the calling thread impersonates, which the component
+  // lays down for its own files; so does OpenDatabase.
   ResultCode Init(Heal What = Heal::On);
 
   // Opens a database (InitDB, InitDBByName). Those begin one anew that has events of another size; this refuses it with
@@ -61,7 +63,8 @@ class Store {
   ResultCode OpenDatabase(const std::u16string& Name, std::uint32_t nEventSize, std::uint32_t* pnDatabase,
                           OtherSize What = OtherSize::Refuse);
 
-  // What Init has healed, and what it has found and left as it is: a line for each file. Names in it are printable.
+  // What the last Init has healed, and what it has found and left as it is: a line for each file. Names in it are
+  // printable.
   const std::vector<std::string>& Healed() const { return m_Healed; }
   const std::vector<std::string>& Left() const { return m_Left; }
 
@@ -120,7 +123,7 @@ class StandaloneHost {
   void SetPlaceholder(std::u16string_view Placeholder, std::u16string_view Value);
 
   // Opens stores also where others than the effective user may change them: what he opens them for may then be done to
-  // other files, or with what others have put there.
+  // other files, or with what others have put there. It holds from the next Init on: what is open stays as it is.
   void TrustStores() { m_bTrustsStores = true; }
 
   // Sends the trace lines up to a level (300 failures ... 600 every detail; 0 none) to a file that stays

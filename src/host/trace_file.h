@@ -6,9 +6,10 @@
 
 namespace lumbra::host {
 
-// Opens a plain file for appending, empty if it is to be replaced; makes it, for its owner alone, where it is missing.
-// Before anything in it changes, a link is refused, and so is a file that has a second name, belongs to another user or
-// can be written by others (host/trust.h). Programs that the process starts do not get it. Null when it cannot be had.
+// Opens a plain file for appending, empty if it is to be replaced; makes it where it is missing, on posix for its owner
+// alone, on Windows with the access that its folder hands on. Before anything in it changes, a link is refused, and so
+// is a file that has a second name, and on posix one that belongs to another user or can be written by others
+// (host/trust.h). Programs that the process starts do not get it. Null when it cannot be had.
 std::FILE* OpenTraceFile(const std::filesystem::path& Path, bool bReplace);
 
 }  // namespace lumbra::host

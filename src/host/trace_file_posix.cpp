@@ -6,6 +6,7 @@
 
 #include "host/trace_file.h"
 #include "host/trust.h"
+#include "platform/posix/posix.h"
 
 namespace lumbra::host {
 namespace {
@@ -20,10 +21,10 @@ bool IsOurs(int nDescriptor) {
 int Open(const std::filesystem::path& Path) {
   constexpr int kFlags = O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
   constexpr mode_t kOwnerAlone = S_IRUSR | S_IWUSR;
-  const int nMade = open(Path.c_str(), kFlags | O_CREAT | O_EXCL, kOwnerAlone);
+  const int nMade = os::OpenDescriptor(AT_FDCWD, Path.string(), kFlags | O_CREAT | O_EXCL, kOwnerAlone);
   if (nMade >= 0) (void)fchmod(nMade, kOwnerAlone);  // a file system without modes refuses
   if (nMade >= 0 || errno != EEXIST) return nMade;
-  const int nThere = open(Path.c_str(), kFlags);
+  const int nThere = os::OpenDescriptor(AT_FDCWD, Path.string(), kFlags);
   if (nThere < 0 || IsOurs(nThere)) return nThere;
   close(nThere);
   return -1;

@@ -29,7 +29,8 @@ std::string WhyNotTrusted(int nDescriptor, TrustedOwner Owner);
 std::string WhyStoreNotTrusted(const std::filesystem::path& Folder);
 
 // What of a store others than its owner may read or write to: how many files and folders, and the path of the first.
-// Who may read a file may lock it.
+// What lies in a folder that they may not enter is not reached; the folders above the store are not looked at. Who may
+// read a file may lock it.
 struct Exposure {
   std::uint64_t nCount = 0;
   std::string First;

@@ -11,6 +11,7 @@
 
 #include "host/printed_text.h"
 #include "host/trust.h"
+#include "platform/file.h"
 
 namespace lumbra::host {
 namespace {
@@ -63,7 +64,8 @@ std::string WhyNotTrusted(int nDescriptor, TrustedOwner Owner) {
 std::string WhyStoreNotTrusted(const std::filesystem::path& Folder) {
   if (const std::string Why = WhyNotTrusted(Folder, TrustedOwner::User); !Why.empty())
     return Printable(Folder.string()) + ' ' + Why;
-  const std::unique_ptr<DIR, int (*)(DIR*)> pListing(opendir(Folder.c_str()), &closedir);
+  std::unique_ptr<DIR, int (*)(DIR*)> pListing(opendir(Folder.c_str()), &closedir);
+  if (pListing == nullptr && errno == EMFILE && RelieveDescriptors()) pListing.reset(opendir(Folder.c_str()));
   if (pListing == nullptr) return errno == ENOENT ? std::string() : Printable(Folder.string()) + ' ' + WhyNotKnown();
   for (;;) {
     errno = 0;
@@ -77,18 +79,22 @@ std::string WhyStoreNotTrusted(const std::filesystem::path& Folder) {
 }
 
 Exposure ExposureOf(const std::filesystem::path& Folder) {
+  constexpr mode_t kOthers = S_IRWXG | S_IRWXO;
+  constexpr mode_t kMayEnter = S_IXGRP | S_IXOTH;
   Exposure Found;
-  const auto Look = [&Found](const std::filesystem::path& Path) {
+  std::vector<std::filesystem::path> ToLookAt{Folder};
+  while (!ToLookAt.empty()) {
+    const std::filesystem::path Path = std::move(ToLookAt.back());
+    ToLookAt.pop_back();
     struct stat Status {};
-    constexpr mode_t kOthers = S_IRWXG | S_IRWXO;
-    if (lstat(Path.c_str(), &Status) != 0 || S_ISLNK(Status.st_mode) || (Status.st_mode & kOthers) == 0) return;
+    if (lstat(Path.c_str(), &Status) != 0 || S_ISLNK(Status.st_mode) || (Status.st_mode & kOthers) == 0) continue;
     if (Found.nCount++ == 0) Found.First = Path.string();
-  };
-  Look(Folder);
-  std::error_code Refused;  // what cannot be listed is not counted
-  std::filesystem::recursive_directory_iterator Listing(Folder, Refused);
-  for (; !Refused && Listing != std::filesystem::recursive_directory_iterator(); Listing.increment(Refused))
-    Look(Listing->path());
+    if (!S_ISDIR(Status.st_mode) || (Status.st_mode & kMayEnter) == 0) continue;
+    std::error_code Refused;  // what cannot be listed is not counted
+    std::filesystem::directory_iterator Listing(Path, Refused);
+    for (; !Refused && Listing != std::filesystem::directory_iterator(); Listing.increment(Refused))
+      ToLookAt.push_back(Listing->path());
+  }
   return Found;
 }
 

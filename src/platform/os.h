@@ -77,7 +77,8 @@ using FolderHandle = std::shared_ptr<const OpenedFolder>;
 
 // Who may read the files and folders that are made in a folder, beside the user who makes them. Nobody but that user
 // may write to them, whatever the process's mask says; those that are there keep their rights, and so do all where the
-// file system knows of none. On Windows they inherit those of the folder.
+// file system knows of none. What root makes in a folder of another user belongs to that user, unless only root's own
+// folders are to be used. On Windows they inherit those of the folder.
 enum class Readers { OwnerAlone, OwnerAndGroup };
 
 // What holds for a folder that is opened, and for those in it. With bOwnFolders, one that belongs to another user than

@@ -2,10 +2,13 @@
 // formatted.
 #include <gmock/gmock.h>
 #ifndef _WIN32
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #endif
 
 #include "component/component_fixture.h"
+#include "host/module_file.h"
 #include "host/printed_text.h"
 #include "host/text.h"
 #include "host/trace_format.h"
@@ -100,6 +103,26 @@ TEST_F(HostTest, TracesIntoAPlainFileAlone) {
   EXPECT_EQ(fs::perms(0600), fs::status(Folder() / "new").permissions());
   fs::permissions(Folder() / "new", fs::perms::others_write, fs::perm_options::add);
   EXPECT_FALSE(m_Host->TraceToFile(300, Folder() / "new"));
+  using How = host::StandaloneHost::TraceFile;
+  for (const auto& [What, pKept] : {std::pair{How::Append, "x"}, {How::Replace, ""}}) {
+    WriteFile("old", {'x'});
+    EXPECT_TRUE(m_Host->TraceToFile(300, Folder() / "old", What));
+    EXPECT_EQ(pKept, ReadText("old"));
+  }
+}
+
+TEST_F(HostTest, OpensNothingAsAStandardStreamNorForOtherPrograms) {
+  const int nInput = dup(STDIN_FILENO);
+  const int nNext = dup(STDIN_FILENO);
+  close(nNext);
+  close(STDIN_FILENO);
+  EXPECT_TRUE(m_Host->TraceToFile(300, Folder() / "trace"));
+  EXPECT_EQ(FD_CLOEXEC, fcntl(nNext, F_GETFD));
+  host::ModuleFile Module;
+  EXPECT_EQ("", host::ReadModuleFile(LUMBRA_MODULE, &Module).Text);
+  EXPECT_EQ(-1, fcntl(STDIN_FILENO, F_GETFD));
+  dup2(nInput, STDIN_FILENO);
+  close(nInput);
 }
 
 TEST_F(HostTest, OpensNoStoreThatOthersMayChange) {
@@ -111,8 +134,16 @@ TEST_F(HostTest, OpensNoStoreThatOthersMayChange) {
   Step("a store that all may write to", Open())
       .Is(errACCESS_DENIED)
       .Says({"300 the store is not trusted: " + Folder().string() + " can be written by others"});
+  EXPECT_EQ(Folder().string() + " can be written by others", m_Store.Refusal());
   m_Host->TrustStores();
   Step("the same, trusted", Open()).Is(errOK);
+  ASSERT_CODE(errOK, InitDb(5));
+  FailCallsNatively(SystemCall::OpenFolder, EMFILE);
+  Step("without a descriptor, but with a segment to close", m_Store.OpenDatabase(6, 16)).Is(errOK);
+  fs::remove(Folder() / "named/segments.dat");
+  fs::create_symlink("../05/segments.dat", Folder() / "named/segments.dat");
+  Step("a link", m_Store.OpenDatabase(u"named", 16, &m_nNamed)).Is(errACCESS_DENIED);
+  EXPECT_EQ("the size of its events cannot be read", m_Store.Refusal());
 }
 #endif
 

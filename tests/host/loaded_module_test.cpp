@@ -53,13 +53,20 @@ TEST_F(LoadedModuleTest, RunsAStoreAndLeavesTheProcess) {
 // Whatever has its name by then.
 TEST_F(LoadedModuleTest, LoadsTheFileThatWasRead) {
   fs::copy_file(LUMBRA_MODULE, Folder() / "module");
+  fs::create_directory(Folder() / "other");
+  fs::copy_file(LUMBRA_REFUSING_MODULE, Folder() / "other/module");
+  const fs::path Before = fs::current_path();
+  fs::current_path(Folder());
   host::ModuleFile Read;
-  ASSERT_EQ("", host::ReadModuleFile(Folder() / "module", &Read).Text);
+  EXPECT_EQ("", host::ReadModuleFile("module", &Read).Text);
+  fs::current_path(Folder() / "other");
   std::error_code Refused;
   fs::rename(Folder() / "module", Folder() / "other name", Refused);  // which Windows does not allow
   if (!Refused) fs::copy_file(LUMBRA_REFUSING_MODULE, Folder() / "module");
   host::LoadedModule Module;
-  ASSERT_EQ("", Module.Load(Read).Text);
+  const std::string Problem = Module.Load(Read).Text;
+  fs::current_path(Before);
+  ASSERT_EQ("", Problem);
   Read = {};
   m_Host.emplace(Module.Entry());
   EXPECT_CODE(errOK, m_Host->LoadResult());
@@ -99,6 +106,22 @@ TEST_F(LoadedModuleTest, RefusesWhatOthersMayWriteTo) {
   fs::permissions(Copy, fs::perms::others_write, fs::perm_options::remove);
   fs::permissions(Folder(), fs::perms::others_write, fs::perm_options::add);
   Step("in a folder that all may write to", TextOfLoad()).Is("lies in a folder that can be written by others");
+  host::ModuleFile Read;
+  ASSERT_EQ("", host::ReadModuleFile(Copy, &Read).Text);
+  fs::remove(Copy);
+  fs::create_symlink(LUMBRA_MODULE, Copy);
+  EXPECT_EQ("lies in a folder that can be written by others", host::LoadedModule().Load(Read).Text);
+}
+
+// The loader's words hold names that the module has chosen.
+TEST_F(LoadedModuleTest, LetsNoModuleWriteToTheTerminal) {
+  std::string Content = ReadText(LUMBRA_MODULE);
+  Content.at(Content.find(std::string("\0openat\0", 8)) + 1) = 0x1b;
+  WriteFile("module", Bytes(Content.begin(), Content.end()));
+  host::ModuleFile Read;
+  ASSERT_EQ("", host::ReadModuleFile(Folder() / "module", &Read).Text);
+  const std::string Expected = "cannot be loaded: " + (Folder() / "module").string() + ": undefined symbol: \\x1bpenat";
+  EXPECT_EQ(Expected, host::LoadedModule().Load(Read).Text.substr(0, Expected.size()));
 }
 #endif
 

@@ -58,7 +58,10 @@ TEST_F(ToolPosixTest, UsesNoStoreThatOthersMayChange) {
   fs::permissions(Folder() / "store/01", fs::perms(0700));
   fs::create_directory_symlink("01", Folder() / "store/02");
   Fails("record --db 2", At("store/02") + " is a link\n");
-  fs::remove(Folder() / "store/02");
+  fs::rename(Folder() / "store/02", Folder() / "link");
+  fs::create_hard_link(At("store/01/segments.dat"), At("backup"));
+  for (const char* const pCommand : {"events --db 1", "repair"})
+    Fails(pCommand, At("store/01/segments.dat") + " has a second name");
   if (geteuid() != 0) GTEST_SKIP() << "only root can give files away";
   ASSERT_EQ(0, chown(At("store").c_str(), 65534, 0));
   Fails("info", At("store") + " belongs to another user");
@@ -79,12 +82,23 @@ TEST_F(ToolPosixTest, LeavesAnotherUserNothing) {
   EXPECT_THAT(Errors(), HasSubstr("Permission denied"));
 }
 
+TEST_F(ToolPosixTest, LeavesAUserHisStore) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can work in the store of another user";
+  Run("record --db 1 --group-readable");
+  RunProgram({"/bin/sh", "-c", "chown -R 65534:65533 store && rm store/g_objbt.dat"});
+  Run("record --db 2 --trust-store");
+  Run("compact --replace --trust-store");
+  EXPECT_EQ(
+      "", RunProgram({"/bin/sh", "-c", "find store ! -user 65534 -o ! -group 65533 -o -name g_objid.dat ! -perm 640"}));
+}
+
 TEST_F(ToolPosixTest, SaysWhatOthersMayRead) {
   Run("record --db 1 --group-readable");
   EXPECT_EQ(fs::perms(0640), fs::status(At("store/01/segments.dat")).permissions());
   EXPECT_THAT(Run("check"), HasSubstr(At("store") + " first\n"));
   fs::remove_all(At("store"));
   Run("record --db 1");
+  fs::permissions(At("store/01/segments.dat"), fs::perms(0644));  // which nobody gets to
   EXPECT_THAT(Run("check"), ::testing::Not(HasSubstr("others")));
 }
 

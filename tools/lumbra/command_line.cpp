@@ -5,8 +5,10 @@
 #include <memory>
 
 #include "commands.h"
+#include "failure.h"
 #include "host/printed_text.h"
 #include "ids.h"
+#include "machine.h"
 
 namespace lumbra::tool {
 namespace {
@@ -235,6 +237,24 @@ void AddStoreCommands(CLI::App* pApp, Request* pRequest) {
   pClear->add_flag("--force", pClearWith->bForce, "Also files that are not the store's");
 }
 
+// Runs the command. Where it has met a file that is refused, and the file system does not tell why, we do.
+int Run(const Request& What) {
+  const auto TellReason = [&What] {
+    const std::filesystem::path Found = FileWithSecondName(AbsolutePath(What.Common.Store));
+    if (!Found.empty())
+      std::fprintf(stderr, "lumbra: %s has a second name, a hard link somewhere, and is not opened\n",
+                   host::Printable(TextOf(Found)).c_str());
+  };
+  try {
+    const int nStatus = What.Run();
+    if (nStatus == kExitIncomplete) TellReason();
+    return nStatus;
+  } catch (const Failure& Reason) {
+    if (Reason.Code() == errACCESS_DENIED) TellReason();
+    throw;
+  }
+}
+
 }  // namespace
 
 std::function<int()> ParseCommandLine(const std::vector<std::string>& Arguments) {
@@ -264,7 +284,7 @@ std::function<int()> ParseCommandLine(const std::vector<std::string>& Arguments)
     };
   }
   return [pRequest] {
-    return pRequest->Run();
+    return Run(*pRequest);
   };
 }
 

@@ -66,6 +66,10 @@ bool Interrupted();
 // Why a store's folder or its files cannot be used for reading and writing; empty when they can, as far as can be seen.
 std::string WhyNotUsable(const std::filesystem::path& Folder);
 
+// A file of a store that is not opened because it has a second name; empty when there is none, and where such files are
+// opened.
+std::filesystem::path FileWithSecondName(const std::filesystem::path& Store);
+
 // Bytes of a plain file from an offset on, as many as it has of those. An error for what is a link, or no plain file,
 // and for one that is missing; nobody at the other end of a pipe is waited for.
 std::error_code ReadPlainFile(const std::filesystem::path& Path, std::uint64_t nOffset, std::size_t nSize,

@@ -146,6 +146,19 @@ std::string WhyNotUsable(const std::filesystem::path& Folder) {
   return {};
 }
 
+std::filesystem::path FileWithSecondName(const std::filesystem::path& Store) {
+  constexpr auto kWhatWeMay = std::filesystem::directory_options::skip_permission_denied;
+  std::error_code Refused;
+  std::filesystem::recursive_directory_iterator Listing(Store, kWhatWeMay, Refused);
+  for (; !Refused && Listing != std::filesystem::recursive_directory_iterator(); Listing.increment(Refused)) {
+    if (Listing.depth() == 1) Listing.disable_recursion_pending();  // a store has no files further down
+    struct stat Status {};
+    if (lstat(Listing->path().c_str(), &Status) == 0 && S_ISREG(Status.st_mode) && Status.st_nlink > 1)
+      return Listing->path();
+  }
+  return {};
+}
+
 std::error_code ReadPlainFile(const std::filesystem::path& Path, std::uint64_t nOffset, std::size_t nSize,
                               std::string* pContent) {
   const Descriptor File(Path);

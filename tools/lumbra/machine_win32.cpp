@@ -202,6 +202,10 @@ std::string WhyNotUsable(const std::filesystem::path& Folder) {
   return {};
 }
 
+std::filesystem::path FileWithSecondName(const std::filesystem::path& /*Store*/) {
+  return {};
+}
+
 std::error_code ReadPlainFile(const std::filesystem::path& Path, std::uint64_t nOffset, std::size_t nSize,
                               std::string* pContent) {
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> File(_wfopen(Path.c_str(), L"rb"), &std::fclose);

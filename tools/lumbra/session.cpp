@@ -39,7 +39,9 @@ os::FolderRules RulesOf(const CommonOptions& Options) {
 
 CommonOptions InModeOfStore(const CommonOptions& Options) {
   CommonOptions Alike = Options;
-  if (FilesOf(Options).SharedRecordsHaveCrcs()) Alike.bCheckMode = true;
+  const StoreFiles Files = FilesOf(Options);
+  if (Files.SharedRecordsHaveCrcs()) Alike.bCheckMode = true;
+  if (Files.GroupMayReadShared()) Alike.bGroupReadable = true;
   return Alike;
 }
 
@@ -80,7 +82,10 @@ Session::Session(const CommonOptions& Options, Missing Store, DamageListener Lis
   if (nCode == errOPEN_FAILED) {
     if (const std::string Reason = WhyNotUsable(m_Files.Folder()); !Reason.empty()) throw Failure(What, nCode, Reason);
   }
-  if (!m_Store.Refusal().empty()) throw Failure(What, nCode, m_Store.Refusal() + "; see lumbra repair");
+  if (!m_Store.Refusal().empty()) {
+    const bool bTrusted = Options.bTrustStore || host::WhyStoreNotTrusted(m_Files.Folder()).empty();
+    throw Failure(What, nCode, m_Store.Refusal() + (bTrusted ? "; see lumbra repair" : ""));
+  }
   for (const std::string& Line : m_Store.Healed()) std::fprintf(stderr, "lumbra: healed %s\n", Line.c_str());
   for (const std::string& Line : m_Store.Left()) std::fprintf(stderr, "lumbra: damaged %s\n", Line.c_str());
   Check(nCode, What);

@@ -59,7 +59,8 @@ StoreFiles FilesOf(const CommonOptions& Options);
 // What holds for the folders that the tool opens itself.
 os::FolderRules RulesOf(const CommonOptions& Options);
 
-// The options with the check mode of the store's shared objects: for commands whose new files must be of the same kind.
+// The options with the check mode of the store's shared objects, and with their readers: for commands whose new files
+// must be of the same kind.
 CommonOptions InModeOfStore(const CommonOptions& Options);
 
 enum class Missing { Create, Refuse };

@@ -80,6 +80,12 @@ std::vector<fs::directory_entry> EntriesOf(const fs::path& Folder) {
   return Entries;
 }
 
+// Whether the file system lets us look at what is in a folder.
+bool MayLookInto(const fs::path& Folder) {
+  std::error_code Error;
+  return fs::exists(Folder / ".", Error) || Error != std::errc::permission_denied;
+}
+
 // Bytes of a file from an offset on, as many as it has of those; none when it is not there.
 std::string ReadBytes(const fs::path& Path, std::uint64_t nOffset, std::size_t nSize) {
   std::string Content;
@@ -173,7 +179,8 @@ std::vector<DatabaseName> StoreFiles::Databases() const {
   std::vector<DatabaseName> Named;
   for (const fs::directory_entry& Entry : EntriesOf(m_Folder)) {
     const std::string Name = TextOf(Entry.path().filename());
-    if (Entry.is_symlink() || !Entry.is_directory() || !IsThere(Entry.path() / kSegmentsFile)) continue;
+    if (Entry.is_symlink() || !Entry.is_directory() || Name == TextOf(fs::path(kSetAsideFolder))) continue;
+    if (MayLookInto(Entry.path()) && !IsThere(Entry.path() / kSegmentsFile)) continue;
     const std::optional<std::uint32_t> Number = NumberOfFolder(Name);
     if (Number && DatabaseName{Number, {}}.Folder() == Name) {
       Numbered.push_back({Number, {}});
@@ -253,14 +260,13 @@ std::vector<fs::path> StoreFiles::SetAsideFolders() const {
   std::vector<fs::path> Found;
   const auto Note = [&Found](const fs::path& In) {
     const fs::path Aside = In / kSetAsideFolder;
-    if (!fs::is_symlink(Aside) && fs::is_directory(Aside)) Found.push_back(Aside);
+    std::error_code NotThere;  // or in a folder that is not for us
+    if (fs::is_directory(fs::symlink_status(Aside, NotThere))) Found.push_back(Aside);
   };
   Note(m_Folder);
-  // Also of a database that has lost its "segments.dat".
+  // Of any folder: a database may have lost what tells that it is one.
   for (const fs::directory_entry& Entry : EntriesOf(m_Folder)) {
-    const std::string Name = TextOf(Entry.path().filename());
-    const bool bOwn = NumberOfFolder(Name) || IsDatabaseName(host::ToUtf16(Name));
-    if (bOwn && !Entry.is_symlink() && Entry.is_directory()) Note(Entry.path());
+    if (!Entry.is_symlink() && Entry.is_directory()) Note(Entry.path());
   }
   return Found;
 }
@@ -268,8 +274,12 @@ std::vector<fs::path> StoreFiles::SetAsideFolders() const {
 std::uint64_t StoreFiles::SetAsideSize() const {
   std::uint64_t nSize = 0;
   for (const fs::path& Folder : SetAsideFolders()) {
-    for (const fs::directory_entry& Entry : fs::recursive_directory_iterator(Folder)) {
-      if (!Entry.is_symlink() && Entry.is_regular_file()) nSize += Entry.file_size();
+    std::error_code Refused;
+    fs::recursive_directory_iterator Listing(Folder, fs::directory_options::skip_permission_denied, Refused);
+    for (; !Refused && Listing != fs::recursive_directory_iterator(); Listing.increment(Refused)) {
+      std::error_code Gone;
+      if (!Listing->is_symlink(Gone) && Listing->is_regular_file(Gone))
+        nSize += SizeOfFile(Listing->path()).value_or(0);
     }
   }
   return nSize;
@@ -307,6 +317,12 @@ bool StoreFiles::SharedRecordsHaveCrcs() const {
 std::uint64_t StoreFiles::SharedObjectCount() const {
   constexpr std::uint32_t kEntrySize = sizeof(tODB_ID_ENTRY);
   return RecordCountOfSize(SizeOf(kSharedIdsFile), SharedRecordsHaveCrcs() ? kEntrySize + kCrcSize : kEntrySize);
+}
+
+bool StoreFiles::GroupMayReadShared() const {
+  std::error_code Error;
+  const fs::perms Rights = fs::symlink_status(m_Folder / kSharedIdsFile, Error).permissions();
+  return IsThere(m_Folder / kSharedIdsFile, Error) && (Rights & fs::perms::group_read) != fs::perms::none;
 }
 
 std::uint64_t StoreFiles::SizeOf(const char16_t* pName) const {

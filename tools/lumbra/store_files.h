@@ -55,7 +55,7 @@ class StoreFiles {
   // A named database that the store cannot tell from this one, of another name; nothing when there is none.
   std::optional<DatabaseName> Namesake(const DatabaseName& Database) const;
 
-  // Every database of the store, the numbered ones first.
+  // Every database of the store, the numbered ones first. A folder that we may not look into could be one, and counts.
   std::vector<DatabaseName> Databases() const;
 
   // The database with an id, by the index of names; nothing when there is none.
@@ -70,7 +70,7 @@ class StoreFiles {
   // The names of files that clearing the database would delete, though they are none of a store's.
   std::vector<std::string> ForeignFiles(const DatabaseName& Database) const;
 
-  // Bytes in all folders "set-aside" of the store; deletes them.
+  // Bytes in all folders "set-aside" of the store, those left out that are not for us; deletes them.
   std::uint64_t SetAsideSize() const;
   void DiscardSetAside() const;
 
@@ -81,6 +81,9 @@ class StoreFiles {
   bool SharedObjectsHaveCrcs() const;
   bool SharedRecordsHaveCrcs() const;
   std::uint64_t SharedObjectCount() const;
+
+  // Whether the id records of the shared objects can be read by their group.
+  bool GroupMayReadShared() const;
 
   // Bytes of one of the store's own files, and of all files of a database; 0 when there are none.
   std::uint64_t SizeOf(const char16_t* pName) const;

@@ -1,6 +1,7 @@
 // Files on posix: positioned reads and writes, share modes as advisory locks.
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/fsuid.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -61,6 +62,7 @@ int OpenByDisposition(const OpenedFolder& Folder, const std::string& Name, int n
     return OpenDescriptor(Folder.nDescriptor, Name, nFlags);
   };
   const auto Create = [&] {
+    const MakesForOwner Others(Folder);
     const int nDescriptor = OpenDescriptor(Folder.nDescriptor, Name, nFlags | O_CREAT | O_EXCL, Folder.FileMode());
     *pbCreated = nDescriptor >= 0;
     return nDescriptor;
@@ -161,6 +163,25 @@ void SetMode(int nDescriptor, mode_t nMode) {
   // path.
   if (fchmod(nDescriptor, nMode) != 0 && errno == EBADF)
     (void)chmod(("/proc/self/fd/" + std::to_string(nDescriptor)).c_str(), nMode);
+}
+
+// By the identity that the system goes by in file systems alone, which each thread has for itself: it is nobody's but
+// his from the start, and what somebody puts in its place meanwhile is not given away.
+MakesForOwner::MakesForOwner(const OpenedFolder& Folder) {
+  struct stat Status {};
+  if (Folder.Rules.bOwnFolders || geteuid() != 0) return;
+  if (fstat(Folder.nDescriptor, &Status) != 0 || Status.st_uid == 0) return;
+  m_bForOther = true;
+  setfsgid(Status.st_gid);
+  setfsuid(Status.st_uid);
+}
+
+MakesForOwner::~MakesForOwner() {
+  if (!m_bForOther) return;
+  const int nErrno = errno;
+  setfsuid(geteuid());
+  setfsgid(getegid());
+  errno = nErrno;
 }
 
 SystemError Sync(int nDescriptor) {

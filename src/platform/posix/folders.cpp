@@ -210,7 +210,11 @@ SystemError OpenParent(const std::string& Path, const FolderRules& Rules, Folder
 
 SystemError MakeFolder(const FolderHandle& pParent, std::u16string_view Name) {
   const std::string Native = NativePath(Name);
-  if (mkdirat(pParent->nDescriptor, Native.c_str(), pParent->FolderMode()) != 0) return ErrorFromErrno(errno);
+  const auto Make = [&] {
+    const MakesForOwner Others(*pParent);
+    return mkdirat(pParent->nDescriptor, Native.c_str(), pParent->FolderMode());
+  };
+  if (Make() != 0) return ErrorFromErrno(errno);
   FolderHandle pMade;
   if (OpenFolder(pParent, Name, &pMade) == kSuccess) SetMode(pMade->nDescriptor, pParent->FolderMode());
   // Files in it will be flushed, which is worth little while the folder's own name is not on the disk. Where that

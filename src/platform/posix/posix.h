@@ -46,6 +46,19 @@ int OpenDescriptor(int nFolder, const std::string& Name, int nFlags, mode_t nMod
 // Gives what was made the rights it is to have, whatever the process's mask took from them.
 void SetMode(int nDescriptor, mode_t nMode);
 
+// While it lives, what the calling thread makes in a folder belongs to that folder's owner, and not to root, if that is
+// who works here: nobody but root could use it otherwise. Where a store's folders are to be the user's own they are.
+class MakesForOwner {
+ public:
+  explicit MakesForOwner(const OpenedFolder& Folder);
+  ~MakesForOwner();
+  MakesForOwner(const MakesForOwner&) = delete;
+  MakesForOwner& operator=(const MakesForOwner&) = delete;
+
+ private:
+  bool m_bForOther = false;
+};
+
 // Brings the bytes of a file, or the names in a folder, to the disk.
 SystemError Sync(int nDescriptor);
 
