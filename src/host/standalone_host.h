@@ -52,8 +52,8 @@ class Store {
   // (salvage/look.h); a store that somebody has open is left alone. Where the look or the healing fails, its code is
   // answered, errSHARING_VIOLATION where somebody holds a file that is to be healed; where opening would lose all
   // shared objects, errDATA_CORRUPTED, unless they shall begin anew. The store is not opened then, and a trace line of
-  // level 300 says why. On Windows the host looks and heals as whom the calling thread impersonates, which the component
-  // lays down for its own files; so does OpenDatabase.
+  // level 300 says why. On Windows the host looks and heals as whom the calling thread impersonates, which the
+  // component lays down for its own files; so does OpenDatabase.
   ResultCode Init(Heal What = Heal::On);
 
   // Opens a database (InitDB, InitDBByName). Those begin one anew that has events of another size; this refuses it with
