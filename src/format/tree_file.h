@@ -35,17 +35,16 @@ constexpr bool IsChild(tODB_BT_OFFSET nSlot) {
 // have parted; what goes deeper is damage.
 inline constexpr std::uint32_t kMaxTreeLevel = 64;
 
-// The slots of a node on a level: the root, on level 0, has 256.
+// The slots of a node on a level: the root, on level 0, has 256, the next ones 16 and 4.
 constexpr std::uint32_t SlotsOnLevel(std::uint32_t nLevel) {
-  constexpr std::uint32_t kLevelBits[] = {8, 4, 2};
-  return 1u << (nLevel < 3 ? kLevelBits[nLevel] : 1);
+  return nLevel < 3 ? 256u >> (nLevel == 0 ? 0 : 2 * nLevel + 2) : 2;
 }
+static_assert(SlotsOnLevel(0) == 256 && SlotsOnLevel(1) == 16 && SlotsOnLevel(2) == 4 && SlotsOnLevel(3) == 2);
 inline constexpr std::uint32_t kRootSlots = SlotsOnLevel(0);
 
 // The bits of the hash that a level takes: the index of the slot.
 constexpr std::uint32_t GetHashDigit(std::uint64_t nHash, std::uint32_t nLevel) {
-  constexpr std::uint32_t kShifts[] = {0, 8, 12};
-  const std::uint32_t nShift = nLevel < 3 ? kShifts[nLevel] : nLevel + 11;
+  const std::uint32_t nShift = nLevel < 3 ? (nLevel == 0 ? 0 : 4 * nLevel + 4) : nLevel + 11;
   if (nShift >= 64) return 0;  // the hash is used up
   return static_cast<std::uint32_t>(nHash >> nShift) & (SlotsOnLevel(nLevel) - 1);
 }

@@ -1,7 +1,6 @@
 #include "objects/block_table.h"
 
 #include <algorithm>
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -199,7 +198,7 @@ void BlockFile::Use(StorageFile* pFile, std::uint64_t nSize) {
 }
 
 // What is as long as a block goes into the caller's buffer by one read.
-bool BlockFile::SeekRead(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead) {
+bool BlockFile::Read(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead) {
   if (m_pTable == nullptr || nSize >= FileBlock::kSize) return m_pFile->SeekRead(nOffset, pBuffer, nSize, pnRead);
   std::uint32_t nRead = 0;
   if (!ReadBlocks(nOffset, static_cast<std::uint8_t*>(pBuffer), nSize, &nRead)) return false;

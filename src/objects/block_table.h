@@ -12,6 +12,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "platform/os.h"
@@ -140,11 +141,28 @@ class BlockFile {
   void Use(StorageFile* pFile, std::uint64_t nSize = UINT64_MAX);
 
   // As StorageFile has them. A read that fails is one of a block around what was asked for.
-  [[nodiscard]] bool SeekRead(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead);
+  [[nodiscard]] bool SeekRead(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead) {
+    const std::uint8_t* const pHeld = Held(nOffset, nSize);
+    if (pHeld == nullptr) return Read(nOffset, pBuffer, nSize, pnRead);
+    std::memcpy(pBuffer, pHeld, nSize);
+    if (pnRead != nullptr) *pnRead = nSize;
+    return true;
+  }
   [[nodiscard]] bool SeekWrite(std::uint64_t nOffset, const void* pData, std::uint32_t nSize, std::uint32_t* pnWritten);
   [[nodiscard]] bool SetSize(std::uint64_t nSize);
 
  private:
+  // Bytes that one block in memory holds; null for others.
+  const std::uint8_t* Held(std::uint64_t nOffset, std::uint32_t nSize) const {
+    if (m_pTable == nullptr) return nullptr;
+    BlockTable::Entry* const pEntry = m_pTable->Find(m_nNumber, nOffset / FileBlock::kSize);
+    const auto nStart = static_cast<std::uint32_t>(nOffset % FileBlock::kSize);
+    if (pEntry == nullptr || pEntry->nValid < nStart || pEntry->nValid - nStart < nSize) return nullptr;
+    m_pTable->NoteRead(pEntry);
+    return pEntry->pBlock->Bytes + nStart;
+  }
+
+  bool Read(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead);
   bool ReadBlocks(std::uint64_t nOffset, std::uint8_t* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead);
   const BlockTable::Entry* HoldBlock(std::uint64_t nNumber, std::uint32_t nEnd, bool* pbFailed);
   bool Fill(BlockTable::Entry* pEntry, std::uint64_t nNumber, std::uint32_t nEnd);

@@ -200,10 +200,6 @@ ResultCode HashTree::WriteSlot(const Place& At, std::uint64_t nHash, tODB_BT_OFF
   return BT_SetNodeEntry(At.nNode, At.nParent, At.nLevel, GetHashDigit(nHash, At.nLevel), nEntry);
 }
 
-void HashTree::Descend(Place* pAt, tODB_BT_OFFSET nChild) {
-  *pAt = {nChild & ~kChildBit, pAt->nNode, pAt->nParent, pAt->nLevel + 1};
-}
-
 // All new nodes in one write, the object in the last of them, and then the slot that leads there: at no time does the
 // tree lose the object.
 ResultCode HashTree::Split(Place* pAt, std::uint64_t nHash, std::uint64_t nOtherHash, std::uint32_t nOtherShortId) {
@@ -389,8 +385,7 @@ ResultCode HashTree::BT_ExtendDB(std::uint32_t nAdded, std::uint64_t* pnOldSize)
 
 // ---- The head in memory -----------------------------------------------------------------------------------
 
-bool HashTree::BT_SeekRead(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead) {
-  if (nOffset + nSize > m_nBtHeadSize) return m_File.SeekRead(nOffset, pBuffer, nSize, pnRead);
+bool HashTree::ReadHead(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead) {
   if (m_btHead.empty()) {
     m_btHead.resize(m_nBtHeadSize);
     std::uint32_t nHeld = 0;

@@ -71,7 +71,9 @@ class HashTree {
   // The steps of a walk that inserts: look at the slot, follow it, split it, or fill it.
   ResultCode ReadSlot(const Place& At, std::uint64_t nHash, tODB_BT_OFFSET* pnEntry);
   ResultCode WriteSlot(const Place& At, std::uint64_t nHash, tODB_BT_OFFSET nEntry);
-  static void Descend(Place* pAt, tODB_BT_OFFSET nChild);
+  static void Descend(Place* pAt, tODB_BT_OFFSET nChild) {
+    *pAt = {nChild & ~kChildBit, pAt->nNode, pAt->nParent, pAt->nLevel + 1};
+  }
 
   // Moves the slot's object, of another hash, into a new child node, below so many more that the two hashes part there,
   // and descends into that.
@@ -98,7 +100,11 @@ class HashTree {
   void Sync();
   bool PrepareHead();
 
-  bool BT_SeekRead(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead);
+  bool BT_SeekRead(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead) {
+    return nOffset + nSize > m_nBtHeadSize ? m_File.SeekRead(nOffset, pBuffer, nSize, pnRead)
+                                           : ReadHead(nOffset, pBuffer, nSize, pnRead);
+  }
+  bool ReadHead(std::uint64_t nOffset, void* pBuffer, std::uint32_t nSize, std::uint32_t* pnRead);
   bool BT_SeekWrite(std::uint64_t nOffset, const void* pData, std::uint32_t nSize, std::uint32_t* pnWritten);
   ResultCode BT_GetNodeEntry(std::uint32_t nNodeOffset, std::uint32_t nPreviousOffset, std::uint32_t nLevel,
                              std::uint32_t nEntryNo, tODB_BT_OFFSET* pOffset);
