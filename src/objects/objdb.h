@@ -2,9 +2,10 @@
 // then on addressed by a 64-bit id; each with up to 255 data blocks under 32-bit keys.
 //
 // Three files: the tree that finds hashes (format/tree_file.h), the id records and the data file
-// (format/object_files.h). Objects are never deleted. What needs more room than it had is written new block first, then
-// the entry or array, then the id record, then zeros over what was replaced, so that an interruption leaves the old or
-// the new data reachable and at worst unreferenced bytes. A block that fits its room is rewritten in place; if that is
+// (format/object_files.h). Objects are never deleted. Data that outgrows its room is written new block first, then its
+// entry, then zeros over the old block; an array of entries that grows, behind the block, at a new place, then the id
+// record, then zeros over the old array: so that an interruption leaves the old or the new data reachable and at worst
+// unreferenced bytes. A block that fits its room is rewritten in place; if that is
 // interrupted, its CRC tells, where it has one. If a call fails meanwhile, a block whose size was to change is put
 // back, at the cost of reading it before; one that keeps its size is not read, and what of it was written stays.
 //
