@@ -26,7 +26,7 @@ echo "fault programme: seed $seed"
 if [ -z "${TMPDIR:-}" ] && [ -d /dev/shm ] && [ -w /dev/shm ]; then export TMPDIR=/dev/shm; fi
 
 # All kinds as released; those that walk on bad ground also with the address sanitizer; the threads with the other one.
-# Stores keep their usual 16 MiB of files in memory, four blocks, or nothing.
+# Stores keep their usual 16 MiB of files in memory, 16 blocks, or nothing.
 failed=0
 for preset in release asan tsan; do
   scripts/build.sh "$preset" lumbra_faults
