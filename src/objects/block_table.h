@@ -46,7 +46,6 @@ class BlockBudget {
   static FileBlock* Take(BlockTable& For);
   static FileBlock* TakeFromOthers(Known& Now, const BlockTable& For);
   static void GiveBack(BlockTable& From, FileBlock* pBlock);
-  static void Leave(BlockTable& Table);
 };
 
 // Its owner's lock is held in every call.
@@ -56,8 +55,9 @@ class BlockBudget {
 // since the hand passed it.
 class BlockTable {
  public:
-  static constexpr std::uint32_t kMaxFiles = 4;                        // a store has three
-  static constexpr std::uint64_t kMaxBlocks = std::uint64_t{1} << 29;  // of a file: 2 TiB; what lies beyond is not held
+  static constexpr std::uint32_t kMaxFiles = 4;  // a store has three
+  static constexpr std::uint64_t kMaxBlocks = std::uint64_t{1}
+                                              << 29;  // of a file: 512 GiB; what lies beyond is not held
 
   struct Entry {
     FileBlock* pBlock;     // null: no entry
