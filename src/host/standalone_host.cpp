@@ -69,6 +69,7 @@ Store::~Store() {
 ResultCode Store::Init(Heal What) try {
   m_Refusal.clear();
   m_Healed.clear();
+  m_Left.clear();
   const bool bTrusts = m_pHost->m_bTrustsStores;
   // For a folder that somebody puts there now.
   const ResultCode nCode = SetNumber(propOWN_FOLDERS, bTrusts ? 0 : 1);
@@ -114,7 +115,11 @@ ResultCode Store::CheckEventSize(const std::u16string& Folder, std::uint32_t nEv
   const ResultCode nCode = Relieved([&] { return salvage::EventSizeOf(ReportFolder(), Folder, &nThere); });
   if (Failed(nCode)) m_Refusal = "the size of its events cannot be read";
   if (Failed(nCode) || nThere == 0 || nThere == nEventSize) return nCode;
-  if (What == OtherSize::StartEmpty) return salvage::SetDatabaseAside(ReportFolder(), Rules(), Folder);
+  if (What == OtherSize::StartEmpty) {
+    const ResultCode nAside = Relieved([&] { return salvage::SetDatabaseAside(ReportFolder(), Rules(), Folder); });
+    if (Failed(nAside)) m_Refusal = "its files cannot be set aside now";
+    return nAside;
+  }
   m_Refusal = "its events have " + std::to_string(nThere) + " bytes, not " + std::to_string(nEventSize);
   return errSIZE_INVALID;
 }
@@ -128,8 +133,8 @@ os::FolderRules Store::Rules() const {
 
 ResultCode Store::HealBefore(Heal What) {
   salvage::Plan Done;
-  const ResultCode nCode = salvage::Heal(ReportFolder(), Rules(), {.bStartEmpty = What == Heal::StartEmpty}, &Done);
-  m_Left.clear();  // of an attempt before
+  const ResultCode nCode = Relieved(
+      [&] { return salvage::Heal(ReportFolder(), Rules(), {.bStartEmpty = What == Heal::StartEmpty}, &Done); });
   for (const salvage::Step& One : Done.Steps) {
     if (One.Acts() && !One.bDone) continue;
     std::vector<std::string>& Lines = One.bDone ? m_Healed : m_Left;

@@ -5,6 +5,8 @@
 #include <functional>
 #include <map>
 #include <new>
+#include <optional>
+#include <thread>
 #include <utility>
 
 #include "format/file_names.h"
@@ -164,20 +166,44 @@ ResultCode CarryOut(const os::FolderHandle& pStore, StoreHold* pHold, Plan* pPla
   return ResultFromSystemError(nError);
 }
 
+// Whether a store that somebody holds looks as if it had to be healed, or must not be opened.
+bool IsUneasy(const os::FolderHandle& pStore, const Wishes& Wanted) {
+  Plan Seen;
+  return Succeeded(Look(pStore, Wanted, &Seen)) && (Seen.Acts() || !Seen.Refusal.empty());
+}
+
+// Another process that looks or heals is done in a moment, and then what it has left would be opened unseen. So a store
+// that is held and does not look sound is asked for again. *pbUneasy: it is held, and still looks like that.
+os::SystemError TakeHold(const os::FolderHandle& pStore, const Wishes& Wanted, std::optional<StoreHold>* pHold,
+                         bool* pbUneasy) {
+  constexpr int kTries = 10;
+  constexpr std::chrono::milliseconds kPause(20);
+  for (int nTry = 1;; ++nTry) {
+    const os::SystemError nError = pHold->emplace().Take(pStore);
+    *pbUneasy = nError == os::kSharingViolation && IsUneasy(pStore, Wanted);
+    if (!*pbUneasy || nTry == kTries) return nError;
+    pHold->reset();
+    std::this_thread::sleep_for(kPause);
+  }
+}
+
 ResultCode HealHeld(const os::FolderHandle& pStore, const Wishes& Wanted, Plan* pDone) {
-  StoreHold Hold;
-  const os::SystemError nHeld = Hold.Take(pStore);
+  std::optional<StoreHold> Hold;
+  bool bUneasy = false;
+  const os::SystemError nHeld = TakeHold(pStore, Wanted, &Hold, &bUneasy);
+  const Step Refused = Hold->Refused();
   pDone->bHeld = nHeld == os::kSharingViolation;
-  if (pDone->bHeld) return errOK;
+  // Who holds a shared file keeps the component out, too. Who holds another one would let it change what is damaged.
+  if (pDone->bHeld && (!bUneasy || Refused.Folder.empty())) return errOK;
   if (nHeld != os::kSuccess) {
-    pDone->Refusal = Describe(Hold.Refused());
+    pDone->Refusal = Describe(Refused);
     return ResultFromSystemError(nHeld);
   }
   for (;;) {
     Plan Found;
     ResultCode nCode = Look(pStore, Wanted, &Found);
     const bool bActs = Succeeded(nCode) && Found.Refusal.empty() && Found.Acts();
-    if (bActs) nCode = CarryOut(pStore, &Hold, &Found);
+    if (bActs) nCode = CarryOut(pStore, &*Hold, &Found);
     pDone->Steps.insert(pDone->Steps.end(), Found.Steps.begin(), Found.Steps.end());
     pDone->Refusal = Found.Refusal;
     if (Failed(nCode) || !bActs || !Found.Replacing) return nCode;

@@ -11,9 +11,10 @@
 namespace lumbra::salvage {
 
 // Looks at a store and heals it, holding its files as the component does: where another process holds one, the store is
-// left alone, and the plan says so. *pDone receives the plan, whose steps say whether they were done: none is when the
-// look refuses the store; after a failure, errSHARING_VIOLATION where somebody holds a file that was to change, those
-// before it. Killed at any point and run again, it ends the same.
+// left alone, and the plan says so; one that does not look sound is waited for up to 200 ms, and where the component
+// would then get at its shared files, errSHARING_VIOLATION. *pDone receives the plan, whose steps say whether they were
+// done: none is when the look refuses the store; after a failure, errSHARING_VIOLATION where somebody holds a file that
+// was to change, those before it. Killed at any point and run again, it ends the same.
 ResultCode Heal(const std::u16string& Store, const os::FolderRules& Rules, const Wishes& Wanted, Plan* pDone);
 
 // Moves all files of a database, by its folder in the store's, out of the way: the component begins it anew then, ids

@@ -76,9 +76,9 @@ Session::Session(const CommonOptions& Options, Missing Store, DamageListener Lis
   Check(m_Store.SetNumber(propCHECK_MODE, Options.bCheckMode ? 1 : 0), What);
   Check(m_Store.SetNumber(propGROUP_READABLE, Options.bGroupReadable ? 1 : 0), What);
   (void)m_Store.SetNumber(propCACHE_SIZE, Options.nCacheSize);  // a module that does not know it reads as it does
-  ResultCode nCode = m_Store.Init();
+  ResultCode nCode = Init();
   if (Failed(nCode) && m_Files.IsHeldByAnotherProcess()) throw Failure(What, errSHARING_VIOLATION);
-  if (nCode == errOPEN_FAILED) nCode = m_Store.Init();  // another process may have ended between the two looks
+  if (nCode == errOPEN_FAILED) nCode = Init();  // another process may have ended between the two looks
   if (nCode == errOPEN_FAILED) {
     if (const std::string Reason = WhyNotUsable(m_Files.Folder()); !Reason.empty()) throw Failure(What, nCode, Reason);
   }
@@ -86,14 +86,20 @@ Session::Session(const CommonOptions& Options, Missing Store, DamageListener Lis
     const bool bTrusted = Options.bTrustStore || host::WhyStoreNotTrusted(m_Files.Folder()).empty();
     throw Failure(What, nCode, m_Store.Refusal() + (bTrusted ? "; see lumbra repair" : ""));
   }
-  for (const std::string& Line : m_Store.Healed()) std::fprintf(stderr, "lumbra: healed %s\n", Line.c_str());
-  for (const std::string& Line : m_Store.Left()) std::fprintf(stderr, "lumbra: damaged %s\n", Line.c_str());
   Check(nCode, What);
 }
 
+// What was healed is said whatever comes of it.
+ResultCode Session::Init() {
+  const ResultCode nCode = m_Store.Init();
+  for (const std::string& Line : m_Store.Healed()) std::fprintf(stderr, "lumbra: healed %s\n", Line.c_str());
+  for (const std::string& Line : m_Store.Left()) std::fprintf(stderr, "lumbra: damaged %s\n", Line.c_str());
+  m_bDamaged = m_bDamaged || !m_Store.Healed().empty() || !m_Store.Left().empty();
+  return nCode;
+}
+
 int Session::StatusOfReading(int nStatus) const {
-  const bool bDamaged = !m_Store.Healed().empty() || !m_Store.Left().empty();
-  return nStatus == kExitOk && bDamaged ? kExitIncomplete : nStatus;
+  return nStatus == kExitOk && m_bDamaged ? kExitIncomplete : nStatus;
 }
 
 // The user's level goes to stderr; what the listener is told does not depend on it.

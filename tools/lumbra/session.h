@@ -117,6 +117,7 @@ class Session {
   }
 
  private:
+  ResultCode Init();
   std::uint32_t OpenWhatIsThere(const DatabaseName& Database);
   void Announce(const DatabaseName& Database) const;
   void Trace(std::uint32_t nLevel, DamageListener Listener);
@@ -125,6 +126,7 @@ class Session {
   host::LoadedModule m_Module;
   host::StandaloneHost m_Host;
   host::Store m_Store;
+  bool m_bDamaged = false;         // something was healed, or found and left
   std::set<std::uint32_t> m_Open;  // the numbered databases that are open
 };
 

@@ -138,7 +138,8 @@ bool StoreFiles::Exists() const {
   for (const char16_t* const pName : {kSharedIdsFile, kSharedDataFile, kIndexFile}) {  // one may be lost
     if (IsThere(m_Folder / pName)) return true;
   }
-  return !Databases().empty();
+  const std::vector<DatabaseName> Known = Databases();
+  return std::any_of(Known.begin(), Known.end(), [this](const DatabaseName& One) { return Has(One); });
 }
 
 bool StoreFiles::IsFolder() const {
