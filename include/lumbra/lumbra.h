@@ -150,7 +150,8 @@ inline constexpr LumbraPropertyInfo kProperties[] = {
     {propOWN_FOLDERS, "propOWN_FOLDERS", LumbraPropertyType::Number, LumbraPropertySet::UntilInitialized,
      "folders that belong to another user, or that all may write to, are refused (posix); 0: taken"},
     {propCACHE_SIZE, "propCACHE_SIZE", LumbraPropertyType::Number, LumbraPropertySet::UntilInitialized,
-     "KiB that the process keeps in memory of what was read of its stores' files; 16,384; 0: nothing"},
+     "KiB that the process keeps in memory of what was read of its stores' files, beside up to 512 KiB of names' hashes for "
+     "each object store; 16,384; 0: nothing of the files; the last instance to open says"},
     {propREPORT_FOLDER, "propREPORT_FOLDER", LumbraPropertyType::Utf16, LumbraPropertySet::Always,
      "the folder of the store; empty: the host's \"%Report%\""},
     {propINTERFACE_COMMENT, "propINTERFACE_COMMENT", LumbraPropertyType::Bytes8, LumbraPropertySet::Ignored,

@@ -192,10 +192,10 @@ ResultCode Lumbra::MessageReceive(std::uint32_t nClass, std::uint32_t nMessageId
 // while it waits for the database, and adds to all others then wait as well.
 void Lumbra::Flush() {
   const SharedHold Hold(m_Lock);
-  // What fails is traced; a slot that is not open has nothing to flush. The shared store comes once, before the events
-  // that name its objects, and under no database's lock.
-  if (m_bInitialized && m_bUsesSharedObjects) (void)SharedObjects::Store()->Flush();
+  // What fails is traced; a slot that is not open has nothing to flush. The shared store comes once, under no
+  // database's lock, and last: so none of the events that are on the disk by then names an object that is not.
   m_Databases.ForEach([](SegmentManager& Manager) { (void)Manager.Flush(Segment::Flushing::OwnFiles); });
+  if (m_bInitialized && m_bUsesSharedObjects) (void)SharedObjects::Store()->Flush();
   m_Databases.SaveMark();
 }
 

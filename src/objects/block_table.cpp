@@ -20,6 +20,7 @@ struct BlockBudget::Known {
   void Join(BlockTable& Table) REQUIRES(Lock);
   void Leave(BlockTable& Table) REQUIRES(Lock);
   void Free(FileBlock* pBlock) REQUIRES(Lock);
+  void Shrink() REQUIRES(Lock);
 };
 
 // Never destroyed: stores may be among the last to go.
@@ -51,25 +52,30 @@ void BlockBudget::Known::Free(FileBlock* pBlock) {
   nTaken -= sizeof(FileBlock);
 }
 
+// Brings the tables down to the limit, as far as nobody works with them.
+void BlockBudget::Known::Shrink() {
+  for (std::size_t nLeft = nTables; nLeft != 0 && nTaken > nLimit; --nLeft) {
+    BlockTable& Table = *pBefore->m_pNext;
+    pBefore = &Table;
+    if (!Table.m_Owner.try_lock()) continue;
+    while (nTaken > nLimit && Table.m_nBlocks != 0) Free(Table.TakeOldest());
+    if (Table.m_nBlocks == 0) Leave(Table);
+    Table.m_Owner.unlock();
+  }
+}
+
 void BlockBudget::SetLimit(std::uint64_t nBytes) {
   Known& Now = All();
   const os::Hold Hold(Now.Lock);
   Now.nLimit = nBytes;
-  for (std::size_t nLeft = Now.nTables; nLeft != 0 && Now.nTaken > nBytes; --nLeft) {
-    BlockTable& Table = *Now.pBefore->m_pNext;
-    Now.pBefore = &Table;
-    if (!Table.m_Owner.try_lock()) continue;
-    while (Now.nTaken > nBytes && Table.m_nBlocks != 0) Now.Free(Table.TakeOldest());
-    if (Table.m_nBlocks == 0) Now.Leave(Table);
-    Table.m_Owner.unlock();
-  }
+  Now.Shrink();
 }
 
 // A block for a table that misses one; null where there is none.
 FileBlock* BlockBudget::Take(BlockTable& For) {
   Known& Now = All();
   const os::Hold Hold(Now.Lock);
-  while (Now.nTaken > Now.nLimit && For.m_nBlocks != 0) Now.Free(For.TakeOldest());
+  Now.Shrink();  // those that were at work when the limit fell
   FileBlock* pBlock = nullptr;
   if (Now.nTaken + sizeof(FileBlock) <= Now.nLimit) pBlock = new (std::nothrow) FileBlock;
   if (pBlock != nullptr) {
@@ -286,8 +292,9 @@ void BlockFile::UpdateBlocks(std::uint64_t nOffset, const std::uint8_t* pData, s
 
 bool BlockFile::SetSize(std::uint64_t nSize) {
   if (m_pTable != nullptr) m_pTable->DropFile(m_nNumber);
-  m_nEnd = UINT64_MAX;
-  return m_pFile->SetSize(nSize);
+  const bool bSet = m_pFile->SetSize(nSize);
+  m_nEnd = bSet ? nSize : UINT64_MAX;
+  return bSet;
 }
 
 }  // namespace lumbra

@@ -1,9 +1,10 @@
 // Blocks of files in memory, so that what was read lately costs no call of the system.
 //
 // Each owner of files (an object store, a segment's events) has a table of its own, under its own lock: a block that is
-// there is found without another lock. All tables of the process share one budget, which is asked at a miss alone. When
-// it is used up, a table that misses takes a block from another one that has not been read from lately, where that
-// one's lock is free, or the one of its own that was not used for longest. From then on nothing is allocated.
+// there is found without another lock. All tables of the process share one budget, which is asked at a miss, and told
+// of what is given back. When it is used up, a table that misses takes a block from another one that has not been read
+// from lately, where that one's lock is free, or the one of its own that was not used for longest. From then on no
+// block is allocated.
 //
 // Writes go to the file first, and then into the blocks that are there. What a write may have left half done is
 // forgotten, and read again. A block is a copy of what the system gave: bytes that somebody else changes in an open
@@ -35,7 +36,8 @@ class BlockBudget {
  public:
   static constexpr std::uint32_t kUsualKib = 16384;  // propCACHE_SIZE
 
-  // The last one counts, for the process; 0 keeps nothing. Tables that are in use come down to it at their next miss.
+  // The last one counts, for the process; 0 keeps nothing. Tables that are in use come down to it at the next miss of
+  // any.
   static void SetLimit(std::uint64_t nBytes);
 
  private:

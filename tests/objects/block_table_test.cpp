@@ -90,6 +90,19 @@ TEST_F(BlockTableTest, SharesOneBudget) {
   EXPECT_EQ(3u, CallsToRead(m_A, 3));
 }
 
+TEST_F(BlockTableTest, ComesDownToALimitThatFellWhileItWasAtWork) {
+  for (const bool bAll : {false, true}) {
+    BlockBudget::SetLimit(4 * kBlock);
+    EXPECT_EQ(4u, CallsToRead(m_A, 4));
+    m_LockA.lock();
+    std::thread([&] { BlockBudget::SetLimit(bAll ? 0 : 2 * kBlock); }).join();
+    m_LockA.unlock();
+    EXPECT_EQ(1u, CallsToRead(m_B, 1));
+    EXPECT_EQ(bAll ? 1u : 0u, CallsToRead(m_B, 1));
+    BlockBudget::SetLimit(0);
+  }
+}
+
 TEST_F(BlockTableTest, TakesNothingFromWhoIsAtWork) {
   BlockBudget::SetLimit(4 * kBlock);
   EXPECT_EQ(4u, CallsToRead(m_A, 4));
