@@ -84,6 +84,7 @@ TEST_F(EventsObjectsTest, AStoreOpensWithFewCalls) {
   Restart();
   Must(InitDb(5));
   Must(Add(5, 1));
+  (void)Find(5, u"C:\\a\\b\\c");
   Close();
   m_Host->TraceToCallback(0, nullptr);
   Event First{};
@@ -95,6 +96,8 @@ TEST_F(EventsObjectsTest, AStoreOpensWithFewCalls) {
   for (const SystemCall Once : {SystemCall::Open, SystemCall::Lock}) EXPECT_EQ(14u, CallsOf(Once));
   EXPECT_EQ(0u, CallsOf(SystemCall::WriteAt));
   EXPECT_EQ(79u, AllCalls());
+  MarkCalls();
+  Step("a path of which nothing is in memory", FindObject(5, u"C:\\a\\b\\c", 1, nullptr)).Reads(2).Writes(0);
 }
 
 }  // namespace
