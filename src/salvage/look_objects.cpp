@@ -176,9 +176,10 @@ class LostEnd {
 
   bool IsNone() const { return m_Records.empty(); }
 
-  // What a single record says is believed where it begins at the end; in front of an array stands what it tells of.
+  // What a single record says is believed where it begins at the end; in front of an array stands what it tells of. A
+  // large loss is believed only with a name that begins there: that is short, so something else is lost behind it.
   // Otherwise that record is damaged itself.
-  bool IsOneRecords() const { return m_Records.size() == 1 && (!m_bFollows || IsLarge()); }
+  bool IsOneRecords() const { return m_Records.size() == 1 && !(IsLarge() ? m_bNameFollows : m_bFollows); }
 
   bool IsLarge() const { return m_nEnd > m_nThere + kMostLost; }
 
@@ -197,7 +198,7 @@ class LostEnd {
     const std::vector<tODB_ID_ENTRY> Records = NewestRecords(m_Files, m_Names, m_Of, nMost);
     for (std::size_t i = 0; i < Records.size(); ++i) {
       const tODB_ID_ENTRY& One = Records[i];
-      if (One.nName != 0) Note(i, One.nName, One.nNameSize, featureNameCrc);
+      if (One.nName != 0 && Note(i, One.nName, One.nNameSize, featureNameCrc)) m_bNameFollows |= BeginsThere(One.nName);
       if (One.nDataEntriesOffset == 0 || One.nDataEntriesCount == 0) continue;
       const std::uint32_t nSize = One.nDataEntriesCount * std::uint32_t{sizeof(tODB_DATA_ENTRY)};
       m_bFollows |= Note(i, One.nDataEntriesOffset, nSize, featureArrayCrc);
@@ -218,8 +219,12 @@ class LostEnd {
     if (nEnd <= m_nThere) return false;
     m_Records.insert(nRecord);
     m_nEnd = std::max(m_nEnd, nEnd);
-    m_bFollows |= nStart <= std::max<std::uint64_t>(m_nThere, sizeof(FILE_MAGIC));
+    m_bFollows |= BeginsThere(nStart);
     return true;
+  }
+
+  bool BeginsThere(std::uint64_t nStart) const {
+    return nStart <= std::max<std::uint64_t>(m_nThere, sizeof(FILE_MAGIC));
   }
 
   FolderView& m_Files;
@@ -229,6 +234,7 @@ class LostEnd {
   std::uint64_t m_nThere = 0;
   std::uint64_t m_nEnd = 0;
   bool m_bFollows = false;
+  bool m_bNameFollows = false;
   std::set<std::size_t> m_Records;
 };
 

@@ -35,7 +35,7 @@ class Undoer {
     }
     if (m_pLeft->size() != nLeft) return os::kSuccess;  // the rest can be tried again
     if (bPair) nError = os::Move(m_pFolder, kReplacingFile, m_pAside, kReplacingFile, os::IfTaken::Replace);
-    if (nError != os::kSuccess) return nError;
+    if (nError != os::kSuccess && nError != os::kFileNotFound) return nError;  // it was moved before the end came
     return os::Move(m_pAside, kRecord, m_pAside, kUndone, os::IfTaken::Replace);
   }
 
@@ -43,9 +43,9 @@ class Undoer {
   static bool IsRename(const Step& One) { return One.What == Step::Kind::Rename; }
 
   // A pair that took the place of another is taken back as a whole, and only while nothing was written to it since.
-  // That it is under way says a file, which also finds and goes on with what was killed; nobody may open it meanwhile.
+  // That it is under way says a file, which also finds and goes on with what was killed; nobody may open it meanwhile:
+  // so it is written only where all can be taken back.
   os::SystemError BeginWithPair(const std::vector<Step>& Steps) {
-    constexpr std::size_t kLongestMark = 64;
     std::string Mark;
     os::SystemError nError = ReadFile(m_pFolder, kReplacingFile, 0, kLongestMark, &Mark);
     const bool bMarked = nError == os::kSuccess;
@@ -53,33 +53,50 @@ class Undoer {
     const Replacement Underway = ReadReplacement(Mark);
     if (!Underway.Time.empty() && Underway.Time != m_Time)
       return Leave(Steps.front(), "another pair is taking its place");
-    if (Underway.Time.empty() && WasWritten(Steps)) return Leave(Steps.front(), "it has changed since");
+    if (!bMarked && WasTakenBack()) return os::kSuccess;
+    if (const char* const pWhy = WhyNot(Steps, !Underway.Time.empty())) return Leave(Steps.front(), pWhy);
+    if (Underway.Time.empty()) nError = ClearPlaces(Steps);
+    if (nError != os::kSuccess) return nError;
     const std::string Back = WriteReplacement({m_Time, true});
     return bMarked ? ReplaceFile(m_pFolder, kReplacingFile, Back)
                    : WriteFile(m_pFolder, kReplacingFile, Back, os::Disposition::CreateNew);
   }
 
-  // Whether the pair is not as it was put there, unless none was, or it was taken back.
-  bool WasWritten(const std::vector<Step>& Steps) const {
-    bool bOther = false;
-    std::size_t nPutThere = 0;
-    std::size_t nRenames = 0;
+  // Killed when all was done but the name of the record.
+  bool WasTakenBack() const {
+    std::string Mark;
+    return ReadFile(m_pAside, kReplacingFile, 0, kLongestMark, &Mark) == os::kSuccess && ReadReplacement(Mark).bBack;
+  }
+
+  // Why the pair cannot be taken back. Under way, what is not in its old place yet is set aside, or was not reached.
+  const char* WhyNot(const std::vector<Step>& Steps, bool bUnderway) const {
     for (const Step& One : Steps) {
       if (!IsRename(One)) continue;
-      ++nRenames;
-      if (HasFile(m_pFolder, One.File)) continue;
-      ++nPutThere;
+      const bool bOld = HasFile(m_pAside, WideName(One.After));
+      if (!bOld && (!bUnderway || !HasFile(m_pFolder, One.File))) return "the old one is not set aside any more";
       std::string Digest;
-      bOther |= DigestOf(m_pFolder, WideName(One.After), &Digest) != os::kSuccess || Digest != One.Before;
+      if (!bUnderway && (DigestOf(m_pFolder, WideName(One.After), &Digest) != os::kSuccess || Digest != One.Before))
+        return "it has changed since";
     }
-    return bOther || (nPutThere != 0 && nPutThere != nRenames);
+    return nullptr;
+  }
+
+  // Another pair was compacted since, in the places to which this one goes back.
+  os::SystemError ClearPlaces(const std::vector<Step>& Steps) const {
+    for (const Step& One : Steps) {
+      if (!IsRename(One)) continue;
+      const os::SystemError nError = os::Move(m_pFolder, One.File, m_pAside, One.File, os::IfTaken::Replace);
+      if (nError != os::kSuccess && nError != os::kFileNotFound) return nError;
+    }
+    return os::kSuccess;
   }
 
   os::SystemError TakeBack(const Step& One) {
     // What was replaced is taken back by names alone; that it is under way is over.
     if (One.What == Step::Kind::SetAside && One.File == kReplacingFile) return os::kSuccess;
     if (IsRename(One)) {
-      if (HasFile(m_pFolder, One.File)) return os::kSuccess;  // it was not reached, or was taken back
+      const bool bSetAside = HasFile(m_pAside, WideName(One.After));
+      if (!bSetAside || HasFile(m_pFolder, One.File)) return os::kSuccess;  // it was not reached, or was taken back
       const os::SystemError nError = os::Move(m_pFolder, WideName(One.After), m_pFolder, One.File, os::IfTaken::Refuse);
       return nError == os::kFileNotFound ? os::kSuccess : nError;
     }
@@ -121,6 +138,8 @@ class Undoer {
     m_pLeft->push_back(Describe(Told));
     return os::kSuccess;
   }
+
+  static constexpr std::size_t kLongestMark = 64;
 
   os::FolderHandle m_pFolder;
   os::FolderHandle m_pAside;

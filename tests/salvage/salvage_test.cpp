@@ -203,6 +203,16 @@ TEST_F(SalvageTest, RefusesAStoreWhoseSharedObjectsAreLost) {
   Close();
   fs::resize_file(Folder() / "g_objdt.dat", 100);  // more than 1 MiB is lost
   for (int i = 0; i < 2; ++i) EXPECT_THAT(Heal().Refusal, HasSubstr("g_objdt.dat: its end is lost"));
+  for (const int nLeft : {0, 3}) {  // bytes of the name of a single object, of which more than 1 MiB is lost
+    MakeStore();
+    const std::uintmax_t nBefore = fs::file_size(Folder() / "g_objdt.dat");
+    Restart();
+    const Bytes kData(2 << 20);
+    Must(Call(&Ops::SetObjectData, Find(0, u"C:\\largest"), kData.data(), static_cast<std::uint32_t>(kData.size()), 7));
+    Close();
+    fs::resize_file(Folder() / "g_objdt.dat", nBefore + nLeft);
+    EXPECT_THAT(Heal().Refusal, HasSubstr("g_objdt.dat: its end is lost"));
+  }
 }
 
 TEST_F(SalvageTest, LeavesAStoreAloneThatIsOpen) {
@@ -270,7 +280,10 @@ TEST_F(SalvageTest, ReplacesOrTakesBackNothingThatHasChanged) {
   const auto nWritten = fs::last_write_time(Folder() / "g_objdt.dat");
   Patch("g_objdt.dat", 50, {'!'});  // of the same size
   fs::last_write_time(Folder() / "g_objdt.dat", nWritten);
+  WriteFile("g_objdtcompacted.dat", {});
+  WriteFile("g_objidcompacted.dat", {});
   EXPECT_THAT(Undo(*Healings().begin()), ::testing::ElementsAre(HasSubstr("it has changed since")));
+  EXPECT_EQ("", Heal().Refusal);
   Put(m_Sound);
   std::string Live;
   salvage::Plan Done;
@@ -281,6 +294,14 @@ TEST_F(SalvageTest, ReplacesOrTakesBackNothingThatHasChanged) {
   const Snapshot kWritten = Take();
   EXPECT_CODE(errSTATE_INVALID, salvage::ReplaceByCompacted(WideFolder(), {}, Live, &Done));
   EXPECT_EQ(kWritten, Take());
+}
+
+TEST_F(SalvageTest, TakesBackAPairBesideWhichANewOneStands) {
+  MakeReplaced();
+  WriteFile("g_objdtcompacted.dat", {});
+  WriteFile("g_objidcompacted.dat", {});
+  EXPECT_EQ(std::vector<std::string>(), Undo(*Healings().begin()));
+  EXPECT_EQ(m_Sound, Take());
 }
 
 // What lay behind a restart must not be overwritten, nor joined to what came later.

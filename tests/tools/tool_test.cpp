@@ -188,6 +188,9 @@ TEST_F(ToolTest, RepairsAndTakesItBack) {
   Run("repair --yes --undo " + Time);
   EXPECT_EQ(9, ReadFile("store/01/segments.dat")[4]);
   fs::remove(Folder() / "store/01/segments.dat");
+  WriteFile("store/g_objreplacing.dat", {});
+  Fails("repair --discard-set-aside --yes", "being put in its place");
+  fs::remove(Folder() / "store/g_objreplacing.dat");
   Run("repair --discard-set-aside --yes");
   EXPECT_FALSE(fs::exists(Folder() / "store/01/set-aside"));
 }

@@ -1,9 +1,11 @@
 // lumbra repair: what can be done about lost and damaged files, before the store meets them.
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 
 #include "commands.h"
 #include "failure.h"
+#include "format/file_names.h"
 #include "machine.h"
 #include "salvage/apply.h"
 #include "salvage/look.h"
@@ -33,8 +35,19 @@ int TakeBack(const CommonOptions& Common, const StoreFiles& Files, const std::st
   return Left.empty() ? kExitOk : kExitIncomplete;
 }
 
+// Whether a compacted pair is half put in its place, or taken back: what is set aside is needed for that.
+bool IsBeingReplaced(const StoreFiles& Files) {
+  std::error_code Refused;
+  return std::filesystem::status(Files.Folder() / kReplacingFile, Refused).type() !=
+         std::filesystem::file_type::not_found;
+}
+
 // What was taken out of the way, and all old bytes: nothing else deletes them.
-int Discard(const StoreFiles& Files, bool bYes) {
+int Discard(const StoreFiles& Files, bool bYes, const std::string& What) {
+  if (IsBeingReplaced(Files))
+    throw Failure(What, errSTATE_INVALID,
+                  "a compacted pair is being put in its place, or taken back, which needs what is set aside; lumbra "
+                  "repair says how to finish it");
   std::printf("%llu bytes are set aside\n", static_cast<unsigned long long>(Files.SetAsideSize()));
   if (!bYes) {
     std::puts("Nothing was changed. --yes deletes them for good.");
@@ -51,7 +64,7 @@ int Repair(const CommonOptions& Common, const RepairOptions& Options) {
   const StoreFiles Files = FilesOf(Common);
   const std::string What = "repair " + Printable(TextOf(Files.Folder()));
   if (!Files.IsFolder()) throw Failure(What, errOBJECT_NOT_FOUND, "there is no store here");
-  if (Options.bDiscard) return Discard(Files, Options.bYes);
+  if (Options.bDiscard) return Discard(Files, Options.bYes, What);
   if (!Options.Undo.empty()) return TakeBack(Common, Files, Options.Undo, Options.bYes, What);
   salvage::Plan Found;
   const salvage::Wishes Wanted{.bThorough = true, .bStartEmpty = Options.bStartEmpty};
@@ -69,9 +82,10 @@ int Repair(const CommonOptions& Common, const RepairOptions& Options) {
     return kExitOk;
   }
   if (!Found.Refusal.empty()) {
-    std::puts(Found.Replacing ? "Nothing was changed."
-                              : "Nothing was changed: what is missing has to come from a copy, or --start-empty does "
-                                "without it.");
+    std::puts(IsBeingReplaced(Files)
+                  ? "Nothing was changed."
+                  : "Nothing was changed: what is missing has to come from a copy, or --start-empty does "
+                    "without it.");
     return kExitFailed;
   }
   if (!Found.Acts()) {
