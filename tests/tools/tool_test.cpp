@@ -168,6 +168,17 @@ TEST_F(ToolTest, CompactTellsWhatItLeavesOut) {
   EXPECT_NE(kLive, ReadFile("store/g_objdt.dat"));
 }
 
+TEST_F(ToolTest, SaysByItsStatusThatItHealed) {
+  Record("1", {"a"});
+  const std::string Id = Find("1 --type name a");
+  Run("data set " + Id + " 1");
+  for (const std::string& Reads : {std::string("find --db 1 --type name a"), "name " + Id, "data get " + Id + " 1"}) {
+    Patch("store/01/segments.dat", 4, {9});
+    Run(Reads, 3);
+    Run(Reads);
+  }
+}
+
 TEST_F(ToolTest, RepairsAndTakesItBack) {
   Record("1 --segment-events 1", {"a", "b", "c"});
   Run("repair");

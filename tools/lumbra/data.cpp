@@ -75,7 +75,7 @@ int GetData(const CommonOptions& Common, const DataOptions& Options) {
     Check(Store.Call(&LumbraOperations::GetObjectData, Options.nId, Content.data(), nSize, &nSize, Options.nKey), What);
   }
   WriteAll(Options.File, Content);
-  return kExitOk;
+  return Store.StatusOfReading(kExitOk);
 }
 
 int SetData(const CommonOptions& Common, const DataOptions& Options) {

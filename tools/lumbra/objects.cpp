@@ -117,7 +117,7 @@ int Find(const CommonOptions& Common, const FindOptions& Options) {
     }
   }
   if (Options.bCreate) Store.Flush();
-  return nStatus;
+  return Options.bCreate ? nStatus : Store.StatusOfReading(nStatus);
 }
 
 int Name(const CommonOptions& Common, const NameOptions& Options) {
