@@ -56,7 +56,8 @@ class SalvageTest : public ComponentTest {
   // Files that were copied with their times: written before they were made.
   void LetThemBeCopies() {
     for (const auto& Entry : fs::recursive_directory_iterator(Folder()))
-      fs::last_write_time(Entry.path(), fs::file_time_type::clock::now() - std::chrono::hours(2));
+      if (Entry.is_regular_file())
+        fs::last_write_time(Entry.path(), fs::file_time_type::clock::now() - std::chrono::hours(2));
   }
 
   salvage::Plan Heal() {

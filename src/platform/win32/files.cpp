@@ -4,6 +4,7 @@
 #include <share.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <new>
 
 #include "platform/win32/win32.h"
@@ -157,7 +158,7 @@ SystemError RemoveFile(const FolderHandle& pFolder, std::u16string_view Name) {
 
 SystemError MeasureFile(const FolderHandle& pFolder, std::u16string_view Name, std::uint64_t* pnSize) {
   const int nDescriptor = _wsopen(Wide(pFolder->PathOf(Name)), _O_RDONLY, _SH_DENYNO, _S_IREAD);
-  if (nDescriptor < 0) return kGeneralFailure;
+  if (nDescriptor < 0) return errno == ENOENT ? kFileNotFound : kGeneralFailure;
   const std::int64_t nSize = _filelengthi64(nDescriptor);
   _close(nDescriptor);
   if (nSize < 0) return kGeneralFailure;
