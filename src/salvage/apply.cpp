@@ -131,6 +131,9 @@ class Healer {
       case Step::Kind::Replace:
         return ReplaceFile(At.pFolder, One.File, One.After);
       case Step::Kind::Rename:
+        // What is held cannot be moved on Windows, nor another file over it.
+        m_pHold->Release(One.Folder, One.File);
+        m_pHold->Release(One.Folder, WideName(One.After));
         return MoveOverEmpty(At.pFolder, One.File, At.pFolder, WideName(One.After));
       case Step::Kind::Rebuild:  // when nobody holds the files
         return os::kSuccess;
