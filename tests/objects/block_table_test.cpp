@@ -50,7 +50,8 @@ TEST_F(BlockTableTest, AnswersWhatTheFileHolds) {
     for (int i = 0; i < 3000; ++i) {
       const std::uint64_t nEnd = FileSize("a");
       const std::uint64_t nOffset = Chance() % (nEnd + 100);
-      Bytes Piece(1 + Chance() % (i % 7 == 0 ? 2 * kBlock : 50), static_cast<std::uint8_t>(i));
+      const auto nLength = static_cast<std::size_t>(1 + Chance() % (i % 7 == 0 ? 2 * kBlock : 50));
+      Bytes Piece(nLength, static_cast<std::uint8_t>(i));
       const auto nSize = static_cast<std::uint32_t>(Piece.size());
       if (i % 200 == 0) Must(m_A.SetSize(nEnd / 2) ? errOK : errWRITE_FAILED);
       if (i % 3 == 0) {
