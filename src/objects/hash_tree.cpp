@@ -22,23 +22,14 @@ constexpr std::uint32_t kLargeHeadChecked = 17408;
 
 // ---- Opening ----------------------------------------------------------------------------------------------
 
-// What the file begins with, and how much of it was there. A tree without CRCs has other nodes in the place of nCrc.
-struct HashTree::Beginning {
-  tODB_BT_HEADER Header;
-  tODB_BT_OFFSET Slots[kRootSlots];
-  std::uint32_t nCrc;
-  std::uint32_t nRead;
-};
-
 FileContent HashTree::Look(StorageFile* pFile, const Options& Use) {
   Close();
   m_pFile = pFile;
   m_File.Use(pFile);
   m_Use = Use;
   m_Crc = DataCrc(Use.bSeededCrcs);
-  Beginning Start{};
-  const FileContent Header = LookAtHeader(&Start);
-  return Header.IsOurs() && m_bNodeCrcs ? LookAtRoot(Start) : Header;
+  const FileContent Header = LookAtHeader();
+  return Header.IsOurs() && m_bNodeCrcs ? LookAtRoot() : Header;
 }
 
 // Memory first: where there is none for the head, the file stays as it is.
@@ -65,12 +56,12 @@ void HashTree::Close() {
 }
 
 // Tells whether the header is that of a tree which can be used, and mends its size in memory.
-FileContent HashTree::LookAtHeader(Beginning* pStart) {
+FileContent HashTree::LookAtHeader() {
   tODB_BT_HEADER& Header = m_Header;
-  if (!m_pFile->SeekRead(0, pStart, offsetof(Beginning, nRead), &pStart->nRead))
+  std::uint32_t nRead = 0;
+  if (!m_pFile->SeekRead(0, &Header, sizeof(Header), &nRead))
     return FileContent::Unread(FailedCheck("pFileBT->SeekRead(0, &hdr, sizeof(hdr), &bytes)", errREAD_FAILED));
-  Header = pStart->Header;
-  if (pStart->nRead < sizeof(Header) || Header.nFirstNodeOffset != FirstNodeOffset) return FileContent::Foreign();
+  if (nRead != sizeof(Header) || Header.nFirstNodeOffset != FirstNodeOffset) return FileContent::Foreign();
   m_bNodeCrcs = std::memcmp(Header.Magic, kCheckedTreeMagic, sizeof(Header.Magic)) == 0;
   if (!m_bNodeCrcs && std::memcmp(Header.Magic, kTreeMagic, sizeof(Header.Magic)) != 0) return FileContent::Foreign();
 
@@ -100,12 +91,21 @@ FileContent HashTree::LookAtHeader(Beginning* pStart) {
   return FileContent::Ours();
 }
 
-FileContent HashTree::LookAtRoot(const Beginning& Start) const {
-  if (Start.nRead < offsetof(Beginning, nCrc))
-    return FileContent::Unread(FailedCheck("bytes == OffsetsSize", errREAD_FAILED));
-  if (Start.nRead < offsetof(Beginning, nRead))
-    return FileContent::Unread(FailedCheck("bytes == sizeof(crc32)", errREAD_FAILED));
-  return ValidDataCrc(0, Start.Slots, sizeof(Start.Slots), &Start.nCrc) ? FileContent::Ours() : FileContent::Foreign();
+FileContent HashTree::LookAtRoot() {
+  constexpr std::uint32_t kRootSize = kRootSlots * sizeof(tODB_BT_OFFSET);
+  constexpr std::uint32_t nCrcOffset = FirstNodeOffset + kRootSize;
+  tODB_BT_OFFSET Slots[kRootSlots];
+  std::uint32_t nCrc = 0;
+  std::uint32_t nRead = 0;
+  if (!m_pFile->SeekRead(FirstNodeOffset, Slots, kRootSize, &nRead))
+    return FileContent::Unread(
+        FailedCheck("pFileBT->SeekRead(FirstNodeOffset, offsets, OffsetsSize, &bytes)", errREAD_FAILED));
+  if (nRead != kRootSize) return FileContent::Unread(FailedCheck("bytes == OffsetsSize", errREAD_FAILED));
+  if (!m_pFile->SeekRead(nCrcOffset, &nCrc, sizeof(nCrc), &nRead))
+    return FileContent::Unread(
+        FailedCheck("pFileBT->SeekRead(nCrcOffset, &crc32, sizeof(crc32), &bytes)", errREAD_FAILED));
+  if (nRead != sizeof(nCrc)) return FileContent::Unread(FailedCheck("bytes == sizeof(crc32)", errREAD_FAILED));
+  return ValidDataCrc(0, Slots, kRootSize, &nCrc) ? FileContent::Ours() : FileContent::Foreign();
 }
 
 // Brings a mended size into the header, and the file to that size.

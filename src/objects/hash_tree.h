@@ -93,9 +93,8 @@ class HashTree {
   std::uint32_t NodeSize(std::uint32_t nLevel) const { return SlotsSize(nLevel) + CrcSize(); }
   std::uint32_t RootEnd() const { return FirstNodeOffset + kRootSlots * sizeof(tODB_BT_OFFSET) + CrcSize(); }
 
-  struct Beginning;
-  FileContent LookAtHeader(Beginning* pStart);
-  FileContent LookAtRoot(const Beginning& Start) const;
+  FileContent LookAtHeader();
+  FileContent LookAtRoot();
   ResultCode StoreHeader();
   void Sync();
   bool PrepareHead();

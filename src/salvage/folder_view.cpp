@@ -5,6 +5,7 @@
 
 #include "format/crc32.h"
 #include "platform/result.h"
+#include "salvage/file_work.h"
 
 namespace lumbra::salvage {
 
@@ -23,8 +24,6 @@ const FolderView::File* FolderView::Find(std::u16string_view Name) const {
   const auto Found = m_Files.find(Name);
   return Found == m_Files.end() ? nullptr : &Found->second;
 }
-
-constexpr std::uint32_t kHoldNothing = os::kShareRead | os::kShareWrite | os::kShareDelete;
 
 os::SystemError ReadBytes(const os::FolderHandle& pFolder, std::u16string_view Name, std::uint64_t nOffset,
                           std::uint32_t nSize, std::string* pBytes) {

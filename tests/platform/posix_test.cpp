@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "component/component_fixture.h"
+#include "objects/objdb_fixture.h"
 #include "platform/file.h"
 #include "platform/posix/posix.h"
 #include "support/steps.h"
@@ -198,6 +199,24 @@ TEST_F(PosixComponentTest, WhoReadsADatabaseDoesNotWaitForAnAddToAnother) {
   WatchChanges({});
   EXPECT_EQ(std::future_status::ready, While);
   EXPECT_CODE(errOK, Read.get());
+}
+
+using PosixObjectDbTest = ObjectDbTest;
+
+// Below the root a slot goes with its node's CRC: what of both was written when the rest fails is put back.
+TEST_F(PosixObjectDbTest, ATornSlotKeepsItsNode) {
+  Start(kChecked, {0x0101, 0x0201});
+  int nWrites = 0;
+  WatchChanges([&](DiskChange& Change) {
+    if (Change.What != DiskChange::Write) return Fate::Happens;
+    ++nWrites;
+    if (nWrites == 3) Change.Bytes.resize(Change.Bytes.size() / 2);  // behind name and record
+    return nWrites == 4 ? Fate::Fails : Fate::Happens;               // the other half
+  });
+  EXPECT_CODE(errWRITE_FAILED, TryCreate(0x0301));
+  WatchChanges({});
+  Open(kChecked);
+  ExpectAll({0x0101, 0x0201});
 }
 
 }  // namespace
