@@ -133,6 +133,29 @@ SystemError GetCreationTime(FileHandle Handle, std::uint64_t* pnTime);
 
 SystemError RemoveFile(const FolderHandle& pFolder, std::u16string_view Name);
 
+// ---- Files that somebody else writes to ----------------------------------------------------------------------
+
+// What a look at a file tells.
+struct FileLook {
+  bool bPlain;            // neither a folder nor a link, a pipe or a device
+  std::uint32_t nNames;   // names that it has in folders; 0 when it was deleted since it was opened
+  std::uint64_t nSize;    // bytes
+  std::uint64_t nBirth;   // when it was made, as a FILETIME; 0 where the file system does not tell
+  std::uint64_t nDevice;  // the file system, and the file's number in it
+  std::uint64_t nNumber;
+};
+
+// Looks at a file, and opens one for ReadAt, Close and this, for those who only read: no lock is taken or asked for,
+// nobody else is refused for it, and it does not matter whose the file is and how many names it has. A link is not
+// followed and nothing is waited for: what is no plain file is kAccessDenied to OpenToLook.
+SystemError LookAt(const FolderHandle& pFolder, std::u16string_view Name, FileLook* pLook);
+SystemError LookAt(FileHandle Handle, FileLook* pLook);
+SystemError OpenToLook(const FolderHandle& pFolder, std::u16string_view Name, FileHandle* pHandle);
+
+// Whether the name of a file that was deleted is free while the file is open: where it is not, a reader that keeps
+// files open keeps the writer from making them anew.
+bool DeletedFilesFreeTheirNames();
+
 // ---- Folders and searches ---------------------------------------------------------------------------------
 
 // The path made absolute and long, without ".", in the platform's form, from which ParentOf takes names away.

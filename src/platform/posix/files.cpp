@@ -360,4 +360,50 @@ SystemError MeasureFile(const FolderHandle& pFolder, std::u16string_view Name, s
   return kSuccess;
 }
 
+namespace {
+
+SystemError Look(int nFolder, const char* pName, int nFlags, FileLook* pLook) {
+  struct statx Status {};
+  if (statx(nFolder, pName, nFlags, STATX_BASIC_STATS | STATX_BTIME, &Status) != 0) return LastError();
+  const bool bBirth = (Status.stx_mask & STATX_BTIME) != 0;
+  *pLook = {.bPlain = S_ISREG(Status.stx_mode),
+            .nNames = Status.stx_nlink,
+            .nSize = Status.stx_size,
+            .nBirth = bBirth ? static_cast<std::uint64_t>(FileTimeOf(Status.stx_btime)) : 0,
+            .nDevice = std::uint64_t{Status.stx_dev_major} << 32 | Status.stx_dev_minor,
+            .nNumber = Status.stx_ino};
+  return kSuccess;
+}
+
+}  // namespace
+
+SystemError LookAt(const FolderHandle& pFolder, std::u16string_view Name, FileLook* pLook) try {
+  return Look(pFolder->nDescriptor, NativePath(Name).c_str(), AT_SYMLINK_NOFOLLOW, pLook);
+} catch (const std::bad_alloc&) {
+  return kNotEnoughMemory;
+}
+
+SystemError LookAt(FileHandle Handle, FileLook* pLook) {
+  return Look(Handle->nDescriptor, "", AT_EMPTY_PATH, pLook);
+}
+
+SystemError OpenToLook(const FolderHandle& pFolder, std::u16string_view Name, FileHandle* pHandle) try {
+  std::unique_ptr<OpenFile> Opened(new OpenFile);
+  Opened->nAccess = kGenericRead;
+  Opened->nDescriptor = OpenDescriptor(pFolder->nDescriptor, NativePath(Name), O_RDONLY | kOpenFlags);
+  if (Opened->nDescriptor < 0) return errno == ELOOP || errno == ENXIO ? kAccessDenied : LastError();
+  FileLook Found{};
+  const SystemError nError = LookAt(Opened.get(), &Found);
+  if (nError != kSuccess) return nError;
+  if (!Found.bPlain) return kAccessDenied;
+  *pHandle = Opened.release();
+  return kSuccess;
+} catch (const std::bad_alloc&) {
+  return kNotEnoughMemory;
+}
+
+bool DeletedFilesFreeTheirNames() {
+  return true;
+}
+
 }  // namespace lumbra::os

@@ -166,4 +166,50 @@ SystemError MeasureFile(const FolderHandle& pFolder, std::u16string_view Name, s
   return kSuccess;
 }
 
+SystemError LookAt(const FolderHandle& pFolder, std::u16string_view Name, FileLook* pLook) {
+  FileHandle Opened = nullptr;
+  SystemError nError = OpenToLook(pFolder, Name, &Opened);
+  if (nError != kSuccess) return nError;
+  nError = LookAt(Opened, pLook);
+  (void)Close(Opened);  // nothing was written
+  return nError;
+}
+
+SystemError LookAt(FileHandle Handle, FileLook* pLook) {
+  BY_HANDLE_FILE_INFORMATION Found{};
+  if (!GetFileInformationByHandle(NativeHandle(Handle), &Found)) return LastError();
+  constexpr DWORD kNotPlain = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DEVICE;
+  const auto Join = [](DWORD nHigh, DWORD nLow) {
+    return std::uint64_t{nHigh} << 32 | nLow;
+  };
+  *pLook = {.bPlain = (Found.dwFileAttributes & kNotPlain) == 0,
+            .nNames = Found.nNumberOfLinks,
+            .nSize = Join(Found.nFileSizeHigh, Found.nFileSizeLow),
+            .nBirth = Join(Found.ftCreationTime.dwHighDateTime, Found.ftCreationTime.dwLowDateTime),
+            .nDevice = Found.dwVolumeSerialNumber,
+            .nNumber = Join(Found.nFileIndexHigh, Found.nFileIndexLow)};
+  return kSuccess;
+}
+
+SystemError OpenToLook(const FolderHandle& pFolder, std::u16string_view Name, FileHandle* pHandle) {
+  constexpr std::uint32_t kShareAll = kShareRead | kShareWrite | kShareDelete;
+  FileHandle Opened = nullptr;
+  SystemError nError =
+      Open(pFolder, Name, kGenericRead, kShareAll, Disposition::OpenExisting, FILE_FLAG_OPEN_REPARSE_POINT, &Opened);
+  if (nError != kSuccess) return nError;
+  FileLook Found{};
+  nError = LookAt(Opened, &Found);
+  if (nError == kSuccess && !Found.bPlain) nError = kAccessDenied;
+  if (nError == kSuccess) {
+    *pHandle = Opened;
+  } else {
+    (void)Close(Opened);
+  }
+  return nError;
+}
+
+bool DeletedFilesFreeTheirNames() {
+  return false;
+}
+
 }  // namespace lumbra::os

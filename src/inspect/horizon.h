@@ -1,0 +1,44 @@
+// How far a database goes at one moment. Everything that is read of it is answered for that, whatever is added
+// meanwhile.
+//
+// The sizes are taken in the order in which nothing can be missing that an event needs: of the events first, then of
+// the id records, then of the names and data. The writer writes in the opposite order.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "inspect/finding.h"
+#include "inspect/store.h"
+#include "lumbra/result_code.h"
+#include "platform/os.h"
+
+namespace lumbra::inspect {
+
+struct SegmentExtent {
+  std::uint32_t nNumber;
+  std::uint64_t nEvents;  // whole ones
+  std::uint64_t nBirth;   // of its file of events: a number that was made again has another one; 0: not known
+  bool bOver;             // no event comes any more: the next segment holds one
+};
+
+// The end of an object store's files.
+struct ObjectsExtent {
+  std::uint64_t nIdsSize = 0;  // bytes, 0 where the file is missing
+  std::uint64_t nDataSize = 0;
+};
+ObjectsExtent MeasureObjects(const os::FolderHandle& pFolder, std::u16string_view Ids, std::u16string_view Data);
+
+struct Horizon {
+  std::uint32_t nEventSize = 0;         // bytes; 0 when there are no events, and no file tells their size
+  std::uint32_t nFirst = 0;             // what "segments.dat" calls the oldest segment, 0 for none
+  std::vector<SegmentExtent> Segments;  // oldest first, numbers without gaps
+};
+
+// Takes it. A chain that is being changed is waited for a moment; where "segments.dat" is missing or damaged then, or
+// leads nowhere, that is reported, and the newest run of segments that are there is taken. An empty one, and errOK, for
+// a database that has none; a failure when the system does not let us look.
+ResultCode TakeHorizon(const Store& Of, const Database& What, const Report& Tell, Horizon* pHorizon);
+
+}  // namespace lumbra::inspect

@@ -1,0 +1,108 @@
+// The objects of one store, a segment's or the shared ones, by their short ids: what they are called, what belongs to
+// them. The tree is not asked: whoever looks for a name passes over the records, so that a lost tree hides nothing.
+//
+// A record's name never changes once it is there. Its data does: a record is read with what it leads to, and once more;
+// where the two are equal that is good. What nobody can see who takes no locks: a block of data that is rewritten in
+// place meanwhile may be read half old, in a store without CRCs.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "format/object_files.h"
+#include "inspect/file.h"
+#include "inspect/horizon.h"
+#include "inspect/store.h"
+#include "platform/os.h"
+
+namespace lumbra::inspect {
+
+enum class [[nodiscard]] Answer{
+    Read,
+    Missing,     // no such object or block at the horizon, or no such file
+    Damaged,     // what was read contradicts itself
+    Unsettled,   // the same, while somebody has the store
+    Unreadable,  // the system refuses
+};
+
+struct ObjectFileNames {
+  std::u16string Ids;
+  std::u16string Tree;
+  std::u16string Data;
+};
+ObjectFileNames SharedObjectFiles();
+ObjectFileNames ObjectFilesOf(std::uint32_t nSegment);
+
+// A block of data of an object, as its entry has it.
+struct DataBlock {
+  std::uint32_t nKey;
+  std::uint32_t nOffset;
+  std::uint32_t nSize;  // the user's bytes
+};
+
+// One thread at a time.
+class Objects {
+ public:
+  // Opens nothing yet. The cache outlives it; the store, too.
+  Objects(const Store& Of, os::FolderHandle pFolder, ObjectFileNames Names, BlockCache* pCache);
+
+  // Takes the sizes of the files anew; at first the next call does that itself. Before what is read of events, not
+  // after.
+  void Refresh();
+
+  // How many objects there are at the horizon; their short ids are 1 to this. Why there are none to be seen.
+  std::uint32_t Count();
+  Answer Opened();
+
+  // A record. Its CRC, where it has one, is right.
+  Answer ReadRecord(std::uint32_t nShortId, tODB_ID_ENTRY* pRecord);
+
+  // The stored bytes of a name that a record of this store has: UTF-8 or UTF-16, as its flags say. Good until the next
+  // call.
+  Answer ReadName(const tODB_ID_ENTRY& Of, std::span<const std::uint8_t>* pName);
+
+  // The blocks of an object in the order in which they stand, and the bytes of one of them.
+  Answer ListData(std::uint32_t nShortId, std::vector<DataBlock>* pBlocks);
+  Answer ReadData(std::uint32_t nShortId, std::uint32_t nKey, std::vector<std::uint8_t>* pBytes);
+
+  bool HasRecordCrcs() const { return m_nStored != sizeof(tODB_ID_ENTRY); }
+  std::uint32_t Features() const { return m_nFeatures; }  // StoreFeatures of the data file
+
+ private:
+  struct Half {  // one of the two files
+    std::u16string Name;
+    std::unique_ptr<File> pFile;
+    std::uint64_t nSize = 0;  // at the horizon
+  };
+
+  Answer Open();
+  Answer OpenHalf(Half* pHalf);
+  Answer ReadHeads();
+  std::span<const std::uint8_t> Bytes(Half& From, std::uint64_t nOffset, std::uint32_t nSize);
+  void Forget(Half& From, std::uint64_t nOffset, std::uint32_t nSize);
+  Answer Contradiction() const;
+  Answer TryRecord(std::uint32_t nShortId, tODB_ID_ENTRY* pRecord);
+  Answer TryName(const tODB_ID_ENTRY& Of, std::span<const std::uint8_t>* pName);
+  Answer TryEntries(std::uint32_t nShortId, const tODB_ID_ENTRY& Of, std::vector<tODB_DATA_ENTRY>* pEntries);
+  Answer TryBlock(std::uint32_t nShortId, const tODB_DATA_ENTRY& Of, std::vector<std::uint8_t>* pBytes);
+  template <class TryOnce>
+  Answer UntilSettled(TryOnce Try);
+
+  const Store& m_Store;
+  const os::FolderHandle m_pFolder;
+  BlockCache* const m_pCache;
+  Half m_Ids;
+  Half m_Data;
+  Patience m_Patience;  // from the horizon on
+  bool m_bOpened = false;
+  Answer m_Opened = Answer::Missing;
+  std::uint32_t m_nStored = sizeof(tODB_ID_ENTRY);  // bytes of a record in the file
+  std::uint32_t m_nFeatures = 0;
+  std::uint32_t m_nCount = 0;
+  os::SystemError m_nError = os::kSuccess;  // of the last read
+};
+
+}  // namespace lumbra::inspect

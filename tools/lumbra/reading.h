@@ -1,0 +1,33 @@
+// How the commands that read see a store: they take no lock and write nothing, and so work beside whoever writes, and
+// for a user who may only read. With --module or --trace they go through the component instead, as those do that write.
+#pragma once
+
+#include <memory>
+
+#include "inspect/finding.h"
+#include "inspect/store.h"
+#include "session.h"
+
+namespace lumbra::tool {
+
+bool ReadsThroughComponent(const CommonOptions& Options);
+
+// Opens the store that the options name, and a database of it; throws a Failure where there is none.
+std::unique_ptr<inspect::Store> OpenToRead(const CommonOptions& Options);
+inspect::Database Require(const inspect::Store& Store, const DatabaseName& Database);
+
+// Tells on stderr what is found, a line each, and remembers that something was.
+class Findings {
+ public:
+  // The report that does so. This outlives it.
+  inspect::Report Teller();
+
+  // The exit status of a command that reads: kExitIncomplete where something was damaged or missing.
+  int StatusOfReading(int nStatus) const;
+  void NoteMissing() { m_bMissing = true; }
+
+ private:
+  bool m_bMissing = false;
+};
+
+}  // namespace lumbra::tool
