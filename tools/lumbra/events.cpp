@@ -1,6 +1,7 @@
 // lumbra events: what a database holds, oldest to newest, with the names of the objects; beside whoever writes.
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <thread>
 
 #include "commands.h"
@@ -68,12 +69,16 @@ class EventShow {
  private:
   // ---- Where to begin -----------------------------------------------------------------------------------
 
-  // Takes a horizon, and what the bytes of its events mean.
+  // Takes a horizon, and opens what may be dropped before it is read.
   void Look() {
     Check(m_Reader.Refresh(), "read " + m_Options.Database.Describe());
-    m_Paths.Refresh();
     const std::uint32_t nSize = m_Reader.EventSize();
-    if (nSize == 0 || nSize == m_nEventSize) return;
+    if (nSize != 0 && nSize != m_nEventSize) Interpret(nSize);
+    if (!WantsNames()) return;
+    for (const inspect::SegmentExtent& One : m_Reader.Upcoming()) m_Paths.Keep(LifeOf(One.nNumber, One.nIdsBirth));
+  }
+
+  void Interpret(std::uint32_t nSize) {
     if (m_Output) Deliver();
     m_nEventSize = nSize;
     const Schema Layout = SchemaOf(*m_pStore, m_Database, m_Options.Layout, nSize);
@@ -194,7 +199,7 @@ class EventShow {
     m_nExamined += Read.nCount;
     m_Filter->Select(Read.Events, m_nEventSize, &m_Positions);
     if (m_Options.bReverse) std::reverse(m_Positions.begin(), m_Positions.end());
-    const bool bNames = m_ObjectAt && (m_Filter->AsksForNames() || (!m_Options.bCountOnly && m_Output->AsksForNames()));
+    const bool bNames = WantsNames();
     const std::size_t nMost = bNames && m_nLeft != kWithoutLimit ? kMostNamesOfFew : m_Positions.size();
     for (std::size_t nFrom = 0; nFrom < m_Positions.size(); nFrom += nMost) {
       const std::span Some = std::span(m_Positions).subspan(nFrom).first(std::min(nMost, m_Positions.size() - nFrom));
@@ -202,6 +207,10 @@ class EventShow {
     }
     m_Progress.Tell(m_nExamined, m_nExamined, Total());
     return true;
+  }
+
+  bool WantsNames() const {
+    return m_ObjectAt && (m_Filter->AsksForNames() || (!m_Options.bCountOnly && m_Output->AsksForNames()));
   }
 
   bool ShowSome(const inspect::Batch& Read, std::span<const std::uint32_t> Positions, bool bNames) {
@@ -237,7 +246,7 @@ class EventShow {
     m_Ids.resize(Positions.size());
     for (std::size_t i = 0; i < Positions.size(); ++i)
       std::memcpy(&m_Ids[i], Read.Events.data() + std::size_t{Positions[i]} * m_nEventSize + *m_ObjectAt, sizeof(m_Ids[i]));
-    const std::vector<inspect::ObjectView>& Objects = m_Paths.Resolve(m_Ids);
+    const std::vector<inspect::ObjectView>& Objects = m_Paths.Resolve(m_Ids, LifeOf(Read.First.nSegment, Read.nIdsBirth));
     using State = inspect::ObjectView::State;
     for (const inspect::ObjectView& One : Objects) {
       m_nDamaged += One.Of == State::Damaged ? 1 : 0;
@@ -245,6 +254,10 @@ class EventShow {
       m_nUnreadable += One.Of == State::Unreadable ? 1 : 0;
     }
     return Objects;
+  }
+
+  inspect::SegmentLife LifeOf(std::uint32_t nSegment, std::uint64_t nIdsBirth) const {
+    return {m_Database.Id.value_or(0), nSegment, nIdsBirth};
   }
 
   void Tell(const inspect::Gap& Lost) {
@@ -289,6 +302,7 @@ class EventShow {
     while (IsGoingOn()) {
       Deliver();
       if (m_KeptCursor.IsDue()) KeepCursor();
+      m_Paths.Rest();
       std::this_thread::sleep_for(Wait);
       if (Interrupted()) return;
       const std::uint64_t nBefore = m_nExamined;
