@@ -129,9 +129,9 @@ Answer Objects::Contradiction() {
 // Tries until what is read does not contradict itself, or is given up. Nothing in memory is believed again.
 template <class TryOnce>
 Answer Objects::UntilSettled(std::uint32_t nShortId, TryOnce Try) {
-  Patience Waiting;
-  for (;;) {
-    const Answer Found = Try();
+  Answer Found = Try();
+  if (Found != Answer::Damaged) return Found;
+  for (Patience Waiting;; Found = Try()) {
     if (Found != Answer::Damaged) return Found;
     if (nShortId != 0) ForgetRecord(nShortId);
     if (m_nWaited >= kMostWaits) return Contradiction();

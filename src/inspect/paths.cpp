@@ -158,8 +158,9 @@ void Paths::Sort(std::span<const std::uint64_t> Ids) {
   m_Spare.resize(Ids.size());
   std::uint64_t nDiffer = 0;
   for (std::uint32_t i = 0; i < Ids.size(); ++i) {
-    m_Order[i] = {Ids[i], i};
-    nDiffer |= Ids[i] ^ Ids[0];
+    const bool bHost = Ids[i] == kHostObjectAlias && m_nHostObject != 0;
+    m_Order[i] = {bHost ? m_nHostObject : Ids[i], i};
+    nDiffer |= m_Order[i].nId ^ m_Order[0].nId;
   }
   constexpr int kBits = 11;
   constexpr std::uint64_t kDigits = 1 << kBits;
@@ -176,43 +177,78 @@ void Paths::Sort(std::span<const std::uint64_t> Ids) {
   }
 }
 
+// In small groups of one store: while one object is looked at, what the next ones need is on its way from the memory.
 const std::vector<ObjectView>& Paths::Resolve(std::span<const std::uint64_t> Ids, const SegmentLife& From) {
+  constexpr std::size_t kGroup = 32;
   ++m_nCalls;
   m_pLast = nullptr;
   m_Texts.Clear();
   m_Views.resize(Ids.size());
   Sort(Ids);
-  for (std::size_t i = 0; i < m_Order.size(); ++i) {
-    const bool bSame = i != 0 && m_Order[i].nId == m_Order[i - 1].nId;
-    m_Views[m_Order[i].nIndex] = bSame ? m_Views[m_Order[i - 1].nIndex] : View(m_Order[i].nId, From);
+  Work Group[kGroup];
+  std::uint32_t FirstOf[kGroup];  // in the order
+  for (std::size_t i = 0; i < m_Order.size();) {
+    std::size_t nWorks = 0;
+    const std::uint64_t nStore = m_Order[i].nId >> 32;
+    for (; i < m_Order.size() && nWorks < kGroup && m_Order[i].nId >> 32 == nStore; ++nWorks) {
+      FirstOf[nWorks] = static_cast<std::uint32_t>(i);
+      const std::uint64_t nId = m_Order[i].nId;
+      Begin(nId, From, &Group[nWorks]);
+      if (const Work& Begun = Group[nWorks]; Begun.Record.nParentId != 0)
+        m_Parents[Begun.bVolumes ? 1 : 0].Approach(ParentKey(Begun));
+      while (i < m_Order.size() && m_Order[i].nId == nId) ++i;
+    }
+    for (const Work& One : std::span(Group, nWorks)) {
+      if (One.Record.nParentId != 0) m_Parents[One.bVolumes ? 1 : 0].ApproachText(ParentKey(One));
+    }
+    for (std::size_t n = 0; n < nWorks; ++n) {
+      Finish(&Group[n]);
+      const std::size_t nEnd = n + 1 < nWorks ? FirstOf[n + 1] : i;
+      for (std::size_t nAt = FirstOf[n]; nAt < nEnd; ++nAt) m_Views[m_Order[nAt].nIndex] = Group[n].Seen;
+    }
   }
   return m_Views;
 }
 
-ObjectView Paths::View(std::uint64_t nId, const SegmentLife& From) {
-  ObjectView Seen;
-  if (nId == kHostObjectAlias && m_nHostObject != 0) nId = m_nHostObject;
-  const Held& Store = HeldOf(nId, From);
-  Seen.Of = StateOf(Store.Opened);
-  if (Store.pObjects == nullptr) return Seen;
-  Objects& In = *Store.pObjects;
-  std::uint32_t nShortId = MAKE_SHORT_OBJECT_ID(nId);
-  tODB_ID_ENTRY Record{};
-  Seen.Of = StateOf(In.ReadRecord(nShortId, &Record));
-  if (Seen.Of != ObjectView::State::Named) return Seen;
+std::uint64_t Paths::ParentKey(const Work& Of) const {
+  return Of.pStore->nNumber << 32 | MAKE_SHORT_OBJECT_ID(Of.Record.nParentId);
+}
+
+// Up to the record whose name is wanted.
+void Paths::Begin(std::uint64_t nId, const SegmentLife& From, Work* pWork) {
+  ObjectView& Seen = pWork->Seen;
+  Seen = {};
+  pWork->pStore = &HeldOf(nId, From);
+  pWork->nShortId = MAKE_SHORT_OBJECT_ID(nId);
+  pWork->bVolumes = false;
+  tODB_ID_ENTRY& Record = pWork->Record;
+  Record.nParentId = 0;
+  Seen.Of = StateOf(pWork->pStore->Opened);
+  if (pWork->pStore->pObjects == nullptr) return;
+  Objects& In = *pWork->pStore->pObjects;
+  Seen.Of = StateOf(In.ReadRecord(pWork->nShortId, &Record));
+  if (Seen.Of != ObjectView::State::Named) {
+    Record.nParentId = 0;
+    return;
+  }
   Seen.nType = Record.nType;
   if (Record.nParentId != 0) Seen.nParent = WithDatabase(Record.nParentId, DatabaseOfId(nId));
-  const bool bVolumes = FollowsVolumes(Record.nType);
-  Seen.Of = ReadLinked(In, &nShortId, bVolumes, &Record);
-  if (Seen.Of != ObjectView::State::Named) return Seen;
-  static const Path kNone;
+  pWork->bVolumes = FollowsVolumes(Record.nType);
+  Seen.Of = ReadLinked(In, &pWork->nShortId, pWork->bVolumes, &Record);
+}
+
+void Paths::Finish(Work* pWork) {
+  ObjectView& Seen = pWork->Seen;
+  const tODB_ID_ENTRY& Record = pWork->Record;
+  if (Seen.Of != ObjectView::State::Named) return;
+  const Held& Store = *pWork->pStore;
   const std::uint32_t nParent = MAKE_SHORT_OBJECT_ID(Record.nParentId);
-  const Path& Parent = Record.nParentId == 0 ? kNone : ParentPath(Store, nParent, bVolumes);
+  const Path Parent = Record.nParentId == 0 ? Path() : ParentPath(Store, nParent, pWork->bVolumes);
   Seen.Of = Parent.State;
-  if (Seen.Of != ObjectView::State::Named) return Seen;
+  if (Seen.Of != ObjectView::State::Named) return;
   std::span<const std::uint8_t> Stored;
-  Seen.Of = StateOf(In.ReadName(Record, &Stored));
-  if (Seen.Of != ObjectView::State::Named) return Seen;
+  Seen.Of = StateOf(Store.pObjects->ReadName(Record, &Stored));
+  if (Seen.Of != ObjectView::State::Named) return;
   std::string Buffer;
   std::size_t nUnits = 0;
   const std::string_view Name = TextOf(Record, Stored, &Buffer, &nUnits);
@@ -221,7 +257,6 @@ ObjectView Paths::View(std::uint64_t nId, const SegmentLife& From) {
     if (Parent.nUnits + (bSeparated ? 1 : 0) + nUnits > kMaxNameUnits) Seen.Of = ObjectView::State::TooLong;
   }
   if (Seen.Of == ObjectView::State::Named) Seen.Name = Join(Parent, Record, Name);
-  return Seen;
 }
 
 std::string_view Paths::Join(const Path& Parent, const tODB_ID_ENTRY& Record, std::string_view Name) {
@@ -252,32 +287,87 @@ ObjectView::State Paths::ReadLinked(Objects& In, std::uint32_t* pnShortId, bool 
   return ObjectView::State::Named;
 }
 
-const Paths::Path& Paths::ParentPath(const Held& In, std::uint32_t nShortId, bool bVolumes) {
+Paths::Path Paths::ParentPath(const Held& In, std::uint32_t nShortId, bool bVolumes) {
   Parents& Known = m_Parents[bVolumes ? 1 : 0];
   const std::uint64_t nKey = In.nNumber << 32 | nShortId;
-  if (const auto Found = Known.find(nKey); Found != Known.end()) return Found->second;
-  if (m_nParentBytes > m_nCacheBytes) {
-    for (Parents& All : m_Parents) All.clear();
-    m_nParentBytes = 0;
+  if (const Path* const pFound = Known.Find(nKey)) return *pFound;
+  if (m_Parents[0].Bytes() + m_Parents[1].Bytes() > m_nCacheBytes) {
+    for (Parents& All : m_Parents) All.Clear();
   }
   Path Built;
-  Built.State = BuildPath(In, nShortId, bVolumes, &Built);
-  constexpr std::uint64_t kEntry = 128;  // what keeping one takes beside its text, roughly
-  m_nParentBytes += Built.Text.size() + kEntry;
-  return Known[nKey] = std::move(Built);
+  std::string Text;
+  Built.State = BuildPath(In, nShortId, bVolumes, &Built, &Text);
+  return *Known.Add(nKey, Built, Text);
 }
 
+// ---- Parents ----------------------------------------------------------------------------------------------
+
+std::size_t Paths::Parents::HomeOf(std::uint64_t nKey) const {
+  return static_cast<std::size_t>((nKey * 0x9E3779B97F4A7C15) >> 32) & (m_Places.size() - 1);
+}
+
+const Paths::Path* Paths::Parents::Find(std::uint64_t nKey) const {
+  if (m_Places.empty()) return nullptr;
+  for (std::size_t n = HomeOf(nKey); m_Places[n].nKey != 0; n = (n + 1) & (m_Places.size() - 1)) {
+    if (m_Places[n].nKey == nKey) return &m_Places[n].Known;
+  }
+  return nullptr;
+}
+
+const Paths::Path* Paths::Parents::Add(std::uint64_t nKey, Path New, const std::string& Text) {
+  if (m_nUsed * 2 >= m_Places.size()) Grow();
+  char* const pText = m_Texts.Take(Text.size());
+  std::copy(Text.begin(), Text.end(), pText);
+  New.Text = {pText, Text.size()};
+  m_nTextBytes += Text.size();
+  std::size_t n = HomeOf(nKey);
+  while (m_Places[n].nKey != 0) n = (n + 1) & (m_Places.size() - 1);
+  m_Places[n] = {nKey, New};
+  ++m_nUsed;
+  return &m_Places[n].Known;
+}
+
+void Paths::Parents::Grow() {
+  constexpr std::size_t kFirst = 1024;
+  std::vector<Place> Old(std::max(kFirst, m_Places.size() * 2));
+  Old.swap(m_Places);
+  for (const Place& One : Old) {
+    if (One.nKey == 0) continue;
+    std::size_t n = HomeOf(One.nKey);
+    while (m_Places[n].nKey != 0) n = (n + 1) & (m_Places.size() - 1);
+    m_Places[n] = One;
+  }
+}
+
+void Paths::Parents::Clear() {
+  m_Places.clear();
+  m_nUsed = 0;
+  m_Texts.Clear();
+  m_nTextBytes = 0;
+}
+
+void Paths::Parents::Approach(std::uint64_t nKey) const {
+  if (!m_Places.empty()) __builtin_prefetch(&m_Places[HomeOf(nKey)]);
+}
+
+void Paths::Parents::ApproachText(std::uint64_t nKey) const {
+  if (const Path* const pFound = Find(nKey)) __builtin_prefetch(pFound->Text.data());
+}
+
+// ---- Paths ------------------------------------------------------------------------------------------------
+
 // Goes up to the root, or to a parent that is known, and puts the names together from there.
-ObjectView::State Paths::BuildPath(const Held& In, std::uint32_t nShortId, bool bVolumes, Path* pPath) {
+ObjectView::State Paths::BuildPath(const Held& In, std::uint32_t nShortId, bool bVolumes, Path* pPath,
+                                   std::string* pText) {
   const Parents& Known = m_Parents[bVolumes ? 1 : 0];
   std::vector<std::string> Names;  // of the objects, with their separators, the last one first
   CircleWatch Circle;
   std::size_t nUnits = 0;
   while (nShortId != 0) {
-    if (const auto Found = Known.find(In.nNumber << 32 | nShortId); Found != Known.end()) {
-      if (Found->second.State != ObjectView::State::Named) return Found->second.State;
-      nUnits += Found->second.nUnits;
-      Names.push_back(Found->second.Text);
+    if (const Path* const pFound = Known.Find(In.nNumber << 32 | nShortId)) {
+      if (pFound->State != ObjectView::State::Named) return pFound->State;
+      nUnits += pFound->nUnits;
+      Names.emplace_back(pFound->Text);
       break;
     }
     if (Circle.WasHere(nShortId)) return ObjectView::State::Damaged;
@@ -297,8 +387,8 @@ ObjectView::State Paths::BuildPath(const Held& In, std::uint32_t nShortId, bool 
     if (nUnits > kMaxNameUnits) return ObjectView::State::TooLong;
     nShortId = MAKE_SHORT_OBJECT_ID(Record.nParentId);
   }
-  pPath->nUnits = nUnits;
-  for (auto Name = Names.rbegin(); Name != Names.rend(); ++Name) pPath->Text += *Name;
+  pPath->nUnits = static_cast<std::uint32_t>(nUnits);
+  for (auto Name = Names.rbegin(); Name != Names.rend(); ++Name) *pText += *Name;
   return ObjectView::State::Named;
 }
 

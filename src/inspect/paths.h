@@ -8,7 +8,6 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "inspect/objects.h"
@@ -86,23 +85,60 @@ class Paths {
     std::uint64_t nUsed = 0;    // in which call
   };
   struct Path {
+    std::string_view Text;
+    std::uint32_t nUnits = 0;  // of UTF-16
     ObjectView::State State = ObjectView::State::Named;
-    std::size_t nUnits = 0;  // of UTF-16
-    std::string Text;
+  };
+  // The paths of parents that are known, by number of the store and short id: places one behind another, of which an
+  // entry takes the first free one from its home on.
+  class Parents {
+   public:
+    const Path* Find(std::uint64_t nKey) const;
+    const Path* Add(std::uint64_t nKey, Path New, const std::string& Text);  // good until the next one is added
+    void Clear();
+    std::uint64_t Bytes() const { return m_nTextBytes + m_Places.size() * sizeof(Place); }
+
+    // Has the processor bring near what Find will look at, and what it finds.
+    void Approach(std::uint64_t nKey) const;
+    void ApproachText(std::uint64_t nKey) const;
+
+   private:
+    struct Place {
+      std::uint64_t nKey = 0;  // 0: free
+      Path Known;
+    };
+
+    std::size_t HomeOf(std::uint64_t nKey) const;
+    void Grow();
+
+    std::vector<Place> m_Places;  // a power of two, or none
+    std::size_t m_nUsed = 0;
+    Texts m_Texts;
+    std::uint64_t m_nTextBytes = 0;
   };
   struct Order {
     std::uint64_t nId;
     std::uint32_t nIndex;
   };
-  using Parents = std::unordered_map<std::uint64_t, Path>;
+  // An object on its way to its view.
+  struct Work {
+    ObjectView Seen;
+    const Held* pStore = nullptr;
+    std::uint32_t nShortId = 0;
+    bool bVolumes = false;
+    tODB_ID_ENTRY Record;
+  };
 
   Held& Open(const SegmentLife& Of);
   Held& HeldOf(std::uint64_t nId, const SegmentLife& From);
   Answer OpenFolderOf(const SegmentLife& Of, os::FolderHandle* ppFolder);
   void Sort(std::span<const std::uint64_t> Ids);
-  ObjectView View(std::uint64_t nId, const SegmentLife& From);
-  const Path& ParentPath(const Held& In, std::uint32_t nShortId, bool bVolumes);
-  ObjectView::State BuildPath(const Held& In, std::uint32_t nShortId, bool bVolumes, Path* pPath);
+  void Begin(std::uint64_t nId, const SegmentLife& From, Work* pWork);
+  void Finish(Work* pWork);
+  std::uint64_t ParentKey(const Work& Of) const;
+  Path ParentPath(const Held& In, std::uint32_t nShortId, bool bVolumes);
+  ObjectView::State BuildPath(const Held& In, std::uint32_t nShortId, bool bVolumes, Path* pPath,
+                              std::string* pText);
   ObjectView::State ReadLinked(Objects& In, std::uint32_t* pnShortId, bool bVolumes, tODB_ID_ENTRY* pRecord);
   std::string_view Join(const Path& Parent, const tODB_ID_ENTRY& Record, std::string_view Name);
 
@@ -117,7 +153,6 @@ class Paths {
   Held* m_pLast = nullptr;         // ... and its store, within a call
   std::uint64_t m_nHostObject = 0;
   Parents m_Parents[2];  // by number of the store and short id; in the second volumes stand for what they link to
-  std::uint64_t m_nParentBytes = 0;
   std::vector<Order> m_Order;
   std::vector<Order> m_Spare;
   std::vector<ObjectView> m_Views;

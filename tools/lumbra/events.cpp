@@ -221,6 +221,7 @@ class EventShow {
     }
     for (std::size_t i = 0; i < Positions.size(); ++i) {
       const inspect::ObjectView* const pObject = bNames ? &pObjects[i] : nullptr;
+      if (bNames && i + kAhead < Positions.size()) Approach(pObjects[i + kAhead].Name);
       if (m_Filter->AsksForNames() && !m_Filter->PassesName(*pObject)) continue;
       if (!m_Options.bCountOnly) Print(Read, Positions[i], pObject);
       ++m_nShown;
@@ -231,6 +232,14 @@ class EventShow {
       if (m_bWriteFailed) return false;
     }
     return true;
+  }
+
+  // Names stand in the order of their ids, and are read in that of the events: the next ones are brought near.
+  static constexpr std::size_t kAhead = 8;
+  static void Approach(std::string_view Name) {
+    constexpr std::size_t kLine = 64;
+    for (std::size_t n = 0; n < std::min<std::size_t>(Name.size(), 3 * kLine); n += kLine)
+      __builtin_prefetch(Name.data() + n);
   }
 
   void Print(const inspect::Batch& Read, std::uint32_t nPosition, const inspect::ObjectView* pObject) {

@@ -18,11 +18,8 @@ class Progress {
 
   // So many are done; and of a total, in any unit, where it is known, for the time that is left.
   void Tell(std::uint64_t nDone, std::uint64_t nOfTotal = 0, std::uint64_t nTotal = 0) {
-    if (m_bShown && ++m_nCalls % m_nEvery == 0) Show(nDone, nOfTotal, nTotal);
+    if (m_bShown) Show(nDone, nOfTotal, nTotal);
   }
-
-  // Looks at the clock in every such call of Tell, where that would cost more than what is counted.
-  void LookEvery(std::uint32_t nCalls) { m_nEvery = nCalls; }
 
   // Takes the line away, before something else is written there.
   void End();
@@ -36,8 +33,6 @@ class Progress {
   const bool m_bShown;
   const Clock::time_point m_Start = Clock::now();
   Clock::time_point m_Next = m_Start;
-  std::uint32_t m_nEvery = 1;
-  std::uint32_t m_nCalls = 0;
   bool m_bOnScreen = false;
 };
 
