@@ -182,8 +182,10 @@ const std::vector<ObjectView>& Paths::Resolve(std::span<const std::uint64_t> Ids
   constexpr std::size_t kGroup = 32;
   ++m_nCalls;
   m_pLast = nullptr;
-  m_Texts.Clear();
-  m_Views.resize(Ids.size());
+  m_pNow = m_pNow == &m_Answers[0] ? &m_Answers[1] : &m_Answers[0];
+  m_pNow->Shown.Clear();
+  std::vector<ObjectView>& Views = m_pNow->Views;
+  Views.resize(Ids.size());
   Sort(Ids);
   Work Group[kGroup];
   std::uint32_t FirstOf[kGroup];  // in the order
@@ -192,6 +194,7 @@ const std::vector<ObjectView>& Paths::Resolve(std::span<const std::uint64_t> Ids
     const std::uint64_t nStore = m_Order[i].nId >> 32;
     for (; i < m_Order.size() && nWorks < kGroup && m_Order[i].nId >> 32 == nStore; ++nWorks) {
       FirstOf[nWorks] = static_cast<std::uint32_t>(i);
+      __builtin_prefetch(&Views[m_Order[i].nIndex], 1);
       const std::uint64_t nId = m_Order[i].nId;
       Begin(nId, From, &Group[nWorks]);
       if (const Work& Begun = Group[nWorks]; Begun.Record.nParentId != 0)
@@ -204,10 +207,10 @@ const std::vector<ObjectView>& Paths::Resolve(std::span<const std::uint64_t> Ids
     for (std::size_t n = 0; n < nWorks; ++n) {
       Finish(&Group[n]);
       const std::size_t nEnd = n + 1 < nWorks ? FirstOf[n + 1] : i;
-      for (std::size_t nAt = FirstOf[n]; nAt < nEnd; ++nAt) m_Views[m_Order[nAt].nIndex] = Group[n].Seen;
+      for (std::size_t nAt = FirstOf[n]; nAt < nEnd; ++nAt) Views[m_Order[nAt].nIndex] = Group[n].Seen;
     }
   }
-  return m_Views;
+  return Views;
 }
 
 std::uint64_t Paths::ParentKey(const Work& Of) const {
@@ -262,7 +265,7 @@ void Paths::Finish(Work* pWork) {
 std::string_view Paths::Join(const Path& Parent, const tODB_ID_ENTRY& Record, std::string_view Name) {
   const char cSeparator = SeparatorOf(Record, Name);
   const std::size_t nSize = Parent.Text.size() + (cSeparator != '\0' ? 1 : 0) + Name.size();
-  char* const pText = m_Texts.Take(nSize);
+  char* const pText = m_pNow->Shown.Take(nSize);
   char* pAt = std::copy(Parent.Text.begin(), Parent.Text.end(), pText);
   if (cSeparator != '\0') *pAt++ = cSeparator;
   std::copy(Name.begin(), Name.end(), pAt);
@@ -315,7 +318,7 @@ const Paths::Path* Paths::Parents::Find(std::uint64_t nKey) const {
 }
 
 const Paths::Path* Paths::Parents::Add(std::uint64_t nKey, Path New, const std::string& Text) {
-  if (m_nUsed * 2 >= m_Places.size()) Grow();
+  if (m_nUsed * 4 >= m_Places.size() * 3) Grow();
   char* const pText = m_Texts.Take(Text.size());
   std::copy(Text.begin(), Text.end(), pText);
   New.Text = {pText, Text.size()};

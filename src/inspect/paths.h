@@ -54,7 +54,8 @@ class Paths {
   void Keep(const SegmentLife& Of);
 
   // The objects with these ids, which bear their database, in the same order. Those of the segment that the ids come
-  // from are looked for in that life of it. The views are good until the next call.
+  // from are looked for in that life of it. The views are good until the call after the next one, so that another thread
+  // can use them while the next ones are looked up.
   const std::vector<ObjectView>& Resolve(std::span<const std::uint64_t> Ids, const SegmentLife& From = {});
 
   // The store that an id leads to, opened; null when there is none.
@@ -155,8 +156,12 @@ class Paths {
   Parents m_Parents[2];  // by number of the store and short id; in the second volumes stand for what they link to
   std::vector<Order> m_Order;
   std::vector<Order> m_Spare;
-  std::vector<ObjectView> m_Views;
-  Texts m_Texts;  // what the views show
+  struct Answers {
+    std::vector<ObjectView> Views;
+    Texts Shown;
+  };
+  Answers m_Answers[2];  // of this call and of the one before
+  Answers* m_pNow = &m_Answers[0];
 };
 
 }  // namespace lumbra::inspect

@@ -207,7 +207,7 @@ void EventOutput::AddField(const Field& What, const std::uint8_t* pEvent) {
       return AddId(NumberAt(What, pEvent));
     case FieldType::Hex:
       if (bJson) m_Lines.Add('"');
-      for (std::uint32_t i = 0; i < What.nSize; ++i) m_Lines.AddHexByte(pEvent[What.nOffset + i]);
+      m_Lines.AddHex({pEvent + What.nOffset, What.nSize});
       if (bJson) m_Lines.Add('"');
       return;
     case FieldType::Text: {

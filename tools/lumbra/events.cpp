@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <future>
 #include <thread>
 
 #include "commands.h"
@@ -23,8 +24,8 @@ constexpr std::uint64_t kWithoutLimit = UINT64_MAX;
 constexpr std::uint64_t kFollowedLines = 10;
 
 // Many events are read, and their names looked up, together; where no name is, not more than processors keep near.
-constexpr std::uint32_t kMostEvents = 65536;
-constexpr std::uint32_t kMostBytes = 2U << 20;
+constexpr std::uint32_t kMostEvents = 262144;
+constexpr std::uint32_t kMostBytes = 8U << 20;
 constexpr std::uint32_t kMostBytesToCount = 256U << 10;
 constexpr std::size_t kMostNamesOfFew = 1024;  // where there is a limit, at which most of them would be for nothing
 
@@ -219,6 +220,12 @@ class EventShow {
       m_nShown += Positions.size();
       return true;
     }
+    if (IsWorthAThread(Positions.size())) {
+      m_nShown += Positions.size();
+      PrintMeanwhile(Read, Positions, pObjects);
+      return true;
+    }
+    WaitForPrinting();
     for (std::size_t i = 0; i < Positions.size(); ++i) {
       const inspect::ObjectView* const pObject = bNames ? &pObjects[i] : nullptr;
       if (bNames && i + kAhead < Positions.size()) Approach(pObjects[i + kAhead].Name);
@@ -240,6 +247,36 @@ class EventShow {
     constexpr std::size_t kLine = 64;
     for (std::size_t n = 0; n < std::min<std::size_t>(Name.size(), 3 * kLine); n += kLine)
       __builtin_prefetch(Name.data() + n);
+  }
+
+  // Many events of which nothing else is asked are printed by a second thread, while the next ones are read.
+  bool IsWorthAThread(std::size_t nEvents) const {
+    constexpr std::size_t kFewest = 16384;
+    return nEvents >= kFewest && !m_Options.bCountOnly && !m_Options.bShowCursor && m_nLeft == kWithoutLimit &&
+           !m_Filter->AsksForNames();
+  }
+
+  void PrintMeanwhile(const inspect::Batch& Read, std::span<const std::uint32_t> Positions,
+                      const inspect::ObjectView* pObjects) {
+    WaitForPrinting();
+    m_Printed.assign(Read.Events.begin(), Read.Events.end());
+    m_PrintedPositions.assign(Positions.begin(), Positions.end());
+    m_Printing = std::async(std::launch::async, [this, First = Read.First, pObjects] {
+      bool bAll = true;
+      for (std::size_t i = 0; bAll && i < m_PrintedPositions.size(); ++i) {
+        if (pObjects != nullptr && i + kAhead < m_PrintedPositions.size()) Approach(pObjects[i + kAhead].Name);
+        const std::uint32_t nPosition = m_PrintedPositions[i];
+        m_Output->Print({First.nSegment, First.nIndex + nPosition},
+                        m_Printed.data() + std::size_t{nPosition} * m_nEventSize,
+                        pObjects == nullptr ? nullptr : &pObjects[i], {});
+        bAll = m_Output->WriteIfFull();
+      }
+      return bAll;
+    });
+  }
+
+  void WaitForPrinting() {
+    if (m_Printing.valid() && !m_Printing.get()) m_bWriteFailed = true;
   }
 
   void Print(const inspect::Batch& Read, std::uint32_t nPosition, const inspect::ObjectView* pObject) {
@@ -323,6 +360,7 @@ class EventShow {
 
   // Brings what was printed to whoever reads it.
   void Deliver() {
+    WaitForPrinting();
     m_bWriteFailed = m_bWriteFailed || !m_Output->Write() || std::fflush(stdout) != 0;
   }
 
@@ -342,6 +380,7 @@ class EventShow {
 
   int Finish() {
     m_Progress.End();
+    WaitForPrinting();
     if (m_Output && m_Options.bShowCursor && m_Options.Form == OutputForm::Table && !m_Options.bCountOnly)
       m_Output->PrintLine("-- cursor: " + Cursor());
     if (m_Output) Deliver();
@@ -389,6 +428,9 @@ class EventShow {
   std::vector<std::uint32_t> m_Positions;
   std::vector<std::uint64_t> m_Ids;
   std::string m_Cursor;
+  // Of the one that the second thread prints.
+  std::vector<std::uint8_t> m_Printed;
+  std::vector<std::uint32_t> m_PrintedPositions;
 
   std::uint64_t m_nExamined = 0;
   std::uint64_t m_nShown = 0;
@@ -398,6 +440,7 @@ class EventShow {
   std::optional<inspect::Cursor> m_Stopped;  // within a batch
   bool m_bWriteFailed = false;
   int m_nStatus = kExitOk;
+  std::future<bool> m_Printing;  // the last member: it ends before what it uses
 };
 
 // What the component cannot do.

@@ -1,10 +1,12 @@
 // Text on its way to standard output, put together by hand, since there may be millions of lines of it.
 #pragma once
 
+#include <array>
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <span>
 #include <string_view>
 #include <type_traits>
 #include <vector>
@@ -36,19 +38,20 @@ class LineBuffer {
   }
   // "0x0100000100000002"
   void AddId(std::uint64_t nId) {
-    std::memcpy(Room(18), "0x", 2);
-    m_nUsed += 2;
-    AddHex(nId);
+    char* pAt = Room(18);
+    *pAt++ = '0';
+    *pAt++ = 'x';
+    for (int nShift = 56; nShift >= 0; nShift -= 8, pAt += 2)
+      std::memcpy(pAt, kHexPairs.data() + 2 * (nId >> nShift & 0xFF), 2);
+    m_nUsed += 18;
   }
-  void AddHex(std::uint64_t nNumber) {  // 16 digits
-    for (int nShift = 56; nShift >= 0; nShift -= 8) AddHexByte(static_cast<std::uint8_t>(nNumber >> nShift));
-  }
-  void AddHexByte(std::uint8_t nByte) {
-    constexpr char kDigits[] = "0123456789abcdef";
-    char* const pAt = Room(2);
-    pAt[0] = kDigits[nByte >> 4];
-    pAt[1] = kDigits[nByte & 15];
-    m_nUsed += 2;
+  void AddHex(std::span<const std::uint8_t> Bytes) {
+    char* pAt = Room(2 * Bytes.size());
+    for (const std::uint8_t nByte : Bytes) {
+      std::memcpy(pAt, kHexPairs.data() + 2 * std::size_t{nByte}, 2);
+      pAt += 2;
+    }
+    m_nUsed += 2 * Bytes.size();
   }
   // The last digits of a number, with zeros in front; at most 19.
   void AddDigits(std::uint64_t nNumber, std::uint32_t nDigits) {
@@ -90,6 +93,13 @@ class LineBuffer {
  private:
   static constexpr std::size_t kFull = std::size_t{256} << 10;
   static constexpr std::size_t kSize = kFull + (std::size_t{64} << 10);
+
+  static constexpr std::array<char, 512> kHexPairs = [] {
+    std::array<char, 512> Pairs{};
+    for (std::size_t i = 0; i < Pairs.size(); ++i)
+      Pairs[i] = "0123456789abcdef"[i % 2 == 0 ? i / 2 / 16 : i / 2 % 16];
+    return Pairs;
+  }();
 
   char* Room(std::size_t nBytes) {
     if (m_Bytes.size() - m_nUsed < nBytes) m_Bytes.resize((m_nUsed + nBytes) * 2);
