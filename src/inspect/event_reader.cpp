@@ -17,7 +17,7 @@ namespace {
 constexpr std::size_t kOpenAhead = 64;
 
 // Of a batch: what the memory near the processor holds.
-constexpr std::uint32_t kMostBytes = 2 << 20;
+constexpr std::uint32_t kMostBytes = 8 << 20;
 
 std::uint32_t CrcOfEvent(std::span<const std::uint8_t> Event) {
   return Crc32(UINT32_MAX, Event.data(), Event.size());  // under which zeros count, too
