@@ -50,6 +50,7 @@ struct Batch {
   Place First;
   std::uint32_t nCount = 0;
   std::span<const std::uint8_t> Events;  // good until the next call of the reader
+  std::uint64_t nIdsBirth = 0;           // of the segment's id records (horizon.h)
   std::optional<Gap> Lost;               // without events then
 
   Place Behind() const { return {First.nSegment, First.nIndex + nCount}; }
@@ -67,28 +68,31 @@ class EventReader {
  public:
   EventReader(const Store& Of, Database What, Report Tell);
 
-  // Takes a horizon, and opens what may be deleted before it is read. To be called first, and again to see what came
-  // meanwhile: what became of events that were not read yet is told by gaps.
+  // Takes a horizon. To be called first, and again to see what came meanwhile: what became of events that were not read
+  // yet is told by gaps. Where a deleted file stays what it was while it is open, the next segments are opened, so that
+  // they can be read when they are dropped.
   ResultCode Refresh();
   const Horizon& Seen() const { return m_Horizon; }
-  std::uint32_t EventSize() const { return m_Horizon.nEventSize; }
+  std::uint32_t EventSize() const { return m_Horizon.nEventSize; }  // bytes
 
-  // Where Next goes on: at the oldest event, at the first one that is not before a place, so many before the end, or
-  // behind the last one that is there.
-  void MoveToOldest();
+  // The segments that are read next, as many as were opened; their objects are to be opened, too (paths.h).
+  std::vector<SegmentExtent> Upcoming() const;
+
+  // Where Next goes on, within the horizon: at the oldest event, at the first one that is not before a place, so many
+  // before the end, or behind the last one that is there. What was to be told by a gap is forgotten.
+  void MoveToOldest() { MoveTo({}); }
   void MoveTo(Place Where);
   void MoveToLast(std::uint64_t nEvents);
-  void MoveToEnd();
+  void MoveToEnd() { MoveToLast(0); }
 
-  // The next events, at most so many, or the next gap. False at the horizon, where nothing is lost.
+  // The next events, at most so many, or the next gap. False at the horizon.
   bool Next(std::uint32_t nMost, Batch* pBatch);
 
-  // The other way round, from the horizon on: the last events that were not read yet, which stand in the batch in their
-  // order. Places that Next is moved to are its end.
+  // The other way round, from the horizon back to where Next goes on. The events of a batch stand in their order.
   bool Previous(std::uint32_t nMost, Batch* pBatch);
 
-  // A cursor behind the first so many events of a batch that was just read; where Next goes on; and going on at one
-  // that was kept. What is lost then is told by the next gap.
+  // A cursor behind the first so many events of the batch that was read last; where Next goes on; and going on at one
+  // that was kept, after which the next gap tells what is lost.
   Cursor CursorBehind(const Batch& Read, std::uint32_t nEvents);
   Cursor CursorHere();
   Resumed Resume(const Cursor& Kept);
@@ -97,30 +101,42 @@ class EventReader {
   // A segment that is to be read.
   struct Track {
     SegmentExtent Extent;
-    std::unique_ptr<File> pFile;  // kept, where a deleted file stays what it was; null: not opened yet
+    std::optional<Gap> Before;     // what is missing between it and the track before it
+    std::unique_ptr<File> pFile;   // null: not opened yet, or not kept open
+    bool bChecked = false;         // its header was read, and fits
+    std::optional<Gap::Why> Gone;  // it was dropped or cleared since; what was opened can be read
     std::optional<std::uint32_t> FirstCrc;
-    bool bGone = false;     // it was dropped or cleared since
-    bool bChecked = false;  // its header was read, and fits
   };
 
-  bool Finish(Track* pTrack);
+  void Follow(const Horizon& Fresh);
+  bool IsSame(const Track& Of, const SegmentExtent& Now) const;
+  void SettleGone(Track* pTrack, bool bSizeChanged);
+  void Append();
   void OpenAhead();
-  void Append(const Horizon& Fresh);
-  bool IsStillThere(const Track& Of, const Horizon& Fresh) const;
-  std::optional<Gap::Why> Open(Track* pTrack);
-  std::optional<Gap::Why> Read(Track* pTrack, std::uint64_t nFirst, std::uint32_t nCount);
-  std::optional<std::uint32_t> CrcOf(Track* pTrack, std::uint64_t nIndex);
+  bool StartFirst();
   Gap RestOf(const Track& Of, std::uint64_t nFrom, Gap::Why Reason) const;
+  Gap::Why WhyGone(std::uint32_t nSegment) const;
+  std::optional<Gap::Why> Open(Track* pTrack);
+  std::optional<Gap::Why> CheckHeader(Track* pTrack);
+  std::optional<Gap::Why> Read(Track* pTrack, std::uint64_t nFirst, std::uint32_t nCount);
+  std::uint32_t CountOf(std::uint64_t nLeft, std::uint32_t nMost) const;
+  Track* FindTrack(std::uint32_t nSegment);
+  std::optional<std::uint32_t> CrcOf(Track* pTrack, std::uint64_t nIndex);
+  Cursor CursorAt(Track* pTrack, std::uint64_t nNext, std::optional<std::uint32_t> BeforeCrc);
+  Resumed GoOnBehindLoss(const Cursor& Kept, Gap::Why Reason);
 
   const Store& m_Store;
   const Database m_Database;
   const Report m_Tell;
   os::FolderHandle m_pFolder;
   Horizon m_Horizon;
-  std::deque<Track> m_Tracks;   // oldest first, from the one on that Next reads
-  std::deque<Gap> m_Gaps;       // to be told before the first track
-  std::uint64_t m_nNext = 0;    // in the first track
-  std::optional<Place> m_Back;  // Previous goes on before it
+  std::deque<Track> m_Tracks;         // oldest first, from the one on that Next reads
+  std::uint64_t m_nNext = 0;          // in the first track
+  std::uint32_t m_nLastFinished = 0;  // the segment that was read before the first track; 0: none
+  std::optional<Gap> m_Pending;       // to be told before the first track
+  std::size_t m_nBack = 0;            // Previous reads in the track before this one ...
+  std::uint64_t m_nBackEnd = 0;       // ... the events before this one
+  bool m_bBack = false;               // the two hold
   std::vector<std::uint8_t> m_Buffer;
 };
 

@@ -18,9 +18,10 @@ namespace lumbra::inspect {
 
 struct SegmentExtent {
   std::uint32_t nNumber;
-  std::uint64_t nEvents;  // whole ones
-  std::uint64_t nBirth;   // of its file of events: a number that was made again has another one; 0: not known
-  bool bOver;             // no event comes any more: the next segment holds one
+  std::uint64_t nEvents;    // whole ones
+  std::uint64_t nBirth;     // of its file of events: a number that was made again has another one; 0: not known
+  std::uint64_t nIdsBirth;  // the same, of the id records of its objects
+  bool bOver;               // no event comes any more: the next segment holds one
 };
 
 // The end of an object store's files.
@@ -33,12 +34,15 @@ ObjectsExtent MeasureObjects(const os::FolderHandle& pFolder, std::u16string_vie
 struct Horizon {
   std::uint32_t nEventSize = 0;         // bytes; 0 when there are no events, and no file tells their size
   std::uint32_t nFirst = 0;             // what "segments.dat" calls the oldest segment, 0 for none
-  std::vector<SegmentExtent> Segments;  // oldest first, numbers without gaps
+  std::vector<SegmentExtent> Segments;  // oldest first; a number that is left out is of a segment that is missing
 };
 
 // Takes it. A chain that is being changed is waited for a moment; where "segments.dat" is missing or damaged then, or
-// leads nowhere, that is reported, and the newest run of segments that are there is taken. An empty one, and errOK, for
-// a database that has none; a failure when the system does not let us look.
-ResultCode TakeHorizon(const Store& Of, const Database& What, const Report& Tell, Horizon* pHorizon);
+// leads nowhere, that is reported, and the newest run of segments that are there is taken; a segment that is missing
+// in between is reported, too. An empty one, and errOK, for a database that has none; a failure when the system does
+// not let us look. Segments before nFrom are left out, where the chain goes so far, and then nothing is looked for
+// behind its end.
+ResultCode TakeHorizon(const Store& Of, const Database& What, const Report& Tell, Horizon* pHorizon,
+                       std::uint32_t nFrom = 0);
 
 }  // namespace lumbra::inspect

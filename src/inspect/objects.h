@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -46,16 +47,18 @@ struct DataBlock {
 // One thread at a time.
 class Objects {
  public:
-  // Opens nothing yet. The cache outlives it; the store, too.
+  // The store and the cache outlive it.
   Objects(const Store& Of, os::FolderHandle pFolder, ObjectFileNames Names, BlockCache* pCache);
 
-  // Takes the sizes of the files anew; at first the next call does that itself. Before what is read of events, not
-  // after.
-  void Refresh();
+  // Opens the files, and takes their sizes. Where the id records were born at another time than is expected, they are
+  // another life's, and Missing; 0 is any.
+  Answer Open(std::uint64_t nIdsBirth = 0);
 
-  // How many objects there are at the horizon; their short ids are 1 to this. Why there are none to be seen.
-  std::uint32_t Count();
-  Answer Opened();
+  // Whether it was deleted since: another store may have its place.
+  bool IsDeleted() const;
+
+  // How many objects there were then; their short ids are 1 to this. An id beyond is looked for once more.
+  std::uint32_t Count() const { return m_nCount; }
 
   // A record. Its CRC, where it has one, is right.
   Answer ReadRecord(std::uint32_t nShortId, tODB_ID_ENTRY* pRecord);
@@ -75,34 +78,33 @@ class Objects {
   struct Half {  // one of the two files
     std::u16string Name;
     std::unique_ptr<File> pFile;
-    std::uint64_t nSize = 0;  // at the horizon
+    std::uint64_t nSize = 0;  // as far as is known
   };
 
-  Answer Open();
   Answer OpenHalf(Half* pHalf);
   Answer ReadHeads();
-  std::span<const std::uint8_t> Bytes(Half& From, std::uint64_t nOffset, std::uint32_t nSize);
-  void Forget(Half& From, std::uint64_t nOffset, std::uint32_t nSize);
-  Answer Contradiction() const;
+  void Measure();
+  Answer Get(Half& From, std::uint64_t nOffset, std::uint32_t nSize, std::span<const std::uint8_t>* pBytes);
+  Answer Contradiction();
   Answer TryRecord(std::uint32_t nShortId, tODB_ID_ENTRY* pRecord);
   Answer TryName(const tODB_ID_ENTRY& Of, std::span<const std::uint8_t>* pName);
-  Answer TryEntries(std::uint32_t nShortId, const tODB_ID_ENTRY& Of, std::vector<tODB_DATA_ENTRY>* pEntries);
+  Answer TryEntries(std::uint32_t nShortId, tODB_ID_ENTRY* pRecord, std::vector<tODB_DATA_ENTRY>* pEntries);
   Answer TryBlock(std::uint32_t nShortId, const tODB_DATA_ENTRY& Of, std::vector<std::uint8_t>* pBytes);
+  bool IsStill(std::uint32_t nShortId, const tODB_ID_ENTRY& Record);
   template <class TryOnce>
-  Answer UntilSettled(TryOnce Try);
+  Answer UntilSettled(std::uint32_t nShortId, TryOnce Try);
+  void ForgetRecord(std::uint32_t nShortId);
 
   const Store& m_Store;
   const os::FolderHandle m_pFolder;
   BlockCache* const m_pCache;
   Half m_Ids;
   Half m_Data;
-  Patience m_Patience;  // from the horizon on
-  bool m_bOpened = false;
-  Answer m_Opened = Answer::Missing;
   std::uint32_t m_nStored = sizeof(tODB_ID_ENTRY);  // bytes of a record in the file
   std::uint32_t m_nFeatures = 0;
   std::uint32_t m_nCount = 0;
-  os::SystemError m_nError = os::kSuccess;  // of the last read
+  std::uint32_t m_nWaited = 0;  // contradictions that were waited for in vain
+  std::optional<bool> m_bHeld;  // whether somebody had the store when the first of them stayed
 };
 
 }  // namespace lumbra::inspect

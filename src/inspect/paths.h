@@ -36,26 +36,92 @@ struct ObjectView {
   std::string_view Name;      // the whole path: UTF-8, or the bytes of a file's name that is none
 };
 
+// A segment whose number may be given to another one: its database, and the birth of its id records (horizon.h).
+struct SegmentLife {
+  std::uint32_t nDatabase = 0;
+  std::uint32_t nSegment = 0;
+  std::uint64_t nIdsBirth = 0;
+
+  auto operator<=>(const SegmentLife&) const = default;
+};
+
 // All the object stores of a store, those opened that were used lately. One thread at a time.
 class Paths {
  public:
-  // What is kept of blocks, and of names of parents, together: bytes.
+  // What is kept of blocks, and of names of parents: bytes, each.
   Paths(const Store& Of, std::uint64_t nCacheBytes);
-  ~Paths();
 
-  // The objects with these ids, which bear their database, in the same order. The views are good until the next call.
-  const std::vector<ObjectView>& Resolve(std::span<const std::uint64_t> Ids);
+  // Opens the objects of a segment, so that they can be read when it is dropped meanwhile.
+  void Keep(const SegmentLife& Of);
 
-  // The store that an id leads to; null when there is none.
-  Objects* Find(std::uint64_t nId);
+  // The objects with these ids, which bear their database, in the same order. Those of the segment that the ids come
+  // from are looked for in that life of it. The views are good until the next call.
+  const std::vector<ObjectView>& Resolve(std::span<const std::uint64_t> Ids, const SegmentLife& From = {});
 
-  // To be called when a new horizon of events was taken: ids of objects that came since are known then.
-  void Refresh();
+  // The store that an id leads to, opened; null when there is none.
+  Objects* Find(std::uint64_t nId, const SegmentLife& From = {});
+
+  // Closes what would be in the writer's way, where a deleted file does not free its name. For those who wait.
+  void Rest();
+
+  // The object that kHostObjectAlias stands for; 0: none is known.
+  void SetHostObject(std::uint64_t nId) { m_nHostObject = nId; }
 
  private:
-  struct Impl;
+  // Texts one behind another, which stay where they are.
+  class Texts {
+   public:
+    char* Take(std::size_t nSize);
+    void Clear() { m_nChunk = m_nUsed = 0; }
 
-  std::unique_ptr<Impl> m_pImpl;
+   private:
+    std::vector<std::vector<char>> m_Chunks;
+    std::size_t m_nChunk = 0;
+    std::size_t m_nUsed = 0;  // in that chunk
+  };
+  struct Held {
+    std::unique_ptr<Objects> pObjects;  // null: it was not opened
+    Answer Opened = Answer::Missing;
+    std::uint64_t nNumber = 0;  // of those that were opened
+    std::uint64_t nUsed = 0;    // in which call
+  };
+  struct Path {
+    ObjectView::State State = ObjectView::State::Named;
+    std::size_t nUnits = 0;  // of UTF-16
+    std::string Text;
+  };
+  struct Order {
+    std::uint64_t nId;
+    std::uint32_t nIndex;
+  };
+  using Parents = std::unordered_map<std::uint64_t, Path>;
+
+  Held& Open(const SegmentLife& Of);
+  Held& HeldOf(std::uint64_t nId, const SegmentLife& From);
+  Answer OpenFolderOf(const SegmentLife& Of, os::FolderHandle* ppFolder);
+  void Sort(std::span<const std::uint64_t> Ids);
+  ObjectView View(std::uint64_t nId, const SegmentLife& From);
+  const Path& ParentPath(const Held& In, std::uint32_t nShortId, bool bVolumes);
+  ObjectView::State BuildPath(const Held& In, std::uint32_t nShortId, bool bVolumes, Path* pPath);
+  ObjectView::State ReadLinked(Objects& In, std::uint32_t* pnShortId, bool bVolumes, tODB_ID_ENTRY* pRecord);
+  std::string_view Join(const Path& Parent, const tODB_ID_ENTRY& Record, std::string_view Name);
+
+  const Store& m_Store;
+  const std::uint64_t m_nCacheBytes;
+  BlockCache m_Cache;
+  std::map<std::uint32_t, os::FolderHandle> m_Folders;
+  std::map<SegmentLife, Held> m_Stores;
+  std::uint64_t m_nOpened = 0;
+  std::uint64_t m_nCalls = 1;
+  std::uint64_t m_nLastStore = 0;  // the upper half of the id that was asked for last ...
+  Held* m_pLast = nullptr;         // ... and its store, within a call
+  std::uint64_t m_nHostObject = 0;
+  Parents m_Parents[2];  // by number of the store and short id; in the second volumes stand for what they link to
+  std::uint64_t m_nParentBytes = 0;
+  std::vector<Order> m_Order;
+  std::vector<Order> m_Spare;
+  std::vector<ObjectView> m_Views;
+  Texts m_Texts;  // what the views show
 };
 
 }  // namespace lumbra::inspect

@@ -1,0 +1,373 @@
+#include "inspect/event_reader.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "format/crc32.h"
+#include "format/file_names.h"
+#include "format/record_file.h"
+#include "format/segments_file.h"
+#include "platform/result.h"
+
+namespace lumbra::inspect {
+namespace {
+
+// So many files of events are opened before they are read.
+constexpr std::size_t kOpenAhead = 64;
+
+// Of a batch: what the memory near the processor holds.
+constexpr std::uint32_t kMostBytes = 2 << 20;
+
+std::uint32_t CrcOfEvent(std::span<const std::uint8_t> Event) {
+  return Crc32(UINT32_MAX, Event.data(), Event.size());  // under which zeros count, too
+}
+
+}  // namespace
+
+EventReader::EventReader(const Store& Of, Database What, Report Tell)
+    : m_Store(Of), m_Database(std::move(What)), m_Tell(std::move(Tell)) {}
+
+// ---- Horizons ---------------------------------------------------------------------------------------------
+
+ResultCode EventReader::Refresh() {
+  if (m_pFolder == nullptr) {
+    if (const os::SystemError nError = m_Store.OpenFolder(m_Database, &m_pFolder); nError != os::kSuccess)
+      return ResultFromSystemError(nError);
+  }
+  Horizon Fresh;
+  const std::uint32_t nFrom = m_Tracks.empty() ? 0 : m_Tracks.front().Extent.nNumber;
+  ResultCode nCode = TakeHorizon(m_Store, m_Database, m_Tell, &Fresh, nFrom);
+  // A chain that does not go on where we are is looked at from its start.
+  const bool bGoesOn = !m_Tracks.empty() && !Fresh.Segments.empty() && IsSame(m_Tracks.front(), Fresh.Segments.front());
+  if (Succeeded(nCode) && nFrom != 0 && !bGoesOn) nCode = TakeHorizon(m_Store, m_Database, m_Tell, &Fresh);
+  if (Failed(nCode)) return nCode;
+  Follow(Fresh);
+  m_Horizon = std::move(Fresh);
+  m_bBack = false;
+  Append();
+  return errOK;
+}
+
+// What became of the segments that were to be read.
+void EventReader::Follow(const Horizon& Fresh) {
+  const bool bSizeChanged = Fresh.nEventSize != m_Horizon.nEventSize;
+  bool bAnyLeft = false;
+  for (Track& One : m_Tracks) {
+    if (One.Gone) continue;
+    const auto Now = std::ranges::find(Fresh.Segments, One.Extent.nNumber, &SegmentExtent::nNumber);
+    if (!bSizeChanged && Now != Fresh.Segments.end() && IsSame(One, *Now)) {
+      One.Extent = *Now;
+      bAnyLeft = true;
+    } else {
+      One.Gone = Gap::Why::Dropped;
+      SettleGone(&One, bSizeChanged);
+    }
+  }
+  // One that was begun, never held an event, and is gone: its number is free again.
+  while (!m_Tracks.empty() && m_Tracks.back().Gone && m_Tracks.back().Extent.nEvents == 0 &&
+         (bAnyLeft || m_Tracks.back().Extent.bOver))
+    m_Tracks.pop_back();
+  if (m_Tracks.empty()) m_nNext = 0;
+  // The chain starts at a number that was there already: it was begun anew.
+  const std::uint32_t nLast = m_Tracks.empty() ? m_nLastFinished : m_Tracks.back().Extent.nNumber;
+  if (bAnyLeft || nLast == 0 || Fresh.Segments.empty() || Fresh.Segments.front().nNumber > nLast) return;
+  for (Track& One : m_Tracks) One.Gone = Gap::Why::Cleared;
+}
+
+// Of a segment that is gone it can be read what was opened, and counted how much there was at the end.
+void EventReader::SettleGone(Track* pTrack, bool bSizeChanged) {
+  os::FileLook Last{};
+  if (pTrack->pFile == nullptr || pTrack->pFile->Look(&Last) != os::kSuccess) return;
+  pTrack->Extent.nEvents = RecordCountOfSize(Last.nSize, m_Horizon.nEventSize);
+  pTrack->Extent.bOver = true;
+  if (bSizeChanged) pTrack->pFile.reset();  // nobody expects events of the old size any more
+}
+
+// Whether a segment is still the one that it was. Its number may have been given to another one, at the same tick of
+// the clock.
+bool EventReader::IsSame(const Track& Of, const SegmentExtent& Now) const {
+  if (Of.Extent.nNumber != Now.nNumber || Of.Extent.nBirth != Now.nBirth || Now.nEvents < Of.Extent.nEvents)
+    return false;
+  os::FileLook Open{};
+  return Of.pFile == nullptr || (Of.pFile->Look(&Open) == os::kSuccess && Open.nNames != 0);
+}
+
+// The segments of the horizon behind those that are known. Between them some may be missing.
+void EventReader::Append() {
+  const std::vector<SegmentExtent>& Segments = m_Horizon.Segments;
+  const bool bAnyLeft = !m_Tracks.empty() && !m_Tracks.back().Gone;
+  std::uint32_t nLast = m_Tracks.empty() ? m_nLastFinished : m_Tracks.back().Extent.nNumber;
+  Gap Missing{{nLast + 1, 0}, {}, 0, true, bAnyLeft ? Gap::Why::Damaged : Gap::Why::Dropped};
+  const bool bAnew = !bAnyLeft && nLast != 0 && !Segments.empty() && Segments.front().nNumber <= nLast;
+  if (bAnew) {
+    Missing.Reason = Gap::Why::Cleared;
+    m_nLastFinished = nLast = 0;
+  }
+  for (const SegmentExtent& One : Segments) {
+    if (One.nNumber <= nLast) continue;
+    Track Fresh;
+    Fresh.Extent = One;
+    Missing.To = {One.nNumber, 0};
+    const bool bFollows = nLast == 0 || One.nNumber == nLast + 1;
+    if (!bFollows || Missing.Reason == Gap::Why::Cleared) Fresh.Before = Missing;
+    nLast = One.nNumber;
+    Missing = {{nLast + 1, 0}, {}, 0, true, Gap::Why::Damaged};
+    m_Tracks.push_back(std::move(Fresh));
+  }
+  OpenAhead();
+}
+
+void EventReader::OpenAhead() {
+  if (!os::DeletedFilesFreeTheirNames()) return;
+  for (std::size_t i = 0; i < std::min(kOpenAhead, m_Tracks.size()); ++i) {
+    if (m_Tracks[i].pFile == nullptr && !m_Tracks[i].Gone) (void)Open(&m_Tracks[i]);  // told when it is read
+  }
+}
+
+std::vector<SegmentExtent> EventReader::Upcoming() const {
+  std::vector<SegmentExtent> Next;
+  for (std::size_t i = 0; i < std::min(kOpenAhead, m_Tracks.size()); ++i) Next.push_back(m_Tracks[i].Extent);
+  return Next;
+}
+
+// ---- Places -----------------------------------------------------------------------------------------------
+
+void EventReader::MoveTo(Place Where) {
+  m_Tracks.clear();
+  m_Pending.reset();
+  m_bBack = false;
+  m_nNext = 0;
+  m_nLastFinished = 0;
+  Append();
+  while (m_Tracks.size() > 1 && m_Tracks.front().Extent.nNumber < Where.nSegment) {
+    m_nLastFinished = m_Tracks.front().Extent.nNumber;
+    m_Tracks.pop_front();
+  }
+  if (m_Tracks.empty()) return;
+  Track& First = m_Tracks.front();
+  First.Before.reset();
+  if (First.Extent.nNumber == Where.nSegment) m_nNext = std::min(Where.nIndex, First.Extent.nEvents);
+  if (First.Extent.nNumber < Where.nSegment) m_nNext = First.Extent.nEvents;
+}
+
+void EventReader::MoveToLast(std::uint64_t nEvents) {
+  if (m_Horizon.Segments.empty()) return MoveToOldest();
+  auto At = m_Horizon.Segments.end() - 1;
+  while (At != m_Horizon.Segments.begin() && At->nEvents < nEvents) nEvents -= (At--)->nEvents;
+  MoveTo({At->nNumber, At->nEvents - std::min(At->nEvents, nEvents)});
+}
+
+// ---- Events -----------------------------------------------------------------------------------------------
+
+std::uint32_t EventReader::CountOf(std::uint64_t nLeft, std::uint32_t nMost) const {
+  const std::uint32_t nFit = std::max(1u, kMostBytes / std::max(1u, m_Horizon.nEventSize));
+  return static_cast<std::uint32_t>(std::min<std::uint64_t>({nLeft, nMost, nFit}));
+}
+
+Gap EventReader::RestOf(const Track& Of, std::uint64_t nFrom, Gap::Why Reason) const {
+  const std::uint64_t nEnd = std::max(nFrom, Of.Extent.nEvents);
+  return {{Of.Extent.nNumber, nFrom}, {Of.Extent.nNumber, nEnd}, nEnd - nFrom, !Of.Extent.bOver, Reason};
+}
+
+// Makes the first track one that has something to be read; false when there is none, or a gap is to be told first.
+bool EventReader::StartFirst() {
+  while (!m_Tracks.empty()) {
+    Track& First = m_Tracks.front();
+    if (First.Before) m_Pending = std::exchange(First.Before, {});
+    if (m_Pending) return false;
+    if (m_nNext < First.Extent.nEvents) return true;
+    if (!First.Extent.bOver && !First.Gone) return false;
+    m_nLastFinished = First.Extent.nNumber;
+    m_Tracks.pop_front();
+    m_nNext = 0;
+    OpenAhead();
+  }
+  return false;
+}
+
+bool EventReader::Next(std::uint32_t nMost, Batch* pBatch) {
+  *pBatch = {};
+  if (StartFirst()) {
+    Track& First = m_Tracks.front();
+    const std::uint32_t nCount = CountOf(First.Extent.nEvents - m_nNext, nMost);
+    const std::optional<Gap::Why> Why = Read(&First, m_nNext, nCount);
+    if (!Why) {
+      *pBatch = {{First.Extent.nNumber, m_nNext}, nCount, m_Buffer, First.Extent.nIdsBirth, {}};
+      m_nNext += nCount;
+      return true;
+    }
+    m_Pending = RestOf(First, m_nNext, *Why);
+    m_nNext = First.Extent.nEvents;
+  }
+  if (!m_Pending) return false;
+  pBatch->First = m_Pending->From;
+  pBatch->Lost = std::exchange(m_Pending, {});
+  return true;
+}
+
+bool EventReader::Previous(std::uint32_t nMost, Batch* pBatch) {
+  *pBatch = {};
+  if (!m_bBack) {
+    m_bBack = true;
+    m_nBack = m_Tracks.size();
+    m_nBackEnd = m_Tracks.empty() ? 0 : m_Tracks.back().Extent.nEvents;
+  }
+  for (; m_nBack != 0; --m_nBack, m_nBackEnd = m_nBack == 0 ? 0 : m_Tracks[m_nBack - 1].Extent.nEvents) {
+    Track& At = m_Tracks[m_nBack - 1];
+    const std::uint64_t nLow = m_nBack == 1 ? m_nNext : 0;
+    if (m_nBackEnd > nLow) {
+      const std::uint32_t nCount = CountOf(m_nBackEnd - nLow, nMost);
+      const std::optional<Gap::Why> Why = Read(&At, m_nBackEnd - nCount, nCount);
+      pBatch->First = {At.Extent.nNumber, Why ? nLow : m_nBackEnd - nCount};
+      if (Why) {
+        pBatch->Lost = Gap{pBatch->First, {At.Extent.nNumber, m_nBackEnd}, m_nBackEnd - nLow, false, *Why};
+        m_nBackEnd = nLow;
+      } else {
+        pBatch->nCount = nCount;
+        pBatch->Events = m_Buffer;
+        pBatch->nIdsBirth = At.Extent.nIdsBirth;
+        m_nBackEnd -= nCount;
+      }
+      return true;
+    }
+    if (At.Before) {
+      pBatch->Lost = std::exchange(At.Before, {});
+      pBatch->First = pBatch->Lost->From;
+      return true;
+    }
+  }
+  return false;
+}
+
+// Whether a segment that is not there any more went because it was the oldest, or with all others.
+Gap::Why EventReader::WhyGone(std::uint32_t nSegment) const {
+  tSDB_HEADER Header{};
+  std::string Bytes;
+  if (ReadSmall(m_pFolder, kSegmentsFile, sizeof(Header), &Bytes) != os::kSuccess || Bytes.size() != sizeof(Header))
+    return Gap::Why::Cleared;
+  std::memcpy(&Header, Bytes.data(), sizeof(Header));
+  return Header.nFirstSegment > nSegment ? Gap::Why::Dropped : Gap::Why::Cleared;
+}
+
+std::optional<Gap::Why> EventReader::Open(Track* pTrack) {
+  const std::u16string Name = SegmentFileName(pTrack->Extent.nNumber, kEventsFile);
+  const os::SystemError nError = File::Open(m_pFolder, Name, &pTrack->pFile);
+  if (nError == os::kFileNotFound) return WhyGone(pTrack->Extent.nNumber);
+  os::FileLook Found{};
+  if (nError == os::kAccessDenied && os::LookAt(m_pFolder, Name, &Found) == os::kSuccess && !Found.bPlain) {
+    m_Tell({Grade::Damage, m_Database.Folder + u'/' + Name, 0, "it is no file", "", ""});
+    return Gap::Why::Damaged;
+  }
+  if (nError != os::kSuccess || pTrack->pFile->Look(&Found) != os::kSuccess) return Gap::Why::Unreadable;
+  if (Found.nBirth == pTrack->Extent.nBirth) return {};
+  pTrack->pFile.reset();  // another one has got its number
+  return WhyGone(pTrack->Extent.nNumber);
+}
+
+std::optional<Gap::Why> EventReader::CheckHeader(Track* pTrack) {
+  if (pTrack->bChecked) return {};
+  tPLAINDB_HEADER Header{};
+  std::uint32_t nRead = 0;
+  if (pTrack->pFile->Read(0, &Header, sizeof(Header), &nRead) != os::kSuccess) return Gap::Why::Unreadable;
+  const bool bMagic = std::memcmp(Header.Magic, kRecordMagic, sizeof(kRecordMagic)) == 0;
+  pTrack->bChecked = nRead == sizeof(Header) && bMagic && Header.nHeaderSize == sizeof(Header) &&
+                     Header.nRecordSize == m_Horizon.nEventSize;
+  if (pTrack->bChecked) return {};
+  const std::u16string Name = SegmentFileName(pTrack->Extent.nNumber, kEventsFile);
+  m_Tell({Grade::Damage, m_Database.Folder + u'/' + Name, 0,
+          "its header is not one of events of " + std::to_string(m_Horizon.nEventSize) + " bytes", "", ""});
+  return Gap::Why::Damaged;
+}
+
+std::optional<Gap::Why> EventReader::Read(Track* pTrack, std::uint64_t nFirst, std::uint32_t nCount) {
+  if (pTrack->pFile == nullptr) {
+    if (pTrack->Gone) return pTrack->Gone;
+    if (const std::optional<Gap::Why> Why = Open(pTrack)) return Why;
+  }
+  if (const std::optional<Gap::Why> Why = CheckHeader(pTrack)) return Why;
+  const std::uint64_t nOffset = sizeof(tPLAINDB_HEADER) + nFirst * m_Horizon.nEventSize;
+  m_Buffer.resize(std::size_t{nCount} * m_Horizon.nEventSize);
+  std::uint32_t nRead = 0;
+  const auto nSize = static_cast<std::uint32_t>(m_Buffer.size());
+  const os::SystemError nError = pTrack->pFile->Read(nOffset, m_Buffer.data(), nSize, &nRead);
+  if (!os::DeletedFilesFreeTheirNames()) pTrack->pFile.reset();
+  if (nError != os::kSuccess) return Gap::Why::Unreadable;
+  if (nRead == nSize) return {};
+  return Gap::Why::Damaged;  // it was cut since the horizon
+}
+
+// ---- Cursors ----------------------------------------------------------------------------------------------
+
+EventReader::Track* EventReader::FindTrack(std::uint32_t nSegment) {
+  const auto Found = std::ranges::find(m_Tracks, nSegment, [](const Track& One) { return One.Extent.nNumber; });
+  return Found == m_Tracks.end() ? nullptr : &*Found;
+}
+
+std::optional<std::uint32_t> EventReader::CrcOf(Track* pTrack, std::uint64_t nIndex) {
+  std::vector<std::uint8_t> Kept;
+  m_Buffer.swap(Kept);  // which is a batch's
+  const bool bRead = nIndex < pTrack->Extent.nEvents && !Read(pTrack, nIndex, 1);
+  const std::optional<std::uint32_t> Crc = bRead ? std::optional(CrcOfEvent(m_Buffer)) : std::nullopt;
+  m_Buffer.swap(Kept);
+  return Crc;
+}
+
+Cursor EventReader::CursorAt(Track* pTrack, std::uint64_t nNext, std::optional<std::uint32_t> BeforeCrc) {
+  if (nNext != 0 && !pTrack->FirstCrc) pTrack->FirstCrc = CrcOf(pTrack, 0);
+  if (nNext != 0 && !BeforeCrc) BeforeCrc = CrcOf(pTrack, nNext - 1);
+  return {.nSegment = pTrack->Extent.nNumber,
+          .nNext = nNext,
+          .nBirth = pTrack->Extent.nBirth,
+          .nEventSize = m_Horizon.nEventSize,
+          .nFirstCrc = nNext == 0 ? 0 : pTrack->FirstCrc.value_or(0),
+          .nBeforeCrc = BeforeCrc.value_or(0)};
+}
+
+Cursor EventReader::CursorBehind(const Batch& Read, std::uint32_t nEvents) {
+  Track* const pTrack = FindTrack(Read.First.nSegment);
+  if (pTrack == nullptr) return CursorHere();
+  std::optional<std::uint32_t> BeforeCrc;
+  if (nEvents != 0 && nEvents <= Read.nCount) {
+    const std::size_t nSize = m_Horizon.nEventSize;
+    BeforeCrc = CrcOfEvent(Read.Events.subspan((nEvents - 1) * nSize, nSize));
+  }
+  return CursorAt(pTrack, Read.First.nIndex + nEvents, BeforeCrc);
+}
+
+Cursor EventReader::CursorHere() {
+  if (m_Tracks.empty()) return {.nSegment = m_nLastFinished, .nEventSize = m_Horizon.nEventSize};
+  return CursorAt(&m_Tracks.front(), m_nNext, {});
+}
+
+Resumed EventReader::GoOnBehindLoss(const Cursor& Kept, Gap::Why Reason) {
+  MoveToOldest();
+  const Place Oldest = m_Tracks.empty() ? Place{} : Place{m_Tracks.front().Extent.nNumber, 0};
+  m_Pending = Gap{{Kept.nSegment, Kept.nNext}, Oldest, 0, true, Reason};
+  return Resumed::Lost;
+}
+
+Resumed EventReader::Resume(const Cursor& Kept) {
+  MoveTo({Kept.nSegment, Kept.nNext});
+  if (Kept.nSegment == 0) return Resumed::There;  // there was nothing then
+  if (Kept.nEventSize != m_Horizon.nEventSize) return GoOnBehindLoss(Kept, Gap::Why::Cleared);
+  Track* const pTrack = FindTrack(Kept.nSegment);
+  if (pTrack == nullptr) {
+    const std::vector<SegmentExtent>& Segments = m_Horizon.Segments;
+    const std::uint32_t nLast = Segments.empty() ? 0 : Segments.back().nNumber;
+    const bool bBegun = Kept.nNext == 0 && nLast != 0 && Kept.nSegment == nLast + 1;  // a segment that was given up
+    if (bBegun) return Resumed::There;
+    return GoOnBehindLoss(Kept, nLast > Kept.nSegment ? Gap::Why::Dropped : Gap::Why::Cleared);
+  }
+  if (Kept.nNext == 0) return Resumed::There;
+  const bool bFirst = CrcOf(pTrack, 0) == Kept.nFirstCrc;
+  if (bFirst && CrcOf(pTrack, Kept.nNext - 1) == Kept.nBeforeCrc) return Resumed::There;
+  // A birth that is the same says more than an event, which may have been updated; a copy that was put back has
+  // another.
+  const bool bBirth = Kept.nBirth != 0 && Kept.nBirth == pTrack->Extent.nBirth;
+  if (!bFirst && !bBirth) return GoOnBehindLoss(Kept, Gap::Why::Cleared);
+  MoveTo({Kept.nSegment, 0});
+  return Resumed::Repeated;
+}
+
+}  // namespace lumbra::inspect

@@ -1,0 +1,213 @@
+#include "inspect/horizon.h"
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+
+#include "format/file_names.h"
+#include "format/record_file.h"
+#include "format/segments_file.h"
+#include "inspect/file.h"
+#include "platform/result.h"
+
+namespace lumbra::inspect {
+namespace {
+
+std::uint64_t SizeOf(const os::FolderHandle& pFolder, std::u16string_view Name) {
+  os::FileLook Found{};
+  return os::LookAt(pFolder, Name, &Found) == os::kSuccess && Found.bPlain ? Found.nSize : 0;
+}
+
+// One look at a chain.
+class Look {
+ public:
+  Look(const Store& Of, const Database& What, Horizon* pHorizon)
+      : m_Store(Of), m_Database(What), m_pHorizon(pHorizon) {}
+
+  os::SystemError OpenFolder() { return m_Store.OpenFolder(m_Database, &m_pFolder); }
+
+  // What is wrong with "segments.dat".
+  struct Wrong {
+    std::string What;
+    std::string Found;
+  };
+
+  // What it says, and the segments from there on, or from a later one. It is read again behind them: segments that were
+  // dropped meanwhile would make the chain look shorter than it is.
+  std::optional<Wrong> FollowChain(std::uint32_t nFrom) {
+    tSDB_HEADER Header{};
+    if (const std::optional<Wrong> Found = ReadHead(&Header)) return Found;
+    *m_pHorizon = {Header.nEventSize, Header.nFirstSegment, {}};
+    if (Header.nFirstSegment == 0) return {};
+    m_nFailure = Append(std::max(Header.nFirstSegment, nFrom));
+    if (m_pHorizon->Segments.empty() && nFrom > Header.nFirstSegment) m_nFailure = Append(Header.nFirstSegment);
+    if (m_pHorizon->Segments.empty())
+      return Wrong{"it leads to segment " + std::to_string(Header.nFirstSegment) + ", which is not there", ""};
+    tSDB_HEADER Now{};
+    if (const std::optional<Wrong> Found = ReadHead(&Now)) return Found;
+    m_bSettled = Header.nEventSize == Now.nEventSize && Header.nFirstSegment <= Now.nFirstSegment &&
+                 Now.nFirstSegment <= m_pHorizon->Segments.back().nNumber;
+    return {};
+  }
+  bool IsSettled() const { return m_bSettled; }
+
+  // Without it: the newest run of files with events, which tell their size themselves.
+  void FollowFiles() {
+    std::vector<std::uint32_t> Numbers = ListSegments();
+    if (Numbers.empty()) return;
+    auto First = Numbers.end() - 1;
+    while (First != Numbers.begin() && *(First - 1) + 1 == *First) --First;
+    for (auto One = First; One != Numbers.end() && m_pHorizon->nEventSize == 0; ++One) {
+      tPLAINDB_HEADER Header{};
+      std::string Bytes;
+      if (ReadSmall(m_pFolder, SegmentFileName(*One, kEventsFile), sizeof(Header), &Bytes) != os::kSuccess) continue;
+      if (Bytes.size() != sizeof(Header)) continue;
+      std::memcpy(&Header, Bytes.data(), sizeof(Header));
+      const bool bMagic = std::memcmp(Header.Magic, kRecordMagic, sizeof(kRecordMagic)) == 0;
+      if (bMagic && Header.nHeaderSize == sizeof(Header)) m_pHorizon->nEventSize = Header.nRecordSize;
+    }
+    if (m_pHorizon->nEventSize == 0) return;
+    m_pHorizon->nFirst = *First;
+    (void)Append(*First);  // as far as it goes
+  }
+
+  // Where a segment is missing in between, the next one behind it that holds events; 0 for none.
+  std::uint32_t NextBehindHole() const {
+    if (m_pHorizon->Segments.empty()) return 0;
+    const std::uint32_t nEnd = m_pHorizon->Segments.back().nNumber + 1;
+    for (const std::uint32_t nNumber : ListSegments()) {
+      if (nNumber > nEnd && EventsIn(nNumber) != 0) return nNumber;
+    }
+    return 0;
+  }
+
+  // Goes on there, unless that segment is older than those before it: then it is of an earlier life of the database.
+  bool GoOnBehindHole(std::uint32_t nNext) {
+    os::FileLook Next{};
+    (void)os::LookAt(m_pFolder, SegmentFileName(nNext, kEventsFile), &Next);  // without a birth when it fails
+    return Next.nBirth >= m_pHorizon->Segments.back().nBirth && Append(nNext) == os::kSuccess;
+  }
+
+  // Events that came before the next segment was begun are counted for sure only when that one holds one.
+  void CloseSegments() {
+    std::vector<SegmentExtent>& Segments = m_pHorizon->Segments;
+    for (std::size_t i = 0; i + 1 < Segments.size(); ++i) {
+      Segments[i].bOver = Segments[i + 1].nEvents != 0;
+      if (Segments[i].bOver) Segments[i].nEvents = std::max(Segments[i].nEvents, EventsIn(Segments[i].nNumber));
+    }
+    for (SegmentExtent& One : Segments) {
+      os::FileLook Ids{};
+      if (os::LookAt(m_pFolder, SegmentFileName(One.nNumber, kIdsFile), &Ids) == os::kSuccess)
+        One.nIdsBirth = Ids.nBirth;
+    }
+  }
+
+  bool Has(std::uint32_t nNumber) const {
+    os::FileLook Found{};
+    return os::LookAt(m_pFolder, SegmentFileName(nNumber, kEventsFile), &Found) == os::kSuccess;
+  }
+  os::SystemError Failure() const { return m_nFailure; }
+
+ private:
+  std::optional<Wrong> ReadHead(tSDB_HEADER* pHeader) {
+    m_bSettled = true;
+    std::string Bytes;
+    const os::SystemError nError = ReadSmall(m_pFolder, kSegmentsFile, sizeof(*pHeader), &Bytes);
+    if (nError != os::kSuccess && nError != os::kFileNotFound && nError != os::kAccessDenied) m_nFailure = nError;
+    if (nError != os::kSuccess) return Wrong{nError == os::kFileNotFound ? "it is missing" : "it cannot be read", ""};
+    if (Bytes.size() < sizeof(*pHeader)) return Wrong{"it is short", std::to_string(Bytes.size()) + " bytes"};
+    std::memcpy(pHeader, Bytes.data(), sizeof(*pHeader));
+    if (std::memcmp(pHeader->nMagic, kSegmentsMagic, sizeof(kSegmentsMagic)) != 0) return Wrong{"it has no magic", ""};
+    if (pHeader->nEventSize == 0) return Wrong{"it gives events no size", ""};
+    if (pHeader->nFirstSegment >= kSegmentNumberLimit)
+      return Wrong{"it leads beyond all segments", std::to_string(pHeader->nFirstSegment)};
+    return {};
+  }
+
+  // The segments from a number on, up to the first that is missing.
+  os::SystemError Append(std::uint32_t nNumber) {
+    for (; nNumber < kSegmentNumberLimit; ++nNumber) {
+      os::FileLook Found{};
+      const os::SystemError nError = os::LookAt(m_pFolder, SegmentFileName(nNumber, kEventsFile), &Found);
+      if (nError == os::kFileNotFound) break;
+      if (nError != os::kSuccess && m_pHorizon->Segments.empty()) return nError;
+      // What is no file, and what cannot be looked at, is there, and holds nothing that can be counted.
+      const std::uint64_t nSize = nError == os::kSuccess && Found.bPlain ? Found.nSize : 0;
+      m_pHorizon->Segments.push_back({.nNumber = nNumber,
+                                      .nEvents = RecordCountOfSize(nSize, m_pHorizon->nEventSize),
+                                      .nBirth = Found.nBirth,
+                                      .nIdsBirth = 0,
+                                      .bOver = false});
+    }
+    return os::kSuccess;
+  }
+
+  std::uint64_t EventsIn(std::uint32_t nNumber) const {
+    return RecordCountOfSize(SizeOf(m_pFolder, SegmentFileName(nNumber, kEventsFile)), m_pHorizon->nEventSize);
+  }
+
+  std::vector<std::uint32_t> ListSegments() const {
+    std::vector<std::uint32_t> Numbers;
+    (void)os::FindFiles(m_pFolder, kAnyEventsFile, [&Numbers](const os::FoundFile& Found) {  // as many as can be seen
+      const std::uint32_t nNumber = IsEventsFileName(Found.Name) ? NumberOfSegmentFile(Found.Name) : 0;
+      if (nNumber != 0 && nNumber < kSegmentNumberLimit) Numbers.push_back(nNumber);
+      return true;
+    });
+    std::ranges::sort(Numbers);
+    return Numbers;
+  }
+
+  const Store& m_Store;
+  const Database& m_Database;
+  Horizon* const m_pHorizon;
+  os::FolderHandle m_pFolder;
+  os::SystemError m_nFailure = os::kSuccess;
+  bool m_bSettled = true;
+};
+
+}  // namespace
+
+namespace {
+
+// A listing shows what came behind our last look, too: missing is only what is missing between that and a later look.
+void LookBehindHoles(Look* pChain, const Database& What, const Report& Tell, Horizon* pHorizon) {
+  while (const std::uint32_t nNext = pChain->NextBehindHole()) {
+    const std::uint32_t nMissing = pHorizon->Segments.back().nNumber + 1;
+    if (pChain->Has(nMissing)) return;  // it came meanwhile: what is behind it is behind the horizon
+    const bool bGoesOn = pChain->GoOnBehindHole(nNext);
+    Tell({Grade::Damage, What.Folder + u'/' + SegmentFileName(nMissing, kEventsFile), 0,
+          "it is missing, and segment " + std::to_string(nNext) + " is there" +
+              (bGoesOn ? "" : ", which is older than those before it and is left out"),
+          "", ""});
+    if (!bGoesOn) return;
+  }
+}
+
+}  // namespace
+
+ObjectsExtent MeasureObjects(const os::FolderHandle& pFolder, std::u16string_view Ids, std::u16string_view Data) {
+  const std::uint64_t nIds = SizeOf(pFolder, Ids);  // before that of the names, which are written first
+  return {nIds, SizeOf(pFolder, Data)};
+}
+
+ResultCode TakeHorizon(const Store& Of, const Database& What, const Report& Tell, Horizon* pHorizon,
+                       std::uint32_t nFrom) {
+  *pHorizon = {};
+  Look Chain(Of, What, pHorizon);
+  if (const os::SystemError nError = Chain.OpenFolder(); nError != os::kSuccess) return ResultFromSystemError(nError);
+  Patience Waiting;
+  std::optional<Look::Wrong> Wrong;
+  do {
+    Wrong = Chain.FollowChain(nFrom);
+    if (const os::SystemError nError = Chain.Failure(); nError != os::kSuccess) return ResultFromSystemError(nError);
+  } while ((Wrong || !Chain.IsSettled()) && Waiting.Wait());
+  if (Wrong) {
+    Tell({Grade::Damage, What.Folder + u'/' + kSegmentsFile, 0, Wrong->What, "", Wrong->Found});
+    Chain.FollowFiles();
+  }
+  if (nFrom == 0) LookBehindHoles(&Chain, What, Tell, pHorizon);
+  Chain.CloseSegments();
+  return errOK;
+}
+
+}  // namespace lumbra::inspect

@@ -1,0 +1,305 @@
+#include "inspect/paths.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+#include <utility>
+
+#include "events/circle_watch.h"
+#include "events/object_types.h"
+#include "host/text.h"
+#include "lumbra/lumbra.h"
+
+namespace lumbra::inspect {
+namespace {
+
+// So many stores are open at a time: twice as many as a reader of events opens before it reads them.
+constexpr std::size_t kMostOpen = 128;
+
+bool IsAscii(std::string_view Text) {
+  constexpr std::uint64_t kHighBits = 0x8080808080808080;
+  std::uint64_t nBits = 0;
+  std::size_t nAt = 0;
+  for (; nAt + sizeof(nBits) <= Text.size(); nAt += sizeof(nBits)) {
+    std::uint64_t nEight = 0;
+    std::memcpy(&nEight, Text.data() + nAt, sizeof(nEight));
+    nBits |= nEight;
+  }
+  for (; nAt < Text.size(); ++nAt) nBits |= static_cast<std::uint8_t>(Text[nAt]);
+  return (nBits & kHighBits) == 0;
+}
+
+// A stored name as text, in the buffer where it must be converted; and how many units of UTF-16 it has.
+std::string_view TextOf(const tODB_ID_ENTRY& Record, std::span<const std::uint8_t> Stored, std::string* pBuffer,
+                        std::size_t* pnUnits) {
+  std::u16string Wide;
+  if ((Record.nFlags & fObjUtf8) != 0) {
+    const std::string_view Text(reinterpret_cast<const char*>(Stored.data()), Stored.size());
+    *pnUnits = Text.size();
+    if (IsAscii(Text)) return Text;
+    Wide = host::ToUtf16(Text);
+  } else {
+    Wide.resize(Stored.size() / sizeof(char16_t));
+    std::memcpy(Wide.data(), Stored.data(), Wide.size() * sizeof(char16_t));
+  }
+  *pnUnits = Wide.size();
+  *pBuffer = host::NameToBytes(Wide);
+  return *pBuffer;
+}
+
+// What stands between an object and its parent: the objects of a path have a separator of their own where it is '/'.
+char SeparatorOf(const tODB_ID_ENTRY& Record, std::string_view Name) {
+  if (Record.nParentId == 0 || Name.starts_with('/') || Name.starts_with('\\')) return '\0';
+  return Record.nType == typeRegistryValue ? '/' : '\\';
+}
+
+bool FollowsVolumes(std::uint8_t nType) {
+  return (EffectiveFlags(nType, 0) & fObjFollowVolumeLinks) != 0;
+}
+
+ObjectView::State StateOf(Answer Found) {
+  switch (Found) {
+    case Answer::Read:
+      return ObjectView::State::Named;
+    case Answer::Missing:
+      return ObjectView::State::Gone;
+    case Answer::Damaged:
+      return ObjectView::State::Damaged;
+    case Answer::Unsettled:
+      return ObjectView::State::Unsettled;
+    case Answer::Unreadable:
+      break;
+  }
+  return ObjectView::State::Unreadable;
+}
+
+}  // namespace
+
+Paths::Paths(const Store& Of, std::uint64_t nCacheBytes)
+    : m_Store(Of), m_nCacheBytes(nCacheBytes), m_Cache(nCacheBytes) {}
+
+char* Paths::Texts::Take(std::size_t nSize) {
+  constexpr std::size_t kChunk = 1 << 20;
+  while (m_nChunk < m_Chunks.size() && m_Chunks[m_nChunk].size() - m_nUsed < nSize) {
+    ++m_nChunk;
+    m_nUsed = 0;
+  }
+  if (m_nChunk == m_Chunks.size()) m_Chunks.emplace_back(std::max(kChunk, nSize));
+  return m_Chunks[m_nChunk].data() + std::exchange(m_nUsed, m_nUsed + nSize);
+}
+
+// ---- Stores -----------------------------------------------------------------------------------------------
+
+void Paths::Keep(const SegmentLife& Of) {
+  (void)Open(Of);  // what cannot be opened is told of the objects that are asked for
+}
+
+void Paths::Rest() {
+  if (!os::DeletedFilesFreeTheirNames()) m_Stores.clear();
+}
+
+Answer Paths::OpenFolderOf(const SegmentLife& Of, os::FolderHandle* ppFolder) {
+  *ppFolder = m_Store.Folder();
+  if (Of.nSegment == 0) return Answer::Read;
+  os::FolderHandle& pKnown = m_Folders[Of.nDatabase];
+  if (pKnown == nullptr) {
+    const std::optional<Database> In = m_Store.Find(Of.nDatabase);
+    if (!In) return Answer::Missing;
+    if (m_Store.OpenFolder(*In, &pKnown) != os::kSuccess) return Answer::Unreadable;
+  }
+  *ppFolder = pKnown;
+  return Answer::Read;
+}
+
+// What could not be opened is tried once a call. What was opened as whatever has that number is tried again when it was
+// deleted; what was opened as a certain life of a segment is read as long as it is open.
+Paths::Held& Paths::Open(const SegmentLife& Of) {
+  const auto Found = m_Stores.find(Of);
+  if (Found != m_Stores.end()) {
+    Held& Known = Found->second;
+    const bool bNow = std::exchange(Known.nUsed, m_nCalls) == m_nCalls;
+    if (bNow || (Known.pObjects != nullptr && (Of.nIdsBirth != 0 || !Known.pObjects->IsDeleted()))) return Known;
+  }
+  if (Found == m_Stores.end() && m_Stores.size() >= kMostOpen)
+    m_Stores.erase(std::ranges::min_element(m_Stores, {}, [](const auto& One) { return One.second.nUsed; }));
+  Held& Fresh = m_Stores[Of];
+  Fresh = {nullptr, Answer::Missing, ++m_nOpened, m_nCalls};
+  os::FolderHandle pFolder;
+  Fresh.Opened = OpenFolderOf(Of, &pFolder);
+  if (Fresh.Opened != Answer::Read) return Fresh;
+  auto pObjects = std::make_unique<Objects>(
+      m_Store, std::move(pFolder), Of.nSegment == 0 ? SharedObjectFiles() : ObjectFilesOf(Of.nSegment), &m_Cache);
+  Fresh.Opened = pObjects->Open(Of.nIdsBirth);
+  if (Fresh.Opened == Answer::Read) Fresh.pObjects = std::move(pObjects);
+  return Fresh;
+}
+
+Paths::Held& Paths::HeldOf(std::uint64_t nId, const SegmentLife& From) {
+  if (m_pLast != nullptr && nId >> 32 == m_nLastStore) return *m_pLast;
+  SegmentLife Of{DatabaseOfId(nId), SegmentOfId(nId), 0};
+  if (Of.nSegment == 0) Of.nDatabase = 0;  // the shared objects are all databases'
+  if (Of.nDatabase == From.nDatabase && Of.nSegment == From.nSegment) Of = From;
+  m_nLastStore = nId >> 32;
+  m_pLast = &Open(Of);
+  return *m_pLast;
+}
+
+Objects* Paths::Find(std::uint64_t nId, const SegmentLife& From) {
+  ++m_nCalls;
+  m_pLast = nullptr;
+  return HeldOf(nId, From).pObjects.get();
+}
+
+// ---- Names ------------------------------------------------------------------------------------------------
+
+// By their bytes, the lowest first, where ids differ in them: one pass a byte, whatever the ids are.
+void Paths::Sort(std::span<const std::uint64_t> Ids) {
+  m_Order.resize(Ids.size());
+  m_Spare.resize(Ids.size());
+  std::uint64_t nDiffer = 0;
+  for (std::uint32_t i = 0; i < Ids.size(); ++i) {
+    m_Order[i] = {Ids[i], i};
+    nDiffer |= Ids[i] ^ Ids[0];
+  }
+  constexpr int kBits = 11;
+  constexpr std::uint64_t kDigits = 1 << kBits;
+  for (int nShift = 0; nShift < 64; nShift += kBits) {
+    if ((nDiffer >> nShift & (kDigits - 1)) == 0) continue;
+    std::uint32_t Starts[kDigits + 1] = {};
+    const auto DigitOf = [nShift](const Order& One) {
+      return static_cast<std::size_t>(One.nId >> nShift & (kDigits - 1));
+    };
+    for (const Order& One : m_Order) ++Starts[DigitOf(One) + 1];
+    for (std::size_t i = 1; i < kDigits; ++i) Starts[i] += Starts[i - 1];
+    for (const Order& One : m_Order) m_Spare[Starts[DigitOf(One)]++] = One;
+    m_Order.swap(m_Spare);
+  }
+}
+
+const std::vector<ObjectView>& Paths::Resolve(std::span<const std::uint64_t> Ids, const SegmentLife& From) {
+  ++m_nCalls;
+  m_pLast = nullptr;
+  m_Texts.Clear();
+  m_Views.resize(Ids.size());
+  Sort(Ids);
+  for (std::size_t i = 0; i < m_Order.size(); ++i) {
+    const bool bSame = i != 0 && m_Order[i].nId == m_Order[i - 1].nId;
+    m_Views[m_Order[i].nIndex] = bSame ? m_Views[m_Order[i - 1].nIndex] : View(m_Order[i].nId, From);
+  }
+  return m_Views;
+}
+
+ObjectView Paths::View(std::uint64_t nId, const SegmentLife& From) {
+  ObjectView Seen;
+  if (nId == kHostObjectAlias && m_nHostObject != 0) nId = m_nHostObject;
+  const Held& Store = HeldOf(nId, From);
+  Seen.Of = StateOf(Store.Opened);
+  if (Store.pObjects == nullptr) return Seen;
+  Objects& In = *Store.pObjects;
+  std::uint32_t nShortId = MAKE_SHORT_OBJECT_ID(nId);
+  tODB_ID_ENTRY Record{};
+  Seen.Of = StateOf(In.ReadRecord(nShortId, &Record));
+  if (Seen.Of != ObjectView::State::Named) return Seen;
+  Seen.nType = Record.nType;
+  if (Record.nParentId != 0) Seen.nParent = WithDatabase(Record.nParentId, DatabaseOfId(nId));
+  const bool bVolumes = FollowsVolumes(Record.nType);
+  Seen.Of = ReadLinked(In, &nShortId, bVolumes, &Record);
+  if (Seen.Of != ObjectView::State::Named) return Seen;
+  static const Path kNone;
+  const std::uint32_t nParent = MAKE_SHORT_OBJECT_ID(Record.nParentId);
+  const Path& Parent = Record.nParentId == 0 ? kNone : ParentPath(Store, nParent, bVolumes);
+  Seen.Of = Parent.State;
+  if (Seen.Of != ObjectView::State::Named) return Seen;
+  std::span<const std::uint8_t> Stored;
+  Seen.Of = StateOf(In.ReadName(Record, &Stored));
+  if (Seen.Of != ObjectView::State::Named) return Seen;
+  std::string Buffer;
+  std::size_t nUnits = 0;
+  const std::string_view Name = TextOf(Record, Stored, &Buffer, &nUnits);
+  if (Parent.nUnits + 1 + nUnits > kMaxNameUnits) {
+    const bool bSeparated = SeparatorOf(Record, Name) != '\0';
+    if (Parent.nUnits + (bSeparated ? 1 : 0) + nUnits > kMaxNameUnits) Seen.Of = ObjectView::State::TooLong;
+  }
+  if (Seen.Of == ObjectView::State::Named) Seen.Name = Join(Parent, Record, Name);
+  return Seen;
+}
+
+std::string_view Paths::Join(const Path& Parent, const tODB_ID_ENTRY& Record, std::string_view Name) {
+  const char cSeparator = SeparatorOf(Record, Name);
+  const std::size_t nSize = Parent.Text.size() + (cSeparator != '\0' ? 1 : 0) + Name.size();
+  char* const pText = m_Texts.Take(nSize);
+  char* pAt = std::copy(Parent.Text.begin(), Parent.Text.end(), pText);
+  if (cSeparator != '\0') *pAt++ = cSeparator;
+  std::copy(Name.begin(), Name.end(), pAt);
+  return {pText, nSize};
+}
+
+// The record of an object, or of the one that a link lets it stand for.
+ObjectView::State Paths::ReadLinked(Objects& In, std::uint32_t* pnShortId, bool bVolumes, tODB_ID_ENTRY* pRecord) {
+  CircleWatch Circle;
+  while (pRecord->nType == typeRegistryKey || (pRecord->nType == typeVolumeRoot && bVolumes)) {
+    if (Circle.WasHere(*pnShortId)) return ObjectView::State::Damaged;
+    std::uint64_t nLink = 0;
+    std::vector<std::uint8_t> Bytes;
+    if (pRecord->nDataEntriesCount == 0 || In.ReadData(*pnShortId, kObjectLinkTag, &Bytes) != Answer::Read) break;
+    if (Bytes.size() != sizeof(nLink)) break;
+    std::memcpy(&nLink, Bytes.data(), sizeof(nLink));
+    if (nLink == 0) break;
+    *pnShortId = MAKE_SHORT_OBJECT_ID(nLink);
+    const ObjectView::State Found = StateOf(In.ReadRecord(*pnShortId, pRecord));
+    if (Found != ObjectView::State::Named) return Found;
+  }
+  return ObjectView::State::Named;
+}
+
+const Paths::Path& Paths::ParentPath(const Held& In, std::uint32_t nShortId, bool bVolumes) {
+  Parents& Known = m_Parents[bVolumes ? 1 : 0];
+  const std::uint64_t nKey = In.nNumber << 32 | nShortId;
+  if (const auto Found = Known.find(nKey); Found != Known.end()) return Found->second;
+  if (m_nParentBytes > m_nCacheBytes) {
+    for (Parents& All : m_Parents) All.clear();
+    m_nParentBytes = 0;
+  }
+  Path Built;
+  Built.State = BuildPath(In, nShortId, bVolumes, &Built);
+  constexpr std::uint64_t kEntry = 128;  // what keeping one takes beside its text, roughly
+  m_nParentBytes += Built.Text.size() + kEntry;
+  return Known[nKey] = std::move(Built);
+}
+
+// Goes up to the root, or to a parent that is known, and puts the names together from there.
+ObjectView::State Paths::BuildPath(const Held& In, std::uint32_t nShortId, bool bVolumes, Path* pPath) {
+  const Parents& Known = m_Parents[bVolumes ? 1 : 0];
+  std::vector<std::string> Names;  // of the objects, with their separators, the last one first
+  CircleWatch Circle;
+  std::size_t nUnits = 0;
+  while (nShortId != 0) {
+    if (const auto Found = Known.find(In.nNumber << 32 | nShortId); Found != Known.end()) {
+      if (Found->second.State != ObjectView::State::Named) return Found->second.State;
+      nUnits += Found->second.nUnits;
+      Names.push_back(Found->second.Text);
+      break;
+    }
+    if (Circle.WasHere(nShortId)) return ObjectView::State::Damaged;
+    tODB_ID_ENTRY Record{};
+    ObjectView::State State = StateOf(In.pObjects->ReadRecord(nShortId, &Record));
+    if (State == ObjectView::State::Named) State = ReadLinked(*In.pObjects, &nShortId, bVolumes, &Record);
+    if (State != ObjectView::State::Named) return State;
+    std::span<const std::uint8_t> Stored;
+    State = StateOf(In.pObjects->ReadName(Record, &Stored));
+    if (State != ObjectView::State::Named) return State;
+    std::string Buffer;
+    std::size_t nOwn = 0;
+    const std::string_view Name = TextOf(Record, Stored, &Buffer, &nOwn);
+    const char cSeparator = SeparatorOf(Record, Name);
+    Names.push_back(cSeparator == '\0' ? std::string(Name) : cSeparator + std::string(Name));
+    nUnits += nOwn + (cSeparator == '\0' ? 0 : 1);
+    if (nUnits > kMaxNameUnits) return ObjectView::State::TooLong;
+    nShortId = MAKE_SHORT_OBJECT_ID(Record.nParentId);
+  }
+  pPath->nUnits = nUnits;
+  for (auto Name = Names.rbegin(); Name != Names.rend(); ++Name) pPath->Text += *Name;
+  return ObjectView::State::Named;
+}
+
+}  // namespace lumbra::inspect

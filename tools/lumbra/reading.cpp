@@ -1,0 +1,52 @@
+#include "reading.h"
+
+#include <cstdio>
+
+#include "commands.h"
+#include "failure.h"
+#include "host/text.h"
+#include "machine.h"
+#include "platform/result.h"
+
+namespace lumbra::tool {
+
+bool ReadsThroughComponent(const CommonOptions& Options) {
+  return !Options.Module.empty() || Options.nTraceLevel != 0;
+}
+
+std::unique_ptr<inspect::Store> OpenToRead(const CommonOptions& Options) {
+  const std::filesystem::path Folder = AbsolutePath(Options.Store);
+  const std::string What = "open " + Printable(TextOf(Folder));
+  std::unique_ptr<inspect::Store> pStore;
+  const os::SystemError nError = inspect::Store::Open(Folder.u16string(), &pStore);
+  if (nError == os::kFileNotFound || nError == os::kPathNotFound || (nError == os::kSuccess && !pStore->IsStore()))
+    throw Failure(What, errOBJECT_NOT_FOUND, "there is no store here");
+  Check(ResultFromSystemError(nError), What);
+  return pStore;
+}
+
+inspect::Database Require(const inspect::Store& Store, const DatabaseName& Database) {
+  const std::optional<inspect::Database> Found = Store.Find(host::ToUtf16(Database.Folder()));
+  if (!Found)
+    throw Failure("open " + Database.Describe(), errOBJECT_NOT_FOUND, "there is no such database in this store");
+  return *Found;
+}
+
+inspect::Report Findings::Teller() {
+  return [this](const inspect::Finding& What) {
+    constexpr const char* kGrades[] = {"damaged", "left over", "unsettled"};
+    const auto nGrade = static_cast<std::size_t>(What.Of);
+    std::string Line = std::string(kGrades[nGrade]) + ' ' + Printable(host::ToUtf8(What.File)) + ": " + What.What;
+    if (!What.Expected.empty()) Line += " (expected " + What.Expected + ')';
+    if (!What.Found.empty()) Line += " (found " + What.Found + ')';
+    std::fflush(stdout);
+    std::fprintf(stderr, "lumbra: %s\n", Line.c_str());
+    m_bMissing = m_bMissing || What.Of != inspect::Grade::Leftover;
+  };
+}
+
+int Findings::StatusOfReading(int nStatus) const {
+  return nStatus == kExitOk && m_bMissing ? kExitIncomplete : nStatus;
+}
+
+}  // namespace lumbra::tool
