@@ -38,8 +38,8 @@ std::optional<Fault> FaultOfRecords(const std::string& Bytes, std::uint32_t nSiz
 }
 
 std::optional<Fault> FaultOfData(const std::string& Bytes) {
-  const bool bKnown = std::ranges::any_of(
-      kFeatureMagics, [&Bytes](const FeatureMagic& Known) { return HasMagic(Bytes, Known.Magic); });
+  const bool bKnown =
+      std::ranges::any_of(kFeatureMagics, [&Bytes](const FeatureMagic& Known) { return HasMagic(Bytes, Known.Magic); });
   return bKnown ? std::nullopt : std::optional(Fault{"it has not the magic of a file of names and data"});
 }
 
@@ -57,10 +57,12 @@ struct Kind {
 constexpr Kind kIds = {kIdsFile, sizeof(tPLAINDB_HEADER), [](const std::string& Bytes, std::uint32_t) {
                          return FaultOfRecords(Bytes, sizeof(tODB_ID_ENTRY), true);
                        }};
-constexpr Kind kData = {kDataFile, sizeof(FILE_MAGIC),
-                        [](const std::string& Bytes, std::uint32_t) { return FaultOfData(Bytes); }};
-constexpr Kind kTree = {kTreeFile, sizeof(tODB_BT_HEADER),
-                        [](const std::string& Bytes, std::uint32_t) { return FaultOfTree(Bytes); }};
+constexpr Kind kData = {kDataFile, sizeof(FILE_MAGIC), [](const std::string& Bytes, std::uint32_t) {
+                          return FaultOfData(Bytes);
+                        }};
+constexpr Kind kTree = {kTreeFile, sizeof(tODB_BT_HEADER), [](const std::string& Bytes, std::uint32_t) {
+                          return FaultOfTree(Bytes);
+                        }};
 constexpr Kind kEvents = {kEventsFile, sizeof(tPLAINDB_HEADER), [](const std::string& Bytes, std::uint32_t nEventSize) {
                             return FaultOfRecords(Bytes, nEventSize, false);
                           }};

@@ -56,8 +56,8 @@ bool ParseLock(const std::string& Line, std::uint32_t* pnProcess, FileIdentity* 
   unsigned int nMajor = 0;
   unsigned int nMinor = 0;
   std::uint64_t nNumber = 0;
-  const int nFields = std::sscanf(Line.c_str(), "%*u: %15s %*s %*s %ld %x:%x:%" SCNu64, Kind, &nProcess, &nMajor,
-                                  &nMinor, &nNumber);
+  const int nFields =
+      std::sscanf(Line.c_str(), "%*u: %15s %*s %*s %ld %x:%x:%" SCNu64, Kind, &nProcess, &nMajor, &nMinor, &nNumber);
   if (nFields != 5 || std::string_view(Kind) != "FLOCK" || nProcess <= 0) return false;  // 0: not of this container
   *pnProcess = static_cast<std::uint32_t>(nProcess);
   *pFile = {std::uint64_t{nMajor} << 32 | nMinor, nNumber};

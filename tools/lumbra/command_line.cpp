@@ -104,7 +104,9 @@ void AddLimits(CLI::App* pCommand, LimitOptions* pLimits) {
               bSize  ? SizeOrReason
               : bAge ? AgeOrReason
                      : CountOrReason)
-        ->type_name(bSize ? "SIZE" : bAge ? "AGE" : "N")
+        ->type_name(bSize  ? "SIZE"
+                    : bAge ? "AGE"
+                           : "N")
         ->group("Limits");
   }
 }
@@ -261,7 +263,9 @@ void AddStoreCommands(CLI::App* pApp, Request* pRequest) {
   CLI::Option* const pForm = AddParsed(pInfo, "-o,--output", &pInfoWith->Output,
                                        "table, json, or prometheus for node_exporter's text files", TakeForm);
   pForm->type_name("FORM");
-  pInfo->add_flag_callback("--json", [pWith = pInfoWith] { pWith->Output = Form::Json; }, "As a JSON object")
+  pInfo
+      ->add_flag_callback(
+          "--json", [pWith = pInfoWith] { pWith->Output = Form::Json; }, "As a JSON object")
       ->excludes(pForm);
   pInfo->add_flag("--segments", pInfoWith->bSegments, "Also every segment");
   pInfo->add_flag("--times", pInfoWith->bTimes, "Also the lowest and the highest time of events, which reads them all");

@@ -8,8 +8,8 @@
 #include "failure.h"
 #include "host/text.h"
 #include "ids.h"
-#include "inspect/horizon.h"
 #include "inspect/paths.h"
+#include "open_objects.h"
 #include "path_filter.h"
 #include "reading.h"
 
@@ -18,7 +18,6 @@ namespace {
 
 using inspect::Answer;
 using inspect::DataBlock;
-using inspect::Objects;
 using inspect::ObjectView;
 
 constexpr char kNameUnreadable[] = "(its name cannot be read)";
@@ -56,8 +55,8 @@ class Output {
 
  private:
   void PrintJson(const Listed& Object, std::string_view Name, const char* pWhy) const {
-    nlohmann::ordered_json Line = {{"id", FormatId(Object.nId)}, {"type", nullptr},   {"flags", nullptr},
-                                   {"parent", nullptr},          {"name", nullptr}};
+    nlohmann::ordered_json Line = {
+        {"id", FormatId(Object.nId)}, {"type", nullptr}, {"flags", nullptr}, {"parent", nullptr}, {"name", nullptr}};
     if (Object.bRead) {
       Line["type"] = Object.Record.nType;
       Line["flags"] = Object.Record.nFlags;
@@ -83,19 +82,23 @@ class Lister {
   Lister(const CommonOptions& Common, const ObjectsOptions& Options)
       : m_Options(Options),
         m_pStore(OpenToRead(Common)),
-        m_Paths(*m_pStore, std::uint64_t{std::max(Common.nCacheSize, 256u)} * 1024),
+        m_Stores(*m_pStore, Common, &m_Findings),
+        m_Paths(*m_pStore, CacheBytesOf(Common)),
         m_Filter(Options.Under),
         m_Output(Options) {}
 
   int List() {
-    if (m_Options.Database && m_Options.Database->Number == kSystemDatabase) {
-      ListStore(0);
-    } else if (m_Options.Database) {
-      ListDatabase(Require(*m_pStore, *m_Options.Database));
-    } else {
-      ListStore(0);
-      for (const inspect::Database& One : m_pStore->Databases()) {
-        if (One.Id != kSystemDatabase) ListDatabase(One);
+    if (m_Options.Database) {
+      ListStores(m_Stores.List(*m_Options.Database));
+      return m_Findings.StatusOfReading(kExitOk);
+    }
+    ListStores(m_Stores.List(DatabaseName{kSystemDatabase, {}}));
+    for (const inspect::Database& One : m_pStore->Databases()) {
+      try {
+        if (One.Id != kSystemDatabase) ListStores(m_Stores.List(One));
+      } catch (const Failure& Reason) {  // one that cannot be listed does not hide the others
+        ReportFailure(Reason);
+        m_Findings.NoteMissing();
       }
     }
     return m_Findings.StatusOfReading(kExitOk);
@@ -103,68 +106,44 @@ class Lister {
 
  private:
   // The newest segment first, as names are looked up.
-  void ListDatabase(const inspect::Database& Of) {
-    const std::string What = "list the objects of " + Printable(host::ToUtf8(Of.Folder));
-    if (!Of.Id) {
+  void ListStores(std::vector<OpenObjects> Stores) {
+    for (OpenObjects& One : Stores) {
+      if (!m_Stores.Open(&One)) continue;
+      m_pOpen = &One;
+      m_nUnreadable = 0;
+      m_Options.bTree ? ListAsTree() : ListInOrder();
+      One.pObjects.reset();
+      if (m_nUnreadable == 0) continue;
       m_Findings.NoteMissing();
-      ReportFailure(Failure(What, errOBJECT_NOT_FOUND, "this database has no number yet, which ids of objects bear"));
-      return;
+      std::fflush(stdout);
+      std::fprintf(stderr, "lumbra: of %s, %llu objects or what belongs to them cannot be read\n",
+                   DescribeStoreOf(One.nBase).c_str(), static_cast<unsigned long long>(m_nUnreadable));
     }
-    inspect::Horizon At;
-    Check(inspect::TakeHorizon(*m_pStore, Of, m_Findings.Teller(), &At), What);
-    for (auto One = At.Segments.rbegin(); One != At.Segments.rend(); ++One)
-      ListStore(WithDatabase(std::uint64_t{One->nNumber} << 32, *Of.Id));
   }
 
-  // nBase: the id of an object 0 of the store.
-  void ListStore(std::uint64_t nBase) {
-    m_nUnreadable = 0;
-    m_Options.bTree ? ListAsTree(nBase) : ListInOrder(nBase);
-    if (m_nUnreadable == 0) return;
-    m_Findings.NoteMissing();
-    std::fflush(stdout);
-    std::fprintf(stderr, "lumbra: of %s, %llu objects or what belongs to them cannot be read\n",
-                 Describe(nBase).c_str(), static_cast<unsigned long long>(m_nUnreadable));
-  }
-
-  static std::string Describe(std::uint64_t nBase) {
-    if (nBase == 0) return "the shared objects";
-    return "segment " + std::to_string(SegmentOfId(nBase)) + " of database " + std::to_string(DatabaseOfId(nBase));
-  }
-
-  // How many objects there are. Why some cannot be seen is told.
-  std::uint32_t CountOf(std::uint64_t nBase) {
-    Objects* const pObjects = m_Paths.Find(nBase | 1);
-    const Answer Opened = pObjects == nullptr ? Answer::Missing : pObjects->Opened();
-    if (Opened != Answer::Read && Opened != Answer::Missing) ++m_nUnreadable;
-    return Opened == Answer::Read ? pObjects->Count() : 0;
-  }
-
-  Listed Read(std::uint64_t nId) {
-    Listed Object{nId};
-    Objects* const pObjects = m_Paths.Find(nId);  // each time: another one may have been let go of
-    if (pObjects == nullptr) return Object;
-    const auto nShortId = static_cast<std::uint32_t>(nId);
-    Object.bRead = pObjects->ReadRecord(nShortId, &Object.Record) == Answer::Read;
+  Listed Read(std::uint32_t nShortId) {
+    Listed Object;
+    Object.nId = m_pOpen->nBase | nShortId;
+    Object.bRead = m_pOpen->pObjects->ReadRecord(nShortId, &Object.Record) == Answer::Read;
     if (!Object.bRead) ++m_nUnreadable;
     const bool bHasData = m_Options.bData && Object.bRead && Object.Record.nDataEntriesCount != 0;
-    if (bHasData && pObjects->ListData(nShortId, &Object.Data) != Answer::Read) ++m_nUnreadable;
+    if (bHasData && m_pOpen->pObjects->ListData(nShortId, &Object.Data) != Answer::Read) ++m_nUnreadable;
     return Object;
   }
 
-  void ListInOrder(std::uint64_t nBase) {
+  void ListInOrder() {
     constexpr std::uint32_t kBatch = 4096;
-    const std::uint32_t nCount = CountOf(nBase);
+    const std::uint32_t nCount = m_pOpen->pObjects->Count();
     std::vector<Listed> Batch;
     std::vector<std::uint64_t> Ids;
-    for (std::uint64_t nNext = 1; nNext <= nCount;) {
+    for (std::uint32_t nDone = 0; nDone < nCount;) {
       Batch.clear();
       Ids.clear();
-      for (; nNext <= nCount && Ids.size() < kBatch; ++nNext) {
-        Ids.push_back(nBase | nNext);
-        Batch.push_back(Read(Ids.back()));
+      for (; nDone < nCount && Ids.size() < kBatch; ++nDone) {
+        Batch.push_back(Read(nDone + 1));
+        Ids.push_back(Batch.back().nId);
       }
-      const std::vector<ObjectView>& Views = m_Paths.Resolve(Ids);
+      const std::vector<ObjectView>& Views = m_Paths.Resolve(Ids, m_pOpen->Life);
       for (std::size_t i = 0; i < Batch.size(); ++i) Print(Batch[i], Views[i]);
     }
   }
@@ -191,30 +170,26 @@ class Lister {
     std::size_t nPathLength;  // of the path of its parent
   };
 
-  void ListAsTree(std::uint64_t nBase) {
-    const std::uint32_t nCount = CountOf(nBase);
-    if (nCount == 0) return;
-    ReadParents(nBase, nCount);
+  void ListAsTree() {
+    const std::uint32_t nCount = m_pOpen->pObjects->Count();
+    ReadParents(nCount);
     m_Seen.assign(std::size_t{nCount} + 1, false);
-    for (std::uint32_t i = m_nFirstChild[0]; i < m_nFirstChild[1]; ++i) Walk(nBase, m_Children[i]);
-    for (std::uint32_t nShortId = 1; nShortId != 0 && nShortId <= nCount; ++nShortId) {
+    for (std::uint32_t i = m_nFirstChild[0]; i < m_nFirstChild[1]; ++i) Walk(m_Children[i]);
+    for (std::uint32_t nShortId = 1; nShortId <= nCount; ++nShortId) {
       if (m_Seen[nShortId]) continue;
       ++m_nUnreadable;  // its parents run in a circle
-      Walk(nBase, nShortId);
+      Walk(nShortId);
     }
   }
 
   // The children of each object in the order of their ids; those of 0 have no parent here.
-  void ReadParents(std::uint64_t nBase, std::uint32_t nCount) {
+  void ReadParents(std::uint32_t nCount) {
     std::vector<std::uint32_t> Parents(std::size_t{nCount} + 1, 0);
-    Objects* const pObjects = m_Paths.Find(nBase | 1);
-    for (std::uint32_t nShortId = 1; nShortId <= nCount && pObjects != nullptr; ++nShortId) {
+    for (std::uint32_t nShortId = 1; nShortId <= nCount; ++nShortId) {
       tODB_ID_ENTRY Record{};
-      if (pObjects->ReadRecord(nShortId, &Record) != Answer::Read) continue;
-      const bool bHere = StoreNumberOf(Record.nParentId) == SegmentOfId(nBase);
+      if (m_pOpen->pObjects->ReadRecord(nShortId, &Record) != Answer::Read) continue;
       const std::uint32_t nParent = MAKE_SHORT_OBJECT_ID(Record.nParentId);
-      if (bHere && nParent <= nCount) Parents[nShortId] = nParent;
-      if (nShortId == nCount) break;
+      if (StoreNumberOf(Record.nParentId) == m_pOpen->Life.nSegment && nParent <= nCount) Parents[nShortId] = nParent;
     }
     m_nFirstChild.assign(std::size_t{nCount} + 2, 0);
     for (std::uint32_t i = 1; i <= nCount; ++i) ++m_nFirstChild[Parents[i] + std::size_t{1}];
@@ -224,7 +199,7 @@ class Lister {
     for (std::uint32_t i = 1; i <= nCount; ++i) m_Children[Next[Parents[i]]++] = i;
   }
 
-  void Walk(std::uint64_t nBase, std::uint32_t nTop) {
+  void Walk(std::uint32_t nTop) {
     constexpr std::uint32_t kStep = 2;
     constexpr std::uint32_t kDeepest = 100;  // objects of a line of millions of parents would cost as many blanks
     std::string Path;
@@ -235,7 +210,7 @@ class Lister {
       if (m_Seen[One.nShortId]) continue;
       m_Seen[One.nShortId] = true;
       Path.resize(One.nPathLength);
-      const Listed Object = Read(nBase | One.nShortId);
+      const Listed Object = Read(One.nShortId);
       std::string Name;
       const bool bNamed = Object.bRead && ReadOwnName(Object, &Name);
       AddTo(&Path, Object, Name);
@@ -249,9 +224,8 @@ class Lister {
 
   bool ReadOwnName(const Listed& Object, std::string* pName) {
     if (Object.Record.nNameSize == 0) return true;
-    Objects* const pObjects = m_Paths.Find(Object.nId);
     std::span<const std::uint8_t> Stored;
-    if (pObjects == nullptr || pObjects->ReadName(Object.Record, &Stored) != Answer::Read) {
+    if (m_pOpen->pObjects->ReadName(Object.Record, &Stored) != Answer::Read) {
       ++m_nUnreadable;
       return false;
     }
@@ -274,12 +248,14 @@ class Lister {
   }
 
   const ObjectsOptions& m_Options;
+  Findings m_Findings;
   const std::unique_ptr<inspect::Store> m_pStore;
+  ObjectStores m_Stores;
   inspect::Paths m_Paths;
   const PathFilter m_Filter;
   const Output m_Output;
-  Findings m_Findings;
-  std::uint64_t m_nUnreadable = 0;  // of the store that is listed now
+  OpenObjects* m_pOpen = nullptr;   // what is listed now
+  std::uint64_t m_nUnreadable = 0;  // of it
   std::vector<bool> m_Seen;
   std::vector<std::uint32_t> m_nFirstChild;  // in m_Children, of each object
   std::vector<std::uint32_t> m_Children;

@@ -59,7 +59,7 @@ class UnknownFields {
     constexpr std::size_t kMostTold = 100;
     for (const std::string& Name : Names) {
       if (m_Told.size() == kMostTold || !m_Told.insert(Name).second) continue;
-      std::fprintf(stderr, "line %llu: no event has a field %s; it is left out, here and behind\n",
+      std::fprintf(stderr, "line %llu: no event has a field %s; it is left out wherever it stands\n",
                    static_cast<unsigned long long>(nLine), Printable(Name).c_str());
     }
   }

@@ -13,7 +13,7 @@ namespace lumbra::tool {
 struct RecordLine {
   Event Recorded;  // without its object
   std::uint32_t nType;
-  std::string Name;  // UTF-8, not empty
+  std::string Name;                  // UTF-8, not empty
   std::vector<std::string> Unknown;  // names of fields that mean nothing here
 };
 

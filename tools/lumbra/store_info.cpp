@@ -62,10 +62,8 @@ ordered_json SegmentsAsJson(const DatabaseInfo& Info) {
   for (const SegmentInfo& One : Info.Segments) {
     ordered_json Bytes;
     for (std::size_t i = 0; i < One.Bytes.size(); ++i) Bytes[kSegmentFiles[i]] = One.Bytes[i];
-    Listed.push_back({{"number", One.nNumber},
-                      {"events", One.nEvents},
-                      {"bytes", Bytes},
-                      {"born", TimeOrNull(One.nBirth)}});
+    Listed.push_back(
+        {{"number", One.nNumber}, {"events", One.nEvents}, {"bytes", Bytes}, {"born", TimeOrNull(One.nBirth)}});
   }
   return Listed;
 }
@@ -170,8 +168,7 @@ void PrintInfoAsTable(const StoreInfo& Of) {
     std::printf("%s\n", Who.empty() ? "holder: unknown" : ("held by " + Who).c_str());
   }
   std::puts("");
-  if (Of.nSetAside != 0)
-    std::printf("set aside by healing: %" PRIu64 " bytes; see lumbra repair\n\n", Of.nSetAside);
+  if (Of.nSetAside != 0) std::printf("set aside by healing: %" PRIu64 " bytes; see lumbra repair\n\n", Of.nSetAside);
   std::printf("%3s  %-16s  %-16s  %10s  %10s  %14s  %8s  %-28s  %s\n", "id", "name", "folder", "event size", "records",
               "bytes", "segments", "oldest segment", "reaches back");
   for (const DatabaseInfo& Info : Of.Databases) {
@@ -190,10 +187,8 @@ void PrintInfoAsTable(const StoreInfo& Of) {
 void PrintInfoAsJson(const StoreInfo& Of) {
   ordered_json Listed = ordered_json::array();
   for (const DatabaseInfo& Info : Of.Databases) Listed.push_back(DatabaseAsJson(Info, Of));
-  ordered_json All = {{"store", Of.Folder},
-                      {"corrupted", Of.bCorrupted},
-                      {"set_aside", Of.nSetAside},
-                      {"databases", Listed}};
+  ordered_json All = {
+      {"store", Of.Folder}, {"corrupted", Of.bCorrupted}, {"set_aside", Of.nSetAside}, {"databases", Listed}};
   if (Of.bLooksFromOutside) {
     All["holders"] = ordered_json::array();
     for (const inspect::Holder& One : Of.Holders)
