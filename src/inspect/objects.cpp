@@ -45,6 +45,7 @@ Answer Objects::Open(std::uint64_t nIdsBirth) {
   if (nIdsBirth != 0 && Ids.nBirth != nIdsBirth) return Answer::Missing;
   Found = OpenHalf(&m_Data);
   if (Found == Answer::Unreadable) return Found;
+  if (IsDeleted()) return Answer::Missing;  // the names beside it may be another life's
   Found = ReadHeads();
   if (Found == Answer::Read) Measure();
   return Found;
@@ -129,9 +130,9 @@ Answer Objects::Contradiction() {
 // Tries until what is read does not contradict itself, or is given up. Nothing in memory is believed again.
 template <class TryOnce>
 Answer Objects::UntilSettled(std::uint32_t nShortId, TryOnce Try) {
-  Answer Found = Try();
-  if (Found != Answer::Damaged) return Found;
-  for (Patience Waiting;; Found = Try()) {
+  Patience Waiting;
+  for (;;) {
+    const Answer Found = Try();
     if (Found != Answer::Damaged) return Found;
     if (nShortId != 0) ForgetRecord(nShortId);
     if (m_nWaited >= kMostWaits) return Contradiction();

@@ -57,6 +57,11 @@ bool FollowsVolumes(std::uint8_t nType) {
   return (EffectiveFlags(nType, 0) & fObjFollowVolumeLinks) != 0;
 }
 
+// A volume has one path for those that follow its link, and one for others.
+std::uint64_t KeyOf(std::uint64_t nStore, std::uint32_t nShortId, bool bVolumes) {
+  return nStore << 33 | std::uint64_t{bVolumes} << 32 | nShortId;
+}
+
 ObjectView::State StateOf(Answer Found) {
   switch (Found) {
     case Answer::Read:
@@ -197,12 +202,11 @@ const std::vector<ObjectView>& Paths::Resolve(std::span<const std::uint64_t> Ids
       __builtin_prefetch(&Views[m_Order[i].nIndex], 1);
       const std::uint64_t nId = m_Order[i].nId;
       Begin(nId, From, &Group[nWorks]);
-      if (const Work& Begun = Group[nWorks]; Begun.Record.nParentId != 0)
-        m_Parents[Begun.bVolumes ? 1 : 0].Approach(ParentKey(Begun));
+      if (const Work& Begun = Group[nWorks]; Begun.Record.nParentId != 0) m_Parents.Approach(ParentKey(Begun));
       while (i < m_Order.size() && m_Order[i].nId == nId) ++i;
     }
     for (const Work& One : std::span(Group, nWorks)) {
-      if (One.Record.nParentId != 0) m_Parents[One.bVolumes ? 1 : 0].ApproachText(ParentKey(One));
+      if (One.Record.nParentId != 0) m_Parents.ApproachText(ParentKey(One));
     }
     for (std::size_t n = 0; n < nWorks; ++n) {
       Finish(&Group[n]);
@@ -214,7 +218,7 @@ const std::vector<ObjectView>& Paths::Resolve(std::span<const std::uint64_t> Ids
 }
 
 std::uint64_t Paths::ParentKey(const Work& Of) const {
-  return Of.pStore->nNumber << 32 | MAKE_SHORT_OBJECT_ID(Of.Record.nParentId);
+  return KeyOf(Of.pStore->nNumber, MAKE_SHORT_OBJECT_ID(Of.Record.nParentId), Of.bVolumes);
 }
 
 // Up to the record whose name is wanted.
@@ -290,87 +294,26 @@ ObjectView::State Paths::ReadLinked(Objects& In, std::uint32_t* pnShortId, bool 
   return ObjectView::State::Named;
 }
 
-Paths::Path Paths::ParentPath(const Held& In, std::uint32_t nShortId, bool bVolumes) {
-  Parents& Known = m_Parents[bVolumes ? 1 : 0];
-  const std::uint64_t nKey = In.nNumber << 32 | nShortId;
-  if (const Path* const pFound = Known.Find(nKey)) return *pFound;
-  if (m_Parents[0].Bytes() + m_Parents[1].Bytes() > m_nCacheBytes) {
-    for (Parents& All : m_Parents) All.Clear();
-  }
-  Path Built;
+const Paths::Path& Paths::ParentPath(const Held& In, std::uint32_t nShortId, bool bVolumes) {
+  const std::uint64_t nKey = KeyOf(In.nNumber, nShortId, bVolumes);
+  if (const Path* const pKnown = m_Parents.Find(nKey)) return *pKnown;
+  if (m_Parents.Size() > m_nCacheBytes) m_Parents.Clear();
   std::string Text;
-  Built.State = BuildPath(In, nShortId, bVolumes, &Built, &Text);
-  return *Known.Add(nKey, Built, Text);
+  std::size_t nUnits = 0;
+  const ObjectView::State State = BuildPath(In, nShortId, bVolumes, &Text, &nUnits);
+  return m_Parents.Add(nKey, {State, static_cast<std::uint32_t>(nUnits), Text});
 }
-
-// ---- Parents ----------------------------------------------------------------------------------------------
-
-std::size_t Paths::Parents::HomeOf(std::uint64_t nKey) const {
-  return static_cast<std::size_t>((nKey * 0x9E3779B97F4A7C15) >> 32) & (m_Places.size() - 1);
-}
-
-const Paths::Path* Paths::Parents::Find(std::uint64_t nKey) const {
-  if (m_Places.empty()) return nullptr;
-  for (std::size_t n = HomeOf(nKey); m_Places[n].nKey != 0; n = (n + 1) & (m_Places.size() - 1)) {
-    if (m_Places[n].nKey == nKey) return &m_Places[n].Known;
-  }
-  return nullptr;
-}
-
-const Paths::Path* Paths::Parents::Add(std::uint64_t nKey, Path New, const std::string& Text) {
-  if (m_nUsed * 4 >= m_Places.size() * 3) Grow();
-  char* const pText = m_Texts.Take(Text.size());
-  std::copy(Text.begin(), Text.end(), pText);
-  New.Text = {pText, Text.size()};
-  m_nTextBytes += Text.size();
-  std::size_t n = HomeOf(nKey);
-  while (m_Places[n].nKey != 0) n = (n + 1) & (m_Places.size() - 1);
-  m_Places[n] = {nKey, New};
-  ++m_nUsed;
-  return &m_Places[n].Known;
-}
-
-void Paths::Parents::Grow() {
-  constexpr std::size_t kFirst = 1024;
-  std::vector<Place> Old(std::max(kFirst, m_Places.size() * 2));
-  Old.swap(m_Places);
-  for (const Place& One : Old) {
-    if (One.nKey == 0) continue;
-    std::size_t n = HomeOf(One.nKey);
-    while (m_Places[n].nKey != 0) n = (n + 1) & (m_Places.size() - 1);
-    m_Places[n] = One;
-  }
-}
-
-void Paths::Parents::Clear() {
-  m_Places.clear();
-  m_nUsed = 0;
-  m_Texts.Clear();
-  m_nTextBytes = 0;
-}
-
-void Paths::Parents::Approach(std::uint64_t nKey) const {
-  if (!m_Places.empty()) __builtin_prefetch(&m_Places[HomeOf(nKey)]);
-}
-
-void Paths::Parents::ApproachText(std::uint64_t nKey) const {
-  if (const Path* const pFound = Find(nKey)) __builtin_prefetch(pFound->Text.data());
-}
-
-// ---- Paths ------------------------------------------------------------------------------------------------
 
 // Goes up to the root, or to a parent that is known, and puts the names together from there.
-ObjectView::State Paths::BuildPath(const Held& In, std::uint32_t nShortId, bool bVolumes, Path* pPath,
-                                   std::string* pText) {
-  const Parents& Known = m_Parents[bVolumes ? 1 : 0];
+ObjectView::State Paths::BuildPath(const Held& In, std::uint32_t nShortId, bool bVolumes, std::string* pText,
+                                   std::size_t* pnUnits) {
   std::vector<std::string> Names;  // of the objects, with their separators, the last one first
   CircleWatch Circle;
-  std::size_t nUnits = 0;
   while (nShortId != 0) {
-    if (const Path* const pFound = Known.Find(In.nNumber << 32 | nShortId)) {
-      if (pFound->State != ObjectView::State::Named) return pFound->State;
-      nUnits += pFound->nUnits;
-      Names.emplace_back(pFound->Text);
+    if (const Path* const pKnown = m_Parents.Find(KeyOf(In.nNumber, nShortId, bVolumes))) {
+      if (pKnown->State != ObjectView::State::Named) return pKnown->State;
+      *pnUnits += pKnown->nUnits;
+      Names.emplace_back(pKnown->Text);
       break;
     }
     if (Circle.WasHere(nShortId)) return ObjectView::State::Damaged;
@@ -386,13 +329,64 @@ ObjectView::State Paths::BuildPath(const Held& In, std::uint32_t nShortId, bool 
     const std::string_view Name = TextOf(Record, Stored, &Buffer, &nOwn);
     const char cSeparator = SeparatorOf(Record, Name);
     Names.push_back(cSeparator == '\0' ? std::string(Name) : cSeparator + std::string(Name));
-    nUnits += nOwn + (cSeparator == '\0' ? 0 : 1);
-    if (nUnits > kMaxNameUnits) return ObjectView::State::TooLong;
+    *pnUnits += nOwn + (cSeparator == '\0' ? 0 : 1);
+    if (*pnUnits > kMaxNameUnits) return ObjectView::State::TooLong;
     nShortId = MAKE_SHORT_OBJECT_ID(Record.nParentId);
   }
-  pPath->nUnits = static_cast<std::uint32_t>(nUnits);
   for (auto Name = Names.rbegin(); Name != Names.rend(); ++Name) *pText += *Name;
   return ObjectView::State::Named;
+}
+
+// ---- Paths that are known ---------------------------------------------------------------------------------
+
+std::size_t Paths::KnownPaths::HomeOf(std::uint64_t nKey) const {
+  return static_cast<std::size_t>(nKey * 0x9E3779B97F4A7C15 >> 32) & (m_Entries.size() - 1);
+}
+
+const Paths::Path* Paths::KnownPaths::Find(std::uint64_t nKey) const {
+  if (m_Entries.empty()) return nullptr;
+  for (std::size_t nAt = HomeOf(nKey); m_Entries[nAt].nKey != 0; nAt = (nAt + 1) & (m_Entries.size() - 1)) {
+    if (m_Entries[nAt].nKey == nKey) return &m_Entries[nAt].Known;
+  }
+  return nullptr;
+}
+
+const Paths::Path& Paths::KnownPaths::Add(std::uint64_t nKey, Path Known) {
+  char* const pText = m_Texts.Take(Known.Text.size());
+  std::ranges::copy(Known.Text, pText);
+  Known.Text = {pText, Known.Text.size()};
+  m_nTextBytes += Known.Text.size();
+  if (++m_nKnown * 2 > m_Entries.size()) {
+    std::vector<Entry> Old(std::max<std::size_t>(m_Entries.size() * 2, 1024));
+    Old.swap(m_Entries);
+    for (const Entry& One : Old) {
+      if (One.nKey != 0) *FreeFor(One.nKey) = One;
+    }
+  }
+  Entry& Fresh = *FreeFor(nKey);
+  Fresh = {nKey, Known};
+  return Fresh.Known;
+}
+
+Paths::KnownPaths::Entry* Paths::KnownPaths::FreeFor(std::uint64_t nKey) {
+  std::size_t nAt = HomeOf(nKey);
+  while (m_Entries[nAt].nKey != 0) nAt = (nAt + 1) & (m_Entries.size() - 1);
+  return &m_Entries[nAt];
+}
+
+void Paths::KnownPaths::Approach(std::uint64_t nKey) const {
+  if (!m_Entries.empty()) __builtin_prefetch(&m_Entries[HomeOf(nKey)]);
+}
+
+void Paths::KnownPaths::ApproachText(std::uint64_t nKey) const {
+  if (const Path* const pKnown = Find(nKey)) __builtin_prefetch(pKnown->Text.data());
+}
+
+void Paths::KnownPaths::Clear() {
+  m_Entries.clear();
+  m_Texts.Clear();
+  m_nKnown = 0;
+  m_nTextBytes = 0;
 }
 
 }  // namespace lumbra::inspect

@@ -54,8 +54,8 @@ class Paths {
   void Keep(const SegmentLife& Of);
 
   // The objects with these ids, which bear their database, in the same order. Those of the segment that the ids come
-  // from are looked for in that life of it. The views are good until the call after the next one, so that another thread
-  // can use them while the next ones are looked up.
+  // from are looked for in that life of it. The views are good until the call after the next one, so that another
+  // thread can use them while the next ones are looked up.
   const std::vector<ObjectView>& Resolve(std::span<const std::uint64_t> Ids, const SegmentLife& From = {});
 
   // The store that an id leads to, opened; null when there is none.
@@ -86,34 +86,35 @@ class Paths {
     std::uint64_t nUsed = 0;    // in which call
   };
   struct Path {
-    std::string_view Text;
-    std::uint32_t nUnits = 0;  // of UTF-16
     ObjectView::State State = ObjectView::State::Named;
+    std::uint32_t nUnits = 0;  // of UTF-16
+    std::string_view Text;
   };
-  // The paths of parents that are known, by number of the store and short id: places one behind another, of which an
-  // entry takes the first free one from its home on.
-  class Parents {
+
+  // The paths of parents by a key that is not 0, in one piece of memory: most lookups of a large store miss what the
+  // processor keeps, so that each of them is to touch two places and not five.
+  class KnownPaths {
    public:
     const Path* Find(std::uint64_t nKey) const;
-    const Path* Add(std::uint64_t nKey, Path New, const std::string& Text);  // good until the next one is added
+    const Path& Add(std::uint64_t nKey, Path Known);  // whose text is copied
     void Clear();
-    std::uint64_t Bytes() const { return m_nTextBytes + m_Places.size() * sizeof(Place); }
 
     // Has the processor bring near what Find will look at, and what it finds.
     void Approach(std::uint64_t nKey) const;
     void ApproachText(std::uint64_t nKey) const;
+    std::uint64_t Size() const { return m_Entries.size() * sizeof(Entry) + m_nTextBytes; }  // bytes
 
    private:
-    struct Place {
-      std::uint64_t nKey = 0;  // 0: free
+    struct Entry {
+      std::uint64_t nKey = 0;
       Path Known;
     };
 
     std::size_t HomeOf(std::uint64_t nKey) const;
-    void Grow();
+    Entry* FreeFor(std::uint64_t nKey);
 
-    std::vector<Place> m_Places;  // a power of two, or none
-    std::size_t m_nUsed = 0;
+    std::vector<Entry> m_Entries;  // a power of two, at least twice what is known
+    std::size_t m_nKnown = 0;
     Texts m_Texts;
     std::uint64_t m_nTextBytes = 0;
   };
@@ -137,9 +138,9 @@ class Paths {
   void Begin(std::uint64_t nId, const SegmentLife& From, Work* pWork);
   void Finish(Work* pWork);
   std::uint64_t ParentKey(const Work& Of) const;
-  Path ParentPath(const Held& In, std::uint32_t nShortId, bool bVolumes);
-  ObjectView::State BuildPath(const Held& In, std::uint32_t nShortId, bool bVolumes, Path* pPath,
-                              std::string* pText);
+  const Path& ParentPath(const Held& In, std::uint32_t nShortId, bool bVolumes);
+  ObjectView::State BuildPath(const Held& In, std::uint32_t nShortId, bool bVolumes, std::string* pText,
+                              std::size_t* pnUnits);
   ObjectView::State ReadLinked(Objects& In, std::uint32_t* pnShortId, bool bVolumes, tODB_ID_ENTRY* pRecord);
   std::string_view Join(const Path& Parent, const tODB_ID_ENTRY& Record, std::string_view Name);
 
@@ -153,7 +154,7 @@ class Paths {
   std::uint64_t m_nLastStore = 0;  // the upper half of the id that was asked for last ...
   Held* m_pLast = nullptr;         // ... and its store, within a call
   std::uint64_t m_nHostObject = 0;
-  Parents m_Parents[2];  // by number of the store and short id; in the second volumes stand for what they link to
+  KnownPaths m_Parents;
   std::vector<Order> m_Order;
   std::vector<Order> m_Spare;
   struct Answers {
