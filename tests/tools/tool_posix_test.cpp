@@ -53,14 +53,15 @@ TEST_F(ToolPosixTest, UsesNoStoreThatOthersMayChange) {
     fs::permissions(Folder() / pName, Added, fs::perm_options::add);
   };
   Set("store/01", fs::perms::others_write);
-  Fails("events --db 1", At("store/01") + " can be written by others; --trust-store uses it all the same");
-  Run("events --db 1 --trust-store");
+  Fails("record --db 1", At("store/01") + " can be written by others; --trust-store uses it all the same");
+  Run("record --db 1 --trust-store");
+  Run("events --db 1");  // which believes nothing of it
   fs::permissions(Folder() / "store/01", fs::perms(0700));
   fs::create_directory_symlink("01", Folder() / "store/02");
   Fails("record --db 2", At("store/02") + " is a link\n");
   fs::rename(Folder() / "store/02", Folder() / "link");
   fs::create_hard_link(At("store/01/segments.dat"), At("backup"));
-  for (const char* const pCommand : {"events --db 1", "repair"})
+  for (const char* const pCommand : {"record --db 1", "repair"})
     Fails(pCommand, At("store/01/segments.dat") + " has a second name");
   if (geteuid() != 0) GTEST_SKIP() << "only root can give files away";
   ASSERT_EQ(0, chown(At("store").c_str(), 65534, 0));
@@ -107,7 +108,8 @@ TEST_F(ToolPosixTest, WaitsForNoPipeAndReadsNoMoreThanAFileCanHold) {
   for (const std::string Name : {"store/g_db_id.dat", "store/a/segments.dat", "store/g_objid.dat"}) {
     fs::rename(At(Name), At("kept"));
     ASSERT_EQ(0, mkfifo(At(Name).c_str(), 0600));
-    for (const char* const pCommand : {"info", "events --db a", "record --db a"}) Run(pCommand, 1);
+    for (const char* const pCommand : {"info", "record --db a"}) Run(pCommand, 1);
+    EXPECT_THAT(Run("events --db a", Name == "store/a/segments.dat" ? 3 : 0), EndsWith("  x\n"));
     fs::rename(At("kept"), At(Name));
   }
   fs::resize_file(At("store/g_db_id.dat"), std::uint64_t{1} << 40);
@@ -131,6 +133,19 @@ TEST_F(ToolPosixTest, EndsCleanlyOnInterrupt) {
                               "kill -INT $! && wait $!";
   EXPECT_THAT(RunProgram({"/bin/sh"}, 130, pScript), StartsWith("recorded 1 events in "));
   EXPECT_EQ(json({"C:\\a"}), Names("1"));
+}
+
+TEST_F(ToolPosixTest, FollowsUntilItIsInterrupted) {
+  Record("1", {"a"});
+  const char* const pScript = "'" LUMBRA_TOOL
+                              "' --store store events --db 1 -f --json --cursor-file kept >followed &\n"
+                              "until grep -q a followed; do sleep 0.01; done\n"
+                              "echo '{\"name\":\"b\"}' | '" LUMBRA_TOOL
+                              "' --store store record --db 1\n"
+                              "until grep -q b followed; do sleep 0.01; done\n"
+                              "kill -INT $! && wait $!";
+  RunProgram({"/bin/sh"}, 130, pScript);
+  EXPECT_EQ("", Run("events --db 1 --cursor-file kept"));
 }
 
 }  // namespace

@@ -244,9 +244,9 @@ void AddFilters(CLI::App* pEvents, EventFilterOptions* pFilter) {
 }
 
 void AddEventOutput(CLI::App* pEvents, EventsOptions* pWith) {
-  CLI::Option* const pOutput = AddChoice<OutputForm>(
-      pEvents, "-o,--output", &pWith->Form, "How they are written (default: table)",
-      {{"table", OutputForm::Table}, {"json", OutputForm::Json}, {"csv", OutputForm::Csv}});
+  CLI::Option* const pOutput =
+      AddChoice<OutputForm>(pEvents, "-o,--output", &pWith->Form, "How they are written (default: table)",
+                            {{"table", OutputForm::Table}, {"json", OutputForm::Json}, {"csv", OutputForm::Csv}});
   const auto AsJson = [pWith](std::int64_t) {
     pWith->Form = OutputForm::Json;
   };
@@ -282,8 +282,7 @@ void AddEvents(CLI::App* pApp, Request* pRequest) {
       pEvents->add_flag("-f,--follow", pWith->bFollow, "The newest 10, and then what comes, until Ctrl-C");
   pFollow->excludes(pReverse);
 
-  CLI::Option* const pAt =
-      pEvents->add_option("--cursor", pWith->Cursor, "From the event that a cursor was behind on");
+  CLI::Option* const pAt = pEvents->add_option("--cursor", pWith->Cursor, "From the event that a cursor was behind on");
   CLI::Option* const pAfter = pEvents->add_option("--after-cursor", pWith->AfterCursor, "From where a cursor is on");
   CLI::Option* const pFile = pEvents->add_option(
       "--cursor-file", pWith->CursorFile, "Go on where this file says, if it is there, and keep there how far it came");

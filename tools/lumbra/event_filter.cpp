@@ -87,15 +87,6 @@ bool IsNameLike(std::string_view Name, std::string_view Pattern) {
   return Matches(nLast == std::string_view::npos ? Name : Name.substr(nLast + 1), Pattern, bCaseCounts);
 }
 
-bool IsUnder(std::string_view Name, std::string_view Path) {
-  while (!Path.empty() && (Path.back() == '/' || Path.back() == '\\')) Path.remove_suffix(1);
-  if (Name.size() < Path.size()) return false;
-  if (Name.size() > Path.size() && Name[Path.size()] != '/' && Name[Path.size()] != '\\') return false;
-  const bool bCaseCounts = CaseCounts(Name);
-  return std::equal(Path.begin(), Path.end(), Name.begin(),
-                    [=](char a, char b) { return Folded(a, bCaseCounts) == Folded(b, bCaseCounts); });
-}
-
 // ---- Numbers ----------------------------------------------------------------------------------------------
 
 namespace {
@@ -134,8 +125,8 @@ std::uint64_t InUnitsOf(FieldType Type, std::uint64_t nFileTime, Bound Which) {
 EventFilter::EventFilter(const EventFilterOptions& Options, const Schema& Layout, Zone In)
     : m_bAsksForNames(!Options.Names.empty() || !Options.NotNames.empty() || !Options.Under.empty()),
       m_Names(Options.Names),
-      m_NotNames(Options.NotNames),
-      m_Under(Options.Under) {
+      m_NotNames(Options.NotNames) {
+  if (!Options.Under.empty()) m_Under.emplace(Options.Under);
   if (!Options.Kinds.empty()) AddKinds(Options.Kinds, Layout, true);
   if (!Options.NotKinds.empty()) AddKinds(Options.NotKinds, Layout, false);
   const auto IsId = [](FieldType Type) {
@@ -221,8 +212,8 @@ bool EventFilter::PassesName(const inspect::ObjectView& Object) const {
   const auto IsLike = [&](const std::string& Pattern) {
     return IsNameLike(Object.Name, Pattern);
   };
-  if (!bNamed) return m_Names.empty() && m_Under.empty();
-  if (!m_Under.empty() && !IsUnder(Object.Name, m_Under)) return false;
+  if (!bNamed) return m_Names.empty() && !m_Under;
+  if (m_Under && !m_Under->Matches(Object.Name)) return false;
   if (!m_Names.empty() && std::ranges::none_of(m_Names, IsLike)) return false;
   return std::ranges::none_of(m_NotNames, IsLike);
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -10,6 +11,7 @@
 #include "commands.h"
 #include "event_time.h"
 #include "inspect/paths.h"
+#include "path_filter.h"
 #include "schema.h"
 
 namespace lumbra::tool {
@@ -17,9 +19,6 @@ namespace lumbra::tool {
 // Whole names like this one: '*' is any text, '?' a byte, "[a-z]" and "[!a-z]" one of some. Case counts in names that
 // begin with '/', as it does in the store.
 bool IsNameLike(std::string_view Name, std::string_view Pattern);
-
-// The path itself, or below it.
-bool IsUnder(std::string_view Name, std::string_view Path);
 
 class EventFilter {
  public:
@@ -59,7 +58,7 @@ class EventFilter {
   bool m_bAsksForNames;
   std::vector<std::string> m_Names;
   std::vector<std::string> m_NotNames;
-  std::string m_Under;
+  std::optional<PathFilter> m_Under;
 };
 
 }  // namespace lumbra::tool

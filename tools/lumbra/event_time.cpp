@@ -228,7 +228,8 @@ std::int64_t LocalOffset(std::int64_t nSeconds) {
   const auto nTime = static_cast<std::time_t>(nSeconds);
   const std::tm* const pHere = std::localtime(&nTime);
   if (pHere == nullptr) return 0;
-  const date::year_month_day Day(date::year(pHere->tm_year + 1900), date::month(static_cast<unsigned>(pHere->tm_mon) + 1),
+  const date::year_month_day Day(date::year(pHere->tm_year + 1900),
+                                 date::month(static_cast<unsigned>(pHere->tm_mon) + 1),
                                  date::day(static_cast<unsigned>(pHere->tm_mday)));
   const auto Here = date::sys_days(Day) + std::chrono::hours(pHere->tm_hour) + std::chrono::minutes(pHere->tm_min) +
                     std::chrono::seconds(pHere->tm_sec);

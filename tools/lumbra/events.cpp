@@ -14,6 +14,7 @@
 #include "inspect/event_reader.h"
 #include "inspect/paths.h"
 #include "machine.h"
+#include "open_objects.h"
 #include "progress.h"
 #include "reading.h"
 
@@ -40,11 +41,12 @@ std::string Counted(std::uint64_t nCount, const char* pOne) {
 class EventShow {
  public:
   EventShow(const CommonOptions& Common, const EventsOptions& Options)
-      : m_Options(Options),
+      : m_Common(Common),
+        m_Options(Options),
         m_pStore(OpenToRead(Common)),
         m_Database(Require(*m_pStore, Options.Database)),
         m_Reader(*m_pStore, m_Database, m_Findings.Teller()),
-        m_Paths(*m_pStore, std::uint64_t{Common.nCacheSize} << 10),
+        m_Paths(*m_pStore, CacheBytesOf(Common)),
         m_KeptCursor(Options.CursorFile),
         m_Progress("events", OutputIsFile() && !Options.bQuiet && !Options.bFollow),
         m_nLeft(std::min(Options.Count.value_or(kWithoutLimit), Options.bJustOne ? 1 : kWithoutLimit)) {}
@@ -291,8 +293,14 @@ class EventShow {
                                                   std::span<const std::uint32_t> Positions) {
     m_Ids.resize(Positions.size());
     for (std::size_t i = 0; i < Positions.size(); ++i)
-      std::memcpy(&m_Ids[i], Read.Events.data() + std::size_t{Positions[i]} * m_nEventSize + *m_ObjectAt, sizeof(m_Ids[i]));
-    const std::vector<inspect::ObjectView>& Objects = m_Paths.Resolve(m_Ids, LifeOf(Read.First.nSegment, Read.nIdsBirth));
+      std::memcpy(&m_Ids[i], Read.Events.data() + std::size_t{Positions[i]} * m_nEventSize + *m_ObjectAt,
+                  sizeof(m_Ids[i]));
+    if (!m_bHostKnown && std::ranges::find(m_Ids, kHostObjectAlias) != m_Ids.end()) {
+      m_bHostKnown = true;
+      m_Paths.SetHostObject(ObjectStores(*m_pStore, m_Common, &m_Findings).HostObject());
+    }
+    const std::vector<inspect::ObjectView>& Objects =
+        m_Paths.Resolve(m_Ids, LifeOf(Read.First.nSegment, Read.nIdsBirth));
     using State = inspect::ObjectView::State;
     for (const inspect::ObjectView& One : Objects) {
       m_nDamaged += One.Of == State::Damaged ? 1 : 0;
@@ -410,6 +418,7 @@ class EventShow {
     TellOf(m_nUnreadable, "the system does not let us");
   }
 
+  const CommonOptions& m_Common;
   const EventsOptions& m_Options;
   const std::unique_ptr<inspect::Store> m_pStore;
   const inspect::Database m_Database;
@@ -427,6 +436,7 @@ class EventShow {
   // Of the batch that is being shown.
   std::vector<std::uint32_t> m_Positions;
   std::vector<std::uint64_t> m_Ids;
+  bool m_bHostKnown = false;  // whether it was looked for what kHostObjectAlias stands for
   std::string m_Cursor;
   // Of the one that the second thread prints.
   std::vector<std::uint8_t> m_Printed;
@@ -456,7 +466,8 @@ bool NeedsReader(const EventsOptions& Options) {
 int Events(const CommonOptions& Common, const EventsOptions& Options) {
   if (!ReadsThroughComponent(Common)) return EventShow(Common, Options).Run();
   if (!NeedsReader(Options)) return EventsThroughComponent(Common, Options);
-  std::fputs("lumbra: with --module or --trace there are --last, --from, --count, --parents and --json alone\n", stderr);
+  std::fputs("lumbra: with --module or --trace there are --last, --from, --count, --parents and --json alone\n",
+             stderr);
   return kExitUsage;
 }
 

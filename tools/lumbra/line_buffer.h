@@ -30,8 +30,7 @@ class LineBuffer {
     m_nUsed += nCount;
   }
   template <class Number>
-    requires(std::is_arithmetic_v<Number> && !std::is_same_v<Number, char>)
-  void AddNumber(Number nNumber) {
+  requires(std::is_arithmetic_v<Number> && !std::is_same_v<Number, char>) void AddNumber(Number nNumber) {
     constexpr std::size_t kLongest = 64;
     char* const pAt = Room(kLongest);
     m_nUsed += static_cast<std::size_t>(std::to_chars(pAt, pAt + kLongest, nNumber).ptr - pAt);
@@ -96,8 +95,7 @@ class LineBuffer {
 
   static constexpr std::array<char, 512> kHexPairs = [] {
     std::array<char, 512> Pairs{};
-    for (std::size_t i = 0; i < Pairs.size(); ++i)
-      Pairs[i] = "0123456789abcdef"[i % 2 == 0 ? i / 2 / 16 : i / 2 % 16];
+    for (std::size_t i = 0; i < Pairs.size(); ++i) Pairs[i] = "0123456789abcdef"[i % 2 == 0 ? i / 2 / 16 : i / 2 % 16];
     return Pairs;
   }();
 

@@ -24,12 +24,15 @@ struct KnownType {
   std::uint32_t nSize;  // bytes; 0: as many as are said
 };
 constexpr KnownType kTypes[] = {
-    {"filetime", FieldType::FileTime, 8}, {"unix-s", FieldType::UnixS, 8},   {"unix-ms", FieldType::UnixMs, 8},
-    {"unix-us", FieldType::UnixUs, 8},    {"unix-ns", FieldType::UnixNs, 8}, {"u8", FieldType::Unsigned, 1},
-    {"u16", FieldType::Unsigned, 2},      {"u32", FieldType::Unsigned, 4},   {"u64", FieldType::Unsigned, 8},
-    {"i8", FieldType::Signed, 1},         {"i16", FieldType::Signed, 2},     {"i32", FieldType::Signed, 4},
-    {"i64", FieldType::Signed, 8},        {"f32", FieldType::Float, 4},      {"f64", FieldType::Float, 8},
-    {"id", FieldType::Id, 8},             {"hex", FieldType::Hex, 0},        {"text", FieldType::Text, 0},
+    {"filetime", FieldType::FileTime, 8}, {"unix-s", FieldType::UnixS, 8},
+    {"unix-ms", FieldType::UnixMs, 8},    {"unix-us", FieldType::UnixUs, 8},
+    {"unix-ns", FieldType::UnixNs, 8},    {"u8", FieldType::Unsigned, 1},
+    {"u16", FieldType::Unsigned, 2},      {"u32", FieldType::Unsigned, 4},
+    {"u64", FieldType::Unsigned, 8},      {"i8", FieldType::Signed, 1},
+    {"i16", FieldType::Signed, 2},        {"i32", FieldType::Signed, 4},
+    {"i64", FieldType::Signed, 8},        {"f32", FieldType::Float, 4},
+    {"f64", FieldType::Float, 8},         {"id", FieldType::Id, 8},
+    {"hex", FieldType::Hex, 0},           {"text", FieldType::Text, 0},
 };
 
 // What lines of output call other things than fields.
@@ -161,7 +164,9 @@ namespace {
 
 std::uint32_t EventSizeOf(const inspect::Store& Store, const inspect::Database& Database) {
   inspect::Horizon Seen;
-  Check(inspect::TakeHorizon(Store, Database, [](const inspect::Finding&) {}, &Seen), "look at the database");
+  Check(inspect::TakeHorizon(
+            Store, Database, [](const inspect::Finding&) {}, &Seen),
+        "look at the database");
   return Seen.nEventSize;
 }
 
@@ -185,8 +190,7 @@ void KeepSchema(const CommonOptions& Common, const inspect::Store& Store, const 
   if (!Read) throw Failure(What, errPARAMETER_INVALID, Reason);
   const std::uint32_t nSize = EventSizeOf(Store, Database);
   if (Read->nSize != nSize) {
-    throw Failure(What, errSIZE_INVALID,
-                  "it describes " + Bytes(Read->nSize) + ", and an event has " + Bytes(nSize));
+    throw Failure(What, errSIZE_INVALID, "it describes " + Bytes(Read->nSize) + ", and an event has " + Bytes(nSize));
   }
   const CommonOptions Alike = InModeOfStore(Common);
   ReplaceFile(FilesOf(Alike).Folder() / FileNameOf(Database), WithoutBlanks(Text) + '\n', RulesOf(Alike));

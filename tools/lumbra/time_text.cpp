@@ -100,8 +100,8 @@ void TimeText::Remember(std::int64_t nSecond) {
 
 void TimeText::AddNanoseconds(LineBuffer* pTo, FieldType Type, std::uint64_t nBytes) {
   const bool bFileTime = Type == FieldType::FileTime;
-  const bool bBefore = bFileTime ? nBytes < static_cast<std::uint64_t>(kUnitsTo1970)
-                                 : static_cast<std::int64_t>(nBytes) < 0;
+  const bool bBefore =
+      bFileTime ? nBytes < static_cast<std::uint64_t>(kUnitsTo1970) : static_cast<std::int64_t>(nBytes) < 0;
   const std::uint64_t nSince = bFileTime ? nBytes - static_cast<std::uint64_t>(kUnitsTo1970) : nBytes;
   const std::uint64_t nDistance = bBefore ? 0 - nSince : nSince;
   if (bBefore) pTo->Add('-');
