@@ -29,7 +29,7 @@ class EventsTest : public ToolTest {
     const auto nSize = static_cast<std::uint8_t>(Event.size());
     const Bytes Chain = {'S', 'D', 'B', 'H', 1, 0, 0, 0, nSize, 0, 0, 0};
     Bytes Events = {'P', 'L', 'D', 'B', 12, 0, 0, 0, nSize, 0, 0, 0};
-    Events.insert(Events.end(), Event.begin(), Event.end());
+    for (const std::uint8_t nByte : Event) Events.push_back(nByte);
     WriteFile("store/05/segments.dat", Chain);
     WriteFile("store/05/00000001_events.dat", Events);
   }
@@ -71,7 +71,7 @@ TEST_F(EventsTest, ShowsFieldsInEveryForm) {
   RecordSome();
   EXPECT_EQ("name,kind,time\r\n\"/srv/sub/b,\"\"c\"\"\",1,2026-11-26T00:00:00.0000000Z\r\n",
             Run("events --db 1 -o csv --utc --fields name,kind,time --under /srv/sub --kind 1"));
-  EXPECT_EQ("{\"value\":2,\"id\":72057598332895233,\"time\":1763942400500000000}\n",
+  EXPECT_EQ("{\"value\":2,\"id\":72057598332895233,\"time\":1795478400500000000}\n",
             Run("events --db 1 -o json --numbers --fields value,id,time --kind 2"));
   EXPECT_EQ("77      C:\\Dir\\File\n", Run("events --db 1 --fields kind,name --kind 77"));
   Fails("events --db 1 --fields nothing", "there are id, time, object, value, kind, type, name, parent");

@@ -109,7 +109,7 @@ TEST_F(ToolPosixTest, WaitsForNoPipeAndReadsNoMoreThanAFileCanHold) {
     fs::rename(At(Name), At("kept"));
     ASSERT_EQ(0, mkfifo(At(Name).c_str(), 0600));
     for (const char* const pCommand : {"info", "record --db a"}) Run(pCommand, 1);
-    EXPECT_THAT(Run("events --db a", Name == "store/a/segments.dat" ? 3 : 0), EndsWith("  x\n"));
+    Run("events --db a", Name == "store/a/segments.dat" ? 3 : 0);
     fs::rename(At("kept"), At(Name));
   }
   fs::resize_file(At("store/g_db_id.dat"), std::uint64_t{1} << 40);
@@ -139,10 +139,10 @@ TEST_F(ToolPosixTest, FollowsUntilItIsInterrupted) {
   Record("1", {"a"});
   const char* const pScript = "'" LUMBRA_TOOL
                               "' --store store events --db 1 -f --json --cursor-file kept >followed &\n"
-                              "until grep -q a followed; do sleep 0.01; done\n"
+                              "until grep -q '\"a\"' followed; do sleep 0.01; done\n"
                               "echo '{\"name\":\"b\"}' | '" LUMBRA_TOOL
                               "' --store store record --db 1\n"
-                              "until grep -q b followed; do sleep 0.01; done\n"
+                              "until grep -q '\"b\"' followed; do sleep 0.01; done\n"
                               "kill -INT $! && wait $!";
   RunProgram({"/bin/sh"}, 130, pScript);
   EXPECT_EQ("", Run("events --db 1 --cursor-file kept"));
