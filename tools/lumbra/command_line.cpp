@@ -263,7 +263,8 @@ void AddEventOutput(CLI::App* pEvents, EventsOptions* pWith) {
   pEvents->add_flag("--parents", pWith->bParents, "Also the parent of each event's object");
   pEvents->add_flag("--numbers", pWith->bNumbers, "Times as nanoseconds since 1970, ids and kinds as numbers");
   pEvents->add_flag("--utc", pWith->bUtc, "Take and write times in UTC where they bear no zone");
-  pEvents->add_flag("--count-only", pWith->bCountOnly, "Only how many there are");
+  pEvents->add_flag("--count-only", pWith->bCountOnly, "Only how many there are")
+      ->excludes(pEvents->get_option("--follow"));
   pEvents->add_flag("-q,--quiet", pWith->bQuiet, "Say nothing of gaps");
 }
 

@@ -17,6 +17,10 @@ constexpr std::uint32_t kIdWidth = 18;
 constexpr std::uint32_t kKindWidth = 6;
 constexpr std::uint32_t kTypeWidth = 6;
 
+std::uint64_t IdAt(inspect::Place Where, std::uint32_t nDatabase) {
+  return WithDatabase((std::uint64_t{Where.nSegment} << 32) | Where.nIndex, nDatabase);
+}
+
 std::string_view KindName(std::uint64_t nKind) {
   constexpr std::string_view kNames[] = {"-", "file", "folder", "link", "other"};
   return nKind < std::size(kNames) ? kNames[nKind] : std::string_view();
@@ -169,7 +173,7 @@ void EventOutput::AddValue(const Column& What, inspect::Place Where, const std::
   const bool bNamed = pObject != nullptr && pObject->Of == inspect::ObjectView::State::Named;
   switch (What.From) {
     case Source::Id:
-      return AddId(IdOf(Where));
+      return AddId(IdAt(Where, m_nDatabase));
     case Source::Field:
       return AddField(What.Of, pEvent);
     case Source::Type:
@@ -286,33 +290,14 @@ void EventOutput::AddJsonText(std::string_view Text) {
   m_Lines.Add(host::PrintableJson(nlohmann::json(host::ToUtf8(host::ToUtf16(Text))).dump()));
 }
 
-std::uint64_t EventOutput::IdOf(inspect::Place Where) const {
-  return WithDatabase((std::uint64_t{Where.nSegment} << 32) | Where.nIndex, m_nDatabase);
-}
-
-void EventOutput::PrintGap(const inspect::Gap& Lost) {
-  if (m_Form != OutputForm::Json) return;
-  m_Lines.Add("{\"gap\":{\"from\":");
-  AddId(IdOf(Lost.From));
-  m_Lines.Add(",\"to\":");
-  AddId(IdOf(Lost.To));
-  m_Lines.Add(",\"count\":");
-  if (Lost.bAtLeast) {
-    m_Lines.Add("null");
-  } else {
-    m_Lines.AddNumber(Lost.nCount);
-  }
-  m_Lines.Add(",\"at_least\":");
-  m_Lines.AddNumber(Lost.nCount);
-  m_Lines.Add(",\"why\":\"");
-  m_Lines.Add(WordOf(Lost.Reason));
-  m_Lines.Add("\"}}\n");
-}
-
 void EventOutput::PrintLine(std::string_view Text) {
   m_Lines.Add(Text);
   m_Lines.Add(m_Form == OutputForm::Csv ? "\r\n" : "\n");
 }
+
+// ---- Gaps -------------------------------------------------------------------------------------------------
+
+namespace {
 
 std::string_view WordOf(inspect::Gap::Why Reason) {
   switch (Reason) {
@@ -326,6 +311,48 @@ std::string_view WordOf(inspect::Gap::Why Reason) {
       return "unreadable";
   }
   return {};
+}
+
+const char* DescribeReason(inspect::Gap::Why Reason) {
+  switch (Reason) {
+    case inspect::Gap::Why::Dropped:
+      return "the oldest segments were dropped";
+    case inspect::Gap::Why::Cleared:
+      return "the database was cleared";
+    case inspect::Gap::Why::Damaged:
+      return "a file is missing or damaged";
+    case inspect::Gap::Why::Unreadable:
+      return "a file cannot be read";
+  }
+  return "";
+}
+
+}  // namespace
+
+void EventOutput::PrintGap(const inspect::Gap& Lost) {
+  if (m_Form != OutputForm::Json) return;
+  m_Lines.Add("{\"gap\":{\"from\":");
+  AddId(IdAt(Lost.From, m_nDatabase));
+  m_Lines.Add(",\"to\":");
+  AddId(IdAt(Lost.To, m_nDatabase));
+  m_Lines.Add(",\"count\":");
+  if (Lost.bAtLeast) {
+    m_Lines.Add("null");
+  } else {
+    m_Lines.AddNumber(Lost.nCount);
+  }
+  m_Lines.Add(",\"at_least\":");
+  m_Lines.AddNumber(Lost.nCount);
+  m_Lines.Add(",\"why\":\"");
+  m_Lines.Add(WordOf(Lost.Reason));
+  m_Lines.Add("\"}}\n");
+}
+
+std::string DescribeGap(const inspect::Gap& Lost, std::uint32_t nDatabase) {
+  std::string Count = std::to_string(Lost.nCount) + (Lost.nCount == 1 ? " event" : " events");
+  if (Lost.bAtLeast) Count = Lost.nCount == 0 ? "an unknown number of events" : "at least " + Count;
+  return Count + " from " + FormatId(IdAt(Lost.From, nDatabase)) + " up to " + FormatId(IdAt(Lost.To, nDatabase)) +
+         " are missing here: " + DescribeReason(Lost.Reason);
 }
 
 }  // namespace lumbra::tool

@@ -14,8 +14,8 @@
 
 namespace lumbra::tool {
 
-// "dropped", "cleared", "damaged" or "unreadable".
-std::string_view WordOf(inspect::Gap::Why Reason);
+// A gap in words. nDatabase is part of the events' ids.
+std::string DescribeGap(const inspect::Gap& Lost, std::uint32_t nDatabase);
 
 class EventOutput {
  public:
@@ -61,7 +61,6 @@ class EventOutput {
   void AddJsonText(std::string_view Text);
   void AddName(const inspect::ObjectView& Object);
   void AddNull();
-  std::uint64_t IdOf(inspect::Place Where) const;
 
   const OutputForm m_Form;
   const bool m_bNumbers;

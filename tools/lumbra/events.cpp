@@ -1,20 +1,18 @@
 // lumbra events: what a database holds, oldest to newest, with the names of the objects; beside whoever writes.
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
-#include <future>
 #include <thread>
 
+#include "batch_printer.h"
 #include "commands.h"
 #include "cursor_file.h"
 #include "event_filter.h"
+#include "event_names.h"
 #include "event_output.h"
 #include "failure.h"
 #include "ids.h"
 #include "inspect/event_reader.h"
-#include "inspect/paths.h"
 #include "machine.h"
-#include "open_objects.h"
 #include "progress.h"
 #include "reading.h"
 
@@ -34,19 +32,19 @@ constexpr std::size_t kMostNamesOfFew = 1024;  // where there is a limit, at whi
 constexpr std::chrono::milliseconds kShortestWait{20};
 constexpr std::chrono::milliseconds kLongestWait{200};
 
-std::string Counted(std::uint64_t nCount, const char* pOne) {
-  return std::to_string(nCount) + ' ' + pOne + (nCount == 1 ? "" : "s");
+// That of a database whose id is not known is left out of the ids that are shown.
+std::uint32_t IdOf(const inspect::Database& Database) {
+  return Database.Id.value_or(0);
 }
 
 class EventShow {
  public:
   EventShow(const CommonOptions& Common, const EventsOptions& Options)
-      : m_Common(Common),
-        m_Options(Options),
+      : m_Options(Options),
         m_pStore(OpenToRead(Common)),
         m_Database(Require(*m_pStore, Options.Database)),
         m_Reader(*m_pStore, m_Database, m_Findings.Teller()),
-        m_Paths(*m_pStore, CacheBytesOf(Common)),
+        m_Names(*m_pStore, IdOf(m_Database), Common, &m_Findings),
         m_KeptCursor(Options.CursorFile),
         m_Progress("events", OutputIsFile() && !Options.bQuiet && !Options.bFollow),
         m_nLeft(std::min(Options.Count.value_or(kWithoutLimit), Options.bJustOne ? 1 : kWithoutLimit)) {}
@@ -58,6 +56,7 @@ class EventShow {
                     "this is no event of " + m_Options.Database.Describe());
     }
     Look();
+    for (const inspect::SegmentExtent& One : m_Reader.Seen().Segments) m_nTotal += One.nEvents;
     m_nStatus = GoToStart();
     if (m_nStatus != kExitOk) return m_nStatus;
     if (m_Options.bReverse) {
@@ -77,18 +76,17 @@ class EventShow {
     Check(m_Reader.Refresh(), "read " + m_Options.Database.Describe());
     const std::uint32_t nSize = m_Reader.EventSize();
     if (nSize != 0 && nSize != m_nEventSize) Interpret(nSize);
-    if (!WantsNames()) return;
-    for (const inspect::SegmentExtent& One : m_Reader.Upcoming()) m_Paths.Keep(LifeOf(One.nNumber, One.nIdsBirth));
+    if (WantsNames()) m_Names.Keep(m_Reader.Upcoming());
   }
 
   void Interpret(std::uint32_t nSize) {
-    if (m_Output) Deliver();
+    Deliver();
     m_nEventSize = nSize;
     const Schema Layout = SchemaOf(*m_pStore, m_Database, m_Options.Layout, nSize);
     const Field* const pObject = Layout.Object();
     m_ObjectAt = pObject == nullptr ? std::nullopt : std::optional(pObject->nOffset);
     m_Filter.emplace(m_Options.Filter, Layout, m_Options.bUtc ? Zone::Utc : Zone::Local);
-    m_Output.emplace(m_Options, Layout, m_Database.Id.value_or(0));
+    m_Output.emplace(m_Options, Layout, IdOf(m_Database));
     if (!m_Options.bCountOnly) m_Output->PrintHead();
   }
 
@@ -208,7 +206,7 @@ class EventShow {
       const std::span Some = std::span(m_Positions).subspan(nFrom).first(std::min(nMost, m_Positions.size() - nFrom));
       if (!ShowSome(Read, Some, bNames)) return false;
     }
-    m_Progress.Tell(m_nExamined, m_nExamined, Total());
+    m_Progress.Tell(m_nExamined, m_nExamined, m_nTotal);
     return true;
   }
 
@@ -224,13 +222,13 @@ class EventShow {
     }
     if (IsWorthAThread(Positions.size())) {
       m_nShown += Positions.size();
-      PrintMeanwhile(Read, Positions, pObjects);
+      m_Printer.Print(&*m_Output, Read, m_nEventSize, Positions, pObjects);
       return true;
     }
     WaitForPrinting();
     for (std::size_t i = 0; i < Positions.size(); ++i) {
       const inspect::ObjectView* const pObject = bNames ? &pObjects[i] : nullptr;
-      if (bNames && i + kAhead < Positions.size()) Approach(pObjects[i + kAhead].Name);
+      if (bNames) ApproachName({pObjects, Positions.size()}, i);
       if (m_Filter->AsksForNames() && !m_Filter->PassesName(*pObject)) continue;
       if (!m_Options.bCountOnly) Print(Read, Positions[i], pObject);
       ++m_nShown;
@@ -243,43 +241,13 @@ class EventShow {
     return true;
   }
 
-  // Names stand in the order of their ids, and are read in that of the events: the next ones are brought near.
-  static constexpr std::size_t kAhead = 8;
-  static void Approach(std::string_view Name) {
-    constexpr std::size_t kLine = 64;
-    for (std::size_t n = 0; n < std::min<std::size_t>(Name.size(), 3 * kLine); n += kLine)
-      __builtin_prefetch(Name.data() + n);
-  }
-
-  // Many events of which nothing else is asked are printed by a second thread, while the next ones are read.
+  // Whether many events are printed of which nothing else is asked.
   bool IsWorthAThread(std::size_t nEvents) const {
-    constexpr std::size_t kFewest = 16384;
-    return nEvents >= kFewest && !m_Options.bCountOnly && !m_Options.bShowCursor && m_nLeft == kWithoutLimit &&
-           !m_Filter->AsksForNames();
+    return nEvents >= BatchPrinter::kFewest && !m_Options.bCountOnly && !m_Options.bShowCursor &&
+           m_nLeft == kWithoutLimit && !m_Filter->AsksForNames();
   }
 
-  void PrintMeanwhile(const inspect::Batch& Read, std::span<const std::uint32_t> Positions,
-                      const inspect::ObjectView* pObjects) {
-    WaitForPrinting();
-    m_Printed.assign(Read.Events.begin(), Read.Events.end());
-    m_PrintedPositions.assign(Positions.begin(), Positions.end());
-    m_Printing = std::async(std::launch::async, [this, First = Read.First, pObjects] {
-      bool bAll = true;
-      for (std::size_t i = 0; bAll && i < m_PrintedPositions.size(); ++i) {
-        if (pObjects != nullptr && i + kAhead < m_PrintedPositions.size()) Approach(pObjects[i + kAhead].Name);
-        const std::uint32_t nPosition = m_PrintedPositions[i];
-        m_Output->Print({First.nSegment, First.nIndex + nPosition},
-                        m_Printed.data() + std::size_t{nPosition} * m_nEventSize,
-                        pObjects == nullptr ? nullptr : &pObjects[i], {});
-        bAll = m_Output->WriteIfFull();
-      }
-      return bAll;
-    });
-  }
-
-  void WaitForPrinting() {
-    if (m_Printing.valid() && !m_Printing.get()) m_bWriteFailed = true;
-  }
+  void WaitForPrinting() { m_bWriteFailed = !m_Printer.Wait() || m_bWriteFailed; }
 
   void Print(const inspect::Batch& Read, std::uint32_t nPosition, const inspect::ObjectView* pObject) {
     if (m_Options.bShowCursor && m_Options.Form != OutputForm::Table)
@@ -291,27 +259,7 @@ class EventShow {
 
   const std::vector<inspect::ObjectView>& Resolve(const inspect::Batch& Read,
                                                   std::span<const std::uint32_t> Positions) {
-    m_Ids.resize(Positions.size());
-    for (std::size_t i = 0; i < Positions.size(); ++i)
-      std::memcpy(&m_Ids[i], Read.Events.data() + std::size_t{Positions[i]} * m_nEventSize + *m_ObjectAt,
-                  sizeof(m_Ids[i]));
-    if (!m_bHostKnown && std::ranges::find(m_Ids, kHostObjectAlias) != m_Ids.end()) {
-      m_bHostKnown = true;
-      m_Paths.SetHostObject(ObjectStores(*m_pStore, m_Common, &m_Findings).HostObject());
-    }
-    const std::vector<inspect::ObjectView>& Objects =
-        m_Paths.Resolve(m_Ids, LifeOf(Read.First.nSegment, Read.nIdsBirth));
-    using State = inspect::ObjectView::State;
-    for (const inspect::ObjectView& One : Objects) {
-      m_nDamaged += One.Of == State::Damaged ? 1 : 0;
-      m_nUnsettled += One.Of == State::Unsettled ? 1 : 0;
-      m_nUnreadable += One.Of == State::Unreadable ? 1 : 0;
-    }
-    return Objects;
-  }
-
-  inspect::SegmentLife LifeOf(std::uint32_t nSegment, std::uint64_t nIdsBirth) const {
-    return {m_Database.Id.value_or(0), nSegment, nIdsBirth};
+    return m_Names.Resolve(Read, m_nEventSize, *m_ObjectAt, Positions);
   }
 
   void Tell(const inspect::Gap& Lost) {
@@ -319,34 +267,11 @@ class EventShow {
     if (bGone && m_Options.IfGone == OnGap::Error) m_nStatus = kExitCursorGone;
     m_Findings.NoteMissing();
     if (!m_Options.bQuiet) {
-      if (m_Output) Deliver();
+      Deliver();
       m_Progress.End();
-      std::fprintf(stderr, "lumbra: gap: %s\n", Describe(Lost).c_str());
+      std::fprintf(stderr, "lumbra: gap: %s\n", DescribeGap(Lost, IdOf(m_Database)).c_str());
     }
     if (m_Output && !m_Options.bCountOnly && (m_Options.bShowCursor || m_Options.bFollow)) m_Output->PrintGap(Lost);
-  }
-
-  std::string Describe(const inspect::Gap& Lost) const {
-    const auto IdOf = [this](inspect::Place Where) {
-      return FormatId(WithDatabase((std::uint64_t{Where.nSegment} << 32) | Where.nIndex, m_Database.Id.value_or(0)));
-    };
-    const auto Reason = [&] {
-      switch (Lost.Reason) {
-        case inspect::Gap::Why::Dropped:
-          return "the oldest segments were dropped";
-        case inspect::Gap::Why::Cleared:
-          return "the database was cleared";
-        case inspect::Gap::Why::Damaged:
-          return "a file is missing or damaged";
-        case inspect::Gap::Why::Unreadable:
-          return "a file cannot be read";
-      }
-      return "";
-    };
-    const std::string Count = Lost.bAtLeast && Lost.nCount == 0
-                                  ? "an unknown number of events"
-                                  : (Lost.bAtLeast ? "at least " : "") + Counted(Lost.nCount, "event");
-    return Count + " from " + IdOf(Lost.From) + " up to " + IdOf(Lost.To) + " are missing here: " + Reason();
   }
 
   // ---- What goes on -------------------------------------------------------------------------------------
@@ -356,7 +281,7 @@ class EventShow {
     while (IsGoingOn()) {
       Deliver();
       if (m_KeptCursor.IsDue()) KeepCursor();
-      m_Paths.Rest();
+      m_Names.Rest();
       std::this_thread::sleep_for(Wait);
       if (Interrupted()) return;
       const std::uint64_t nBefore = m_nExamined;
@@ -369,21 +294,16 @@ class EventShow {
   // Brings what was printed to whoever reads it.
   void Deliver() {
     WaitForPrinting();
-    m_bWriteFailed = m_bWriteFailed || !m_Output->Write() || std::fflush(stdout) != 0;
+    const bool bAll = (!m_Output || m_Output->Write()) && std::fflush(stdout) == 0;
+    m_bWriteFailed = m_bWriteFailed || !bAll;
   }
 
   bool WantsCursor() const { return m_Options.bShowCursor || m_KeptCursor.IsKept(); }
   std::string Cursor() { return inspect::FormatCursor(m_Stopped ? *m_Stopped : m_Reader.CursorHere()); }
 
   void KeepCursor() {
-    if (m_Output) Deliver();
+    Deliver();
     if (!m_bWriteFailed) m_KeptCursor.Write(Cursor());
-  }
-
-  std::uint64_t Total() const {
-    std::uint64_t nTotal = 0;
-    for (const inspect::SegmentExtent& One : m_Reader.Seen().Segments) nTotal += One.nEvents;
-    return nTotal;
   }
 
   int Finish() {
@@ -391,13 +311,13 @@ class EventShow {
     WaitForPrinting();
     if (m_Output && m_Options.bShowCursor && m_Options.Form == OutputForm::Table && !m_Options.bCountOnly)
       m_Output->PrintLine("-- cursor: " + Cursor());
-    if (m_Output) Deliver();
+    Deliver();
     if (m_Options.bCountOnly) {
       const bool bJson = m_Options.Form == OutputForm::Json;
       std::printf(bJson ? "{\"count\":%llu}\n" : "%llu\n", static_cast<unsigned long long>(m_nShown));
     }
     if (m_KeptCursor.IsKept() && m_nStatus == kExitOk) KeepCursor();
-    TellOfNames();
+    m_Names.TellOfUnreadable();
     if (Interrupted()) {
       std::clearerr(stdout);  // a write that was interrupted is no failure
       return kExitInterrupted;
@@ -407,24 +327,12 @@ class EventShow {
     return m_Findings.StatusOfReading(kExitOk);
   }
 
-  void TellOfNames() {
-    const auto TellOf = [this](std::uint64_t nCount, const char* pWhy) {
-      if (nCount == 0) return;
-      m_Findings.NoteMissing();
-      std::fprintf(stderr, "lumbra: the objects of %s cannot be read: %s\n", Counted(nCount, "event").c_str(), pWhy);
-    };
-    TellOf(m_nDamaged, "what is stored of them is damaged");
-    TellOf(m_nUnsettled, "somebody who has the store was writing to them");
-    TellOf(m_nUnreadable, "the system does not let us");
-  }
-
-  const CommonOptions& m_Common;
   const EventsOptions& m_Options;
   const std::unique_ptr<inspect::Store> m_pStore;
   const inspect::Database m_Database;
   Findings m_Findings;
   inspect::EventReader m_Reader;
-  inspect::Paths m_Paths;
+  EventNames m_Names;
   CursorFile m_KeptCursor;
   Progress m_Progress;
   std::uint64_t m_nLeft;  // events that are still to be shown
@@ -435,22 +343,15 @@ class EventShow {
   std::optional<EventOutput> m_Output;
   // Of the batch that is being shown.
   std::vector<std::uint32_t> m_Positions;
-  std::vector<std::uint64_t> m_Ids;
-  bool m_bHostKnown = false;  // whether it was looked for what kHostObjectAlias stands for
   std::string m_Cursor;
-  // Of the one that the second thread prints.
-  std::vector<std::uint8_t> m_Printed;
-  std::vector<std::uint32_t> m_PrintedPositions;
 
+  std::uint64_t m_nTotal = 0;
   std::uint64_t m_nExamined = 0;
   std::uint64_t m_nShown = 0;
-  std::uint64_t m_nDamaged = 0;  // events whose objects are
-  std::uint64_t m_nUnsettled = 0;
-  std::uint64_t m_nUnreadable = 0;
   std::optional<inspect::Cursor> m_Stopped;  // within a batch
   bool m_bWriteFailed = false;
   int m_nStatus = kExitOk;
-  std::future<bool> m_Printing;  // the last member: it ends before what it uses
+  BatchPrinter m_Printer;  // the last member: it ends before what it uses
 };
 
 // What the component cannot do.
