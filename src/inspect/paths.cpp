@@ -184,7 +184,8 @@ void Paths::Sort(std::span<const std::uint64_t> Ids) {
 
 // In small groups of one store: while one object is looked at, what the next ones need is on its way from the memory.
 const std::vector<ObjectView>& Paths::Resolve(std::span<const std::uint64_t> Ids, const SegmentLife& From) {
-  constexpr std::size_t kGroup = 32;
+  constexpr std::size_t kGroup = 64;
+  constexpr std::size_t kBehind = 16;  // what was brought near then is there
   ++m_nCalls;
   m_pLast = nullptr;
   m_pNow = m_pNow == &m_Answers[0] ? &m_Answers[1] : &m_Answers[0];
@@ -197,17 +198,19 @@ const std::vector<ObjectView>& Paths::Resolve(std::span<const std::uint64_t> Ids
   for (std::size_t i = 0; i < m_Order.size();) {
     std::size_t nWorks = 0;
     const std::uint64_t nStore = m_Order[i].nId >> 32;
+    const auto ApproachTextOf = [this, &Group](std::size_t n) {
+      if (Group[n].Record.nParentId != 0) m_Parents.ApproachText(ParentKey(Group[n]));
+    };
     for (; i < m_Order.size() && nWorks < kGroup && m_Order[i].nId >> 32 == nStore; ++nWorks) {
       FirstOf[nWorks] = static_cast<std::uint32_t>(i);
       __builtin_prefetch(&Views[m_Order[i].nIndex], 1);
       const std::uint64_t nId = m_Order[i].nId;
       Begin(nId, From, &Group[nWorks]);
-      if (const Work& Begun = Group[nWorks]; Begun.Record.nParentId != 0) m_Parents.Approach(ParentKey(Begun));
+      if (Group[nWorks].Record.nParentId != 0) m_Parents.Approach(ParentKey(Group[nWorks]));
+      if (nWorks >= kBehind) ApproachTextOf(nWorks - kBehind);
       while (i < m_Order.size() && m_Order[i].nId == nId) ++i;
     }
-    for (const Work& One : std::span(Group, nWorks)) {
-      if (One.Record.nParentId != 0) m_Parents.ApproachText(ParentKey(One));
-    }
+    for (std::size_t n = nWorks - std::min(nWorks, kBehind); n < nWorks; ++n) ApproachTextOf(n);
     for (std::size_t n = 0; n < nWorks; ++n) {
       Finish(&Group[n]);
       const std::size_t nEnd = n + 1 < nWorks ? FirstOf[n + 1] : i;
@@ -379,7 +382,10 @@ void Paths::KnownPaths::Approach(std::uint64_t nKey) const {
 }
 
 void Paths::KnownPaths::ApproachText(std::uint64_t nKey) const {
-  if (const Path* const pKnown = Find(nKey)) __builtin_prefetch(pKnown->Text.data());
+  const Path* const pKnown = Find(nKey);
+  if (pKnown == nullptr) return;
+  __builtin_prefetch(pKnown->Text.data());
+  __builtin_prefetch(pKnown->Text.data() + pKnown->Text.size());
 }
 
 void Paths::KnownPaths::Clear() {

@@ -5,12 +5,11 @@
 namespace lumbra::tool {
 
 void ApproachName(std::span<const inspect::ObjectView> Objects, std::size_t nNow) {
-  constexpr std::size_t kAhead = 8;
-  constexpr std::size_t kLine = 64;
-  constexpr std::size_t kMost = 3 * kLine;
+  constexpr std::size_t kAhead = 16;
   if (nNow + kAhead >= Objects.size()) return;
   const std::string_view Name = Objects[nNow + kAhead].Name;
-  for (std::size_t n = 0; n < std::min(Name.size(), kMost); n += kLine) __builtin_prefetch(Name.data() + n);
+  __builtin_prefetch(Name.data());
+  __builtin_prefetch(Name.data() + Name.size());  // most are in two lines of the cache at most
 }
 
 void BatchPrinter::Print(EventOutput* pOutput, const inspect::Batch& Read, std::uint32_t nEventSize,
