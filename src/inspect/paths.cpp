@@ -95,15 +95,17 @@ char* Paths::Texts::Take(std::size_t nSize) {
 
 // ---- Stores -----------------------------------------------------------------------------------------------
 
-void Paths::Keep(const SegmentLife& Of) {
-  (void)Open(Of);  // what cannot be opened is told of the objects that are asked for
+std::uint64_t Paths::Keep(std::uint32_t nDatabase, std::uint32_t nSegment) {
+  const std::uint64_t nToken = NextToken();
+  (void)Open({nDatabase, nSegment, nToken}, 0);  // what cannot be opened is told of the objects that are asked for
+  return nToken;
 }
 
 void Paths::Rest() {
   if (!os::DeletedFilesFreeTheirNames()) m_Stores.clear();
 }
 
-Answer Paths::OpenFolderOf(const SegmentLife& Of, os::FolderHandle* ppFolder) {
+Answer Paths::OpenFolderOf(const Key& Of, os::FolderHandle* ppFolder) {
   *ppFolder = m_Store.Folder();
   if (Of.nSegment == 0) return Answer::Read;
   os::FolderHandle& pKnown = m_Folders[Of.nDatabase];
@@ -117,39 +119,64 @@ Answer Paths::OpenFolderOf(const SegmentLife& Of, os::FolderHandle* ppFolder) {
 }
 
 // What could not be opened is tried once a call. What was opened as whatever has that number is tried again when it was
-// deleted; what was opened as a certain life of a segment is read as long as it is open.
-Paths::Held& Paths::Open(const SegmentLife& Of) {
+// deleted; what has a token is read as long as it is open.
+Paths::Held& Paths::Open(const Key& Of, std::uint64_t nIdsBirth) {
   const auto Found = m_Stores.find(Of);
   if (Found != m_Stores.end()) {
     Held& Known = Found->second;
     const bool bNow = std::exchange(Known.nUsed, m_nCalls) == m_nCalls;
-    if (bNow || (Known.pObjects != nullptr && (Of.nIdsBirth != 0 || !Known.pObjects->IsDeleted()))) return Known;
+    if (bNow || Of.nToken != 0 || (Known.pObjects != nullptr && !Known.pObjects->IsDeleted())) return Known;
   }
   if (Found == m_Stores.end() && m_Stores.size() >= kMostOpen)
     m_Stores.erase(std::ranges::min_element(m_Stores, {}, [](const auto& One) { return One.second.nUsed; }));
   Held& Fresh = m_Stores[Of];
   Fresh = {nullptr, Answer::Missing, ++m_nOpened, m_nCalls};
   os::FolderHandle pFolder;
-  Fresh.Opened = OpenFolderOf(Of, &pFolder);
+  Fresh.Opened = nIdsBirth == kNoBirth ? Answer::Missing : OpenFolderOf(Of, &pFolder);
   if (Fresh.Opened != Answer::Read) return Fresh;
   auto pObjects = std::make_unique<Objects>(
       m_Store, std::move(pFolder), Of.nSegment == 0 ? SharedObjectFiles() : ObjectFilesOf(Of.nSegment), &m_Cache);
-  Fresh.Opened = pObjects->Open(Of.nIdsBirth);
+  Fresh.Opened = pObjects->Open(nIdsBirth);
   if (Fresh.Opened == Answer::Read) Fresh.pObjects = std::move(pObjects);
   return Fresh;
 }
 
-Paths::Held& Paths::HeldOf(std::uint64_t nId, const SegmentLife& From) {
-  if (m_pLast != nullptr && nId >> 32 == m_nLastStore) return *m_pLast;
-  SegmentLife Of{DatabaseOfId(nId), SegmentOfId(nId), 0};
-  if (Of.nSegment == 0) Of.nDatabase = 0;  // the shared objects are all databases'
-  if (Of.nDatabase == From.nDatabase && Of.nSegment == From.nSegment) Of = From;
-  m_nLastStore = nId >> 32;
-  m_pLast = &Open(Of);
-  return *m_pLast;
+// The objects of a segment that were kept last, of those of the same life of the database as where the ids come from.
+Paths::Held* Paths::FindKept(const Key& Of, const ObjectsOrigin& From) {
+  auto After = m_Stores.upper_bound({Of.nDatabase, Of.nSegment, From.nToken});
+  if (From.nToken == 0 || After == m_Stores.begin()) return nullptr;
+  const Key& Kept = (--After)->first;
+  const bool bThat = Kept.nDatabase == Of.nDatabase && Kept.nSegment == Of.nSegment && Kept.nToken != 0;
+  return bThat && Kept.nToken >= From.nChainToken ? &Open(Kept, 0) : nullptr;
 }
 
-Objects* Paths::Find(std::uint64_t nId, const SegmentLife& From) {
+// What has the number now must be the segment's own, or older than the one where the ids come from.
+Paths::Held& Paths::OpenByName(Key Of, const ObjectsOrigin& From) {
+  Of.nToken = 0;
+  if (Of.nDatabase != From.nDatabase || From.nIdsBirth == 0) return Open(Of, 0);
+  if (Of.nSegment == From.nSegment) return Open(Of, From.nIdsBirth);
+  os::FolderHandle pFolder;
+  os::FileLook Now{};
+  if (OpenFolderOf(Of, &pFolder) == Answer::Read)
+    (void)os::LookAt(pFolder, ObjectFilesOf(Of.nSegment).Ids, &Now);  // without a birth when it fails
+  return Open(Of, Now.nBirth < From.nIdsBirth || Of.nSegment > From.nSegment ? Now.nBirth : kNoBirth);
+}
+
+Paths::Held& Paths::HeldOf(std::uint64_t nId, const ObjectsOrigin& From) {
+  if (m_pLast != nullptr && nId >> 32 == m_nLastStore) return *m_pLast;
+  Key Of{DatabaseOfId(nId), SegmentOfId(nId), From.nToken};
+  if (Of.nSegment == 0) Of = {0, 0, 0};  // the shared objects are all databases'
+  const bool bSameDatabase = Of.nSegment != 0 && Of.nDatabase == From.nDatabase;
+  Held* pFound = nullptr;
+  if (bSameDatabase && From.nToken == kNoObjects) pFound = &Open(Of, kNoBirth);
+  if (bSameDatabase && pFound == nullptr) pFound = FindKept(Of, From);
+  if (pFound == nullptr) pFound = &OpenByName(Of, From);
+  m_nLastStore = nId >> 32;
+  m_pLast = pFound;
+  return *pFound;
+}
+
+Objects* Paths::Find(std::uint64_t nId, const ObjectsOrigin& From) {
   ++m_nCalls;
   m_pLast = nullptr;
   return HeldOf(nId, From).pObjects.get();
@@ -183,7 +210,7 @@ void Paths::Sort(std::span<const std::uint64_t> Ids) {
 }
 
 // In small groups of one store: while one object is looked at, what the next ones need is on its way from the memory.
-const std::vector<ObjectView>& Paths::Resolve(std::span<const std::uint64_t> Ids, const SegmentLife& From) {
+const std::vector<ObjectView>& Paths::Resolve(std::span<const std::uint64_t> Ids, const ObjectsOrigin& From) {
   constexpr std::size_t kGroup = 64;
   constexpr std::size_t kBehind = 16;  // what was brought near then is there
   ++m_nCalls;
@@ -225,7 +252,7 @@ std::uint64_t Paths::ParentKey(const Work& Of) const {
 }
 
 // Up to the record whose name is wanted.
-void Paths::Begin(std::uint64_t nId, const SegmentLife& From, Work* pWork) {
+void Paths::Begin(std::uint64_t nId, const ObjectsOrigin& From, Work* pWork) {
   ObjectView& Seen = pWork->Seen;
   Seen = {};
   pWork->pStore = &HeldOf(nId, From);

@@ -6,17 +6,8 @@
 
 namespace lumbra::tool {
 
-EventNames::EventNames(const inspect::Store& Store, std::uint32_t nDatabase, const CommonOptions& Common,
-                       Findings* pFindings)
-    : m_Store(Store),
-      m_nDatabase(nDatabase),
-      m_Common(Common),
-      m_pFindings(pFindings),
-      m_Paths(Store, CacheBytesOf(Common)) {}
-
-void EventNames::Keep(const std::vector<inspect::SegmentExtent>& Upcoming) {
-  for (const inspect::SegmentExtent& One : Upcoming) m_Paths.Keep({m_nDatabase, One.nNumber, One.nIdsBirth});
-}
+EventNames::EventNames(const inspect::Store& Store, const CommonOptions& Common, Findings* pFindings)
+    : m_Store(Store), m_Common(Common), m_pFindings(pFindings), m_Paths(Store, CacheBytesOf(Common)) {}
 
 const std::vector<inspect::ObjectView>& EventNames::Resolve(const inspect::Batch& Read, std::uint32_t nEventSize,
                                                             std::uint32_t nObjectAt,
@@ -29,8 +20,7 @@ const std::vector<inspect::ObjectView>& EventNames::Resolve(const inspect::Batch
     bHost = bHost || m_Ids[i] == kHostObjectAlias;
   }
   if (bHost && !m_bHostKnown) LookForHost();
-  const std::vector<inspect::ObjectView>& Objects =
-      m_Paths.Resolve(m_Ids, {m_nDatabase, Read.First.nSegment, Read.nIdsBirth});
+  const std::vector<inspect::ObjectView>& Objects = m_Paths.Resolve(m_Ids, Read.Objects);
   Count(Objects);
   return Objects;
 }

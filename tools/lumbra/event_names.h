@@ -14,11 +14,10 @@ namespace lumbra::tool {
 
 class EventNames {
  public:
-  // Of the events of a database of that id. The store, the options and the findings outlive it.
-  EventNames(const inspect::Store& Store, std::uint32_t nDatabase, const CommonOptions& Common, Findings* pFindings);
+  // The store, the options and the findings outlive it.
+  EventNames(const inspect::Store& Store, const CommonOptions& Common, Findings* pFindings);
 
-  // Opens the objects of segments that may be dropped before they are read.
-  void Keep(const std::vector<inspect::SegmentExtent>& Upcoming);
+  inspect::Paths* Paths() { return &m_Paths; }
   void Rest() { m_Paths.Rest(); }
 
   // The objects of some events of a batch, in the order of the positions. nObjectAt is where an event has its object's
@@ -34,7 +33,6 @@ class EventNames {
   void LookForHost();
 
   const inspect::Store& m_Store;
-  const std::uint32_t m_nDatabase;
   const CommonOptions& m_Common;
   Findings* const m_pFindings;
   inspect::Paths m_Paths;

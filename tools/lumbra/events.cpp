@@ -43,8 +43,8 @@ class EventShow {
       : m_Options(Options),
         m_pStore(OpenToRead(Common)),
         m_Database(Require(*m_pStore, Options.Database)),
+        m_Names(*m_pStore, Common, &m_Findings),
         m_Reader(*m_pStore, m_Database, m_Findings.Teller()),
-        m_Names(*m_pStore, IdOf(m_Database), Common, &m_Findings),
         m_KeptCursor(Options.CursorFile),
         m_Progress("events", OutputIsFile() && !Options.bQuiet && !Options.bFollow),
         m_nLeft(std::min(Options.Count.value_or(kWithoutLimit), Options.bJustOne ? 1 : kWithoutLimit)) {}
@@ -55,6 +55,9 @@ class EventShow {
       throw Failure("read from " + FormatId(*m_Options.From), errPARAMETER_INVALID,
                     "this is no event of " + m_Options.Database.Describe());
     }
+    const EventFilterOptions& Filter = m_Options.Filter;
+    const bool bAsksForNames = !Filter.Names.empty() || !Filter.NotNames.empty() || !Filter.Under.empty();
+    if (!m_Options.bCountOnly || bAsksForNames) m_Reader.OpenObjectsIn(m_Names.Paths());
     Look();
     for (const inspect::SegmentExtent& One : m_Reader.Seen().Segments) m_nTotal += One.nEvents;
     m_nStatus = GoToStart();
@@ -76,7 +79,6 @@ class EventShow {
     Check(m_Reader.Refresh(), "read " + m_Options.Database.Describe());
     const std::uint32_t nSize = m_Reader.EventSize();
     if (nSize != 0 && nSize != m_nEventSize) Interpret(nSize);
-    if (WantsNames()) m_Names.Keep(m_Reader.Upcoming());
   }
 
   void Interpret(std::uint32_t nSize) {
@@ -331,8 +333,8 @@ class EventShow {
   const std::unique_ptr<inspect::Store> m_pStore;
   const inspect::Database m_Database;
   Findings m_Findings;
-  inspect::EventReader m_Reader;
   EventNames m_Names;
+  inspect::EventReader m_Reader;
   CursorFile m_KeptCursor;
   Progress m_Progress;
   std::uint64_t m_nLeft;  // events that are still to be shown

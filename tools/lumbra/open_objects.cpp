@@ -31,7 +31,7 @@ std::vector<OpenObjects> ObjectStores::List(const inspect::Database& Database) {
   std::vector<OpenObjects> Stores;
   for (auto One = At.Segments.rbegin(); One != At.Segments.rend(); ++One) {
     Stores.push_back({WithDatabase(std::uint64_t{One->nNumber} << 32, *Database.Id),
-                      {*Database.Id, One->nNumber, One->nIdsBirth},
+                      {.nDatabase = *Database.Id, .nSegment = One->nNumber, .nIdsBirth = One->nIdsBirth},
                       nullptr});
   }
   return Stores;
@@ -44,7 +44,7 @@ OpenObjects ObjectStores::StoreOf(std::uint64_t nId) {
     throw Failure("open the database of " + FormatId(nId), errOBJECT_NOT_FOUND,
                   "there is no database " + std::to_string(nDatabase) + " in this store");
   }
-  return {nId & ~std::uint64_t{UINT32_MAX}, {nDatabase, SegmentOfId(nId), 0}, nullptr};
+  return {nId & ~std::uint64_t{UINT32_MAX}, {.nDatabase = nDatabase, .nSegment = SegmentOfId(nId)}, nullptr};
 }
 
 bool ObjectStores::Open(OpenObjects* pWhich) {

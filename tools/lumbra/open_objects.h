@@ -18,7 +18,7 @@ namespace lumbra::tool {
 // An object store that is open. Its objects have ids from nBase + 1 on.
 struct OpenObjects {
   std::uint64_t nBase = 0;
-  inspect::SegmentLife Life;
+  inspect::ObjectsOrigin Life;
   std::unique_ptr<inspect::Objects> pObjects;
 };
 
