@@ -6,6 +6,7 @@
 
 #include "format/crc32.h"
 #include "format/file_names.h"
+#include "format/named_index_file.h"
 #include "format/object_files.h"
 #include "format/record_file.h"
 #include "format/tree_file.h"
@@ -109,6 +110,22 @@ bool IsStill(const SegmentExtent& Segment, const os::FolderHandle& pFolder, cons
   return os::LookAt(pFolder, Events, &Look) == os::kSuccess && Look.nBirth == Segment.nBirth;
 }
 
+// A store without named databases has none.
+std::optional<Fault> FaultOfIndex(const os::FolderHandle& pStore) {
+  constexpr std::uint64_t kLongest = (std::uint64_t{kMaxIndexNames} + 1) * kIndexBlockSize;
+  std::string Bytes;
+  os::FileLook Look{};
+  const os::SystemError nError = ReadSmall(pStore, kIndexFile, kIndexBlockSize, &Bytes);
+  if (nError == os::kFileNotFound) return {};
+  if (nError != os::kSuccess) return Fault{"it is no file, or the system refuses to read it"};
+  if (os::LookAt(pStore, kIndexFile, &Look) == os::kSuccess && Look.nSize > kLongest)
+    return Fault{"it is longer than an index of names can be", std::to_string(kLongest), std::to_string(Look.nSize)};
+  const bool bNew = Bytes.empty();
+  if (bNew || std::ranges::equal(Bytes, kIndexSignature) || std::ranges::equal(Bytes, kCorruptedIndexSignature))
+    return {};
+  return Fault{"it does not say that it is an index of names"};
+}
+
 }  // namespace
 
 void CheckSharedHeads(const Store& Of, const Report& Tell) {
@@ -126,6 +143,10 @@ void CheckSharedHeads(const Store& Of, const Report& Tell) {
     const bool bNeeded = bBegun || One.pName == kSharedIdsFile;
     Heads.Check(Of.Folder(), One.pName, One.pName, One.What, 0, bNeeded, [] { return true; });
   }
+  Patience Waiting;
+  std::optional<Fault> Index = FaultOfIndex(Of.Folder());
+  while (Index && Waiting.Wait()) Index = FaultOfIndex(Of.Folder());
+  if (Index) Tell({Grade::Damage, kIndexFile, 0, Index->What, Index->Expected, Index->Found});
 }
 
 void CheckHeads(const Store& Of, const Database& What, const Horizon& At, const Report& Tell) {
