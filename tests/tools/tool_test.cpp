@@ -158,6 +158,9 @@ TEST_F(ToolTest, FindsWhatOldSegmentsHoldAndMakesNothing) {
   EXPECT_EQ(File + "\nnot found\n", Run("find --db 1 C:\\Dir\\f D:\\none", 1));
   EXPECT_FALSE(fs::exists(Folder() / "store/01/00000004_objbt.dat"));
   EXPECT_THAT(Run("objects"), ::testing::Not(HasSubstr("D:")));
+  fs::remove(Folder() / "store/01/00000002_objid.dat");
+  EXPECT_EQ("0x0100000100000001\n", Run("find --db 1 --type name old", 3));
+  EXPECT_THAT(Errors(), HasSubstr("damaged 01/00000002_objid.dat: it is missing\n"));
   Fails("find --db 1 //", "errUNSPECIFIED");
 }
 
