@@ -40,6 +40,8 @@ TEST_F(ToolPosixTest, LetsNoNameReachTheTerminal) {
   Run("scan '" + std::string("\x1b[2J\nx") + "' --db 1");
   for (const std::string Command : {"events --db 1", "events --json --db 1"})
     EXPECT_THAT(Run(Command), ::testing::Not(HasSubstr("\x1b"))) << Command;
+  Run("record --db a\"b");
+  EXPECT_THAT(Run("info -o prometheus"), HasSubstr(",database=\"a\\\"b\"} "));
   Fails("find --db 0 '\x1b'");
   EXPECT_THAT(Run("find --db 0 \x1b", 1) + Errors(), ::testing::Not(HasSubstr("\x1b")));
   Run("record --db 1 --\x1b", 2);
@@ -130,7 +132,8 @@ TEST_F(ToolPosixTest, ReadsBesideWhoHoldsTheStoreAndNamesHim) {
     const auto pHeld = OpenFile(u"store/g_objid.dat");
     const std::string Who = "lumbra_tests (pid " + std::to_string(getpid()) + ", user ";
     EXPECT_THAT(Run("info"), StartsWith(At("store") + "\nheld by " + Who));
-    Fails("record --db 1", "another process holds the store: " + Who);
+    for (const char* const pCommand : {"record --db 1", "repair --yes", "compact"})
+      Fails(pCommand, "another process holds the store: " + Who);
     EXPECT_EQ("file    C:\\a\n", Described(Id));
     for (const std::string Command : {"objects --db 1", "find --db 1 C:\\a"}) EXPECT_THAT(Run(Command), HasSubstr(Id));
   }
