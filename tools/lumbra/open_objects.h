@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "inspect/horizon.h"
 #include "inspect/objects.h"
 #include "inspect/paths.h"
 #include "inspect/store.h"
@@ -19,6 +20,7 @@ namespace lumbra::tool {
 struct OpenObjects {
   std::uint64_t nBase = 0;
   inspect::ObjectsOrigin Life;
+  inspect::Horizon Seen;  // of that segment alone, where it was listed
   std::unique_ptr<inspect::Objects> pObjects;
 };
 
