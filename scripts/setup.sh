@@ -4,7 +4,7 @@
 # "fuzz": also the compiler of the fuzz targets. With "peers": also the stores that bench/peers compares with.
 set -eu
 
-packages="g++ cmake ninja-build libcli11-dev nlohmann-json3-dev libutfcpp-dev libhowardhinnant-date-dev
+packages="g++ cmake ninja-build libcli11-dev nlohmann-json3-dev libutfcpp-dev libhowardhinnant-date-dev nettle-dev
           libgtest-dev libgmock-dev libbenchmark-dev"
 [ "${1:-}" = dev ] && packages="$packages clang-format clang-14 clang-tidy-14"
 [ "${1:-}" = windows ] && packages="$packages g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-posix googletest wine wine64"

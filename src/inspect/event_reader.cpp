@@ -162,7 +162,7 @@ void EventReader::Append() {
     Missing = {{nLast + 1, 0}, {}, 0, true, Gap::Why::Damaged};
     m_Tracks.push_back(std::move(Fresh));
   }
-  m_nLife = m_Horizon.nLife;
+  if (m_Horizon.nLife != 0) m_nLife = m_Horizon.nLife;
   OpenAhead();
 }
 

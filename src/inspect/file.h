@@ -28,6 +28,8 @@ class File {
     return os::ReadAt(m_Handle, nOffset, pBuffer, nSize, pnRead);
   }
 
+  os::FileHandle Handle() const { return m_Handle; }
+
   // Tells the files of a process apart, also those that have been closed.
   std::uint32_t Key() const { return m_nKey; }
 

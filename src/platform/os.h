@@ -137,11 +137,12 @@ SystemError RemoveFile(const FolderHandle& pFolder, std::u16string_view Name);
 
 // What a look at a file tells.
 struct FileLook {
-  bool bPlain;            // neither a folder nor a link, a pipe or a device
-  std::uint32_t nNames;   // names that it has in folders; 0 when it was deleted since it was opened
-  std::uint64_t nSize;    // bytes
-  std::uint64_t nBirth;   // when it was made, as a FILETIME; 0 where the file system does not tell
-  std::uint64_t nDevice;  // the file system, and the file's number in it
+  bool bPlain;             // neither a folder nor a link, a pipe or a device
+  std::uint32_t nNames;    // names that it has in folders; 0 when it was deleted since it was opened
+  std::uint64_t nSize;     // bytes
+  std::uint64_t nBirth;    // when it was made, as a FILETIME; 0 where the file system does not tell
+  std::uint64_t nWritten;  // when it was written to last, the same
+  std::uint64_t nDevice;   // the file system, and the file's number in it
   std::uint64_t nNumber;
 };
 
@@ -151,6 +152,10 @@ struct FileLook {
 SystemError LookAt(const FolderHandle& pFolder, std::u16string_view Name, FileLook* pLook);
 SystemError LookAt(FileHandle Handle, FileLook* pLook);
 SystemError OpenToLook(const FolderHandle& pFolder, std::u16string_view Name, FileHandle* pHandle);
+
+// Copies the first bytes of a file to the start of another one, so that the two share the room where the file system
+// can. kNotSupported, before anything was written, where the system copies nothing by itself.
+SystemError CopyStart(FileHandle From, FileHandle To, std::uint64_t nSize);
 
 // Whether the name of a file that was deleted is free while the file is open: where it is not, a reader that keeps
 // files open keeps the writer from making them anew.

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <new>
@@ -18,12 +19,21 @@ namespace lumbra::test {
 struct Writer::Shared {
   std::atomic<std::uint64_t> nAdded{0};
   std::atomic<std::uint64_t> nFailed{0};
+  std::atomic<std::int64_t> nLastKill{0};  // milliseconds of the clock that all processes share
   std::atomic<bool> bEnd{false};
 };
 
 std::u16string NameOf(std::uint64_t nNumber) {
   return host::ToUtf16("C:\\folder " + std::to_string(nNumber / 100 % 50) + "\\file " + std::to_string(nNumber / 7));
 }
+
+namespace {
+
+std::int64_t Milliseconds() {
+  return std::chrono::steady_clock::now().time_since_epoch() / std::chrono::milliseconds(1);
+}
+
+}  // namespace
 
 Writer::Writer(const std::u16string& Folder, Ways What) {
   void* const pMemory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
@@ -54,6 +64,10 @@ std::uint64_t Writer::Failed() const {
   return m_pShared->nFailed;
 }
 
+bool Writer::WasJustKilled() const {
+  return Milliseconds() - m_pShared->nLastKill < 2000;
+}
+
 // Keeps a writer going, whatever befalls it.
 void Writer::Keep(const std::u16string& Folder, Ways What) {
   std::minstd_rand Random(static_cast<unsigned>(getpid()));
@@ -72,7 +86,10 @@ void Writer::Keep(const std::u16string& Folder, Ways What) {
       usleep(Below(20) == 0 ? 250000 : Below(3000));
       kill(nWriter, SIGCONT);
     }
-    if (What.bIsDisturbed) kill(nWriter, SIGKILL);
+    if (What.bIsDisturbed) {
+      kill(nWriter, SIGKILL);
+      m_pShared->nLastKill = Milliseconds();
+    }
     waitpid(nWriter, nullptr, 0);
   }
   Write(Folder, What);  // once more, to be ended in peace

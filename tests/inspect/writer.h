@@ -43,6 +43,9 @@ class Writer {
   std::uint64_t Added() const;   // events that the store has taken
   std::uint64_t Failed() const;  // operations that it has refused, and openings
 
+  // Whether it may have been killed within a clearing, which is damage until it is started again.
+  bool WasJustKilled() const;
+
  private:
   struct Shared;
 

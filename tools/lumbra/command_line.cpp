@@ -423,6 +423,12 @@ void AddStoreCommands(CLI::App* pApp, Request* pRequest) {
   pRepair->add_option("--undo", pRepairWith->Undo, "Take back what was done at this time, a folder in set-aside")
       ->type_name("TIME");
 
+  const auto [pBackup, pBackupWith] =
+      AddCommand(pApp, pRequest, "backup", "Copy the store, which may be in use, as it is at one moment", Backup);
+  pBackup->add_option("DIR", pBackupWith->Folder, "Where to: a new folder, or one with an earlier backup")
+      ->required()
+      ->check(NotEmpty());
+
   const auto [pModule, pModuleWith] =
       AddCommand(pApp, pRequest, "module", "Show what a module says of itself, without loading it", Module);
   pModule->add_option("FILE", pModuleWith->File, "The module")->required()->check(NotEmpty());

@@ -139,6 +139,12 @@ struct InfoOptions {
 };
 int Info(const CommonOptions& Common, const InfoOptions& Options);
 
+struct BackupOptions {
+  std::string Folder;
+};
+int Backup(const CommonOptions& Common, const BackupOptions& Options);
+int VerifyManifest(const CommonOptions& Common);
+
 struct ModuleOptions {
   std::string File;
 };

@@ -370,6 +370,7 @@ SystemError Look(int nFolder, const char* pName, int nFlags, FileLook* pLook) {
             .nNames = Status.stx_nlink,
             .nSize = Status.stx_size,
             .nBirth = bBirth ? static_cast<std::uint64_t>(FileTimeOf(Status.stx_btime)) : 0,
+            .nWritten = static_cast<std::uint64_t>(FileTimeOf(Status.stx_mtime)),
             .nDevice = std::uint64_t{Status.stx_dev_major} << 32 | Status.stx_dev_minor,
             .nNumber = Status.stx_ino};
   return kSuccess;
@@ -400,6 +401,22 @@ SystemError OpenToLook(const FolderHandle& pFolder, std::u16string_view Name, Fi
   return kSuccess;
 } catch (const std::bad_alloc&) {
   return kNotEnoughMemory;
+}
+
+SystemError CopyStart(FileHandle From, FileHandle To, std::uint64_t nSize) {
+  constexpr std::uint64_t kMost = 1 << 30;  // of one call
+  off_t nFrom = 0;
+  off_t nTo = 0;
+  while (static_cast<std::uint64_t>(nTo) < nSize) {
+    const std::uint64_t nLeft = nSize - static_cast<std::uint64_t>(nTo);
+    const ssize_t nCopied = copy_file_range(From->nDescriptor, &nFrom, To->nDescriptor, &nTo,
+                                            static_cast<std::size_t>(std::min(nLeft, kMost)), 0);
+    if (nCopied == 0) return kGeneralFailure;  // the file has become shorter
+    if (nCopied > 0 || errno == EINTR) continue;
+    const bool bCannot = errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP;
+    return bCannot && nTo == 0 ? kNotSupported : LastError();
+  }
+  return kSuccess;
 }
 
 bool DeletedFilesFreeTheirNames() {

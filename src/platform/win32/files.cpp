@@ -186,6 +186,7 @@ SystemError LookAt(FileHandle Handle, FileLook* pLook) {
             .nNames = Found.nNumberOfLinks,
             .nSize = Join(Found.nFileSizeHigh, Found.nFileSizeLow),
             .nBirth = Join(Found.ftCreationTime.dwHighDateTime, Found.ftCreationTime.dwLowDateTime),
+            .nWritten = Join(Found.ftLastWriteTime.dwHighDateTime, Found.ftLastWriteTime.dwLowDateTime),
             .nDevice = Found.dwVolumeSerialNumber,
             .nNumber = Join(Found.nFileIndexHigh, Found.nFileIndexLow)};
   return kSuccess;
@@ -206,6 +207,10 @@ SystemError OpenToLook(const FolderHandle& pFolder, std::u16string_view Name, Fi
     (void)Close(Opened);
   }
   return nError;
+}
+
+SystemError CopyStart(FileHandle /*From*/, FileHandle /*To*/, std::uint64_t /*nSize*/) {
+  return kNotSupported;
 }
 
 bool DeletedFilesFreeTheirNames() {
