@@ -42,6 +42,8 @@ TEST_F(ToolTest, InfoTellsOfSegmentsAndTimes) {
   EXPECT_THAT(Text, HasSubstr("lumbra_database_records" + Label + "} 3\n"));
   EXPECT_THAT(Text, HasSubstr("lumbra_database_lowest_time_seconds" + Label + "} 1795525200.000\n"));
   EXPECT_THAT(Text, HasSubstr("lumbra_segment_bytes" + Label + ",segment=\"2\",file=\"events\"} 44\n"));
+  Run("schema --db named 'time:unix-us,object:id,_:hex:16'");
+  EXPECT_EQ("6228-12-19T10:00:00.0000000Z", json::parse(Run("info --json --times"))["databases"][1]["lowest_time"]);
   Patch("store/g_objdt.dat", 0, {'?'});
   fs::remove(Folder() / "store/named/00000001_objid.dat");
   Run("info", 3);

@@ -13,6 +13,7 @@
 #include "inspect/horizon.h"
 #include "machine.h"
 #include "reading.h"
+#include "schema.h"
 #include "store_info.h"
 
 namespace lumbra::tool {
@@ -20,9 +21,18 @@ namespace {
 
 // ---- From outside -----------------------------------------------------------------------------------------
 
-// Where an event has its time. Only the tool's own have one that is known.
-std::optional<std::uint32_t> OffsetOfTime(const inspect::Horizon& Of) {
-  return Of.nEventSize == sizeof(Event) ? std::optional<std::uint32_t>(offsetof(Event, nTime)) : std::nullopt;
+// A time in an event, as a FILETIME.
+std::uint64_t FileTimeOf(FieldType Type, std::uint64_t nBytes) {
+  if (Type == FieldType::FileTime) return nBytes;
+  constexpr std::int64_t kNanoseconds = 1000000000;
+  const std::int64_t nPerSecond = Type == FieldType::UnixS    ? 1
+                                  : Type == FieldType::UnixMs ? 1000
+                                  : Type == FieldType::UnixUs ? 1000000
+                                                              : kNanoseconds;
+  const auto nUnits = static_cast<std::int64_t>(nBytes);
+  const std::int64_t nRest = (nUnits % nPerSecond + nPerSecond) % nPerSecond;
+  const std::int64_t nSeconds = nUnits / nPerSecond - (nUnits % nPerSecond < 0 ? 1 : 0);
+  return tool::FileTimeOf(nSeconds, nRest * (kNanoseconds / nPerSecond));
 }
 
 class Observer {
@@ -102,20 +112,25 @@ class Observer {
     constexpr std::uint32_t kBatch = 65536;
     inspect::EventReader Reader(*m_pStore, One, [](const inspect::Finding&) {});
     Check(Reader.Refresh(), "read " + Name.Describe());
-    const std::optional<std::uint32_t> Offset = OffsetOfTime(Reader.Seen());
-    if (!Offset) return {};
-    TimeRange Found{UINT64_MAX, 0};
+    if (Reader.EventSize() == 0) return {};
+    const Schema Layout = SchemaOf(*m_pStore, One, {}, Reader.EventSize());
+    const Field* const pTime = Layout.Find("time");
+    if (pTime == nullptr || !IsTime(pTime->Type)) return {};
+    const std::uint64_t nSign = pTime->Type == FieldType::FileTime ? 0 : std::uint64_t{1} << 63;
+    std::uint64_t nLowest = UINT64_MAX;
+    std::uint64_t nHighest = 0;
     inspect::Batch Read;
     while (Reader.Next(kBatch, &Read)) {
       if (Read.Lost) NoteLost(*Read.Lost, Name);
-      for (std::size_t nAt = *Offset; nAt < Read.Events.size(); nAt += Reader.EventSize()) {
+      for (std::size_t nAt = pTime->nOffset; nAt < Read.Events.size(); nAt += Reader.EventSize()) {
         std::uint64_t nTime = 0;
         std::memcpy(&nTime, Read.Events.data() + nAt, sizeof(nTime));
-        Found.nLowest = std::min(Found.nLowest, nTime);
-        Found.nHighest = std::max(Found.nHighest, nTime);
+        nLowest = std::min(nLowest, nTime ^ nSign);
+        nHighest = std::max(nHighest, nTime ^ nSign);
       }
     }
-    return Found.nLowest <= Found.nHighest ? std::optional(Found) : std::nullopt;
+    if (nLowest > nHighest) return {};
+    return TimeRange{FileTimeOf(pTime->Type, nLowest ^ nSign), FileTimeOf(pTime->Type, nHighest ^ nSign)};
   }
 
   // Events that a limit drops meanwhile are no damage.
