@@ -227,12 +227,16 @@ void AddStoreCommands(CLI::App* pApp, Request* pRequest) {
   pRepair->add_option("--undo", pRepairWith->Undo, "Take back what was done at this time, a folder in set-aside")
       ->type_name("TIME");
 
-  const auto [pVerify, pVerifyWith] =
-      AddCommand(pApp, pRequest, "verify", "Read everything, and say what is damaged, and what crashes have left", Verify);
+  const auto [pVerify, pVerifyWith] = AddCommand(
+      pApp, pRequest, "verify", "Read everything, and say what is damaged, and what crashes have left", Verify);
   AddParsed(pVerify, "--db", &pVerifyWith->Database, "This database alone: a number from 1 to 47, or a name",
             ParseDatabaseName)
       ->type_name("DB");
   pVerify->add_flag("--json", pVerifyWith->bJson, "A JSON object a line");
+
+  const auto [pDump, pDumpWith] =
+      AddCommand(pApp, pRequest, "dump", "Show a file of a store in words, field by field", Dump);
+  pDump->add_option("FILE", pDumpWith->File, "The file")->required()->check(NotEmpty());
 
   const auto [pModule, pModuleWith] =
       AddCommand(pApp, pRequest, "module", "Show what a module says of itself, without loading it", Module);
