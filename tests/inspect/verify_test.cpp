@@ -38,9 +38,8 @@ class VerifyTest : public ToolTest {
   // A database of all that there can be in one, with events for each name.
   void MakeDatabase(const std::string& Options) {
     Record(Options, {"first", "second", "a name with \xC3\xA9", "third"});
-    const std::string Id = Find(Options.substr(0, Options.find(' ')) + " --type name first");
+    const std::string Id = Find(Options.substr(0, Options.find(' ')) + " --create --type name third");
     Run("data set " + Id + " 7 in", 0, "some data");
-    Run("data set " + Id + " 8 in", 0, "more data");
   }
 };
 
@@ -56,8 +55,9 @@ TEST_F(VerifyTest, FindsNothingButLeftoversInSoundStores) {
     const std::string Id = Find("1 --type name second");
     Run("data set " + Id + " 1 in", 0, std::string(3000, 'x'));
     Run("data set " + Id + " 1 in", 0, std::string(6000, 'x'));
+    Run("data set " + Id + " 2 in", 0, "more");
     Run("data clear " + Id);
-    Run("link " + Id + " " + Find("1 --type name third"));
+    Run("link " + Find("1 --create --type key one") + " " + Find("1 --create --type key another"));
     Run("find --db 0 --create shared");
     EXPECT_THAT(Damages(), ::testing::IsEmpty()) << Mode;
     Run("compact --replace");
