@@ -114,6 +114,8 @@ class NameHash {
 
   // A last byte that was no whole unit counts for the hash, and is not stored as UTF-8.
   bool FitsWithHalfUnit(const tODB_ID_ENTRY& Record, std::uint32_t nSize, std::uint64_t nParentHash) {
+    constexpr std::uint32_t kMostTries = 1000;  // such names are rare, and each costs as much as hundreds
+    if (++m_nTries > kMostTries) return false;
     std::vector<std::uint8_t> Name(nSize + 1);
     std::memcpy(Name.data(), m_Wide.data(), nSize);
     for (std::uint32_t nByte = 0; nByte < 256; ++nByte) {
@@ -140,6 +142,7 @@ class NameHash {
 
   std::vector<char16_t> m_Wide;
   std::uint32_t m_nFlags = fObjNoCase;
+  std::uint32_t m_nTries = 0;
 };
 
 // ---- The store ----------------------------------------------------------------------------------------------

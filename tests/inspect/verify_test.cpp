@@ -91,7 +91,8 @@ TEST_F(VerifyTest, FindsEveryBitThatACrcCovers) {
       fs::copy(Folder() / "store/01", Folder() / "store" / Copy);
       const fs::path File = fs::path("store") / Copy / pFile;
       Bytes Content = ReadFile(File);
-      Content[nAt] = static_cast<std::uint8_t>(Content[nAt] ^ (1 << nAt * 5 % 8));
+      std::uint8_t& nByte = Content[static_cast<std::size_t>(nAt)];
+      nByte = static_cast<std::uint8_t>(nByte ^ (1 << nAt * 5 % 8));
       WriteFile(File, Content);
       Flipped.insert(Copy);
     }
