@@ -8,6 +8,7 @@
 #include "events/circle_watch.h"
 #include "events/object_hash.h"
 #include "events/object_types.h"
+#include "events/path_components.h"
 #include "events/path_root.h"
 #include "platform/failed_step.h"
 #include "platform/scratch_buffer.h"
@@ -20,10 +21,6 @@ constexpr std::uint32_t kUnit = sizeof(char16_t);
 
 // Room without an allocation for the components of most paths.
 using ComponentBuffer = ScratchBuffer<512>;
-
-bool IsSeparator(char16_t c) {
-  return c == u'\\' || c == u'/';
-}
 
 std::uint32_t ZeroTerminatedSize(const void* pName, std::uint32_t nSize, std::uint32_t nMode) {
   if (nSize == kByteZeroTerminated) return static_cast<std::uint32_t>(std::strlen(static_cast<const char*>(pName)));
@@ -131,20 +128,6 @@ std::uint64_t LinkOf(ObjectDB& Store, std::uint64_t nId) {
   return Succeeded(nCode) && nSize == sizeof(nLink) ? nLink : 0;
 }
 
-bool FollowsLinkTo(std::uint8_t nType, std::uint32_t nFlags) {
-  switch (nType) {
-    case typeFolder:
-    case typeRegistryKey:
-      return (nFlags & fObjFollowLinks) != 0;
-    case typeVolumeRoot:
-      return (nFlags & fObjFollowVolumeLinks) != 0;
-    case typeRegistryRoot:
-      return true;
-    default:
-      return false;
-  }
-}
-
 // Finds or creates the object of a path's root, in every mode, and goes on to what it links to.
 ResultCode FindRoot(const ObjectStores& Stores, ObjectDB& Store, const PathRoot& Root, std::u16string_view Path,
                     std::uint32_t nFlags, std::uint32_t nMode, std::uint64_t* pnId) {
@@ -159,24 +142,6 @@ ResultCode FindRoot(const ObjectStores& Stores, ObjectDB& Store, const PathRoot&
   const ResultCode nLinked = BuildObjectName(Stores, nLink, nullptr, 0, nullptr, 0, &nLinkedType);
   if (Succeeded(nLinked) && FollowsLinkTo(nLinkedType, nFlags)) *pnId = nLink;
   return nCode;
-}
-
-struct Component {
-  std::u16string_view Name;
-  bool bMoreFollows;
-};
-
-// Takes the next component off a path. A '/' before it is part of it, a '\' is not.
-bool NextComponent(std::u16string_view Path, std::size_t* pnPosition, Component* pComponent) {
-  std::size_t nStart = *pnPosition;
-  while (nStart < Path.size() && IsSeparator(Path[nStart])) ++nStart;
-  if (nStart == Path.size()) return false;
-  std::size_t nEnd = nStart;
-  while (nEnd < Path.size() && !IsSeparator(Path[nEnd])) ++nEnd;
-  if (nStart > 0 && Path[nStart - 1] == u'/') --nStart;
-  *pComponent = {Path.substr(nStart, nEnd - nStart), nEnd < Path.size()};
-  *pnPosition = nEnd;
-  return true;
 }
 
 ResultCode FindPath(const ObjectStores& Stores, ObjectDB& Store, const ObjectQuery& Query, std::uint32_t nFlags,

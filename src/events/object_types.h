@@ -46,4 +46,19 @@ constexpr std::uint8_t ContainerType(std::uint8_t nType) {
   }
 }
 
+// Whether the root of a path, looked up with these flags, leads on to what it links to, which has this type.
+constexpr bool FollowsLinkTo(std::uint8_t nType, std::uint32_t nFlags) {
+  switch (nType) {
+    case typeFolder:
+    case typeRegistryKey:
+      return (nFlags & fObjFollowLinks) != 0;
+    case typeVolumeRoot:
+      return (nFlags & fObjFollowVolumeLinks) != 0;
+    case typeRegistryRoot:
+      return true;
+    default:
+      return false;
+  }
+}
+
 }  // namespace lumbra

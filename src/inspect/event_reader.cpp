@@ -17,7 +17,7 @@ namespace {
 constexpr std::size_t kOpenAhead = 64;
 
 // Of a batch: what the memory near the processor holds.
-constexpr std::uint32_t kMostBytes = 2 << 20;
+constexpr std::uint32_t kMostBytes = 8 << 20;
 
 std::uint32_t CrcOfEvent(std::span<const std::uint8_t> Event) {
   return Crc32(UINT32_MAX, Event.data(), Event.size());  // under which zeros count, too
@@ -69,10 +69,15 @@ void EventReader::Follow(const Horizon& Fresh) {
          (bAnyLeft || m_Tracks.back().Extent.bOver))
     m_Tracks.pop_back();
   if (m_Tracks.empty()) m_nNext = 0;
-  // The chain starts at a number that was there already: it was begun anew.
-  const std::uint32_t nLast = m_Tracks.empty() ? m_nLastFinished : m_Tracks.back().Extent.nNumber;
-  if (bAnyLeft || nLast == 0 || Fresh.Segments.empty() || Fresh.Segments.front().nNumber > nLast) return;
+  if (bAnyLeft || !IsAnew(Fresh)) return;
   for (Track& One : m_Tracks) One.Gone = Gap::Why::Cleared;
+}
+
+// Whether a chain of which no segment is known was begun anew: that is another life, or its number was there already.
+bool EventReader::IsAnew(const Horizon& Fresh) const {
+  const std::uint32_t nLast = m_Tracks.empty() ? m_nLastFinished : m_Tracks.back().Extent.nNumber;
+  if (nLast == 0) return false;
+  return Fresh.nLife != m_nLife || (!Fresh.Segments.empty() && Fresh.Segments.front().nNumber <= nLast);
 }
 
 // Of a segment that is gone it can be read what was opened, and counted how much there was at the end.
@@ -99,13 +104,14 @@ void EventReader::Append() {
   const bool bAnyLeft = !m_Tracks.empty() && !m_Tracks.back().Gone;
   std::uint32_t nLast = m_Tracks.empty() ? m_nLastFinished : m_Tracks.back().Extent.nNumber;
   Gap Missing{{nLast + 1, 0}, {}, 0, true, bAnyLeft ? Gap::Why::Damaged : Gap::Why::Dropped};
-  const bool bAnew = !bAnyLeft && nLast != 0 && !Segments.empty() && Segments.front().nNumber <= nLast;
-  if (bAnew) {
+  if (Segments.empty()) return;
+  if (!bAnyLeft && IsAnew(m_Horizon)) {
     Missing.Reason = Gap::Why::Cleared;
     m_nLastFinished = nLast = 0;
   }
   for (const SegmentExtent& One : Segments) {
-    if (One.nNumber <= nLast) continue;
+    if (One.nNumber <= nLast || WasThere(One)) continue;
+    m_Newest = One;
     Track Fresh;
     Fresh.Extent = One;
     Missing.To = {One.nNumber, 0};
@@ -115,7 +121,15 @@ void EventReader::Append() {
     Missing = {{nLast + 1, 0}, {}, 0, true, Gap::Why::Damaged};
     m_Tracks.push_back(std::move(Fresh));
   }
+  m_nLife = m_Horizon.nLife;
   OpenAhead();
+}
+
+// Whether a segment was known before all that was known went: clearing that is interrupted leaves some, and they are
+// found again when the database is opened the next time.
+bool EventReader::WasThere(const SegmentExtent& One) const {
+  if (One.nBirth == 0 || One.nNumber > m_Newest.nNumber) return false;
+  return One.nBirth < m_Newest.nBirth || (One.nNumber == m_Newest.nNumber && One.nBirth == m_Newest.nBirth);
 }
 
 void EventReader::OpenAhead() {
@@ -139,6 +153,8 @@ void EventReader::MoveTo(Place Where) {
   m_bBack = false;
   m_nNext = 0;
   m_nLastFinished = 0;
+  m_nLife = m_Horizon.nLife;
+  m_Newest = {};
   Append();
   while (m_Tracks.size() > 1 && m_Tracks.front().Extent.nNumber < Where.nSegment) {
     m_nLastFinished = m_Tracks.front().Extent.nNumber;

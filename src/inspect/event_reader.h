@@ -111,7 +111,9 @@ class EventReader {
   void Follow(const Horizon& Fresh);
   bool IsSame(const Track& Of, const SegmentExtent& Now) const;
   void SettleGone(Track* pTrack, bool bSizeChanged);
+  bool IsAnew(const Horizon& Fresh) const;
   void Append();
+  bool WasThere(const SegmentExtent& One) const;
   void OpenAhead();
   bool StartFirst();
   Gap RestOf(const Track& Of, std::uint64_t nFrom, Gap::Why Reason) const;
@@ -133,6 +135,8 @@ class EventReader {
   std::deque<Track> m_Tracks;         // oldest first, from the one on that Next reads
   std::uint64_t m_nNext = 0;          // in the first track
   std::uint32_t m_nLastFinished = 0;  // the segment that was read before the first track; 0: none
+  SegmentExtent m_Newest{};           // the last one that became a track
+  std::uint64_t m_nLife = 0;          // of the segments that are known
   std::optional<Gap> m_Pending;       // to be told before the first track
   std::size_t m_nBack = 0;            // Previous reads in the track before this one ...
   std::uint64_t m_nBackEnd = 0;       // ... the events before this one

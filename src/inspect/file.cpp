@@ -94,10 +94,10 @@ void BlockCache::Forget(const File& Of, std::uint64_t nOffset, std::uint32_t nSi
 // ---- Waiting ----------------------------------------------------------------------------------------------
 
 bool Patience::Wait() {
-  const auto Left =
-      std::chrono::duration_cast<std::chrono::milliseconds>(m_Since + kSettleTime - std::chrono::steady_clock::now());
-  if (Left.count() <= 0) return false;
-  std::this_thread::sleep_for(std::min(Left, m_Next));
+  const auto Now = std::chrono::steady_clock::now();
+  if (m_End == std::chrono::steady_clock::time_point()) m_End = Now + kSettleTime;
+  if (Now >= m_End) return false;
+  std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(m_End - Now, m_Next));
   m_Next *= 2;
   return true;
 }

@@ -84,16 +84,14 @@ inline constexpr std::chrono::milliseconds kSettleTime{0};  // nobody writes the
 inline constexpr std::chrono::milliseconds kSettleTime{200};
 #endif
 
-// Waits for that, in pieces.
+// Waits for that, in pieces, from the first wait on.
 class Patience {
  public:
-  explicit Patience(std::chrono::steady_clock::time_point Since = std::chrono::steady_clock::now()) : m_Since(Since) {}
-
   // Waits a little. False, at once, when the time is up.
   bool Wait();
 
  private:
-  std::chrono::steady_clock::time_point m_Since;
+  std::chrono::steady_clock::time_point m_End{};  // of the waiting, once it has begun
   std::chrono::milliseconds m_Next{1};
 };
 

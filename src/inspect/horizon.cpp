@@ -37,7 +37,8 @@ class Look {
   std::optional<Wrong> FollowChain(std::uint32_t nFrom) {
     tSDB_HEADER Header{};
     if (const std::optional<Wrong> Found = ReadHead(&Header)) return Found;
-    *m_pHorizon = {Header.nEventSize, Header.nFirstSegment, {}};
+    const std::uint64_t nLife = m_nLife;
+    *m_pHorizon = {Header.nEventSize, nLife, Header.nFirstSegment, {}};
     if (Header.nFirstSegment == 0) return {};
     m_nFailure = Append(std::max(Header.nFirstSegment, nFrom));
     if (m_pHorizon->Segments.empty() && nFrom > Header.nFirstSegment) m_nFailure = Append(Header.nFirstSegment);
@@ -45,7 +46,7 @@ class Look {
       return Wrong{"it leads to segment " + std::to_string(Header.nFirstSegment) + ", which is not there", ""};
     tSDB_HEADER Now{};
     if (const std::optional<Wrong> Found = ReadHead(&Now)) return Found;
-    m_bSettled = Header.nEventSize == Now.nEventSize && Header.nFirstSegment <= Now.nFirstSegment &&
+    m_bSettled = nLife == m_nLife && Header.nEventSize == Now.nEventSize && Header.nFirstSegment <= Now.nFirstSegment &&
                  Now.nFirstSegment <= m_pHorizon->Segments.back().nNumber;
     return {};
   }
@@ -95,11 +96,7 @@ class Look {
       Segments[i].bOver = Segments[i + 1].nEvents != 0;
       if (Segments[i].bOver) Segments[i].nEvents = std::max(Segments[i].nEvents, EventsIn(Segments[i].nNumber));
     }
-    for (SegmentExtent& One : Segments) {
-      os::FileLook Ids{};
-      if (os::LookAt(m_pFolder, SegmentFileName(One.nNumber, kIdsFile), &Ids) == os::kSuccess)
-        One.nIdsBirth = Ids.nBirth;
-    }
+    for (SegmentExtent& One : Segments) LookForIds(&One);
   }
 
   bool Has(std::uint32_t nNumber) const {
@@ -111,12 +108,16 @@ class Look {
  private:
   std::optional<Wrong> ReadHead(tSDB_HEADER* pHeader) {
     m_bSettled = true;
-    std::string Bytes;
-    const os::SystemError nError = ReadSmall(m_pFolder, kSegmentsFile, sizeof(*pHeader), &Bytes);
+    std::unique_ptr<File> pFile;
+    os::FileLook Found{};
+    std::uint32_t nRead = 0;
+    os::SystemError nError = File::Open(m_pFolder, kSegmentsFile, &pFile);
+    if (nError == os::kSuccess) nError = pFile->Look(&Found);
+    if (nError == os::kSuccess) nError = pFile->Read(0, pHeader, sizeof(*pHeader), &nRead);
+    m_nLife = Found.nBirth;
     if (nError != os::kSuccess && nError != os::kFileNotFound && nError != os::kAccessDenied) m_nFailure = nError;
     if (nError != os::kSuccess) return Wrong{nError == os::kFileNotFound ? "it is missing" : "it cannot be read", ""};
-    if (Bytes.size() < sizeof(*pHeader)) return Wrong{"it is short", std::to_string(Bytes.size()) + " bytes"};
-    std::memcpy(pHeader, Bytes.data(), sizeof(*pHeader));
+    if (nRead < sizeof(*pHeader)) return Wrong{"it is short", std::to_string(nRead) + " bytes"};
     if (std::memcmp(pHeader->nMagic, kSegmentsMagic, sizeof(kSegmentsMagic)) != 0) return Wrong{"it has no magic", ""};
     if (pHeader->nEventSize == 0) return Wrong{"it gives events no size", ""};
     if (pHeader->nFirstSegment >= kSegmentNumberLimit)
@@ -142,6 +143,17 @@ class Look {
     return os::kSuccess;
   }
 
+  // The id records, unless the number belongs to another segment by now.
+  void LookForIds(SegmentExtent* pSegment) const {
+    os::FileLook Ids{};
+    os::FileLook Events{};
+    const bool bIds = os::LookAt(m_pFolder, SegmentFileName(pSegment->nNumber, kIdsFile), &Ids) == os::kSuccess;
+    const bool bSame =
+        os::LookAt(m_pFolder, SegmentFileName(pSegment->nNumber, kEventsFile), &Events) == os::kSuccess &&
+        Events.nBirth == pSegment->nBirth;
+    pSegment->nIdsBirth = bIds && bSame ? Ids.nBirth : kNoBirth;
+  }
+
   std::uint64_t EventsIn(std::uint32_t nNumber) const {
     return RecordCountOfSize(SizeOf(m_pFolder, SegmentFileName(nNumber, kEventsFile)), m_pHorizon->nEventSize);
   }
@@ -162,6 +174,7 @@ class Look {
   Horizon* const m_pHorizon;
   os::FolderHandle m_pFolder;
   os::SystemError m_nFailure = os::kSuccess;
+  std::uint64_t m_nLife = 0;
   bool m_bSettled = true;
 };
 
@@ -202,7 +215,8 @@ ResultCode TakeHorizon(const Store& Of, const Database& What, const Report& Tell
     if (const os::SystemError nError = Chain.Failure(); nError != os::kSuccess) return ResultFromSystemError(nError);
   } while ((Wrong || !Chain.IsSettled()) && Waiting.Wait());
   if (Wrong) {
-    Tell({Grade::Damage, What.Folder + u'/' + kSegmentsFile, 0, Wrong->What, "", Wrong->Found});
+    const Grade HowBad = Of.Holders().empty() ? Grade::Damage : Grade::Unsettled;
+    Tell({HowBad, What.Folder + u'/' + kSegmentsFile, 0, Wrong->What, "", Wrong->Found});
     Chain.FollowFiles();
   }
   if (nFrom == 0) LookBehindHoles(&Chain, What, Tell, pHorizon);

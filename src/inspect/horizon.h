@@ -16,11 +16,13 @@
 
 namespace lumbra::inspect {
 
+inline constexpr std::uint64_t kNoBirth = UINT64_MAX;
+
 struct SegmentExtent {
   std::uint32_t nNumber;
   std::uint64_t nEvents;    // whole ones
   std::uint64_t nBirth;     // of its file of events: a number that was made again has another one; 0: not known
-  std::uint64_t nIdsBirth;  // the same, of the id records of its objects
+  std::uint64_t nIdsBirth;  // the same, of the id records of its objects; kNoBirth when the segment went meanwhile
   bool bOver;               // no event comes any more: the next segment holds one
 };
 
@@ -33,6 +35,7 @@ ObjectsExtent MeasureObjects(const os::FolderHandle& pFolder, std::u16string_vie
 
 struct Horizon {
   std::uint32_t nEventSize = 0;         // bytes; 0 when there are no events, and no file tells their size
+  std::uint64_t nLife = 0;              // when "segments.dat" was made, which clearing does anew; 0: not known
   std::uint32_t nFirst = 0;             // what "segments.dat" calls the oldest segment, 0 for none
   std::vector<SegmentExtent> Segments;  // oldest first; a number that is left out is of a segment that is missing
 };

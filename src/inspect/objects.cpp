@@ -45,6 +45,7 @@ Answer Objects::Open(std::uint64_t nIdsBirth) {
   if (nIdsBirth != 0 && Ids.nBirth != nIdsBirth) return Answer::Missing;
   Found = OpenHalf(&m_Data);
   if (Found == Answer::Unreadable) return Found;
+  if (IsDeleted()) return Answer::Missing;  // the names beside it may be another life's
   Found = ReadHeads();
   if (Found == Answer::Read) Measure();
   return Found;

@@ -252,32 +252,31 @@ ObjectView::State Paths::ReadLinked(Objects& In, std::uint32_t* pnShortId, bool 
   return ObjectView::State::Named;
 }
 
+// A volume has one path for those that follow its link, and one for others.
+std::uint64_t KeyOf(std::uint64_t nStore, std::uint32_t nShortId, bool bVolumes) {
+  return nStore << 33 | std::uint64_t{bVolumes} << 32 | nShortId;
+}
+
 const Paths::Path& Paths::ParentPath(const Held& In, std::uint32_t nShortId, bool bVolumes) {
-  Parents& Known = m_Parents[bVolumes ? 1 : 0];
-  const std::uint64_t nKey = In.nNumber << 32 | nShortId;
-  if (const auto Found = Known.find(nKey); Found != Known.end()) return Found->second;
-  if (m_nParentBytes > m_nCacheBytes) {
-    for (Parents& All : m_Parents) All.clear();
-    m_nParentBytes = 0;
-  }
-  Path Built;
-  Built.State = BuildPath(In, nShortId, bVolumes, &Built);
-  constexpr std::uint64_t kEntry = 128;  // what keeping one takes beside its text, roughly
-  m_nParentBytes += Built.Text.size() + kEntry;
-  return Known[nKey] = std::move(Built);
+  const std::uint64_t nKey = KeyOf(In.nNumber, nShortId, bVolumes);
+  if (const Path* const pKnown = m_Parents.Find(nKey)) return *pKnown;
+  if (m_Parents.Size() > m_nCacheBytes) m_Parents.Clear();
+  std::string Text;
+  std::size_t nUnits = 0;
+  const ObjectView::State State = BuildPath(In, nShortId, bVolumes, &Text, &nUnits);
+  return m_Parents.Add(nKey, {State, static_cast<std::uint32_t>(nUnits), Text});
 }
 
 // Goes up to the root, or to a parent that is known, and puts the names together from there.
-ObjectView::State Paths::BuildPath(const Held& In, std::uint32_t nShortId, bool bVolumes, Path* pPath) {
-  const Parents& Known = m_Parents[bVolumes ? 1 : 0];
+ObjectView::State Paths::BuildPath(const Held& In, std::uint32_t nShortId, bool bVolumes, std::string* pText,
+                                   std::size_t* pnUnits) {
   std::vector<std::string> Names;  // of the objects, with their separators, the last one first
   CircleWatch Circle;
-  std::size_t nUnits = 0;
   while (nShortId != 0) {
-    if (const auto Found = Known.find(In.nNumber << 32 | nShortId); Found != Known.end()) {
-      if (Found->second.State != ObjectView::State::Named) return Found->second.State;
-      nUnits += Found->second.nUnits;
-      Names.push_back(Found->second.Text);
+    if (const Path* const pKnown = m_Parents.Find(KeyOf(In.nNumber, nShortId, bVolumes))) {
+      if (pKnown->State != ObjectView::State::Named) return pKnown->State;
+      *pnUnits += pKnown->nUnits;
+      Names.emplace_back(pKnown->Text);
       break;
     }
     if (Circle.WasHere(nShortId)) return ObjectView::State::Damaged;
@@ -293,13 +292,56 @@ ObjectView::State Paths::BuildPath(const Held& In, std::uint32_t nShortId, bool 
     const std::string_view Name = TextOf(Record, Stored, &Buffer, &nOwn);
     const char cSeparator = SeparatorOf(Record, Name);
     Names.push_back(cSeparator == '\0' ? std::string(Name) : cSeparator + std::string(Name));
-    nUnits += nOwn + (cSeparator == '\0' ? 0 : 1);
-    if (nUnits > kMaxNameUnits) return ObjectView::State::TooLong;
+    *pnUnits += nOwn + (cSeparator == '\0' ? 0 : 1);
+    if (*pnUnits > kMaxNameUnits) return ObjectView::State::TooLong;
     nShortId = MAKE_SHORT_OBJECT_ID(Record.nParentId);
   }
-  pPath->nUnits = nUnits;
-  for (auto Name = Names.rbegin(); Name != Names.rend(); ++Name) pPath->Text += *Name;
+  for (auto Name = Names.rbegin(); Name != Names.rend(); ++Name) *pText += *Name;
   return ObjectView::State::Named;
+}
+
+// ---- Paths that are known ---------------------------------------------------------------------------------
+
+std::size_t Paths::KnownPaths::HomeOf(std::uint64_t nKey) const {
+  return static_cast<std::size_t>(nKey * 0x9E3779B97F4A7C15 >> 32) & (m_Entries.size() - 1);
+}
+
+const Paths::Path* Paths::KnownPaths::Find(std::uint64_t nKey) const {
+  if (m_Entries.empty()) return nullptr;
+  for (std::size_t nAt = HomeOf(nKey); m_Entries[nAt].nKey != 0; nAt = (nAt + 1) & (m_Entries.size() - 1)) {
+    if (m_Entries[nAt].nKey == nKey) return &m_Entries[nAt].Known;
+  }
+  return nullptr;
+}
+
+const Paths::Path& Paths::KnownPaths::Add(std::uint64_t nKey, Path Known) {
+  char* const pText = m_Texts.Take(Known.Text.size());
+  std::ranges::copy(Known.Text, pText);
+  Known.Text = {pText, Known.Text.size()};
+  m_nTextBytes += Known.Text.size();
+  if (++m_nKnown * 2 > m_Entries.size()) {
+    std::vector<Entry> Old(std::max<std::size_t>(m_Entries.size() * 2, 1024));
+    Old.swap(m_Entries);
+    for (const Entry& One : Old) {
+      if (One.nKey != 0) *FreeFor(One.nKey) = One;
+    }
+  }
+  Entry& Fresh = *FreeFor(nKey);
+  Fresh = {nKey, Known};
+  return Fresh.Known;
+}
+
+Paths::KnownPaths::Entry* Paths::KnownPaths::FreeFor(std::uint64_t nKey) {
+  std::size_t nAt = HomeOf(nKey);
+  while (m_Entries[nAt].nKey != 0) nAt = (nAt + 1) & (m_Entries.size() - 1);
+  return &m_Entries[nAt];
+}
+
+void Paths::KnownPaths::Clear() {
+  m_Entries.clear();
+  m_Texts.Clear();
+  m_nKnown = 0;
+  m_nTextBytes = 0;
 }
 
 }  // namespace lumbra::inspect

@@ -8,7 +8,6 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "inspect/objects.h"
@@ -87,14 +86,37 @@ class Paths {
   };
   struct Path {
     ObjectView::State State = ObjectView::State::Named;
-    std::size_t nUnits = 0;  // of UTF-16
-    std::string Text;
+    std::uint32_t nUnits = 0;  // of UTF-16
+    std::string_view Text;
+  };
+
+  // The paths of parents by a key that is not 0, in one piece of memory: most lookups of a large store miss what the
+  // processor keeps, so that each of them is to touch two places and not five.
+  class KnownPaths {
+   public:
+    const Path* Find(std::uint64_t nKey) const;
+    const Path& Add(std::uint64_t nKey, Path Known);  // whose text is copied
+    void Clear();
+    std::uint64_t Size() const { return m_Entries.size() * sizeof(Entry) + m_nTextBytes; }  // bytes
+
+   private:
+    struct Entry {
+      std::uint64_t nKey = 0;
+      Path Known;
+    };
+
+    std::size_t HomeOf(std::uint64_t nKey) const;
+    Entry* FreeFor(std::uint64_t nKey);
+
+    std::vector<Entry> m_Entries;  // a power of two, at least twice what is known
+    std::size_t m_nKnown = 0;
+    Texts m_Texts;
+    std::uint64_t m_nTextBytes = 0;
   };
   struct Order {
     std::uint64_t nId;
     std::uint32_t nIndex;
   };
-  using Parents = std::unordered_map<std::uint64_t, Path>;
 
   Held& Open(const SegmentLife& Of);
   Held& HeldOf(std::uint64_t nId, const SegmentLife& From);
@@ -102,7 +124,8 @@ class Paths {
   void Sort(std::span<const std::uint64_t> Ids);
   ObjectView View(std::uint64_t nId, const SegmentLife& From);
   const Path& ParentPath(const Held& In, std::uint32_t nShortId, bool bVolumes);
-  ObjectView::State BuildPath(const Held& In, std::uint32_t nShortId, bool bVolumes, Path* pPath);
+  ObjectView::State BuildPath(const Held& In, std::uint32_t nShortId, bool bVolumes, std::string* pText,
+                              std::size_t* pnUnits);
   ObjectView::State ReadLinked(Objects& In, std::uint32_t* pnShortId, bool bVolumes, tODB_ID_ENTRY* pRecord);
   std::string_view Join(const Path& Parent, const tODB_ID_ENTRY& Record, std::string_view Name);
 
@@ -116,8 +139,7 @@ class Paths {
   std::uint64_t m_nLastStore = 0;  // the upper half of the id that was asked for last ...
   Held* m_pLast = nullptr;         // ... and its store, within a call
   std::uint64_t m_nHostObject = 0;
-  Parents m_Parents[2];  // by number of the store and short id; in the second volumes stand for what they link to
-  std::uint64_t m_nParentBytes = 0;
+  KnownPaths m_Parents;
   std::vector<Order> m_Order;
   std::vector<Order> m_Spare;
   std::vector<ObjectView> m_Views;

@@ -1,6 +1,7 @@
 #include "command_line.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 
@@ -9,6 +10,9 @@
 #include "host/printed_text.h"
 #include "ids.h"
 #include "machine.h"
+#include "nearest.h"
+#include "quantities.h"
+#include "reading.h"
 
 namespace lumbra::tool {
 namespace {
@@ -56,6 +60,16 @@ std::optional<std::uint64_t> CountOrReason(const std::string& Text, std::string*
   return ParseNumber(Text, UINT64_MAX);
 }
 
+std::optional<std::uint64_t> SizeOrReason(const std::string& Text, std::string* pReason) {
+  *pReason = "a size is a number of bytes, or has K, M, G or T behind it, like 2G";
+  return ParseSize(Text);
+}
+
+std::optional<std::uint64_t> AgeOrReason(const std::string& Text, std::string* pReason) {
+  *pReason = "an age is a number of seconds, or has s, m, h, d or w behind it, like 7d";
+  return ParseAge(Text);
+}
+
 std::optional<std::uint64_t> KeyOrReason(const std::string& Text, std::string* pReason) {
   *pReason = "a key is a number of 32 bits, decimal or 0x...";
   return ParseNumber(Text, UINT32_MAX);
@@ -83,8 +97,16 @@ void AddDatabase(CLI::App* pCommand, DatabaseName* pDatabase) {
 
 void AddLimits(CLI::App* pCommand, LimitOptions* pLimits) {
   for (std::size_t i = 0; i < std::size(kLimits); ++i) {
-    AddParsed(pCommand, std::string("--") + kLimits[i].pName, &pLimits->Values[i], kLimits[i].pMeaning, CountOrReason)
-        ->type_name("N")
+    const std::string_view Unit = kLimits[i].pUnit;
+    const bool bSize = Unit == "bytes";
+    const bool bAge = Unit == "seconds";
+    AddParsed(pCommand, std::string("--") + kLimits[i].pName, &pLimits->Values[i], kLimits[i].pMeaning,
+              bSize  ? SizeOrReason
+              : bAge ? AgeOrReason
+                     : CountOrReason)
+        ->type_name(bSize  ? "SIZE"
+                    : bAge ? "AGE"
+                           : "N")
         ->group("Limits");
   }
 }
@@ -103,6 +125,12 @@ void AddCommon(CLI::App* pApp, CommonOptions* pCommon) {
   pApp->add_option("--cache", pCommon->nCacheSize, "KiB of the store's files to keep in memory; 0: nothing")
       ->type_name("KIB")
       ->capture_default_str();
+  AddParsed(pApp, "--wait", &pCommon->nWait, "How long to wait for another process that has the store",
+            [](const std::string& Text, std::string* pReason) {
+              *pReason = "seconds, up to a year";
+              return ParseNumber(Text, 366 * 86400);
+            })
+      ->type_name("SECONDS");
   pApp->add_option("--host", pCommon->Host, "Name of the host in the store (default: this machine's)");
   pApp->add_option("--module", pCommon->Module, "Run the command on this module (default: what is built in)")
       ->type_name("FILE")
@@ -172,6 +200,19 @@ void AddObjectCommands(CLI::App* pApp, Request* pRequest) {
   pFind->add_flag("--escaped", pFindWith->bEscaped, "Read \\xNN and the like in NAME, as names are shown");
   pFind->add_option("NAME", pFindWith->Names, "Names of objects")->required()->check(NotEmpty());
 
+  const auto [pObjects, pObjectsWith] = AddCommand(pApp, pRequest, "objects", "List objects", ListObjects);
+  AddParsed(pObjects, "--db", &pObjectsWith->Database,
+            "Database: a number from 1 to 47, a name, or 0 for the shared objects (default: all of the store)",
+            DatabaseOrShared)
+      ->type_name("DB");
+  pObjects->add_option("--under", pObjectsWith->Under, "Only this path, and what is below it")
+      ->type_name("PATH")
+      ->check(NotEmpty());
+  CLI::Option* const pTree =
+      pObjects->add_flag("--tree", pObjectsWith->bTree, "What belongs to an object indented below it");
+  pObjects->add_flag("--data", pObjectsWith->bData, "Also the keys and sizes of their data");
+  pObjects->add_flag("--json", pObjectsWith->bJson, "One JSON object a line")->excludes(pTree);
+
   const auto [pName, pNameWith] = AddCommand(pApp, pRequest, "name", "Show the names and types of objects", Name);
   const auto TakeIds = [pIds = &pNameWith->Ids](const std::vector<std::string>& Texts) {
     for (const std::string& Text : Texts) {
@@ -211,7 +252,23 @@ void AddDataCommands(CLI::App* pApp, Request* pRequest) {
 
 void AddStoreCommands(CLI::App* pApp, Request* pRequest) {
   const auto [pInfo, pInfoWith] = AddCommand(pApp, pRequest, "info", "Describe every database of the store", Info);
-  pInfo->add_flag("--json", pInfoWith->bJson, "As a JSON object");
+  using Form = InfoOptions::Form;
+  const auto TakeForm = [](const std::string& Text, std::string* pReason) -> std::optional<Form> {
+    if (Text == "table") return Form::Table;
+    if (Text == "json") return Form::Json;
+    if (Text == "prometheus") return Form::Prometheus;
+    *pReason = "the form is table, json or prometheus";
+    return {};
+  };
+  CLI::Option* const pForm = AddParsed(pInfo, "-o,--output", &pInfoWith->Output,
+                                       "table, json, or prometheus for node_exporter's text files", TakeForm);
+  pForm->type_name("FORM");
+  pInfo
+      ->add_flag_callback(
+          "--json", [pWith = pInfoWith] { pWith->Output = Form::Json; }, "As a JSON object")
+      ->excludes(pForm);
+  pInfo->add_flag("--segments", pInfoWith->bSegments, "Also every segment");
+  pInfo->add_flag("--times", pInfoWith->bTimes, "Also the lowest and the highest time of events, which reads them all");
 
   AddCommand(pApp, pRequest, "check", "Say what the quick check of the shared objects finds and repairs", CheckStore);
   const auto [pCompact, pCompactWith] =
@@ -258,12 +315,26 @@ int Run(const Request& What) {
   };
   try {
     const int nStatus = What.Run();
-    if (nStatus == kExitIncomplete) TellReason();
+    if (nStatus == kExitIncomplete && ReadsThroughComponent(What.Common)) TellReason();  // others open such files, too
     return nStatus;
   } catch (const Failure& Reason) {
     if (Reason.Code() == errACCESS_DENIED) TellReason();
     throw;
   }
+}
+
+// What stands where a command should, and what it was to be; empty when that is not what is wrong.
+std::string DescribeUnknownCommand(const CLI::App& App) {
+  const CLI::App* pParent = &App;
+  while (!pParent->get_subcommands().empty()) pParent = pParent->get_subcommands().front();
+  if (pParent->get_require_subcommand_min() == 0) return {};
+  const std::vector<std::string> Words = App.remaining(true);
+  const auto Typed = std::ranges::find_if(Words, [](const std::string& Word) { return !Word.starts_with('-'); });
+  if (Typed == Words.end()) return {};
+  std::vector<std::string> Known;
+  for (const CLI::App* const pOne : pParent->get_subcommands({})) Known.push_back(pOne->get_name());
+  const std::string Meant = Nearest(*Typed, Known);
+  return "unknown command " + Printable(*Typed) + (Meant.empty() ? "" : "; did you mean " + Meant + '?');
 }
 
 }  // namespace
@@ -288,8 +359,9 @@ std::function<int()> ParseCommandLine(const std::vector<std::string>& Arguments)
       return kExitOk;
     };
   } catch (const CLI::ParseError& Error) {
+    const std::string Unknown = DescribeUnknownCommand(App);
     std::fprintf(stderr, "lumbra: %s\nRun with --help for more information.\n",
-                 host::PrintableSentence(Error.what()).c_str());
+                 host::PrintableSentence(Unknown.empty() ? Error.what() : Unknown).c_str());
     return [] {
       return kExitUsage;
     };

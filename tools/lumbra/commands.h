@@ -60,6 +60,15 @@ struct NameOptions {
 };
 int Name(const CommonOptions& Common, const NameOptions& Options);
 
+struct ObjectsOptions {
+  std::optional<DatabaseName> Database;  // also 0, the shared objects; none: all of the store
+  std::string Under;                     // a path; empty: every object
+  bool bTree = false;
+  bool bData = false;
+  bool bJson = false;
+};
+int ListObjects(const CommonOptions& Common, const ObjectsOptions& Options);
+
 struct LinkOptions {
   std::uint64_t nId = 0;
   std::uint64_t nTarget = 0;
@@ -78,7 +87,10 @@ int ClearData(const CommonOptions& Common, const DataOptions& Options);
 // ---- The store --------------------------------------------------------------------------------------------
 
 struct InfoOptions {
-  bool bJson = false;
+  enum class Form { Table, Json, Prometheus };
+  Form Output = Form::Table;
+  bool bSegments = false;
+  bool bTimes = false;
 };
 int Info(const CommonOptions& Common, const InfoOptions& Options);
 

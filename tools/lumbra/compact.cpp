@@ -9,6 +9,7 @@
 #include "commands.h"
 #include "failure.h"
 #include "format/file_names.h"
+#include "holder.h"
 #include "host/text.h"
 #include "machine.h"
 #include "salvage/apply.h"
@@ -99,7 +100,13 @@ namespace {
 void Replace(const CommonOptions& Common, const StoreFiles& Files, const std::string& Live) {
   salvage::Plan Done;
   const std::string What = "put the compacted pair in its place";
-  const ResultCode nCode = salvage::ReplaceByCompacted(Files.Folder().u16string(), RulesOf(Common), Live, &Done);
+  WaitForOther Wait(Common.nWait);
+  ResultCode nCode = errOK;
+  do {
+    Done = {};
+    nCode = salvage::ReplaceByCompacted(Files.Folder().u16string(), RulesOf(Common), Live, &Done);
+  } while (nCode == errSHARING_VIOLATION && Wait.Again());
+  if (nCode == errSHARING_VIOLATION) throw HeldByAnother(What, Files.Folder());
   if (Failed(nCode) && !Done.Refusal.empty()) throw Failure(What, nCode, Done.Refusal);
   Check(nCode, What);
   std::puts(

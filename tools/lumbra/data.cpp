@@ -8,6 +8,8 @@
 #include "failure.h"
 #include "ids.h"
 #include "machine.h"
+#include "open_objects.h"
+#include "reading.h"
 
 namespace lumbra::tool {
 namespace {
@@ -64,7 +66,9 @@ void WriteAll(const std::string& Path, const Bytes& Content) {
 
 }  // namespace
 
-int GetData(const CommonOptions& Common, const DataOptions& Options) {
+namespace {
+
+int GetThroughComponent(const CommonOptions& Common, const DataOptions& Options) {
   Session Store(Common, Missing::Refuse);
   Store.OpenDatabaseOf(Options.nId);
   const std::string What = "read " + BlockOf(Options);
@@ -76,6 +80,43 @@ int GetData(const CommonOptions& Common, const DataOptions& Options) {
   }
   WriteAll(Options.File, Content);
   return Store.StatusOfReading(kExitOk);
+}
+
+ResultCode CodeOf(inspect::Answer Read) {
+  switch (Read) {
+    case inspect::Answer::Read:
+      return errOK;
+    case inspect::Answer::Missing:
+      return errNOT_FOUND;
+    case inspect::Answer::Damaged:
+    case inspect::Answer::Unsettled:
+      return errDATA_CORRUPTED;
+    case inspect::Answer::Unreadable:
+      break;
+  }
+  return errREAD_FAILED;
+}
+
+}  // namespace
+
+int GetData(const CommonOptions& Common, const DataOptions& Options) {
+  if (ReadsThroughComponent(Common)) return GetThroughComponent(Common, Options);
+  Findings Found;
+  const std::unique_ptr<inspect::Store> pStore = OpenToRead(Common);
+  ObjectStores Stores(*pStore, Common, &Found);
+  const std::uint64_t nId = Options.nId == kHostObjectAlias ? Stores.HostObject() : Options.nId;
+  OpenObjects In = Stores.StoreOf(nId);
+  std::vector<std::uint8_t> Content;
+  const bool bOpened = nId != 0 && Stores.Open(&In);
+  const ResultCode nCode =
+      bOpened ? CodeOf(In.pObjects->ReadData(static_cast<std::uint32_t>(nId), Options.nKey, &Content)) : errNOT_FOUND;
+  if (Failed(nCode)) {
+    ReportFailure(Failure("read " + BlockOf(Options), nCode));
+    const bool bDamaged = nCode == errDATA_CORRUPTED || Found.StatusOfReading(kExitOk) != kExitOk;
+    return bDamaged ? kExitIncomplete : kExitFailed;
+  }
+  WriteAll(Options.File, Bytes(Content.begin(), Content.end()));
+  return Found.StatusOfReading(kExitOk);
 }
 
 int SetData(const CommonOptions& Common, const DataOptions& Options) {

@@ -52,6 +52,8 @@ std::FILE* OpenStream(const std::string& Path, const char* pMode);
 
 std::string MachineName();
 
+std::uint32_t OwnProcess();
+
 // Whether somebody looks at what is written to stderr.
 bool ErrorsGoToTerminal();
 

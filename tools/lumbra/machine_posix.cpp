@@ -105,6 +105,10 @@ std::string MachineName() {
   return gethostname(Name, sizeof(Name) - 1) == 0 ? Name : "localhost";
 }
 
+std::uint32_t OwnProcess() {
+  return static_cast<std::uint32_t>(getpid());
+}
+
 bool ErrorsGoToTerminal() {
   return isatty(STDERR_FILENO) != 0;
 }

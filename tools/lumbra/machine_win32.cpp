@@ -156,6 +156,10 @@ std::string MachineName() {
 }
 
 // One that understands what moves the cursor.
+std::uint32_t OwnProcess() {
+  return GetCurrentProcessId();
+}
+
 bool ErrorsGoToTerminal() {
   const HANDLE Terminal = GetStdHandle(STD_ERROR_HANDLE);
   DWORD nMode = 0;

@@ -1,10 +1,16 @@
 // lumbra find, name, link: objects by their names and ids.
+#include <algorithm>
 #include <cstdio>
 #include <set>
 
 #include "commands.h"
 #include "failure.h"
+#include "host/text.h"
 #include "ids.h"
+#include "inspect/find_names.h"
+#include "inspect/paths.h"
+#include "open_objects.h"
+#include "reading.h"
 
 namespace lumbra::tool {
 namespace {
@@ -91,18 +97,26 @@ std::vector<std::string> ReadPrinted(const std::vector<std::string>& Texts) {
   return Names;
 }
 
-}  // namespace
+// An object of the database, or one below which nothing of it can be.
+void RequireParentOf(const FindOptions& Options, std::uint32_t nDatabase) {
+  if (Options.nParent == 0 || DatabaseOfId(Options.nParent) == nDatabase) return;
+  throw Failure("look below " + FormatId(Options.nParent), errPARAMETER_INVALID,
+                "this is no object of " + Options.Database.Describe());
+}
 
-int Find(const CommonOptions& Common, const FindOptions& Options) {
+std::vector<std::string> NamesOf(const FindOptions& Options) {
+  return Options.bEscaped ? ReadPrinted(Options.Names) : Options.Names;
+}
+
+// ---- Finding, through the component -----------------------------------------------------------------------
+
+int FindThroughComponent(const CommonOptions& Common, const FindOptions& Options) {
   const Missing IfMissing = Options.bCreate ? Missing::Create : Missing::Refuse;
   Session Store(Common, IfMissing);
   const std::uint32_t nDatabase = Store.OpenDatabase(Options.Database, IfMissing);
-  if (Options.nParent != 0 && DatabaseOfId(Options.nParent) != nDatabase) {
-    throw Failure("look below " + FormatId(Options.nParent), errPARAMETER_INVALID,
-                  "this is no object of " + Options.Database.Describe());
-  }
+  RequireParentOf(Options, nDatabase);
   int nStatus = kExitOk;
-  for (const std::string& Name : Options.bEscaped ? ReadPrinted(Options.Names) : Options.Names) {
+  for (const std::string& Name : NamesOf(Options)) {
     std::uint64_t nId = 0;
     const ResultCode nCode = Store.FindObject(nDatabase, Options.nType, Name, Options.bCreate, Options.nParent, &nId);
     if (Succeeded(nCode)) {
@@ -120,7 +134,112 @@ int Find(const CommonOptions& Common, const FindOptions& Options) {
   return Options.bCreate ? nStatus : Store.StatusOfReading(nStatus);
 }
 
-int Name(const CommonOptions& Common, const NameOptions& Options) {
+// ---- Finding, by reading ----------------------------------------------------------------------------------
+
+class NameSearch {
+ public:
+  NameSearch(const CommonOptions& Common, const FindOptions& Options)
+      : m_Options(Options), m_pStore(OpenToRead(Common)), m_Stores(*m_pStore, Common, &m_Findings) {}
+
+  int Run() {
+    for (const std::string& Name : NamesOf(m_Options)) m_Sought.push_back({Name, host::NameToUtf16(Name)});
+    for (OpenObjects& One : StoresToLookIn()) {
+      if (std::ranges::all_of(m_Sought, &Sought::bDone)) break;
+      if (m_Stores.Open(&One)) LookIn(One);
+    }
+    int nStatus = kExitOk;
+    for (const Sought& One : m_Sought) nStatus = std::max(nStatus, Print(One));
+    return m_Findings.StatusOfReading(nStatus);
+  }
+
+ private:
+  struct Sought {
+    std::string Name;
+    std::u16string Wide;
+    std::uint64_t nId = 0;
+    ResultCode nCode = errOK;  // why it cannot be looked for
+    bool bDone = false;
+  };
+
+  // What stands below a parent is in its segment.
+  std::vector<OpenObjects> StoresToLookIn() {
+    std::vector<OpenObjects> Stores = m_Stores.List(m_Options.Database);
+    const std::uint32_t nDatabase = m_Options.Database.Number ? *m_Options.Database.Number : IdOfNamed();
+    RequireParentOf(m_Options, nDatabase);
+    m_nParent = m_Options.nParent == kHostObjectAlias ? m_Stores.HostObject() : m_Options.nParent;
+    if (m_Options.nParent != 0)
+      std::erase_if(Stores, [this](const OpenObjects& One) { return One.nBase >> 32 != m_nParent >> 32; });
+    for (Sought& One : m_Sought) {
+      if (One.Wide.size() > kMaxNameUnits) {
+        One.nCode = errSIZE_INVALID;
+      } else {
+        One.nCode = inspect::CheckName(AsAsked(One), m_nParent != 0);
+      }
+      One.bDone = Failed(One.nCode);
+    }
+    return Stores;
+  }
+  std::uint32_t IdOfNamed() const { return Require(*m_pStore, m_Options.Database).Id.value_or(kSystemDatabase); }
+
+  inspect::SoughtName AsAsked(const Sought& One) const {
+    return {static_cast<std::uint8_t>(m_Options.nType), FlagsFor(m_Options.nType, One.Name), One.Wide};
+  }
+
+  void LookIn(const OpenObjects& In) {
+    std::vector<Sought*> Open;
+    std::vector<inspect::SoughtName> Names;
+    for (Sought& One : m_Sought) {
+      if (One.bDone) continue;
+      Open.push_back(&One);
+      Names.push_back(AsAsked(One));
+    }
+    const auto nParent = static_cast<std::uint32_t>(m_nParent);
+    const inspect::FoundNames Found = inspect::FindNames(In.pObjects.get(), SegmentOfId(In.nBase), nParent, Names);
+    for (std::size_t i = 0; i < Open.size(); ++i) {
+      const inspect::FoundName& One = Found.Names[i];
+      if (One.nId == 0) continue;
+      Open[i]->bDone = true;
+      Open[i]->nId = WithDatabase(One.nId, DatabaseOfId(In.nBase));
+      if (!One.bConfirmed) Tell("the name of " + FormatId(Open[i]->nId) + " cannot be read; it was found by its hash");
+    }
+    if (Found.nUnreadable != 0)
+      Tell(std::to_string(Found.nUnreadable) + " objects of " + DescribeStoreOf(In.nBase) + " cannot be read");
+  }
+
+  void Tell(const std::string& What) {
+    m_Findings.NoteMissing();
+    std::fprintf(stderr, "lumbra: %s\n", What.c_str());
+  }
+
+  int Print(const Sought& One) {
+    if (Failed(One.nCode)) {
+      ReportFailure(Failure("find " + Quoted(One.Name), One.nCode));
+      return kExitFailed;
+    }
+    if (One.nId == 0) {
+      std::puts("not found");
+      return kExitFailed;
+    }
+    const bool bHost = SegmentOfId(One.nId) == 0 && One.nId == m_Stores.HostObject();
+    std::puts(FormatId(bHost ? kHostObjectAlias : One.nId).c_str());
+    return kExitOk;
+  }
+
+  const FindOptions& m_Options;
+  Findings m_Findings;
+  const std::unique_ptr<inspect::Store> m_pStore;
+  ObjectStores m_Stores;
+  std::vector<Sought> m_Sought;
+  std::uint64_t m_nParent = 0;
+};
+
+// ---- Names ------------------------------------------------------------------------------------------------
+
+void PrintName(std::uint64_t nId, std::uint32_t nType, const std::string& Shown) {
+  std::printf("%s  %-6s  %s\n", FormatId(nId).c_str(), FormatType(nType).c_str(), Shown.c_str());
+}
+
+int NameThroughComponent(const CommonOptions& Common, const NameOptions& Options) {
   Session Store(Common, Missing::Refuse);
   int nStatus = kExitOk;
   for (const std::uint64_t nId : Options.Ids) {
@@ -134,14 +253,66 @@ int Name(const CommonOptions& Common, const NameOptions& Options) {
         continue;
       }
       if (nCode != errSIZE_INVALID) Check(nCode, "read the name of " + FormatId(nId));
-      std::printf("%s  %-6s  %s\n", FormatId(nId).c_str(), FormatType(Object.nType).c_str(),
-                  Succeeded(nCode) ? Printable(Object.Name).c_str() : kNameTooLong);
+      PrintName(nId, Object.nType, Succeeded(nCode) ? Printable(Object.Name) : kNameTooLong);
     } catch (const Failure& Reason) {  // one that cannot be shown does not hide the others
       ReportFailure(Reason);
       nStatus = Reason.Code() == errDATA_CORRUPTED ? kExitIncomplete : kExitFailed;
     }
   }
   return Store.StatusOfReading(nStatus);
+}
+
+// The exit status for what was shown of an object.
+int PrintView(std::uint64_t nId, const inspect::ObjectView& View) {
+  using State = inspect::ObjectView::State;
+  switch (View.Of) {
+    case State::Named:
+      PrintName(nId, View.nType, Printable(View.Name));
+      return kExitOk;
+    case State::TooLong:
+      PrintName(nId, View.nType, kNameTooLong);
+      return kExitOk;
+    case State::Gone:
+      std::printf("%s  not found\n", FormatId(nId).c_str());
+      return kExitFailed;
+    case State::Damaged:
+    case State::Unsettled:
+      throw Failure("read the name of " + FormatId(nId), errDATA_CORRUPTED);
+    case State::Unreadable:
+      break;
+  }
+  throw Failure("read the name of " + FormatId(nId), errREAD_FAILED);
+}
+
+}  // namespace
+
+int Find(const CommonOptions& Common, const FindOptions& Options) {
+  if (Options.bCreate || ReadsThroughComponent(Common)) return FindThroughComponent(Common, Options);
+  return NameSearch(Common, Options).Run();
+}
+
+int Name(const CommonOptions& Common, const NameOptions& Options) {
+  if (ReadsThroughComponent(Common)) return NameThroughComponent(Common, Options);
+  Findings Found;
+  const std::unique_ptr<inspect::Store> pStore = OpenToRead(Common);
+  ObjectStores Stores(*pStore, Common, &Found);
+  inspect::Paths Paths(*pStore, CacheBytesOf(Common));
+  int nStatus = kExitOk;
+  for (const std::uint64_t nId : Options.Ids) {
+    try {
+      (void)Stores.StoreOf(nId);  // whether there is such a database
+      if (nId == kHostObjectAlias && Stores.HostObject() == 0) {
+        nStatus = std::max(nStatus, PrintView(nId, {}));
+        continue;
+      }
+      const std::uint64_t nMeant = nId == kHostObjectAlias ? Stores.HostObject() : nId;
+      nStatus = std::max(nStatus, PrintView(nId, Paths.Resolve({&nMeant, 1}).front()));
+    } catch (const Failure& Reason) {  // one that cannot be shown does not hide the others
+      ReportFailure(Reason);
+      nStatus = Reason.Code() == errDATA_CORRUPTED ? kExitIncomplete : kExitFailed;
+    }
+  }
+  return Found.StatusOfReading(nStatus);
 }
 
 int Link(const CommonOptions& Common, const LinkOptions& Options) {

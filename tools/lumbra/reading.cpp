@@ -1,5 +1,6 @@
 #include "reading.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "commands.h"
@@ -23,6 +24,11 @@ std::unique_ptr<inspect::Store> OpenToRead(const CommonOptions& Options) {
     throw Failure(What, errOBJECT_NOT_FOUND, "there is no store here");
   Check(ResultFromSystemError(nError), What);
   return pStore;
+}
+
+std::uint64_t CacheBytesOf(const CommonOptions& Options) {
+  constexpr std::uint64_t kLeast = 256;  // KiB
+  return std::max<std::uint64_t>(Options.nCacheSize, kLeast) * 1024;
 }
 
 inspect::Database Require(const inspect::Store& Store, const DatabaseName& Database) {

@@ -2,6 +2,7 @@
 // for a user who may only read. With --module or --trace they go through the component instead, as those do that write.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "inspect/finding.h"
@@ -15,6 +16,9 @@ bool ReadsThroughComponent(const CommonOptions& Options);
 // Opens the store that the options name, and a database of it; throws a Failure where there is none.
 std::unique_ptr<inspect::Store> OpenToRead(const CommonOptions& Options);
 inspect::Database Require(const inspect::Store& Store, const DatabaseName& Database);
+
+// What a reader keeps of a store's files in memory, at least a little.
+std::uint64_t CacheBytesOf(const CommonOptions& Options);
 
 // Tells on stderr what is found, a line each, and remembers that something was.
 class Findings {

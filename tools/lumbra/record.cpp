@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <set>
 
 #include "commands.h"
 #include "failure.h"
@@ -51,6 +52,22 @@ class LineReader {
   std::FILE* m_pFile;
 };
 
+// Tells once of each field of lines that means nothing here: a mistyped one would be left out unnoticed.
+class UnknownFields {
+ public:
+  void Tell(std::uint64_t nLine, const std::vector<std::string>& Names) {
+    constexpr std::size_t kMostTold = 100;
+    for (const std::string& Name : Names) {
+      if (m_Told.size() == kMostTold || !m_Told.insert(Name).second) continue;
+      std::fprintf(stderr, "line %llu: no event has a field %s; it is left out wherever it stands\n",
+                   static_cast<unsigned long long>(nLine), Printable(Name).c_str());
+    }
+  }
+
+ private:
+  std::set<std::string> m_Told;
+};
+
 bool IsBlank(const std::string& Text) {
   return Text.find_first_not_of(" \t\r") == std::string::npos;
 }
@@ -61,9 +78,10 @@ int Record(const CommonOptions& Common, const RecordOptions& Options) {
   LineReader Lines(Options.File);
   Session Store(Common, Missing::Create);
   const std::uint32_t nDatabase = Store.OpenEventDatabase(Options.Database, Missing::Create);
-  Store.SetLimits(nDatabase, Options.Limits);
+  Store.SetLimits(nDatabase, WithSegmentLimits(Options.Limits));
   WatchForInterrupt();
   Recorder Records(&Store, nDatabase);
+  UnknownFields Unknown;
   bool bAllGood = true;
   try {
     std::string Text;
@@ -72,6 +90,7 @@ int Record(const CommonOptions& Common, const RecordOptions& Options) {
       try {
         if (Text.size() > LineReader::kMaxLine) throw BadLine("longer than 1 MiB");
         const RecordLine Parsed = ParseRecordLine(Text);
+        Unknown.Tell(nLine, Parsed.Unknown);
         std::string Reason;
         if (!Records.Record(Parsed.Recorded, Parsed.nType, Parsed.Name, &Reason)) throw BadLine(Reason);
       } catch (const BadLine& Bad) {

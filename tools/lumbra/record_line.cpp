@@ -1,5 +1,6 @@
 #include "record_line.h"
 
+#include <algorithm>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -12,6 +13,8 @@ namespace lumbra::tool {
 namespace {
 
 using nlohmann::json;
+
+constexpr std::string_view kFields[] = {"name", "type", "time", "kind", "value"};
 
 template <class Number>
 Number NumberOf(const json& Object, const char* pKey, Number nDefault) {
@@ -42,6 +45,14 @@ std::uint64_t TimeOf(const json& Object) {
   return *Time;
 }
 
+std::vector<std::string> UnknownFieldsOf(const json& Object) {
+  std::vector<std::string> Found;
+  for (const auto& [Key, Value] : Object.items()) {
+    if (std::ranges::find(kFields, Key) == std::end(kFields)) Found.push_back(Key);
+  }
+  return Found;
+}
+
 }  // namespace
 
 RecordLine ParseRecordLine(const std::string& Text) {
@@ -53,7 +64,7 @@ RecordLine ParseRecordLine(const std::string& Text) {
   }
   const Event Recorded{TimeOf(Object), 0, NumberOf<std::uint64_t>(Object, "value", 0),
                        NumberOf<std::uint32_t>(Object, "kind", 0), 0};
-  return {Recorded, TypeOf(Object), Name->get<std::string>()};
+  return {Recorded, TypeOf(Object), Name->get<std::string>(), UnknownFieldsOf(Object)};
 }
 
 }  // namespace lumbra::tool

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "session.h"
 
@@ -12,7 +13,8 @@ namespace lumbra::tool {
 struct RecordLine {
   Event Recorded;  // without its object
   std::uint32_t nType;
-  std::string Name;  // UTF-8, not empty
+  std::string Name;                  // UTF-8, not empty
+  std::vector<std::string> Unknown;  // names of fields that mean nothing here
 };
 
 // What is wrong with a line.

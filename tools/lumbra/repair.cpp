@@ -6,6 +6,7 @@
 #include "commands.h"
 #include "failure.h"
 #include "format/file_names.h"
+#include "holder.h"
 #include "machine.h"
 #include "salvage/apply.h"
 #include "salvage/look.h"
@@ -27,12 +28,29 @@ int TakeBack(const CommonOptions& Common, const StoreFiles& Files, const std::st
     return kExitOk;
   }
   std::vector<std::string> Left;
-  const ResultCode nCode = salvage::Undo(Files.Folder().u16string(), RulesOf(Common), Time, &Left);
+  WaitForOther Wait(Common.nWait);
+  ResultCode nCode = errOK;
+  do {
+    Left.clear();
+    nCode = salvage::Undo(Files.Folder().u16string(), RulesOf(Common), Time, &Left);
+  } while (nCode == errSHARING_VIOLATION && Wait.Again());
+  if (nCode == errSHARING_VIOLATION) throw HeldByAnother(What, Files.Folder());
   if (nCode == errNOT_FOUND) throw Failure(What, nCode, "nothing was done at that time");
   Check(nCode, What);
   for (const std::string& Line : Left) std::printf("! %s\n", Printable(Line).c_str());
   std::puts(Left.empty() ? "Taken back." : "What is named is left; anything else is taken back.");
   return Left.empty() ? kExitOk : kExitIncomplete;
+}
+
+// Done says whether another process has the store still.
+ResultCode HealWhenFree(const CommonOptions& Common, const StoreFiles& Files, const salvage::Wishes& Wanted,
+                        salvage::Plan* pDone) {
+  WaitForOther Wait(Common.nWait);
+  for (;;) {
+    *pDone = {};
+    const ResultCode nCode = salvage::Heal(Files.Folder().u16string(), RulesOf(Common), Wanted, pDone);
+    if (!pDone->bHeld || !Wait.Again()) return nCode;
+  }
 }
 
 // Whether a compacted pair is half put in its place, or taken back: what is set aside is needed for that.
@@ -72,9 +90,9 @@ int Repair(const CommonOptions& Common, const RepairOptions& Options) {
     const ResultCode nLooked = salvage::Look(Files.Folder().u16string(), Wanted, &Found);
     if (Failed(nLooked)) throw Failure(What, nLooked, Printable(Found.Refusal));
   } else {
-    const ResultCode nHealed = salvage::Heal(Files.Folder().u16string(), RulesOf(Common), Wanted, &Found);
+    const ResultCode nHealed = HealWhenFree(Common, Files, Wanted, &Found);
+    if (Found.bHeld) throw HeldByAnother(What, Files.Folder());
     if (Failed(nHealed)) throw Failure(What, nHealed, Printable(Found.Refusal));
-    if (Found.bHeld) throw Failure(What, errSHARING_VIOLATION);
   }
   PrintSteps(Found);
   if (Found.Steps.empty()) {

@@ -80,7 +80,7 @@ class Scanner {
 int Scan(const CommonOptions& Common, const ScanOptions& Options) {
   Session Store(Common, Missing::Create);
   const std::uint32_t nDatabase = Store.OpenEventDatabase(Options.Database, Missing::Create);
-  Store.SetLimits(nDatabase, Options.Limits);
+  Store.SetLimits(nDatabase, WithSegmentLimits(Options.Limits));
   WatchForInterrupt();
   Recorder Records(&Store, nDatabase);
   Scanner Walker(&Records);

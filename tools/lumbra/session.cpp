@@ -8,12 +8,34 @@
 #include "failure.h"
 #include "format/database_name.h"
 #include "format/named_index_file.h"
+#include "holder.h"
 #include "host/text.h"
 #include "host/trust.h"
 #include "ids.h"
 #include "machine.h"
 
 namespace lumbra::tool {
+
+LimitOptions WithSegmentLimits(LimitOptions Limits) {
+  constexpr std::uint64_t kPart = 16;
+  constexpr LumbraLimit kPairs[][2] = {{limitDatabaseEvents, limitSegmentEvents},
+                                       {limitDatabaseSize, limitSegmentSize},
+                                       {limitDatabaseAge, limitSegmentAge}};
+  const auto IndexOf = [](LumbraLimit nKind) {
+    return std::ranges::find(kLimits, nKind, &LumbraLimitInfo::nKind) - std::begin(kLimits);
+  };
+  for (const auto& [nDatabaseKind, nSegmentKind] : kPairs) {
+    const auto nWhole = IndexOf(nDatabaseKind);
+    const auto nSegment = IndexOf(nSegmentKind);
+    const std::uint64_t nLimit = Limits.Values[nWhole].value_or(0);
+    if (nLimit == 0 || Limits.Values[nSegment]) continue;
+    Limits.Values[nSegment] = std::max<std::uint64_t>(1, nLimit / kPart);
+    std::fprintf(stderr, "lumbra: --%s %llu drops whole segments: --%s %llu goes with it\n", kLimits[nWhole].pName,
+                 static_cast<unsigned long long>(nLimit), kLimits[nSegment].pName,
+                 static_cast<unsigned long long>(*Limits.Values[nSegment]));
+  }
+  return Limits;
+}
 
 StoreFiles FilesOf(const CommonOptions& Options) {
   if (!Options.bStoreGiven && IsRootInFolderOfOthers()) {
@@ -76,9 +98,7 @@ Session::Session(const CommonOptions& Options, Missing Store, DamageListener Lis
   Check(m_Store.SetNumber(propCHECK_MODE, Options.bCheckMode ? 1 : 0), What);
   Check(m_Store.SetNumber(propGROUP_READABLE, Options.bGroupReadable ? 1 : 0), What);
   (void)m_Store.SetNumber(propCACHE_SIZE, Options.nCacheSize);  // a module that does not know it reads as it does
-  ResultCode nCode = Init();
-  if (Failed(nCode) && m_Files.IsHeldByAnotherProcess()) throw Failure(What, errSHARING_VIOLATION);
-  if (nCode == errOPEN_FAILED) nCode = Init();  // another process may have ended between the two looks
+  const ResultCode nCode = InitWhenFree(Options.nWait, What);
   if (nCode == errOPEN_FAILED) {
     if (const std::string Reason = WhyNotUsable(m_Files.Folder()); !Reason.empty()) throw Failure(What, nCode, Reason);
   }
@@ -96,6 +116,21 @@ ResultCode Session::Init() {
   for (const std::string& Line : m_Store.Left()) std::fprintf(stderr, "lumbra: damaged %s\n", Line.c_str());
   m_bDamaged = m_bDamaged || !m_Store.Healed().empty() || !m_Store.Left().empty();
   return nCode;
+}
+
+ResultCode Session::InitWhenFree(std::uint32_t nWait, const std::string& What) {
+  WaitForOther Wait(nWait);
+  for (bool bOnceMore = true;;) {
+    const ResultCode nCode = Init();
+    if (Succeeded(nCode)) return nCode;
+    if (m_Files.IsHeldByAnotherProcess()) {
+      if (!Wait.Again()) throw HeldByAnother(What, m_Files.Folder());
+    } else if (nCode == errOPEN_FAILED && bOnceMore) {
+      bOnceMore = false;  // the other process may have ended between the two looks
+    } else {
+      return nCode;
+    }
+  }
 }
 
 int Session::StatusOfReading(int nStatus) const {
@@ -129,14 +164,20 @@ std::uint32_t Session::OpenDatabase(const DatabaseName& Database, Missing IfMiss
   if (IfMissing == Missing::Refuse && !m_Files.Has(Database)) {
     throw Failure(What, errOBJECT_NOT_FOUND, "there is no such database in this store");
   }
+  const bool bNew = Database.Number != kSystemDatabase && !m_Files.Has(Database);
   const std::uint32_t nDatabase = OpenWhatIsThere(Database);
-  if (bNewName) Announce(Database);
+  if (bNew || bNewName) Announce(Database, bNewName);
   return nDatabase;
 }
 
-// A name that a database was given is used up, also when the database is gone: nobody should do that unawares.
-void Session::Announce(const DatabaseName& Database) const {
+// A mistyped one begins a database, too. And a name that a database was given is used up, also when the database is
+// gone: nobody should do that unawares.
+void Session::Announce(const DatabaseName& Database, bool bNewName) const {
   constexpr std::uint32_t kWarnFrom = 180;
+  if (!bNewName) {
+    std::fprintf(stderr, "lumbra: made %s\n", Database.Describe().c_str());
+    return;
+  }
   const std::uint32_t nNames = m_Files.NameCount();
   std::fprintf(stderr, "lumbra: made %s, number %u of %u that a store can have\n", Database.Describe().c_str(), nNames,
                kMaxIndexNames);

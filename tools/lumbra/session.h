@@ -26,12 +26,17 @@ struct CommonOptions {
   std::string Host;
   std::string Module;  // the file of the module that runs the command; empty: the component that is linked in
   std::uint32_t nTraceLevel = 0;
+  std::uint32_t nWait = 0;  // seconds for another process to let go of the store
 };
 
 // The limits of scan and record, in the order of kLimits; those that are not given are left alone.
 struct LimitOptions {
   std::optional<std::uint64_t> Values[std::size(kLimits)];
 };
+
+// Gives a limit of a database that comes without any limit of its segments of the same kind a sixteenth of it for
+// those, since only whole segments are dropped, and says so on stderr.
+LimitOptions WithSegmentLimits(LimitOptions Limits);
 
 // The tool's own event.
 struct Event {
@@ -118,8 +123,9 @@ class Session {
 
  private:
   ResultCode Init();
+  ResultCode InitWhenFree(std::uint32_t nWait, const std::string& What);
   std::uint32_t OpenWhatIsThere(const DatabaseName& Database);
-  void Announce(const DatabaseName& Database) const;
+  void Announce(const DatabaseName& Database, bool bNewName) const;
   void Trace(std::uint32_t nLevel, DamageListener Listener);
 
   StoreFiles m_Files;
