@@ -17,6 +17,7 @@ class IndexLook {
 
   void Look() {
     LookAtIndex();
+    for (std::uint32_t nNumber = 0; nNumber < kFirstNamedDatabase; ++nNumber) LookAtFolder(NumberedFolder(nNumber));
     for (const Database& One : m_pTell->Of().Databases()) {
       if (!One.Id || *One.Id >= kFirstNamedDatabase) LookAtIdentity(One);
     }
@@ -26,6 +27,16 @@ class IndexLook {
   }
 
  private:
+  // One that is no folder passes for a database that is not there.
+  void LookAtFolder(const std::u16string& Name) {
+    os::FileLook Found{};
+    os::FolderHandle pFolder;
+    if (os::LookAt(m_Index.pFolder, Name, &Found) == os::kFileNotFound) return;
+    const os::SystemError nError = os::OpenFolder(m_Index.pFolder, Name, &pFolder);
+    if (nError != os::kSuccess && nError != os::kAccessDenied && nError != os::kFileNotFound)
+      m_pTell->Suspect({m_Index.pFolder, {}, Name}, 0, "it is no folder, where a database belongs");
+  }
+
   void LookAtIndex() {
     std::string Bytes;
     const os::SystemError nError =
