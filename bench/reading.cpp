@@ -61,7 +61,7 @@ int main(int nCount, char** ppArguments) {
       Ids.resize(Read.nCount);
       for (std::uint32_t i = 0; i < Read.nCount; ++i)
         std::memcpy(&Ids[i], Read.Events.data() + std::size_t{i} * Reader.EventSize() + 8, 8);
-      for (const inspect::ObjectView& One : Names.Resolve(Ids, {*Found->Id, Read.First.nSegment, Read.nIdsBirth}))
+      for (const inspect::ObjectView& One : Names.Resolve(Ids, Read.Objects))
         nNamed += One.Of == inspect::ObjectView::State::Named ? 1 : 0;
     }
   });

@@ -19,6 +19,12 @@ constexpr std::size_t kOpenAhead = 64;
 // Of a batch: what the memory near the processor holds.
 constexpr std::uint32_t kMostBytes = 8 << 20;
 
+// Whether a file that is open has lost its name.
+bool IsDeleted(const std::unique_ptr<File>& pFile) {
+  os::FileLook Now{};
+  return pFile != nullptr && (pFile->Look(&Now) != os::kSuccess || Now.nNames == 0);
+}
+
 std::uint32_t CrcOfEvent(std::span<const std::uint8_t> Event) {
   return Crc32(UINT32_MAX, Event.data(), Event.size());  // under which zeros count, too
 }
@@ -30,11 +36,39 @@ EventReader::EventReader(const Store& Of, Database What, Report Tell)
 
 // ---- Horizons ---------------------------------------------------------------------------------------------
 
+// While "segments.dat" keeps its name the database was not cleared, and what was opened by its name belongs together.
 ResultCode EventReader::Refresh() {
   if (m_pFolder == nullptr) {
     if (const os::SystemError nError = m_Store.OpenFolder(m_Database, &m_pFolder); nError != os::kSuccess)
       return ResultFromSystemError(nError);
   }
+  Patience Waiting;
+  for (;;) {
+    std::unique_ptr<File> pChain;
+    (void)File::Open(m_pFolder, kSegmentsFile, &pChain);  // TakeHorizon tells when it is missing
+    const std::size_t nKnown = m_Tracks.size();
+    const ResultCode nCode = TakeNext();
+    if (Failed(nCode)) return nCode;
+    const bool bCleared = IsDeleted(pChain);
+    m_pChain = std::move(pChain);
+    if (!bCleared) return errOK;
+    ForgetFrom(std::min(nKnown, m_Tracks.size()));
+    if (!Waiting.Wait()) return errOK;
+  }
+}
+
+// What was found while the database was cleared may be of either life: nothing is said of it but that there was some.
+void EventReader::ForgetFrom(std::size_t nTrack) {
+  for (; nTrack < m_Tracks.size(); ++nTrack) {
+    Track& One = m_Tracks[nTrack];
+    One.Gone = Gap::Why::Cleared;
+    One.pFile.reset();
+    One.Extent.nEvents = 0;
+    One.Extent.bOver = false;
+  }
+}
+
+ResultCode EventReader::TakeNext() {
   Horizon Fresh;
   const std::uint32_t nFrom = m_Tracks.empty() ? 0 : m_Tracks.front().Extent.nNumber;
   ResultCode nCode = TakeHorizon(m_Store, m_Database, m_Tell, &Fresh, nFrom);
@@ -58,6 +92,7 @@ void EventReader::Follow(const Horizon& Fresh) {
     const auto Now = std::ranges::find(Fresh.Segments, One.Extent.nNumber, &SegmentExtent::nNumber);
     if (!bSizeChanged && Now != Fresh.Segments.end() && IsSame(One, *Now)) {
       One.Extent = *Now;
+      One.Objects.nIdsBirth = Now->nIdsBirth;
       bAnyLeft = true;
     } else {
       One.Gone = Gap::Why::Dropped;
@@ -66,8 +101,10 @@ void EventReader::Follow(const Horizon& Fresh) {
   }
   // One that was begun, never held an event, and is gone: its number is free again.
   while (!m_Tracks.empty() && m_Tracks.back().Gone && m_Tracks.back().Extent.nEvents == 0 &&
-         (bAnyLeft || m_Tracks.back().Extent.bOver))
+         (bAnyLeft || m_Tracks.back().Extent.bOver)) {
+    if (!m_Carried) m_Carried = m_Tracks.back().Before;
     m_Tracks.pop_back();
+  }
   if (m_Tracks.empty()) m_nNext = 0;
   if (bAnyLeft || !IsAnew(Fresh)) return;
   for (Track& One : m_Tracks) One.Gone = Gap::Why::Cleared;
@@ -76,12 +113,13 @@ void EventReader::Follow(const Horizon& Fresh) {
 // Whether a chain of which no segment is known was begun anew: that is another life, or its number was there already.
 bool EventReader::IsAnew(const Horizon& Fresh) const {
   const std::uint32_t nLast = m_Tracks.empty() ? m_nLastFinished : m_Tracks.back().Extent.nNumber;
-  if (nLast == 0) return false;
-  return Fresh.nLife != m_nLife || (!Fresh.Segments.empty() && Fresh.Segments.front().nNumber <= nLast);
+  return (m_nLife != 0 && Fresh.nLife != m_nLife) || IsDeleted(m_pChain) ||
+         (!Fresh.Segments.empty() && Fresh.Segments.front().nNumber <= nLast);
 }
 
 // Of a segment that is gone it can be read what was opened, and counted how much there was at the end.
 void EventReader::SettleGone(Track* pTrack, bool bSizeChanged) {
+  if (m_pPaths != nullptr && pTrack->Objects.nToken == 0) pTrack->Objects.nToken = kNoObjects;
   os::FileLook Last{};
   if (pTrack->pFile == nullptr || pTrack->pFile->Look(&Last) != os::kSuccess) return;
   pTrack->Extent.nEvents = RecordCountOfSize(Last.nSize, m_Horizon.nEventSize);
@@ -94,8 +132,7 @@ void EventReader::SettleGone(Track* pTrack, bool bSizeChanged) {
 bool EventReader::IsSame(const Track& Of, const SegmentExtent& Now) const {
   if (Of.Extent.nNumber != Now.nNumber || Of.Extent.nBirth != Now.nBirth || Now.nEvents < Of.Extent.nEvents)
     return false;
-  os::FileLook Open{};
-  return Of.pFile == nullptr || (Of.pFile->Look(&Open) == os::kSuccess && Open.nNames != 0);
+  return !IsDeleted(Of.pFile);
 }
 
 // The segments of the horizon behind those that are known. Between them some may be missing.
@@ -108,15 +145,19 @@ void EventReader::Append() {
   if (!bAnyLeft && IsAnew(m_Horizon)) {
     Missing.Reason = Gap::Why::Cleared;
     m_nLastFinished = nLast = 0;
+    if (m_pPaths != nullptr) m_nChainToken = m_pPaths->NextToken();
   }
   for (const SegmentExtent& One : Segments) {
     if (One.nNumber <= nLast || WasThere(One)) continue;
     m_Newest = One;
     Track Fresh;
     Fresh.Extent = One;
+    Fresh.Objects = {m_Database.Id.value_or(0), One.nNumber, One.nIdsBirth, 0, m_nChainToken};
     Missing.To = {One.nNumber, 0};
     const bool bFollows = nLast == 0 || One.nNumber == nLast + 1;
     if (!bFollows || Missing.Reason == Gap::Why::Cleared) Fresh.Before = Missing;
+    if (m_Carried) Fresh.Before = Gap{m_Carried->From, Missing.To, 0, true, m_Carried->Reason};
+    m_Carried.reset();
     nLast = One.nNumber;
     Missing = {{nLast + 1, 0}, {}, 0, true, Gap::Why::Damaged};
     m_Tracks.push_back(std::move(Fresh));
@@ -135,14 +176,14 @@ bool EventReader::WasThere(const SegmentExtent& One) const {
 void EventReader::OpenAhead() {
   if (!os::DeletedFilesFreeTheirNames()) return;
   for (std::size_t i = 0; i < std::min(kOpenAhead, m_Tracks.size()); ++i) {
-    if (m_Tracks[i].pFile == nullptr && !m_Tracks[i].Gone) (void)Open(&m_Tracks[i]);  // told when it is read
+    Track& One = m_Tracks[i];
+    if (One.pFile == nullptr && !One.Gone) (void)Open(&One);  // told when it is read
+    const bool bUnopened = One.pFile != nullptr && One.Objects.nToken == 0;
+    // Objects of a segment that never held an event may not be there yet.
+    if (m_pPaths == nullptr || !bUnopened || One.Gone || One.Extent.nEvents == 0) continue;
+    One.Objects.nToken = m_pPaths->Keep(One.Objects.nDatabase, One.Extent.nNumber);
+    if (IsDeleted(One.pFile)) One.Objects.nToken = kNoObjects;  // they may be another segment's
   }
-}
-
-std::vector<SegmentExtent> EventReader::Upcoming() const {
-  std::vector<SegmentExtent> Next;
-  for (std::size_t i = 0; i < std::min(kOpenAhead, m_Tracks.size()); ++i) Next.push_back(m_Tracks[i].Extent);
-  return Next;
 }
 
 // ---- Places -----------------------------------------------------------------------------------------------
@@ -155,6 +196,7 @@ void EventReader::MoveTo(Place Where) {
   m_nLastFinished = 0;
   m_nLife = m_Horizon.nLife;
   m_Newest = {};
+  m_Carried.reset();
   Append();
   while (m_Tracks.size() > 1 && m_Tracks.front().Extent.nNumber < Where.nSegment) {
     m_nLastFinished = m_Tracks.front().Extent.nNumber;
@@ -194,6 +236,11 @@ bool EventReader::StartFirst() {
     if (m_Pending) return false;
     if (m_nNext < First.Extent.nEvents) return true;
     if (!First.Extent.bOver && !First.Gone) return false;
+    if (!First.Extent.bOver) {  // nobody saw how far it went
+      m_Pending = RestOf(First, m_nNext, *First.Gone);
+      First.Extent.bOver = true;
+      return false;
+    }
     m_nLastFinished = First.Extent.nNumber;
     m_Tracks.pop_front();
     m_nNext = 0;
@@ -209,7 +256,7 @@ bool EventReader::Next(std::uint32_t nMost, Batch* pBatch) {
     const std::uint32_t nCount = CountOf(First.Extent.nEvents - m_nNext, nMost);
     const std::optional<Gap::Why> Why = Read(&First, m_nNext, nCount);
     if (!Why) {
-      *pBatch = {{First.Extent.nNumber, m_nNext}, nCount, m_Buffer, First.Extent.nIdsBirth, {}};
+      *pBatch = {{First.Extent.nNumber, m_nNext}, nCount, m_Buffer, First.Objects, {}};
       m_nNext += nCount;
       return true;
     }
@@ -242,7 +289,7 @@ bool EventReader::Previous(std::uint32_t nMost, Batch* pBatch) {
       } else {
         pBatch->nCount = nCount;
         pBatch->Events = m_Buffer;
-        pBatch->nIdsBirth = At.Extent.nIdsBirth;
+        pBatch->Objects = At.Objects;
         m_nBackEnd -= nCount;
       }
       return true;

@@ -17,6 +17,7 @@
 #include "inspect/file.h"
 #include "inspect/finding.h"
 #include "inspect/horizon.h"
+#include "inspect/paths.h"
 #include "inspect/store.h"
 
 namespace lumbra::inspect {
@@ -50,7 +51,7 @@ struct Batch {
   Place First;
   std::uint32_t nCount = 0;
   std::span<const std::uint8_t> Events;  // good until the next call of the reader
-  std::uint64_t nIdsBirth = 0;           // of the segment's id records (horizon.h)
+  ObjectsOrigin Objects;                 // where the names of objects that they are about are looked for
   std::optional<Gap> Lost;               // without events then
 
   Place Behind() const { return {First.nSegment, First.nIndex + nCount}; }
@@ -75,8 +76,8 @@ class EventReader {
   const Horizon& Seen() const { return m_Horizon; }
   std::uint32_t EventSize() const { return m_Horizon.nEventSize; }  // bytes
 
-  // The segments that are read next, as many as were opened; their objects are to be opened, too (paths.h).
-  std::vector<SegmentExtent> Upcoming() const;
+  // With the segments that are opened their objects are, too, from the next horizon on. The paths outlive this.
+  void OpenObjectsIn(Paths* pPaths) { m_pPaths = pPaths; }
 
   // Where Next goes on, within the horizon: at the oldest event, at the first one that is not before a place, so many
   // before the end, or behind the last one that is there. What was to be told by a gap is forgotten.
@@ -101,6 +102,7 @@ class EventReader {
   // A segment that is to be read.
   struct Track {
     SegmentExtent Extent;
+    ObjectsOrigin Objects;
     std::optional<Gap> Before;     // what is missing between it and the track before it
     std::unique_ptr<File> pFile;   // null: not opened yet, or not kept open
     bool bChecked = false;         // its header was read, and fits
@@ -112,6 +114,8 @@ class EventReader {
   bool IsSame(const Track& Of, const SegmentExtent& Now) const;
   void SettleGone(Track* pTrack, bool bSizeChanged);
   bool IsAnew(const Horizon& Fresh) const;
+  ResultCode TakeNext();
+  void ForgetFrom(std::size_t nTrack);
   void Append();
   bool WasThere(const SegmentExtent& One) const;
   void OpenAhead();
@@ -135,12 +139,16 @@ class EventReader {
   std::deque<Track> m_Tracks;         // oldest first, from the one on that Next reads
   std::uint64_t m_nNext = 0;          // in the first track
   std::uint32_t m_nLastFinished = 0;  // the segment that was read before the first track; 0: none
-  SegmentExtent m_Newest{};           // the last one that became a track
-  std::uint64_t m_nLife = 0;          // of the segments that are known
-  std::optional<Gap> m_Pending;       // to be told before the first track
-  std::size_t m_nBack = 0;            // Previous reads in the track before this one ...
-  std::uint64_t m_nBackEnd = 0;       // ... the events before this one
-  bool m_bBack = false;               // the two hold
+  Paths* m_pPaths = nullptr;
+  std::unique_ptr<File> m_pChain;   // "segments.dat", as it was at the horizon; it goes when the database is cleared
+  std::uint64_t m_nChainToken = 0;  // from which on objects are of this life of the chain
+  SegmentExtent m_Newest{};         // the last one that became a track
+  std::uint64_t m_nLife = 0;        // of the segments that are known
+  std::optional<Gap> m_Carried;     // of a track that went before it was read
+  std::optional<Gap> m_Pending;     // to be told before the first track
+  std::size_t m_nBack = 0;          // Previous reads in the track before this one ...
+  std::uint64_t m_nBackEnd = 0;     // ... the events before this one
+  bool m_bBack = false;             // the two hold
   std::vector<std::uint8_t> m_Buffer;
 };
 

@@ -6,8 +6,10 @@
 
 #include "format/crc32.h"
 #include "format/file_names.h"
+#include "format/named_index_file.h"
 #include "format/object_files.h"
 #include "format/record_file.h"
+#include "format/segments_file.h"
 #include "format/tree_file.h"
 #include "inspect/file.h"
 
@@ -106,7 +108,31 @@ class Checker {
 // Whether it was neither dropped nor made anew since.
 bool IsStill(const SegmentExtent& Segment, const os::FolderHandle& pFolder, const std::u16string& Events) {
   os::FileLook Look{};
-  return os::LookAt(pFolder, Events, &Look) == os::kSuccess && Look.nBirth == Segment.nBirth;
+  if (os::LookAt(pFolder, Events, &Look) != os::kSuccess || Look.nBirth != Segment.nBirth) return false;
+  tSDB_HEADER Chain{};
+  std::string Bytes;
+  const bool bRead = ReadSmall(pFolder, kSegmentsFile, sizeof(Chain), &Bytes) == os::kSuccess;
+  if (!bRead || Bytes.size() != sizeof(Chain)) return true;
+  std::memcpy(&Chain, Bytes.data(), sizeof(Chain));
+  // Its files go when the chain begins behind it.
+  const std::u16string First = SegmentFileName(Chain.nFirstSegment, kEventsFile);
+  return Chain.nFirstSegment <= Segment.nNumber || os::LookAt(pFolder, First, &Look) != os::kSuccess;
+}
+
+// A store without named databases has none.
+std::optional<Fault> FaultOfIndex(const os::FolderHandle& pStore) {
+  constexpr std::uint64_t kLongest = (std::uint64_t{kMaxIndexNames} + 1) * kIndexBlockSize;
+  std::string Bytes;
+  os::FileLook Look{};
+  const os::SystemError nError = ReadSmall(pStore, kIndexFile, kIndexBlockSize, &Bytes);
+  if (nError == os::kFileNotFound) return {};
+  if (nError != os::kSuccess) return Fault{"it is no file, or the system refuses to read it"};
+  if (os::LookAt(pStore, kIndexFile, &Look) == os::kSuccess && Look.nSize > kLongest)
+    return Fault{"it is longer than an index of names can be", std::to_string(kLongest), std::to_string(Look.nSize)};
+  const bool bNew = Bytes.empty();
+  if (bNew || std::ranges::equal(Bytes, kIndexSignature) || std::ranges::equal(Bytes, kCorruptedIndexSignature))
+    return {};
+  return Fault{"it does not say that it is an index of names"};
 }
 
 }  // namespace
@@ -126,6 +152,10 @@ void CheckSharedHeads(const Store& Of, const Report& Tell) {
     const bool bNeeded = bBegun || One.pName == kSharedIdsFile;
     Heads.Check(Of.Folder(), One.pName, One.pName, One.What, 0, bNeeded, [] { return true; });
   }
+  Patience Waiting;
+  std::optional<Fault> Index = FaultOfIndex(Of.Folder());
+  while (Index && Waiting.Wait()) Index = FaultOfIndex(Of.Folder());
+  if (Index) Tell({Grade::Damage, kIndexFile, 0, Index->What, Index->Expected, Index->Found});
 }
 
 void CheckHeads(const Store& Of, const Database& What, const Horizon& At, const Report& Tell) {

@@ -8,8 +8,8 @@
 
 namespace lumbra::inspect {
 
-// Reports files that are missing, short, or do not say what their names do: of the shared objects, and of the segments
-// of a horizon. What is being made or dropped meanwhile is given time to settle.
+// Reports files that are missing, short, or do not say what their names do: of the shared objects and the index of
+// names, and of the segments of a horizon. What is being made or dropped meanwhile is given time to settle.
 void CheckSharedHeads(const Store& Of, const Report& Tell);
 void CheckHeads(const Store& Of, const Database& What, const Horizon& At, const Report& Tell);
 

@@ -89,11 +89,13 @@ class Look {
     return Next.nBirth >= m_pHorizon->Segments.back().nBirth && Append(nNext) == os::kSuccess;
   }
 
-  // Events that came before the next segment was begun are counted for sure only when that one holds one.
+  // Events that came before the next segment was begun are counted for sure only when one behind it holds one.
   void CloseSegments() {
     std::vector<SegmentExtent>& Segments = m_pHorizon->Segments;
-    for (std::size_t i = 0; i + 1 < Segments.size(); ++i) {
-      Segments[i].bOver = Segments[i + 1].nEvents != 0;
+    bool bEventsBehind = false;  // healing puts empty ones in the place of those that are lost
+    for (std::size_t i = Segments.size(); i-- > 0;) {
+      Segments[i].bOver = bEventsBehind;
+      bEventsBehind = bEventsBehind || Segments[i].nEvents != 0;
       if (Segments[i].bOver) Segments[i].nEvents = std::max(Segments[i].nEvents, EventsIn(Segments[i].nNumber));
     }
     for (SegmentExtent& One : Segments) LookForIds(&One);

@@ -57,6 +57,11 @@ bool FollowsVolumes(std::uint8_t nType) {
   return (EffectiveFlags(nType, 0) & fObjFollowVolumeLinks) != 0;
 }
 
+// A volume has one path for those that follow its link, and one for others.
+std::uint64_t KeyOf(std::uint64_t nStore, std::uint32_t nShortId, bool bVolumes) {
+  return nStore << 33 | std::uint64_t{bVolumes} << 32 | nShortId;
+}
+
 ObjectView::State StateOf(Answer Found) {
   switch (Found) {
     case Answer::Read:
@@ -90,15 +95,17 @@ char* Paths::Texts::Take(std::size_t nSize) {
 
 // ---- Stores -----------------------------------------------------------------------------------------------
 
-void Paths::Keep(const SegmentLife& Of) {
-  (void)Open(Of);  // what cannot be opened is told of the objects that are asked for
+std::uint64_t Paths::Keep(std::uint32_t nDatabase, std::uint32_t nSegment) {
+  const std::uint64_t nToken = NextToken();
+  (void)Open({nDatabase, nSegment, nToken}, 0);  // what cannot be opened is told of the objects that are asked for
+  return nToken;
 }
 
 void Paths::Rest() {
   if (!os::DeletedFilesFreeTheirNames()) m_Stores.clear();
 }
 
-Answer Paths::OpenFolderOf(const SegmentLife& Of, os::FolderHandle* ppFolder) {
+Answer Paths::OpenFolderOf(const Key& Of, os::FolderHandle* ppFolder) {
   *ppFolder = m_Store.Folder();
   if (Of.nSegment == 0) return Answer::Read;
   os::FolderHandle& pKnown = m_Folders[Of.nDatabase];
@@ -112,39 +119,64 @@ Answer Paths::OpenFolderOf(const SegmentLife& Of, os::FolderHandle* ppFolder) {
 }
 
 // What could not be opened is tried once a call. What was opened as whatever has that number is tried again when it was
-// deleted; what was opened as a certain life of a segment is read as long as it is open.
-Paths::Held& Paths::Open(const SegmentLife& Of) {
+// deleted; what has a token is read as long as it is open.
+Paths::Held& Paths::Open(const Key& Of, std::uint64_t nIdsBirth) {
   const auto Found = m_Stores.find(Of);
   if (Found != m_Stores.end()) {
     Held& Known = Found->second;
     const bool bNow = std::exchange(Known.nUsed, m_nCalls) == m_nCalls;
-    if (bNow || (Known.pObjects != nullptr && (Of.nIdsBirth != 0 || !Known.pObjects->IsDeleted()))) return Known;
+    if (bNow || Of.nToken != 0 || (Known.pObjects != nullptr && !Known.pObjects->IsDeleted())) return Known;
   }
   if (Found == m_Stores.end() && m_Stores.size() >= kMostOpen)
     m_Stores.erase(std::ranges::min_element(m_Stores, {}, [](const auto& One) { return One.second.nUsed; }));
   Held& Fresh = m_Stores[Of];
   Fresh = {nullptr, Answer::Missing, ++m_nOpened, m_nCalls};
   os::FolderHandle pFolder;
-  Fresh.Opened = OpenFolderOf(Of, &pFolder);
+  Fresh.Opened = nIdsBirth == kNoBirth ? Answer::Missing : OpenFolderOf(Of, &pFolder);
   if (Fresh.Opened != Answer::Read) return Fresh;
   auto pObjects = std::make_unique<Objects>(
       m_Store, std::move(pFolder), Of.nSegment == 0 ? SharedObjectFiles() : ObjectFilesOf(Of.nSegment), &m_Cache);
-  Fresh.Opened = pObjects->Open(Of.nIdsBirth);
+  Fresh.Opened = pObjects->Open(nIdsBirth);
   if (Fresh.Opened == Answer::Read) Fresh.pObjects = std::move(pObjects);
   return Fresh;
 }
 
-Paths::Held& Paths::HeldOf(std::uint64_t nId, const SegmentLife& From) {
-  if (m_pLast != nullptr && nId >> 32 == m_nLastStore) return *m_pLast;
-  SegmentLife Of{DatabaseOfId(nId), SegmentOfId(nId), 0};
-  if (Of.nSegment == 0) Of.nDatabase = 0;  // the shared objects are all databases'
-  if (Of.nDatabase == From.nDatabase && Of.nSegment == From.nSegment) Of = From;
-  m_nLastStore = nId >> 32;
-  m_pLast = &Open(Of);
-  return *m_pLast;
+// The objects of a segment that were kept last, of those of the same life of the database as where the ids come from.
+Paths::Held* Paths::FindKept(const Key& Of, const ObjectsOrigin& From) {
+  auto After = m_Stores.upper_bound({Of.nDatabase, Of.nSegment, From.nToken});
+  if (From.nToken == 0 || After == m_Stores.begin()) return nullptr;
+  const Key& Kept = (--After)->first;
+  const bool bThat = Kept.nDatabase == Of.nDatabase && Kept.nSegment == Of.nSegment && Kept.nToken != 0;
+  return bThat && Kept.nToken >= From.nChainToken ? &Open(Kept, 0) : nullptr;
 }
 
-Objects* Paths::Find(std::uint64_t nId, const SegmentLife& From) {
+// What has the number now must be the segment's own, or older than the one where the ids come from.
+Paths::Held& Paths::OpenByName(Key Of, const ObjectsOrigin& From) {
+  Of.nToken = 0;
+  if (Of.nDatabase != From.nDatabase || From.nIdsBirth == 0) return Open(Of, 0);
+  if (Of.nSegment == From.nSegment) return Open(Of, From.nIdsBirth);
+  os::FolderHandle pFolder;
+  os::FileLook Now{};
+  if (OpenFolderOf(Of, &pFolder) == Answer::Read)
+    (void)os::LookAt(pFolder, ObjectFilesOf(Of.nSegment).Ids, &Now);  // without a birth when it fails
+  return Open(Of, Now.nBirth < From.nIdsBirth || Of.nSegment > From.nSegment ? Now.nBirth : kNoBirth);
+}
+
+Paths::Held& Paths::HeldOf(std::uint64_t nId, const ObjectsOrigin& From) {
+  if (m_pLast != nullptr && nId >> 32 == m_nLastStore) return *m_pLast;
+  Key Of{DatabaseOfId(nId), SegmentOfId(nId), From.nToken};
+  if (Of.nSegment == 0) Of = {0, 0, 0};  // the shared objects are all databases'
+  const bool bSameDatabase = Of.nSegment != 0 && Of.nDatabase == From.nDatabase;
+  Held* pFound = nullptr;
+  if (bSameDatabase && From.nToken == kNoObjects) pFound = &Open(Of, kNoBirth);
+  if (bSameDatabase && pFound == nullptr) pFound = FindKept(Of, From);
+  if (pFound == nullptr) pFound = &OpenByName(Of, From);
+  m_nLastStore = nId >> 32;
+  m_pLast = pFound;
+  return *pFound;
+}
+
+Objects* Paths::Find(std::uint64_t nId, const ObjectsOrigin& From) {
   ++m_nCalls;
   m_pLast = nullptr;
   return HeldOf(nId, From).pObjects.get();
@@ -158,8 +190,9 @@ void Paths::Sort(std::span<const std::uint64_t> Ids) {
   m_Spare.resize(Ids.size());
   std::uint64_t nDiffer = 0;
   for (std::uint32_t i = 0; i < Ids.size(); ++i) {
-    m_Order[i] = {Ids[i], i};
-    nDiffer |= Ids[i] ^ Ids[0];
+    const bool bHost = Ids[i] == kHostObjectAlias && m_nHostObject != 0;
+    m_Order[i] = {bHost ? m_nHostObject : Ids[i], i};
+    nDiffer |= m_Order[i].nId ^ m_Order[0].nId;
   }
   constexpr int kBits = 11;
   constexpr std::uint64_t kDigits = 1 << kBits;
@@ -176,43 +209,83 @@ void Paths::Sort(std::span<const std::uint64_t> Ids) {
   }
 }
 
-const std::vector<ObjectView>& Paths::Resolve(std::span<const std::uint64_t> Ids, const SegmentLife& From) {
+// In small groups of one store: while one object is looked at, what the next ones need is on its way from the memory.
+const std::vector<ObjectView>& Paths::Resolve(std::span<const std::uint64_t> Ids, const ObjectsOrigin& From) {
+  constexpr std::size_t kGroup = 64;
+  constexpr std::size_t kBehind = 16;  // what was brought near then is there
   ++m_nCalls;
   m_pLast = nullptr;
-  m_Texts.Clear();
-  m_Views.resize(Ids.size());
+  m_pNow = m_pNow == &m_Answers[0] ? &m_Answers[1] : &m_Answers[0];
+  m_pNow->Shown.Clear();
+  std::vector<ObjectView>& Views = m_pNow->Views;
+  Views.resize(Ids.size());
   Sort(Ids);
-  for (std::size_t i = 0; i < m_Order.size(); ++i) {
-    const bool bSame = i != 0 && m_Order[i].nId == m_Order[i - 1].nId;
-    m_Views[m_Order[i].nIndex] = bSame ? m_Views[m_Order[i - 1].nIndex] : View(m_Order[i].nId, From);
+  Work Group[kGroup];
+  std::uint32_t FirstOf[kGroup];  // in the order
+  for (std::size_t i = 0; i < m_Order.size();) {
+    std::size_t nWorks = 0;
+    const std::uint64_t nStore = m_Order[i].nId >> 32;
+    const auto ApproachTextOf = [this, &Group](std::size_t n) {
+      if (Group[n].Record.nParentId != 0) m_Parents.ApproachText(ParentKey(Group[n]));
+    };
+    for (; i < m_Order.size() && nWorks < kGroup && m_Order[i].nId >> 32 == nStore; ++nWorks) {
+      FirstOf[nWorks] = static_cast<std::uint32_t>(i);
+      __builtin_prefetch(&Views[m_Order[i].nIndex], 1);
+      const std::uint64_t nId = m_Order[i].nId;
+      Begin(nId, From, &Group[nWorks]);
+      if (Group[nWorks].Record.nParentId != 0) m_Parents.Approach(ParentKey(Group[nWorks]));
+      if (nWorks >= kBehind) ApproachTextOf(nWorks - kBehind);
+      while (i < m_Order.size() && m_Order[i].nId == nId) ++i;
+    }
+    for (std::size_t n = nWorks - std::min(nWorks, kBehind); n < nWorks; ++n) ApproachTextOf(n);
+    for (std::size_t n = 0; n < nWorks; ++n) {
+      Finish(&Group[n]);
+      const std::size_t nEnd = n + 1 < nWorks ? FirstOf[n + 1] : i;
+      for (std::size_t nAt = FirstOf[n]; nAt < nEnd; ++nAt) Views[m_Order[nAt].nIndex] = Group[n].Seen;
+    }
   }
-  return m_Views;
+  return Views;
 }
 
-ObjectView Paths::View(std::uint64_t nId, const SegmentLife& From) {
-  ObjectView Seen;
-  if (nId == kHostObjectAlias && m_nHostObject != 0) nId = m_nHostObject;
-  const Held& Store = HeldOf(nId, From);
-  Seen.Of = StateOf(Store.Opened);
-  if (Store.pObjects == nullptr) return Seen;
-  Objects& In = *Store.pObjects;
-  std::uint32_t nShortId = MAKE_SHORT_OBJECT_ID(nId);
-  tODB_ID_ENTRY Record{};
-  Seen.Of = StateOf(In.ReadRecord(nShortId, &Record));
-  if (Seen.Of != ObjectView::State::Named) return Seen;
+std::uint64_t Paths::ParentKey(const Work& Of) const {
+  return KeyOf(Of.pStore->nNumber, MAKE_SHORT_OBJECT_ID(Of.Record.nParentId), Of.bVolumes);
+}
+
+// Up to the record whose name is wanted.
+void Paths::Begin(std::uint64_t nId, const ObjectsOrigin& From, Work* pWork) {
+  ObjectView& Seen = pWork->Seen;
+  Seen = {};
+  pWork->pStore = &HeldOf(nId, From);
+  pWork->nShortId = MAKE_SHORT_OBJECT_ID(nId);
+  pWork->bVolumes = false;
+  tODB_ID_ENTRY& Record = pWork->Record;
+  Record.nParentId = 0;
+  Seen.Of = StateOf(pWork->pStore->Opened);
+  if (pWork->pStore->pObjects == nullptr) return;
+  Objects& In = *pWork->pStore->pObjects;
+  Seen.Of = StateOf(In.ReadRecord(pWork->nShortId, &Record));
+  if (Seen.Of != ObjectView::State::Named) {
+    Record.nParentId = 0;
+    return;
+  }
   Seen.nType = Record.nType;
   if (Record.nParentId != 0) Seen.nParent = WithDatabase(Record.nParentId, DatabaseOfId(nId));
-  const bool bVolumes = FollowsVolumes(Record.nType);
-  Seen.Of = ReadLinked(In, &nShortId, bVolumes, &Record);
-  if (Seen.Of != ObjectView::State::Named) return Seen;
-  static const Path kNone;
+  pWork->bVolumes = FollowsVolumes(Record.nType);
+  Seen.Of = ReadLinked(In, &pWork->nShortId, pWork->bVolumes, &Record);
+}
+
+void Paths::Finish(Work* pWork) {
+  ObjectView& Seen = pWork->Seen;
+  const tODB_ID_ENTRY& Record = pWork->Record;
+  if (Seen.Of != ObjectView::State::Named) return;
+  const Held& Store = *pWork->pStore;
   const std::uint32_t nParent = MAKE_SHORT_OBJECT_ID(Record.nParentId);
-  const Path& Parent = Record.nParentId == 0 ? kNone : ParentPath(Store, nParent, bVolumes);
+  const Path Parent = Record.nParentId == 0 ? Path() : ParentPath(Store, nParent, pWork->bVolumes);
   Seen.Of = Parent.State;
-  if (Seen.Of != ObjectView::State::Named) return Seen;
+  if (Seen.Of != ObjectView::State::Named) return;
   std::span<const std::uint8_t> Stored;
-  Seen.Of = StateOf(In.ReadName(Record, &Stored));
-  if (Seen.Of != ObjectView::State::Named) return Seen;
+  Seen.Of = StateOf(Store.pObjects->ReadName(Record, &Stored));
+  if (Seen.Of != ObjectView::State::Named) return;
   std::string Buffer;
   std::size_t nUnits = 0;
   const std::string_view Name = TextOf(Record, Stored, &Buffer, &nUnits);
@@ -221,13 +294,12 @@ ObjectView Paths::View(std::uint64_t nId, const SegmentLife& From) {
     if (Parent.nUnits + (bSeparated ? 1 : 0) + nUnits > kMaxNameUnits) Seen.Of = ObjectView::State::TooLong;
   }
   if (Seen.Of == ObjectView::State::Named) Seen.Name = Join(Parent, Record, Name);
-  return Seen;
 }
 
 std::string_view Paths::Join(const Path& Parent, const tODB_ID_ENTRY& Record, std::string_view Name) {
   const char cSeparator = SeparatorOf(Record, Name);
   const std::size_t nSize = Parent.Text.size() + (cSeparator != '\0' ? 1 : 0) + Name.size();
-  char* const pText = m_Texts.Take(nSize);
+  char* const pText = m_pNow->Shown.Take(nSize);
   char* pAt = std::copy(Parent.Text.begin(), Parent.Text.end(), pText);
   if (cSeparator != '\0') *pAt++ = cSeparator;
   std::copy(Name.begin(), Name.end(), pAt);
@@ -250,11 +322,6 @@ ObjectView::State Paths::ReadLinked(Objects& In, std::uint32_t* pnShortId, bool 
     if (Found != ObjectView::State::Named) return Found;
   }
   return ObjectView::State::Named;
-}
-
-// A volume has one path for those that follow its link, and one for others.
-std::uint64_t KeyOf(std::uint64_t nStore, std::uint32_t nShortId, bool bVolumes) {
-  return nStore << 33 | std::uint64_t{bVolumes} << 32 | nShortId;
 }
 
 const Paths::Path& Paths::ParentPath(const Held& In, std::uint32_t nShortId, bool bVolumes) {
@@ -335,6 +402,17 @@ Paths::KnownPaths::Entry* Paths::KnownPaths::FreeFor(std::uint64_t nKey) {
   std::size_t nAt = HomeOf(nKey);
   while (m_Entries[nAt].nKey != 0) nAt = (nAt + 1) & (m_Entries.size() - 1);
   return &m_Entries[nAt];
+}
+
+void Paths::KnownPaths::Approach(std::uint64_t nKey) const {
+  if (!m_Entries.empty()) __builtin_prefetch(&m_Entries[HomeOf(nKey)]);
+}
+
+void Paths::KnownPaths::ApproachText(std::uint64_t nKey) const {
+  const Path* const pKnown = Find(nKey);
+  if (pKnown == nullptr) return;
+  __builtin_prefetch(pKnown->Text.data());
+  __builtin_prefetch(pKnown->Text.data() + pKnown->Text.size());
 }
 
 void Paths::KnownPaths::Clear() {

@@ -19,7 +19,8 @@ namespace lumbra::inspect {
 // any number of components, which would cost whoever looks at them as much.
 inline constexpr std::size_t kMaxNameUnits = 32767;
 
-struct ObjectView {
+// Aligned, so that each one is in one line of the processor's cache.
+struct alignas(32) ObjectView {
   enum class State : std::uint8_t {
     Named,
     Gone,       // its store, or it, is not there
@@ -35,14 +36,16 @@ struct ObjectView {
   std::string_view Name;      // the whole path: UTF-8, or the bytes of a file's name that is none
 };
 
-// A segment whose number may be given to another one: its database, and the birth of its id records (horizon.h).
-struct SegmentLife {
+// Where ids of objects come from. The number of a segment may be given to another one when its database is cleared:
+// what was opened while the segment was there is known by a token, and otherwise it must have been born when its was.
+struct ObjectsOrigin {
   std::uint32_t nDatabase = 0;
   std::uint32_t nSegment = 0;
-  std::uint64_t nIdsBirth = 0;
-
-  auto operator<=>(const SegmentLife&) const = default;
+  std::uint64_t nIdsBirth = 0;    // of the segment's id records (horizon.h); 0: not known
+  std::uint64_t nToken = 0;       // of its objects; 0: they were not opened
+  std::uint64_t nChainToken = 0;  // the first that can be of a segment of the same life of the database
 };
+inline constexpr std::uint64_t kNoObjects = UINT64_MAX;  // the token of objects that nobody can see any more
 
 // All the object stores of a store, those opened that were used lately. One thread at a time.
 class Paths {
@@ -50,15 +53,16 @@ class Paths {
   // What is kept of blocks, and of names of parents: bytes, each.
   Paths(const Store& Of, std::uint64_t nCacheBytes);
 
-  // Opens the objects of a segment, so that they can be read when it is dropped meanwhile.
-  void Keep(const SegmentLife& Of);
+  // Opens the objects of a segment, so that they can be read when it is dropped meanwhile; their token.
+  std::uint64_t Keep(std::uint32_t nDatabase, std::uint32_t nSegment);
+  std::uint64_t NextToken() const { return m_nOpened + 1; }
 
-  // The objects with these ids, which bear their database, in the same order. Those of the segment that the ids come
-  // from are looked for in that life of it. The views are good until the next call.
-  const std::vector<ObjectView>& Resolve(std::span<const std::uint64_t> Ids, const SegmentLife& From = {});
+  // The objects with these ids, which bear their database, in the same order. The views are good until the call
+  // after the next one, so that another thread can use them while the next ones are looked up.
+  const std::vector<ObjectView>& Resolve(std::span<const std::uint64_t> Ids, const ObjectsOrigin& From = {});
 
   // The store that an id leads to, opened; null when there is none.
-  Objects* Find(std::uint64_t nId, const SegmentLife& From = {});
+  Objects* Find(std::uint64_t nId, const ObjectsOrigin& From = {});
 
   // Closes what would be in the writer's way, where a deleted file does not free its name. For those who wait.
   void Rest();
@@ -77,6 +81,13 @@ class Paths {
     std::vector<std::vector<char>> m_Chunks;
     std::size_t m_nChunk = 0;
     std::size_t m_nUsed = 0;  // in that chunk
+  };
+  struct Key {
+    std::uint32_t nDatabase;
+    std::uint32_t nSegment;
+    std::uint64_t nToken;  // 0: what has the number
+
+    auto operator<=>(const Key&) const = default;
   };
   struct Held {
     std::unique_ptr<Objects> pObjects;  // null: it was not opened
@@ -97,10 +108,14 @@ class Paths {
     const Path* Find(std::uint64_t nKey) const;
     const Path& Add(std::uint64_t nKey, Path Known);  // whose text is copied
     void Clear();
+
+    // Has the processor bring near what Find will look at, and what it finds.
+    void Approach(std::uint64_t nKey) const;
+    void ApproachText(std::uint64_t nKey) const;
     std::uint64_t Size() const { return m_Entries.size() * sizeof(Entry) + m_nTextBytes; }  // bytes
 
    private:
-    struct Entry {
+    struct alignas(32) Entry {
       std::uint64_t nKey = 0;
       Path Known;
     };
@@ -117,12 +132,24 @@ class Paths {
     std::uint64_t nId;
     std::uint32_t nIndex;
   };
+  // An object on its way to its view.
+  struct Work {
+    ObjectView Seen;
+    const Held* pStore = nullptr;
+    std::uint32_t nShortId = 0;
+    bool bVolumes = false;
+    tODB_ID_ENTRY Record;
+  };
 
-  Held& Open(const SegmentLife& Of);
-  Held& HeldOf(std::uint64_t nId, const SegmentLife& From);
-  Answer OpenFolderOf(const SegmentLife& Of, os::FolderHandle* ppFolder);
+  Held& Open(const Key& Of, std::uint64_t nIdsBirth);
+  Held& OpenByName(Key Of, const ObjectsOrigin& From);
+  Held& HeldOf(std::uint64_t nId, const ObjectsOrigin& From);
+  Held* FindKept(const Key& Of, const ObjectsOrigin& From);
+  Answer OpenFolderOf(const Key& Of, os::FolderHandle* ppFolder);
   void Sort(std::span<const std::uint64_t> Ids);
-  ObjectView View(std::uint64_t nId, const SegmentLife& From);
+  void Begin(std::uint64_t nId, const ObjectsOrigin& From, Work* pWork);
+  void Finish(Work* pWork);
+  std::uint64_t ParentKey(const Work& Of) const;
   const Path& ParentPath(const Held& In, std::uint32_t nShortId, bool bVolumes);
   ObjectView::State BuildPath(const Held& In, std::uint32_t nShortId, bool bVolumes, std::string* pText,
                               std::size_t* pnUnits);
@@ -133,7 +160,7 @@ class Paths {
   const std::uint64_t m_nCacheBytes;
   BlockCache m_Cache;
   std::map<std::uint32_t, os::FolderHandle> m_Folders;
-  std::map<SegmentLife, Held> m_Stores;
+  std::map<Key, Held> m_Stores;
   std::uint64_t m_nOpened = 0;
   std::uint64_t m_nCalls = 1;
   std::uint64_t m_nLastStore = 0;  // the upper half of the id that was asked for last ...
@@ -142,8 +169,12 @@ class Paths {
   KnownPaths m_Parents;
   std::vector<Order> m_Order;
   std::vector<Order> m_Spare;
-  std::vector<ObjectView> m_Views;
-  Texts m_Texts;  // what the views show
+  struct Answers {
+    std::vector<ObjectView> Views;
+    Texts Shown;
+  };
+  Answers m_Answers[2];  // of this call and of the one before
+  Answers* m_pNow = &m_Answers[0];
 };
 
 }  // namespace lumbra::inspect

@@ -89,10 +89,9 @@ TEST_F(BesideWriterTest, DeliversEachEventOnceOrTellsOfIt) {
   const auto pStore = OpenStore();
   EventReader Reader(*pStore, *pStore->Find(u"01"), NoFinding());
   inspect::Paths Names(*pStore, 1 << 20);
+  Reader.OpenObjectsIn(&Names);
   const auto Drain = [&] {
     ASSERT_CODE(errOK, Reader.Refresh());
-    for (const inspect::SegmentExtent& One : Reader.Upcoming())
-      Names.Keep({Writer::kDatabase, One.nNumber, One.nIdsBirth});
     Batch Read;
     while (Reader.Next(100, &Read)) {
       Take(Read);
@@ -104,7 +103,7 @@ TEST_F(BesideWriterTest, DeliversEachEventOnceOrTellsOfIt) {
         Ids.push_back(One.nObject);
         Expected.push_back(host::ToUtf8(NameOf(One.nNumber)));
       }
-      const auto& Views = Names.Resolve(Ids, {Writer::kDatabase, Read.First.nSegment, Read.nIdsBirth});
+      const auto& Views = Names.Resolve(Ids, Read.Objects);
       for (std::size_t i = 0; i < Views.size(); ++i) {
         if (Views[i].Of == inspect::ObjectView::State::Gone) {
           ++m_nNameless;

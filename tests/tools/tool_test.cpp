@@ -1,4 +1,5 @@
 // The command-line tool: its commands, what they say, and what they refuse.
+#include "host/printed_text.h"
 #include "tools/tool_fixture.h"
 
 namespace lumbra::test {
@@ -20,12 +21,52 @@ TEST_F(ToolTest, InfoDescribesDatabases) {
   EXPECT_EQ(R"([["00",0,1,0,1],["03",3,32,3,2],["named",48,32,1,1]])", Databases.dump());
 }
 
+TEST_F(ToolTest, InfoTellsOfSegmentsAndTimes) {
+  Run("record --segment-events 2 --db named", 0,
+      "{'name':'x','time':'2026-11-24T15:04:00Z'}\n{'name':'x','time':'2026-11-24T13:00:00Z'}\n"
+      "{'name':'x','time':'2026-11-24T14:00:00Z'}");
+  const json Named = json::parse(Run("info --json --segments --times"))["databases"][1];
+  EXPECT_EQ("2026-11-24T13:00:00.0000000Z", Named["lowest_time"]);
+  EXPECT_EQ("2026-11-24T15:04:00.0000000Z", Named["highest_time"]);
+  EXPECT_EQ(Named["oldest"], Named["segment_list"][0]["born"]);
+  json Segments;
+  for (const json& One : Named["segment_list"])
+    Segments.push_back({One["number"], One["events"], One["bytes"]["events"], One["bytes"]["tree"]});
+  EXPECT_EQ("[[1,2,76,1040],[2,1,44,1040]]", Segments.dump());
+  const std::string Text = Run("info -o prometheus --times --segments");
+  std::string Store = host::Printable(At("store"));
+  for (std::size_t nAt = 0; (nAt = Store.find('\\', nAt)) != std::string::npos; nAt += 2) Store.insert(nAt, 1, '\\');
+  const std::string Label = "{store=\"" + Store + "\",database=\"named\"";
+  EXPECT_THAT(Text, HasSubstr("# HELP lumbra_database_records Events that the database holds.\n"
+                              "# TYPE lumbra_database_records gauge\n"));
+  EXPECT_THAT(Text, HasSubstr("lumbra_database_records" + Label + "} 3\n"));
+  EXPECT_THAT(Text, HasSubstr("lumbra_database_lowest_time_seconds" + Label + "} 1795525200.000\n"));
+  EXPECT_THAT(Text, HasSubstr("lumbra_segment_bytes" + Label + ",segment=\"2\",file=\"events\"} 44\n"));
+  Patch("store/g_objdt.dat", 0, {'?'});
+  fs::remove(Folder() / "store/named/00000001_objid.dat");
+  Run("info", 3);
+  EXPECT_EQ(
+      "lumbra: damaged g_objdt.dat: it has not the magic of a file of names and data\n"
+      "lumbra: damaged named/00000001_objid.dat: it is missing\n",
+      Errors());
+}
+
 TEST_F(ToolTest, LimitsKeepTheNewestEventsWithTheirNames) {
   Record("1 --segment-events 2 --max-events 4", {"a", "b", "c", "d", "e", "f", "g", "h", "i"});
   EXPECT_EQ(json({"e", "f", "g", "h", "i"}), Names("1"));  // what is there is counted before each event
-  Record("1 --max-size 1 --global-size 12345 --trace 500", {"j"});
-  EXPECT_THAT(Errors(), HasSubstr("Lumbra::SetDBParams(FF, 7, 12345)"));
+  Record("1 --max-size 1 --segment-size 0 --global-size 12K --trace 500", {"j"});
+  EXPECT_THAT(Errors(), HasSubstr("Lumbra::SetDBParams(FF, 7, 12288)"));
   EXPECT_EQ(json({"i", "j"}), Names("1"));
+}
+
+TEST_F(ToolTest, GivesSegmentsASixteenthOfALimit) {
+  Record("1 --max-events 32 --max-size 2G --max-age 1h --segment-age 7d", {"a", "b", "c"});
+  EXPECT_THAT(Errors(), EndsWith("lumbra: --max-events 32 drops whole segments: --segment-events 2 goes with it\n"
+                                 "lumbra: --max-size 2147483648 drops whole segments: --segment-size 134217728 goes "
+                                 "with it\n"));
+  EXPECT_EQ(2, json::parse(Run("info --json"))["databases"][1]["segments"]);
+  Run("record --db 1 --max-age 7x", 2);
+  Run("record --db 1 --max-size 16777216T", 2);
 }
 
 TEST_F(ToolTest, RecordsTheGoodLinesAndTellsOfTheBadOnes) {
@@ -68,28 +109,31 @@ TEST_F(ToolTest, ChoosesEvents) {
 
 TEST_F(ToolTest, ShowsWhatIsBehindASegmentThatCannotBeRead) {
   Record("1 --segment-events 2", {"a", "b", "c", "d", "e"});
-  const auto pHeld = OpenFile(u"store/01/00000002_events.dat");
+  WriteFile("store/01/00000002_events.dat", Bytes(76, 'x'));
   for (const std::string Options : {"", " --parents"}) {
     EXPECT_THAT(Run("events --db 1" + Options, 3), ::testing::ContainsRegex("^.*a\n.*b\n.*e\n$"));
-    EXPECT_EQ("lumbra: read segment 2 of database 1: errOPEN_FAILED (0x800000C3): 2 of its events are missing here\n",
-              Errors());
+    EXPECT_EQ(
+        "lumbra: damaged 01/00000002_events.dat: its header is not one of events of 32 bytes\n"
+        "lumbra: gap: 2 events from 0x0100000200000000 up to 0x0100000200000002 are missing here: a file is missing or "
+        "damaged\n",
+        Errors());
   }
 }
 
 TEST_F(ToolTest, HealsAStoreBeforeItIsOpened) {
   Record("1 --segment-events 2", {"a", "b", "c", "d", "e"});
   fs::remove(Folder() / "store/01/00000002_events.dat");  // where the chain would end
-  EXPECT_THAT(Run("events --db 1", 3), EndsWith("e\n"));
+  Record("1", {"f"});
   EXPECT_EQ(
       "lumbra: healed 01/00000002_events.dat: a segment is missing here; an empty one keeps those behind it in reach\n",
       Errors());
-  EXPECT_EQ(json({"a", "b", "e"}), Names("1"));
+  EXPECT_EQ(json({"a", "b", "e", "f"}), Names("1"));
   for (const char* const pName : {"events", "objid", "objbt", "objdt"}) {
     const std::string Name = "01/00000003_" + std::string(pName) + ".dat";
     WriteFile("copy/" + Name, ReadFile("store/" + Name));
   }
   RunProgram({LUMBRA_TOOL, "--store", "copy", "repair", "--yes"}, 3);
-  EXPECT_THAT(RunProgram({LUMBRA_TOOL, "--store", "copy", "events", "--db", "1"}), EndsWith("e\n"));
+  EXPECT_THAT(RunProgram({LUMBRA_TOOL, "--store", "copy", "events", "--db", "1"}), EndsWith("f\n"));
 }
 
 TEST_F(ToolTest, FindsNames) {
@@ -104,6 +148,62 @@ TEST_F(ToolTest, FindsNames) {
   EXPECT_EQ("folder  " + At("tree/a/deep\n"), Described(Deep));
   EXPECT_EQ("folder  " + At("tree\n"), Described(Events("1 --parents --last 1")[0]["parent"]));
   EXPECT_EQ("0x0000000000000002  file    h\n0x0100000100009999  not found\n", Run("name 2 100000100009999", 1));
+}
+
+TEST_F(ToolTest, FindsWhatOldSegmentsHoldAndMakesNothing) {
+  Record("1 --segment-events 1", {"old", "both"});
+  Run("record --db 1 --segment-events 1", 0,
+      "{'name':'both','type':'name'}\n{'name':'C:\\\\Dir\\\\f'}\n{'name':'HKLM\\\\Key','type':'key'}");
+  EXPECT_EQ("0x0100000100000001\n0x0100000300000001\n", Run("find --db 1 --type name old both"));
+  const std::string File = Find("1 c:\\DIR\\F");
+  EXPECT_EQ("file    C:\\Dir\\f\n", Described(File));
+  EXPECT_EQ(File + '\n', Run("find --db 1 f --parent " + Find("1 --type folder C:\\Dir")));
+  EXPECT_EQ("not found\n", Run("find --db 1 --type key HKLM\\KEY\\x", 1));
+  fs::remove(Folder() / "store/01/00000004_objbt.dat");  // which nobody asks
+  EXPECT_EQ(File + "\nnot found\n", Run("find --db 1 C:\\Dir\\f D:\\none", 1));
+  EXPECT_FALSE(fs::exists(Folder() / "store/01/00000004_objbt.dat"));
+  EXPECT_THAT(Run("objects"), ::testing::Not(HasSubstr("D:")));
+  fs::remove(Folder() / "store/01/00000002_objid.dat");
+  EXPECT_EQ("0x0100000100000001\n", Run("find --db 1 --type name old", 3));
+  EXPECT_THAT(Errors(), HasSubstr("damaged 01/00000002_objid.dat: it is missing\n"));
+  Fails("find --db 1 //", "errUNSPECIFIED");
+}
+
+TEST_F(ToolTest, FindsWhatTheComponentFinds) {
+  const std::string kNames[] = {"C:\\a\\\xC3\x84.txt",  "/a/b",    "/a\\b", "\\\\?\\D:\\e",
+                                "\\\\server\\share\\f", "plain/g", "/"};
+  for (const std::string& Name : kNames) Run("find --db 1 --create '" + Name + '\'');
+  const std::string Drive = Find("1 D:");
+  Run("link " + Drive + ' ' + Find("1 --type folder C:\\a"));  // what is below D: is below C:\a from now on
+  for (const std::string Name :
+       {"C:\\A\\\xC3\xA4.TXT", "/a/b", "/A/b", "/a\\b", "D:\\e", "D:\\\xC3\xA4.txt", "D:", "\\\\SERVER\\share/f",
+        "\\\\server\\share\\f", "plain\\g", "plain/g", "/", "\\\\", "h", "System"}) {
+    for (const Arguments& Type : {Arguments{"1", "file"}, {"0", "file"}, {"1", "folder"}, {"1", "20"}}) {
+      const auto Ask = [&](const char* pTraceLevel) {  // from 1 on the component is asked
+        const int nStatus = RunIn(Folder(), {LUMBRA_TOOL, "--store", "store", "--host", "h", "--trace", pTraceLevel,
+                                             "find", "--db", Type[0], "--type", Type[1], Name});
+        return std::to_string(nStatus) + ' ' + ReadText("out");
+      };
+      const std::string kExpected = Ask("1");  // first: it makes roots
+      EXPECT_EQ(kExpected, Ask("0")) << Name << ' ' << Type[0] << ' ' << Type[1];
+    }
+  }
+}
+
+TEST_F(ToolTest, ListsObjects) {
+  Run("record --db 1", 0, "{'name':'C:\\\\Dir\\\\f'}\n{'name':'D:\\\\f'}\n{'name':'/x\\u001b'}");
+  const std::string Id = Find("1 C:\\Dir\\f");
+  Run("data set " + Id + " 0x10", 0, "12345");
+  EXPECT_EQ("0x0100000100000002  folder  0x01  C:\\Dir\n" + Id + "  file    0x01  C:\\Dir\\f\n",
+            Run("objects --db 1 --under c:\\dir\\"));
+  const std::string Tree = Run("objects --db 1 --tree --data");
+  EXPECT_THAT(Tree, StartsWith("0x0100000100000001  20      0x01  C:\n0x0100000100000002  folder  0x01    Dir\n"));
+  EXPECT_THAT(Tree, HasSubstr("0x01      f\n" + std::string(38, ' ') + "0x00000010  5 bytes\n"));
+  EXPECT_THAT(Tree, EndsWith("\"/x\\x1b\"\n"));
+  const std::string Line = Run("objects --json --data --under C:\\Dir\\f");
+  EXPECT_EQ(R"({"id":")" + Id + R"(","type":1,"flags":1,"parent":"0x0100000100000002","name":"C:\\Dir\\f",)" +
+                R"("data":[{"key":16,"size":5}]})" + '\n',
+            Line);
 }
 
 TEST_F(ToolTest, LinksObjects) {
@@ -168,15 +268,18 @@ TEST_F(ToolTest, CompactTellsWhatItLeavesOut) {
   EXPECT_NE(kLive, ReadFile("store/g_objdt.dat"));
 }
 
-TEST_F(ToolTest, SaysByItsStatusThatItHealed) {
-  Record("1", {"a"});
+TEST_F(ToolTest, SaysByItsStatusWhatIsDamaged) {
+  Record("1 --check-mode", {"a"});
   const std::string Id = Find("1 --type name a");
   Run("data set " + Id + " 1");
-  for (const std::string& Reads : {std::string("find --db 1 --type name a"), "name " + Id, "data get " + Id + " 1"}) {
-    Patch("store/01/segments.dat", 4, {9});
-    Run(Reads, 3);
-    Run(Reads);
-  }
+  const Bytes kWhole = ReadFile("store/01/00000001_objdt.dat");
+  Patch("store/01/00000001_objdt.dat", 4, {'?'});
+  Run("name " + Id, 3);
+  EXPECT_THAT(Errors(), HasSubstr("errDATA_CORRUPTED"));
+  EXPECT_EQ(Id + '\n', Run("find --db 1 --type name a", 3));
+  EXPECT_THAT(Run("objects --db 1", 3), EndsWith("(its name cannot be read)\n"));
+  Patch("store/01/00000001_objdt.dat", kWhole.size() - 1, {'?'});
+  EXPECT_EQ("", Run("data get " + Id + " 1", 3));
 }
 
 TEST_F(ToolTest, RepairsAndTakesItBack) {
@@ -210,7 +313,7 @@ TEST_F(ToolTest, SaysWhatItLeavesDamaged) {
   Record("1", {"a"});
   WriteFile("store/g_objdtcompacted.dat", {});
   EXPECT_THAT(Run("check", 3), StartsWith("- g_objdtcompacted.dat: half a pair of compaction"));
-  Run("events --db 1", 3);
+  Run("record --db 1");
   EXPECT_THAT(Errors(), StartsWith("lumbra: damaged g_objdtcompacted.dat: half a pair of compaction"));
 }
 
@@ -237,7 +340,7 @@ TEST_F(ToolTest, BeginsSharedObjectsAnewWhereItIsToldTo) {
   Record("1", {"a"});
   fs::remove(Folder() / "store/g_objid.dat");
   Fails("repair --yes", "");
-  Fails("events --db 1", "g_objid.dat: it is missing beside the names of g_objdt.dat");
+  Fails("record --db 1", "g_objid.dat: it is missing beside the names of g_objdt.dat");
   Run("repair --start-empty --yes", 3);
   EXPECT_EQ(json({"a"}), Names("1"));
 }
@@ -292,6 +395,20 @@ TEST_F(ToolTest, SaysThatANameIsUsedUp) {
   Fails("record --db x.schema", "a new database cannot have this name");
 }
 
+TEST_F(ToolTest, SaysWhatMayHaveBeenMistyped) {
+  for (const auto& [Typed, Meant] :
+       {std::pair("evnets --db 1", "evnets; did you mean events?"), std::pair("obj", "obj; did you mean objects?"),
+        std::pair("data ste 1 1", "ste; did you mean set?"), std::pair("frob", "frob")}) {
+    Run(Typed, 2);
+    EXPECT_THAT(Errors(), StartsWith(std::string("lumbra: unknown command ") + Meant + '\n'));
+  }
+  Run("record --db 1", 0, "{'name':'a','tiem':1}\n{'name':'b','tiem':2,'\\u001b':3}");
+  EXPECT_EQ(
+      "lumbra: made database 1\nline 1: no event has a field tiem; it is left out wherever it stands\n"
+      "line 2: no event has a field \"\\x1b\"; it is left out wherever it stands\n",
+      Errors());
+}
+
 TEST_F(ToolTest, RefusesWrongUsage) {
   for (const char* const pUsage :
        {"", "frob", "events", "events --db 0", "events --db ..", "events --db 2f", "events --db 1 --from xyz",
@@ -312,7 +429,8 @@ TEST_F(ToolTest, SaysWhatIsNotThere) {
 TEST_F(ToolTest, SaysThatAnotherProcessHoldsTheStore) {
   Run("record --db 1");
   const auto pHeld = OpenFile(u"store/g_objid.dat");
-  Fails("info", "errSHARING_VIOLATION (0x80010104): another process holds the store");
+  for (const char* const pCommand : {"record --db 1", "clear --db 1 --yes --wait 1"})
+    Fails(pCommand, "errSHARING_VIOLATION (0x80010104): another process holds the store");
 }
 
 TEST_F(ToolTest, OpensNoDatabaseThatWouldStartAnew) {

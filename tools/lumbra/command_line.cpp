@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "commands.h"
+#include "event_time.h"
 #include "failure.h"
 #include "host/printed_text.h"
 #include "ids.h"
@@ -162,6 +163,144 @@ Command<Options> AddCommand(CLI::App* pParent, Request* pRequest, const char* pN
   return {pApp, pOptions.get()};
 }
 
+// ---- lumbra events ----------------------------------------------------------------------------------------
+
+std::optional<std::uint64_t> LinesOrReason(const std::string& Text, std::string* pReason) {
+  *pReason = "a whole number from 0 on, or all";
+  return Text == "all" ? UINT64_MAX : ParseNumber(Text, UINT64_MAX);
+}
+
+std::optional<std::uint64_t> KindOrReason(const std::string& Text, std::string* pReason) {
+  constexpr std::string_view kNames[] = {"file", "folder", "link", "other"};
+  *pReason = "a kind is file, folder, link, other or a whole number";
+  for (std::size_t i = 0; i < std::size(kNames); ++i) {
+    if (kNames[i] == Text) return i + 1;
+  }
+  return ParseNumber(Text, UINT64_MAX);
+}
+
+std::optional<std::string> MomentOrReason(const std::string& Text, std::string* pReason) {
+  *pReason = "a time is like 2026-11-25T18:17:00Z, 2026-11-25 18:17, 2026-11-25, 18:17, today, yesterday or -2h";
+  return ParseMoment(Text, Zone::Utc) ? std::optional(Text) : std::nullopt;
+}
+
+// An option whose text is one of a few words.
+template <class Value>
+CLI::Option* AddChoice(CLI::App* pCommand, const std::string& Name, Value* pValue, const std::string& Description,
+                       const std::vector<std::pair<std::string, Value>>& Choices) {
+  std::string Words;
+  for (const auto& [Word, Meaning] : Choices) Words += (Words.empty() ? "" : "|") + Word;
+  const auto Parse = [Choices, Words](const std::string& Text, std::string* pReason) -> std::optional<Value> {
+    *pReason = "one of " + Words;
+    for (const auto& [Word, Meaning] : Choices) {
+      if (Word == Text) return Meaning;
+    }
+    return {};
+  };
+  return AddParsed(pCommand, Name, pValue, Description, Parse)->type_name(Words);
+}
+
+// One that may be given several times.
+template <class Value, class ParseText>
+void AddRepeated(CLI::App* pCommand, const std::string& Name, std::vector<Value>* pValues,
+                 const std::string& Description, const std::string& TypeName, ParseText Parse) {
+  const auto Take = [=](const std::vector<std::string>& Texts) {
+    for (const std::string& Text : Texts) {
+      std::string Reason;
+      const std::optional<Value> Parsed = Parse(Text, &Reason);
+      if (!Parsed) throw CLI::ValidationError(Name, Reason);
+      pValues->push_back(*Parsed);
+    }
+  };
+  pCommand->add_option_function<std::vector<std::string>>(Name, Take, Description)
+      ->type_name(TypeName)
+      ->allow_extra_args(false)
+      ->group("Filters");
+}
+
+void AddFilters(CLI::App* pEvents, EventFilterOptions* pFilter) {
+  const auto AnyText = [](const std::string& Text, std::string* pReason) {
+    *pReason = "must not be empty";
+    return Text.empty() ? std::nullopt : std::optional(Text);
+  };
+  const auto AddMoment = [&](const char* pName, std::string* pMoment, const char* pDescription) {
+    AddParsed(pEvents, pName, pMoment, pDescription, MomentOrReason)->type_name("TIME")->group("Filters");
+  };
+  AddMoment("-S,--since", &pFilter->Since, "Of this time or later; local where no zone is given");
+  AddMoment("-U,--until", &pFilter->Until, "Of this time or earlier");
+  AddRepeated(pEvents, "--kind", &pFilter->Kinds, "Of one of these kinds: file, folder, link, other or a number", "K",
+              KindOrReason);
+  AddRepeated(pEvents, "--not-kind", &pFilter->NotKinds, "Of none of these", "K", KindOrReason);
+  AddRepeated(pEvents, "--name", &pFilter->Names,
+              "About a name like one of these: * and ? and [...], the last part of a path alone without a separator",
+              "GLOB", AnyText);
+  AddRepeated(pEvents, "--not-name", &pFilter->NotNames, "About no name like one of these", "GLOB", AnyText);
+  AddParsed(pEvents, "--under", &pFilter->Under, "About this path or what is below it", AnyText)
+      ->type_name("PATH")
+      ->group("Filters");
+  AddParsed(pEvents, "--object", &pFilter->Object, "About this object", ObjectOrReason)
+      ->type_name("ID")
+      ->group("Filters");
+}
+
+void AddEventOutput(CLI::App* pEvents, EventsOptions* pWith) {
+  CLI::Option* const pOutput =
+      AddChoice<OutputForm>(pEvents, "-o,--output", &pWith->Form, "How they are written (default: table)",
+                            {{"table", OutputForm::Table}, {"json", OutputForm::Json}, {"csv", OutputForm::Csv}});
+  const auto AsJson = [pWith](std::int64_t) {
+    pWith->Form = OutputForm::Json;
+  };
+  pEvents->add_flag("--json", AsJson, "One JSON object a line")->excludes(pOutput);
+  pEvents->add_option("--fields", pWith->Fields, "These fields in this order: id, type, name, parent or of the schema")
+      ->delimiter(',')
+      ->allow_extra_args(false)
+      ->type_name("A,B");
+  const auto ReadSchema = [](const std::string& Text, std::string* pReason) {
+    return ParseSchema(Text, pReason);
+  };
+  AddParsed(pEvents, "--schema", &pWith->Layout, "What the bytes of an event mean: NAME:TYPE,...", ReadSchema)
+      ->type_name("SCHEMA");
+  pEvents->add_flag("--parents", pWith->bParents, "Also the parent of each event's object");
+  pEvents->add_flag("--numbers", pWith->bNumbers, "Times as nanoseconds since 1970, ids and kinds as numbers");
+  pEvents->add_flag("--utc", pWith->bUtc, "Take and write times in UTC where they bear no zone");
+  pEvents->add_flag("--count-only", pWith->bCountOnly, "Only how many there are")
+      ->excludes(pEvents->get_option("--follow"));
+  pEvents->add_flag("-q,--quiet", pWith->bQuiet, "Say nothing of gaps");
+}
+
+void AddEvents(CLI::App* pApp, Request* pRequest) {
+  const auto [pEvents, pWith] = AddCommand(pApp, pRequest, "events", "Show events, oldest to newest", Events);
+  AddDatabase(pEvents, &pWith->Database);
+  CLI::Option* const pLast =
+      AddParsed(pEvents, "-n,--lines,--last", &pWith->Lines, "The newest N events, or all", LinesOrReason);
+  pLast->type_name("N");
+  CLI::Option* const pFrom = AddParsed(pEvents, "--from", &pWith->From, "Events from this id on", IdOrReason);
+  pFrom->type_name("ID")->excludes(pLast);
+  AddParsed(pEvents, "--count", &pWith->Count, "At most N events", CountOrReason)->type_name("N");
+  pEvents->add_flag("--just-one", pWith->bJustOne, "One event; none is a failure");
+  CLI::Option* const pReverse = pEvents->add_flag("-r,--reverse", pWith->bReverse, "Newest to oldest");
+  CLI::Option* const pFollow =
+      pEvents->add_flag("-f,--follow", pWith->bFollow, "The newest 10, and then what comes, until Ctrl-C");
+  pFollow->excludes(pReverse);
+
+  CLI::Option* const pAt = pEvents->add_option("--cursor", pWith->Cursor, "From the event that a cursor was behind on");
+  CLI::Option* const pAfter = pEvents->add_option("--after-cursor", pWith->AfterCursor, "From where a cursor is on");
+  CLI::Option* const pFile = pEvents->add_option(
+      "--cursor-file", pWith->CursorFile, "Go on where this file says, if it is there, and keep there how far it came");
+  for (CLI::Option* const pCursor : {pAt, pAfter}) pCursor->type_name("CURSOR")->excludes(pFrom)->excludes(pLast);
+  pFile->type_name("FILE")->excludes(pAt)->excludes(pAfter)->excludes(pFrom)->check(NotEmpty());
+  pAt->excludes(pAfter);
+  CLI::Option* const pShow =
+      pEvents->add_flag("--show-cursor", pWith->bShowCursor, "A cursor with each line of JSON or CSV, or at the end");
+  for (CLI::Option* const pCursor : {pAt, pAfter, pFile, pShow}) pCursor->excludes(pReverse);
+  AddChoice<OnGap>(pEvents, "--on-gap", &pWith->IfGone, "Where a cursor's event is gone (default: earliest)",
+                   {{"error", OnGap::Error}, {"earliest", OnGap::Earliest}, {"latest", OnGap::Latest}});
+  AddFilters(pEvents, &pWith->Filter);
+  AddEventOutput(pEvents, pWith);
+}
+
+// ---- All of them ------------------------------------------------------------------------------------------
+
 void AddEventCommands(CLI::App* pApp, Request* pRequest) {
   const auto [pScan, pScanWith] =
       AddCommand(pApp, pRequest, "scan", "Record an event for each entry of real folders", Scan);
@@ -174,16 +313,16 @@ void AddEventCommands(CLI::App* pApp, Request* pRequest) {
   pRecord->add_option("FILE", pRecordWith->File, "Where the lines are (default: standard input)");
   AddLimits(pRecord, &pRecordWith->Limits);
 
-  const auto [pEvents, pEventsWith] = AddCommand(pApp, pRequest, "events", "Show events, oldest to newest", Events);
-  AddDatabase(pEvents, &pEventsWith->Database);
-  CLI::Option* const pLast = AddParsed(pEvents, "--last", &pEventsWith->Last, "The newest N events", CountOrReason);
-  pLast->type_name("N");
-  AddParsed(pEvents, "--from", &pEventsWith->From, "Events from this id on", IdOrReason)
-      ->type_name("ID")
-      ->excludes(pLast);
-  AddParsed(pEvents, "--count", &pEventsWith->Count, "At most N events", CountOrReason)->type_name("N");
-  pEvents->add_flag("--parents", pEventsWith->bParents, "Also the parent of each event's object");
-  pEvents->add_flag("--json", pEventsWith->bJson, "One JSON object a line");
+  AddEvents(pApp, pRequest);
+
+  const auto [pSchema, pSchemaWith] =
+      AddCommand(pApp, pRequest, "schema", "Show or keep what the bytes of a database's events mean", ShowOrKeepSchema);
+  AddDatabase(pSchema, &pSchemaWith->Database);
+  AddParsed(pSchema, "SCHEMA", &pSchemaWith->Text, "NAME:TYPE,... to be kept",
+            [](const std::string& Text, std::string* pReason) {
+              return ParseSchema(Text, pReason) ? std::optional(Text) : std::nullopt;
+            })
+      ->type_name("");
 }
 
 void AddObjectCommands(CLI::App* pApp, Request* pRequest) {

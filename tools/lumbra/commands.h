@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "schema.h"
 #include "session.h"
 
 namespace lumbra::tool {
@@ -15,6 +16,8 @@ inline constexpr int kExitFailed = 1;
 inline constexpr int kExitUsage = 2;
 inline constexpr int kExitIncomplete = 3;  // it was read, and something was damaged or missing
 inline constexpr int kExitUnsettled = 4;   // it still contradicts itself, and somebody has the store
+inline constexpr int kExitCursorInvalid = 10;
+inline constexpr int kExitCursorGone = 12;  // what it points to was dropped or cleared
 inline constexpr int kExitInterrupted = 130;
 
 // ---- Events -----------------------------------------------------------------------------------------------
@@ -33,15 +36,58 @@ struct RecordOptions {
 };
 int Record(const CommonOptions& Common, const RecordOptions& Options);
 
+enum class OutputForm { Table, Json, Csv };
+enum class OnGap { Error, Earliest, Latest };
+
+// What an event must be to be shown.
+struct EventFilterOptions {
+  std::vector<std::uint64_t> Kinds;  // empty: any
+  std::vector<std::uint64_t> NotKinds;
+  std::optional<std::uint64_t> Object;
+  std::string Since;  // moments; empty: any
+  std::string Until;
+  std::vector<std::string> Names;  // patterns
+  std::vector<std::string> NotNames;
+  std::string Under;  // empty: any path
+
+  bool operator==(const EventFilterOptions&) const = default;
+};
+
 struct EventsOptions {
   DatabaseName Database;
-  std::optional<std::uint64_t> Last;
-  std::optional<std::uint64_t> From;  // an event id
+  // Where to begin, and where to end.
+  std::optional<std::uint64_t> Lines;  // the newest
+  std::optional<std::uint64_t> From;   // an event id
   std::optional<std::uint64_t> Count;
+  bool bReverse = false;
+  bool bFollow = false;
+  bool bJustOne = false;
+  std::string Cursor;       // from the event on that was looked at last
+  std::string AfterCursor;  // from the next one on
+  std::string CursorFile;
+  OnGap IfGone = OnGap::Earliest;
+  EventFilterOptions Filter;
+  // How they are shown.
+  OutputForm Form = OutputForm::Table;
+  std::vector<std::string> Fields;  // empty: the usual ones
+  std::optional<Schema> Layout;
   bool bParents = false;
-  bool bJson = false;
+  bool bShowCursor = false;
+  bool bNumbers = false;
+  bool bUtc = false;
+  bool bQuiet = false;
+  bool bCountOnly = false;
 };
 int Events(const CommonOptions& Common, const EventsOptions& Options);
+
+// With a module or a trace, for which there are the options of old: the newest, from, count, parents, table or JSON.
+int EventsThroughComponent(const CommonOptions& Common, const EventsOptions& Options);
+
+struct SchemaOptions {
+  DatabaseName Database;
+  std::optional<std::string> Text;  // to be kept
+};
+int ShowOrKeepSchema(const CommonOptions& Common, const SchemaOptions& Options);
 
 // ---- Objects ----------------------------------------------------------------------------------------------
 

@@ -21,4 +21,12 @@ std::string DescribeTime(std::uint64_t nFileTime);
 // "2026-11-24T13:34:00Z", with a fraction, or with an offset; nothing for any other text.
 std::optional<std::uint64_t> ParseTime(const std::string& Text);
 
+// What people say of times, too: "2026-11-25 18:17", with or without seconds or the time of day, "18:17", "now",
+// "today", "yesterday", "tomorrow", "-2h" and the like (s, m, h, d, w). What bears no zone is in the machine's.
+enum class Zone { Utc, Local };
+std::optional<std::uint64_t> ParseMoment(const std::string& Text, Zone In);
+
+// Seconds by which the machine's time is ahead of UTC then, in seconds since 1970.
+std::int64_t LocalOffset(std::int64_t nSeconds);
+
 }  // namespace lumbra::tool

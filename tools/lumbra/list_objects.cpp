@@ -109,6 +109,8 @@ class Lister {
   void ListStores(std::vector<OpenObjects> Stores) {
     for (OpenObjects& One : Stores) {
       if (!m_Stores.Open(&One)) continue;
+      m_Paths.Keep(One.Life);
+      if (One.pObjects->IsDeleted()) continue;  // and names may not be found any more
       m_pOpen = &One;
       m_nUnreadable = 0;
       m_Options.bTree ? ListAsTree() : ListInOrder();

@@ -57,6 +57,10 @@ std::uint32_t OwnProcess();
 // Whether somebody looks at what is written to stderr.
 bool ErrorsGoToTerminal();
 
+// Whether standard output is a plain file; and what was written to it, brought to the disk as far as that can be done.
+bool OutputIsFile();
+void SyncOutput();
+
 // From the call on, a write that meets a limit on file sizes fails like one to a full disk.
 void LetLimitsFailWrites();
 

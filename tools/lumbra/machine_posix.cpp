@@ -113,6 +113,15 @@ bool ErrorsGoToTerminal() {
   return isatty(STDERR_FILENO) != 0;
 }
 
+bool OutputIsFile() {
+  struct stat Status {};
+  return fstat(STDOUT_FILENO, &Status) == 0 && S_ISREG(Status.st_mode);
+}
+
+void SyncOutput() {
+  (void)fdatasync(STDOUT_FILENO);  // a pipe or a terminal cannot be
+}
+
 void LetLimitsFailWrites() {
   signal(SIGXFSZ, SIG_IGN);
 }

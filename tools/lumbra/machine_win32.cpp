@@ -166,6 +166,14 @@ bool ErrorsGoToTerminal() {
   return GetConsoleMode(Terminal, &nMode) && SetConsoleMode(Terminal, nMode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
 }
 
+bool OutputIsFile() {
+  return GetFileType(GetStdHandle(STD_OUTPUT_HANDLE)) == FILE_TYPE_DISK;
+}
+
+void SyncOutput() {
+  FlushFileBuffers(GetStdHandle(STD_OUTPUT_HANDLE));  // a pipe or a terminal cannot be
+}
+
 // There are none.
 void LetLimitsFailWrites() {}
 

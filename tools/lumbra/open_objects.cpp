@@ -4,6 +4,7 @@
 #include "host/text.h"
 #include "ids.h"
 #include "inspect/find_names.h"
+#include "inspect/heads.h"
 #include "inspect/horizon.h"
 #include "machine.h"
 
@@ -30,9 +31,12 @@ std::vector<OpenObjects> ObjectStores::List(const inspect::Database& Database) {
   Check(inspect::TakeHorizon(m_Store, Database, m_pFindings->Teller(), &At), What);
   std::vector<OpenObjects> Stores;
   for (auto One = At.Segments.rbegin(); One != At.Segments.rend(); ++One) {
-    Stores.push_back({WithDatabase(std::uint64_t{One->nNumber} << 32, *Database.Id),
-                      {*Database.Id, One->nNumber, One->nIdsBirth},
-                      nullptr});
+    OpenObjects& Added = Stores.emplace_back();
+    Added.nBase = WithDatabase(std::uint64_t{One->nNumber} << 32, *Database.Id);
+    Added.Life = {.nDatabase = *Database.Id, .nSegment = One->nNumber, .nIdsBirth = One->nIdsBirth};
+    Added.Seen.nEventSize = At.nEventSize;
+    Added.Seen.nFirst = At.nFirst;
+    Added.Seen.Segments = {*One};
   }
   return Stores;
 }
@@ -44,14 +48,15 @@ OpenObjects ObjectStores::StoreOf(std::uint64_t nId) {
     throw Failure("open the database of " + FormatId(nId), errOBJECT_NOT_FOUND,
                   "there is no database " + std::to_string(nDatabase) + " in this store");
   }
-  return {nId & ~std::uint64_t{UINT32_MAX}, {nDatabase, SegmentOfId(nId), 0}, nullptr};
+  return {nId & ~std::uint64_t{UINT32_MAX}, {.nDatabase = nDatabase, .nSegment = SegmentOfId(nId)}, {}, nullptr};
 }
 
 bool ObjectStores::Open(OpenObjects* pWhich) {
   os::FolderHandle pFolder = m_Store.Folder();
   const std::uint32_t nSegment = pWhich->Life.nSegment;
+  std::optional<inspect::Database> In;
   if (nSegment != 0) {
-    const std::optional<inspect::Database> In = m_Store.Find(pWhich->Life.nDatabase);
+    In = m_Store.Find(pWhich->Life.nDatabase);
     if (!In || m_Store.OpenFolder(*In, &pFolder) != os::kSuccess) return false;
   }
   pWhich->pObjects = std::make_unique<inspect::Objects>(
@@ -60,7 +65,11 @@ bool ObjectStores::Open(OpenObjects* pWhich) {
   const inspect::Answer Opened = pWhich->pObjects->Open(pWhich->Life.nIdsBirth);
   if (Opened == inspect::Answer::Read) return true;
   pWhich->pObjects.reset();
-  if (Opened == inspect::Answer::Missing) return false;  // it was dropped meanwhile, or the heads tell
+  if (Opened == inspect::Answer::Missing) {  // it was dropped meanwhile, or is lost
+    if (In) inspect::CheckHeads(m_Store, *In, pWhich->Seen, m_pFindings->Teller());
+    if (!In) inspect::CheckSharedHeads(m_Store, m_pFindings->Teller());
+    return false;
+  }
   m_pFindings->NoteMissing();
   ReportFailure(Failure("open the objects of " + DescribeStoreOf(pWhich->nBase),
                         Opened == inspect::Answer::Unreadable ? errOPEN_FAILED : errDATA_CORRUPTED));

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "inspect/horizon.h"
 #include "inspect/objects.h"
 #include "inspect/paths.h"
 #include "inspect/store.h"
@@ -18,7 +19,8 @@ namespace lumbra::tool {
 // An object store that is open. Its objects have ids from nBase + 1 on.
 struct OpenObjects {
   std::uint64_t nBase = 0;
-  inspect::SegmentLife Life;
+  inspect::ObjectsOrigin Life;
+  inspect::Horizon Seen;  // of that segment alone, where it was listed
   std::unique_ptr<inspect::Objects> pObjects;
 };
 

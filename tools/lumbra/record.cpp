@@ -2,12 +2,14 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <set>
 
 #include "commands.h"
 #include "failure.h"
 #include "machine.h"
+#include "progress.h"
 #include "record_line.h"
 #include "recorder.h"
 
@@ -23,6 +25,9 @@ class LineReader {
     if (m_pFile == nullptr)
       throw Failure("read " + Printable(Path), errno == ENOENT ? errFILE_NOT_FOUND : errACCESS_DENIED,
                     std::strerror(errno));
+    std::error_code Unknown;  // as for what is no file
+    if (!Path.empty()) m_nTotal = std::filesystem::file_size(PathOf(Path), Unknown);
+    if (Unknown) m_nTotal = 0;
   }
   ~LineReader() {
     if (m_pFile != stdin) std::fclose(m_pFile);
@@ -41,15 +46,22 @@ class LineReader {
       if (pLine->size() <= kMaxLine) *pLine += static_cast<char>(c);
     }
     SayInputIsRead(false);
+    m_nRead += pLine->size() + 1;
     const bool bFailed = c == EOF && std::ferror(m_pFile) != 0;
     if (Interrupted() || (bFailed && errno == EINTR)) return false;
     if (bFailed) throw Failure("read " + m_Name, errREAD_FAILED, std::strerror(errno));
     return c != EOF || !pLine->empty();
   }
 
+  // Bytes that were read, and all of them; 0 when that is not known.
+  std::uint64_t Read() const { return m_nRead; }
+  std::uint64_t Total() const { return m_nTotal; }
+
  private:
   std::string m_Name;
   std::FILE* m_pFile;
+  std::uint64_t m_nRead = 0;
+  std::uint64_t m_nTotal = 0;
 };
 
 // Tells once of each field of lines that means nothing here: a mistyped one would be left out unnoticed.
@@ -83,6 +95,7 @@ int Record(const CommonOptions& Common, const RecordOptions& Options) {
   Recorder Records(&Store, nDatabase);
   UnknownFields Unknown;
   bool bAllGood = true;
+  Progress Shown("events");
   try {
     std::string Text;
     for (std::uint64_t nLine = 1; Lines.Next(&Text); ++nLine) {
@@ -93,17 +106,21 @@ int Record(const CommonOptions& Common, const RecordOptions& Options) {
         Unknown.Tell(nLine, Parsed.Unknown);
         std::string Reason;
         if (!Records.Record(Parsed.Recorded, Parsed.nType, Parsed.Name, &Reason)) throw BadLine(Reason);
+        Shown.Tell(Records.Count(), Lines.Read(), Lines.Total());
       } catch (const BadLine& Bad) {
+        Shown.End();
         std::fprintf(stderr, "line %llu: %s\n", static_cast<unsigned long long>(nLine),
                      host::PrintableSentence(Bad.what()).c_str());
         bAllGood = false;
       }
     }
   } catch (...) {
+    Shown.End();
     Records.PrintSummary();
     Store.TryToFlush();
     throw;
   }
+  Shown.End();
   Records.PrintSummary();
   Store.Flush();
   if (Interrupted()) return kExitInterrupted;

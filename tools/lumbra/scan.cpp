@@ -6,6 +6,7 @@
 #include "commands.h"
 #include "failure.h"
 #include "machine.h"
+#include "progress.h"
 #include "recorder.h"
 
 namespace lumbra::tool {
@@ -15,7 +16,7 @@ namespace fs = std::filesystem;
 
 class Scanner {
  public:
-  explicit Scanner(Recorder* pRecorder) : m_pRecorder(pRecorder), m_bShowsProgress(ErrorsGoToTerminal()) {}
+  explicit Scanner(Recorder* pRecorder) : m_pRecorder(pRecorder) {}
 
   // Walks an entry and what is below it, in the order of names. Links are not followed.
   void Walk(const fs::path& Top) {
@@ -36,9 +37,7 @@ class Scanner {
 
   std::uint64_t Unreadable() const { return m_nUnreadable; }
 
-  void EndProgress() const {
-    if (m_bShowsProgress) std::fputs("\r\033[K", stderr);
-  }
+  void EndProgress() { m_Progress.End(); }
 
  private:
   void ListInOrder(std::vector<fs::path>* pPending, const fs::path& Folder) {
@@ -55,9 +54,7 @@ class Scanner {
     const Event Recorded{Found.nModified, 0, Found.nSize, static_cast<std::uint32_t>(Found.Kind), 0};
     std::string Reason;
     if (!m_pRecorder->Record(Recorded, nType, Name, &Reason)) Report(Path, Reason);
-    if (m_bShowsProgress && m_pRecorder->Count() % 1000 == 0) {
-      std::fprintf(stderr, "\r%llu events", static_cast<unsigned long long>(m_pRecorder->Count()));
-    }
+    m_Progress.Tell(m_pRecorder->Count());
   }
 
   void Report(const fs::path& Path, const std::string& Reason) {
@@ -65,13 +62,13 @@ class Scanner {
     Warn(Path, Reason);
   }
 
-  void Warn(const fs::path& Path, const std::string& Reason) const {
+  void Warn(const fs::path& Path, const std::string& Reason) {
     EndProgress();
     std::fprintf(stderr, "lumbra: %s: %s\n", Printable(TextOf(Path)).c_str(), host::PrintableSentence(Reason).c_str());
   }
 
   Recorder* m_pRecorder;
-  bool m_bShowsProgress;
+  Progress m_Progress{"events"};
   std::uint64_t m_nUnreadable = 0;
 };
 
