@@ -2,7 +2,6 @@
 #include <cstring>
 #include <optional>
 
-#include "format/event_file.h"
 #include "format/file_names.h"
 #include "format/record_file.h"
 #include "format/segments_file.h"

@@ -1,16 +1,15 @@
 // lumbra verify: reads everything of a store, and says what contradicts the format or itself.
-#include <chrono>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
 #include "commands.h"
-#include "event_time.h"
 #include "failure.h"
-#include "format/event_file.h"
 #include "host/text.h"
 #include "inspect/verify.h"
 #include "machine.h"
+#include "progress.h"
 #include "reading.h"
+#include "schema.h"
 
 namespace lumbra::tool {
 namespace {
@@ -69,42 +68,18 @@ void PrintTotals(const inspect::Verified& Totals) {
                   .c_str());
 }
 
-// On a terminal, how far it has come.
-class Ticker {
- public:
-  ~Ticker() {
-    if (m_bShown) std::fputs("\r\x1B[K", stderr);
+// Where the events of a database hold ids, as its schema says. One that does not fit is told, and goes without.
+std::vector<std::uint32_t> IdFieldsOf(const inspect::Store& Store, const inspect::Database& Of,
+                                      std::uint32_t nEventSize) {
+  std::vector<std::uint32_t> Places;
+  try {
+    for (const Field& One : SchemaOf(Store, Of, {}, nEventSize).Fields) {
+      if (One.Type == FieldType::Id) Places.push_back(One.nOffset);
+    }
+  } catch (const Failure& Reason) {
+    ReportFailure(Reason);
   }
-
-  void Tell(std::uint64_t nDone, std::uint64_t nTotal) {
-    const auto Now = std::chrono::steady_clock::now();
-    if (!m_bTerminal || Now - m_Last < std::chrono::milliseconds(200)) return;
-    m_Last = Now;
-    const double nSeconds = std::chrono::duration<double>(Now - m_Start).count();
-    if (nDone == 0 || nSeconds < 0.5) return;
-    const double nRate = static_cast<double>(nDone) / nSeconds;
-    m_bShown = true;
-    std::fprintf(stderr, "\r\x1B[K%.0f of %.0f MB, %.0f MB/s, %.0f s left", static_cast<double>(nDone) / 1e6,
-                 static_cast<double>(nTotal) / 1e6, nRate / 1e6, static_cast<double>(nTotal - nDone) / nRate);
-    std::fflush(stderr);
-  }
-
-  void MakeRoom() {
-    if (m_bShown) std::fputs("\r\x1B[K", stderr);
-    m_bShown = false;
-  }
-
- private:
-  const bool m_bTerminal = ErrorsGoToTerminal();
-  const std::chrono::steady_clock::time_point m_Start = std::chrono::steady_clock::now();
-  std::chrono::steady_clock::time_point m_Last;
-  bool m_bShown = false;
-};
-
-// The tool's own events hold the id of an object at one place.
-std::vector<std::uint32_t> IdFieldsOf(const inspect::Database& /*Of*/, std::uint32_t nEventSize) {
-  if (nEventSize != sizeof(Event)) return {};
-  return {kObjectIdInEvent};
+  return Places;
 }
 
 int StatusOf(const inspect::Verified& Totals) {
@@ -119,10 +94,12 @@ int Verify(const CommonOptions& Common, const VerifyOptions& Options) {
   const std::unique_ptr<inspect::Store> pStore = OpenToRead(Common);
   inspect::VerifyRequest Request;
   if (Options.Database) Request.Only = Require(*pStore, *Options.Database);
-  Request.IdFields = IdFieldsOf;
-  Ticker Shown;
+  Request.IdFields = [&pStore](const inspect::Database& Of, std::uint32_t nEventSize) {
+    return IdFieldsOf(*pStore, Of, nEventSize);
+  };
+  Progress Shown("bytes");
   const auto Tell = [&](const Finding& Found) {
-    Shown.MakeRoom();
+    Shown.End();
     if (Options.bJson) {
       PrintFindingAsJson(Found);
     } else {
@@ -130,13 +107,13 @@ int Verify(const CommonOptions& Common, const VerifyOptions& Options) {
     }
   };
   const auto Going = [&Shown](std::uint64_t nDone, std::uint64_t nTotal) {
-    Shown.Tell(nDone, nTotal);
+    Shown.Tell(nDone, nDone, nTotal);
     return !Interrupted();
   };
   WatchForInterrupt();
   inspect::Verified Totals;
   Check(inspect::Verify(*pStore, Request, Tell, Going, &Totals), "verify " + Printable(Common.Store));
-  Shown.MakeRoom();
+  Shown.End();
   if (!Options.bJson) PrintTotals(Totals);
   if (Options.bJson)
     PrintJson({{"files", Totals.nFiles},
