@@ -49,7 +49,7 @@ ResultCode EventReader::Refresh() {
     const std::size_t nKnown = m_Tracks.size();
     const ResultCode nCode = TakeNext();
     if (Failed(nCode)) return nCode;
-    const bool bCleared = IsDeleted(pChain);
+    const bool bCleared = pChain == nullptr ? m_Horizon.nLife != 0 : IsDeleted(pChain);
     m_pChain = std::move(pChain);
     if (!bCleared) return errOK;
     ForgetFrom(std::min(nKnown, m_Tracks.size()));

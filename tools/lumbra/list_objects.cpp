@@ -109,7 +109,7 @@ class Lister {
   void ListStores(std::vector<OpenObjects> Stores) {
     for (OpenObjects& One : Stores) {
       if (!m_Stores.Open(&One)) continue;
-      m_Paths.Keep(One.Life);
+      if (One.Life.nSegment != 0) One.Life.nToken = m_Paths.Keep(One.Life.nDatabase, One.Life.nSegment);
       if (One.pObjects->IsDeleted()) continue;  // and names may not be found any more
       m_pOpen = &One;
       m_nUnreadable = 0;
