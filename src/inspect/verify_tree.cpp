@@ -1,7 +1,9 @@
 // The tree of an object store: each node once, each slot leads to a record of its digits, and each record is found.
 #include <cstring>
+#include <utility>
 
 #include "format/data_crc.h"
+#include "format/object_files.h"
 #include "format/tree_file.h"
 #include "inspect/paged.h"
 #include "inspect/verify_parts.h"
@@ -179,7 +181,10 @@ class TreeLook {
       m_Pages.Forget(At.nOffset, nSize);
       bSound = Try();
     }
-    if (!bSound) {
+    if (!bSound && At.nLevel == 0 && m_Pages.Read(At.nOffset, Slots, nSize) && IsTornRoot(Slots)) {
+      m_pTell->Leftover(m_What, At.nOffset,
+                        "its root has the CRC of a slot that was not written: it is refused, and started anew");
+    } else if (!bSound) {
       m_bSound = false;
       const bool bRead = m_Pages.Read(At.nOffset, Slots, nSize);
       m_pTell->Suspect(m_What, At.nOffset,
@@ -190,6 +195,32 @@ class TreeLook {
     for (std::uint32_t i = 0; i < nSlots; ++i) {
       if (Slots[i] != 0) LookAtSlot(At, i, Slots[i]);
     }
+  }
+
+  // The CRC of the root is written before the slot that it counts already: that of the newest object, or one that leads
+  // to the newest nodes, which came in one piece.
+  bool IsTornRoot(const tODB_BT_OFFSET* Root) const {
+    tODB_BT_OFFSET Slots[kRootSlots];
+    std::copy_n(Root, kRootSlots, Slots);
+    const auto Fits = [&](std::uint32_t nSlot, tODB_BT_OFFSET nEntry) {
+      const tODB_BT_OFFSET nBefore = std::exchange(Slots[nSlot], nEntry);
+      const bool bFits = m_Crc.Valid(0, Slots, sizeof(Slots), Root + kRootSlots);
+      Slots[nSlot] = nBefore;
+      return bFits;
+    };
+    const std::uint64_t nNewest = m_Records.CountAtHorizon();
+    const std::uint32_t nDigit = GetHashDigit(m_Records.HashOf(nNewest), 0);
+    if (nNewest <= kMaxObjects && Slots[nDigit] == 0 && Fits(nDigit, static_cast<tODB_BT_OFFSET>(nNewest))) return true;
+    std::uint64_t nRun = 0;
+    for (std::uint32_t nLevel = 1; nLevel <= kMaxTreeLevel; ++nLevel) {
+      nRun += SlotsOnLevel(nLevel) * sizeof(tODB_BT_OFFSET) + CrcSize();
+      if (nRun >= m_nSize || m_nSize - nRun >= kChildBit) continue;
+      const tODB_BT_OFFSET nChild = kChildBit | static_cast<tODB_BT_OFFSET>(m_nSize - nRun);
+      for (std::uint32_t i = 0; i < kRootSlots; ++i) {
+        if (Slots[i] != 0 && !IsChild(Slots[i]) && Fits(i, nChild)) return true;
+      }
+    }
+    return false;
   }
 
   // By its 4 bytes, so that each is looked at once, whatever leads to it.
