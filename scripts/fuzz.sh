@@ -57,7 +57,7 @@ share=$(((seconds + 2) / 3))
 echo "seed $seed, $share s for each target"
 run_each store_files names record_line >"$TMPDIR/first" &
 first=$!
-run_each operations module_file >"$TMPDIR/second" &
+run_each operations module_file inspect >"$TMPDIR/second" &
 second=$!
 trap 'kill $first $second; wait; exit 130' INT TERM
 wait

@@ -1,5 +1,6 @@
 // Readers beside a writer: what they deliver, and what they say they did not.
 #include <chrono>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
@@ -7,6 +8,7 @@
 #include "host/text.h"
 #include "inspect/event_reader.h"
 #include "inspect/paths.h"
+#include "inspect/verify.h"
 #include "inspect/writer.h"
 #include "support/world.h"
 
@@ -125,6 +127,33 @@ TEST_F(BesideWriterTest, DeliversEachEventOnceOrTellsOfIt) {
   EXPECT_EQ(0u, Of.Failed());
   std::printf("added %llu, delivered %llu, gaps %llu, nameless %llu\n", (unsigned long long)Of.Added(),
               (unsigned long long)m_nDelivered, (unsigned long long)m_nGaps, (unsigned long long)m_nNameless);
+}
+
+// What the writer is about to write, when it is stopped or killed, is unsettled or left over.
+TEST_F(BesideWriterTest, VerificationFindsNoDamage) {
+  for (const bool bChecked : {false, true}) {
+    Writer Of(WideFolder(), {.bCheckMode = bChecked});
+    Await(Of);
+    const auto pStore = OpenStore();
+    const auto Tell = [](const inspect::Finding& What) {
+      if (What.Of == inspect::Grade::Damage)
+        ADD_FAILURE() << host::ToUtf8(What.File) << " at " << What.nOffset << ": " << What.What << " (" << What.Expected
+                      << ", " << What.Found << ')';
+    };
+    const inspect::VerifyRequest Everything{{}, [](const inspect::Database&, std::uint32_t) {
+                                              return std::vector<std::uint32_t>{offsetof(NumberedEvent, nObject)};
+                                            }};
+    std::uint64_t nTimes = 0;
+    for (const auto End = std::chrono::steady_clock::now() + ReadingTime(); std::chrono::steady_clock::now() < End;) {
+      inspect::Verified Totals;
+      EXPECT_CODE(errOK, inspect::Verify(*pStore, Everything, Tell, nullptr, &Totals));
+      ++nTimes;
+    }
+    Of.End();
+    std::printf("added %llu, verified %llu times\n", (unsigned long long)Of.Added(), (unsigned long long)nTimes);
+    fs::remove_all(Folder());
+    fs::create_directory(Folder());
+  }
 }
 
 }  // namespace

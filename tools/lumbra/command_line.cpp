@@ -429,6 +429,21 @@ void AddStoreCommands(CLI::App* pApp, Request* pRequest) {
       ->required()
       ->check(NotEmpty());
 
+  const auto [pVerify, pVerifyWith] = AddCommand(
+      pApp, pRequest, "verify", "Read everything, and say what is damaged, and what crashes have left", Verify);
+  CLI::Option* const pVerifyDatabase =
+      AddParsed(pVerify, "--db", &pVerifyWith->Database, "This database alone: a number from 1 to 47, or a name",
+                ParseDatabaseName)
+          ->type_name("DB");
+  CLI::Option* const pVerifyJson = pVerify->add_flag("--json", pVerifyWith->bJson, "A JSON object a line");
+  pVerify->add_flag("--manifest", pVerifyWith->bManifest, "The sums of a backup, and nothing else")
+      ->excludes(pVerifyDatabase)
+      ->excludes(pVerifyJson);
+
+  const auto [pDump, pDumpWith] =
+      AddCommand(pApp, pRequest, "dump", "Show a file of a store in words, field by field", Dump);
+  pDump->add_option("FILE", pDumpWith->File, "The file")->required()->check(NotEmpty());
+
   const auto [pModule, pModuleWith] =
       AddCommand(pApp, pRequest, "module", "Show what a module says of itself, without loading it", Module);
   pModule->add_option("FILE", pModuleWith->File, "The module")->required()->check(NotEmpty());

@@ -15,6 +15,7 @@ inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailed = 1;
 inline constexpr int kExitUsage = 2;
 inline constexpr int kExitIncomplete = 3;  // it was read, and something was damaged or missing
+inline constexpr int kExitUnsettled = 4;   // it still contradicts itself, and somebody has the store
 inline constexpr int kExitCursorInvalid = 10;
 inline constexpr int kExitCursorGone = 12;  // what it points to was dropped or cleared
 inline constexpr int kExitInterrupted = 130;
@@ -165,6 +166,18 @@ struct RepairOptions {
   std::string Undo;  // the time of what is to be taken back; empty: nothing
 };
 int Repair(const CommonOptions& Common, const RepairOptions& Options);
+
+struct VerifyOptions {
+  std::optional<DatabaseName> Database;  // none: all of the store
+  bool bJson = false;
+  bool bManifest = false;  // of a backup
+};
+int Verify(const CommonOptions& Common, const VerifyOptions& Options);
+
+struct DumpOptions {
+  std::string File;
+};
+int Dump(const CommonOptions& Common, const DumpOptions& Options);
 
 struct ClearOptions {
   DatabaseName Database;
