@@ -172,7 +172,7 @@ void StoreCopy::CopyEachObject(const Place& At, const inspect::ObjectFileNames& 
   }
   const std::u16string Folder = host::ToUtf16(At.Folder.substr(0, At.Folder.size() - (At.Folder.empty() ? 0 : 1)));
   (void)os::RemoveFile(At.pTo, Names.Tree);  // of an earlier backup
-  Check(salvage::RebuildTree(m_To.u16string(), kOwnerAlone, {.Folder = Folder, .File = Names.Tree}),
+  Check(salvage::RebuildTree(m_To.u16string(), kOwnerAlone, {.Folder = Folder, .File = Names.Tree, .Why = ""}),
         What(At, Names.Tree));
   for (const std::u16string* const pName : {&Names.Ids, &Names.Tree, &Names.Data}) Note(At, *pName, nullptr);
 }
