@@ -46,13 +46,13 @@ ResultCode EventReader::Refresh() {
   for (;;) {
     std::unique_ptr<File> pChain;
     (void)File::Open(m_pFolder, kSegmentsFile, &pChain);  // TakeHorizon tells when it is missing
-    const std::size_t nKnown = m_Tracks.size();
-    const ResultCode nCode = TakeNext();
+    std::size_t nKnown = 0;
+    const ResultCode nCode = TakeNext(&nKnown);
     if (Failed(nCode)) return nCode;
     const bool bCleared = pChain == nullptr ? m_Horizon.nLife != 0 : IsDeleted(pChain);
     m_pChain = std::move(pChain);
     if (!bCleared) return errOK;
-    ForgetFrom(std::min(nKnown, m_Tracks.size()));
+    ForgetFrom(nKnown);
     if (!Waiting.Wait()) return errOK;
   }
 }
@@ -68,7 +68,8 @@ void EventReader::ForgetFrom(std::size_t nTrack) {
   }
 }
 
-ResultCode EventReader::TakeNext() {
+// *pnKnown receives how many of the tracks were there before.
+ResultCode EventReader::TakeNext(std::size_t* pnKnown) {
   Horizon Fresh;
   const std::uint32_t nFrom = m_Tracks.empty() ? 0 : m_Tracks.front().Extent.nNumber;
   ResultCode nCode = TakeHorizon(m_Store, m_Database, m_Tell, &Fresh, nFrom);
@@ -77,6 +78,7 @@ ResultCode EventReader::TakeNext() {
   if (Succeeded(nCode) && nFrom != 0 && !bGoesOn) nCode = TakeHorizon(m_Store, m_Database, m_Tell, &Fresh);
   if (Failed(nCode)) return nCode;
   Follow(Fresh);
+  *pnKnown = m_Tracks.size();
   m_Horizon = std::move(Fresh);
   m_bBack = false;
   Append();
@@ -106,6 +108,7 @@ void EventReader::Follow(const Horizon& Fresh) {
     m_Tracks.pop_back();
   }
   if (m_Tracks.empty()) m_nNext = 0;
+  m_bOtherLife = m_bOtherLife || IsDeleted(m_pChain) || (m_nLife != 0 && Fresh.nLife != m_nLife);
   if (bAnyLeft || !IsAnew(Fresh)) return;
   for (Track& One : m_Tracks) One.Gone = Gap::Why::Cleared;
 }
@@ -113,8 +116,7 @@ void EventReader::Follow(const Horizon& Fresh) {
 // Whether a chain of which no segment is known was begun anew: that is another life, or its number was there already.
 bool EventReader::IsAnew(const Horizon& Fresh) const {
   const std::uint32_t nLast = m_Tracks.empty() ? m_nLastFinished : m_Tracks.back().Extent.nNumber;
-  return (m_nLife != 0 && Fresh.nLife != m_nLife) || IsDeleted(m_pChain) ||
-         (!Fresh.Segments.empty() && Fresh.Segments.front().nNumber <= nLast);
+  return m_bOtherLife || (!Fresh.Segments.empty() && Fresh.Segments.front().nNumber <= nLast);
 }
 
 // Of a segment that is gone it can be read what was opened, and counted how much there was at the end.
@@ -138,10 +140,12 @@ bool EventReader::IsSame(const Track& Of, const SegmentExtent& Now) const {
 // The segments of the horizon behind those that are known. Between them some may be missing.
 void EventReader::Append() {
   const std::vector<SegmentExtent>& Segments = m_Horizon.Segments;
-  const bool bAnyLeft = !m_Tracks.empty() && !m_Tracks.back().Gone;
+  const bool bAnyLeft = std::ranges::any_of(m_Tracks, [](const Track& One) { return !One.Gone; });
   std::uint32_t nLast = m_Tracks.empty() ? m_nLastFinished : m_Tracks.back().Extent.nNumber;
   Gap Missing{{nLast + 1, 0}, {}, 0, true, bAnyLeft ? Gap::Why::Damaged : Gap::Why::Dropped};
   if (Segments.empty()) return;
+  // Where some are left, a clearing was cut short, and what came behind them may have gone.
+  if (m_bOtherLife) Missing.Reason = Gap::Why::Cleared;
   if (!bAnyLeft && IsAnew(m_Horizon)) {
     Missing.Reason = Gap::Why::Cleared;
     m_nLastFinished = nLast = 0;
@@ -161,6 +165,7 @@ void EventReader::Append() {
     nLast = One.nNumber;
     Missing = {{nLast + 1, 0}, {}, 0, true, Gap::Why::Damaged};
     m_Tracks.push_back(std::move(Fresh));
+    m_bOtherLife = false;
   }
   if (m_Horizon.nLife != 0) m_nLife = m_Horizon.nLife;
   OpenAhead();
@@ -196,6 +201,7 @@ void EventReader::MoveTo(Place Where) {
   m_nLastFinished = 0;
   m_nLife = m_Horizon.nLife;
   m_Newest = {};
+  m_bOtherLife = false;
   m_Carried.reset();
   Append();
   while (m_Tracks.size() > 1 && m_Tracks.front().Extent.nNumber < Where.nSegment) {

@@ -114,7 +114,7 @@ class EventReader {
   bool IsSame(const Track& Of, const SegmentExtent& Now) const;
   void SettleGone(Track* pTrack, bool bSizeChanged);
   bool IsAnew(const Horizon& Fresh) const;
-  ResultCode TakeNext();
+  ResultCode TakeNext(std::size_t* pnKnown);
   void ForgetFrom(std::size_t nTrack);
   void Append();
   bool WasThere(const SegmentExtent& One) const;
@@ -143,6 +143,7 @@ class EventReader {
   std::unique_ptr<File> m_pChain;   // "segments.dat", as it was at the horizon; it goes when the database is cleared
   std::uint64_t m_nChainToken = 0;  // from which on objects are of this life of the chain
   SegmentExtent m_Newest{};         // the last one that became a track
+  bool m_bOtherLife = false;        // another life began since the last segment became a track
   std::uint64_t m_nLife = 0;        // of the segments that are known
   std::optional<Gap> m_Carried;     // of a track that went before it was read
   std::optional<Gap> m_Pending;     // to be told before the first track
