@@ -242,9 +242,13 @@ bool EventReader::StartFirst() {
     if (m_Pending) return false;
     if (m_nNext < First.Extent.nEvents) return true;
     if (!First.Extent.bOver && !First.Gone) return false;
-    if (!First.Extent.bOver) {  // nobody saw how far it went
-      m_Pending = RestOf(First, m_nNext, *First.Gone);
-      First.Extent.bOver = true;
+    // Nobody saw how far it went; or it never held an event and another one follows, as healing leaves it where events
+    // are lost.
+    const bool bEmptied = First.Extent.nEvents == 0 && !First.Gone;
+    if (!First.Extent.bOver || (bEmptied && !First.bTold)) {
+      m_Pending = RestOf(First, m_nNext, First.Gone.value_or(Gap::Why::Damaged));
+      m_Pending->bAtLeast = true;
+      First.Extent.bOver = First.bTold = true;
       return false;
     }
     m_nLastFinished = First.Extent.nNumber;
@@ -404,9 +408,17 @@ Cursor EventReader::CursorBehind(const Batch& Read, std::uint32_t nEvents) {
   return CursorAt(pTrack, Read.First.nIndex + nEvents, BeforeCrc);
 }
 
+// Of a segment that was read to its end, and of one that cannot be read any more, the cursor stands before the next
+// one.
 Cursor EventReader::CursorHere() {
+  std::size_t nAt = 0;
+  std::uint64_t nNext = m_nNext;
+  while (nAt + 1 < m_Tracks.size() && nNext >= m_Tracks[nAt].Extent.nEvents) {
+    ++nAt;
+    nNext = 0;
+  }
   if (m_Tracks.empty()) return {.nSegment = m_nLastFinished, .nEventSize = m_Horizon.nEventSize};
-  return CursorAt(&m_Tracks.front(), m_nNext, {});
+  return CursorAt(&m_Tracks[nAt], nNext, {});
 }
 
 Resumed EventReader::GoOnBehindLoss(const Cursor& Kept, Gap::Why Reason) {
@@ -429,8 +441,12 @@ Resumed EventReader::Resume(const Cursor& Kept) {
     return GoOnBehindLoss(Kept, nLast > Kept.nSegment ? Gap::Why::Dropped : Gap::Why::Cleared);
   }
   if (Kept.nNext == 0) return Resumed::There;
-  const bool bFirst = CrcOf(pTrack, 0) == Kept.nFirstCrc;
-  if (bFirst && CrcOf(pTrack, Kept.nNext - 1) == Kept.nBeforeCrc) return Resumed::There;
+  const std::optional<std::uint32_t> FirstCrc = CrcOf(pTrack, 0);
+  const std::optional<std::uint32_t> BeforeCrc = CrcOf(pTrack, Kept.nNext - 1);
+  // What cannot be read, because it is dropped just now, say, is told when it is to be read.
+  if (!BeforeCrc && Kept.nNext <= pTrack->Extent.nEvents) return Resumed::There;
+  const bool bFirst = FirstCrc == Kept.nFirstCrc;
+  if (bFirst && BeforeCrc == Kept.nBeforeCrc) return Resumed::There;
   // A birth that is the same says more than an event, which may have been updated; a copy that was put back has
   // another.
   const bool bBirth = Kept.nBirth != 0 && Kept.nBirth == pTrack->Extent.nBirth;

@@ -105,6 +105,7 @@ class EventReader {
     ObjectsOrigin Objects;
     std::optional<Gap> Before;     // what is missing between it and the track before it
     std::unique_ptr<File> pFile;   // null: not opened yet, or not kept open
+    bool bTold = false;            // that something of it is missing
     bool bChecked = false;         // its header was read, and fits
     std::optional<Gap::Why> Gone;  // it was dropped or cleared since; what was opened can be read
     std::optional<std::uint32_t> FirstCrc;

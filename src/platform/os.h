@@ -209,9 +209,7 @@ class SearchScope {
 // The names of a folder's entries that are neither folders nor links, in no order. After an error some are missing.
 SystemError ListPlainFiles(const FolderHandle& pFolder, std::vector<std::u16string>* pNames);
 
-// Deletes those entries in the order of their names, and the one of the given name behind all others: of a database
-// that is cleared the oldest segments go first, so that what an interruption leaves is the newest. What cannot be
-// deleted stays.
+// Deletes those entries, the one of the given name behind all others. What cannot be deleted stays.
 SystemError RemovePlainFiles(const FolderHandle& pFolder, std::u16string_view LastName);
 
 // The names of its folders, links left out.

@@ -1,4 +1,5 @@
-// Readers beside a writer: what they deliver, and what they say they did not.
+// Readers beside a writer that rotates, drops, clears, is stopped and killed: what they deliver, and what they say they
+// did not.
 #include <chrono>
 #include <cstddef>
 #include <cstdlib>
@@ -10,6 +11,7 @@
 #include "inspect/paths.h"
 #include "inspect/verify.h"
 #include "inspect/writer.h"
+#include "support/run_program.h"
 #include "support/world.h"
 
 namespace lumbra::test {
@@ -17,12 +19,7 @@ namespace {
 
 using inspect::Batch;
 using inspect::EventReader;
-
-// How long each test reads: some seconds, or as many as the environment says.
-std::chrono::seconds ReadingTime() {
-  const char* const pSeconds = std::getenv("LUMBRA_BESIDE_SECONDS");
-  return std::chrono::seconds(pSeconds == nullptr ? 3 : std::atoi(pSeconds));
-}
+using inspect::ObjectView;
 
 class BesideWriterTest : public World {
  protected:
@@ -31,129 +28,178 @@ class BesideWriterTest : public World {
     EXPECT_EQ(os::kSuccess, inspect::Store::Open(WideFolder(), &pStore));
     return pStore;
   }
-  // Nothing is damaged but what a kill has left.
+  // Nothing is damaged but what a kill within a clearing has left, until the next start.
   static inspect::Report NoDamage(const Writer& Of) {
     return [&Of](const inspect::Finding& What) {
       if (What.Of == inspect::Grade::Damage && !Of.WasJustKilled())
-        ADD_FAILURE() << host::ToUtf8(What.File) << ": " << What.What;
+        ADD_FAILURE() << host::ToUtf8(What.File) << " at " << What.nOffset << ": " << What.What << " (" << What.Expected
+                      << ", " << What.Found << ')';
     };
   }
-  // Waits until the writer has begun.
-  static void Await(const Writer& Of) {
-    while (Of.Added() < 100) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  // Does something again and again, for some seconds or as many as the environment says.
+  static void Repeat(const std::function<void()>& Work) {
+    const char* const pSeconds = std::getenv("LUMBRA_BESIDE_SECONDS");
+    const auto End = std::chrono::steady_clock::now() + std::chrono::seconds(pSeconds ? std::atoi(pSeconds) : 3);
+    while (std::chrono::steady_clock::now() < End) Work();
   }
+};
 
-  // What was delivered must have the next number, or the one that a gap leads to.
+// What a reader delivers of the numbers that a writer counts.
+class Delivery {
+ public:
+  explicit Delivery(const Writer& Of) : m_Writer(Of) {}
+
+  // Each event has the number behind the last one, and behind what gaps tell.
   void Take(const Batch& Read) {
     if (Read.Lost) {
-      ++m_nGaps;
-      const inspect::Gap& Lost = *Read.Lost;
-      m_Told += std::to_string(Lost.From.nSegment) + ':' + std::to_string(Lost.From.nIndex) + " to " +
-                std::to_string(Lost.To.nSegment) + ':' + std::to_string(Lost.To.nIndex) +
-                (Lost.bAtLeast ? " at least " : " ") + std::to_string(Lost.nCount) + " why " +
-                std::to_string(static_cast<int>(Lost.Reason)) + "\n";
       m_nLost += Read.Lost->nCount;
       m_bAtLeast = m_bAtLeast || Read.Lost->bAtLeast;
       return;
     }
-    for (std::uint32_t i = 0; i < Read.nCount; ++i) {
-      NumberedEvent One{};
-      std::memcpy(&One, Read.Events.data() + i * sizeof(One), sizeof(One));
-      if (m_bStarted && m_bAtLeast) {
-        EXPECT_LE(m_nNext + m_nLost, One.nNumber) << m_Told << "segment " << Read.First.nSegment << ", event "
-                                                  << Read.First.nIndex + i << " after " << m_nNext;
-      } else if (m_bStarted) {
-        EXPECT_EQ(m_nNext + m_nLost, One.nNumber)
-            << "segment " << Read.First.nSegment << ", event " << Read.First.nIndex + i << m_Told;
+    for (const NumberedEvent& One : EventsOf(Read)) {
+      // A clearing that was cut short takes events that nobody has seen.
+      const bool bUnseen = std::exchange(m_nCutShort, m_Writer.ClearingsCutShort()) != m_nCutShort;
+      const std::uint64_t nNext = m_nNext + m_nLost;
+      if (m_nNext != 0 && !m_bAtLeast && !bUnseen && !m_bUnseen) {
+        EXPECT_EQ(nNext, One.nNumber) << "segment " << Read.First.nSegment;
       }
-      m_Told.clear();
+      if (m_nNext != 0) {
+        EXPECT_LE(nNext, One.nNumber) << "segment " << Read.First.nSegment;
+      }
+      m_bUnseen = bUnseen || (m_bUnseen && nNext == One.nNumber);
       m_nNext = One.nNumber + 1;
       m_nLost = 0;
       m_bAtLeast = false;
-      m_bStarted = true;
-      ++m_nDelivered;
     }
   }
+  std::uint64_t Next() const { return m_nNext; }
 
-  bool m_bStarted = false;
+  static std::vector<NumberedEvent> EventsOf(const Batch& Read) {
+    std::vector<NumberedEvent> Events(Read.nCount);
+    if (!Events.empty()) std::memcpy(Events.data(), Read.Events.data(), Read.Events.size());
+    return Events;
+  }
+
+ private:
+  const Writer& m_Writer;
   std::uint64_t m_nNext = 0;
   std::uint64_t m_nLost = 0;
   bool m_bAtLeast = false;
-  std::string m_Told;
-  std::uint64_t m_nDelivered = 0;
-  std::uint64_t m_nGaps = 0;
-  std::uint64_t m_nNameless = 0;
+  std::uint64_t m_nCutShort = 0;
+  bool m_bUnseen = false;  // events may be missing, from where on is not known
 };
 
 TEST_F(BesideWriterTest, DeliversEachEventOnceOrTellsOfIt) {
   Writer Of(WideFolder(), {});
-  Await(Of);
+  Of.Await(100);
   const auto pStore = OpenStore();
   EventReader Reader(*pStore, *pStore->Find(u"01"), NoDamage(Of));
   inspect::Paths Names(*pStore, 1 << 20);
   Reader.OpenObjectsIn(&Names);
-  const auto Drain = [&] {
+  Delivery Delivered(Of);
+  const auto ReadOn = [&] {
     ASSERT_CODE(errOK, Reader.Refresh());
-    Batch Read;
-    while (Reader.Next(100, &Read)) {
-      Take(Read);
+    for (Batch Read; Reader.Next(100, &Read);) {
+      Delivered.Take(Read);
+      const std::vector<NumberedEvent> Events = Delivery::EventsOf(Read);
       std::vector<std::uint64_t> Ids;
-      std::vector<std::string> Expected;
-      for (std::uint32_t i = 0; i < Read.nCount; ++i) {
-        NumberedEvent One{};
-        std::memcpy(&One, Read.Events.data() + i * sizeof(One), sizeof(One));
-        Ids.push_back(One.nObject);
-        Expected.push_back(host::ToUtf8(NameOf(One.nNumber)));
-      }
-      const auto& Views = Names.Resolve(Ids, Read.Objects);
-      for (std::size_t i = 0; i < Views.size(); ++i) {
-        if (Views[i].Of == inspect::ObjectView::State::Gone) {
-          ++m_nNameless;
-          continue;
+      for (const NumberedEvent& One : Events) Ids.push_back(One.nObject);
+      const std::vector<ObjectView>& Objects = Names.Resolve(Ids, Read.Objects);
+      for (std::size_t i = 0; i < Objects.size(); ++i) {
+        if (Objects[i].Of != ObjectView::State::Gone) {
+          EXPECT_EQ(host::ToUtf8(NameOf(Events[i].nNumber)), Objects[i].Name);
         }
-        EXPECT_EQ(inspect::ObjectView::State::Named, Views[i].Of);
-        EXPECT_EQ(Expected[i], Views[i].Name);
       }
     }
   };
-  const auto End = std::chrono::steady_clock::now() + ReadingTime();
-  while (std::chrono::steady_clock::now() < End) {
-    Drain();
-    std::this_thread::sleep_for(std::chrono::milliseconds(m_nDelivered % 3 == 0 ? 20 : 1));
-  }
+  Repeat([&] {
+    ReadOn();
+    std::this_thread::sleep_for(std::chrono::milliseconds(Delivered.Next() % 3 == 0 ? 20 : 1));
+  });
   Of.End();
-  Drain();
-  EXPECT_EQ(Of.Added(), m_nNext);
+  ReadOn();
+  EXPECT_EQ(Of.Added(), Delivered.Next());
   EXPECT_EQ(0u, Of.Failed());
-  std::printf("added %llu, delivered %llu, gaps %llu, nameless %llu\n", (unsigned long long)Of.Added(),
-              (unsigned long long)m_nDelivered, (unsigned long long)m_nGaps, (unsigned long long)m_nNameless);
+}
+
+// At least once over runs, and once where the cursor is good.
+TEST_F(BesideWriterTest, GoesOnAtACursor) {
+  Writer Of(WideFolder(), {.bClears = false});
+  Of.Await(100);
+  const auto pStore = OpenStore();
+  Delivery Delivered(Of);
+  std::string Kept;
+  Repeat([&] {
+    EventReader Reader(*pStore, *pStore->Find(u"01"), NoDamage(Of));
+    ASSERT_CODE(errOK, Reader.Refresh());
+    if (!Kept.empty()) {
+      EXPECT_NE(inspect::Resumed::Repeated, Reader.Resume(*inspect::ParseCursor(Kept)));
+    }
+    Batch Read;
+    for (int i = 0; i < 3 && Reader.Next(50, &Read); ++i) {
+      Delivered.Take(Read);
+      Kept = inspect::FormatCursor(Read.Lost ? Reader.CursorHere() : Reader.CursorBehind(Read, Read.nCount));
+    }
+  });
 }
 
 // What the writer is about to write, when it is stopped or killed, is unsettled or left over.
 TEST_F(BesideWriterTest, VerificationFindsNoDamage) {
+  const inspect::VerifyRequest Everything{{}, [](const inspect::Database&, std::uint32_t) {
+                                            return std::vector<std::uint32_t>{offsetof(NumberedEvent, nObject)};
+                                          }};
   for (const bool bChecked : {false, true}) {
     Writer Of(WideFolder(), {.bCheckMode = bChecked});
-    Await(Of);
+    Of.Await(100);
     const auto pStore = OpenStore();
-    const auto Tell = [](const inspect::Finding& What) {
-      if (What.Of == inspect::Grade::Damage)
-        ADD_FAILURE() << host::ToUtf8(What.File) << " at " << What.nOffset << ": " << What.What << " (" << What.Expected
-                      << ", " << What.Found << ')';
-    };
-    const inspect::VerifyRequest Everything{{}, [](const inspect::Database&, std::uint32_t) {
-                                              return std::vector<std::uint32_t>{offsetof(NumberedEvent, nObject)};
-                                            }};
-    std::uint64_t nTimes = 0;
-    for (const auto End = std::chrono::steady_clock::now() + ReadingTime(); std::chrono::steady_clock::now() < End;) {
+    Repeat([&] {
       inspect::Verified Totals;
-      EXPECT_CODE(errOK, inspect::Verify(*pStore, Everything, Tell, nullptr, &Totals));
-      ++nTimes;
-    }
+      EXPECT_CODE(errOK, inspect::Verify(*pStore, Everything, NoDamage(Of), nullptr, &Totals));
+    });
     Of.End();
-    std::printf("added %llu, verified %llu times\n", (unsigned long long)Of.Added(), (unsigned long long)nTimes);
     fs::remove_all(Folder());
     fs::create_directory(Folder());
   }
+}
+
+// All commands that read: the writer notices nothing, and they find nothing that is not there.
+TEST_F(BesideWriterTest, CommandsLeaveTheWriterAlone) {
+  const fs::path Store = Folder() / "store";
+  fs::create_directory(Store);
+  Writer Of(Store.u16string(), {.bClears = false, .bIsDisturbed = false});
+  Of.Await(1000);
+  const auto Run = [&](const Arguments& Words) {
+    Arguments Command = {LUMBRA_TOOL, "--store", Words.front() == "in backup" ? "backup" : "store"};
+    Command.insert(Command.end(), Words.begin() + (Words.front() == "in backup" ? 1 : 0), Words.end());
+    WriteFile("in", {});
+    const int nStatus = RunIn(Folder(), Command);
+    EXPECT_TRUE(nStatus == 0 || nStatus == 3) << ::testing::PrintToString(Words) << '\n' << ReadText("err");
+    EXPECT_EQ(std::string::npos, ReadText("err").find("damage")) << ReadText("err");
+    return nStatus;
+  };
+  Repeat([&] {
+    for (const Arguments& Words : std::vector<Arguments>{{"info", "--segments", "--times"},
+                                                         {"info", "-o", "prometheus"},
+                                                         {"events", "--db", "1", "--json"},
+                                                         {"events", "--db", "1", "-r", "-n", "500"},
+                                                         {"objects", "--db", "1", "--data"},
+                                                         {"find", "--db", "0", "C:\\folder 1"}}) {
+      if (Words.front() != "find") {
+        Run(Words);
+      } else {
+        Arguments Command = {LUMBRA_TOOL, "--store", "store"};
+        Command.insert(Command.end(), Words.begin(), Words.end());
+        EXPECT_EQ(1, RunIn(Folder(), Command)) << ReadText("err");  // the shared objects have no such name
+      }
+    }
+    EXPECT_EQ(0, Run({"verify"})) << ReadText("out");
+    Run({"backup", "backup"});
+    EXPECT_EQ(0, Run({"in backup", "verify"})) << ReadText("out");
+    EXPECT_EQ(0, Run({"in backup", "verify", "--manifest"})) << ReadText("out");
+    EXPECT_EQ(0, Run({"in backup", "events", "--db", "1"}));
+  });
+  Of.End();
+  EXPECT_EQ(0u, Of.Failed());
 }
 
 }  // namespace

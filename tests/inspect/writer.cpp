@@ -20,6 +20,8 @@ struct Writer::Shared {
   std::atomic<std::uint64_t> nAdded{0};
   std::atomic<std::uint64_t> nFailed{0};
   std::atomic<std::int64_t> nLastKill{0};  // milliseconds of the clock that all processes share
+  std::atomic<bool> bClearing{false};
+  std::atomic<std::uint64_t> nCutShort{0};
   std::atomic<bool> bEnd{false};
 };
 
@@ -64,6 +66,14 @@ std::uint64_t Writer::Failed() const {
   return m_pShared->nFailed;
 }
 
+void Writer::Await(std::uint64_t nEvents) const {
+  while (Added() < nEvents) usleep(5000);
+}
+
+std::uint64_t Writer::ClearingsCutShort() const {
+  return m_pShared->nCutShort;
+}
+
 bool Writer::WasJustKilled() const {
   return Milliseconds() - m_pShared->nLastKill < 2000;
 }
@@ -91,6 +101,7 @@ void Writer::Keep(const std::u16string& Folder, Ways What) {
       m_pShared->nLastKill = Milliseconds();
     }
     waitpid(nWriter, nullptr, 0);
+    if (m_pShared->bClearing.exchange(false)) ++m_pShared->nCutShort;
   }
   Write(Folder, What);  // once more, to be ended in peace
 }
@@ -126,7 +137,10 @@ void Writer::Write(const std::u16string& Folder, Ways What) {
                            static_cast<std::uint32_t>(Random() % 3)));
     if (!Try(Store.Call(&LumbraOperations::AddEvent, kDatabase, &Event, sizeof(Event), nullptr))) return;
     ++m_pShared->nAdded;
-    if (What.bClears && Random() % 5000 == 0) (void)Try(Store.Call(&LumbraOperations::ClearDB, kDatabase));
+    if (!What.bClears || Random() % 5000 != 0) continue;
+    m_pShared->bClearing = true;
+    (void)Try(Store.Call(&LumbraOperations::ClearDB, kDatabase));
+    m_pShared->bClearing = false;
   } while (!m_pShared->bEnd);
 }
 

@@ -40,8 +40,12 @@ class Writer {
 
   void End();
 
+  void Await(std::uint64_t nEvents) const;
   std::uint64_t Added() const;   // events that the store has taken
   std::uint64_t Failed() const;  // operations that it has refused, and openings
+
+  // Clearings that it was killed in: they take the newest segments, and nobody can miss those that he has not seen.
+  std::uint64_t ClearingsCutShort() const;
 
   // Whether it may have been killed within a clearing, which is damage until it is started again.
   bool WasJustKilled() const;

@@ -72,62 +72,68 @@ StoreCopy::Place StoreCopy::OpenPlace(const inspect::Database& Which) {
 void StoreCopy::CopyDatabase(const inspect::Database& Which) {
   const Place At = OpenPlace(Which);
   CopyFile({m_From.Folder(), m_pTo, ""}, Which.Folder + u".schema", UINT64_MAX, nullptr);
-  CopyFile(At, kIdentityFile, UINT64_MAX, nullptr);
   for (int i = 0; i < kTries; ++i) {
     if (TryDatabase(Which, At)) return;
   }
-  throw Failure(What(At, u""), errSHARING_VIOLATION, "it is cleared again and again meanwhile");
+  throw Failure(What(At, u""), errSHARING_VIOLATION, "it is cleared, or all of it dropped, again and again meanwhile");
 }
 
-// False when it was cleared meanwhile: what was copied may be of two lives then.
+// False when it was cleared meanwhile, so that what was copied may be of two lives, or when all of it was dropped. The
+// newest segment comes first: where one is found dropped, all before it are.
 bool StoreCopy::TryDatabase(const inspect::Database& Which, const Place& At) {
+  std::erase_if(m_Files, [&At](const auto& One) { return One.first.starts_with(At.Folder); });  // of an earlier try
+  CopyFile(At, kIdentityFile, UINT64_MAX, nullptr);
   std::unique_ptr<inspect::File> pChain;
   (void)inspect::File::Open(At.pFrom, kSegmentsFile, &pChain);  // TakeHorizon tells when it is missing
   inspect::Horizon Seen;
   Check(inspect::TakeHorizon(m_From, Which, m_pFindings->Teller(), &Seen), What(At, kSegmentsFile));
   std::uint32_t nFirst = Seen.Segments.empty() ? Seen.nFirst : 0;
-  for (const inspect::SegmentExtent& One : Seen.Segments) {
-    if (!CopySegment(At, One, Seen.nEventSize)) {
-      nFirst = 0;  // it was dropped meanwhile, and all before it
-    } else if (nFirst == 0) {
-      nFirst = One.nNumber;
-    }
+  for (auto One = Seen.Segments.rbegin(); One != Seen.Segments.rend(); ++One) {
+    if (!CopySegment(At, *One, Seen.nEventSize)) break;
+    nFirst = One->nNumber;
   }
   os::FileLook Now{};
   if (pChain != nullptr && (pChain->Look(&Now) != os::kSuccess || Now.nNames == 0)) return false;
-  DropBefore(At, nFirst);
+  if (nFirst == 0 && !Seen.Segments.empty()) return false;
   tSDB_HEADER Header{{}, nFirst, Seen.nEventSize};
   std::memcpy(Header.nMagic, kSegmentsMagic, sizeof(kSegmentsMagic));
   std::string Bytes(sizeof(Header), '\0');
   std::memcpy(Bytes.data(), &Header, sizeof(Header));
   if (Seen.nEventSize != 0) WriteFile(At, kSegmentsFile, Bytes);
+  RemoveOthers(At);
   return true;
 }
 
-// False when it is not there any more.
+// False when it is not there any more, or went while it was copied.
 bool StoreCopy::CopySegment(const Place& At, const inspect::SegmentExtent& Segment, std::uint32_t nEventSize) {
   const std::u16string Name = SegmentFileName(Segment.nNumber, kEventsFile);
   os::FileLook Source{};
-  const os::SystemError nError = os::LookAt(At.pFrom, Name, &Source);
-  if (nError == os::kFileNotFound || (nError == os::kSuccess && Source.nBirth != Segment.nBirth)) return false;
-  Require(nError, What(At, Name));
+  const auto IsThere = [&] {
+    const os::SystemError nError = os::LookAt(At.pFrom, Name, &Source);
+    if (nError != os::kFileNotFound) Require(nError, What(At, Name));
+    return nError == os::kSuccess && Source.nBirth == Segment.nBirth;
+  };
+  if (!IsThere()) return false;
   const std::uint64_t nBytes = sizeof(tPLAINDB_HEADER) + Segment.nEvents * nEventSize;
   const bool bAll = Source.nSize == nBytes && IsSettled(Source);
-  if (!(bAll && IsKept(At, Name, Source)) && !CopyFile(At, Name, nBytes, bAll ? &Source : nullptr)) return false;
-  CopyObjects(At, inspect::ObjectFilesOf(Segment.nNumber));
-  return true;
+  const bool bCopied = (bAll && IsKept(At, Name, Source)) || CopyFile(At, Name, nBytes, bAll ? &Source : nullptr);
+  if (bCopied) CopyObjects(At, inspect::ObjectFilesOf(Segment.nNumber));
+  if (bCopied && IsThere()) return true;
+  std::erase_if(m_Files, [&](const auto& One) {
+    return One.first.starts_with(At.Folder) &&
+           NumberOfSegmentFile(host::ToUtf16(One.first.substr(At.Folder.size()))) == Segment.nNumber;
+  });
+  return false;
 }
 
-// What was copied of segments that have been dropped since.
-void StoreCopy::DropBefore(const Place& At, std::uint32_t nSegment) {
-  std::erase_if(m_Files, [&](const auto& One) {
-    if (!One.first.starts_with(At.Folder)) return false;
-    const std::u16string Name = host::ToUtf16(One.first.substr(At.Folder.size()));
-    const std::uint32_t nNumber = NumberOfSegmentFile(Name);
-    const bool bDrop = nNumber != 0 && nNumber < nSegment;
-    if (bDrop) (void)os::RemoveFile(At.pTo, Name);  // otherwise it is left, and stands in no manifest
-    return bDrop;
-  });
+// Files of a database that do not belong to the copy: of an earlier one, or of what went while it was copied.
+void StoreCopy::RemoveOthers(const Place& At) {
+  std::vector<std::u16string> Names;
+  (void)os::ListPlainFiles(At.pTo, &Names);  // what is not found stands in no manifest
+  for (const std::u16string& Name : Names) {
+    if (IsFileOfDatabase(Name) && !m_Files.contains(At.Folder + host::ToUtf8(Name)))
+      (void)os::RemoveFile(At.pTo, Name);  // the same
+  }
 }
 
 // ---- Objects ----------------------------------------------------------------------------------------------

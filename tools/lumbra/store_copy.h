@@ -43,7 +43,7 @@ class StoreCopy {
   void CopyDatabase(const inspect::Database& What);
   bool TryDatabase(const inspect::Database& What, const Place& At);
   bool CopySegment(const Place& At, const inspect::SegmentExtent& Segment, std::uint32_t nEventSize);
-  void DropBefore(const Place& At, std::uint32_t nSegment);
+  void RemoveOthers(const Place& At);
   void CopyObjects(const Place& At, const inspect::ObjectFileNames& Names);
   bool CopyUnchanged(const Place& At, const inspect::ObjectFileNames& Names);
   void CopyEachObject(const Place& At, const inspect::ObjectFileNames& Names);

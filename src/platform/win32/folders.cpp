@@ -206,8 +206,7 @@ SystemError Move(const FolderHandle& pFrom, std::u16string_view Name, const Fold
 SystemError RemovePlainFiles(const FolderHandle& pFolder, std::u16string_view LastName) {
   std::vector<std::u16string> Names;
   const SystemError nError = ListPlainFiles(pFolder, &Names);
-  std::ranges::sort(Names);
-  std::stable_partition(Names.begin(), Names.end(), [&](const std::u16string& Name) { return Name != LastName; });
+  std::partition(Names.begin(), Names.end(), [&](const std::u16string& Name) { return Name != LastName; });
   for (const std::u16string& Name : Names) (void)RemoveFile(pFolder, Name);  // what cannot be deleted stays
   return nError;
 }
