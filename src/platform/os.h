@@ -90,7 +90,9 @@ struct FolderRules {
 };
 
 // Opens or creates a file of a folder. A file whose holder does not share what is asked for here, or that is held in a
-// way that nShare does not allow, is kSharingViolation: at once, and before anything in it changes. On posix a link, a
+// way that nShare does not allow, is kSharingViolation: at once (on Windows a file that is asked for
+// alone is tried again for some milliseconds, since somebody may just be looking at it), and before anything in it
+// changes. On posix a link, a
 // file that has other names as well, and what is no plain file are kAccessDenied, before anything in it changes: who
 // may write to the folder could lead us to a file that he may not write to. Stores the handle on success only; the
 // caller gives it back with Close.

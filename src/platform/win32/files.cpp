@@ -49,6 +49,10 @@ SystemError SetSizeByPosition(FileHandle Handle, std::uint64_t nSize) {
   return nError == kSuccess ? MoveTo(Handle, nBefore) : nError;
 }
 
+bool IsSharingViolation(HANDLE Opened) {
+  return Opened == INVALID_HANDLE_VALUE && GetLastError() == ERROR_SHARING_VIOLATION;
+}
+
 // For some seconds after a file was deleted, one that is made under its name gets the creation time of the old one.
 // Databases have an age by that time: they must not inherit it.
 void SetCreatedNow(HANDLE Created) {
@@ -71,8 +75,16 @@ SystemError ErrorUnless(BOOL bDone) {
 SystemError Open(std::u16string_view Path, std::uint32_t nAccess, std::uint32_t nShare, Disposition nDisposition,
                  std::uint32_t nFlags, FileHandle* pHandle) try {
   const std::u16string Native = NativePath(Path);
-  const HANDLE Opened =
-      CreateFileW(Wide(Native), nAccess, nShare, nullptr, static_cast<DWORD>(nDisposition), nFlags, nullptr);
+  const auto OpenOnce = [&] {
+    return CreateFileW(Wide(Native), nAccess, nShare, nullptr, static_cast<DWORD>(nDisposition), nFlags, nullptr);
+  };
+  HANDLE Opened = OpenOnce();
+  // Small files are opened alone, and somebody who only looks may have one open for a moment.
+  constexpr int kTries = 10;
+  for (int i = 0; i < kTries && nShare == 0 && IsSharingViolation(Opened); ++i) {
+    Sleep(2);
+    Opened = OpenOnce();
+  }
   if (Opened == INVALID_HANDLE_VALUE) return LastError();
   const bool bCreated = nDisposition == Disposition::OpenAlways && GetLastError() != ERROR_ALREADY_EXISTS;
   if (bCreated && (nAccess & kGenericWrite) != 0) SetCreatedNow(Opened);
@@ -166,9 +178,20 @@ SystemError MeasureFile(const FolderHandle& pFolder, std::u16string_view Name, s
   return kSuccess;
 }
 
+namespace {
+
+// Opens what has a name, whatever it is. For its attributes alone that is granted however others hold it.
+SystemError OpenAny(const FolderHandle& pFolder, std::u16string_view Name, DWORD nAccess, FileHandle* pHandle) {
+  constexpr std::uint32_t kShareAll = kShareRead | kShareWrite | kShareDelete;
+  constexpr DWORD kFoldersAndLinks = FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT;
+  return Open(pFolder, Name, nAccess, kShareAll, Disposition::OpenExisting, kFoldersAndLinks, pHandle);
+}
+
+}  // namespace
+
 SystemError LookAt(const FolderHandle& pFolder, std::u16string_view Name, FileLook* pLook) {
   FileHandle Opened = nullptr;
-  SystemError nError = OpenToLook(pFolder, Name, &Opened);
+  SystemError nError = OpenAny(pFolder, Name, FILE_READ_ATTRIBUTES, &Opened);
   if (nError != kSuccess) return nError;
   nError = LookAt(Opened, pLook);
   (void)Close(Opened);  // nothing was written
