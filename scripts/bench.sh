@@ -9,18 +9,13 @@ mode=${1:-}
 scripts/setup.sh peers
 # In a folder of its own, so that the usual builds never ask for what the comparison needs.
 cmake --preset release -B build/peers -DLUMBRA_PEERS=ON -DLUMBRA_TESTS=OFF
-cmake --build build/peers -j "$(nproc)" --target lumbra_peers
+cmake --build build/peers -j "$(nproc)" --target lumbra_peers lumbra_reading lumbra_tool lumbra_module
 results=build/peers/results
 mkdir -p "$results"
 
-# Measures, and puts what that prints between the markers of one table.
-measure() {
+# Puts what was measured between the markers of one table.
+keep() {
   table=$1
-  shift
-  echo "== $table"
-  [ "$mode" != --quick ] || set -- "$@" --quick
-  build/peers/bench/peers/lumbra_peers "$@" >"$results/$table.md"
-  [ "$table" != usual ] || printf '\n![costs of an operation](performance.svg)\n' >>"$results/usual.md"
   cat "$results/$table.md"
   [ "$mode" != --quick ] || return 0
   awk -v table="$table" -v file="$results/$table.md" '
@@ -31,6 +26,30 @@ measure() {
   cp "$results/performance.md" docs/performance.md
 }
 
+measure() {
+  echo "== $1"
+  measured=$1
+  shift
+  [ "$mode" != --quick ] || set -- "$@" --quick
+  build/peers/bench/peers/lumbra_peers "$@" >"$results/$measured.md"
+  [ "$measured" != usual ] || printf '\n![costs of an operation](performance.svg)\n' >>"$results/usual.md"
+  keep "$measured"
+}
+
+# What those pay who only look, in a folder of their own.
+measure_reading() {
+  echo "== reading"
+  here=$PWD/build/peers
+  work=$(mktemp -d)
+  small=""
+  [ "$mode" != --quick ] || small=--quick
+  (cd "$work" && "$here/bench/lumbra_reading" "$here/tools/lumbra/lumbra" "$here/src/module/liblumbra.so" $small) \
+    >"$results/reading.md"
+  rm -rf "$work"
+  keep reading
+}
+
+measure_reading
 measure usual --plot "$results/usual.tsv"
 plot="docs/performance.svg"
 [ "$mode" != --quick ] || plot="$results/performance.svg"
