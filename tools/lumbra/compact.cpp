@@ -12,6 +12,7 @@
 #include "holder.h"
 #include "host/text.h"
 #include "machine.h"
+#include "progress.h"
 #include "salvage/apply.h"
 
 namespace lumbra::tool {
@@ -23,10 +24,10 @@ void PrintSizes(const char* pWhen, const StoreFiles& Files, const char16_t* pIds
               static_cast<unsigned long long>(Files.SizeOf(pData)));
 }
 
-// A line that shows on a terminal how far the new id file has come, while a large store is compacted.
-class Progress {
+// Shows how far the new id file has come, while a large store is compacted.
+class WatchPair {
  public:
-  explicit Progress(const StoreFiles& Files) {
+  explicit WatchPair(const StoreFiles& Files) {
     constexpr std::uint64_t kLarge = 10000;  // objects: what takes long enough to be looked at
     if (ErrorsGoToTerminal() && Files.SharedObjectCount() >= kLarge) m_Thread = std::jthread(Show, std::cref(Files));
   }
@@ -37,15 +38,14 @@ class Progress {
     std::mutex Lock;
     std::condition_variable_any Stopped;
     std::unique_lock Hold(Lock);
+    Progress Shown("bytes of id records");
     while (!Stopped.wait_for(Hold, Stop, kInterval, [&Stop] { return Stop.stop_requested(); })) {
       try {
-        const double nPart =
-            static_cast<double>(Files.SizeOf(kCompactedIdsFile)) / static_cast<double>(Files.SizeOf(kSharedIdsFile));
-        std::fprintf(stderr, "\r%3.0f %% of the objects", 100 * nPart);
+        const std::uint64_t nDone = Files.SizeOf(kCompactedIdsFile);
+        Shown.Tell(nDone, nDone, Files.SizeOf(kSharedIdsFile));
       } catch (const Failure&) {  // what cannot be looked at now is left as it is shown
       }
     }
-    std::fputs("\r\033[K", stderr);
   }
 
   std::jthread m_Thread;
@@ -75,7 +75,7 @@ class NewPair {
 // Writes the new pair; false, with nothing left behind, when it was interrupted, which takes effect when it is done.
 bool WritePair(const Session& Store) {
   NewPair Made(Store.Files());
-  const Progress Shown(Store.Files());
+  const WatchPair Shown(Store.Files());
   Check(Store.Call(&LumbraOperations::Compact, kSystemDatabase), "compact the shared objects");
   if (Interrupted()) return false;
   Made.Keep();
