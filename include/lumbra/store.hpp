@@ -178,9 +178,9 @@ struct Options {
   bool operator==(const Options&) const = default;
 };
 
-// How large and old a database may grow; 0 is no limit. What is dropped is always the oldest segment as a whole, with
-// the objects in it; the newest stays. A limit of the database whose segments have none of the same kind gives them a
-// sixteenth of it.
+// How large and old a database may grow; 0 is no limit. They act when they are set, and before an event is added. What
+// is dropped is always the oldest segment as a whole, with the objects in it; the newest stays. A limit of the database
+// whose segments have none of the same kind gives them a sixteenth of it.
 struct Limits {
   std::chrono::seconds max_age{0};
   Bytes max_size{};
@@ -199,10 +199,11 @@ struct Info {
   std::optional<FileClock::time_point> oldest;  // when its oldest segment was started
 };
 
-// What can be an event as it stands: its bytes are what is stored, those between its members included. An ObjectId at
-// byte 8 is what the tool shows the name of, a FileClock::time_point at byte 0 its time.
+// A class that can be an event as it stands: its bytes are what is stored, those between its members included. An
+// ObjectId at byte 8 is what the tool shows the name of, a FileClock::time_point at byte 0 its time.
 template <class T>
-concept Record = std::is_trivially_copyable_v<T> && std::default_initializable<T> && !std::is_const_v<T>;
+concept Record =
+    std::is_class_v<T> && std::is_trivially_copyable_v<T> && std::default_initializable<T> && !std::is_const_v<T>;
 
 // An event that was read.
 template <class T>
@@ -309,14 +310,8 @@ class Reader {
   // call after that gives what has come since, so that following a database is to go on asking, now and then. Where the
   // database was cleared meanwhile it begins with what came after that.
   std::span<const Event<T>> next_batch() {
-    m_nAt = 0;
-    do {
-      m_Batch.clear();
-      EventId nFirst{};
-      const std::span<const std::byte> Run = m_Reading.next(&nFirst);
-      if (Run.empty()) break;
-      take(Run, nFirst);
-    } while (m_Batch.empty());  // none of them was wanted
+    fetch();
+    m_nAt = m_Batch.size();  // an iterator goes on behind it
     return m_Batch;
   }
 
@@ -331,7 +326,7 @@ class Reader {
     const Event<T>& operator*() const { return m_pReader->m_Batch[m_pReader->m_nAt]; }
     const Event<T>* operator->() const { return &**this; }
     iterator& operator++() {
-      if (++m_pReader->m_nAt == m_pReader->m_Batch.size()) m_pReader->next_batch();
+      if (++m_pReader->m_nAt == m_pReader->m_Batch.size()) m_pReader->fetch();
       return *this;
     }
     void operator++(int) { ++*this; }
@@ -345,7 +340,7 @@ class Reader {
 
   // Iterators are of this reader, where it is now. An event is good until the iterator moves on.
   iterator begin() {
-    if (m_nAt == m_Batch.size()) next_batch();
+    if (m_nAt == m_Batch.size()) fetch();
     return iterator(this);
   }
   std::default_sentinel_t end() const noexcept { return {}; }
@@ -356,6 +351,17 @@ class Reader {
   using Wanted = std::function<bool(const T&)>;
   explicit Reader(detail::Reading reading, Wanted wanted = {})
       : m_Reading(std::move(reading)), m_Wanted(std::move(wanted)) {}
+
+  void fetch() {
+    m_nAt = 0;
+    do {
+      m_Batch.clear();
+      EventId nFirst{};
+      const std::span<const std::byte> Run = m_Reading.next(&nFirst);
+      if (Run.empty()) break;
+      take(Run, nFirst);
+    } while (m_Batch.empty());  // none of them was wanted
+  }
 
   void take(std::span<const std::byte> run, EventId first) {
     const std::size_t nSize = m_Reading.event_size();
@@ -521,12 +527,11 @@ class Store {
   // number, as it is for the tool. A name has up to 63 characters, and of the 207 that a store has to give one is used
   // up for ever. An Error (errSIZE_INVALID) when the events there have another size, errPARAMETER_INVALID for a name
   // that cannot be one. Opening it again gives another handle of the same.
-  template <class T>
+  template <Record T>
   Database<T> database(std::string_view name) const {
-    static_assert(!std::is_same_v<T, std::byte>, "database(name, size) opens one of a size that is known at run time");
     return Database<T>(m_pState, open_database(name, sizeof(T)));
   }
-  template <class T>
+  template <Record T>
   Database<T> database(std::uint32_t number) const {
     return database<T>(std::to_string(number));
   }

@@ -52,9 +52,8 @@ bool IsHeld(const fs::path& Folder) {
   for (const fs::path& File : {fs::path(kSharedIdsFile), fs::path(kSharedDataFile), fs::path(kSharedTreeFile),
                                fs::path(NumberedFolder(kSystemDatabase)) / kSegmentsFile}) {
     os::FileHandle Handle = nullptr;
-    const os::SystemError nError =
-        os::Open((Folder / File).u16string(), os::kGenericRead, os::kShareRead | os::kShareWrite | os::kShareDelete,
-                 os::Disposition::OpenExisting, 0, &Handle);
+    const os::SystemError nError = os::Open((Folder / File).u16string(), os::kGenericRead, os::kShareRead,
+                                            os::Disposition::OpenExisting, 0, &Handle);
     if (nError == os::kSuccess) (void)os::Close(Handle);  // nothing was written
     if (nError == os::kSharingViolation) return true;
   }
@@ -75,8 +74,9 @@ std::vector<Holder> HoldersOf(const fs::path& Folder) {
 // ---- Opening ----------------------------------------------------------------------------------------------
 
 Share State::Open(const fs::path& Folder, const Options& What) {
-  const fs::path Absolute = WithoutTrailingSeparator(fs::absolute(Folder).lexically_normal());
-  if (Folder.empty() || !IsStorePath(Absolute)) throw MakeError(errPATH_NAME_INVALID, "open", Folder, {});
+  std::error_code Refused;
+  const fs::path Absolute = WithoutTrailingSeparator(fs::absolute(Folder, Refused).lexically_normal());
+  if (Folder.empty() || Refused || !IsStorePath(Absolute)) throw MakeError(errPATH_NAME_INVALID, "open", Folder, {});
   const fs::path Canonical = CanonicalOf(Absolute);
   Registry& All = TheRegistry();
   Share pCurrent;  // before the lock: its last user closes it, which takes the lock
