@@ -5,8 +5,7 @@
 #include "face/events.h"
 #include "face/state.h"
 
-namespace lumbra {
-inline namespace v1 {
+namespace lumbra::inline v1 {
 
 using detail::Use;
 
@@ -63,7 +62,8 @@ Info AnyDatabase::info() const {
 
 void AnyDatabase::clear() const {
   const Use Now(*m_pState, "clear", m_pDatabase);
-  const std::unique_lock Hold(m_pDatabase->Life);
+  const std::lock_guard Turn(m_pDatabase->Entry);
+  const std::lock_guard Hold(m_pDatabase->Life);
   ++m_pDatabase->nLife;  // also when it fails in the middle
   Now.Must(&LumbraOperations::ClearDB, m_pDatabase->nId);
 }
@@ -113,7 +113,7 @@ EventId AnyDatabase::add_bytes_about(Type type, std::string_view name, std::span
   CheckSize(Now, *m_pDatabase, event.size());
   if (offset > event.size() || event.size() - offset < sizeof(ObjectId))
     Now.Fail(errPARAMETER_INVALID, "the object's id does not fit into the event there");
-  const std::shared_lock Hold(m_pDatabase->Life);  // the numbers of segments stay theirs
+  const auto Hold = m_pDatabase->HoldLife();  // the numbers of segments stay theirs
   const auto Find = [&] {
     const ObjectId Found = *detail::FindObject(Now, m_pDatabase->nId, type, name, {}, true);
     std::memcpy(event.data() + offset, &Found, sizeof(Found));
@@ -132,7 +132,7 @@ bool AnyDatabase::get_bytes(EventId id, std::span<std::byte> event) const {
   const Use Now(*m_pState, "get", m_pDatabase);
   CheckSize(Now, *m_pDatabase, event.size());
   const std::uint64_t nId = CheckId(Now, *m_pDatabase, id);
-  const std::shared_lock Hold(m_pDatabase->Life);
+  const auto Hold = m_pDatabase->HoldLife();
   return detail::ReadEvents(Now, *m_pDatabase, nId, event) == 1;
 }
 
@@ -148,5 +148,4 @@ detail::Reading AnyDatabase::read(detail::Start::Of what, std::uint64_t value) c
   return detail::Reading(m_pState, m_pDatabase, {what, value});
 }
 
-}  // namespace v1
-}  // namespace lumbra
+}  // namespace lumbra::inline v1

@@ -4,8 +4,7 @@
 #include "host/text.h"
 #include "host/trace_format.h"
 
-namespace lumbra {
-inline namespace v1 {
+namespace lumbra::inline v1 {
 
 struct Error::Details {
   ResultCode nCode;
@@ -146,5 +145,4 @@ Error detail::MakeError(ResultCode nCode, std::string Operation, const std::file
       Error::Details{nCode, std::move(Operation), std::move(Where), std::move(Reason), std::move(Holders)}));
 }
 
-}  // namespace v1
-}  // namespace lumbra
+}  // namespace lumbra::inline v1

@@ -3,8 +3,7 @@
 #include "host/text.h"
 #include "inspect/paths.h"
 
-namespace lumbra {
-inline namespace v1 {
+namespace lumbra::inline v1 {
 
 using detail::IsMissing;
 using detail::Use;
@@ -198,5 +197,4 @@ void Object::clear_data() const {
   Now.Check(nCode);
 }
 
-}  // namespace v1
-}  // namespace lumbra
+}  // namespace lumbra::inline v1

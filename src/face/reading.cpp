@@ -8,7 +8,7 @@
 #include "face/events.h"
 #include "inspect/horizon.h"
 
-namespace lumbra::v1::detail {
+namespace lumbra::inline v1::detail {
 namespace {
 
 constexpr std::size_t kBatchBytes = 256 * 1024;
@@ -62,7 +62,7 @@ Reading::Reading(const Share& pState, OpenDatabase* pDatabase, Start from) : m_p
     m_pPlace->nSegment = SegmentOfId(from.value);
     m_pPlace->nIndex = static_cast<std::uint32_t>(from.value);
   }
-  const std::shared_lock Hold(pDatabase->Life);
+  const auto Hold = pDatabase->HoldLife();
   m_pPlace->nLife = pDatabase->nLife;
 }
 
@@ -110,7 +110,7 @@ std::span<const std::byte> Reading::next(EventId* first) {
   Place& At = *m_pPlace;
   OpenDatabase& Of = *At.pDatabase;
   const Use Now(*At.pState, "read", &Of);
-  const std::shared_lock Hold(Of.Life);
+  const auto Hold = Of.HoldLife();
   if (At.nLife != Of.nLife) {
     At.nLife = Of.nLife;
     At.nSegment = 0;
@@ -144,4 +144,4 @@ std::span<const std::byte> Reading::next(EventId* first) {
   return {};
 }
 
-}  // namespace lumbra::v1::detail
+}  // namespace lumbra::inline v1::detail

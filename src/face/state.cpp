@@ -11,7 +11,7 @@
 #include "host/text.h"
 #include "platform/os.h"
 
-namespace lumbra::v1::detail {
+namespace lumbra::inline v1::detail {
 namespace {
 
 namespace fs = std::filesystem;
@@ -240,10 +240,9 @@ OpenDatabase* State::OpenOne(std::string_view Name, std::size_t nEventSize) {
   return pKnown.get();
 }
 
-}  // namespace lumbra::v1::detail
+}  // namespace lumbra::inline v1::detail
 
-namespace lumbra {
-inline namespace v1 {
+namespace lumbra::inline v1 {
 
 using detail::Use;
 
@@ -291,5 +290,4 @@ void Store::close() const {
   m_pState->Close();
 }
 
-}  // namespace v1
-}  // namespace lumbra
+}  // namespace lumbra::inline v1

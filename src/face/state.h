@@ -17,7 +17,7 @@
 #include "inspect/store.h"
 #include "lumbra/store.hpp"
 
-namespace lumbra::v1::detail {
+namespace lumbra::inline v1::detail {
 
 struct OpenDatabase {
   std::string Name;
@@ -26,7 +26,14 @@ struct OpenDatabase {
   std::uint32_t nId = 0;
   std::uint32_t nEventSize = 0;
 
-  std::shared_mutex Life;   // held by who reads events, and alone by who clears them
+  // Held by who reads events or trusts the numbers of segments, and alone by who clears. Entry keeps those who come
+  // from letting the one who clears wait for ever.
+  std::shared_lock<std::shared_mutex> HoldLife() {
+    const std::lock_guard Turn(Entry);
+    return std::shared_lock(Life);
+  }
+  std::mutex Entry;
+  std::shared_mutex Life;
   std::uint64_t nLife = 0;  // how often it was cleared
 };
 
@@ -128,4 +135,4 @@ constexpr bool IsMissing(ResultCode nCode) {
   return nCode == errNOT_FOUND || nCode == errOBJECT_NOT_FOUND;
 }
 
-}  // namespace lumbra::v1::detail
+}  // namespace lumbra::inline v1::detail
