@@ -24,7 +24,7 @@ int main() try {
   lumbra::EventId next{};
   if (const auto kept = self.text(kCursor)) next = lumbra::EventId{std::stoull(*kept)};
 
-  std::jthread recorder([&visits](std::stop_token stop) {
+  std::jthread recorder([&visits](const std::stop_token& stop) {
     for (std::uint64_t i = 1; i <= 3 && !stop.stop_requested(); ++i) {
       visits.add({.time = lumbra::FileClock::now(), .bytes = i});
       std::this_thread::sleep_for(std::chrono::milliseconds(20));

@@ -27,6 +27,7 @@ int main() try {
   auto visits = store.database<Visit>("visits");
   visits.clear();
   std::vector<std::thread> workers;
+  workers.reserve(4);
   for (int i = 0; i < 4; ++i) workers.emplace_back(record, visits, i);  // a handle is cheap to copy
 
   // A reader is for one thread. It goes as far as the events that are there when it begins.

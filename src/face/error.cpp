@@ -1,4 +1,6 @@
 // Errors: what a code means to a program, and what helps.
+#include <new>
+
 #include "face/state.h"
 #include "host/printed_text.h"
 #include "host/text.h"
@@ -89,7 +91,9 @@ std::string TextOf(const Error::Details& Of) {
 }  // namespace
 
 const std::error_category& store_category() noexcept {
-  static const Category* const s_pCategory = new Category;  // also for who looks at an error while the process ends
+  // Never destroyed: somebody may look at an error while the process ends.
+  alignas(Category) static std::byte s_Storage[sizeof(Category)];
+  static const Category* const s_pCategory = new (s_Storage) Category;
   return *s_pCategory;
 }
 
