@@ -61,7 +61,8 @@ constexpr EventId after(EventId id) {
   return EventId{static_cast<std::uint64_t>(id) + 1};
 }
 
-// What an object is known by, in events and everywhere. No object has the id 0, which an event about nothing has.
+// What an object is known by, in events and everywhere. No object has the id 0, which an event about nothing has. Those
+// of a database begin anew as well when it is cleared.
 enum class ObjectId : std::uint64_t {};
 
 // What an object is, which says how its name is read. Paths (file to registry_value) are taken apart: each folder is an
@@ -458,7 +459,8 @@ class Database : public AnyDatabase {
   // Rewrites an event in its place; false when it is not there.
   bool update(EventId id, const T& event) const { return update_bytes(id, bytes_of(event)); }
 
-  // All events; the last so many; those from an id on, whether that one is still there or not.
+  // All events; the last so many; those from an id on, whether that one is still there or not. Where reading begins and
+  // goes on, each segment from there on costs a look at its files, some microseconds.
   Reader<T> all() const { return Reader<T>(read(detail::Start::Of::All, 0)); }
   Reader<T> last(std::uint64_t count) const { return Reader<T>(read(detail::Start::Of::Last, count)); }
   Reader<T> from(EventId id) const { return Reader<T>(read(detail::Start::Of::From, static_cast<std::uint64_t>(id))); }
