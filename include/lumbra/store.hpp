@@ -241,7 +241,8 @@ class Object {
   std::optional<std::string> name() const;
   std::optional<Type> type() const;
 
-  // What it is in: of a path the folder. Empty also for what is in nothing.
+  // What it is in: of a path the folder. Empty also for what is in nothing. It is looked up in the files, which takes
+  // some hundred times as long as a name.
   std::optional<Object> parent() const;
 
   // The block under a tag, as bytes or as text.

@@ -5,7 +5,8 @@
 #include "face/events.h"
 #include "face/state.h"
 
-namespace lumbra::inline v1 {
+namespace lumbra {
+inline namespace v1 {
 
 using detail::Use;
 
@@ -148,4 +149,5 @@ detail::Reading AnyDatabase::read(detail::Start::Of what, std::uint64_t value) c
   return detail::Reading(m_pState, m_pDatabase, {what, value});
 }
 
-}  // namespace lumbra::inline v1
+}  // namespace v1
+}  // namespace lumbra

@@ -6,7 +6,8 @@
 #include "host/text.h"
 #include "host/trace_format.h"
 
-namespace lumbra::inline v1 {
+namespace lumbra {
+inline namespace v1 {
 
 struct Error::Details {
   ResultCode nCode;
@@ -149,4 +150,5 @@ Error detail::MakeError(ResultCode nCode, std::string Operation, const std::file
       Error::Details{nCode, std::move(Operation), std::move(Where), std::move(Reason), std::move(Holders)}));
 }
 
-}  // namespace lumbra::inline v1
+}  // namespace v1
+}  // namespace lumbra

@@ -3,7 +3,8 @@
 #include "host/text.h"
 #include "inspect/paths.h"
 
-namespace lumbra::inline v1 {
+namespace lumbra {
+inline namespace v1 {
 
 using detail::IsMissing;
 using detail::Use;
@@ -197,4 +198,5 @@ void Object::clear_data() const {
   Now.Check(nCode);
 }
 
-}  // namespace lumbra::inline v1
+}  // namespace v1
+}  // namespace lumbra

@@ -8,7 +8,9 @@
 #include "face/events.h"
 #include "inspect/horizon.h"
 
-namespace lumbra::inline v1::detail {
+namespace lumbra {
+inline namespace v1 {
+namespace detail {
 namespace {
 
 constexpr std::size_t kBatchBytes = 256 * 1024;
@@ -144,4 +146,6 @@ std::span<const std::byte> Reading::next(EventId* first) {
   return {};
 }
 
-}  // namespace lumbra::inline v1::detail
+}  // namespace detail
+}  // namespace v1
+}  // namespace lumbra

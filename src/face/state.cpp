@@ -11,7 +11,9 @@
 #include "host/text.h"
 #include "platform/os.h"
 
-namespace lumbra::inline v1::detail {
+namespace lumbra {
+inline namespace v1 {
+namespace detail {
 namespace {
 
 namespace fs = std::filesystem;
@@ -240,9 +242,12 @@ OpenDatabase* State::OpenOne(std::string_view Name, std::size_t nEventSize) {
   return pKnown.get();
 }
 
-}  // namespace lumbra::inline v1::detail
+}  // namespace detail
+}  // namespace v1
+}  // namespace lumbra
 
-namespace lumbra::inline v1 {
+namespace lumbra {
+inline namespace v1 {
 
 using detail::Use;
 
@@ -290,4 +295,5 @@ void Store::close() const {
   m_pState->Close();
 }
 
-}  // namespace lumbra::inline v1
+}  // namespace v1
+}  // namespace lumbra

@@ -17,7 +17,9 @@
 #include "inspect/store.h"
 #include "lumbra/store.hpp"
 
-namespace lumbra::inline v1::detail {
+namespace lumbra {
+inline namespace v1 {
+namespace detail {
 
 struct OpenDatabase {
   std::string Name;
@@ -135,4 +137,6 @@ constexpr bool IsMissing(ResultCode nCode) {
   return nCode == errNOT_FOUND || nCode == errOBJECT_NOT_FOUND;
 }
 
-}  // namespace lumbra::inline v1::detail
+}  // namespace detail
+}  // namespace v1
+}  // namespace lumbra
