@@ -1,5 +1,5 @@
 // A host of its own: everything that the store expects of the program it is loaded into, so that any program
-// can embed it. The example that comes with the project, examples/embed.cpp, is the shortest complete use.
+// can embed it. The example that comes with the project, examples/load_module.cpp, is a complete use.
 //
 // One StandaloneHost lives in a process at a time; another one is refused. It must outlive the Stores it opened. Its
 // functions may be called from any thread once it is set up.

@@ -1,0 +1,202 @@
+// Objects: their names, what they are in, and their data.
+#include "face/state.h"
+#include "host/text.h"
+#include "inspect/paths.h"
+
+namespace lumbra {
+inline namespace v1 {
+
+using detail::IsMissing;
+using detail::Use;
+
+namespace {
+
+constexpr std::size_t kMaxNameUnits = inspect::kMaxNameUnits;
+
+constexpr std::uint64_t NumberOf(ObjectId nId) {
+  return static_cast<std::uint64_t>(nId);
+}
+
+// The flags override with which an object is looked up, so that its name comes back as it went in; the tool has the
+// same.
+std::uint32_t FlagsFor(Type Of, std::string_view Name) {
+  // What stands for bytes that are no UTF-8 would be lost where the store keeps a name as UTF-8.
+  const std::uint32_t nForm = host::IsUtf8(Name) ? 0 : RemoveObjectFlags(fObjUtf8);
+  const bool bPath = Of == Type::file || Of == Type::folder;
+  if (!bPath || !Name.starts_with('/')) return nForm;
+  // One that splitting would change, with a '\' in a name or nothing but the root, is kept whole.
+  const bool bSplits = Name != "/" && Name.find('\\') == std::string_view::npos;
+  return nForm | RemoveObjectFlags(bSplits ? fObjNoCase : fObjNoCase | fObjSplitPath);
+}
+
+bool IsHigh(char16_t c) {
+  return (c & 0xFC00) == 0xD800;
+}
+bool IsLow(char16_t c) {
+  return (c & 0xFC00) == 0xDC00;
+}
+
+// Whether each surrogate is one of a pair, or stands for a byte.
+bool IsName(std::u16string_view Name) {
+  for (std::size_t i = 0; i < Name.size(); ++i) {
+    if (IsHigh(Name[i]) && i + 1 < Name.size() && IsLow(Name[i + 1])) {
+      ++i;
+    } else if (IsHigh(Name[i]) || (IsLow(Name[i]) && (Name[i] < 0xDC80 || Name[i] > 0xDCFF))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// The code with which an object's database answers where it is not open.
+void CheckDatabase(const Use& In, ObjectId nId, ResultCode nCode) {
+  if (nCode != errPARAMETER_INVALID) return;
+  In.Fail(nCode, "the object's database, " + std::to_string(DatabaseOfId(NumberOf(nId))) + ", is not open");
+}
+
+}  // namespace
+
+// ---- Finding ----------------------------------------------------------------------------------------------
+
+std::optional<ObjectId> detail::FindObject(const Use& In, std::uint32_t nDatabase, Type Of, std::string_view Name,
+                                           ObjectId Parent, bool bCreate) {
+  constexpr std::uint32_t kFindOnly = 0;
+  constexpr std::uint32_t kCreateRepairing = 2;
+  const std::u16string Wide = host::NameToUtf16(Name);
+  if (Wide.size() > kMaxNameUnits) In.Fail(errSIZE_INVALID, "the name is too long");
+  std::uint64_t nId = 0;
+  const ResultCode nCode = In.Call(&LumbraOperations::FindObject, nDatabase, static_cast<std::uint32_t>(Of),
+                                   Wide.c_str(), static_cast<std::int32_t>(Wide.size() * sizeof(char16_t)),
+                                   bCreate ? kCreateRepairing : kFindOnly, FlagsFor(Of, Name), NumberOf(Parent), &nId);
+  if (!bCreate && IsMissing(nCode)) return {};
+  In.Check(nCode);
+  return ObjectId{nId};
+}
+
+std::optional<Object> Store::find(Type type, std::string_view name, ObjectId parent) const {
+  const Use Now(*m_pState, "find");
+  const std::optional<ObjectId> Found = detail::FindObject(Now, kSystemDatabase, type, name, parent, false);
+  return Found ? std::optional(Object(m_pState, *Found)) : std::nullopt;
+}
+
+Object Store::find_or_create(Type type, std::string_view name, ObjectId parent) const {
+  const Use Now(*m_pState, "find_or_create");
+  return {m_pState, *detail::FindObject(Now, kSystemDatabase, type, name, parent, true)};
+}
+
+std::optional<Object> AnyDatabase::find(Type type, std::string_view name, ObjectId parent) const {
+  const Use Now(*m_pState, "find", m_pDatabase);
+  const std::optional<ObjectId> Found = detail::FindObject(Now, m_pDatabase->nId, type, name, parent, false);
+  return Found ? std::optional(Object(m_pState, *Found)) : std::nullopt;
+}
+
+Object AnyDatabase::find_or_create(Type type, std::string_view name, ObjectId parent) const {
+  const Use Now(*m_pState, "find_or_create", m_pDatabase);
+  return {m_pState, *detail::FindObject(Now, m_pDatabase->nId, type, name, parent, true)};
+}
+
+// ---- Names ------------------------------------------------------------------------------------------------
+
+std::optional<std::string> Object::name() const {
+  const Use Now(*m_pState, "name");
+  if (m_nId == ObjectId{}) return {};
+  for (std::u16string Name(256, u'\0');;) {
+    std::uint32_t nBytes = 0;
+    const auto nRoom = static_cast<std::uint32_t>(Name.size() * sizeof(char16_t));
+    const ResultCode nCode =
+        Now.Call(&LumbraOperations::GetObjectName, NumberOf(m_nId), Name.data(), nRoom, &nBytes, 0, nullptr);
+    const std::size_t nUnits = nBytes / sizeof(char16_t);
+    if (nCode == errBUFFER_TOO_SMALL) {
+      if (nUnits > kMaxNameUnits) Now.Fail(errSIZE_INVALID, "the name is too long");
+      Name.resize(nUnits);
+      continue;
+    }
+    if (IsMissing(nCode)) return {};
+    CheckDatabase(Now, m_nId, nCode);
+    Now.Check(nCode);
+    Name.resize(nUnits);
+    if (!IsName(Name)) Now.Fail(errCONVERSION_FAILED, "the name has a surrogate that stands for nothing");
+    return host::NameToBytes(Name);
+  }
+}
+
+std::optional<Type> Object::type() const {
+  const Use Now(*m_pState, "type");
+  if (m_nId == ObjectId{}) return {};
+  std::uint32_t nType = 0;
+  const ResultCode nCode = Now.Call(&LumbraOperations::GetObjectName, NumberOf(m_nId), nullptr, 0, nullptr, 0, &nType);
+  if (IsMissing(nCode)) return {};
+  CheckDatabase(Now, m_nId, nCode);
+  Now.Check(nCode);
+  return static_cast<Type>(nType);
+}
+
+// The tables tell parents of the objects of events alone, and of folders; so the files are asked.
+std::optional<Object> Object::parent() const {
+  using State = inspect::ObjectView::State;
+  const Use Now(*m_pState, "parent");
+  constexpr std::uint64_t kCacheBytes = 64 * 1024;
+  inspect::Paths Known(Now.Files(), kCacheBytes);
+  const std::uint64_t nId = NumberOf(m_nId);
+  const inspect::ObjectView& Seen = Known.Resolve({&nId, 1}).front();
+  if (Seen.Of == State::Damaged || Seen.Of == State::Unsettled) Now.Fail(errDATA_CORRUPTED);
+  if (Seen.Of == State::Unreadable) Now.Fail(errREAD_FAILED);
+  if (Seen.Of == State::Gone || Seen.nParent == 0) return {};
+  return Object(m_pState, ObjectId{Seen.nParent});
+}
+
+// ---- Data -------------------------------------------------------------------------------------------------
+
+namespace {
+
+template <class Block>
+std::optional<Block> ReadData(const Use& In, ObjectId nId, std::uint32_t nTag) {
+  Block Content;
+  for (;;) {
+    std::uint32_t nSize = 0;
+    const auto nRoom = static_cast<std::uint32_t>(Content.size());
+    ResultCode nCode = In.Call(&LumbraOperations::GetObjectData, NumberOf(nId), Content.data(), nRoom, &nSize, nTag);
+    if (IsMissing(nCode)) return std::nullopt;
+    CheckDatabase(In, nId, nCode);
+    if (nCode != errBUFFER_TOO_SMALL) In.Check(nCode);
+    const bool bWhole = nCode != errBUFFER_TOO_SMALL && nSize <= nRoom;
+    Content.resize(nSize);  // the first call asks for the size alone, and it may grow before the next
+    if (bWhole) return Content;
+  }
+}
+
+void WriteData(const Use& In, ObjectId nId, std::uint32_t nTag, const void* pData, std::size_t nSize) {
+  if (nSize > UINT32_MAX) In.Fail(errSIZE_INVALID, "the data is too long");
+  const ResultCode nCode = In.Call(&LumbraOperations::SetObjectData, NumberOf(nId), nSize == 0 ? nullptr : pData,
+                                   static_cast<std::uint32_t>(nSize), nTag);
+  CheckDatabase(In, nId, nCode);
+  In.Check(nCode);
+}
+
+}  // namespace
+
+std::optional<std::vector<std::byte>> Object::data(std::uint32_t tag) const {
+  return ReadData<std::vector<std::byte>>(Use(*m_pState, "data"), m_nId, tag);
+}
+
+std::optional<std::string> Object::text(std::uint32_t tag) const {
+  return ReadData<std::string>(Use(*m_pState, "text"), m_nId, tag);
+}
+
+void Object::set_data(std::uint32_t tag, std::span<const std::byte> bytes) const {
+  WriteData(Use(*m_pState, "set_data"), m_nId, tag, bytes.data(), bytes.size());
+}
+
+void Object::set_data(std::uint32_t tag, std::string_view text) const {
+  WriteData(Use(*m_pState, "set_data"), m_nId, tag, text.data(), text.size());
+}
+
+void Object::clear_data() const {
+  const Use Now(*m_pState, "clear_data");
+  const ResultCode nCode = Now.Call(&LumbraOperations::RemoveAllObjectData, NumberOf(m_nId));
+  CheckDatabase(Now, m_nId, nCode);
+  Now.Check(nCode);
+}
+
+}  // namespace v1
+}  // namespace lumbra

@@ -1,0 +1,299 @@
+// Opening, sharing and closing a store.
+#include "face/state.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <thread>
+
+#include "format/database_name.h"
+#include "format/file_names.h"
+#include "host/printed_text.h"
+#include "host/text.h"
+#include "platform/os.h"
+
+namespace lumbra {
+inline namespace v1 {
+namespace detail {
+namespace {
+
+namespace fs = std::filesystem;
+
+// The store that the process has. It is never destroyed: a program may keep its store until it has ended.
+struct Registry {
+  std::mutex Lock;
+  std::condition_variable Changed;
+  std::weak_ptr<State> Current;
+  bool bOpen = false;  // also while what it was is being closed
+};
+Registry& TheRegistry() {
+  static Registry* const s_pRegistry = new Registry;
+  return *s_pRegistry;
+}
+
+fs::path WithoutTrailingSeparator(const fs::path& Path) {
+  return Path.has_filename() || Path == Path.root_path() ? Path : Path.parent_path();
+}
+
+// What leads to the folder, or will.
+fs::path CanonicalOf(const fs::path& Folder) {
+  std::error_code Refused;
+  const fs::path Found = fs::weakly_canonical(Folder, Refused);
+  return Refused ? Folder : WithoutTrailingSeparator(Found);
+}
+
+bool IsStorePath(const fs::path& Folder) {
+#ifdef _WIN32
+  return !Folder.empty();
+#else
+  return host::IsUtf8(Folder.string()) && Folder.string().find('\\') == std::string::npos;
+#endif
+}
+
+// Whether somebody holds one of the files that every process with the store holds.
+bool IsHeld(const fs::path& Folder) {
+  for (const fs::path& File : {fs::path(kSharedIdsFile), fs::path(kSharedDataFile), fs::path(kSharedTreeFile),
+                               fs::path(NumberedFolder(kSystemDatabase)) / kSegmentsFile}) {
+    os::FileHandle Handle = nullptr;
+    const os::SystemError nError = os::Open((Folder / File).u16string(), os::kGenericRead, os::kShareRead,
+                                            os::Disposition::OpenExisting, 0, &Handle);
+    if (nError == os::kSuccess) (void)os::Close(Handle);  // nothing was written
+    if (nError == os::kSharingViolation) return true;
+  }
+  return false;
+}
+
+std::vector<Holder> HoldersOf(const fs::path& Folder) {
+  std::unique_ptr<inspect::Store> pFiles;
+  if (inspect::Store::Open(Folder.u16string(), &pFiles) != os::kSuccess) return {};
+  std::vector<Holder> Found;
+  for (inspect::Holder& One : pFiles->Holders())
+    Found.push_back({One.nProcess, std::move(One.Program), std::move(One.User)});
+  return Found;
+}
+
+}  // namespace
+
+// ---- Opening ----------------------------------------------------------------------------------------------
+
+Share State::Open(const fs::path& Folder, const Options& What) {
+  std::error_code Refused;
+  const fs::path Absolute = WithoutTrailingSeparator(fs::absolute(Folder, Refused).lexically_normal());
+  if (Folder.empty() || Refused || !IsStorePath(Absolute)) throw MakeError(errPATH_NAME_INVALID, "open", Folder, {});
+  const fs::path Canonical = CanonicalOf(Absolute);
+  Registry& All = TheRegistry();
+  Share pCurrent;  // before the lock: its last user closes it, which takes the lock
+  std::unique_lock Hold(All.Lock);
+  for (;;) {
+    pCurrent = All.Current.lock();
+    if (pCurrent != nullptr && !pCurrent->m_bClosing) {
+      pCurrent->RefuseOther(Canonical, What);
+      return pCurrent;
+    }
+    if (!All.bOpen) break;
+    All.Changed.wait(Hold);
+  }
+  Share pOpened(new State(Absolute, Canonical, What));
+  All.Current = pOpened;
+  All.bOpen = true;
+  All.Changed.notify_all();
+  return pOpened;
+}
+
+void State::RefuseOther(const fs::path& Canonical, const Options& What) const {
+  std::error_code Ignored;  // one that is not there is another one
+  if (Canonical != m_Canonical && !fs::equivalent(Canonical, m_Canonical, Ignored)) {
+    throw MakeError(errALREADY_EXISTS, "open", Canonical,
+                    "this process has the store " + host::Printable(m_Folder.string()) +
+                        " open, and can have one at a time; close() it first");
+  }
+  Options Alike = What;
+  Alike.wait = m_Options.wait;
+  if (Alike != m_Options)
+    throw MakeError(errPARAMETER_INVALID, "open", m_Folder, "it is open in this process with other options");
+}
+
+State::State(fs::path Folder, fs::path Canonical, const Options& What)
+    : m_Folder(std::move(Folder)),
+      m_Canonical(std::move(Canonical)),
+      m_Options(What),
+      m_pHost(std::make_unique<host::StandaloneHost>()) {
+  const Where kAt{"open"};
+  if (m_pHost->LoadResult() == errALREADY_EXISTS)
+    Fail(kAt, errALREADY_EXISTS, "this process has a host of its own; the store is to be opened through that");
+  Check(kAt, m_pHost->LoadResult());
+  if (What.trust) m_pHost->TrustStores();
+  m_Store = m_pHost->Create();
+  if (!m_Store) Fail(kAt, errOUT_OF_MEMORY);
+  const std::uint64_t nCacheKiB = What.cache.count / 1024;
+  Check(kAt, m_Store.SetReportFolder(m_Folder.u16string()));
+  Check(kAt, m_Store.SetNumber(propCHECK_MODE, What.check ? 1 : 0));
+  Check(kAt, m_Store.SetNumber(propGROUP_READABLE, What.group_readable ? 1 : 0));
+  Check(kAt, m_Store.SetNumber(propOPEN_SEGMENTS, What.open_segments));
+  Check(kAt,
+        m_Store.SetNumber(propCACHE_SIZE, static_cast<std::uint32_t>(std::min<std::uint64_t>(nCacheKiB, UINT32_MAX))));
+  const ResultCode nCode = InitWhenFree();
+  if (Failed(nCode)) FailToOpen(nCode);
+  if (inspect::Store::Open(m_Folder.u16string(), &m_pFiles) != os::kSuccess) Fail(kAt, errOPEN_FAILED);
+}
+
+ResultCode State::InitWhenFree() {
+  constexpr std::chrono::milliseconds kLongest(200);
+  const host::Heal How = !m_Options.heal         ? host::Heal::Off
+                         : m_Options.start_empty ? host::Heal::StartEmpty
+                                                 : host::Heal::On;
+  const auto End = std::chrono::steady_clock::now() + m_Options.wait;
+  std::chrono::milliseconds Next(20);
+  for (bool bOnceMore = true;;) {
+    const ResultCode nCode = m_Store.Init(How);
+    m_Healed.insert(m_Healed.end(), m_Store.Healed().begin(), m_Store.Healed().end());
+    m_Left = m_Store.Left();
+    if (Succeeded(nCode)) return nCode;
+    if (nCode != errOPEN_FAILED && nCode != errSHARING_VIOLATION) return nCode;
+    if (nCode == errSHARING_VIOLATION || IsHeld(m_Folder)) {
+      const auto Left = std::chrono::ceil<std::chrono::milliseconds>(End - std::chrono::steady_clock::now());
+      if (Left.count() <= 0) return errSHARING_VIOLATION;
+      std::this_thread::sleep_for(std::min(Left, Next));
+      Next = std::min(Next * 2, kLongest);
+    } else if (bOnceMore) {
+      bOnceMore = false;  // the other process may have ended between the two looks
+    } else {
+      return nCode;
+    }
+  }
+}
+
+void State::FailToOpen(ResultCode nCode) const {
+  const bool bHeld = nCode == errSHARING_VIOLATION;
+  throw MakeError(nCode, "open", m_Folder, bHeld ? "" : m_Store.Refusal(),
+                  bHeld ? HoldersOf(m_Folder) : std::vector<Holder>{});
+}
+
+void State::Close() {
+  m_bClosing = true;
+  {
+    const std::unique_lock Hold(m_Life);
+    if (m_pHost == nullptr) return;
+    m_pFiles.reset();
+    m_Store = {};
+    m_pHost.reset();
+  }
+  Registry& All = TheRegistry();
+  const std::lock_guard Hold(All.Lock);
+  All.bOpen = false;
+  All.Changed.notify_all();
+}
+
+void State::Fail(const Where& At, ResultCode nCode, std::string Reason) const {
+  const fs::path& Place = At.pDatabase != nullptr ? At.pDatabase->Folder : m_Folder;
+  throw MakeError(nCode, At.pOperation, Place, std::move(Reason));
+}
+
+Use::Use(State& Of, const char* pOperation, const OpenDatabase* pDatabase)
+    : m_State(Of), m_Where{pOperation, pDatabase} {
+  if (!m_State.m_bClosing) m_Hold = std::shared_lock(m_State.m_Life);
+  if (!m_Hold.owns_lock() || m_State.m_pHost == nullptr) Fail(errSTORE_NOT_INITIALIZED);
+}
+
+// ---- Databases --------------------------------------------------------------------------------------------
+
+namespace {
+
+// The number that a name of digits alone is; 0 for one that no database has.
+std::optional<std::uint32_t> NumberOf(std::string_view Name) {
+  constexpr std::string_view kDigits = "0123456789";
+  if (Name.empty() || Name.find_first_not_of(kDigits) != std::string_view::npos) return {};
+  std::uint32_t nNumber = 0;
+  for (const char c : Name) nNumber = std::min(nNumber * 10 + static_cast<std::uint32_t>(c - '0'), kFirstNamedDatabase);
+  return nNumber < kFirstNamedDatabase ? nNumber : 0;
+}
+
+}  // namespace
+
+OpenDatabase* State::OpenOne(std::string_view Name, std::size_t nEventSize) {
+  OpenDatabase Wanted;
+  Wanted.Name = Name;
+  Wanted.nEventSize = static_cast<std::uint32_t>(std::min<std::size_t>(nEventSize, UINT32_MAX));
+  const std::optional<std::uint32_t> Number = NumberOf(Name);
+  const std::u16string Folder = Number ? NumberedFolder(*Number) : host::ToUtf16(Name);
+  Wanted.Folder = m_Folder / fs::path(Folder);
+  const Use Now(*this, "database", &Wanted);
+  if (Number == 0u) Now.Fail(errPARAMETER_INVALID, "numbers of databases are 1 to 47");
+  if (nEventSize == 0) Now.Fail(errPARAMETER_INVALID, "an event has at least one byte");
+
+  const std::lock_guard Hold(m_Lock);
+  std::unique_ptr<OpenDatabase>& pKnown = m_Databases[Folder];
+  if (pKnown != nullptr) {
+    if (pKnown->nEventSize == nEventSize) return pKnown.get();
+    Now.Fail(errSIZE_INVALID,
+             "its events have " + std::to_string(pKnown->nEventSize) + " bytes, not " + std::to_string(nEventSize));
+  }
+  const bool bMayBeMade = Number || (host::IsUtf8(Name) && IsDatabaseName(Folder));
+  if (!bMayBeMade && !Now.Files().Find(Folder)) Now.Fail(errPARAMETER_INVALID, "a database cannot have this name");
+  std::uint32_t nId = Number.value_or(0);
+  const ResultCode nCode =
+      Number ? m_Store.OpenDatabase(nId, Wanted.nEventSize) : m_Store.OpenDatabase(Folder, Wanted.nEventSize, &nId);
+  if (Failed(nCode)) Now.Fail(nCode, m_Store.Refusal());
+  pKnown = std::make_unique<OpenDatabase>();
+  pKnown->Name = Number ? std::to_string(nId) : Wanted.Name;
+  pKnown->Files = {Folder, nId};
+  pKnown->Folder = Wanted.Folder;
+  pKnown->nId = nId;
+  pKnown->nEventSize = Wanted.nEventSize;
+  return pKnown.get();
+}
+
+}  // namespace detail
+}  // namespace v1
+}  // namespace lumbra
+
+namespace lumbra {
+inline namespace v1 {
+
+using detail::Use;
+
+// ---- The store --------------------------------------------------------------------------------------------
+
+Store Store::open(const std::filesystem::path& folder, const Options& options) {
+  return Store(detail::State::Open(folder, options));
+}
+
+detail::OpenDatabase* Store::open_database(std::string_view name, std::size_t event_size) const {
+  return m_pState->OpenOne(name, event_size);
+}
+
+void Store::set_max_size(Bytes limit) const {
+  Use(*m_pState, "set_max_size").Must(&LumbraOperations::SetDBParams, kAllDatabases, limitGlobalSize, limit.count);
+}
+
+const std::vector<std::string>& Store::healed() const noexcept {
+  return m_pState->Healed();
+}
+
+const std::vector<std::string>& Store::left() const noexcept {
+  return m_pState->Left();
+}
+
+bool Store::damaged() const {
+  const Use Now(*m_pState, "damaged");
+  std::uint32_t nCorrupted = 0;
+  Now.Check(Now.Instance().GetNumber(propCORRUPTED, &nCorrupted));
+  return nCorrupted != 0;
+}
+
+const std::filesystem::path& Store::folder() const noexcept {
+  return m_pState->Folder();
+}
+
+void Store::flush() const {
+  const Use Now(*m_pState, "flush");
+  const ResultCode nCode = Now.Host().SendFlush();
+  if (nCode == errWRITE_FAILED) Now.Fail(nCode, "what was added may be gone when the machine starts again");
+  Now.Check(nCode);
+}
+
+void Store::close() const {
+  m_pState->Close();
+}
+
+}  // namespace v1
+}  // namespace lumbra
