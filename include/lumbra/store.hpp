@@ -6,7 +6,7 @@
 //     auto file = visits.find_or_create(lumbra::Type::file, "/var/log/syslog");
 //     visits.add({.time = lumbra::FileClock::now(), .object = file.id(), .bytes = 12});
 //     for (const auto& [id, visit] : visits.last(10))
-//     std::puts(store.name_of(visit.object).value_or("(gone)").c_str());
+//       std::puts(store.name_of(visit.object).value_or("(gone)").c_str());
 //
 // Unless a line says otherwise, this holds for every function:
 //
@@ -14,8 +14,7 @@
 // - What it has answered survives the end of the process, however that comes; what flush() has brought to the disk
 //   survives that of the machine.
 // - A failure throws an Error; one to get memory for the program's own side may be a std::bad_alloc instead. What is
-// not
-//   there is no failure: it is an empty std::optional, or false.
+//   not there is no failure: it is an empty std::optional, or false.
 // - Store, Database, Object and Reader share one store, which stays open until the last of them goes, or until close():
 //   from then on they throw. None of them outlives anything it needs. A copy stands for the same; a move is a copy.
 // - Arguments are looked at during the call alone. Texts are UTF-8. Names of objects are bytes: those that are no UTF-8

@@ -42,6 +42,7 @@ ResultCode EventReader::Refresh() {
     if (const os::SystemError nError = m_Store.OpenFolder(m_Database, &m_pFolder); nError != os::kSuccess)
       return ResultFromSystemError(nError);
   }
+  m_bFirst = m_pChain == nullptr && m_nLife == 0;
   Patience Waiting;
   for (;;) {
     std::unique_ptr<File> pChain;
@@ -157,6 +158,7 @@ void EventReader::Append() {
     Track Fresh;
     Fresh.Extent = One;
     Fresh.Objects = {m_Database.Id.value_or(0), One.nNumber, One.nIdsBirth, 0, m_nChainToken};
+    Fresh.bTold = m_bFirst;
     Missing.To = {One.nNumber, 0};
     const bool bFollows = nLast == 0 || One.nNumber == nLast + 1;
     if (!bFollows || Missing.Reason == Gap::Why::Cleared) Fresh.Before = Missing;
@@ -242,8 +244,8 @@ bool EventReader::StartFirst() {
     if (m_Pending) return false;
     if (m_nNext < First.Extent.nEvents) return true;
     if (!First.Extent.bOver && !First.Gone) return false;
-    // Nobody saw how far it went; or it never held an event and another one follows, as healing leaves it where events
-    // are lost.
+    // Nobody saw how far it went; or it came while we read, holds nothing, and another one follows: so healing leaves
+    // it where events are lost.
     const bool bEmptied = First.Extent.nEvents == 0 && !First.Gone;
     if (!First.Extent.bOver || (bEmptied && !First.bTold)) {
       m_Pending = RestOf(First, m_nNext, First.Gone.value_or(Gap::Why::Damaged));

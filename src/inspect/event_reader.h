@@ -143,6 +143,7 @@ class EventReader {
   Paths* m_pPaths = nullptr;
   std::unique_ptr<File> m_pChain;   // "segments.dat", as it was at the horizon; it goes when the database is cleared
   std::uint64_t m_nChainToken = 0;  // from which on objects are of this life of the chain
+  bool m_bFirst = true;             // at the first horizon, where nothing was known before
   SegmentExtent m_Newest{};         // the last one that became a track
   bool m_bOtherLife = false;        // another life began since the last segment became a track
   std::uint64_t m_nLife = 0;        // of the segments that are known

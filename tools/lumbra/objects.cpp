@@ -334,7 +334,7 @@ int Link(const CommonOptions& Common, const LinkOptions& Options) {
     throw Failure(What, errPARAMETER_INVALID, "2 stands for the host's name, whose own id is not known");
   }
   if (!IsFollowed(Object.nType, Target.nType)) {
-    throw Failure(What, errNOT_SUPPORTED, "the store would not follow this link; see the README for those it does");
+    throw Failure(What, errNOT_SUPPORTED, "the store would not follow this link; docs/tool.md tells those it does");
   }
   const bool bNamesFollow = Object.nType == typeRegistryKey || Object.nType == typeVolumeRoot;
   if (bNamesFollow && LeadsTo(Store, Options.nTarget, Options.nId, What)) {

@@ -156,7 +156,7 @@ std::uint32_t Session::OpenDatabase(const DatabaseName& Database, Missing IfMiss
   const std::string What = "open " + Database.Describe();
   const bool bNewName = !m_Files.HasId(Database);
   if (bNewName && !IsDatabaseName(host::ToUtf16(Database.Name)))
-    throw Failure(What, errPARAMETER_INVALID, "a new database cannot have this name; see the README for those it can");
+    throw Failure(What, errPARAMETER_INVALID, "a new database cannot have this name; docs/tool.md tells those it can");
   if (m_Files.HasLostEvents(Database)) {
     throw Failure(What, errDATA_CORRUPTED,
                   "its segments.dat is missing, damaged or leads nowhere; lumbra clear would start it anew, empty");
