@@ -1,5 +1,5 @@
-# What is installed, and the packages for Debian. The components "library" (headers, one archive, what CMake and pkg-config
-# read) and "tool" (the tool, its manual page and completion, the module); "documents" are licence and changes.
+# What is installed, and the packages for Debian. The components are "library" (headers, archive, what CMake and pkg-config
+# read), "tool" (the tool, its manual page and completion, the module) and "documents" (licence and changes).
 #   cmake --install build/release --prefix DIR [--component library]
 #   (cd build/release && cpack -G DEB)
 # Nothing that is installed says where: it is found beside itself, wherever the prefix is.
@@ -13,29 +13,10 @@ include(CMakePackageConfigHelpers)
 
 # ---- The library ------------------------------------------------------------------------------------------
 
-# One archive of the rooms that Lumbra::store consists of.
-get_target_property(waiting Lumbra::store ALIASED_TARGET)
-set(rooms "")
-while(waiting)
-  list(POP_FRONT waiting room)
-  if(room IN_LIST rooms)
-    continue()
-  endif()
-  list(APPEND rooms ${room})
-  get_target_property(used ${room} LINK_LIBRARIES)
-  list(FILTER used INCLUDE REGEX "^lumbra_")
-  list(APPEND waiting ${used})
-endwhile()
-list(TRANSFORM rooms REPLACE "(.+)" "$<TARGET_OBJECTS:\\1>")
-add_library(lumbra_archive STATIC ${rooms})
-set_target_properties(lumbra_archive PROPERTIES OUTPUT_NAME lumbra EXPORT_NAME store LINKER_LANGUAGE CXX)
-target_compile_features(lumbra_archive PUBLIC cxx_std_20)
-target_include_directories(lumbra_archive INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
-target_link_libraries(lumbra_archive INTERFACE Threads::Threads ${CMAKE_DL_LIBS})
-
 set(cmake_folder ${CMAKE_INSTALL_LIBDIR}/cmake/Lumbra)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/lumbra DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT library)
-install(TARGETS lumbra_archive EXPORT LumbraTargets ARCHIVE COMPONENT library)
+set_target_properties(lumbra_store PROPERTIES OUTPUT_NAME lumbra)  # -llumbra
+install(TARGETS lumbra_store EXPORT LumbraTargets ARCHIVE COMPONENT library)
 install(EXPORT LumbraTargets NAMESPACE Lumbra:: DESTINATION ${cmake_folder} COMPONENT library)
 
 set(LUMBRA_MODULE_NAME lumbra${CMAKE_SHARED_LIBRARY_SUFFIX})
