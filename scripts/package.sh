@@ -53,7 +53,7 @@ debian_sources() {
 
 # Debian's smallest system, and how to get packages there. Fails where this machine cannot make one.
 make_root() {
-  [ "$(id -u)" -eq 0 ] || { echo "only root can make one"; return 1; }
+  unshare --mount true 2>/dev/null || { echo "only root can make one"; return 1; }
   debian_sources >"$work/sources"
   base=$(grep -v -- '-[a-z]*$' "$work/sources" | head -n 1)
   [ -n "$base" ] || { echo "this machine has no source of packages"; return 1; }
@@ -70,9 +70,11 @@ readme_commands() {
   awk '/^<!-- package -->$/ { found = 1; next } found && /^```$/ { exit } found && !/^```/' README.md
 }
 
+# With /proc, as every system has it; it goes with the last of these processes. The machine's folder for temporary files
+# and its language are not there.
 in_root() {
-  # A folder for temporary files is not taken along; LC_ALL may name a language that is not there.
-  env -u TMPDIR LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive HOME=/root chroot "$root" sh -eu -c "$1"
+  env -u TMPDIR LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive HOME=/root \
+    unshare --mount sh -eu -c 'mount -t proc proc "$1/proc"; exec chroot "$1" sh -eu -c "$2"' sh "$root" "$1"
 }
 
 try_in_root() {
