@@ -28,7 +28,8 @@ root=$work/root
 
 make_packages() {
   rm -f build/release/*.deb
-  (cd build/release && cpack -G DEB && cpack -G DEB -B "$work/again") >"$work/cpack" 2>&1 || { cat "$work/cpack"; exit 1; }
+  (cd build/release && cpack -G DEB && cpack -G DEB -B "$work/again") >"$work/cpack" 2>&1 ||
+    { cat "$work/cpack"; exit 1; }
   for package in build/release/*.deb; do
     cmp "$package" "$work/again/${package##*/}" || fail "$package is another one the second time"
     dpkg-deb -x "$package" "$work/unpacked"
@@ -104,7 +105,8 @@ try_in_root() {
 try_beside() {
   mkdir -p "$root/var/lib/dpkg/info" "$root/var/lib/dpkg/updates"
   : >"$root/var/lib/dpkg/status"
-  dpkg --root="$root" --force-not-root --force-depends -i build/release/*.deb >"$work/dpkg" 2>&1 || { cat "$work/dpkg"; exit 1; }
+  dpkg --root="$root" --force-not-root --force-depends -i build/release/*.deb >"$work/dpkg" 2>&1 ||
+    { cat "$work/dpkg"; exit 1; }
   readme_commands | sed '1,/^apt-get install/d' >"$work/commands"
   [ -s "$work/commands" ] || fail "README.md has no commands"
   mkdir "$work/scratch"
@@ -140,19 +142,19 @@ try_outside() {
   build=$work/outside-$1-$2
   mkdir "$build"
   case $2 in
-    add_subdirectory) set -- "$1" -DLUMBRA_SOURCE="$PWD" ;;
-    find_package) set -- "$1" -DCMAKE_PREFIX_PATH="$work/prefix" ;;
+    add_subdirectory) build_with_cmake "$1" -DLUMBRA_SOURCE="$PWD" ;;
+    find_package) build_with_cmake "$1" -DCMAKE_PREFIX_PATH="$work/prefix" ;;
     pkg-config)
       # shellcheck disable=SC2046  # words
       "$1" -std=c++20 -Wall -Wextra -Werror tests/outside/main.cpp -o "$build/outside" \
         $(PKG_CONFIG_PATH=$work/prefix/lib/$multiarch/pkgconfig pkg-config --cflags --libs lumbra)
       ;;
   esac
-  if [ $# -eq 2 ] && [ "$2" != pkg-config ]; then
-    { cmake -S tests/outside -B "$build" -G Ninja -DCMAKE_CXX_COMPILER="$1" "$2" &&
-      cmake --build "$build" --target outside; } >"$build/log" 2>&1 || { cat "$build/log"; exit 1; }
-  fi
   (cd "$build" && ./outside) || fail "it fails"
+}
+build_with_cmake() {
+  { cmake -S tests/outside -B "$build" -G Ninja -DCMAKE_CXX_COMPILER="$1" "$2" && cmake --build "$build" --target outside; } \
+    >"$build/log" 2>&1 || { cat "$build/log"; exit 1; }
 }
 
 install_here() {
