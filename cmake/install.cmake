@@ -1,5 +1,5 @@
-# What is installed, and the packages for Debian. The components are "library" (headers, archive, what CMake and pkg-config
-# read), "tool" (the tool, its manual page and completion, the module) and "documents" (licence and changes).
+# What is installed, and the packages for Debian. The components are "library" (headers, archive, what CMake and
+# pkg-config read), "tool" (the tool, its manual page and completion, the module) and "documents" (licence and changes).
 #   cmake --install build/release --prefix DIR [--component library]
 #   (cd build/release && cpack -G DEB)
 # Nothing that is installed says where: it is found beside itself, wherever the prefix is.
@@ -26,7 +26,8 @@ set(made ${PROJECT_BINARY_DIR}/package)
 configure_package_config_file(${package}/LumbraConfig.cmake.in ${made}/LumbraConfig.cmake
   INSTALL_DESTINATION ${cmake_folder} PATH_VARS LUMBRA_MODULE_FILE)
 write_basic_package_version_file(${made}/LumbraConfigVersion.cmake COMPATIBILITY SameMajorVersion)
-install(FILES ${made}/LumbraConfig.cmake ${made}/LumbraConfigVersion.cmake DESTINATION ${cmake_folder} COMPONENT library)
+install(FILES ${made}/LumbraConfig.cmake ${made}/LumbraConfigVersion.cmake DESTINATION ${cmake_folder}
+  COMPONENT library)
 
 file(RELATIVE_PATH LUMBRA_PC_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 string(REGEX REPLACE "/$" "" LUMBRA_PC_PREFIX ${LUMBRA_PC_PREFIX})
