@@ -1,7 +1,7 @@
 #!/bin/sh
-# Makes the packages for Debian, looks at them with its own checks, and tries them as a user would: in a clean root, where
-# README's commands lead to a running program, and from a project outside that finds the library in three ways. Says how
-# long each step took. --long: the clean root gets the sources alone, and README's commands build them, too.
+# Makes the packages for Debian, looks at them with its own checks, and tries them as a user would: in a clean root,
+# where README's commands lead to a running program, and from a project outside that finds the library in three ways.
+# Says how long each step took. --long: the clean root gets the sources alone, and README's commands build them, too.
 set -eu
 cd "$(dirname "$0")/.."
 case ${1:-} in
