@@ -10,7 +10,7 @@ scripts/test.sh windows-x86-64
 scripts/test.sh windows-x86
 
 tests/systems/hardened.sh "$PWD" build/windows-*/tools/lumbra/lumbra.exe build/windows-*/src/module/lumbra.dll
-tests/systems/modules.sh build/release/src/module/liblumbra.so \
+tests/systems/modules.sh build/release/src/module/lumbra.so \
   build/windows-x86-64/src/module/lumbra.dll build/windows-x86/src/module/lumbra.dll
 trap 'scripts/wine.sh --stop' EXIT
 trap 'exit 130' INT TERM
@@ -21,7 +21,7 @@ programs=$(mktemp -d)
 trap 'scripts/wine.sh --stop; rm -r "$programs"' EXIT
 cat >"$programs/here" <<END
 #!/bin/sh
-exec "$linux/tools/lumbra/lumbra" --module "$linux/src/module/liblumbra.so" "\$@"
+exec "$linux/tools/lumbra/lumbra" --module "$linux/src/module/lumbra.so" "\$@"
 END
 cat >"$programs/wine" <<END
 #!/bin/sh

@@ -1,7 +1,7 @@
 #!/bin/sh
 # The three modules as a host finds them, looked at with other tools than our own: machine, metadata byte by byte,
 # exports, imports, manifest and version.
-#   modules.sh liblumbra.so x86-64/lumbra.dll x86/lumbra.dll
+#   modules.sh lumbra.so x86-64/lumbra.dll x86/lumbra.dll
 set -eu
 
 fail() {

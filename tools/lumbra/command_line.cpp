@@ -11,6 +11,7 @@
 #include "host/printed_text.h"
 #include "ids.h"
 #include "machine.h"
+#include "manual.h"
 #include "nearest.h"
 #include "quantities.h"
 #include "reading.h"
@@ -119,6 +120,7 @@ void AddCommon(CLI::App* pApp, CommonOptions* pCommon) {
   };
   pApp->add_option_function<std::string>("--store", TakeStore, "Folder of the store (default: " + pCommon->Store + ')')
       ->envname("LUMBRA_STORE")
+      ->type_name("DIR")
       ->check(NotEmpty());
   pApp->add_flag("--trust-store", pCommon->bTrustStore, "Use the store though others than you may change it");
   pApp->add_flag("--check-mode", pCommon->bCheckMode, "Create new files with every kind of CRC");
@@ -132,13 +134,15 @@ void AddCommon(CLI::App* pApp, CommonOptions* pCommon) {
               return ParseNumber(Text, 366 * 86400);
             })
       ->type_name("SECONDS");
-  pApp->add_option("--host", pCommon->Host, "Name of the host in the store (default: this machine's)");
+  pApp->add_option("--host", pCommon->Host, "Name of the host in the store (default: this machine's)")
+      ->type_name("NAME");
   pApp->add_option("--module", pCommon->Module, "Run the command on this module (default: what is built in)")
       ->type_name("FILE")
       ->check(NotEmpty());
   pApp->add_option("--trace", pCommon->nTraceLevel,
                    "Write trace lines up to this level to stderr: 300 failures, 350 damage, 400 notable, 500 routine, "
-                   "600 all");
+                   "600 all")
+      ->type_name("LEVEL");
 }
 
 // ---- The commands -----------------------------------------------------------------------------------------
@@ -392,16 +396,9 @@ void AddDataCommands(CLI::App* pApp, Request* pRequest) {
 void AddStoreCommands(CLI::App* pApp, Request* pRequest) {
   const auto [pInfo, pInfoWith] = AddCommand(pApp, pRequest, "info", "Describe every database of the store", Info);
   using Form = InfoOptions::Form;
-  const auto TakeForm = [](const std::string& Text, std::string* pReason) -> std::optional<Form> {
-    if (Text == "table") return Form::Table;
-    if (Text == "json") return Form::Json;
-    if (Text == "prometheus") return Form::Prometheus;
-    *pReason = "the form is table, json or prometheus";
-    return {};
-  };
-  CLI::Option* const pForm = AddParsed(pInfo, "-o,--output", &pInfoWith->Output,
-                                       "table, json, or prometheus for node_exporter's text files", TakeForm);
-  pForm->type_name("FORM");
+  CLI::Option* const pForm =
+      AddChoice<Form>(pInfo, "-o,--output", &pInfoWith->Output, "prometheus is for node_exporter's text files",
+                      {{"table", Form::Table}, {"json", Form::Json}, {"prometheus", Form::Prometheus}});
   pInfo
       ->add_flag_callback(
           "--json", [pWith = pInfoWith] { pWith->Output = Form::Json; }, "As a JSON object")
@@ -454,6 +451,16 @@ void AddStoreCommands(CLI::App* pApp, Request* pRequest) {
   pClear->add_flag("--force", pClearWith->bForce, "Also files that are not the store's");
 }
 
+// What --help does not tell of: texts for the package, and what the completion asks.
+void AddForPackages(CLI::App* pApp, Request* pRequest) {
+  const auto Add = [=](const char* pName, std::string (*pText)(const CLI::App&)) {
+    pApp->add_flag_callback(pName, [=] { throw CLI::CallForVersion(pText(*pApp), 0); })->group("");
+  };
+  Add("--help-manual", ManualPage);
+  Add("--help-bash-completion", BashCompletion);
+  AddCommand(pApp, pRequest, "databases", "The names of all databases, a line each", ListDatabases).pApp->group("");
+}
+
 // Runs the command. Where it has met a file that is refused, and the file system does not tell why, we do.
 int Run(const Request& What) {
   const auto TellReason = [&What] {
@@ -481,7 +488,9 @@ std::string DescribeUnknownCommand(const CLI::App& App) {
   const auto Typed = std::ranges::find_if(Words, [](const std::string& Word) { return !Word.starts_with('-'); });
   if (Typed == Words.end()) return {};
   std::vector<std::string> Known;
-  for (const CLI::App* const pOne : pParent->get_subcommands({})) Known.push_back(pOne->get_name());
+  for (const CLI::App* const pOne : pParent->get_subcommands({})) {
+    if (!pOne->get_group().empty()) Known.push_back(pOne->get_name());
+  }
   const std::string Meant = Nearest(*Typed, Known);
   return "unknown command " + Printable(*Typed) + (Meant.empty() ? "" : "; did you mean " + Meant + '?');
 }
@@ -492,7 +501,7 @@ std::function<int()> ParseCommandLine(const std::vector<std::string>& Arguments)
   CLI::App App("Records events about files and other named objects, and shows them again.", "lumbra");
   App.require_subcommand(1);
   App.allow_windows_style_options(false);  // names may begin with '/' on every system
-  App.set_version_flag("--version", "lumbra " LUMBRA_VERSION);
+  App.set_version_flag("--version", VersionText(), "Print version, format of the files and build, and exit");
   App.fallthrough();  // the common options may stand behind a command, too
   const auto pRequest = std::make_shared<Request>();
   AddCommon(&App, &pRequest->Common);
@@ -500,6 +509,8 @@ std::function<int()> ParseCommandLine(const std::vector<std::string>& Arguments)
   AddObjectCommands(&App, pRequest.get());
   AddDataCommands(&App, pRequest.get());
   AddStoreCommands(&App, pRequest.get());
+  App.footer(ExitStatusText());
+  AddForPackages(&App, pRequest.get());
   try {
     App.parse(std::vector<std::string>(Arguments.rbegin(), Arguments.rend() - 1));  // it takes them from the end
   } catch (const CLI::Success& Asked) {                                             // for help, or the version

@@ -152,6 +152,7 @@ struct ModuleOptions {
 int Module(const CommonOptions& Common, const ModuleOptions& Options);
 
 struct NoOptions {};
+int ListDatabases(const CommonOptions& Common, const NoOptions& Options);
 int CheckStore(const CommonOptions& Common, const NoOptions& Options);
 struct CompactOptions {
   bool bReplace = false;
