@@ -43,7 +43,7 @@ measure_reading() {
   work=$(mktemp -d)
   small=""
   [ "$mode" != --quick ] || small=--quick
-  (cd "$work" && "$here/bench/lumbra_reading" "$here/tools/lumbra/lumbra" "$here/src/module/liblumbra.so" $small) \
+  (cd "$work" && "$here/bench/lumbra_reading" "$here/tools/lumbra/lumbra" "$here/src/module/lumbra.so" $small) \
     >"$results/reading.md"
   rm -rf "$work"
   keep reading
