@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::u16string_view kOwnNames[] = {kIndexFile,        kSharedTreeFile,    kSharedIdsFile, kSharedDataFile,
                                              kCompactedIdsFile, kCompactedDataFile, kSegmentsFile,  kIdentityFile,
-                                             kSetAsideFolder,   kReplacingFile};
+                                             kSetAsideFolder,   kReplacingFile,     kManifestFile,  kSourceFile};
 constexpr std::u16string_view kOwnEndings[] = {u".schema", kHealingEnding};
 
 // The store's own names have no other letters.

@@ -43,6 +43,10 @@ std::uint32_t NumberOfSegmentFile(std::u16string_view Name);
 // Whether a file of this name holds the events of a segment.
 bool IsEventsFileName(std::u16string_view Name);
 
+// In the folder of a backup, beside what is copied: its sums, and what it was copied from.
+inline constexpr char16_t kManifestFile[] = u"backup-manifest";
+inline constexpr char16_t kSourceFile[] = u"backup-source";
+
 // In both: where healing puts what it takes out of the way (salvage/apply.h).
 inline constexpr char16_t kSetAsideFolder[] = u"set-aside";
 

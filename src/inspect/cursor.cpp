@@ -30,11 +30,12 @@ bool Take(std::string_view* pRest, Number* pnNumber) {
 
 }  // namespace
 
-// "1-segment-next-birth-size-first-before-check", in hexadecimal digits.
+// "1-database-segment-next-life-birth-size-first-before-check", in hexadecimal digits.
 std::string FormatCursor(const Cursor& Of) {
   std::string Text(kVersion);
-  for (const std::uint64_t nNumber : {std::uint64_t{Of.nSegment}, Of.nNext, Of.nBirth, std::uint64_t{Of.nEventSize},
-                                      std::uint64_t{Of.nFirstCrc}, std::uint64_t{Of.nBeforeCrc}})
+  for (const std::uint64_t nNumber :
+       {std::uint64_t{Of.nDatabase}, std::uint64_t{Of.nSegment}, Of.nNext, Of.nLife, Of.nBirth,
+        std::uint64_t{Of.nEventSize}, std::uint64_t{Of.nFirstCrc}, std::uint64_t{Of.nBeforeCrc}})
     Text += kBetween + Hex(nNumber);
   return Text + kBetween + Hex(Crc32(kSeed, Text.data(), Text.size()));
 }
@@ -47,8 +48,9 @@ std::optional<Cursor> ParseCursor(std::string_view Text) {
   if (!Rest.starts_with(kBetween)) return {};
   Rest.remove_prefix(1);
   Cursor Read;
-  const bool bAll = Take(&Rest, &Read.nSegment) && Take(&Rest, &Read.nNext) && Take(&Rest, &Read.nBirth) &&
-                    Take(&Rest, &Read.nEventSize) && Take(&Rest, &Read.nFirstCrc) && Take(&Rest, &Read.nBeforeCrc);
+  const bool bAll = Take(&Rest, &Read.nDatabase) && Take(&Rest, &Read.nSegment) && Take(&Rest, &Read.nNext) &&
+                    Take(&Rest, &Read.nLife) && Take(&Rest, &Read.nBirth) && Take(&Rest, &Read.nEventSize) &&
+                    Take(&Rest, &Read.nFirstCrc) && Take(&Rest, &Read.nBeforeCrc);
   return bAll && FormatCursor(Read) == Text ? std::optional(Read) : std::nullopt;
 }
 

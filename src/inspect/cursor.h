@@ -9,8 +9,10 @@
 namespace lumbra::inspect {
 
 struct Cursor {
+  std::uint32_t nDatabase = 0;  // CRC of the name of its folder
   std::uint32_t nSegment = 0;
   std::uint64_t nNext = 0;       // the next event of it to be looked at, from 0
+  std::uint64_t nLife = 0;       // of the chain (horizon.h); 0: not known
   std::uint64_t nBirth = 0;      // of the segment; 0: not known
   std::uint32_t nEventSize = 0;  // bytes
   std::uint32_t nFirstCrc = 0;   // of the segment's first event, and of the last one before nNext; 0 without one

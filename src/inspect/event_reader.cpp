@@ -25,6 +25,11 @@ bool IsDeleted(const std::unique_ptr<File>& pFile) {
   return pFile != nullptr && (pFile->Look(&Now) != os::kSuccess || Now.nNames == 0);
 }
 
+Gap Joined(const std::optional<Gap>& Before, const Gap& After) {
+  if (!Before) return After;
+  return {Before->From, After.To, Before->nCount + After.nCount, Before->bAtLeast || After.bAtLeast, After.Reason};
+}
+
 std::uint32_t CrcOfEvent(std::span<const std::uint8_t> Event) {
   return Crc32(UINT32_MAX, Event.data(), Event.size());  // under which zeros count, too
 }
@@ -42,7 +47,7 @@ ResultCode EventReader::Refresh() {
     if (const os::SystemError nError = m_Store.OpenFolder(m_Database, &m_pFolder); nError != os::kSuccess)
       return ResultFromSystemError(nError);
   }
-  m_bFirst = m_pChain == nullptr && m_nLife == 0;
+  m_bFirst = !std::exchange(m_bRefreshed, true);
   Patience Waiting;
   for (;;) {
     std::unique_ptr<File> pChain;
@@ -51,7 +56,7 @@ ResultCode EventReader::Refresh() {
     const ResultCode nCode = TakeNext(&nKnown);
     if (Failed(nCode)) return nCode;
     const bool bCleared = pChain == nullptr ? m_Horizon.nLife != 0 : IsDeleted(pChain);
-    m_pChain = std::move(pChain);
+    if (os::DeletedFilesFreeTheirNames()) m_pChain = std::move(pChain);
     if (!bCleared) return errOK;
     ForgetFrom(nKnown);
     if (!Waiting.Wait()) return errOK;
@@ -105,7 +110,7 @@ void EventReader::Follow(const Horizon& Fresh) {
   // One that was begun, never held an event, and is gone: its number is free again.
   while (!m_Tracks.empty() && m_Tracks.back().Gone && m_Tracks.back().Extent.nEvents == 0 &&
          (bAnyLeft || m_Tracks.back().Extent.bOver)) {
-    if (!m_Carried) m_Carried = m_Tracks.back().Before;
+    if (m_Tracks.back().Before) m_Carried = m_Tracks.back().Before;
     m_Tracks.pop_back();
   }
   if (m_Tracks.empty()) m_nNext = 0;
@@ -154,13 +159,11 @@ void EventReader::Append() {
   }
   for (const SegmentExtent& One : Segments) {
     if (One.nNumber <= nLast || WasThere(One)) continue;
-    m_Newest = One;
     Track Fresh;
     Fresh.Extent = One;
     Fresh.Objects = {m_Database.Id.value_or(0), One.nNumber, One.nIdsBirth, 0, m_nChainToken};
-    Fresh.bTold = m_bFirst;
     Missing.To = {One.nNumber, 0};
-    const bool bFollows = nLast == 0 || One.nNumber == nLast + 1;
+    const bool bFollows = One.nNumber == nLast + 1 || (nLast == 0 && (m_bFirst || Missing.Reason == Gap::Why::Cleared));
     if (!bFollows || Missing.Reason == Gap::Why::Cleared) Fresh.Before = Missing;
     if (m_Carried) Fresh.Before = Gap{m_Carried->From, Missing.To, 0, true, m_Carried->Reason};
     m_Carried.reset();
@@ -173,11 +176,19 @@ void EventReader::Append() {
   OpenAhead();
 }
 
-// Whether a segment was known before all that was known went: clearing that is interrupted leaves some, and they are
+// Whether a segment was read before all that was known went: clearing that is interrupted leaves some, and they are
 // found again when the database is opened the next time.
 bool EventReader::WasThere(const SegmentExtent& One) const {
-  if (One.nBirth == 0 || One.nNumber > m_Newest.nNumber) return false;
-  return One.nBirth < m_Newest.nBirth || (One.nNumber == m_Newest.nNumber && One.nBirth == m_Newest.nBirth);
+  return std::ranges::any_of(m_Finished, [&One](const SegmentExtent& Known) {
+    return Known.nNumber == One.nNumber && Known.nBirth == One.nBirth && One.nBirth != 0;
+  });
+}
+
+void EventReader::NoteFinished(const SegmentExtent& Of) {
+  constexpr std::size_t kMost = 1000;  // more than a clearing is likely to leave
+  m_nLastFinished = Of.nNumber;
+  m_Finished.push_back(Of);
+  if (m_Finished.size() > kMost) m_Finished.pop_front();
 }
 
 void EventReader::OpenAhead() {
@@ -201,13 +212,15 @@ void EventReader::MoveTo(Place Where) {
   m_bBack = false;
   m_nNext = 0;
   m_nLastFinished = 0;
+  m_bFirst = true;
   m_nLife = m_Horizon.nLife;
-  m_Newest = {};
+  m_Finished.clear();
   m_bOtherLife = false;
   m_Carried.reset();
   Append();
-  while (m_Tracks.size() > 1 && m_Tracks.front().Extent.nNumber < Where.nSegment) {
-    m_nLastFinished = m_Tracks.front().Extent.nNumber;
+  // A segment to which events may still come is not passed.
+  while (m_Tracks.size() > 1 && m_Tracks.front().Extent.nNumber < Where.nSegment && m_Tracks.front().Extent.bOver) {
+    NoteFinished(m_Tracks.front().Extent);
     m_Tracks.pop_front();
   }
   if (m_Tracks.empty()) return;
@@ -244,16 +257,12 @@ bool EventReader::StartFirst() {
     if (m_Pending) return false;
     if (m_nNext < First.Extent.nEvents) return true;
     if (!First.Extent.bOver && !First.Gone) return false;
-    // Nobody saw how far it went; or it came while we read, holds nothing, and another one follows: so healing leaves
-    // it where events are lost.
-    const bool bEmptied = First.Extent.nEvents == 0 && !First.Gone;
-    if (!First.Extent.bOver || (bEmptied && !First.bTold)) {
-      m_Pending = RestOf(First, m_nNext, First.Gone.value_or(Gap::Why::Damaged));
-      m_Pending->bAtLeast = true;
-      First.Extent.bOver = First.bTold = true;
+    if (!First.Extent.bOver) {  // nobody saw how far it went
+      m_Pending = RestOf(First, m_nNext, *First.Gone);
+      First.Extent.bOver = true;
       return false;
     }
-    m_nLastFinished = First.Extent.nNumber;
+    NoteFinished(First.Extent);
     m_Tracks.pop_front();
     m_nNext = 0;
     OpenAhead();
@@ -263,7 +272,14 @@ bool EventReader::StartFirst() {
 
 bool EventReader::Next(std::uint32_t nMost, Batch* pBatch) {
   *pBatch = {};
-  if (StartFirst()) {
+  std::optional<Gap> Lost;  // gaps that follow each other are told as one
+  for (;;) {
+    const bool bEvents = StartFirst();
+    if (m_Pending) {
+      Lost = Joined(Lost, *std::exchange(m_Pending, {}));
+      continue;
+    }
+    if (!bEvents || Lost) break;
     Track& First = m_Tracks.front();
     const std::uint32_t nCount = CountOf(First.Extent.nEvents - m_nNext, nMost);
     const std::optional<Gap::Why> Why = Read(&First, m_nNext, nCount);
@@ -275,9 +291,9 @@ bool EventReader::Next(std::uint32_t nMost, Batch* pBatch) {
     m_Pending = RestOf(First, m_nNext, *Why);
     m_nNext = First.Extent.nEvents;
   }
-  if (!m_Pending) return false;
-  pBatch->First = m_Pending->From;
-  pBatch->Lost = std::exchange(m_Pending, {});
+  if (!Lost) return false;
+  pBatch->First = Lost->From;
+  pBatch->Lost = Lost;
   return true;
 }
 
@@ -312,7 +328,10 @@ bool EventReader::Previous(std::uint32_t nMost, Batch* pBatch) {
       return true;
     }
   }
-  return false;
+  if (!m_Pending) return false;
+  pBatch->First = m_Pending->From;
+  pBatch->Lost = std::exchange(m_Pending, {});
+  return true;
 }
 
 // Whether a segment that is not there any more went because it was the oldest, or with all others.
@@ -360,7 +379,10 @@ std::optional<Gap::Why> EventReader::Read(Track* pTrack, std::uint64_t nFirst, s
     if (pTrack->Gone) return pTrack->Gone;
     if (const std::optional<Gap::Why> Why = Open(pTrack)) return Why;
   }
-  if (const std::optional<Gap::Why> Why = CheckHeader(pTrack)) return Why;
+  if (const std::optional<Gap::Why> Why = CheckHeader(pTrack)) {
+    pTrack->pFile.reset();
+    return Why;
+  }
   const std::uint64_t nOffset = sizeof(tPLAINDB_HEADER) + nFirst * m_Horizon.nEventSize;
   m_Buffer.resize(std::size_t{nCount} * m_Horizon.nEventSize);
   std::uint32_t nRead = 0;
@@ -391,12 +413,18 @@ std::optional<std::uint32_t> EventReader::CrcOf(Track* pTrack, std::uint64_t nIn
 Cursor EventReader::CursorAt(Track* pTrack, std::uint64_t nNext, std::optional<std::uint32_t> BeforeCrc) {
   if (nNext != 0 && !pTrack->FirstCrc) pTrack->FirstCrc = CrcOf(pTrack, 0);
   if (nNext != 0 && !BeforeCrc) BeforeCrc = CrcOf(pTrack, nNext - 1);
-  return {.nSegment = pTrack->Extent.nNumber,
+  return {.nDatabase = CrcOfDatabase(),
+          .nSegment = pTrack->Extent.nNumber,
           .nNext = nNext,
+          .nLife = m_Horizon.nLife,
           .nBirth = pTrack->Extent.nBirth,
           .nEventSize = m_Horizon.nEventSize,
           .nFirstCrc = nNext == 0 ? 0 : pTrack->FirstCrc.value_or(0),
           .nBeforeCrc = BeforeCrc.value_or(0)};
+}
+
+std::uint32_t EventReader::CrcOfDatabase() const {
+  return Crc32(UINT32_MAX, m_Database.Folder.data(), m_Database.Folder.size() * sizeof(char16_t));
 }
 
 Cursor EventReader::CursorBehind(const Batch& Read, std::uint32_t nEvents) {
@@ -410,48 +438,62 @@ Cursor EventReader::CursorBehind(const Batch& Read, std::uint32_t nEvents) {
   return CursorAt(pTrack, Read.First.nIndex + nEvents, BeforeCrc);
 }
 
-// Of a segment that was read to its end, and of one that cannot be read any more, the cursor stands before the next
-// one.
+// Of a segment that is over and was read to its end the cursor stands before the next one, unless something is to be
+// told in between.
 Cursor EventReader::CursorHere() {
   std::size_t nAt = 0;
   std::uint64_t nNext = m_nNext;
-  while (nAt + 1 < m_Tracks.size() && nNext >= m_Tracks[nAt].Extent.nEvents) {
+  while (nAt + 1 < m_Tracks.size() && nNext >= m_Tracks[nAt].Extent.nEvents && m_Tracks[nAt].Extent.bOver &&
+         !m_Tracks[nAt + 1].Before) {
     ++nAt;
     nNext = 0;
   }
-  if (m_Tracks.empty()) return {.nSegment = m_nLastFinished, .nEventSize = m_Horizon.nEventSize};
-  return CursorAt(&m_Tracks[nAt], nNext, {});
+  if (!m_Tracks.empty()) return CursorAt(&m_Tracks[nAt], nNext, {});
+  return {.nDatabase = CrcOfDatabase(),
+          .nSegment = m_nLastFinished == 0 ? 0 : m_nLastFinished + 1,
+          .nLife = m_nLife,
+          .nEventSize = m_Horizon.nEventSize};
 }
 
-Resumed EventReader::GoOnBehindLoss(const Cursor& Kept, Gap::Why Reason) {
-  MoveToOldest();
-  const Place Oldest = m_Tracks.empty() ? Place{} : Place{m_Tracks.front().Extent.nNumber, 0};
-  m_Pending = Gap{{Kept.nSegment, Kept.nNext}, Oldest, 0, true, Reason};
+// At a place, or at the oldest event, with a gap before it.
+Resumed EventReader::GoOnBehindLoss(const Cursor& Kept, Gap::Why Reason, Place Where) {
+  MoveTo(Where);
+  const Place Next = m_Tracks.empty() ? Place{} : Place{m_Tracks.front().Extent.nNumber, 0};
+  m_Pending = Gap{{Kept.nSegment, Kept.nNext}, Next, 0, true, Reason};
   return Resumed::Lost;
+}
+
+bool EventReader::IsOfThisDatabase(const Cursor& Kept) const {
+  return Kept.nDatabase == CrcOfDatabase();
 }
 
 Resumed EventReader::Resume(const Cursor& Kept) {
   MoveTo({Kept.nSegment, Kept.nNext});
-  if (Kept.nSegment == 0) return Resumed::There;  // there was nothing then
+  const std::vector<SegmentExtent>& Segments = m_Horizon.Segments;
+  const std::uint32_t nFirst = Segments.empty() ? 0 : Segments.front().nNumber;
+  const std::uint32_t nLast = Segments.empty() ? 0 : Segments.back().nNumber;
+  if (Kept.nSegment == 0) return nFirst <= 1 ? Resumed::There : GoOnBehindLoss(Kept, Gap::Why::Dropped);
   if (Kept.nEventSize != m_Horizon.nEventSize) return GoOnBehindLoss(Kept, Gap::Why::Cleared);
+  const bool bSameLife = Kept.nLife == m_Horizon.nLife;
   Track* const pTrack = FindTrack(Kept.nSegment);
   if (pTrack == nullptr) {
-    const std::vector<SegmentExtent>& Segments = m_Horizon.Segments;
-    const std::uint32_t nLast = Segments.empty() ? 0 : Segments.back().nNumber;
-    const bool bBegun = Kept.nNext == 0 && nLast != 0 && Kept.nSegment == nLast + 1;  // a segment that was given up
+    const bool bBegun = Kept.nNext == 0 && bSameLife && Kept.nSegment == nLast + 1;  // or it was given up
     if (bBegun) return Resumed::There;
-    return GoOnBehindLoss(Kept, nLast > Kept.nSegment ? Gap::Why::Dropped : Gap::Why::Cleared);
+    if (Kept.nSegment > nLast) return GoOnBehindLoss(Kept, Gap::Why::Cleared);
+    if (Kept.nSegment < nFirst) return GoOnBehindLoss(Kept, Gap::Why::Dropped);
+    return GoOnBehindLoss(Kept, Gap::Why::Damaged, {Kept.nSegment + 1, 0});  // it is missing in between
   }
-  if (Kept.nNext == 0) return Resumed::There;
+  // A birth that is the same says more than an event, which may have been updated; a copy that was put back has
+  // another.
+  const bool bBirth = Kept.nBirth != 0 && Kept.nBirth == pTrack->Extent.nBirth;
+  if (Kept.nNext == 0)
+    return bBirth || bSameLife || Kept.nBirth == 0 ? Resumed::There : GoOnBehindLoss(Kept, Gap::Why::Cleared);
   const std::optional<std::uint32_t> FirstCrc = CrcOf(pTrack, 0);
   const std::optional<std::uint32_t> BeforeCrc = CrcOf(pTrack, Kept.nNext - 1);
   // What cannot be read, because it is dropped just now, say, is told when it is to be read.
   if (!BeforeCrc && Kept.nNext <= pTrack->Extent.nEvents) return Resumed::There;
   const bool bFirst = FirstCrc == Kept.nFirstCrc;
   if (bFirst && BeforeCrc == Kept.nBeforeCrc) return Resumed::There;
-  // A birth that is the same says more than an event, which may have been updated; a copy that was put back has
-  // another.
-  const bool bBirth = Kept.nBirth != 0 && Kept.nBirth == pTrack->Extent.nBirth;
   if (!bFirst && !bBirth) return GoOnBehindLoss(Kept, Gap::Why::Cleared);
   MoveTo({Kept.nSegment, 0});
   return Resumed::Repeated;

@@ -60,7 +60,7 @@ struct Batch {
 // What became of a cursor.
 enum class Resumed {
   There,     // reading goes on where it stopped
-  Repeated,  // the segment has lost events since, by a power cut: it is read from its start once more
+  Repeated,  // the segment has lost events since, by a power cut, or the last one was updated: it is read once more
   Lost,      // what it points to was dropped or cleared: reading goes on at the oldest event
 };
 
@@ -97,6 +97,7 @@ class EventReader {
   Cursor CursorBehind(const Batch& Read, std::uint32_t nEvents);
   Cursor CursorHere();
   Resumed Resume(const Cursor& Kept);
+  bool IsOfThisDatabase(const Cursor& Kept) const;
 
  private:
   // A segment that is to be read.
@@ -105,7 +106,6 @@ class EventReader {
     ObjectsOrigin Objects;
     std::optional<Gap> Before;     // what is missing between it and the track before it
     std::unique_ptr<File> pFile;   // null: not opened yet, or not kept open
-    bool bTold = false;            // that something of it is missing
     bool bChecked = false;         // its header was read, and fits
     std::optional<Gap::Why> Gone;  // it was dropped or cleared since; what was opened can be read
     std::optional<std::uint32_t> FirstCrc;
@@ -130,7 +130,9 @@ class EventReader {
   Track* FindTrack(std::uint32_t nSegment);
   std::optional<std::uint32_t> CrcOf(Track* pTrack, std::uint64_t nIndex);
   Cursor CursorAt(Track* pTrack, std::uint64_t nNext, std::optional<std::uint32_t> BeforeCrc);
-  Resumed GoOnBehindLoss(const Cursor& Kept, Gap::Why Reason);
+  Resumed GoOnBehindLoss(const Cursor& Kept, Gap::Why Reason, Place Where = {});
+  std::uint32_t CrcOfDatabase() const;
+  void NoteFinished(const SegmentExtent& Of);
 
   const Store& m_Store;
   const Database m_Database;
@@ -143,15 +145,16 @@ class EventReader {
   Paths* m_pPaths = nullptr;
   std::unique_ptr<File> m_pChain;   // "segments.dat", as it was at the horizon; it goes when the database is cleared
   std::uint64_t m_nChainToken = 0;  // from which on objects are of this life of the chain
-  bool m_bFirst = true;             // at the first horizon, where nothing was known before
-  SegmentExtent m_Newest{};         // the last one that became a track
-  bool m_bOtherLife = false;        // another life began since the last segment became a track
-  std::uint64_t m_nLife = 0;        // of the segments that are known
-  std::optional<Gap> m_Carried;     // of a track that went before it was read
-  std::optional<Gap> m_Pending;     // to be told before the first track
-  std::size_t m_nBack = 0;          // Previous reads in the track before this one ...
-  std::uint64_t m_nBackEnd = 0;     // ... the events before this one
-  bool m_bBack = false;             // the two hold
+  bool m_bRefreshed = false;
+  bool m_bFirst = true;                  // at the first horizon, where nothing was known before
+  std::deque<SegmentExtent> m_Finished;  // the last ones that were read
+  bool m_bOtherLife = false;             // another life began since the last segment became a track
+  std::uint64_t m_nLife = 0;             // of the segments that are known
+  std::optional<Gap> m_Carried;          // of a track that went before it was read
+  std::optional<Gap> m_Pending;          // to be told before the first track
+  std::size_t m_nBack = 0;               // Previous reads in the track before this one ...
+  std::uint64_t m_nBackEnd = 0;          // ... the events before this one
+  bool m_bBack = false;                  // the two hold
   std::vector<std::uint8_t> m_Buffer;
 };
 

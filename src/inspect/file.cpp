@@ -38,9 +38,9 @@ os::SystemError ReadSmall(const os::FolderHandle& pFolder, std::u16string_view N
 
 // ---- Blocks -----------------------------------------------------------------------------------------------
 
-// A power of two, and at least as many as what stands in two blocks and its neighbours take.
+// A power of two, at least as many as what stands in two blocks and its neighbours take, and at most 1 GiB.
 BlockCache::BlockCache(std::uint64_t nBytes)
-    : m_Blocks(static_cast<std::size_t>(std::bit_floor(std::clamp<std::uint64_t>(nBytes / kBlockSize, 16, 1u << 20)))) {
+    : m_Blocks(static_cast<std::size_t>(std::bit_floor(std::clamp<std::uint64_t>(nBytes / kBlockSize, 16, 1u << 18)))) {
 }
 
 std::size_t BlockCache::HomeOf(std::uint32_t nFile, std::uint64_t nNumber) const {

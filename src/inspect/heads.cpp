@@ -12,6 +12,7 @@
 #include "format/segments_file.h"
 #include "format/tree_file.h"
 #include "inspect/file.h"
+#include "lumbra/lumbra.h"
 
 namespace lumbra::inspect {
 namespace {
@@ -119,13 +120,18 @@ bool IsStill(const SegmentExtent& Segment, const os::FolderHandle& pFolder, cons
   return Chain.nFirstSegment <= Segment.nNumber || os::LookAt(pFolder, First, &Look) != os::kSuccess;
 }
 
-// A store without named databases has none.
-std::optional<Fault> FaultOfIndex(const os::FolderHandle& pStore) {
+std::optional<Fault> FaultOfIndex(const Store& Of) {
+  const os::FolderHandle& pStore = Of.Folder();
   constexpr std::uint64_t kLongest = (std::uint64_t{kMaxIndexNames} + 1) * kIndexBlockSize;
   std::string Bytes;
   os::FileLook Look{};
   const os::SystemError nError = ReadSmall(pStore, kIndexFile, kIndexBlockSize, &Bytes);
-  if (nError == os::kFileNotFound) return {};
+  if (nError == os::kFileNotFound) {
+    const auto IsNamed = [](const Database& One) {
+      return One.Id.value_or(kFirstNamedDatabase) >= kFirstNamedDatabase;
+    };
+    return std::ranges::any_of(Of.Databases(), IsNamed) ? std::optional(Fault{"it is missing"}) : std::nullopt;
+  }
   if (nError != os::kSuccess) return Fault{"it is no file, or the system refuses to read it"};
   if (os::LookAt(pStore, kIndexFile, &Look) == os::kSuccess && Look.nSize > kLongest)
     return Fault{"it is longer than an index of names can be", std::to_string(kLongest), std::to_string(Look.nSize)};
@@ -153,8 +159,8 @@ void CheckSharedHeads(const Store& Of, const Report& Tell) {
     Heads.Check(Of.Folder(), One.pName, One.pName, One.What, 0, bNeeded, [] { return true; });
   }
   Patience Waiting;
-  std::optional<Fault> Index = FaultOfIndex(Of.Folder());
-  while (Index && Waiting.Wait()) Index = FaultOfIndex(Of.Folder());
+  std::optional<Fault> Index = FaultOfIndex(Of);
+  while (Index && Waiting.Wait()) Index = FaultOfIndex(Of);
   if (Index) Tell({Grade::Damage, kIndexFile, 0, Index->What, Index->Expected, Index->Found});
 }
 

@@ -54,6 +54,7 @@ class Look {
 
   // Without it: the newest run of files with events, which tell their size themselves.
   void FollowFiles() {
+    m_pHorizon->Segments.clear();
     std::vector<std::uint32_t> Numbers = ListSegments();
     if (Numbers.empty()) return;
     auto First = Numbers.end() - 1;
@@ -72,12 +73,13 @@ class Look {
     (void)Append(*First);  // as far as it goes
   }
 
-  // Where a segment is missing in between, the next one behind it that holds events; 0 for none.
-  std::uint32_t NextBehindHole() const {
+  // Where a segment is missing in between, the next one behind it that holds events, of those that were listed; 0 for
+  // none.
+  std::uint32_t NextBehindHole(const std::vector<std::uint32_t>& Listed) const {
     if (m_pHorizon->Segments.empty()) return 0;
     const std::uint32_t nEnd = m_pHorizon->Segments.back().nNumber + 1;
-    for (const std::uint32_t nNumber : ListSegments()) {
-      if (nNumber > nEnd && EventsIn(nNumber) != 0) return nNumber;
+    for (auto At = std::ranges::upper_bound(Listed, nEnd); At != Listed.end(); ++At) {
+      if (EventsIn(*At) != 0) return *At;
     }
     return 0;
   }
@@ -106,6 +108,23 @@ class Look {
     return os::LookAt(m_pFolder, SegmentFileName(nNumber, kEventsFile), &Found) == os::kSuccess;
   }
   os::SystemError Failure() const { return m_nFailure; }
+
+  // Whether the chain has lost a segment since, or is another one.
+  bool StartsBehind(std::uint32_t nNumber) {
+    tSDB_HEADER Now{};
+    return !ReadHead(&Now) && (Now.nFirstSegment > nNumber || m_nLife != m_pHorizon->nLife);
+  }
+
+  std::vector<std::uint32_t> ListSegments() const {
+    std::vector<std::uint32_t> Numbers;
+    (void)os::FindFiles(m_pFolder, kAnyEventsFile, [&Numbers](const os::FoundFile& Found) {  // as many as can be seen
+      const std::uint32_t nNumber = IsEventsFileName(Found.Name) ? NumberOfSegmentFile(Found.Name) : 0;
+      if (nNumber != 0 && nNumber < kSegmentNumberLimit) Numbers.push_back(nNumber);
+      return true;
+    });
+    std::ranges::sort(Numbers);
+    return Numbers;
+  }
 
  private:
   std::optional<Wrong> ReadHead(tSDB_HEADER* pHeader) {
@@ -136,11 +155,12 @@ class Look {
       if (nError != os::kSuccess && m_pHorizon->Segments.empty()) return nError;
       // What is no file, and what cannot be looked at, is there, and holds nothing that can be counted.
       const std::uint64_t nSize = nError == os::kSuccess && Found.bPlain ? Found.nSize : 0;
-      m_pHorizon->Segments.push_back({.nNumber = nNumber,
-                                      .nEvents = RecordCountOfSize(nSize, m_pHorizon->nEventSize),
-                                      .nBirth = Found.nBirth,
-                                      .nIdsBirth = 0,
-                                      .bOver = false});
+      m_pHorizon->Segments.push_back(
+          {.nNumber = nNumber,
+           .nEvents = std::min(RecordCountOfSize(nSize, m_pHorizon->nEventSize), kMaxRecords),
+           .nBirth = Found.nBirth,
+           .nIdsBirth = 0,
+           .bOver = false});
     }
     return os::kSuccess;
   }
@@ -160,17 +180,6 @@ class Look {
     return RecordCountOfSize(SizeOf(m_pFolder, SegmentFileName(nNumber, kEventsFile)), m_pHorizon->nEventSize);
   }
 
-  std::vector<std::uint32_t> ListSegments() const {
-    std::vector<std::uint32_t> Numbers;
-    (void)os::FindFiles(m_pFolder, kAnyEventsFile, [&Numbers](const os::FoundFile& Found) {  // as many as can be seen
-      const std::uint32_t nNumber = IsEventsFileName(Found.Name) ? NumberOfSegmentFile(Found.Name) : 0;
-      if (nNumber != 0 && nNumber < kSegmentNumberLimit) Numbers.push_back(nNumber);
-      return true;
-    });
-    std::ranges::sort(Numbers);
-    return Numbers;
-  }
-
   const Store& m_Store;
   const Database& m_Database;
   Horizon* const m_pHorizon;
@@ -186,9 +195,11 @@ namespace {
 
 // A listing shows what came behind our last look, too: missing is only what is missing between that and a later look.
 void LookBehindHoles(Look* pChain, const Database& What, const Report& Tell, Horizon* pHorizon) {
-  while (const std::uint32_t nNext = pChain->NextBehindHole()) {
+  const std::vector<std::uint32_t> Listed = pChain->ListSegments();
+  while (const std::uint32_t nNext = pChain->NextBehindHole(Listed)) {
     const std::uint32_t nMissing = pHorizon->Segments.back().nNumber + 1;
-    if (pChain->Has(nMissing)) return;  // it came meanwhile: what is behind it is behind the horizon
+    // It came meanwhile, so that what is behind it is behind the horizon; or it was dropped, with all before it.
+    if (pChain->Has(nMissing) || pChain->StartsBehind(nMissing)) return;
     const bool bGoesOn = pChain->GoOnBehindHole(nNext);
     Tell({Grade::Damage, What.Folder + u'/' + SegmentFileName(nMissing, kEventsFile), 0,
           "it is missing, and segment " + std::to_string(nNext) + " is there" +
@@ -221,7 +232,7 @@ ResultCode TakeHorizon(const Store& Of, const Database& What, const Report& Tell
     Tell({HowBad, What.Folder + u'/' + kSegmentsFile, 0, Wrong->What, "", Wrong->Found});
     Chain.FollowFiles();
   }
-  if (nFrom == 0) LookBehindHoles(&Chain, What, Tell, pHorizon);
+  LookBehindHoles(&Chain, What, Tell, pHorizon);
   Chain.CloseSegments();
   return errOK;
 }

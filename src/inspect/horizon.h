@@ -43,8 +43,7 @@ struct Horizon {
 // Takes it. A chain that is being changed is waited for a moment; where "segments.dat" is missing or damaged then, or
 // leads nowhere, that is reported, and the newest run of segments that are there is taken; a segment that is missing
 // in between is reported, too. An empty one, and errOK, for a database that has none; a failure when the system does
-// not let us look. Segments before nFrom are left out, where the chain goes so far, and then nothing is looked for
-// behind its end.
+// not let us look. Segments before nFrom are left out, where the chain goes so far.
 ResultCode TakeHorizon(const Store& Of, const Database& What, const Report& Tell, Horizon* pHorizon,
                        std::uint32_t nFrom = 0);
 

@@ -10,9 +10,6 @@
 namespace lumbra::inspect {
 namespace {
 
-// So many contradictions of a store are waited for. Where that was in vain each time, the next ones are told at once.
-constexpr std::uint32_t kMostWaits = 10;
-
 Answer AnswerOf(os::SystemError nError) {
   if (nError == os::kSuccess) return Answer::Read;
   return nError == os::kFileNotFound || nError == os::kPathNotFound ? Answer::Missing : Answer::Unreadable;
@@ -71,6 +68,7 @@ Answer Objects::ReadHeads() {
   std::span<const std::uint8_t> Bytes;
   Answer Found = Get(m_Ids, 0, sizeof(Header), &Bytes);
   if (Found != Answer::Read) return m_Ids.nSize < sizeof(Header) ? Answer::Read : Found;  // it is being made
+  m_bHeads = true;
   std::memcpy(&Header, Bytes.data(), sizeof(Header));
   FILE_MAGIC Magic{};
   Found = Get(m_Data, 0, sizeof(Magic), &Bytes);
@@ -123,8 +121,13 @@ void Objects::ForgetRecord(std::uint32_t nShortId) {
 
 // What a contradiction that stays is called.
 Answer Objects::Contradiction() {
-  if (!m_bHeld) m_bHeld = !m_Store.Holders().empty();
-  return *m_bHeld ? Answer::Unsettled : Answer::Damaged;
+  constexpr std::chrono::milliseconds kBetween{100};
+  const auto Now = std::chrono::steady_clock::now();
+  if (Now - m_HeldAsked >= kBetween) {
+    m_bHeld = !m_Store.Holders().empty();
+    m_HeldAsked = Now;
+  }
+  return m_bHeld ? Answer::Unsettled : Answer::Damaged;
 }
 
 // Tries until what is read does not contradict itself, or is given up. Nothing in memory is believed again.
@@ -135,9 +138,9 @@ Answer Objects::UntilSettled(std::uint32_t nShortId, TryOnce Try) {
     const Answer Found = Try();
     if (Found != Answer::Damaged) return Found;
     if (nShortId != 0) ForgetRecord(nShortId);
-    if (m_nWaited >= kMostWaits) return Contradiction();
+    if (!m_Store.MayWait()) return Contradiction();
     if (Waiting.Wait()) continue;
-    ++m_nWaited;
+    m_Store.NoteWait();
     return Contradiction();
   }
 }
@@ -145,6 +148,9 @@ Answer Objects::UntilSettled(std::uint32_t nShortId, TryOnce Try) {
 // ---- Records and names ------------------------------------------------------------------------------------
 
 Answer Objects::TryRecord(std::uint32_t nShortId, tODB_ID_ENTRY* pRecord) {
+  if (nShortId > m_nCount && !m_bHeads) {
+    if (const Answer Found = ReadHeads(); Found != Answer::Read) return Found;
+  }
   if (nShortId > m_nCount) Measure();
   if (nShortId == 0 || nShortId > m_nCount) return Answer::Missing;
   std::span<const std::uint8_t> Bytes;
@@ -171,7 +177,8 @@ Answer Objects::TryName(const tODB_ID_ENTRY& Of, std::span<const std::uint8_t>* 
       !DataCrc(true).Valid(Of.nObjectHash, Bytes.data(), Of.nNameSize, Bytes.data() + Of.nNameSize))
     Found = Answer::Damaged;
   if (Found == Answer::Read) *pName = Bytes.first(Of.nNameSize);
-  if (Found == Answer::Damaged && m_Data.pFile != nullptr) m_pCache->Forget(*m_Data.pFile, Of.nName, Of.nNameSize);
+  if (Found == Answer::Damaged && m_Data.pFile != nullptr)
+    m_pCache->Forget(*m_Data.pFile, Of.nName, Of.nNameSize + kCrcSize);
   return Found;
 }
 
@@ -220,6 +227,8 @@ Answer Objects::ListData(std::uint32_t nShortId, std::vector<DataBlock>* pBlocks
 
 Answer Objects::TryBlock(std::uint32_t nShortId, const tODB_DATA_ENTRY& Of, std::vector<std::uint8_t>* pBytes) {
   const std::uint32_t nStored = DataSize::Decode(Of.nDataSize).nStored;
+  if (Of.nDataOffset + std::uint64_t{nStored} > m_Data.nSize) Measure();
+  if (Of.nDataOffset + std::uint64_t{nStored} > m_Data.nSize) return Answer::Damaged;
   if (m_Data.pFile != nullptr) m_pCache->Forget(*m_Data.pFile, Of.nDataOffset, nStored);
   std::span<const std::uint8_t> Bytes;
   const Answer Found = Get(m_Data, Of.nDataOffset, nStored, &Bytes);
@@ -235,7 +244,8 @@ Answer Objects::TryBlock(std::uint32_t nShortId, const tODB_DATA_ENTRY& Of, std:
   return Answer::Read;
 }
 
-Answer Objects::ReadData(std::uint32_t nShortId, std::uint32_t nKey, std::vector<std::uint8_t>* pBytes) {
+Answer Objects::ReadData(std::uint32_t nShortId, std::uint32_t nKey, std::vector<std::uint8_t>* pBytes,
+                         std::uint32_t nMost) {
   return UntilSettled(nShortId, [&] {
     std::vector<tODB_DATA_ENTRY> Entries;
     tODB_ID_ENTRY Record{};
@@ -243,6 +253,8 @@ Answer Objects::ReadData(std::uint32_t nShortId, std::uint32_t nKey, std::vector
     if (Found != Answer::Read) return Found;
     const auto Entry = std::ranges::find(Entries, nKey, &tODB_DATA_ENTRY::nDataType);
     if (Entry == Entries.end()) return Answer::Missing;
+    const std::uint64_t nLongest = std::uint64_t{nMost} + ((m_nFeatures & featureBlockCrc) != 0 ? kCrcSize : 0);
+    if (DataSize::Decode(Entry->nDataSize).nStored > nLongest) return Answer::Missing;
     Found = TryBlock(nShortId, *Entry, pBytes);
     return Found == Answer::Read && !IsStill(nShortId, Record) ? Answer::Damaged : Found;
   });

@@ -6,9 +6,9 @@
 // place meanwhile may be read half old, in a store without CRCs.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -69,7 +69,9 @@ class Objects {
 
   // The blocks of an object in the order in which they stand, and the bytes of one of them.
   Answer ListData(std::uint32_t nShortId, std::vector<DataBlock>* pBlocks);
-  Answer ReadData(std::uint32_t nShortId, std::uint32_t nKey, std::vector<std::uint8_t>* pBytes);
+  // One that is longer than the most is Missing.
+  Answer ReadData(std::uint32_t nShortId, std::uint32_t nKey, std::vector<std::uint8_t>* pBytes,
+                  std::uint32_t nMost = UINT32_MAX);
 
   bool HasRecordCrcs() const { return m_nStored != sizeof(tODB_ID_ENTRY); }
   std::uint32_t Features() const { return m_nFeatures; }  // StoreFeatures of the data file
@@ -103,8 +105,9 @@ class Objects {
   std::uint32_t m_nStored = sizeof(tODB_ID_ENTRY);  // bytes of a record in the file
   std::uint32_t m_nFeatures = 0;
   std::uint32_t m_nCount = 0;
-  std::uint32_t m_nWaited = 0;  // contradictions that were waited for in vain
-  std::optional<bool> m_bHeld;  // whether somebody had the store when the first of them stayed
+  bool m_bHeads = false;  // the heads were read
+  bool m_bHeld = false;   // whether somebody had the store, when that was last asked
+  std::chrono::steady_clock::time_point m_HeldAsked{};
 };
 
 }  // namespace lumbra::inspect

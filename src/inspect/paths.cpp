@@ -16,6 +16,9 @@ namespace {
 // So many stores are open at a time: twice as many as a reader of events opens before it reads them.
 constexpr std::size_t kMostOpen = 128;
 
+// So much for the names of one call, which are some 100 MB at most where they are paths of real files.
+constexpr std::size_t kMostNameBytes = std::size_t{1} << 29;
+
 bool IsAscii(std::string_view Text) {
   constexpr std::uint64_t kHighBits = 0x8080808080808080;
   std::uint64_t nBits = 0;
@@ -89,6 +92,7 @@ char* Paths::Texts::Take(std::size_t nSize) {
     ++m_nChunk;
     m_nUsed = 0;
   }
+  m_nSize += nSize;
   if (m_nChunk == m_Chunks.size()) m_Chunks.emplace_back(std::max(kChunk, nSize));
   return m_Chunks[m_nChunk].data() + std::exchange(m_nUsed, m_nUsed + nSize);
 }
@@ -261,6 +265,8 @@ void Paths::Begin(std::uint64_t nId, const ObjectsOrigin& From, Work* pWork) {
   tODB_ID_ENTRY& Record = pWork->Record;
   Record.nParentId = 0;
   Seen.Of = StateOf(pWork->pStore->Opened);
+  const bool bOwn = From.nSegment != 0 && DatabaseOfId(nId) == From.nDatabase && SegmentOfId(nId) == From.nSegment;
+  if (bOwn && pWork->pStore->Opened == Answer::Missing) Seen.Of = ObjectView::State::Lost;
   if (pWork->pStore->pObjects == nullptr) return;
   Objects& In = *pWork->pStore->pObjects;
   Seen.Of = StateOf(In.ReadRecord(pWork->nShortId, &Record));
@@ -284,7 +290,8 @@ void Paths::Finish(Work* pWork) {
   Seen.Of = Parent.State;
   if (Seen.Of != ObjectView::State::Named) return;
   std::span<const std::uint8_t> Stored;
-  Seen.Of = StateOf(Store.pObjects->ReadName(Record, &Stored));
+  const Answer Read = Store.pObjects->ReadName(Record, &Stored);
+  Seen.Of = Read == Answer::Missing ? ObjectView::State::Lost : StateOf(Read);  // the file of names is missing
   if (Seen.Of != ObjectView::State::Named) return;
   std::string Buffer;
   std::size_t nUnits = 0;
@@ -293,6 +300,7 @@ void Paths::Finish(Work* pWork) {
     const bool bSeparated = SeparatorOf(Record, Name) != '\0';
     if (Parent.nUnits + (bSeparated ? 1 : 0) + nUnits > kMaxNameUnits) Seen.Of = ObjectView::State::TooLong;
   }
+  if (m_pNow->Shown.Size() > kMostNameBytes) Seen.Of = ObjectView::State::TooLong;
   if (Seen.Of == ObjectView::State::Named) Seen.Name = Join(Parent, Record, Name);
 }
 
@@ -308,13 +316,14 @@ std::string_view Paths::Join(const Path& Parent, const tODB_ID_ENTRY& Record, st
 
 // The record of an object, or of the one that a link lets it stand for.
 ObjectView::State Paths::ReadLinked(Objects& In, std::uint32_t* pnShortId, bool bVolumes, tODB_ID_ENTRY* pRecord) {
-  CircleWatch Circle;
-  while (pRecord->nType == typeRegistryKey || (pRecord->nType == typeVolumeRoot && bVolumes)) {
-    if (Circle.WasHere(*pnShortId)) return ObjectView::State::Damaged;
+  constexpr int kMostLinks = 64;  // one behind another; more of them are damage
+  for (int i = 0; pRecord->nType == typeRegistryKey || (pRecord->nType == typeVolumeRoot && bVolumes); ++i) {
+    if (i == kMostLinks) return ObjectView::State::Damaged;
     std::uint64_t nLink = 0;
     std::vector<std::uint8_t> Bytes;
-    if (pRecord->nDataEntriesCount == 0 || In.ReadData(*pnShortId, kObjectLinkTag, &Bytes) != Answer::Read) break;
-    if (Bytes.size() != sizeof(nLink)) break;
+    const Answer Read = In.ReadData(*pnShortId, kObjectLinkTag, &Bytes, sizeof(nLink));
+    if (Read == Answer::Missing || (Read == Answer::Read && Bytes.size() != sizeof(nLink))) break;
+    if (Read != Answer::Read) return StateOf(Read);
     std::memcpy(&nLink, Bytes.data(), sizeof(nLink));
     if (nLink == 0) break;
     *pnShortId = MAKE_SHORT_OBJECT_ID(nLink);
@@ -331,6 +340,7 @@ const Paths::Path& Paths::ParentPath(const Held& In, std::uint32_t nShortId, boo
   std::string Text;
   std::size_t nUnits = 0;
   const ObjectView::State State = BuildPath(In, nShortId, bVolumes, &Text, &nUnits);
+  if (State != ObjectView::State::Named && State != ObjectView::State::TooLong) return m_Failed = {State, 0, {}};
   return m_Parents.Add(nKey, {State, static_cast<std::uint32_t>(nUnits), Text});
 }
 

@@ -23,8 +23,9 @@ inline constexpr std::size_t kMaxNameUnits = 32767;
 struct alignas(32) ObjectView {
   enum class State : std::uint8_t {
     Named,
-    Gone,       // its store, or it, is not there
-    TooLong,    // longer than kMaxNameUnits: the type is good
+    Gone,       // it, or the store of another segment, is not there: that was dropped, say
+    Lost,       // the store of the segment that the ids come from is not there
+    TooLong,    // longer than kMaxNameUnits, or one too many of very long ones: the type is good
     Damaged,    // it, or one of its parents, contradicts itself
     Unsettled,  // the same, while somebody has the store
     Unreadable,
@@ -75,12 +76,14 @@ class Paths {
   class Texts {
    public:
     char* Take(std::size_t nSize);
-    void Clear() { m_nChunk = m_nUsed = 0; }
+    void Clear() { m_nChunk = m_nUsed = m_nSize = 0; }
+    std::size_t Size() const { return m_nSize; }  // bytes
 
    private:
     std::vector<std::vector<char>> m_Chunks;
     std::size_t m_nChunk = 0;
     std::size_t m_nUsed = 0;  // in that chunk
+    std::size_t m_nSize = 0;
   };
   struct Key {
     std::uint32_t nDatabase;
@@ -167,6 +170,7 @@ class Paths {
   Held* m_pLast = nullptr;         // ... and its store, within a call
   std::uint64_t m_nHostObject = 0;
   KnownPaths m_Parents;
+  Path m_Failed;  // a path that is not kept, since it may come
   std::vector<Order> m_Order;
   std::vector<Order> m_Spare;
   struct Answers {

@@ -22,6 +22,18 @@ bool Has(const os::FolderHandle& pFolder, std::u16string_view Name) {
   return os::LookAt(pFolder, Name, &Found) == os::kSuccess;
 }
 
+// The id that the folder of a named database was made for. It stands in for the index, where that is lost.
+std::optional<std::uint32_t> IdentityOf(const os::FolderHandle& pStore, const std::u16string& Name) {
+  os::FolderHandle pFolder;
+  std::string Bytes;
+  IdentityBytes Id{};
+  if (os::OpenFolder(pStore, Name, &pFolder) != os::kSuccess) return {};
+  if (ReadSmall(pFolder, kIdentityFile, sizeof(Id), &Bytes) != os::kSuccess || Bytes.size() != sizeof(Id)) return {};
+  std::ranges::copy(Bytes, Id.begin());
+  const std::uint32_t nId = DecodeIdentity(Id);
+  return nId >= kFirstNamedDatabase && nId <= kLastNamedDatabase ? std::optional(nId) : std::nullopt;
+}
+
 // A folder with the head of a chain or with events, or into which we may not look.
 bool MayBeDatabase(const os::FolderHandle& pStore, const std::u16string& Name) {
   if (Name == kSetAsideFolder) return false;
@@ -67,6 +79,7 @@ std::vector<Database> Store::Databases() const {
       const auto Key = std::ranges::find(Keys, IndexKey(Name));
       if (!Number && Key != Keys.end())
         Found.back().Id = kFirstNamedDatabase + static_cast<std::uint32_t>(Key - Keys.begin());
+      if (!Number && Keys.empty()) Found.back().Id = IdentityOf(m_pFolder, Name);
     }
   }
   return Found;

@@ -3,6 +3,7 @@
 // a user who may only read. It believes nothing that it reads, and so does not mind whose the files are.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -51,6 +52,11 @@ class Store {
   std::vector<std::string> IndexedKeys() const;
   bool IsMarkedCorrupted() const;
 
+  // Whether a contradiction may still be waited for. Where that was in vain often enough, in whatever files, the next
+  // ones are told at once.
+  bool MayWait() const { return m_nWaitsLeft != 0; }
+  void NoteWait() const { --m_nWaitsLeft; }
+
   // Who holds the store, by what the system tells of locks, which are not asked for. None means that it is not known:
   // nobody does, or a system, another machine or another user's process does not tell.
   std::vector<Holder> Holders() const;
@@ -59,6 +65,7 @@ class Store {
   explicit Store(os::FolderHandle pFolder) : m_pFolder(std::move(pFolder)) {}
 
   os::FolderHandle m_pFolder;
+  mutable std::atomic<std::uint32_t> m_nWaitsLeft{25};
 };
 
 }  // namespace lumbra::inspect

@@ -107,7 +107,10 @@ class ChainLook {
     os::FileLook Events{};
     const bool bThere = os::LookAt(m_pFolder, SegmentFileName(nNumber, kEventsFile), &Events) == os::kSuccess;
     const bool bHolds = bThere && Events.nSize > sizeof(tPLAINDB_HEADER);
-    if (!bHolds) {
+    if (!bThere && What.Name == SegmentFileName(nNumber, kIdsFile) &&
+        ObjectsIn(m_pFolder, ObjectFilesOf(nNumber)).value_or(0) != 0) {
+      m_pTell->Suspect(What, 0, "it holds names, and the events of its segment are missing");
+    } else if (!bHolds) {
       m_pTell->Leftover(What, 0, "its segment does not belong to the chain, and holds no events");
     } else if (IsEventsFileName(What.Name)) {
       m_pTell->Suspect(What, 0, "it holds events, and does not belong to the chain");

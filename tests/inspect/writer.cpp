@@ -19,7 +19,7 @@ namespace lumbra::test {
 struct Writer::Shared {
   std::atomic<std::uint64_t> nAdded{0};
   std::atomic<std::uint64_t> nFailed{0};
-  std::atomic<std::int64_t> nLastKill{0};  // milliseconds of the clock that all processes share
+  std::atomic<std::int64_t> nLastCut{-10000};  // milliseconds of the clock that all processes share
   std::atomic<bool> bClearing{false};
   std::atomic<std::uint64_t> nCutShort{0};
   std::atomic<bool> bEnd{false};
@@ -74,8 +74,8 @@ std::uint64_t Writer::ClearingsCutShort() const {
   return m_pShared->nCutShort;
 }
 
-bool Writer::WasJustKilled() const {
-  return Milliseconds() - m_pShared->nLastKill < 2000;
+bool Writer::WasJustCutShort() const {
+  return Milliseconds() - m_pShared->nLastCut < 2000;
 }
 
 // Keeps a writer going, whatever befalls it.
@@ -96,12 +96,11 @@ void Writer::Keep(const std::u16string& Folder, Ways What) {
       usleep(Below(20) == 0 ? 250000 : Below(3000));
       kill(nWriter, SIGCONT);
     }
-    if (What.bIsDisturbed) {
-      kill(nWriter, SIGKILL);
-      m_pShared->nLastKill = Milliseconds();
-    }
+    if (What.bIsDisturbed) kill(nWriter, SIGKILL);
     waitpid(nWriter, nullptr, 0);
-    if (m_pShared->bClearing.exchange(false)) ++m_pShared->nCutShort;
+    if (!m_pShared->bClearing.exchange(false)) continue;
+    m_pShared->nLastCut = Milliseconds();
+    ++m_pShared->nCutShort;
   }
   Write(Folder, What);  // once more, to be ended in peace
 }

@@ -47,8 +47,8 @@ class Writer {
   // Clearings that it was killed in: they take the newest segments, and nobody can miss those that he has not seen.
   std::uint64_t ClearingsCutShort() const;
 
-  // Whether it may have been killed within a clearing, which is damage until it is started again.
-  bool WasJustKilled() const;
+  // Whether that was within the last seconds: what it leaves is damage until the next start.
+  bool WasJustCutShort() const;
 
  private:
   struct Shared;

@@ -68,7 +68,14 @@ int Backup(const CommonOptions& Common, const BackupOptions& Options) {
     throw Failure("back up " + Printable(TextOf(From)), errSHARING_VIOLATION,
                   "its shared objects are being replaced; the next command that writes finishes that");
   const os::FolderHandle pTo = PrepareFolder(Folder);
-  const BackupFiles Before = ReadBackupSource(pTo);
+  os::FileLook Ids{};
+  (void)os::LookAt(pStore->Folder(), kSharedIdsFile, &Ids);  // without a birth when it fails
+  const BackupOrigin Origin{TextOf(From), Ids.nBirth};
+  BackupOrigin Earlier;
+  const BackupFiles Before = ReadBackupSource(pTo, &Earlier);
+  if (!Earlier.Path.empty() && !Origin.CouldBe(Earlier))
+    throw Failure(What, errOBJECT_ALREADY_EXISTS,
+                  "it holds a backup of another store, " + Printable(Earlier.Path) + "; name another folder");
   // From here on it is no finished backup.
   const os::SystemError nRemoved = os::RemoveFile(pTo, kManifestFile);
   if (nRemoved != os::kSuccess && nRemoved != os::kFileNotFound) throw Failure(What, ResultFromSystemError(nRemoved));
@@ -79,7 +86,7 @@ int Backup(const CommonOptions& Common, const BackupOptions& Options) {
   StoreCopy Copy(*pStore, Folder, Before, &Found);
   const BackupFiles& Files = Copy.Run();
   RemoveOld(Folder, Before, Files);
-  ReplaceFile(Folder / kSourceFile, SourceOf(Files), {});
+  ReplaceFile(Folder / kSourceFile, SourceOf(Files, Origin), {});
   ReplaceFile(Folder / kManifestFile, ManifestOf(Files), {});
   const std::chrono::duration<double> Taken = std::chrono::steady_clock::now() - Start;
   std::printf("backed up %zu files, copied %llu bytes in %.3f s\n", Files.size(),

@@ -37,13 +37,15 @@ std::string HexOf(const unsigned char* pBytes, std::size_t nSize) {
   return Text;
 }
 
-BackupFiles ReadBackupSource(const os::FolderHandle& pBackup) {
+BackupFiles ReadBackupSource(const os::FolderHandle& pBackup, BackupOrigin* pOrigin) {
   BackupFiles Files;
   std::string Text;
   if (!ReadText(pBackup, kSourceFile, &Text)) return Files;
   const ordered_json Read = ordered_json::parse(Text, nullptr, false);
-  if (!Read.is_object()) return Files;
-  for (const auto& [Name, One] : Read.items()) {
+  if (!Read.is_object() || !Read.contains("files") || !Read["files"].is_object()) return Files;
+  if (Read.contains("store") && Read["store"].is_string()) pOrigin->Path = Read["store"].get<std::string>();
+  if (Read.contains("born") && Read["born"].is_number_unsigned()) pOrigin->nBirth = Read["born"].get<std::uint64_t>();
+  for (const auto& [Name, One] : Read["files"].items()) {
     const auto Number = [&One](const char* pKey) {
       const auto Found = One.find(pKey);
       return Found != One.end() && Found->is_number_unsigned() ? Found->template get<std::uint64_t>() : 0;
@@ -77,7 +79,7 @@ std::string ManifestOf(const BackupFiles& Files) {
   return Text;
 }
 
-std::string SourceOf(const BackupFiles& Files) {
+std::string SourceOf(const BackupFiles& Files, const BackupOrigin& Origin) {
   ordered_json All = ordered_json::object();
   for (const auto& [Name, One] : Files) {
     All[Name] = {{"sum", One.Sum},
@@ -86,7 +88,8 @@ std::string SourceOf(const BackupFiles& Files) {
                  {"source_size", One.nSourceSize},
                  {"source_written", One.nSourceWritten}};
   }
-  return All.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
+  const ordered_json Source = {{"store", Origin.Path}, {"born", Origin.nBirth}, {"files", All}};
+  return Source.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
 }
 
 os::SystemError SumOf(const os::FolderHandle& pFolder, std::u16string_view Name, std::string* pSum,

@@ -62,8 +62,8 @@ struct EventsOptions {
   bool bReverse = false;
   bool bFollow = false;
   bool bJustOne = false;
-  std::string Cursor;       // from the event on that was looked at last
-  std::string AfterCursor;  // from the next one on
+  std::optional<std::string> Cursor;       // from the event on that was looked at last
+  std::optional<std::string> AfterCursor;  // from the next one on
   std::string CursorFile;
   OnGap IfGone = OnGap::Earliest;
   EventFilterOptions Filter;

@@ -1,9 +1,7 @@
 #include "cursor_file.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <memory>
+#include <filesystem>
+#include <system_error>
 
 #include "failure.h"
 #include "machine.h"
@@ -14,12 +12,13 @@ namespace lumbra::tool {
 std::optional<std::string> CursorFile::Read() const {
   constexpr std::size_t kMost = 4096;
   if (m_Path.empty()) return {};
-  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> pFile(OpenStream(m_Path, "rb"), &std::fclose);
-  if (pFile == nullptr && errno == ENOENT) return {};
-  if (pFile == nullptr) throw Failure("read " + Printable(m_Path), errOPEN_FAILED, std::strerror(errno));
-  std::string Text(kMost, '\0');
-  Text.resize(std::fread(Text.data(), 1, kMost, pFile.get()));
-  if (std::ferror(pFile.get()) != 0) throw Failure("read " + Printable(m_Path), errREAD_FAILED);
+  std::string Text;
+  const std::filesystem::path Path = AbsolutePath(m_Path);
+  if (!std::filesystem::is_directory(Path.parent_path()))
+    throw Failure("keep " + Printable(m_Path), errPATH_NOT_FOUND, "its folder is not there");
+  const std::error_code Error = ReadPlainFile(Path, 0, kMost, &Text);
+  if (Error == std::errc::no_such_file_or_directory) return {};
+  if (Error) throw Failure("read " + Printable(m_Path), errREAD_FAILED, "it is no plain file, or may not be read");
   while (Text.ends_with('\n') || Text.ends_with('\r')) Text.pop_back();
   return Text;
 }

@@ -36,6 +36,7 @@ int Dump(const CommonOptions& /*Common*/, const DumpOptions& Options) {
   bool bSound = true;
   const os::SystemError nError =
       inspect::Dump(pFolder, Path.filename().u16string(), {Print, DescribeOwnEvent}, &bSound);
+  if (nError == os::kFileNotFound) throw Failure(What, errOBJECT_NOT_FOUND, "there is no such file");
   if (nError == os::kAccessDenied) throw Failure(What, errACCESS_DENIED, "it is no plain file, or may not be read");
   Check(ResultFromSystemError(nError), What);
   if (Interrupted()) return kExitInterrupted;

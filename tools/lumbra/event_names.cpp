@@ -33,6 +33,7 @@ void EventNames::LookForHost() {
 void EventNames::Count(const std::vector<inspect::ObjectView>& Objects) {
   using State = inspect::ObjectView::State;
   for (const inspect::ObjectView& One : Objects) {
+    m_nLost += One.Of == State::Lost ? 1 : 0;
     m_nDamaged += One.Of == State::Damaged ? 1 : 0;
     m_nUnsettled += One.Of == State::Unsettled ? 1 : 0;
     m_nUnreadable += One.Of == State::Unreadable ? 1 : 0;
@@ -46,6 +47,7 @@ void EventNames::TellOfUnreadable() const {
     std::fprintf(stderr, "lumbra: the objects of %llu event%s cannot be read: %s\n",
                  static_cast<unsigned long long>(nCount), nCount == 1 ? "" : "s", pWhy);
   };
+  Tell(m_nLost, "the files of their segment are lost, or were dropped meanwhile");
   Tell(m_nDamaged, "what is stored of them is damaged");
   Tell(m_nUnsettled, "somebody who has the store was writing to them");
   Tell(m_nUnreadable, "the system does not let us");

@@ -38,6 +38,7 @@ class EventNames {
   inspect::Paths m_Paths;
   std::vector<std::uint64_t> m_Ids;
   bool m_bHostKnown = false;  // whether it was looked for what kHostObjectAlias stands for
+  std::uint64_t m_nLost = 0;
   std::uint64_t m_nDamaged = 0;
   std::uint64_t m_nUnsettled = 0;
   std::uint64_t m_nUnreadable = 0;

@@ -261,9 +261,9 @@ void EventOutput::AddName(const inspect::ObjectView& Object) {
     return AddJsonText(Printable(Object.Name));
   }
   if (bNamed) return AddText(Object.Name);
-  m_Lines.Add(Object.Of == State::Gone      ? "(its name is gone)"
-              : Object.Of == State::TooLong ? kNameTooLong
-                                            : "(its name cannot be read)");
+  m_Lines.Add(Object.Of == State::Gone || Object.Of == State::Lost ? "(its name is gone)"
+              : Object.Of == State::TooLong                        ? kNameTooLong
+                                                                   : "(its name cannot be read)");
 }
 
 // Most names are plain, and nothing else than copied.

@@ -95,8 +95,8 @@ class EventShow {
   // Answers the exit status with which to end at once, or kExitOk.
   int GoToStart() {
     std::optional<std::string> After = m_KeptCursor.Read();
-    if (!m_Options.AfterCursor.empty()) After = m_Options.AfterCursor;
-    if (!m_Options.Cursor.empty()) return GoOnAt(m_Options.Cursor, true);
+    if (m_Options.AfterCursor) After = m_Options.AfterCursor;
+    if (m_Options.Cursor) return GoOnAt(*m_Options.Cursor, true);
     if (After) return GoOnAt(*After, false);
     if (m_Options.From) m_Reader.MoveTo({SegmentOfId(*m_Options.From), static_cast<std::uint32_t>(*m_Options.From)});
     std::optional<std::uint64_t> Lines = m_Options.Lines;
@@ -134,8 +134,10 @@ class EventShow {
 
   int GoOnAt(const std::string& Text, bool bFromBefore) {
     const std::optional<inspect::Cursor> Kept = inspect::ParseCursor(Text);
-    if (!Kept) {
-      std::fprintf(stderr, "lumbra: this is no cursor: %s\n", Printable(Text).c_str());
+    constexpr std::size_t kMostShown = 100;
+    if (!Kept || !m_Reader.IsOfThisDatabase(*Kept)) {
+      std::fprintf(stderr, "lumbra: this is no cursor%s: %s\n", Kept ? " of this database" : "",
+                   Printable(Text.substr(0, kMostShown)).c_str());
       return kExitCursorInvalid;
     }
     const inspect::Resumed Found = m_Reader.Resume(*Kept);
@@ -145,9 +147,11 @@ class EventShow {
     }
     const bool bRepeated = Found == inspect::Resumed::Repeated;
     if (m_Options.IfGone == OnGap::Error || (bRepeated && !m_Options.bQuiet)) {
-      std::fprintf(stderr, "lumbra: the event of the cursor is gone: %s\n",
-                   bRepeated ? "the newest events were lost by a power cut; the segment is read from its start"
-                             : "it was dropped or cleared");
+      std::fprintf(
+          stderr, "lumbra: the event of the cursor is gone: %s\n",
+          bRepeated
+              ? "the newest events were lost by a power cut, or it was updated; the segment is read from its start"
+              : "it was dropped or cleared");
     }
     if (m_Options.IfGone == OnGap::Error) return kExitCursorGone;
     if (m_Options.IfGone == OnGap::Latest) GoToEnd();
@@ -358,10 +362,9 @@ class EventShow {
 
 // What the component cannot do.
 bool NeedsReader(const EventsOptions& Options) {
-  return Options.bReverse || Options.bFollow || Options.bJustOne || !Options.Cursor.empty() ||
-         !Options.AfterCursor.empty() || !Options.CursorFile.empty() || Options.Filter != EventFilterOptions() ||
-         Options.Form == OutputForm::Csv || !Options.Fields.empty() || Options.Layout || Options.bShowCursor ||
-         Options.bNumbers || Options.bCountOnly;
+  return Options.bReverse || Options.bFollow || Options.bJustOne || Options.Cursor || Options.AfterCursor ||
+         !Options.CursorFile.empty() || Options.Filter != EventFilterOptions() || Options.Form == OutputForm::Csv ||
+         !Options.Fields.empty() || Options.Layout || Options.bShowCursor || Options.bNumbers || Options.bCountOnly;
 }
 
 }  // namespace

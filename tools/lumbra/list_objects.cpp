@@ -153,7 +153,7 @@ class Lister {
   void Print(const Listed& Object, const ObjectView& View) {
     const bool bNamed = View.Of == ObjectView::State::Named;
     const bool bTooLong = View.Of == ObjectView::State::TooLong;
-    const bool bGone = View.Of == ObjectView::State::Gone;
+    const bool bGone = View.Of == ObjectView::State::Gone || View.Of == ObjectView::State::Lost;
     if (!bNamed && !bTooLong && Object.bRead) ++m_nUnreadable;  // the others are counted
     if (bNamed ? !m_Filter.Matches(View.Name) : !m_Options.Under.empty()) return;
     m_Output.Print(Object, View.Name,

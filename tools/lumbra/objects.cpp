@@ -273,6 +273,7 @@ int PrintView(std::uint64_t nId, const inspect::ObjectView& View) {
       PrintName(nId, View.nType, kNameTooLong);
       return kExitOk;
     case State::Gone:
+    case State::Lost:
       std::printf("%s  not found\n", FormatId(nId).c_str());
       return kExitFailed;
     case State::Damaged:

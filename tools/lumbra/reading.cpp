@@ -5,6 +5,7 @@
 
 #include "commands.h"
 #include "failure.h"
+#include "format/file_names.h"
 #include "host/text.h"
 #include "machine.h"
 #include "platform/result.h"
@@ -18,8 +19,13 @@ bool ReadsThroughComponent(const CommonOptions& Options) {
 std::unique_ptr<inspect::Store> OpenToRead(const CommonOptions& Options) {
   const std::filesystem::path Folder = AbsolutePath(Options.Store);
   const std::string What = "open " + Printable(TextOf(Folder));
+  if (std::error_code Ignored; std::filesystem::is_symlink(Folder, Ignored))
+    throw Failure(What, errACCESS_DENIED, "it is a link; name the folder that it leads to");
   std::unique_ptr<inspect::Store> pStore;
   const os::SystemError nError = inspect::Store::Open(Folder.u16string(), &pStore);
+  os::FileLook Found{};
+  if (nError == os::kSuccess && os::LookAt(pStore->Folder(), kSharedIdsFile, &Found) == os::kAccessDenied)
+    throw Failure(What, errACCESS_DENIED, "its folder may not be read by this user");
   if (nError == os::kFileNotFound || nError == os::kPathNotFound || (nError == os::kSuccess && !pStore->IsStore()))
     throw Failure(What, errOBJECT_NOT_FOUND, "there is no store here");
   Check(ResultFromSystemError(nError), What);
@@ -45,9 +51,12 @@ inspect::Report Findings::Teller() {
     std::string Line = std::string(kGrades[nGrade]) + ' ' + Printable(host::ToUtf8(What.File)) + ": " + What.What;
     if (!What.Expected.empty()) Line += " (expected " + What.Expected + ')';
     if (!What.Found.empty()) Line += " (found " + What.Found + ')';
+    constexpr std::size_t kMostKept = 1000;
+    m_bMissing = m_bMissing || What.Of != inspect::Grade::Leftover;
+    if (m_Told.contains(Line)) return;
+    if (m_Told.size() < kMostKept) m_Told.insert(Line);
     std::fflush(stdout);
     std::fprintf(stderr, "lumbra: %s\n", Line.c_str());
-    m_bMissing = m_bMissing || What.Of != inspect::Grade::Leftover;
   };
 }
 

@@ -4,6 +4,8 @@
 
 #include <cstdint>
 #include <memory>
+#include <set>
+#include <string>
 
 #include "inspect/finding.h"
 #include "inspect/store.h"
@@ -23,7 +25,7 @@ std::uint64_t CacheBytesOf(const CommonOptions& Options);
 // Tells on stderr what is found, a line each, and remembers that something was.
 class Findings {
  public:
-  // The report that does so. This outlives it.
+  // The report that does so, of each finding once. This outlives it.
   inspect::Report Teller();
 
   // The exit status of a command that reads: kExitIncomplete where something was damaged or missing.
@@ -32,6 +34,7 @@ class Findings {
 
  private:
   bool m_bMissing = false;
+  std::set<std::string> m_Told;
 };
 
 }  // namespace lumbra::tool

@@ -34,6 +34,15 @@ bool IsSettled(const os::FileLook& Of) {
   return Of.nWritten + kSettled < os::CurrentTime();
 }
 
+// The first segment by "segments.dat", 0 where that does not tell.
+std::uint32_t FirstIn(const os::FolderHandle& pFolder) {
+  tSDB_HEADER Header{};
+  std::string Bytes;
+  if (inspect::ReadSmall(pFolder, kSegmentsFile, sizeof(Header), &Bytes) != os::kSuccess) return 0;
+  if (Bytes.size() == sizeof(Header)) std::memcpy(&Header, Bytes.data(), sizeof(Header));
+  return Header.nFirstSegment;
+}
+
 void Require(os::SystemError nError, const std::string& What) {
   if (nError != os::kSuccess) throw Failure(What, ResultFromSystemError(nError));
 }
@@ -108,10 +117,11 @@ bool StoreCopy::TryDatabase(const inspect::Database& Which, const Place& At) {
 bool StoreCopy::CopySegment(const Place& At, const inspect::SegmentExtent& Segment, std::uint32_t nEventSize) {
   const std::u16string Name = SegmentFileName(Segment.nNumber, kEventsFile);
   os::FileLook Source{};
+  // A segment that is dropped loses its files when "segments.dat" leads behind it.
   const auto IsThere = [&] {
     const os::SystemError nError = os::LookAt(At.pFrom, Name, &Source);
     if (nError != os::kFileNotFound) Require(nError, What(At, Name));
-    return nError == os::kSuccess && Source.nBirth == Segment.nBirth;
+    return nError == os::kSuccess && Source.nBirth == Segment.nBirth && FirstIn(At.pFrom) <= Segment.nNumber;
   };
   if (!IsThere()) return false;
   const std::uint64_t nBytes = sizeof(tPLAINDB_HEADER) + Segment.nEvents * nEventSize;
@@ -168,7 +178,10 @@ void StoreCopy::CopyEachObject(const Place& At, const inspect::ObjectFileNames& 
   inspect::Objects From(m_From, At.pFrom, Names, &Blocks);
   const inspect::Answer Opened = From.Open();
   if (Opened == inspect::Answer::Missing) return;  // it was dropped, and its events with it
-  if (Opened != inspect::Answer::Read) throw Failure(What(At, Names.Ids), errREAD_FAILED);
+  if (Opened != inspect::Answer::Read) {
+    LeaveOut(At, Names.Ids);
+    return;
+  }
   const ObjectCopy Copied = CopyObjectsOneByOne(&From, At.pTo, Names);
   if (Copied.nLeftOut != 0) {
     m_pFindings->NoteMissing();
@@ -205,13 +218,19 @@ bool StoreCopy::CopyFile(const Place& At, const std::u16string& Name, std::uint6
   std::unique_ptr<inspect::File> pFrom;
   const os::SystemError nError = inspect::File::Open(At.pFrom, Name, &pFrom);
   if (nError == os::kFileNotFound) return false;
-  Require(nError, What(At, Name));
   os::FileLook Now{};
-  Require(pFrom->Look(&Now), What(At, Name));
+  if (nError != os::kSuccess || pFrom->Look(&Now) != os::kSuccess) return LeaveOut(At, Name);
   NewFile To(At.pTo, Name, What(At, Name));
   To.TakeFrom(*pFrom, std::min(nMost, Now.nSize));
   To.Close();
   Note(At, Name, pSource);
+  return true;
+}
+
+// A file that cannot be read does not keep the others from being copied.
+bool StoreCopy::LeaveOut(const Place& At, const std::u16string& Name) {
+  ReportFailure(Failure(What(At, Name), errOPEN_FAILED, "it is no plain file, or may not be read, and is left out"));
+  m_pFindings->NoteMissing();
   return true;
 }
 

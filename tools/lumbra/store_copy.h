@@ -49,6 +49,7 @@ class StoreCopy {
   void CopyEachObject(const Place& At, const inspect::ObjectFileNames& Names);
   bool IsKept(const Place& At, const std::u16string& Name, const os::FileLook& Source);
   bool CopyFile(const Place& At, const std::u16string& Name, std::uint64_t nMost, const os::FileLook* pSource);
+  bool LeaveOut(const Place& At, const std::u16string& Name);
   void WriteFile(const Place& At, const std::u16string& Name, const std::string& Bytes);
   void Note(const Place& At, const std::u16string& Name, const os::FileLook* pSource);
   Place OpenPlace(const inspect::Database& What);
