@@ -7,10 +7,11 @@
 namespace lumbra::test {
 namespace {
 
-std::string Replaced(std::string Text, std::string_view What, std::string_view By) {
-  for (std::size_t nAt = 0; (nAt = Text.find(What, nAt)) != std::string::npos; nAt += By.size())
-    Text.replace(nAt, What.size(), By);
-  return Text;
+std::string Replaced(std::string_view Text, std::string_view What, std::string_view By) {
+  std::string All;
+  for (std::size_t nAt = 0; (nAt = Text.find(What)) != std::string_view::npos; Text.remove_prefix(nAt + What.size()))
+    All.append(Text.substr(0, nAt)).append(By);
+  return All.append(Text);
 }
 
 // The options of a command, and what it is said to do with them: "-n,--lines" and "The newest N events".
