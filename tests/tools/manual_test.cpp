@@ -64,8 +64,8 @@ class ManualTest : public ToolTest {
   // What stands in the completion's place of the last word.
   std::set<std::string> Complete(const std::string& Words) {
     WriteText("completion", Run("--help-bash-completion"));
-    WriteText("ask", "PATH=" + std::string(LUMBRA_TOOL).substr(0, std::string(LUMBRA_TOOL).rfind('/')) +
-                         ":$PATH\n. ./completion\nCOMP_WORDS=(" + Words +
+    WriteText("ask", "PATH='" + std::string(LUMBRA_TOOL).substr(0, std::string(LUMBRA_TOOL).rfind('/')) +
+                         "':$PATH\n. ./completion\nCOMP_WORDS=(" + Words +
                          ")\nCOMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n_lumbra\nprintf '%s\\n' \"${COMPREPLY[@]}\"\n");
     std::istringstream Lines(RunProgram({"/bin/bash", "ask"}));
     std::set<std::string> All;
