@@ -6,6 +6,7 @@
 #include <cstring>
 #include <functional>
 #include <thread>
+#include <utility>
 
 #include "host/text.h"
 #include "inspect/event_reader.h"
@@ -59,8 +60,8 @@ class Delivery {
     }
     for (const NumberedEvent& One : EventsOf(Read)) {
       // A clearing that was cut short takes events that nobody has seen, once.
-      m_nUnseen += m_Writer.ClearingsCutShort() - m_nCutShort;
-      m_nCutShort = m_Writer.ClearingsCutShort();
+      const std::uint64_t nCutShort = m_Writer.ClearingsCutShort();
+      m_nUnseen += nCutShort - std::exchange(m_nCutShort, nCutShort);
       const std::uint64_t nNext = m_nNext + m_nLost;
       const bool bMayJump = m_nNext == 0 || m_bAtLeast;
       if (!bMayJump && m_nUnseen == 0) {
