@@ -17,6 +17,7 @@
 //   not there is no failure: it is an empty std::optional, or false.
 // - Store, Database, Object and Reader share one store, which stays open until the last of them goes, or until close():
 //   from then on they throw. None of them outlives anything it needs. A copy stands for the same; a move is a copy.
+// - A process that is forked from one with an open store has none: there every call throws.
 // - Arguments are looked at during the call alone. Texts are UTF-8. Names of objects are bytes: those that are no UTF-8
 //   come back as they were.
 //
@@ -310,7 +311,7 @@ class Reader {
   // The next batch, good until the next call and as long as the reader. An empty one is the end of what was there; a
   // call after that gives what has come since, so that following a database is to go on asking, now and then. Where the
   // database was cleared meanwhile it begins with what came after that.
-  std::span<const Event<T>> next_batch() {
+  std::span<const Event<T>> next_batch() & {
     fetch();
     m_nAt = m_Batch.size();  // an iterator goes on behind it
     return m_Batch;
@@ -340,7 +341,7 @@ class Reader {
   };
 
   // Iterators are of this reader, where it is now. An event is good until the iterator moves on.
-  iterator begin() {
+  iterator begin() & {
     if (m_nAt == m_Batch.size()) fetch();
     return iterator(this);
   }
@@ -393,7 +394,8 @@ class AnyDatabase {
   std::size_t event_size() const noexcept;   // bytes
 
   // Sets all limits, at once and for what is there already; those that are left out are lifted. They are not stored:
-  // set them after every start. An Error (errPARAMETER_INVALID) for negative ages.
+  // set them after every start. Segments go as a whole: what was recorded without limits may be one, and all of it. An
+  // Error (errPARAMETER_INVALID) for negative ages.
   void set_limits(const Limits& limits) const;
 
   Info info() const;

@@ -116,6 +116,7 @@ State::State(fs::path Folder, fs::path Canonical, const Options& What)
     : m_Folder(std::move(Folder)),
       m_Canonical(std::move(Canonical)),
       m_Options(What),
+      m_nProcess(os::ProcessId()),
       m_pHost(std::make_unique<host::StandaloneHost>()) {
   const Where kAt{"open"};
   if (m_pHost->LoadResult() == errALREADY_EXISTS)
@@ -192,6 +193,8 @@ Use::Use(State& Of, const char* pOperation, const OpenDatabase* pDatabase)
     : m_State(Of), m_Where{pOperation, pDatabase} {
   if (!m_State.m_bClosing) m_Hold = std::shared_lock(m_State.m_Life);
   if (!m_Hold.owns_lock() || m_State.m_pHost == nullptr) Fail(errSTORE_NOT_INITIALIZED);
+  if (m_State.m_nProcess != os::ProcessId())
+    Fail(errSTORE_NOT_INITIALIZED, "it was opened before the process was forked, and stays with that one");
 }
 
 // ---- Databases --------------------------------------------------------------------------------------------
@@ -219,6 +222,8 @@ OpenDatabase* State::OpenOne(std::string_view Name, std::size_t nEventSize) {
   const Use Now(*this, "database", &Wanted);
   if (Number == 0u) Now.Fail(errPARAMETER_INVALID, "numbers of databases are 1 to 47");
   if (nEventSize == 0) Now.Fail(errPARAMETER_INVALID, "an event has at least one byte");
+  constexpr std::size_t kMostBytes = 16 << 20;
+  if (nEventSize > kMostBytes) Now.Fail(errPARAMETER_INVALID, "an event has at most 16 MiB");
 
   const std::lock_guard Hold(m_Lock);
   std::unique_ptr<OpenDatabase>& pKnown = m_Databases[Folder];

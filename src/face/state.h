@@ -78,6 +78,7 @@ class State : public std::enable_shared_from_this<State> {
   const std::filesystem::path m_Folder;
   const std::filesystem::path m_Canonical;
   const Options m_Options;
+  const std::uint32_t m_nProcess;  // a process that was forked from it has no store of its own
 
   std::atomic<bool> m_bClosing{false};  // so that the calls of others cannot keep the closing one waiting for ever
   std::shared_mutex m_Life;             // held by every call, and alone by who closes

@@ -226,7 +226,11 @@ SystemError Move(const FolderHandle& pFrom, std::u16string_view Name, const Fold
 // The size of a file that others may hold open in any way.
 SystemError MeasureFile(const FolderHandle& pFolder, std::u16string_view Name, std::uint64_t* pnSize);
 
-// ---- Time and text ----------------------------------------------------------------------------------------
+// ---- Processes, time and text
+// ----------------------------------------------------------------------------------------
+
+// The number of the process.
+std::uint32_t ProcessId();
 
 // Now, in UTC, as a FILETIME.
 std::uint64_t CurrentTime();

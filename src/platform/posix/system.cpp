@@ -13,6 +13,10 @@
 
 namespace lumbra::os {
 
+std::uint32_t ProcessId() {
+  return static_cast<std::uint32_t>(getpid());
+}
+
 std::uint64_t CurrentTime() {
   timespec Now{};
   clock_gettime(CLOCK_REALTIME, &Now);

@@ -6,6 +6,10 @@
 
 namespace lumbra::os {
 
+std::uint32_t ProcessId() {
+  return GetCurrentProcessId();
+}
+
 std::uint64_t CurrentTime() {
   FILETIME Now{};
   GetSystemTimeAsFileTime(&Now);
