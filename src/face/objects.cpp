@@ -1,5 +1,6 @@
 // Objects: their names, what they are in, and their data.
 #include "face/state.h"
+#include "host/name_flags.h"
 #include "host/text.h"
 #include "inspect/paths.h"
 
@@ -15,18 +16,6 @@ constexpr std::size_t kMaxNameUnits = inspect::kMaxNameUnits;
 
 constexpr std::uint64_t NumberOf(ObjectId nId) {
   return static_cast<std::uint64_t>(nId);
-}
-
-// The flags override with which an object is looked up, so that its name comes back as it went in; the tool has the
-// same.
-std::uint32_t FlagsFor(Type Of, std::string_view Name) {
-  // What stands for bytes that are no UTF-8 would be lost where the store keeps a name as UTF-8.
-  const std::uint32_t nForm = host::IsUtf8(Name) ? 0 : RemoveObjectFlags(fObjUtf8);
-  const bool bPath = Of == Type::file || Of == Type::folder;
-  if (!bPath || !Name.starts_with('/')) return nForm;
-  // One that splitting would change, with a '\' in a name or nothing but the root, is kept whole.
-  const bool bSplits = Name != "/" && Name.find('\\') == std::string_view::npos;
-  return nForm | RemoveObjectFlags(bSplits ? fObjNoCase : fObjNoCase | fObjSplitPath);
 }
 
 bool IsHigh(char16_t c) {
@@ -65,9 +54,10 @@ std::optional<ObjectId> detail::FindObject(const Use& In, std::uint32_t nDatabas
   const std::u16string Wide = host::NameToUtf16(Name);
   if (Wide.size() > kMaxNameUnits) In.Fail(errSIZE_INVALID, "the name is too long");
   std::uint64_t nId = 0;
-  const ResultCode nCode = In.Call(&LumbraOperations::FindObject, nDatabase, static_cast<std::uint32_t>(Of),
-                                   Wide.c_str(), static_cast<std::int32_t>(Wide.size() * sizeof(char16_t)),
-                                   bCreate ? kCreateRepairing : kFindOnly, FlagsFor(Of, Name), NumberOf(Parent), &nId);
+  const ResultCode nCode =
+      In.Call(&LumbraOperations::FindObject, nDatabase, static_cast<std::uint32_t>(Of), Wide.c_str(),
+              static_cast<std::int32_t>(Wide.size() * sizeof(char16_t)), bCreate ? kCreateRepairing : kFindOnly,
+              host::FlagsFor(static_cast<std::uint32_t>(Of), Name), NumberOf(Parent), &nId);
   if (!bCreate && IsMissing(nCode)) return {};
   In.Check(nCode);
   return ObjectId{nId};

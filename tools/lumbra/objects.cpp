@@ -5,6 +5,7 @@
 
 #include "commands.h"
 #include "failure.h"
+#include "host/name_flags.h"
 #include "host/text.h"
 #include "ids.h"
 #include "inspect/find_names.h"
@@ -182,7 +183,7 @@ class NameSearch {
   std::uint32_t IdOfNamed() const { return Require(*m_pStore, m_Options.Database).Id.value_or(kSystemDatabase); }
 
   inspect::SoughtName AsAsked(const Sought& One) const {
-    return {static_cast<std::uint8_t>(m_Options.nType), FlagsFor(m_Options.nType, One.Name), One.Wide};
+    return {static_cast<std::uint8_t>(m_Options.nType), host::FlagsFor(m_Options.nType, One.Name), One.Wide};
   }
 
   void LookIn(const OpenObjects& In) {

@@ -9,6 +9,7 @@
 #include "format/database_name.h"
 #include "format/named_index_file.h"
 #include "holder.h"
+#include "host/name_flags.h"
 #include "host/text.h"
 #include "host/trust.h"
 #include "ids.h"
@@ -245,7 +246,7 @@ ResultCode Session::FindObject(std::uint32_t nDatabase, std::uint32_t nType, con
   if (Wide.size() > kMaxNameUnits) return errSIZE_INVALID;
   const auto nSize = static_cast<std::int32_t>(Wide.size() * sizeof(char16_t));
   return Call(&LumbraOperations::FindObject, nDatabase, nType, Wide.c_str(), nSize,
-              bCreate ? kCreateRepairing : kFindOnly, FlagsFor(nType, Name), nParent, pnObject);
+              bCreate ? kCreateRepairing : kFindOnly, host::FlagsFor(nType, Name), nParent, pnObject);
 }
 
 ResultCode Session::ReadName(std::uint64_t nObject, ObjectName* pName) {
@@ -275,15 +276,6 @@ void Session::Flush() {
     throw Failure("bring it to the disk", nCode, "what was written now may be gone when the system starts again");
   }
   Check(nCode, "bring it to the disk");
-}
-
-std::uint32_t FlagsFor(std::uint32_t nType, const std::string& Name) {
-  // What stands for bytes that are no UTF-8 would be lost where the store keeps a name as UTF-8.
-  const std::uint32_t nForm = host::IsUtf8(Name) ? 0 : RemoveObjectFlags(fObjUtf8);
-  const bool bPath = nType == typeFile || nType == typeFolder;
-  if (!bPath || !Name.starts_with('/')) return nForm;
-  const bool bSplits = Name != "/" && Name.find('\\') == std::string::npos;
-  return nForm | RemoveObjectFlags(bSplits ? fObjNoCase : fObjNoCase | fObjSplitPath);
 }
 
 }  // namespace lumbra::tool

@@ -136,9 +136,4 @@ class Session {
   std::set<std::uint32_t> m_Open;  // the numbered databases that are open
 };
 
-// The flags override with which an object of that type and name is looked up, so that it comes back as it went in. A
-// path that starts with '/' is one of a system where case counts; one that the store's way of splitting paths would
-// change, with a backslash in a name or nothing but the root, is kept whole.
-std::uint32_t FlagsFor(std::uint32_t nType, const std::string& Name);
-
 }  // namespace lumbra::tool
