@@ -305,11 +305,13 @@ class Dumper {
     for (std::uint64_t i = 0; i < nCount && m_bGoesOn; ++i, nAt += nSize) {
       const std::span<const std::uint8_t> Event = m_From.Get(nAt, nSize);
       if (Event.empty()) return;
-      std::string Words = m_What.DescribeEvent != nullptr ? m_What.DescribeEvent(Event) : "";
-      if (!Words.empty()) Words = "  " + Words;
       const std::size_t nShown = std::min<std::size_t>(Event.size(), kMostOfAnEvent);
-      const std::string More = nShown < nSize ? " ... " + std::to_string(nSize - nShown) + " more" : "";
-      Say(nAt, "event " + std::to_string(i) + ": " + HexBytes(Event.first(nShown)) + More + Words);
+      std::string Line = "event ";
+      Line.append(std::to_string(i)).append(": ").append(HexBytes(Event.first(nShown)));
+      if (nShown < nSize) Line.append(" ... ").append(std::to_string(nSize - nShown)).append(" more");
+      const std::string Words = m_What.DescribeEvent != nullptr ? m_What.DescribeEvent(Event) : "";
+      if (!Words.empty()) Line.append("  ").append(Words);
+      Say(nAt, Line);
     }
     if (nAt < m_From.Size())
       Say(nAt, "a torn event of " + std::to_string(m_From.Size() - nAt) + " bytes, which the next one overwrites");

@@ -76,6 +76,7 @@ std::vector<Holder> Store::Holders() const {
     if (ParseLock(Line, &nProcess, &File) && Files.contains(File)) Processes.insert(nProcess);
   }
   std::vector<Holder> Found;
+  Found.reserve(Processes.size());
   for (const std::uint32_t nProcess : Processes) Found.push_back({nProcess, ProgramOf(nProcess), UserOf(nProcess)});
   return Found;
 }

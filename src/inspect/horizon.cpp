@@ -36,7 +36,7 @@ class Look {
   // dropped meanwhile would make the chain look shorter than it is.
   std::optional<Wrong> FollowChain(std::uint32_t nFrom) {
     tSDB_HEADER Header{};
-    if (const std::optional<Wrong> Found = ReadHead(&Header)) return Found;
+    if (std::optional<Wrong> Found = ReadHead(&Header)) return Found;
     const std::uint64_t nLife = m_nLife;
     *m_pHorizon = {Header.nEventSize, nLife, Header.nFirstSegment, {}};
     if (Header.nFirstSegment == 0) return {};
@@ -45,7 +45,7 @@ class Look {
     if (m_pHorizon->Segments.empty())
       return Wrong{"it leads to segment " + std::to_string(Header.nFirstSegment) + ", which is not there", ""};
     tSDB_HEADER Now{};
-    if (const std::optional<Wrong> Found = ReadHead(&Now)) return Found;
+    if (std::optional<Wrong> Found = ReadHead(&Now)) return Found;
     m_bSettled = nLife == m_nLife && Header.nEventSize == Now.nEventSize && Header.nFirstSegment <= Now.nFirstSegment &&
                  Now.nFirstSegment <= m_pHorizon->Segments.back().nNumber;
     return {};

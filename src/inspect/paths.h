@@ -8,6 +8,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "inspect/objects.h"
@@ -90,7 +91,9 @@ class Paths {
     std::uint32_t nSegment;
     std::uint64_t nToken;  // 0: what has the number
 
-    auto operator<=>(const Key&) const = default;
+    bool operator<(const Key& Other) const {
+      return std::tie(nDatabase, nSegment, nToken) < std::tie(Other.nDatabase, Other.nSegment, Other.nToken);
+    }
   };
   struct Held {
     std::unique_ptr<Objects> pObjects;  // null: it was not opened

@@ -125,10 +125,10 @@ void Examiner::Settled(Finding Found) {
     if (!m_bHeld) m_bHeld = !m_Store.Holders().empty();
     if (*m_bHeld) Found.Of = Grade::Unsettled;
   }
-  if (!m_bSecond) Forward(std::move(Found));  // it is not found again for being looked at again
+  if (!m_bSecond) Forward(Found);  // it is not found again for being looked at again
 }
 
-void Examiner::Forward(Finding Found) {
+void Examiner::Forward(const Finding& Found) {
   Verified& Totals = *m_pTotals;
   ++(Found.Of == Grade::Damage ? Totals.nDamages : Found.Of == Grade::Leftover ? Totals.nLeftovers : Totals.nUnsettled);
   m_Tell(Found);

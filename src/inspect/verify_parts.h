@@ -69,7 +69,7 @@ class Examiner {
  private:
   static constexpr std::uint32_t kMostOfAKind = 100;  // are told one by one, in a file
 
-  void Forward(Finding Found);
+  void Forward(const Finding& Found);
   void TellRest();
 
   const Store& m_Store;

@@ -178,7 +178,8 @@ TEST_F(BesideWriterTest, CommandsLeaveTheWriterAlone) {
   const fs::path Store = Folder() / "store";
   fs::create_directory(Store);
   const auto Start = std::chrono::steady_clock::now();
-  Writer Of(Store.u16string(), {.bClears = false, .bIsDisturbed = false});
+  Writer Of(Store.u16string(),
+            {.nSegmentEvents = 20000, .nMostEvents = 400000, .bClears = false, .bIsDisturbed = false});
   Of.Await(1000);
   const auto Run = [&](const Arguments& Words) {
     Arguments Command = {LUMBRA_TOOL, "--store", Words.front() == "in backup" ? "backup" : "store"};

@@ -45,15 +45,16 @@ BackupFiles ReadBackupSource(const os::FolderHandle& pBackup, BackupOrigin* pOri
   if (!Read.is_object() || !Read.contains("files") || !Read["files"].is_object()) return Files;
   if (Read.contains("store") && Read["store"].is_string()) pOrigin->Path = Read["store"].get<std::string>();
   if (Read.contains("born") && Read["born"].is_number_unsigned()) pOrigin->nBirth = Read["born"].get<std::uint64_t>();
-  for (const auto& [Name, One] : Read["files"].items()) {
+  for (const auto& File : Read["files"].items()) {
+    const ordered_json& One = File.value();
     const auto Number = [&One](const char* pKey) {
       const auto Found = One.find(pKey);
-      return Found != One.end() && Found->is_number_unsigned() ? Found->template get<std::uint64_t>() : 0;
+      return Found != One.end() && Found->is_number_unsigned() ? Found->get<std::uint64_t>() : 0;
     };
     if (!One.is_object() || !One.contains("sum") || !One["sum"].is_string() || !IsSum(One["sum"].get<std::string>()))
       continue;
-    Files[Name] = {One["sum"].get<std::string>(), Number("size"), Number("source_birth"), Number("source_size"),
-                   Number("source_written")};
+    Files[File.key()] = {One["sum"].get<std::string>(), Number("size"), Number("source_birth"), Number("source_size"),
+                         Number("source_written")};
   }
   return Files;
 }

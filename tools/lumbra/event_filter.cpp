@@ -156,6 +156,7 @@ void EventFilter::AddTimes(const EventFilterOptions& Options, const Schema& Layo
 void EventFilter::AddKinds(const std::vector<std::uint64_t>& Kinds, const Schema& Layout, bool bInOne) {
   const Field& Where = FieldFor(Layout, "kind", "a whole number", &IsWhole);
   std::vector<Range> Ranges;
+  Ranges.reserve(Kinds.size());
   for (const std::uint64_t nKind : Kinds) Ranges.push_back({nKind, 0});
   m_Conditions.push_back({Where.nOffset, Where.nSize, 0, Ranges, bInOne});
 }
