@@ -56,7 +56,7 @@ void Examiner::BeginFirst() {
 
 bool Examiner::EndFirst(Suspicion* pFound) {
   if (m_Keys.empty()) {
-    for (Finding& One : m_Leftovers) Forward(std::move(One));
+    for (const Finding& One : m_Leftovers) Forward(One);
     TellRest();
     m_Leftovers.clear();
     return false;
@@ -114,7 +114,7 @@ void Examiner::Leftover(const FileOf& In, std::uint64_t nOffset, const std::stri
       if (Kind.File == Path && Kind.What == What) ++nMore;
     }
   } else if (m_bSecond) {
-    Forward(std::move(Left));
+    Forward(Left);
   } else {
     m_Leftovers.push_back(std::move(Left));
   }
