@@ -177,7 +177,8 @@ class Look {
   }
 
   std::uint64_t EventsIn(std::uint32_t nNumber) const {
-    return RecordCountOfSize(SizeOf(m_pFolder, SegmentFileName(nNumber, kEventsFile)), m_pHorizon->nEventSize);
+    const std::uint64_t nSize = SizeOf(m_pFolder, SegmentFileName(nNumber, kEventsFile));
+    return std::min(RecordCountOfSize(nSize, m_pHorizon->nEventSize), kMaxRecords);
   }
 
   const Store& m_Store;

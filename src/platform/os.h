@@ -90,12 +90,11 @@ struct FolderRules {
 };
 
 // Opens or creates a file of a folder. A file whose holder does not share what is asked for here, or that is held in a
-// way that nShare does not allow, is kSharingViolation: at once (on Windows a file that is asked for
-// alone is tried again for some milliseconds, since somebody may just be looking at it), and before anything in it
-// changes. On posix a link, a
-// file that has other names as well, and what is no plain file are kAccessDenied, before anything in it changes: who
-// may write to the folder could lead us to a file that he may not write to. Stores the handle on success only; the
-// caller gives it back with Close.
+// way that nShare does not allow, is kSharingViolation: at once (on Windows a file that is asked for alone is tried
+// again for some milliseconds, since somebody may just be looking at it), and before anything in it changes. On posix a
+// link, a file that has other names as well, and what is no plain file are kAccessDenied, before anything in it
+// changes: who may write to the folder could lead us to a file that he may not write to. Stores the handle on success
+// only; the caller gives it back with Close.
 SystemError Open(const FolderHandle& pFolder, std::u16string_view Name, std::uint32_t nAccess, std::uint32_t nShare,
                  Disposition nDisposition, std::uint32_t nFlags, FileHandle* pHandle);
 
@@ -226,8 +225,7 @@ SystemError Move(const FolderHandle& pFrom, std::u16string_view Name, const Fold
 // The size of a file that others may hold open in any way.
 SystemError MeasureFile(const FolderHandle& pFolder, std::u16string_view Name, std::uint64_t* pnSize);
 
-// ---- Processes, time and text
-// ----------------------------------------------------------------------------------------
+// ---- Processes, time and text -----------------------------------------------------------------------------
 
 // The number of the process.
 std::uint32_t ProcessId();

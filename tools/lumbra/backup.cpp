@@ -5,6 +5,7 @@
 #include "backup_manifest.h"
 #include "commands.h"
 #include "failure.h"
+#include "format/database_name.h"
 #include "format/file_names.h"
 #include "host/text.h"
 #include "machine.h"
@@ -45,12 +46,26 @@ bool IsWithin(const fs::path& Inner, const fs::path& Outer) {
   return std::mismatch(Out.begin(), Out.end(), In.begin(), In.end()).first == Out.end();
 }
 
+// Opens the folder of a file of a backup, which lies in the backup itself or one folder below; its own name. False for
+// any other name, by which a text that somebody has changed would lead elsewhere.
+bool OpenPlaceOf(const os::FolderHandle& pBackup, const std::string& Name, os::FolderHandle* ppFolder,
+                 std::u16string* pFile) {
+  const std::size_t nSlash = Name.find('/');
+  *pFile = host::ToUtf16(nSlash == std::string::npos ? Name : Name.substr(nSlash + 1));
+  *ppFolder = pBackup;
+  if (!IsPlainFolderName(*pFile)) return false;
+  if (nSlash == std::string::npos) return true;
+  const std::u16string Folder = host::ToUtf16(Name.substr(0, nSlash));
+  return IsPlainFolderName(Folder) && os::OpenFolder(pBackup, Folder, ppFolder) == os::kSuccess;
+}
+
 // Files of the earlier backup that the store has no more.
-void RemoveOld(const fs::path& Folder, const BackupFiles& Before, const BackupFiles& Now) {
-  for (const auto& [Name, File] : Before) {
-    if (Now.contains(Name) || Name.find("..") != std::string::npos || Name.starts_with('/')) continue;
-    std::error_code Left;
-    fs::remove(Folder / PathOf(Name), Left);  // otherwise it stays, and stands in no manifest
+void RemoveOld(const os::FolderHandle& pBackup, const BackupFiles& Before, const BackupFiles& Now) {
+  for (const auto& [Name, Known] : Before) {
+    os::FolderHandle pFolder;
+    std::u16string File;
+    if (Now.contains(Name) || !OpenPlaceOf(pBackup, Name, &pFolder, &File)) continue;
+    (void)os::RemoveFile(pFolder, File);  // otherwise it stays, and stands in no manifest
   }
 }
 
@@ -85,7 +100,7 @@ int Backup(const CommonOptions& Common, const BackupOptions& Options) {
   const auto Start = std::chrono::steady_clock::now();
   StoreCopy Copy(*pStore, Folder, Before, &Found);
   const BackupFiles& Files = Copy.Run();
-  RemoveOld(Folder, Before, Files);
+  RemoveOld(pTo, Before, Files);
   ReplaceFile(Folder / kSourceFile, SourceOf(Files, Origin), {});
   ReplaceFile(Folder / kManifestFile, ManifestOf(Files), {});
   const std::chrono::duration<double> Taken = std::chrono::steady_clock::now() - Start;
@@ -104,14 +119,12 @@ int VerifyManifest(const CommonOptions& Common) {
   std::size_t nWrong = 0;
   Progress Shown("bytes");
   for (const auto& [Name, Sum] : *Sums) {
-    const std::size_t nSlash = Name.find('/');
-    os::FolderHandle pIn = pFolder;
-    os::SystemError nError = os::kSuccess;
-    if (nSlash != std::string::npos) nError = os::OpenFolder(pFolder, host::ToUtf16(Name.substr(0, nSlash)), &pIn);
+    os::FolderHandle pIn;
+    std::u16string File;
     std::string Found;
     std::uint64_t nSize = 0;
-    const std::u16string File = host::ToUtf16(nSlash == std::string::npos ? Name : Name.substr(nSlash + 1));
-    if (nError == os::kSuccess) nError = SumOf(pIn, File, &Found, &nSize);
+    os::SystemError nError = os::kFileNotFound;
+    if (OpenPlaceOf(pFolder, Name, &pIn, &File)) nError = SumOf(pIn, File, &Found, &nSize);
     nBytes += nSize;
     Shown.Tell(nBytes);
     if (Found == Sum) continue;

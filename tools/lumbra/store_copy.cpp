@@ -60,8 +60,8 @@ std::string StoreCopy::What(const Place& At, const std::u16string& Name) const {
 const BackupFiles& StoreCopy::Run() {
   Require(os::OpenFolder(m_To.u16string(), kOwnerAlone, &m_pTo), "open " + Printable(TextOf(m_To)));
   const Place Here{m_From.Folder(), m_pTo, ""};
-  CopyFile(Here, kIndexFile, UINT64_MAX, nullptr);
   for (const inspect::Database& One : m_From.Databases()) CopyDatabase(One);
+  CopyFile(Here, kIndexFile, UINT64_MAX, nullptr);  // names are only added to it: it has those of all that was copied
   CopyObjects(Here, inspect::SharedObjectFiles());
   m_Progress.End();
   return m_Files;

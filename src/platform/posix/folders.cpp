@@ -317,9 +317,7 @@ SystemError Move(const FolderHandle& pFrom, std::u16string_view Name, const Fold
 SystemError RemovePlainFiles(const FolderHandle& pFolder, std::u16string_view LastName) {
   std::vector<std::string> Names;  // first all of them: what a listing shows while its entries go is not settled
   const SystemError nError = PlainFilesOf(*pFolder, &Names);
-  std::ranges::sort(Names);
-  std::stable_partition(Names.begin(), Names.end(),
-                        [&](const std::string& Name) { return WideName(Name) != LastName; });
+  std::partition(Names.begin(), Names.end(), [&](const std::string& Name) { return WideName(Name) != LastName; });
   for (const std::string& Name : Names) unlinkat(pFolder->nDescriptor, Name.c_str(), 0);
   return nError;
 }
