@@ -5,7 +5,6 @@
 #include "backup_manifest.h"
 #include "commands.h"
 #include "failure.h"
-#include "format/database_name.h"
 #include "format/file_names.h"
 #include "host/text.h"
 #include "machine.h"
@@ -46,6 +45,10 @@ bool IsWithin(const fs::path& Inner, const fs::path& Outer) {
   return std::mismatch(Out.begin(), Out.end(), In.begin(), In.end()).first == Out.end();
 }
 
+bool IsOneName(std::u16string_view Name) {
+  return !Name.empty() && Name != u"." && Name != u".." && Name.find_first_of(u"/\\:") == std::u16string_view::npos;
+}
+
 // Opens the folder of a file of a backup, which lies in the backup itself or one folder below; its own name. False for
 // any other name, by which a text that somebody has changed would lead elsewhere.
 bool OpenPlaceOf(const os::FolderHandle& pBackup, const std::string& Name, os::FolderHandle* ppFolder,
@@ -53,10 +56,10 @@ bool OpenPlaceOf(const os::FolderHandle& pBackup, const std::string& Name, os::F
   const std::size_t nSlash = Name.find('/');
   *pFile = host::ToUtf16(nSlash == std::string::npos ? Name : Name.substr(nSlash + 1));
   *ppFolder = pBackup;
-  if (!IsPlainFolderName(*pFile)) return false;
+  if (!IsOneName(*pFile)) return false;
   if (nSlash == std::string::npos) return true;
   const std::u16string Folder = host::ToUtf16(Name.substr(0, nSlash));
-  return IsPlainFolderName(Folder) && os::OpenFolder(pBackup, Folder, ppFolder) == os::kSuccess;
+  return IsOneName(Folder) && os::OpenFolder(pBackup, Folder, ppFolder) == os::kSuccess;
 }
 
 // Files of the earlier backup that the store has no more.
