@@ -46,7 +46,7 @@ bool IsWithin(const fs::path& Inner, const fs::path& Outer) {
 }
 
 bool IsOneName(std::u16string_view Name) {
-  return !Name.empty() && Name != u"." && Name != u".." && Name.find_first_of(u"/\\:") == std::u16string_view::npos;
+  return !Name.empty() && Name != u"." && Name != u".." && Name.find_first_of(u"/\\") == std::u16string_view::npos;
 }
 
 // Opens the folder of a file of a backup, which lies in the backup itself or one folder below; its own name. False for
