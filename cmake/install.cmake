@@ -75,8 +75,7 @@ set(folder ${CMAKE_INSTALL_DATADIR}/doc)
 install(FILES ${documents} DESTINATION ${folder}/lumbra COMPONENT tool_debian EXCLUDE_FROM_ALL)
 install(FILES ${documents} DESTINATION ${folder}/liblumbra-dev COMPONENT library_debian EXCLUDE_FROM_ALL)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples DESTINATION ${folder}/liblumbra-dev COMPONENT library_debian
-  EXCLUDE_FROM_ALL FILES_MATCHING PATTERN *.cpp
-  PATTERN load_module.cpp EXCLUDE)  # which has no public header
+  EXCLUDE_FROM_ALL FILES_MATCHING PATTERN *.cpp PATTERN *.h)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each package begins with its own

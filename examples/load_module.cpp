@@ -1,52 +1,59 @@
-// The store as a module that a program loads: what its file says is read, the module is loaded, one event about one
-// file goes in and comes out with the file's name, and the module is unloaded again.
-#include <cstdio>
+// The store as a module that a program loads at run time, with a host of its own (own_host.h): one event about one file
+// goes in and comes out with the file's name, and the module is unloaded again.
+//
+//     load_module /usr/lib/x86_64-linux-gnu/lumbra/lumbra.so
+//
+// A module runs with all the rights of the program: load it by a whole path, from a folder that nobody else may write
+// to.
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <dlfcn.h>
+#endif
 
-#include "host/loaded_module.h"
-#include "host/standalone_host.h"
-
-using namespace lumbra;
+#include "own_host.h"
 
 namespace {
 
-// Adds an event and reads it back. False for whatever fails.
-bool UseStore(host::Store& store) {
-  std::uint64_t event[2] = {42, 0};  // 16 bytes of your own; bytes 8 to 15 refer to an object
-  if (Failed(store.Init()) || Failed(store.Call(&LumbraOperations::InitDB, 1, sizeof(event)))) return false;
-  ResultCode code = store.Call(&LumbraOperations::FindObjectSimple, 1, typeFile, u"C:\\Reports\\today.txt",
-                               kZeroTerminated, 1, 0, &event[1]);
-  if (Succeeded(code)) code = store.Call(&LumbraOperations::AddEvent, 1, event, sizeof(event), nullptr);
+using lumbra::ModuleEntry;
 
-  char16_t name[260] = {};
-  if (Succeeded(code)) code = store.Call(&LumbraOperations::GetEvents, 1, 0, event, sizeof(event), 1, nullptr, nullptr);
-  if (Succeeded(code)) {
-    code = store.Call(&LumbraOperations::GetObjectName, event[1], name, sizeof(name), nullptr, 0, nullptr);
-  }
-  if (Failed(code)) return false;
-  std::printf("event %u is about ", static_cast<unsigned>(event[0]));
-  for (const char16_t* c = name; *c != 0; ++c) std::putchar(static_cast<char>(*c));
-  std::puts("");
-  return true;
+#ifdef _WIN32
+// A DLL that exports nothing is entered at its entry point, as the headers at its start in memory tell.
+ModuleEntry entry_of(void* module) {
+  auto* const image = static_cast<unsigned char*>(module);
+  const auto* const dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(image);
+  const auto* const headers = reinterpret_cast<const IMAGE_NT_HEADERS*>(image + dos->e_lfanew);
+  return reinterpret_cast<ModuleEntry>(image + headers->OptionalHeader.AddressOfEntryPoint);
 }
+void* load(const char* path) {
+  return LoadLibraryA(path);
+}
+void unload(void* module) {
+  FreeLibrary(static_cast<HMODULE>(module));
+}
+#else
+ModuleEntry entry_of(void* module) {
+  return reinterpret_cast<ModuleEntry>(dlsym(module, "LumbraModuleEntry"));
+}
+void* load(const char* path) {
+  return dlopen(path, RTLD_NOW | RTLD_LOCAL);
+}
+void unload(void* module) {
+  dlclose(module);
+}
+#endif
 
 }  // namespace
 
 int main(int count, char** arguments) {
   if (count != 2) return 2;
-  host::ModuleFile file;
-  host::LoadedModule module;  // stays until the host has let go of it
-  host::ModuleProblem problem = host::ReadModuleFile(arguments[1], &file);
-  if (!problem) {
-    std::printf("%s module with plug-in id 0x%X\n", file.Format.c_str(), file.Metadata.Module.nPluginId);
-    problem = module.Load(file);
-  }
-  if (problem) {
-    std::fprintf(stderr, "%s %s\n", arguments[1], problem.Text.c_str());
+  void* const module = load(arguments[1]);
+  const ModuleEntry entry = module != nullptr ? entry_of(module) : nullptr;
+  if (entry == nullptr) {
+    std::fprintf(stderr, "%s is no module of the store\n", arguments[1]);
     return 1;
   }
-
-  host::StandaloneHost host(module.Entry());
-  host.SetPlaceholder(u"%Report%", u"module-store");  // the folder that holds the store
-  host::Store store = host.Create();                  // none, if the module did not take this host
-  return store && UseStore(store) ? 0 : 1;
+  const int status = own_host::run(entry);
+  unload(module);  // nothing of it is in use any more
+  return status;
 }

@@ -148,10 +148,16 @@ try_outside() {
     pkg-config)
       # shellcheck disable=SC2046  # words
       "$1" -std=c++20 -Wall -Wextra -Werror tests/outside/main.cpp -o "$build/outside" \
-        $(PKG_CONFIG_PATH=$work/prefix/lib/$multiarch/pkgconfig pkg-config --cflags --libs lumbra)
+        $(installed --cflags --libs)
+      # shellcheck disable=SC2046
+      "$1" -std=c++20 -Wall -Wextra -Werror examples/load_module.cpp -o "$build/load_module" $(installed --cflags)
+      (cd "$build" && ./load_module "$(installed --variable=module)") || fail "the module cannot be loaded"
       ;;
   esac
   (cd "$build" && ./outside) || fail "it fails"
+}
+installed() {
+  PKG_CONFIG_PATH=$work/prefix/lib/$multiarch/pkgconfig pkg-config "$@" lumbra
 }
 build_with_cmake() {
   { cmake -S tests/outside -B "$build" -G Ninja -DCMAKE_CXX_COMPILER="$1" "$2" &&

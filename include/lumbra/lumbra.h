@@ -351,5 +351,6 @@ inline constexpr std::uint32_t kModuleUnload = 101;
 // then stays so. kModuleUnload: the module forgets the root and reaches no host service any more. Any other reason, the
 // system's own notifications among them, is ignored. Answers 1, or 0 when loading failed.
 extern "C" int LUMBRA_ENTRY_CALL LumbraModuleEntry(void* pRoot, std::uint32_t nReason, void* pError);
+using ModuleEntry = decltype(&LumbraModuleEntry);
 
 }  // namespace lumbra

@@ -25,7 +25,7 @@ class LoadedModule {
   ModuleProblem Load(const ModuleFile& File);
 
   // Null until a module is loaded.
-  StandaloneHost::ModuleEntry Entry() const { return m_pEntry; }
+  ModuleEntry Entry() const { return m_pEntry; }
 
  private:
   struct Unloader {
@@ -34,7 +34,7 @@ class LoadedModule {
 
   std::shared_ptr<const HeldFile> m_pFile;    // open as long as it is loaded
   std::unique_ptr<void, Unloader> m_pModule;  // the system's handle
-  StandaloneHost::ModuleEntry m_pEntry = nullptr;
+  ModuleEntry m_pEntry = nullptr;
 };
 
 }  // namespace lumbra::host

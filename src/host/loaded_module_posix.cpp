@@ -63,7 +63,7 @@ ModuleProblem LoadedModule::Load(const ModuleFile& File) {
   const std::string Name = FreshNameOf(*m_pFile);
   m_pModule.reset(dlopen(Name.c_str(), RTLD_NOW | RTLD_LOCAL));
   if (m_pModule == nullptr) return {errPLATFORM_UNSPECIFIED, "cannot be loaded: " + LoaderMessage(Name, File.Path)};
-  m_pEntry = reinterpret_cast<StandaloneHost::ModuleEntry>(dlsym(m_pModule.get(), "LumbraModuleEntry"));
+  m_pEntry = reinterpret_cast<ModuleEntry>(dlsym(m_pModule.get(), "LumbraModuleEntry"));
   if (m_pEntry != nullptr) return {};
   m_pModule.reset();
   return {errSYMBOL_NOT_FOUND, "has no entry"};

@@ -9,12 +9,12 @@ namespace lumbra::host {
 namespace {
 
 // The entry of a DLL that exports nothing: its entry point, as the headers in memory tell it. Null without one.
-StandaloneHost::ModuleEntry EntryPointOf(HMODULE pModule) {
+ModuleEntry EntryPointOf(HMODULE pModule) {
   const auto* const pImage = reinterpret_cast<const BYTE*>(pModule);
   const auto* const pDos = reinterpret_cast<const IMAGE_DOS_HEADER*>(pImage);
   const auto* const pHeaders = reinterpret_cast<const IMAGE_NT_HEADERS*>(pImage + pDos->e_lfanew);
   const DWORD nEntry = pHeaders->OptionalHeader.AddressOfEntryPoint;
-  return nEntry == 0 ? nullptr : reinterpret_cast<StandaloneHost::ModuleEntry>(const_cast<BYTE*>(pImage) + nEntry);
+  return nEntry == 0 ? nullptr : reinterpret_cast<ModuleEntry>(const_cast<BYTE*>(pImage) + nEntry);
 }
 
 // The path of the file that is open, whatever its name leads to by then, in the form that is taken to the letter. Empty

@@ -1,5 +1,5 @@
 // A host of its own: everything that the store expects of the program it is loaded into, so that any program
-// can embed it. The example that comes with the project, examples/load_module.cpp, is a complete use.
+// can embed it. The C++ face (include/lumbra/store.hpp) and the tool stand on it.
 //
 // One StandaloneHost lives in a process at a time; another one is refused. It must outlive the Stores it opened. Its
 // functions may be called from any thread once it is set up.
@@ -107,7 +107,6 @@ void WriteTraceLine(std::FILE* pStream, std::uint32_t nLevel, std::string_view L
 class StandaloneHost {
  public:
   using TraceCallback = std::function<void(std::uint32_t nLevel, std::string_view Line)>;
-  using ModuleEntry = int(LUMBRA_ENTRY_CALL*)(void* pRoot, std::uint32_t nReason, void* pError);
 
   // Loads the component that is linked into the program, or the module whose entry is given (host/loaded_module.h).
   // LoadResult tells how that went; after a failure Create gives no store, whatever the module has registered. Beside

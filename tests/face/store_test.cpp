@@ -314,9 +314,12 @@ TEST_F(FaceTest, ExamplesDoWhatTheySay) {
       {LUMBRA_EXAMPLES "/threads", "some were there, then 4000\nerrSTORE_NOT_INITIALIZED: open it again\n"},
       {LUMBRA_EXAMPLES "/follow", "1 bytes\n2 bytes\n3 bytes\n"},
       {LUMBRA_EXAMPLES "/follow", "1 bytes\n2 bytes\n3 bytes\n"},
-      {LUMBRA_EXAMPLES "/own_host", "event 42 is about C:\\Reports\\today.txt\n"}};
+      {LUMBRA_EXAMPLES "/own_host", "event 42 is about C:\\Reports\\today.txt\n"},
+      {LUMBRA_EXAMPLES "/load_module", "event 42 is about C:\\Reports\\today.txt\n"}};
   for (const auto& [pProgram, pSaid] : kExamples) {
-    EXPECT_EQ(0, RunIn(Folder(), {std::string(pProgram) + LUMBRA_SUFFIX})) << pProgram << ReadText("err");
+    // Those that want no module do not look at it.
+    EXPECT_EQ(0, RunIn(Folder(), {std::string(pProgram) + LUMBRA_SUFFIX, LUMBRA_MODULE}))
+        << pProgram << ReadText("err");
     std::string Said = ReadText("out");
     std::erase(Said, '\r');
     EXPECT_EQ(pSaid, Said);

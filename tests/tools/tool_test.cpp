@@ -469,11 +469,5 @@ TEST_F(ToolTest, RunsNothingOfAModuleThatIsRefused) {
   EXPECT_EQ("lumbra: load module: errDATA_CORRUPTED (0x800000D8): its metadata is damaged (MD5)\n", Errors());
 }
 
-TEST_F(ToolTest, ExampleLoadsTheModule) {
-  EXPECT_THAT(RunProgram({LUMBRA_LOAD_MODULE, LUMBRA_MODULE}), HasSubstr(" module with plug-in id 0xBF8E"));
-  EXPECT_THAT(ReadText("out"), HasSubstr("event 42 is about C:\\Reports\\today.txt"));
-  RunProgram({LUMBRA_LOAD_MODULE, "nothing"}, 1);
-}
-
 }  // namespace
 }  // namespace lumbra::test

@@ -71,7 +71,7 @@ CommonOptions InModeOfStore(const CommonOptions& Options) {
 namespace {
 
 // The entry that the options ask for: that of a module, which is loaded, or the one that is linked in.
-host::StandaloneHost::ModuleEntry EntryOf(const CommonOptions& Options, host::LoadedModule* pModule) {
+ModuleEntry EntryOf(const CommonOptions& Options, host::LoadedModule* pModule) {
   if (Options.Module.empty()) return &LumbraModuleEntry;
   host::ModuleFile File;
   host::ModuleProblem Problem = host::ReadModuleFile(PathOf(Options.Module), &File);
