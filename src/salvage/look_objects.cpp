@@ -257,9 +257,17 @@ bool LookAtDataEnd(const std::u16string& Folder, FolderView& Files, const Object
   return false;
 }
 
+namespace {
+
+bool KnowsObjects(FolderView& Files, const std::u16string& Tree) {
+  const std::string Slots = Files.Read(Tree, FirstNodeOffset, kRootSlots * sizeof(tODB_BT_OFFSET));
+  return Slots.find_first_not_of('\0') != std::string::npos;
+}
+
+}  // namespace
+
 void LookAtTree(const std::u16string& Folder, FolderView& Files, const ObjectFileNames& Names, Plan* pPlan) {
-  const std::string Slots = Files.Read(Names.Tree, FirstNodeOffset, kRootSlots * sizeof(tODB_BT_OFFSET));
-  if (Slots.find_first_not_of('\0') != std::string::npos) return;
+  if (KnowsObjects(Files, Names.Tree)) return;
   constexpr std::uint64_t kMany = 1 << 15;  // records among which an object with a name stands
   const Form Of = FormOfIds(Files.Read(Names.Ids, 0, sizeof(tPLAINDB_HEADER)));
   if (Of == Form::Unknown || !std::ranges::any_of(NewestRecords(Files, Names, Of, kMany), &IsInTree)) return;
@@ -283,6 +291,16 @@ namespace {
 void Refuse(const std::u16string& File, const std::string& Why, Plan* pPlan) {
   pPlan->Steps.push_back({.File = File, .Why = Why});
   pPlan->Refusal = Describe(pPlan->Steps.back());
+}
+
+// What tells that shared objects were recorded, where their records are lost; "" for nothing.
+std::string TraceOfRecords(FolderView& Files, const ObjectFileNames& Names, bool bDatabases) {
+  const FolderView::File* const pData = Files.Find(Names.Data);
+  if (pData != nullptr && pData->nSize > sizeof(FILE_MAGIC)) return "the names of g_objdt.dat";
+  if (KnowsObjects(Files, Names.Tree)) return "the tree of g_objbt.dat";
+  // The three files are made before the first database.
+  const bool bNone = !Files.Has(Names.Ids) && !Files.Has(Names.Tree) && pData == nullptr;
+  return bNone && bDatabases ? "the databases" : "";
 }
 
 }  // namespace
@@ -314,7 +332,7 @@ void LookAtReplacing(FolderView& Files, Plan* pPlan) {
   Add(Step::Kind::SetAside, kReplacingFile, "");
 }
 
-void LookAtSharedObjects(FolderView& Files, const Wishes& Wanted, Plan* pPlan) {
+void LookAtSharedObjects(FolderView& Files, bool bDatabases, const Wishes& Wanted, Plan* pPlan) {
   if (Files.Has(kCompactedIdsFile) != Files.Has(kCompactedDataFile)) {
     const char16_t* const pHalf = Files.Has(kCompactedIdsFile) ? kCompactedIdsFile : kCompactedDataFile;
     pPlan->Steps.push_back({.File = pHalf, .Why = "half a pair of compaction, which the next one overwrites"});
@@ -324,22 +342,23 @@ void LookAtSharedObjects(FolderView& Files, const Wishes& Wanted, Plan* pPlan) {
   LookAtObjectHeads({}, Files, Names, &Found);
   const bool bMended = std::ranges::any_of(Found.Steps, [&](const Step& One) { return One.File == Names.Ids; });
   const bool bIds = bMended || FormOfIds(Files.Read(Names.Ids, 0, sizeof(tPLAINDB_HEADER))) != Form::Unknown;
-  const FolderView::File* const pData = Files.Find(Names.Data);
-  const bool bIdsLost = !bIds && pData != nullptr && pData->nSize > sizeof(FILE_MAGIC);
+  const std::string Trace = bIds ? "" : TraceOfRecords(Files, Names, bDatabases);
   const bool bEndLost = LookAtDataEnd({}, Files, Names, &Found);
-  if ((bIdsLost || bEndLost) && Wanted.bStartEmpty) {
+  if ((!Trace.empty() || bEndLost) && Wanted.bStartEmpty) {
     for (const std::u16string& Name : {Names.Tree, Names.Ids, Names.Data}) {  // the one that tells of it last
       if (Files.Has(Name))
         pPlan->Steps.push_back({.What = Step::Kind::SetAside, .File = Name, .Why = "the shared objects begin anew"});
     }
+    // The next look must not take the files for lost.
+    pPlan->Steps.push_back({.What = Step::Kind::Create, .File = Names.Ids, .Why = "the shared objects begin anew"});
     return;
   }
   LookAtTree({}, Files, Names, &Found);
   pPlan->Steps.insert(pPlan->Steps.end(), Found.Steps.begin(), Found.Steps.end());
-  if (bIdsLost)
+  if (!Trace.empty())
     Refuse(Names.Ids,
-           std::string(Files.Has(Names.Ids) ? "it is damaged" : "it is missing") +
-               " beside the names of g_objdt.dat: opened, all shared objects would be lost",
+           (Files.Has(Names.Ids) ? "it is damaged beside " : "it is missing beside ") + Trace +
+               ": opened, all shared objects would be lost",
            pPlan);
   if (bEndLost) pPlan->Refusal = Describe({.File = Names.Data, .Why = kLostEnd});
 }

@@ -134,7 +134,7 @@ TEST_F(ToolTest, HealsAStoreBeforeItIsOpened) {
     const std::string Name = "01/00000003_" + std::string(pName) + ".dat";
     WriteFile("copy/" + Name, ReadFile("store/" + Name));
   }
-  RunProgram({LUMBRA_TOOL, "--store", "copy", "repair", "--yes"}, 3);
+  RunProgram({LUMBRA_TOOL, "--store", "copy", "repair", "--start-empty", "--yes"}, 3);
   EXPECT_THAT(RunProgram({LUMBRA_TOOL, "--store", "copy", "events", "--db", "1"}), EndsWith("f\n"));
 }
 
@@ -339,12 +339,15 @@ TEST_F(ToolTest, PutsBackWhatALostTreeFindsNoMore) {
 }
 
 TEST_F(ToolTest, BeginsSharedObjectsAnewWhereItIsToldTo) {
+  for (const auto& Lost : std::vector<std::vector<std::string>>{{"id"}, {"id", "dt", "bt"}}) {
+    Record("1", {"a"});
+    for (const std::string& File : Lost) fs::remove(Folder() / ("store/g_obj" + File + ".dat"));
+    Fails("repair --yes", "");
+    Fails("record --db 1", "g_objid.dat: it is missing beside the ");
+    Run("repair --start-empty --yes", 3);
+  }
   Record("1", {"a"});
-  fs::remove(Folder() / "store/g_objid.dat");
-  Fails("repair --yes", "");
-  Fails("record --db 1", "g_objid.dat: it is missing beside the names of g_objdt.dat");
-  Run("repair --start-empty --yes", 3);
-  EXPECT_EQ(json({"a"}), Names("1"));
+  EXPECT_EQ(json({"a", "a", "a"}), Names("1"));
 }
 
 TEST_F(ToolTest, ClearsAlsoWhatItWouldNotOpen) {
