@@ -49,6 +49,7 @@ ResultCode Relieved(Looking Look) {
 Store::Store(Store&& Other) noexcept
     : m_pHost(Other.m_pHost),
       m_pInstance(std::exchange(Other.m_pInstance, nullptr)),
+      m_bHeals(Other.m_bHeals),
       m_Healed(std::move(Other.m_Healed)),
       m_Left(std::move(Other.m_Left)),
       m_Refusal(std::move(Other.m_Refusal)) {}
@@ -56,6 +57,7 @@ Store::Store(Store&& Other) noexcept
 Store& Store::operator=(Store&& Other) noexcept {
   std::swap(m_pHost, Other.m_pHost);
   std::swap(m_pInstance, Other.m_pInstance);
+  std::swap(m_bHeals, Other.m_bHeals);
   std::swap(m_Healed, Other.m_Healed);
   std::swap(m_Left, Other.m_Left);
   std::swap(m_Refusal, Other.m_Refusal);
@@ -87,6 +89,7 @@ ResultCode Store::Init(Heal What) try {
     }
   }
   const std::lock_guard Hold(m_pHost->m_OpeningLock);
+  m_bHeals = What != Heal::Off;
   const ResultCode nHealed = What == Heal::Off ? errOK : HealBefore(What);
   return Failed(nHealed) ? nHealed : m_pInstance->pLifecycle->ObjectInitDone(m_pInstance);
 } catch (const std::bad_alloc&) {
@@ -111,17 +114,20 @@ ResultCode Store::OpenDatabase(const std::u16string& Name, std::uint32_t nEventS
 
 ResultCode Store::CheckEventSize(const std::u16string& Folder, std::uint32_t nEventSize, OtherSize What) {
   m_Refusal.clear();
-  std::uint32_t nThere = 0;
-  const ResultCode nCode = Relieved([&] { return salvage::EventSizeOf(ReportFolder(), Folder, &nThere); });
+  salvage::EventSize There;
+  const ResultCode nCode = Relieved([&] { return salvage::LookAtEventSize(ReportFolder(), Folder, &There); });
   if (Failed(nCode)) m_Refusal = "the size of its events cannot be read";
-  if (Failed(nCode) || nThere == 0 || nThere == nEventSize) return nCode;
+  const bool bKeepsLost = There.bLost && m_bHeals;
+  const bool bOther = There.nBytes != 0 && There.nBytes != nEventSize;
+  if (Failed(nCode) || (!bKeepsLost && !bOther)) return nCode;
   if (What == OtherSize::StartEmpty) {
     const ResultCode nAside = Relieved([&] { return salvage::SetDatabaseAside(ReportFolder(), Rules(), Folder); });
     if (Failed(nAside)) m_Refusal = "its files cannot be set aside now";
     return nAside;
   }
-  m_Refusal = "its events have " + std::to_string(nThere) + " bytes, not " + std::to_string(nEventSize);
-  return errSIZE_INVALID;
+  m_Refusal = bOther ? "its events have " + std::to_string(There.nBytes) + " bytes, not " + std::to_string(nEventSize)
+                     : "no file tells the size of its events, which would be removed";
+  return bOther ? errSIZE_INVALID : errDATA_CORRUPTED;
 }
 
 os::FolderRules Store::Rules() const {

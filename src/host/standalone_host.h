@@ -57,7 +57,9 @@ class Store {
   ResultCode Init(Heal What = Heal::On);
 
   // Opens a database (InitDB, InitDBByName). Those begin one anew that has events of another size; this refuses it with
-  // errSIZE_INVALID, and Refusal tells both sizes. StartEmpty begins it anew, and moves the old files to "set-aside".
+  // errSIZE_INVALID, and Refusal tells both sizes. In a store that is healed it also refuses one with events whose size
+  // no file tells any more, with errDATA_CORRUPTED. StartEmpty begins either anew, and moves the old files to
+  // "set-aside".
   enum class OtherSize { Refuse, StartEmpty };
   ResultCode OpenDatabase(std::uint32_t nDatabase, std::uint32_t nEventSize, OtherSize What = OtherSize::Refuse);
   ResultCode OpenDatabase(const std::u16string& Name, std::uint32_t nEventSize, std::uint32_t* pnDatabase,
@@ -96,6 +98,7 @@ class Store {
 
   StandaloneHost* m_pHost = nullptr;
   LumbraInstance* m_pInstance = nullptr;
+  bool m_bHeals = false;
   std::vector<std::string> m_Healed;
   std::vector<std::string> m_Left;
   std::string m_Refusal;

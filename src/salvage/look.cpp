@@ -1,5 +1,6 @@
 #include "salvage/look.h"
 
+#include <algorithm>
 #include <new>
 #include <vector>
 
@@ -106,17 +107,23 @@ ResultCode Look(const std::u16string& Store, const Wishes& Wanted, Plan* pPlan) 
   return nError == os::kSuccess ? Look(pStore, Wanted, pPlan) : ResultFromSystemError(nError);
 }
 
-ResultCode EventSizeOf(const std::u16string& Store, const std::u16string& Folder, std::uint32_t* pnSize) try {
-  *pnSize = 0;
+ResultCode LookAtEventSize(const std::u16string& Store, const std::u16string& Folder, EventSize* pFound) try {
+  *pFound = {};
   os::FolderHandle pStore;
   os::FolderHandle pFolder;
   os::SystemError nError = os::OpenFolder(Store, {}, &pStore);
   if (nError == os::kSuccess) nError = os::OpenFolder(pStore, Folder, &pFolder);
-  std::string Header;
-  if (nError == os::kSuccess) nError = ReadBytes(pFolder, kSegmentsFile, 0, sizeof(tSDB_HEADER), &Header);
   if (nError == os::kFileNotFound || nError == os::kPathNotFound) return errOK;
-  *pnSize = EventSizeIn(Header);
-  return ResultFromSystemError(nError);
+  if (nError != os::kSuccess) return ResultFromSystemError(nError);
+  std::string Header;
+  nError = ReadBytes(pFolder, kSegmentsFile, 0, sizeof(tSDB_HEADER), &Header);
+  if (nError != os::kSuccess && nError != os::kFileNotFound) return ResultFromSystemError(nError);
+  pFound->nBytes = EventSizeIn(Header);
+  if (pFound->nBytes != 0) return errOK;
+  FolderView Files;
+  const ResultCode nListed = Files.Open(pFolder);
+  pFound->bLost = HasEvents(Files);
+  return nListed;
 } catch (const std::bad_alloc&) {
   return errOUT_OF_MEMORY;
 }

@@ -18,8 +18,12 @@ ResultCode Look(const std::u16string& Store, const Wishes& Wanted, Plan* pPlan);
 // The same of a folder that is open.
 ResultCode Look(const os::FolderHandle& pStore, const Wishes& Wanted, Plan* pPlan);
 
-// The size of a database's events in bytes, as its header has it; 0 where there is none, or it is damaged. Folder is
-// that of the database, within the store's.
-ResultCode EventSizeOf(const std::u16string& Store, const std::u16string& Folder, std::uint32_t* pnSize);
+struct EventSize {
+  std::uint32_t nBytes = 0;  // as the header has it; 0 where there is none, or it is damaged
+  bool bLost = false;        // there are events, but no header tells their size: the component would begin anew
+};
+
+// The size of a database's events. Folder is that of the database, within the store's.
+ResultCode LookAtEventSize(const std::u16string& Store, const std::u16string& Folder, EventSize* pFound);
 
 }  // namespace lumbra::salvage

@@ -57,6 +57,9 @@ void LookAtReplacing(FolderView& Files, Plan* pPlan);
 // The event size in a "segments.dat"; 0 for one that is damaged.
 std::uint32_t EventSizeIn(const std::string& Header);
 
+// Whether a database's folder holds events.
+bool HasEvents(const FolderView& Files);
+
 // The chain of a database, and the files of its segments.
 void LookAtDatabase(const std::u16string& Folder, FolderView& Files, const Wishes& Wanted, Plan* pPlan);
 

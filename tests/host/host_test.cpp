@@ -171,6 +171,15 @@ TEST_F(HostTest, BeginsNoDatabaseAnewForAnotherEventSize) {
   EXPECT_CODE(errOK, m_Store.OpenDatabase(5, 24, Other::StartEmpty));
   const fs::path Aside = fs::directory_iterator(Folder() / "05/set-aside")->path();
   EXPECT_EQ(12 + 16, fs::file_size(Aside / "00000001_events.dat"));
+  // Where no file tells the size, it may be any.
+  ASSERT_CODE(errOK, Call(&LumbraOperations::AddEvent, 5, std::array<std::uint64_t, 3>{}.data(), 24, nullptr));
+  Close();
+  for (const char* const pFile : {"05/segments.dat", "05/00000001_events.dat"}) Patch(pFile, 0, {'?'});
+  m_Store = m_Host->Create();
+  ASSERT_CODE(errOK, m_Store.Init(host::Heal::On));
+  EXPECT_CODE(errDATA_CORRUPTED, m_Store.OpenDatabase(5, 24));
+  EXPECT_EQ(12 + 24, fs::file_size(Folder() / "05/00000001_events.dat"));
+  EXPECT_CODE(errOK, m_Store.OpenDatabase(5, 24, Other::StartEmpty));
 }
 
 // A system that could not bring data to the disk may drop it, and call the next attempt a success.
