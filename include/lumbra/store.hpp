@@ -16,8 +16,9 @@
 // - A failure throws an Error; one to get memory for the program's own side may be a std::bad_alloc instead. What is
 //   not there is no failure: it is an empty std::optional, or false.
 // - Store, Database, Object and Reader share one store, which stays open until the last of them goes, or until close():
-//   from then on they throw. None of them outlives anything it needs. A copy stands for the same; a move is a copy.
-// - A process that is forked from one with an open store has none: there every call throws.
+//   from then on they throw. None of them outlives anything it needs. A copy of a handle stands for the same, and a
+//   move is a copy; a Reader can only be moved.
+// - A process that is forked from one with an open store has none: there every call throws, and close() does nothing.
 // - Arguments are looked at during the call alone. Texts are UTF-8. Names of objects are bytes: those that are no UTF-8
 //   come back as they were.
 //
@@ -302,7 +303,8 @@ class Reading {
 //     for (const auto& [id, visit] : visits.all()) ...
 //
 // or, which costs less, batch by batch. One thread at a time; another one may add, and limits may drop what has not
-// been read, which is then left out. Of a segment that cannot be read an Error tells; the next call goes on behind it.
+// been read, which is then left out. Of a segment that cannot be read an Error tells; the next call goes on behind it,
+// or tries it again where memory or descriptors were short. The event at which a loop is left comes again.
 template <class T>
 class Reader {
  public:
@@ -312,9 +314,10 @@ class Reader {
   // call after that gives what has come since, so that following a database is to go on asking, now and then. Where the
   // database was cleared meanwhile it begins with what came after that.
   std::span<const Event<T>> next_batch() & {
-    fetch();
-    m_nAt = m_Batch.size();  // an iterator goes on behind it
-    return m_Batch;
+    if (at_end()) fetch();
+    const std::span<const Event<T>> Rest = std::span<const Event<T>>(m_Batch).subspan(m_nAt);
+    m_nAt = m_Batch.size();
+    return Rest;
   }
 
   class iterator {
@@ -328,21 +331,22 @@ class Reader {
     const Event<T>& operator*() const { return m_pReader->m_Batch[m_pReader->m_nAt]; }
     const Event<T>* operator->() const { return &**this; }
     iterator& operator++() {
-      if (++m_pReader->m_nAt == m_pReader->m_Batch.size()) m_pReader->fetch();
+      ++m_pReader->m_nAt;
+      if (m_pReader->at_end()) m_pReader->fetch();
       return *this;
     }
     void operator++(int) { ++*this; }
     friend bool operator==(const iterator& at, std::default_sentinel_t) { return at.at_end(); }
 
    private:
-    bool at_end() const { return m_pReader->m_nAt == m_pReader->m_Batch.size(); }
+    bool at_end() const { return m_pReader->at_end(); }
 
     Reader* m_pReader = nullptr;
   };
 
   // Iterators are of this reader, where it is now. An event is good until the iterator moves on.
   iterator begin() & {
-    if (m_nAt == m_Batch.size()) fetch();
+    if (at_end()) fetch();
     return iterator(this);
   }
   std::default_sentinel_t end() const noexcept { return {}; }
@@ -353,6 +357,9 @@ class Reader {
   using Wanted = std::function<bool(const T&)>;
   explicit Reader(detail::Reading reading, Wanted wanted = {})
       : m_Reading(std::move(reading)), m_Wanted(std::move(wanted)) {}
+
+  // Of the batch; that of a reader which was moved from is empty.
+  bool at_end() const noexcept { return m_nAt >= m_Batch.size(); }
 
   void fetch() {
     m_nAt = 0;
@@ -371,7 +378,7 @@ class Reader {
       if constexpr (std::is_same_v<T, std::byte>) {
         m_Batch.push_back({first, run.first(nSize)});
       } else {
-        Event<T> One{first, {}};
+        Event<T> One{first, T{}};
         std::memcpy(&One.value, run.data(), sizeof(T));
         if (!m_Wanted || m_Wanted(One.value)) m_Batch.push_back(One);
       }
@@ -469,8 +476,9 @@ class Database : public AnyDatabase {
 
   // The events of which a member, a time most likely, is at least a and less than b. It reads everything, since the
   // store has no order of its own but that in which events were added.
-  template <class M>
-  Reader<T> between(M T::*member, std::type_identity_t<M> a, std::type_identity_t<M> b) const {
+  template <class M, class C>
+  requires std::derived_from<T, C> Reader<T> between(M C::*member, std::type_identity_t<M> a, std::type_identity_t<M> b)
+  const {
     return Reader<T>(read(detail::Start::Of::All, 0),
                      [=](const T& event) { return !(event.*member < a) && event.*member < b; });
   }

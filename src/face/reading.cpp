@@ -7,6 +7,7 @@
 
 #include "face/events.h"
 #include "inspect/horizon.h"
+#include "platform/file.h"
 
 namespace lumbra {
 inline namespace v1 {
@@ -21,6 +22,11 @@ constexpr std::size_t kBatchEvents = 4096;
 bool HasSegment(const Use& In, std::uint64_t nId) {
   return In.Call(&LumbraOperations::GetEvents, kSystemDatabase, nId | 0xFFFFFFFFu, nullptr, 0, 0, nullptr, nullptr) ==
          errINDEX_OUT_OF_RANGE;
+}
+
+// A failure that says nothing of what was to be read.
+bool IsShortage(ResultCode nCode) {
+  return nCode == errOUT_OF_MEMORY || IsTooManyOpenFiles(nCode);
 }
 
 }  // namespace
@@ -132,7 +138,8 @@ std::span<const std::byte> Reading::next(EventId* first) {
     std::size_t nRead = 0;
     try {
       nRead = ReadEvents(Now, Of, nId, std::span(At.Buffer).first(nWanted * Of.nEventSize));
-    } catch (const Error&) {
+    } catch (const Error& Failure) {
+      if (IsShortage(Failure.result())) throw;
       At.nIndex = One.nEvents;
       At.Left.pop_front();
       throw;

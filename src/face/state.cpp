@@ -18,12 +18,17 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr char kForked[] =
+    "this process was forked from one that has a store open; open it behind the fork, and in one of them";
+
 // The store that the process has. It is never destroyed: a program may keep its store until it has ended.
 struct Registry {
   std::mutex Lock;
   std::condition_variable Changed;
   std::weak_ptr<State> Current;
-  bool bOpen = false;  // also while what it was is being closed
+  // The process that has it, also while it is opened and closed; 0: none. One that was forked from it finds the lock as
+  // it stood at that moment, and must not wait for it.
+  std::atomic<std::uint32_t> nProcess{0};
 };
 Registry& TheRegistry() {
   static Registry* const s_pRegistry = new Registry;
@@ -81,6 +86,8 @@ Share State::Open(const fs::path& Folder, const Options& What) {
   if (Folder.empty() || Refused || !IsStorePath(Absolute)) throw MakeError(errPATH_NAME_INVALID, "open", Folder, {});
   const fs::path Canonical = CanonicalOf(Absolute);
   Registry& All = TheRegistry();
+  if (const std::uint32_t nOwner = All.nProcess; nOwner != 0 && nOwner != os::ProcessId())
+    throw MakeError(errNOT_SUPPORTED, "open", Folder, kForked);
   Share pCurrent;  // before the lock: its last user closes it, which takes the lock
   std::unique_lock Hold(All.Lock);
   for (;;) {
@@ -89,14 +96,19 @@ Share State::Open(const fs::path& Folder, const Options& What) {
       pCurrent->RefuseOther(Canonical, What);
       return pCurrent;
     }
-    if (!All.bOpen) break;
+    if (All.nProcess == 0) break;
     All.Changed.wait(Hold);
   }
-  Share pOpened(new State(Absolute, Canonical, What));
-  All.Current = pOpened;
-  All.bOpen = true;
-  All.Changed.notify_all();
-  return pOpened;
+  All.nProcess = os::ProcessId();
+  try {
+    Share pOpened(new State(Absolute, Canonical, What));
+    All.Current = pOpened;
+    All.Changed.notify_all();
+    return pOpened;
+  } catch (...) {
+    All.nProcess = 0;
+    throw;
+  }
 }
 
 void State::RefuseOther(const fs::path& Canonical, const Options& What) const {
@@ -142,7 +154,8 @@ ResultCode State::InitWhenFree() {
   const host::Heal How = !m_Options.heal         ? host::Heal::Off
                          : m_Options.start_empty ? host::Heal::StartEmpty
                                                  : host::Heal::On;
-  const auto End = std::chrono::steady_clock::now() + m_Options.wait;
+  constexpr std::chrono::hours kForEver(24 * 365 * 100);  // which the clock can add
+  const auto End = std::chrono::steady_clock::now() + std::min<std::chrono::milliseconds>(m_Options.wait, kForEver);
   std::chrono::milliseconds Next(20);
   for (bool bOnceMore = true;;) {
     const ResultCode nCode = m_Store.Init(How);
@@ -170,6 +183,7 @@ void State::FailToOpen(ResultCode nCode) const {
 }
 
 void State::Close() {
+  if (m_nProcess != os::ProcessId()) return Abandon();
   m_bClosing = true;
   {
     const std::unique_lock Hold(m_Life);
@@ -180,8 +194,16 @@ void State::Close() {
   }
   Registry& All = TheRegistry();
   const std::lock_guard Hold(All.Lock);
-  All.bOpen = false;
+  All.nProcess = 0;
   All.Changed.notify_all();
+}
+
+// Of a forked process, where locks stand as they stood when it was made, for ever. Nothing is closed, as the system
+// does not when a process is killed.
+void State::Abandon() {
+  new host::Store(std::move(m_Store));
+  (void)m_pHost.release();
+  (void)m_pFiles.release();
 }
 
 void State::Fail(const Where& At, ResultCode nCode, std::string Reason) const {
@@ -191,10 +213,9 @@ void State::Fail(const Where& At, ResultCode nCode, std::string Reason) const {
 
 Use::Use(State& Of, const char* pOperation, const OpenDatabase* pDatabase)
     : m_State(Of), m_Where{pOperation, pDatabase} {
+  if (m_State.m_nProcess != os::ProcessId()) Fail(errNOT_SUPPORTED, kForked);
   if (!m_State.m_bClosing) m_Hold = std::shared_lock(m_State.m_Life);
   if (!m_Hold.owns_lock() || m_State.m_pHost == nullptr) Fail(errSTORE_NOT_INITIALIZED);
-  if (m_State.m_nProcess != os::ProcessId())
-    Fail(errSTORE_NOT_INITIALIZED, "it was opened before the process was forked, and stays with that one");
 }
 
 // ---- Databases --------------------------------------------------------------------------------------------

@@ -71,6 +71,7 @@ class State : public std::enable_shared_from_this<State> {
  private:
   friend class Use;
   State(std::filesystem::path Folder, std::filesystem::path Canonical, const Options& What);
+  void Abandon();
   ResultCode InitWhenFree();
   [[noreturn]] void FailToOpen(ResultCode nCode) const;
   void RefuseOther(const std::filesystem::path& Canonical, const Options& What) const;

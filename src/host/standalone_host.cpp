@@ -34,14 +34,6 @@ std::filesystem::path PathOfStore(std::u16string Folder) {
 #endif
 }
 
-// Files are looked at as the component opens them: where the process has run out of descriptors, segments are closed.
-// Those of a component that is linked in, since a module keeps its segments to itself.
-template <class Looking>
-ResultCode Relieved(Looking Look) {
-  const ResultCode nCode = Look();
-  return nCode == ResultFromSystemError(os::kTooManyOpenFiles) && RelieveDescriptors() ? Look() : nCode;
-}
-
 }  // namespace
 
 // ---- Store ------------------------------------------------------------------------------------------------

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <thread>
 
+#include "platform/file.h"
+
 namespace lumbra::inspect {
 
 File::File(os::FileHandle Handle) : m_Handle(Handle) {
@@ -15,7 +17,7 @@ File::File(os::FileHandle Handle) : m_Handle(Handle) {
 
 os::SystemError File::Open(const os::FolderHandle& pFolder, std::u16string_view Name, std::unique_ptr<File>* ppFile) {
   os::FileHandle Opened = nullptr;
-  const os::SystemError nError = os::OpenToLook(pFolder, Name, &Opened);
+  const os::SystemError nError = Relieved([&] { return os::OpenToLook(pFolder, Name, &Opened); });
   if (nError == os::kSuccess) ppFile->reset(new File(Opened));
   return nError;
 }

@@ -6,6 +6,7 @@
 #include "format/named_index_file.h"
 #include "inspect/file.h"
 #include "lumbra/lumbra.h"
+#include "platform/file.h"
 
 namespace lumbra::inspect {
 namespace {
@@ -100,7 +101,7 @@ std::optional<Database> Store::Find(std::uint32_t nId) const {
 }
 
 os::SystemError Store::OpenFolder(const Database& Of, os::FolderHandle* ppFolder) const {
-  return os::OpenFolder(m_pFolder, Of.Folder, ppFolder);
+  return Relieved([&] { return os::OpenFolder(m_pFolder, Of.Folder, ppFolder); });
 }
 
 std::vector<std::string> Store::IndexedKeys() const {

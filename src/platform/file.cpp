@@ -82,12 +82,10 @@ ResultCode File::OpenWithFlags(std::u16string_view Path, std::uint32_t nFlags, s
 
 ResultCode File::OpenWithFlags(const FilePlace& Place, std::uint32_t nFlags, std::uint32_t nDisposition) {
   os::FileHandle Opened = nullptr;
-  const auto OpenThere = [&] {
+  const os::SystemError nError = Relieved([&] {
     return os::Open(Place.pFolder, Place.Name, AccessOf(nFlags), ShareOf(nFlags), DispositionOf(nDisposition), 0,
                     &Opened);
-  };
-  os::SystemError nError = OpenThere();
-  if (nError == os::kTooManyOpenFiles && RelieveDescriptors()) nError = OpenThere();
+  });
   return Take(nError, Opened);
 }
 

@@ -9,6 +9,7 @@
 
 #include "lumbra/result_code.h"
 #include "platform/os.h"
+#include "platform/result.h"
 
 namespace lumbra {
 
@@ -31,11 +32,24 @@ enum FileDisposition : std::uint32_t {
   truncateExisting = 5,
 };
 
+inline bool IsTooManyOpenFiles(os::SystemError nError) {
+  return nError == os::kTooManyOpenFiles;
+}
+inline bool IsTooManyOpenFiles(ResultCode nCode) {
+  return nCode == ResultFromSystemError(os::kTooManyOpenFiles);
+}
+
 // What a process that has run out of descriptors can do: something that closes files which can be opened again, and
-// answers whether it has. Each opening of a FilePlace and of a folder calls it then once, and is tried again; null is
-// nothing.
+// answers whether it has; null is nothing.
 void SetDescriptorRelief(bool (*pRelief)());
 bool RelieveDescriptors();
+
+// What opens something, called again once where the process had run out of descriptors and that helped.
+template <class Opening>
+auto Relieved(Opening Open) {
+  const auto nResult = Open();
+  return IsTooManyOpenFiles(nResult) && RelieveDescriptors() ? Open() : nResult;
+}
 
 // Where a file is: in a folder that is open, under a name. The path is what traces show.
 struct FilePlace {

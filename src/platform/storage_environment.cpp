@@ -64,13 +64,6 @@ ResultCode OpenFolders(os::FolderHandle pStore, std::u16string_view Store, std::
   return ResultFromSystemError(nError);
 }
 
-// A call that opens something: tried again once where the process had run out of descriptors and could close a file.
-template <class Opening>
-os::SystemError Relieved(Opening Open) {
-  const os::SystemError nError = Open();
-  return nError == os::kTooManyOpenFiles && RelieveDescriptors() ? Open() : nError;
-}
-
 ResultCode ResultOfSearch(os::SystemError nError) {
   if (nError == os::kSuccess) return errOK;
   return nError == os::kFileNotFound ? errNOT_FOUND : errUNEXPECTED;
@@ -124,9 +117,7 @@ bool StorageEnvironment::Open(StorageOwner* pOwner, const os::FolderHandle& pSto
       m_Folder.append(Name) += u'\\';
     }
     const os::FolderRules Rules = pOwner->RulesOfFolders();
-    ResultCode nCode = OpenFolders(pStore, Store, Name, Rules, &m_pFolder);
-    if (nCode == ResultFromSystemError(os::kTooManyOpenFiles) && RelieveDescriptors())
-      nCode = OpenFolders(pStore, Store, Name, Rules, &m_pFolder);
+    const ResultCode nCode = Relieved([&] { return OpenFolders(pStore, Store, Name, Rules, &m_pFolder); });
     m_bEnvironmentFlag = bEnvironmentFlag;
     return Succeeded(nCode);
   } catch (const std::bad_alloc&) {

@@ -326,7 +326,30 @@ TEST_F(FaceTest, ExamplesDoWhatTheySay) {
   }
 }
 
+TEST_F(FaceTest, AReaderGoesOnWhereALoopWasLeft) {
+  auto Visits = Open().database<Visit>("visits");
+  for (std::uint64_t i = 0; i < 9; ++i) Visits.add({.time = At(1), .bytes = i});
+  auto Reader = Visits.all();
+  for (const auto& [nId, One] : Reader) {
+    if (One.bytes == 4) break;
+  }
+  auto Moved = std::move(Reader);
+  EXPECT_EQ(5u, Moved.next_batch().size());
+  EXPECT_TRUE(Moved.next_batch().empty());
+  EXPECT_EQ(Reader.begin(), Reader.end());
+}
+
 #ifndef _WIN32
+
+TEST_F(FaceTest, ReadsWhereDescriptorsAreShort) {
+  auto Store = Open();
+  auto Visits = Store.database<Visit>("visits");
+  const EventId nId = Visits.add_about(Type::file, "/a", {.time = At(1), .bytes = 1}, &Visit::object);
+  FailCallsNatively(SystemCall::OpenFolder, EMFILE);
+  EXPECT_EQ((std::vector<std::uint64_t>{1}), BytesOf(Visits.all()));
+  FailCallsNatively(SystemCall::OpenFolder, EMFILE);
+  EXPECT_EQ("/a", Store.name_of(Visits.get(nId)->object));
+}
 
 TEST_F(FaceTest, AFailedSyncMakesFlushThrowUntilItIsReopened) {
   auto Visits = Open().database<Visit>("visits");
