@@ -6,8 +6,7 @@
 namespace lumbra {
 
 // Whether a name is one folder's, and leads to no other place: not empty, without a separator or a zero, neither "."
-// nor
-// "..", and not the folder of a numbered database. On Windows also without ':', and not of points and blanks alone.
+// nor "..", and not the folder of a numbered database. On Windows also without ':', and not of points and blanks alone.
 bool IsPlainFolderName(std::u16string_view Name);
 
 // Whether a new database may have the name. It is a plain one without control characters and unpaired surrogates; it is
