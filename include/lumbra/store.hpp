@@ -141,7 +141,8 @@ struct Holder {
 
 // The category of the codes of the store, ResultCode as int. Those that mean the same as one of std::errc compare equal
 // to it: no_such_file_or_directory, permission_denied, no_space_on_device, device_or_resource_busy, invalid_argument,
-// not_enough_memory, too_many_files_open.
+// not_enough_memory, too_many_files_open and others. A write that finds the disk full is errWRITE_FAILED, whatever kept
+// it from succeeding, and equal to none of them: help() says retry.
 const std::error_category& store_category() noexcept;
 
 // A failure. what() is one line with all of it, whose names hold nothing that could harm a terminal.
