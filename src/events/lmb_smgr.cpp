@@ -204,7 +204,8 @@ void SegmentManager::SyncHeader() {
 }
 
 // Brings the number of the first segment that has its files to the disk. To be called before the files of a segment
-// are deleted, so that the header never leads to one that is gone, not even after a power cut.
+// are deleted, so that the header never leads to one that is gone, not even after a power cut; but where it cannot be
+// written, see CatchUpHeader.
 ResultCode SegmentManager::MoveStart() {
   const auto First = std::find_if(m_Segments.begin(), m_Segments.end(),
                                   [](const tSEGMENT_ENTRY& Entry) { return !Entry.pSegment->IsDiscarded(); });
