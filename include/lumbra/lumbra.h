@@ -153,7 +153,7 @@ inline constexpr LumbraPropertyInfo kProperties[] = {
      "KiB that the process keeps in memory of what was read of its stores' files, beside up to 512 KiB of names' hashes for "
      "each object store; 16,384; 0: nothing of the files; the last instance to open says"},
     {propREPORT_FOLDER, "propREPORT_FOLDER", LumbraPropertyType::Utf16, LumbraPropertySet::Always,
-     "the folder of the store; empty: the host's \"%Report%\""},
+     "the folder of the store, for the next initialisation; empty: the host's \"%Report%\""},
     {propINTERFACE_COMMENT, "propINTERFACE_COMMENT", LumbraPropertyType::Bytes8, LumbraPropertySet::Ignored,
      "\"Lumbra\""},
     {propINTERFACE_CONSTANT, "propINTERFACE_CONSTANT", LumbraPropertyType::Number, LumbraPropertySet::Never, "1"},

@@ -18,8 +18,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kForked[] =
-    "this process was forked from one that has a store open; open it behind the fork, and in one of them";
+constexpr char kForked[] = "this process was forked from one that had a store open, with which it stays";
 
 // The store that the process has. It is never destroyed: a program may keep its store until it has ended.
 struct Registry {

@@ -14,24 +14,31 @@ namespace lumbra::test {
 namespace fs = std::filesystem;
 
 std::string RunBits(const Choice& Which) {
-  const fs::path Folder = Which.Fresh("bits");
-  Which.Start("bits", kNoCase);
-  const Record Known = MakeStore(Which, Folder, true, 40);
-  const Files Sound = ReadFiles(Folder);
-  std::uint64_t nBytes = 0;
-  for (const auto& One : Sound) nBytes += One.second.size();
-  const std::vector<std::uint64_t> Cases = Which.Cases(8 * nBytes, 1500);
-  for (const std::uint64_t nCase : Cases) {
-    Files Damaged = Sound;
-    std::uint64_t nByte = nCase / 8;
-    auto File = Damaged.begin();
-    for (; nByte >= File->second.size(); ++File) nByte -= File->second.size();
-    Which.Start("bits, " + File->first + " at " + std::to_string(nByte), nCase);
-    File->second[nByte] = static_cast<char>(File->second[nByte] ^ (1 << nCase % 8));
-    WriteFiles(Folder, Damaged);
-    Driver(Which.With(Folder, true, kOtherSerials), Known).UseDamaged(Driver::End::Damage);
+  std::size_t nCases = 0;
+  std::uint64_t nBits = 0;
+  for (const bool bChecked : {false, true}) {
+    const fs::path Folder = Which.Fresh("bits");
+    Which.Start("bits", kNoCase);
+    const Record Known = MakeStore(Which, Folder, bChecked, 40);
+    const Files Sound = ReadFiles(Folder);
+    std::uint64_t nBytes = 0;
+    for (const auto& One : Sound) nBytes += One.second.size();
+    const std::vector<std::uint64_t> Cases = Which.Cases(8 * nBytes, 750);
+    for (const std::uint64_t nCase : Cases) {
+      Files Damaged = Sound;
+      std::uint64_t nByte = nCase / 8;
+      auto File = Damaged.begin();
+      for (; nByte >= File->second.size(); ++File) nByte -= File->second.size();
+      Which.Start((bChecked ? "bits (checked), " : "bits, ") + File->first + " at " + std::to_string(nByte), nCase);
+      File->second[nByte] = static_cast<char>(File->second[nByte] ^ (1 << nCase % 8));
+      WriteFiles(Folder, Damaged);
+      Driver(Which.With(Folder, bChecked, kOtherSerials), Known)
+          .UseDamaged(bChecked ? Driver::End::Damage : Driver::End::Foreign);
+    }
+    nCases += Cases.size();
+    nBits += 8 * nBytes;
   }
-  return std::to_string(Cases.size()) + " of " + std::to_string(8 * nBytes);
+  return std::to_string(nCases) + " of " + std::to_string(nBits);
 }
 
 std::string RunThreads(const Choice& Which) {

@@ -406,7 +406,8 @@ void AddStoreCommands(CLI::App* pApp, Request* pRequest) {
   pInfo->add_flag("--segments", pInfoWith->bSegments, "Also every segment");
   pInfo->add_flag("--times", pInfoWith->bTimes, "Also the lowest and the highest time of events, which reads them all");
 
-  AddCommand(pApp, pRequest, "check", "Say what the quick check of the shared objects finds and repairs", CheckStore);
+  AddCommand(pApp, pRequest, "check",
+             "Say what is lost or damaged; of a sound store, what the quick check finds and repairs", CheckStore);
   const auto [pCompact, pCompactWith] =
       AddCommand(pApp, pRequest, "compact", "Write the shared objects without the holes between them", Compact);
   pCompact->add_flag("--replace", pCompactWith->bReplace, "And put them in the place of the live ones");

@@ -142,12 +142,8 @@ int Compact(const CommonOptions& Common, const CompactOptions& Options) {
     return nLosses == 0 ? kExitOk : kExitFailed;
   }
   if (Options.bReplace) std::puts("It is not put in its place; --lossy does that all the same.");
-  std::printf(
-      "The compacted pair lies beside the live one, which stays in use. To put it in its place, before any other "
-      "command\n"
-      "and while nothing has the store open: keep copies of %s and %s, and rename the pair over them. All other\n"
-      "files stay as they are.\n",
-      host::ToUtf8(kSharedIdsFile).c_str(), host::ToUtf8(kSharedDataFile).c_str());
+  std::puts(
+      "The compacted pair lies beside the live one, which stays in use; lumbra compact --replace makes one that takes its place.");
   return nLosses == 0 ? kExitOk : kExitFailed;
 }
 
