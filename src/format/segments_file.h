@@ -5,6 +5,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
 
 namespace lumbra {
 
@@ -21,5 +24,16 @@ static_assert(offsetof(tSDB_HEADER, nFirstSegment) == 4 && offsetof(tSDB_HEADER,
 
 // Segment numbers start at 1 and stay below this.
 inline constexpr std::uint32_t kSegmentNumberLimit = 0x7FFFFFF0;
+
+// Why bytes are not such a file's, in words, and what was found instead, where that says more.
+struct SegmentsFault {
+  std::string What;
+  std::string Found;
+};
+
+std::string EncodeSegments(std::uint32_t nFirstSegment, std::uint32_t nEventSize);
+
+// Takes the file's first bytes, 12 of them unless it is short. *pHeader is set when nothing is wrong with them.
+std::optional<SegmentsFault> DecodeSegments(std::string_view Bytes, tSDB_HEADER* pHeader);
 
 }  // namespace lumbra

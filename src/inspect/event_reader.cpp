@@ -7,7 +7,6 @@
 #include "format/crc32.h"
 #include "format/file_names.h"
 #include "format/record_file.h"
-#include "format/segments_file.h"
 #include "platform/result.h"
 
 namespace lumbra::inspect {
@@ -336,12 +335,7 @@ bool EventReader::Previous(std::uint32_t nMost, Batch* pBatch) {
 
 // Whether a segment that is not there any more went because it was the oldest, or with all others.
 Gap::Why EventReader::WhyGone(std::uint32_t nSegment) const {
-  tSDB_HEADER Header{};
-  std::string Bytes;
-  if (ReadSmall(m_pFolder, kSegmentsFile, sizeof(Header), &Bytes) != os::kSuccess || Bytes.size() != sizeof(Header))
-    return Gap::Why::Cleared;
-  std::memcpy(&Header, Bytes.data(), sizeof(Header));
-  return Header.nFirstSegment > nSegment ? Gap::Why::Dropped : Gap::Why::Cleared;
+  return ReadChainHead(m_pFolder).nFirst > nSegment ? Gap::Why::Dropped : Gap::Why::Cleared;
 }
 
 std::optional<Gap::Why> EventReader::Open(Track* pTrack) {

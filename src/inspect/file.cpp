@@ -23,13 +23,14 @@ os::SystemError File::Open(const os::FolderHandle& pFolder, std::u16string_view 
 }
 
 os::SystemError ReadSmall(const os::FolderHandle& pFolder, std::u16string_view Name, std::uint32_t nMost,
-                          std::string* pBytes) {
+                          std::string* pBytes, os::FileLook* pLook) {
   std::unique_ptr<File> pFile;
   os::SystemError nError = os::kSuccess;
   Patience Waiting;
   do {
     nError = File::Open(pFolder, Name, &pFile);
   } while (nError == os::kSharingViolation && Waiting.Wait());  // the writer has it alone for a moment, on Windows
+  if (nError == os::kSuccess && pLook != nullptr) nError = pFile->Look(pLook);
   if (nError != os::kSuccess) return nError;
   pBytes->assign(nMost, '\0');
   std::uint32_t nRead = 0;

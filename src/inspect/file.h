@@ -40,9 +40,9 @@ class File {
   std::uint32_t m_nKey;
 };
 
-// The first bytes of a small file, at most so many; it is closed at once.
+// The first bytes of a small file, at most so many, and a look at it where that is wanted; it is closed at once.
 os::SystemError ReadSmall(const os::FolderHandle& pFolder, std::u16string_view Name, std::uint32_t nMost,
-                          std::string* pBytes);
+                          std::string* pBytes, os::FileLook* pLook = nullptr);
 
 // Blocks of files in memory, as many as were asked for and no more, whatever the size of the files. A thread at a time.
 //

@@ -9,7 +9,6 @@
 #include "format/named_index_file.h"
 #include "format/object_files.h"
 #include "format/record_file.h"
-#include "format/segments_file.h"
 #include "format/tree_file.h"
 #include "inspect/file.h"
 #include "lumbra/lumbra.h"
@@ -110,14 +109,10 @@ class Checker {
 bool IsStill(const SegmentExtent& Segment, const os::FolderHandle& pFolder, const std::u16string& Events) {
   os::FileLook Look{};
   if (os::LookAt(pFolder, Events, &Look) != os::kSuccess || Look.nBirth != Segment.nBirth) return false;
-  tSDB_HEADER Chain{};
-  std::string Bytes;
-  const bool bRead = ReadSmall(pFolder, kSegmentsFile, sizeof(Chain), &Bytes) == os::kSuccess;
-  if (!bRead || Bytes.size() != sizeof(Chain)) return true;
-  std::memcpy(&Chain, Bytes.data(), sizeof(Chain));
   // Its files go when the chain begins behind it.
-  const std::u16string First = SegmentFileName(Chain.nFirstSegment, kEventsFile);
-  return Chain.nFirstSegment <= Segment.nNumber || os::LookAt(pFolder, First, &Look) != os::kSuccess;
+  const std::uint32_t nFirst = ReadChainHead(pFolder).nFirst;
+  const std::u16string First = SegmentFileName(nFirst, kEventsFile);
+  return nFirst <= Segment.nNumber || os::LookAt(pFolder, First, &Look) != os::kSuccess;
 }
 
 std::optional<Fault> FaultOfIndex(const Store& Of) {

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <cstring>
 #include <optional>
+#include <utility>
 
 #include "format/file_names.h"
 #include "format/record_file.h"
-#include "format/segments_file.h"
 #include "inspect/file.h"
 #include "platform/result.h"
 
@@ -26,28 +26,22 @@ class Look {
 
   os::SystemError OpenFolder() { return m_Store.OpenFolder(m_Database, &m_pFolder); }
 
-  // What is wrong with "segments.dat".
-  struct Wrong {
-    std::string What;
-    std::string Found;
-  };
-
-  // What it says, and the segments from there on, or from a later one. It is read again behind them: segments that were
-  // dropped meanwhile would make the chain look shorter than it is.
-  std::optional<Wrong> FollowChain(std::uint32_t nFrom) {
-    tSDB_HEADER Header{};
-    if (std::optional<Wrong> Found = ReadHead(&Header)) return Found;
-    const std::uint64_t nLife = m_nLife;
-    *m_pHorizon = {Header.nEventSize, nLife, Header.nFirstSegment, {}};
-    if (Header.nFirstSegment == 0) return {};
-    m_nFailure = Append(std::max(Header.nFirstSegment, nFrom));
-    if (m_pHorizon->Segments.empty() && nFrom > Header.nFirstSegment) m_nFailure = Append(Header.nFirstSegment);
+  // What "segments.dat" says, and the segments from there on, or from a later one; or what is wrong with it. It is read
+  // again behind them: segments that were dropped meanwhile would make the chain look shorter than it is.
+  std::optional<SegmentsFault> FollowChain(std::uint32_t nFrom) {
+    m_bSettled = true;
+    const ChainHead Head = ReadHead();
+    if (Head.Wrong) return Head.Wrong;
+    *m_pHorizon = {Head.nEventSize, Head.nLife, Head.nFirst, {}};
+    if (Head.nFirst == 0) return {};
+    m_nFailure = Append(std::max(Head.nFirst, nFrom));
+    if (m_pHorizon->Segments.empty() && nFrom > Head.nFirst) m_nFailure = Append(Head.nFirst);
     if (m_pHorizon->Segments.empty())
-      return Wrong{"it leads to segment " + std::to_string(Header.nFirstSegment) + ", which is not there", ""};
-    tSDB_HEADER Now{};
-    if (std::optional<Wrong> Found = ReadHead(&Now)) return Found;
-    m_bSettled = nLife == m_nLife && Header.nEventSize == Now.nEventSize && Header.nFirstSegment <= Now.nFirstSegment &&
-                 Now.nFirstSegment <= m_pHorizon->Segments.back().nNumber;
+      return SegmentsFault{"it leads to segment " + std::to_string(Head.nFirst) + ", which is not there", ""};
+    const ChainHead Now = ReadHead();
+    if (Now.Wrong) return Now.Wrong;
+    m_bSettled = Head.nLife == Now.nLife && Head.nEventSize == Now.nEventSize && Head.nFirst <= Now.nFirst &&
+                 Now.nFirst <= m_pHorizon->Segments.back().nNumber;
     return {};
   }
   bool IsSettled() const { return m_bSettled; }
@@ -110,9 +104,9 @@ class Look {
   os::SystemError Failure() const { return m_nFailure; }
 
   // Whether the chain has lost a segment since, or is another one.
-  bool StartsBehind(std::uint32_t nNumber) {
-    tSDB_HEADER Now{};
-    return !ReadHead(&Now) && (Now.nFirstSegment > nNumber || m_nLife != m_pHorizon->nLife);
+  bool StartsBehind(std::uint32_t nNumber) const {
+    const ChainHead Now = ReadChainHead(m_pFolder);
+    return !Now.Wrong && (Now.nFirst > nNumber || Now.nLife != m_pHorizon->nLife);
   }
 
   std::vector<std::uint32_t> ListSegments() const {
@@ -127,23 +121,10 @@ class Look {
   }
 
  private:
-  std::optional<Wrong> ReadHead(tSDB_HEADER* pHeader) {
-    m_bSettled = true;
-    std::unique_ptr<File> pFile;
-    os::FileLook Found{};
-    std::uint32_t nRead = 0;
-    os::SystemError nError = File::Open(m_pFolder, kSegmentsFile, &pFile);
-    if (nError == os::kSuccess) nError = pFile->Look(&Found);
-    if (nError == os::kSuccess) nError = pFile->Read(0, pHeader, sizeof(*pHeader), &nRead);
-    m_nLife = Found.nBirth;
-    if (nError != os::kSuccess && nError != os::kFileNotFound && nError != os::kAccessDenied) m_nFailure = nError;
-    if (nError != os::kSuccess) return Wrong{nError == os::kFileNotFound ? "it is missing" : "it cannot be read", ""};
-    if (nRead < sizeof(*pHeader)) return Wrong{"it is short", std::to_string(nRead) + " bytes"};
-    if (std::memcmp(pHeader->nMagic, kSegmentsMagic, sizeof(kSegmentsMagic)) != 0) return Wrong{"it has no magic", ""};
-    if (pHeader->nEventSize == 0) return Wrong{"it gives events no size", ""};
-    if (pHeader->nFirstSegment >= kSegmentNumberLimit)
-      return Wrong{"it leads beyond all segments", std::to_string(pHeader->nFirstSegment)};
-    return {};
+  ChainHead ReadHead() {
+    ChainHead Head = ReadChainHead(m_pFolder);
+    if (Head.nError != os::kFileNotFound && Head.nError != os::kAccessDenied) m_nFailure = Head.nError;
+    return Head;
   }
 
   // The segments from a number on, up to the first that is missing.
@@ -186,7 +167,6 @@ class Look {
   Horizon* const m_pHorizon;
   os::FolderHandle m_pFolder;
   os::SystemError m_nFailure = os::kSuccess;
-  std::uint64_t m_nLife = 0;
   bool m_bSettled = true;
 };
 
@@ -212,6 +192,20 @@ void LookBehindHoles(Look* pChain, const Database& What, const Report& Tell, Hor
 
 }  // namespace
 
+ChainHead ReadChainHead(const os::FolderHandle& pFolder) {
+  std::string Bytes;
+  os::FileLook Found{};
+  tSDB_HEADER Says{};
+  std::optional<SegmentsFault> Wrong;
+  const os::SystemError nError = ReadSmall(pFolder, kSegmentsFile, sizeof(Says), &Bytes, &Found);
+  if (nError == os::kSuccess) {
+    Wrong = DecodeSegments(Bytes, &Says);
+  } else {
+    Wrong = {nError == os::kFileNotFound ? "it is missing" : "it cannot be read", ""};
+  }
+  return {Says.nFirstSegment, Says.nEventSize, Found.nBirth, std::move(Wrong), nError};
+}
+
 ObjectsExtent MeasureObjects(const os::FolderHandle& pFolder, std::u16string_view Ids, std::u16string_view Data) {
   const std::uint64_t nIds = SizeOf(pFolder, Ids);  // before that of the names, which are written first
   return {nIds, SizeOf(pFolder, Data)};
@@ -223,7 +217,7 @@ ResultCode TakeHorizon(const Store& Of, const Database& What, const Report& Tell
   Look Chain(Of, What, pHorizon);
   if (const os::SystemError nError = Chain.OpenFolder(); nError != os::kSuccess) return ResultFromSystemError(nError);
   Patience Waiting;
-  std::optional<Look::Wrong> Wrong;
+  std::optional<SegmentsFault> Wrong;
   do {
     Wrong = Chain.FollowChain(nFrom);
     if (const os::SystemError nError = Chain.Failure(); nError != os::kSuccess) return ResultFromSystemError(nError);

@@ -6,9 +6,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "format/segments_file.h"
 #include "inspect/finding.h"
 #include "inspect/store.h"
 #include "lumbra/result_code.h"
@@ -39,6 +41,17 @@ struct Horizon {
   std::uint32_t nFirst = 0;             // what "segments.dat" calls the oldest segment, 0 for none
   std::vector<SegmentExtent> Segments;  // oldest first; a number that is left out is of a segment that is missing
 };
+
+// What "segments.dat" says at one moment, without waiting until it makes sense. Where it says nothing, nFirst is 0, and
+// behind no segment: a call that failed, and bytes that contradict the format, condemn none.
+struct ChainHead {
+  std::uint32_t nFirst = 0;               // the oldest segment, 0 for none
+  std::uint32_t nEventSize = 0;           // bytes
+  std::uint64_t nLife = 0;                // when the file was made, which clearing does anew; 0: not known
+  std::optional<SegmentsFault> Wrong;     // why it says nothing
+  os::SystemError nError = os::kSuccess;  // why it was not read
+};
+ChainHead ReadChainHead(const os::FolderHandle& pFolder);
 
 // Takes it. A chain that is being changed is waited for a moment; where "segments.dat" is missing or damaged then, or
 // leads nowhere, that is reported, and the newest run of segments that are there is taken; a segment that is missing

@@ -115,10 +115,12 @@ ResultCode LookAtEventSize(const std::u16string& Store, const std::u16string& Fo
   if (nError == os::kSuccess) nError = os::OpenFolder(pStore, Folder, &pFolder);
   if (nError == os::kFileNotFound || nError == os::kPathNotFound) return errOK;
   if (nError != os::kSuccess) return ResultFromSystemError(nError);
-  std::string Header;
-  nError = ReadBytes(pFolder, kSegmentsFile, 0, sizeof(tSDB_HEADER), &Header);
+  std::string Bytes;
+  nError = ReadBytes(pFolder, kSegmentsFile, 0, sizeof(tSDB_HEADER), &Bytes);
   if (nError != os::kSuccess && nError != os::kFileNotFound) return ResultFromSystemError(nError);
-  pFound->nBytes = EventSizeIn(Header);
+  tSDB_HEADER Header{};
+  (void)DecodeSegments(Bytes, &Header);  // of one that is damaged the size is 0
+  pFound->nBytes = Header.nEventSize;
   if (pFound->nBytes != 0) return errOK;
   FolderView Files;
   const ResultCode nListed = Files.Open(pFolder);

@@ -19,12 +19,6 @@ std::string EventsHead(std::uint32_t nEventSize) {
   return BytesOf(Header);
 }
 
-std::string ChainHead(std::uint32_t nFirst, std::uint32_t nEventSize) {
-  tSDB_HEADER Header{{}, nFirst, nEventSize};
-  std::memcpy(Header.nMagic, kSegmentsMagic, sizeof(Header.nMagic));
-  return BytesOf(Header);
-}
-
 // The event size of a head; nothing for one that is none.
 std::optional<std::uint32_t> SizeIn(const std::string& Head) {
   tPLAINDB_HEADER Header{};
@@ -32,16 +26,6 @@ std::optional<std::uint32_t> SizeIn(const std::string& Head) {
   std::memcpy(&Header, Head.data(), sizeof(Header));
   return Header.nRecordSize != 0 && Head == EventsHead(Header.nRecordSize) ? std::optional(Header.nRecordSize)
                                                                            : std::nullopt;
-}
-
-// A "segments.dat" that says something.
-std::optional<tSDB_HEADER> GoodHeader(const std::string& Bytes) {
-  tSDB_HEADER Header{};
-  if (Bytes.size() != sizeof(Header)) return {};
-  std::memcpy(&Header, Bytes.data(), sizeof(Header));
-  const bool bMagic = std::memcmp(Header.nMagic, kSegmentsMagic, sizeof(kSegmentsMagic)) == 0;
-  const bool bGood = bMagic && Header.nEventSize != 0 && Header.nFirstSegment < kSegmentNumberLimit;
-  return bGood ? std::optional(Header) : std::nullopt;
 }
 
 // A segment by its events, which are there.
@@ -88,11 +72,10 @@ class DatabaseLook {
 
   void ReadHeader() {
     m_Header = m_Files.Read(kSegmentsFile, 0, sizeof(tSDB_HEADER));
-    const std::optional<tSDB_HEADER> Header = GoodHeader(m_Header);
-    if (!Header) return;
-    m_bHeaderGood = true;
-    m_nFirst = Header->nFirstSegment;
-    m_nEventSize = Header->nEventSize;
+    tSDB_HEADER Header{};
+    m_bHeaderGood = !DecodeSegments(m_Header, &Header);
+    m_nFirst = Header.nFirstSegment;
+    m_nEventSize = Header.nEventSize;
   }
 
   void ListSegments() {
@@ -323,7 +306,7 @@ class DatabaseLook {
   // ---- "segments.dat" ----
 
   void MendStart() {
-    const std::string Wanted = ChainHead(m_Chain.front().nNumber, m_nEventSize);
+    const std::string Wanted = EncodeSegments(m_Chain.front().nNumber, m_nEventSize);
     if ((m_bLeads && !m_bFirstMoved) || m_Header == Wanted) return;
     const char* const pFound = m_bFirstMoved   ? "leads behind whole segments"
                                : m_bHeaderGood ? "leads nowhere"
@@ -377,11 +360,6 @@ class DatabaseLook {
 };
 
 }  // namespace
-
-std::uint32_t EventSizeIn(const std::string& Bytes) {
-  const std::optional<tSDB_HEADER> Header = GoodHeader(Bytes);
-  return Header ? Header->nEventSize : 0;
-}
 
 bool HasEvents(const FolderView& Files) {
   return std::ranges::any_of(Files.Files(), [](const auto& One) {

@@ -54,9 +54,6 @@ void LookAtSharedObjects(FolderView& Files, bool bDatabases, const Wishes& Wante
 // What is left of putting a compacted pair in the place of the live one; whether it is being taken back.
 void LookAtReplacing(FolderView& Files, Plan* pPlan);
 
-// The event size in a "segments.dat"; 0 for one that is damaged.
-std::uint32_t EventSizeIn(const std::string& Header);
-
 // Whether a database's folder holds events.
 bool HasEvents(const FolderView& Files);
 

@@ -1,7 +1,6 @@
 #include "store_copy.h"
 
 #include <algorithm>
-#include <cstring>
 #include <thread>
 
 #include "failure.h"
@@ -32,15 +31,6 @@ bool IsSame(const os::FileLook& One, const os::FileLook& Other) {
 
 bool IsSettled(const os::FileLook& Of) {
   return Of.nWritten + kSettled < os::CurrentTime();
-}
-
-// The first segment by "segments.dat", 0 where that does not tell.
-std::uint32_t FirstIn(const os::FolderHandle& pFolder) {
-  tSDB_HEADER Header{};
-  std::string Bytes;
-  if (inspect::ReadSmall(pFolder, kSegmentsFile, sizeof(Header), &Bytes) != os::kSuccess) return 0;
-  if (Bytes.size() == sizeof(Header)) std::memcpy(&Header, Bytes.data(), sizeof(Header));
-  return Header.nFirstSegment;
 }
 
 void Require(os::SystemError nError, const std::string& What) {
@@ -104,11 +94,7 @@ bool StoreCopy::TryDatabase(const inspect::Database& Which, const Place& At) {
   os::FileLook Now{};
   if (pChain != nullptr && (pChain->Look(&Now) != os::kSuccess || Now.nNames == 0)) return false;
   if (nFirst == 0 && !Seen.Segments.empty()) return false;
-  tSDB_HEADER Header{{}, nFirst, Seen.nEventSize};
-  std::memcpy(Header.nMagic, kSegmentsMagic, sizeof(kSegmentsMagic));
-  std::string Bytes(sizeof(Header), '\0');
-  std::memcpy(Bytes.data(), &Header, sizeof(Header));
-  if (Seen.nEventSize != 0) WriteFile(At, kSegmentsFile, Bytes);
+  if (Seen.nEventSize != 0) WriteFile(At, kSegmentsFile, EncodeSegments(nFirst, Seen.nEventSize));
   RemoveOthers(At);
   return true;
 }
@@ -121,7 +107,8 @@ bool StoreCopy::CopySegment(const Place& At, const inspect::SegmentExtent& Segme
   const auto IsThere = [&] {
     const os::SystemError nError = os::LookAt(At.pFrom, Name, &Source);
     if (nError != os::kFileNotFound) Require(nError, What(At, Name));
-    return nError == os::kSuccess && Source.nBirth == Segment.nBirth && FirstIn(At.pFrom) <= Segment.nNumber;
+    return nError == os::kSuccess && Source.nBirth == Segment.nBirth &&
+           inspect::ReadChainHead(At.pFrom).nFirst <= Segment.nNumber;
   };
   if (!IsThere()) return false;
   const std::uint64_t nBytes = sizeof(tPLAINDB_HEADER) + Segment.nEvents * nEventSize;

@@ -1,7 +1,6 @@
 #include "store_files.h"
 
 #include <algorithm>
-#include <cstring>
 #include <system_error>
 
 #include "failure.h"
@@ -161,10 +160,7 @@ bool StoreFiles::Has(const DatabaseName& Database) const {
 std::optional<DatabaseFiles> StoreFiles::Read(const DatabaseName& Database) const {
   tSDB_HEADER Header{};
   const fs::path Folder = m_Folder / PathOf(Database.Folder());
-  const std::string Read = ReadBytes(Folder / kSegmentsFile, 0, sizeof(Header));
-  if (Read.size() != sizeof(Header)) return {};
-  std::memcpy(&Header, Read.data(), sizeof(Header));
-  if (std::memcmp(Header.nMagic, kSegmentsMagic, sizeof(kSegmentsMagic)) != 0 || Header.nEventSize == 0) return {};
+  if (DecodeSegments(ReadBytes(Folder / kSegmentsFile, 0, sizeof(Header)), &Header)) return {};
 
   DatabaseFiles Found{Header.nEventSize, {}};
   if (Header.nFirstSegment == 0) return Found;
