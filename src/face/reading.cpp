@@ -55,6 +55,7 @@ struct Reading::Place {
   std::uint64_t nIndex = 0;
   std::uint64_t nLife = 0;  // of the database, in which that is meant
   bool bInRound = false;
+  inspect::Horizon Seen;                    // when the round began
   std::deque<inspect::SegmentExtent> Left;  // of the round
   std::vector<std::byte> Buffer;
 
@@ -87,7 +88,7 @@ void Reading::Place::Begin(const Use& In) {
   const auto Ignore = [](const inspect::Finding&) {
   };
   inspect::Horizon Now;
-  ResultCode nCode = inspect::TakeHorizon(In.Files(), pDatabase->Files, Ignore, &Now, nSegment);
+  ResultCode nCode = inspect::TakeHorizon(In.Files(), pDatabase->Files, Ignore, &Now, nSegment, Seen);
   // A chain that does not go on where we are is looked at from its start.
   const bool bGoesOn = !Now.Segments.empty() && Now.Segments.front().nNumber == nSegment;
   if (Succeeded(nCode) && nSegment != 0 && !bGoesOn)
@@ -97,6 +98,7 @@ void Reading::Place::Begin(const Use& In) {
   std::erase_if(Left, [this](const inspect::SegmentExtent& One) { return One.nNumber < nSegment; });
   if (nLast != UINT64_MAX) SkipAllButLast();
   bInRound = true;
+  Seen = std::move(Now);
 }
 
 void Reading::Place::SkipAllButLast() {

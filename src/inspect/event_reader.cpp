@@ -77,7 +77,7 @@ void EventReader::ForgetFrom(std::size_t nTrack) {
 ResultCode EventReader::TakeNext(std::size_t* pnKnown) {
   Horizon Fresh;
   const std::uint32_t nFrom = m_Tracks.empty() ? 0 : m_Tracks.front().Extent.nNumber;
-  ResultCode nCode = TakeHorizon(m_Store, m_Database, m_Tell, &Fresh, nFrom);
+  ResultCode nCode = TakeHorizon(m_Store, m_Database, m_Tell, &Fresh, nFrom, m_Horizon);
   // A chain that does not go on where we are is looked at from its start.
   const bool bGoesOn = !m_Tracks.empty() && !Fresh.Segments.empty() && IsSame(m_Tracks.front(), Fresh.Segments.front());
   if (Succeeded(nCode) && nFrom != 0 && !bGoesOn) nCode = TakeHorizon(m_Store, m_Database, m_Tell, &Fresh);

@@ -1,6 +1,7 @@
 #include "inspect/horizon.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <optional>
 #include <utility>
@@ -13,6 +14,13 @@
 namespace lumbra::inspect {
 namespace {
 
+// Behind a segment that is missing so many numbers are looked at: more are seldom lost together, and a list of a folder
+// with a thousand segments takes a hundred times as long.
+constexpr std::uint32_t kNear = 16;
+
+// What is farther behind is found in such a list, which is made anew so often.
+constexpr std::chrono::seconds kListAgain{1};
+
 std::uint64_t SizeOf(const os::FolderHandle& pFolder, std::u16string_view Name) {
   os::FileLook Found{};
   return os::LookAt(pFolder, Name, &Found) == os::kSuccess && Found.bPlain ? Found.nSize : 0;
@@ -21,8 +29,8 @@ std::uint64_t SizeOf(const os::FolderHandle& pFolder, std::u16string_view Name) 
 // One look at a chain.
 class Look {
  public:
-  Look(const Store& Of, const Database& What, Horizon* pHorizon)
-      : m_Store(Of), m_Database(What), m_pHorizon(pHorizon) {}
+  Look(const Store& Of, const Database& What, const Horizon& Before, Horizon* pHorizon)
+      : m_Store(Of), m_Database(What), m_Before(Before), m_pHorizon(pHorizon) {}
 
   os::SystemError OpenFolder() { return m_Store.OpenFolder(m_Database, &m_pFolder); }
 
@@ -32,7 +40,7 @@ class Look {
     m_bSettled = true;
     const ChainHead Head = ReadHead();
     if (Head.Wrong) return Head.Wrong;
-    *m_pHorizon = {Head.nEventSize, Head.nLife, Head.nFirst, {}};
+    *m_pHorizon = {Head.nEventSize, Head.nLife, Head.nFirst, {}, m_Before.Listed};
     if (Head.nFirst == 0) return {};
     m_nFailure = Append(std::max(Head.nFirst, nFrom));
     if (m_pHorizon->Segments.empty() && nFrom > Head.nFirst) m_nFailure = Append(Head.nFirst);
@@ -67,12 +75,17 @@ class Look {
     (void)Append(*First);  // as far as it goes
   }
 
-  // Where a segment is missing in between, the next one behind it that holds events, of those that were listed; 0 for
-  // none.
-  std::uint32_t NextBehindHole(const std::vector<std::uint32_t>& Listed) const {
+  // Where a segment is missing in between, the next one behind it that holds events; 0 for none.
+  std::uint32_t NextBehindHole() {
     if (m_pHorizon->Segments.empty()) return 0;
-    const std::uint32_t nEnd = m_pHorizon->Segments.back().nNumber + 1;
-    for (auto At = std::ranges::upper_bound(Listed, nEnd); At != Listed.end(); ++At) {
+    const std::uint32_t nMissing = m_pHorizon->Segments.back().nNumber + 1;
+    const std::uint32_t nEnd = std::min(nMissing + kNear + 1, kSegmentNumberLimit);
+    for (std::uint32_t nNumber = nMissing + 1; nNumber < nEnd; ++nNumber) {
+      if (EventsIn(nNumber) != 0) return nNumber;
+    }
+    if (m_Listed.empty() && !IsListWanted(nMissing)) return 0;
+    if (m_Listed.empty()) m_Listed = ListSegments();
+    for (auto At = std::ranges::upper_bound(m_Listed, nMissing); At != m_Listed.end(); ++At) {
       if (EventsIn(*At) != 0) return *At;
     }
     return 0;
@@ -109,7 +122,15 @@ class Look {
     return !Now.Wrong && (Now.nFirst > nNumber || Now.nLife != m_pHorizon->nLife);
   }
 
-  std::vector<std::uint32_t> ListSegments() const {
+ private:
+  ChainHead ReadHead() {
+    ChainHead Head = ReadChainHead(m_pFolder);
+    if (Head.nError != os::kFileNotFound && Head.nError != os::kAccessDenied) m_nFailure = Head.nError;
+    return Head;
+  }
+
+  std::vector<std::uint32_t> ListSegments() {
+    m_pHorizon->Listed = std::chrono::steady_clock::now();
     std::vector<std::uint32_t> Numbers;
     (void)os::FindFiles(m_pFolder, kAnyEventsFile, [&Numbers](const os::FoundFile& Found) {  // as many as can be seen
       const std::uint32_t nNumber = IsEventsFileName(Found.Name) ? NumberOfSegmentFile(Found.Name) : 0;
@@ -120,11 +141,10 @@ class Look {
     return Numbers;
   }
 
- private:
-  ChainHead ReadHead() {
-    ChainHead Head = ReadChainHead(m_pFolder);
-    if (Head.nError != os::kFileNotFound && Head.nError != os::kAccessDenied) m_nFailure = Head.nError;
-    return Head;
+  // When the last one was made long ago, or the chain went farther before.
+  bool IsListWanted(std::uint32_t nMissing) const {
+    return std::chrono::steady_clock::now() >= m_Before.Listed + kListAgain ||
+           (!m_Before.Segments.empty() && m_Before.Segments.back().nNumber >= nMissing);
   }
 
   // The segments from a number on, up to the first that is missing.
@@ -164,20 +184,18 @@ class Look {
 
   const Store& m_Store;
   const Database& m_Database;
+  const Horizon& m_Before;
   Horizon* const m_pHorizon;
   os::FolderHandle m_pFolder;
+  std::vector<std::uint32_t> m_Listed;
   os::SystemError m_nFailure = os::kSuccess;
   bool m_bSettled = true;
 };
 
-}  // namespace
-
-namespace {
-
-// A listing shows what came behind our last look, too: missing is only what is missing between that and a later look.
+// What is found behind a segment that is missing may have come after our last look: missing is only what is missing
+// between that and a later look.
 void LookBehindHoles(Look* pChain, const Database& What, const Report& Tell, Horizon* pHorizon) {
-  const std::vector<std::uint32_t> Listed = pChain->ListSegments();
-  while (const std::uint32_t nNext = pChain->NextBehindHole(Listed)) {
+  while (const std::uint32_t nNext = pChain->NextBehindHole()) {
     const std::uint32_t nMissing = pHorizon->Segments.back().nNumber + 1;
     // It came meanwhile, so that what is behind it is behind the horizon; or it was dropped, with all before it.
     if (pChain->Has(nMissing) || pChain->StartsBehind(nMissing)) return;
@@ -212,9 +230,9 @@ ObjectsExtent MeasureObjects(const os::FolderHandle& pFolder, std::u16string_vie
 }
 
 ResultCode TakeHorizon(const Store& Of, const Database& What, const Report& Tell, Horizon* pHorizon,
-                       std::uint32_t nFrom) {
+                       std::uint32_t nFrom, const Horizon& Before) {
   *pHorizon = {};
-  Look Chain(Of, What, pHorizon);
+  Look Chain(Of, What, Before, pHorizon);
   if (const os::SystemError nError = Chain.OpenFolder(); nError != os::kSuccess) return ResultFromSystemError(nError);
   Patience Waiting;
   std::optional<SegmentsFault> Wrong;

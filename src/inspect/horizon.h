@@ -5,6 +5,7 @@
 // the id records, then of the names and data. The writer writes in the opposite order.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -40,6 +41,9 @@ struct Horizon {
   std::uint64_t nLife = 0;              // when "segments.dat" was made, which clearing does anew; 0: not known
   std::uint32_t nFirst = 0;             // what "segments.dat" calls the oldest segment, 0 for none
   std::vector<SegmentExtent> Segments;  // oldest first; a number that is left out is of a segment that is missing
+
+  // When the folder was listed last.
+  std::chrono::steady_clock::time_point Listed = std::chrono::steady_clock::time_point::min();
 };
 
 // What "segments.dat" says at one moment, without waiting until it makes sense. Where it says nothing, nFirst is 0, and
@@ -56,8 +60,11 @@ ChainHead ReadChainHead(const os::FolderHandle& pFolder);
 // Takes it. A chain that is being changed is waited for a moment; where "segments.dat" is missing or damaged then, or
 // leads nowhere, that is reported, and the newest run of segments that are there is taken; a segment that is missing
 // in between is reported, too. An empty one, and errOK, for a database that has none; a failure when the system does
-// not let us look. Segments before nFrom are left out, where the chain goes so far.
+// not let us look.
+//
+// For those who follow: segments before nFrom are left out, where the chain goes so far. With the horizon before this
+// one the folder is not listed each time, so that what comes behind many missing segments is seen up to a second late.
 ResultCode TakeHorizon(const Store& Of, const Database& What, const Report& Tell, Horizon* pHorizon,
-                       std::uint32_t nFrom = 0);
+                       std::uint32_t nFrom = 0, const Horizon& Before = {});
 
 }  // namespace lumbra::inspect
