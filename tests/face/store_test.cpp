@@ -171,6 +171,8 @@ TEST_F(FaceTest, EventsMayHaveASizeOfTheRunTime) {
   std::string What;
   EXPECT_EQ(errSIZE_INVALID, CodeOf([&] { return Open().database<Visit>("raw"); }, &What));
   EXPECT_THAT(What, HasSubstr("its events have 12 bytes, not 24"));
+  EXPECT_EQ(errPARAMETER_INVALID, CodeOf([&] { return Open().database("huge", (16 << 20) + 1); }, &What));
+  EXPECT_THAT(What, HasSubstr("an event has at most 16 MiB"));
 }
 
 TEST_F(FaceTest, ObjectsHaveNameTypeParentAndData) {
@@ -365,6 +367,21 @@ TEST_F(FaceTest, AFailedSyncMakesFlushThrowUntilItIsReopened) {
   }
   Open().close();
   EXPECT_EQ(errOK, CodeOf([this] { return Open().flush(), 0; }));
+}
+
+TEST_F(FaceTest, AForkedProcessHasNoStore) {
+  const auto Visits = Open().database<Visit>("visits");
+  const pid_t nChild = fork();
+  if (nChild == 0) {
+    const bool bRefused = CodeOf([&] { return Visits.add({.time = At(1)}); }) == errSTORE_NOT_INITIALIZED &&
+                          CodeOf([&] { return Visits.info(); }) == errSTORE_NOT_INITIALIZED;
+    _exit(bRefused ? 0 : 1);
+  }
+  int nStatus = -1;
+  EXPECT_EQ(nChild, waitpid(nChild, &nStatus, 0));
+  EXPECT_EQ(0, nStatus);
+  Visits.add({.time = At(1)});
+  EXPECT_EQ(1u, Visits.info().events);
 }
 
 TEST_F(FaceTest, AHeldStoreNamesItsHolder) {

@@ -97,6 +97,8 @@ TEST_F(EventsTest, GoesOnAtACursor) {
     Changed[i] = Changed[i] == '1' ? '2' : '1';
     Run("events --db 1 --after-cursor '" + Changed + '\'', 10);
   }
+  Run("record --db 2");
+  Run("events --db 2 --after-cursor " + Cursors[0], 10);
 }
 
 TEST_F(EventsTest, TellsThatTheEventOfACursorIsGone) {
@@ -148,6 +150,17 @@ TEST_F(EventsTest, CountsWhatIsMissing) {
   fs::remove(Folder() / "store/01/00000002_events.dat");
   EXPECT_THAT(Run("events --db 1", 3), EndsWith("/srv/subway\n"));
   EXPECT_THAT(Errors(), HasSubstr("from 0x0100000200000000 up to 0x0100000300000000 are missing here: a file is "));
+}
+
+TEST_F(EventsTest, TellsOfNamesThatAreGone) {
+  Record("1 --segment-events 2", {"a", "b", "c"});
+  for (const char* const pName : {"id", "dt", "bt"})
+    fs::remove(Folder() / (std::string("store/01/00000001_obj") + pName + ".dat"));
+  EXPECT_EQ("(its name is gone)\n(its name is gone)\nc\n", Run("events --db 1 --fields name", 3));
+  EXPECT_EQ(
+      "lumbra: the objects of 2 events cannot be read: the files of their segment are lost, or were dropped "
+      "meanwhile\n",
+      Errors());
 }
 
 }  // namespace

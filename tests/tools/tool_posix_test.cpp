@@ -165,6 +165,17 @@ TEST_F(ToolPosixTest, EndsCleanlyOnInterrupt) {
   EXPECT_EQ(json({"C:\\a"}), Names("1"));
 }
 
+// A cursor before a segment knows no event of it. (Elsewhere a file may get the birth of one that had its name.)
+TEST_F(ToolPosixTest, TellsLivesOfADatabaseApartByTheirBirths) {
+  Record("1 --segment-events 2", {"a", "b", "c"});
+  const std::string Shown = Run("events --db 1 --count 0 --show-cursor");
+  const std::string Cursor = Shown.substr(Shown.rfind(' '));
+  EXPECT_THAT(Run("events --db 1 --after-cursor" + Cursor), EndsWith("  c\n"));
+  Run("clear --db 1 --yes");
+  Record("1 --segment-events 2", {"d", "e", "f"});
+  EXPECT_EQ("", Run("events --db 1 --on-gap error --after-cursor" + Cursor, 12));
+}
+
 TEST_F(ToolPosixTest, FollowsUntilItIsInterrupted) {
   Record("1", {"a"});
   const char* const pScript = "'" LUMBRA_TOOL

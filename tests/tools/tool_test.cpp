@@ -1,4 +1,6 @@
 // The command-line tool: its commands, what they say, and what they refuse.
+#include <thread>
+
 #include "host/printed_text.h"
 #include "tools/tool_fixture.h"
 
@@ -309,6 +311,29 @@ TEST_F(ToolTest, RepairsAndTakesItBack) {
   fs::remove(Folder() / "store/g_objreplacing.dat");
   Run("repair --discard-set-aside --yes");
   EXPECT_FALSE(fs::exists(Folder() / "store/01/set-aside"));
+}
+
+TEST_F(ToolTest, BacksUpWhatHasChangedAndIsRestored) {
+  Record("1 --segment-events 2", {"a", "b", "c"});
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // what was just written to is copied again
+  Run("backup copy");
+  const auto nCopied = fs::last_write_time(Folder() / "copy/01/00000001_events.dat");
+  Record("1", {"d", "e"});
+  Run("backup copy");
+  EXPECT_EQ(nCopied, fs::last_write_time(Folder() / "copy/01/00000001_events.dat"));
+  RunProgram({LUMBRA_TOOL, "--store", "other", "record", "--db", "1"});
+  RunProgram({LUMBRA_TOOL, "--store", "other", "backup", "copy"}, 1);
+  EXPECT_THAT(Errors(), HasSubstr("it holds a backup of another store, " + At("store") + "; name another folder"));
+  WriteFile("store/01/segments.dat", Bytes(12, 0xFF));
+  Run("backup saved", 3);
+  for (const std::string Backup : {"copy", "saved"}) {
+    fs::remove_all(Folder() / "store");
+    fs::copy(Folder() / Backup, Folder() / "store", fs::copy_options::recursive);
+    Run("verify --manifest");
+    Run("verify");
+    Record("1", {"f"});
+    EXPECT_EQ(json({"a", "b", "c", "d", "e", "f"}), Names("1"));
+  }
 }
 
 TEST_F(ToolTest, SaysWhatItLeavesDamaged) {
