@@ -18,10 +18,8 @@ constexpr std::size_t kOpenAhead = 64;
 // Of a batch: what the memory near the processor holds.
 constexpr std::uint32_t kMostBytes = 8 << 20;
 
-// Whether a file that is open has lost its name.
 bool IsDeleted(const std::unique_ptr<File>& pFile) {
-  os::FileLook Now{};
-  return pFile != nullptr && (pFile->Look(&Now) != os::kSuccess || Now.nNames == 0);
+  return pFile != nullptr && pFile->IsDeleted();
 }
 
 Gap Joined(const std::optional<Gap>& Before, const Gap& After) {
@@ -54,7 +52,7 @@ ResultCode EventReader::Refresh() {
     std::size_t nKnown = 0;
     const ResultCode nCode = TakeNext(&nKnown);
     if (Failed(nCode)) return nCode;
-    const bool bCleared = pChain == nullptr ? m_Horizon.nLife != 0 : IsDeleted(pChain);
+    const bool bCleared = pChain == nullptr ? m_Horizon.nLife != 0 : pChain->IsDeleted();
     if (os::DeletedFilesFreeTheirNames()) m_pChain = std::move(pChain);
     if (!bCleared) return errOK;
     ForgetFrom(nKnown);

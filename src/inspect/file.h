@@ -28,6 +28,12 @@ class File {
     return os::ReadAt(m_Handle, nOffset, pBuffer, nSize, pnRead);
   }
 
+  // Whether it has lost its name since, as far as the system tells.
+  bool IsDeleted() const {
+    os::FileLook Now{};
+    return Look(&Now) != os::kSuccess || Now.nNames == 0;
+  }
+
   os::FileHandle Handle() const { return m_Handle; }
 
   // Tells the files of a process apart, also those that have been closed.

@@ -49,8 +49,7 @@ Answer Objects::Open(std::uint64_t nIdsBirth) {
 }
 
 bool Objects::IsDeleted() const {
-  os::FileLook Now{};
-  return m_Ids.pFile == nullptr || m_Ids.pFile->Look(&Now) != os::kSuccess || Now.nNames == 0;
+  return m_Ids.pFile == nullptr || m_Ids.pFile->IsDeleted();
 }
 
 // What is no plain file holds nothing of ours.

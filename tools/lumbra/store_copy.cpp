@@ -91,8 +91,7 @@ bool StoreCopy::TryDatabase(const inspect::Database& Which, const Place& At) {
     if (!CopySegment(At, *One, Seen.nEventSize)) break;
     nFirst = One->nNumber;
   }
-  os::FileLook Now{};
-  if (pChain != nullptr && (pChain->Look(&Now) != os::kSuccess || Now.nNames == 0)) return false;
+  if (pChain != nullptr && pChain->IsDeleted()) return false;
   if (nFirst == 0 && !Seen.Segments.empty()) return false;
   if (Seen.nEventSize != 0) WriteFile(At, kSegmentsFile, EncodeSegments(nFirst, Seen.nEventSize));
   RemoveOthers(At);
