@@ -82,10 +82,10 @@ void Examiner::WaitToSettle() {
 void Examiner::Suspect(const FileOf& In, std::uint64_t nOffset, const char* pWhat, std::string Expected,
                        std::string Found) {
   const std::u16string Path = In.Path();
-  std::uint32_t& nCount = m_Counts[{Path, pWhat}];
   const std::uint64_t nOfMany = KeyOf(Path, UINT64_MAX, pWhat);
   if (!m_bSecond) {
-    if (++nCount <= kMostOfAKind) m_Keys.push_back(KeyOf(Path, nOffset, pWhat));
+    const std::uint32_t nCount = ++m_Counts[{Path, pWhat}];
+    if (nCount <= kMostOfAKind) m_Keys.push_back(KeyOf(Path, nOffset, pWhat));
     if (nCount == kMostOfAKind + 1) m_Keys.push_back(nOfMany);
     return;
   }
@@ -94,30 +94,30 @@ void Examiner::Suspect(const FileOf& In, std::uint64_t nOffset, const char* pWha
   if (!bBefore) return;  // it came meanwhile, and may settle as others did
   if (!m_bHeld) m_bHeld = !m_Store.Holders().empty();
   const Grade Of = *m_bHeld ? Grade::Unsettled : Grade::Damage;
-  ++nCount;
-  if (nCount <= kMostOfAKind) Forward({Of, Path, nOffset, pWhat, std::move(Expected), std::move(Found)});
-  if (nCount == kMostOfAKind + 1) m_Rest.push_back({{Of, Path, nOffset, pWhat, {}, {}}, 0});
-  if (nCount <= kMostOfAKind) return;
-  for (auto& [Kind, nMore] : m_Rest) {
-    if (Kind.File == Path && Kind.What == pWhat) ++nMore;
-  }
+  const Finding Suspected{Of, Path, nOffset, pWhat, std::move(Expected), std::move(Found)};
+  if (IsToldByItself(Suspected)) Forward(Suspected);
 }
 
 void Examiner::Leftover(const FileOf& In, std::uint64_t nOffset, const std::string& What, std::string Expected,
                         std::string Found) {
-  const std::u16string Path = In.Path();
-  Finding Left{Grade::Leftover, Path, nOffset, What, std::move(Expected), std::move(Found)};
-  const std::uint32_t nCount = ++m_Counts[{Path, What}];
-  if (nCount == kMostOfAKind + 1) m_Rest.push_back({Left, 0});
-  if (nCount > kMostOfAKind) {
-    for (auto& [Kind, nMore] : m_Rest) {
-      if (Kind.File == Path && Kind.What == What) ++nMore;
-    }
-  } else if (m_bSecond) {
+  Finding Left{Grade::Leftover, In.Path(), nOffset, What, std::move(Expected), std::move(Found)};
+  if (!IsToldByItself(Left)) return;
+  if (m_bSecond) {
     Forward(Left);
   } else {
     m_Leftovers.push_back(std::move(Left));
   }
+}
+
+// The first of a kind in a file are. Of the others it is counted how many there are.
+bool Examiner::IsToldByItself(const Finding& Found) {
+  const std::uint32_t nCount = ++m_Counts[{Found.File, Found.What}];
+  if (nCount <= kMostOfAKind) return true;
+  if (nCount == kMostOfAKind + 1) m_Rest.push_back({{Found.Of, Found.File, Found.nOffset, Found.What, {}, {}}, 0});
+  for (auto& [Kind, nMore] : m_Rest) {
+    if (Kind.File == Found.File && Kind.What == Found.What) ++nMore;
+  }
+  return false;
 }
 
 void Examiner::Settled(Finding Found) {

@@ -69,6 +69,7 @@ class Examiner {
  private:
   static constexpr std::uint32_t kMostOfAKind = 100;  // are told one by one, in a file
 
+  bool IsToldByItself(const Finding& Found);
   void Forward(const Finding& Found);
   void TellRest();
 
