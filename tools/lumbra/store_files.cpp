@@ -22,23 +22,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-fs::path EventsFile(std::uint32_t nSegment) {
-  return SegmentFileName(nSegment, kEventsFile);
-}
-
 // The number of the database whose folder has this name, in upper or lower case.
 std::optional<std::uint32_t> NumberOfFolder(const std::string& Name) {
   if (Name.size() != 2 || Name.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) return {};
   const auto nNumber = static_cast<std::uint32_t>(std::stoul(Name, nullptr, 16));
   return nNumber < kFirstNamedDatabase ? std::optional(nNumber) : std::nullopt;
-}
-
-// The segment whose events are in a file of this name, 0 for any other file.
-std::uint32_t NumberOfEventsFile(const fs::path& Name) {
-  const std::string Text = TextOf(Name);
-  if (Text.find_first_not_of("0123456789ABCDEF") != 8) return 0;
-  const auto nNumber = static_cast<std::uint32_t>(std::stoul(Text.substr(0, 8), nullptr, 16));
-  return EventsFile(nNumber) == Name ? nNumber : 0;
 }
 
 // The name that an item of the index holds.
@@ -165,7 +153,7 @@ std::optional<DatabaseFiles> StoreFiles::Read(const DatabaseName& Database) cons
   DatabaseFiles Found{Header.nEventSize, {}};
   if (Header.nFirstSegment == 0) return Found;
   for (std::uint32_t nNumber = Header.nFirstSegment;; ++nNumber) {
-    const std::optional<std::uint64_t> Size = SizeOfFile(Folder / EventsFile(nNumber));
+    const std::optional<std::uint64_t> Size = SizeOfFile(Folder / SegmentFileName(nNumber, kEventsFile));
     if (!Size) return Found;
     Found.Segments.push_back({nNumber, RecordCountOfSize(*Size, Header.nEventSize)});
   }
@@ -194,7 +182,7 @@ std::vector<DatabaseName> StoreFiles::Databases() const {
 bool StoreFiles::HasLostEvents(const DatabaseName& Database) const {
   if (const std::optional<DatabaseFiles> Found = Read(Database); Found && !Found->Segments.empty()) return false;
   for (const fs::directory_entry& Entry : EntriesOf(m_Folder / PathOf(Database.Folder()))) {
-    const bool bEvents = NumberOfEventsFile(Entry.path().filename()) != 0;
+    const bool bEvents = IsEventsFileName(host::ToUtf16(TextOf(Entry.path().filename())));
     if (bEvents && SizeOfFile(Entry.path()).value_or(0) > sizeof(tPLAINDB_HEADER)) return true;
   }
   return false;
