@@ -7,6 +7,7 @@
 #include "failure.h"
 #include "host/text.h"
 #include "ids.h"
+#include "reading.h"
 
 namespace lumbra::tool {
 namespace {
@@ -250,8 +251,7 @@ void EventOutput::AddNull() {
 }
 
 void EventOutput::AddName(const inspect::ObjectView& Object) {
-  using State = inspect::ObjectView::State;
-  const bool bNamed = Object.Of == State::Named;
+  const bool bNamed = Object.Of == inspect::ObjectView::State::Named;
   if (m_Form != OutputForm::Table) {
     if (!bNamed) return AddNull();
     AddText(Object.Name);
@@ -261,9 +261,7 @@ void EventOutput::AddName(const inspect::ObjectView& Object) {
     return AddJsonText(Printable(Object.Name));
   }
   if (bNamed) return AddText(Object.Name);
-  m_Lines.Add(Object.Of == State::Gone || Object.Of == State::Lost ? "(its name is gone)"
-              : Object.Of == State::TooLong                        ? kNameTooLong
-                                                                   : "(its name cannot be read)");
+  m_Lines.Add(InPlaceOfName(Object));
 }
 
 // Most names are plain, and nothing else than copied.

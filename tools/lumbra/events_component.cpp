@@ -98,10 +98,7 @@ class Printer {
                 FormatKind(Shown.nKind).c_str(), static_cast<unsigned long long>(Shown.nValue));
     if (m_Options.bParents)
       std::printf("%-18s  ", nParent != 0 ? FormatId(nParent).c_str() : bKnowsParent ? "-" : "cannot be read");
-    std::puts(bNamed     ? Printable(Object.Name).c_str()
-              : bGone    ? "(its name is gone)"
-              : bTooLong ? kNameTooLong
-                         : "(its name cannot be read)");
+    std::puts(bNamed ? Printable(Object.Name).c_str() : bGone ? kNameGone : bTooLong ? kNameTooLong : kNameUnreadable);
   }
 
   // The code of the last object that could not be read; errOK when all could that are there.

@@ -20,8 +20,6 @@ using inspect::Answer;
 using inspect::DataBlock;
 using inspect::ObjectView;
 
-constexpr char kNameUnreadable[] = "(its name cannot be read)";
-
 // An object as it is shown.
 struct Listed {
   std::uint64_t nId = 0;
@@ -153,15 +151,9 @@ class Lister {
   void Print(const Listed& Object, const ObjectView& View) {
     const bool bNamed = View.Of == ObjectView::State::Named;
     const bool bTooLong = View.Of == ObjectView::State::TooLong;
-    const bool bGone = View.Of == ObjectView::State::Gone || View.Of == ObjectView::State::Lost;
     if (!bNamed && !bTooLong && Object.bRead) ++m_nUnreadable;  // the others are counted
     if (bNamed ? !m_Filter.Matches(View.Name) : !m_Options.Under.empty()) return;
-    m_Output.Print(Object, View.Name,
-                   bNamed     ? nullptr
-                   : bTooLong ? kNameTooLong
-                   : bGone    ? "(its name is gone)"
-                              : kNameUnreadable,
-                   0);
+    m_Output.Print(Object, View.Name, InPlaceOfName(View), 0);
   }
 
   // ---- Trees

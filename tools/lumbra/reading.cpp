@@ -44,6 +44,13 @@ inspect::Database Require(const inspect::Store& Store, const DatabaseName& Datab
   return *Found;
 }
 
+const char* InPlaceOfName(const inspect::ObjectView& Of) {
+  using State = inspect::ObjectView::State;
+  if (Of.Of == State::Named) return nullptr;
+  if (Of.Of == State::TooLong) return kNameTooLong;
+  return Of.Of == State::Gone || Of.Of == State::Lost ? kNameGone : kNameUnreadable;
+}
+
 inspect::Report Findings::Teller() {
   return [this](const inspect::Finding& What) {
     constexpr const char* kGrades[] = {"damaged", "left over", "unsettled"};

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "inspect/finding.h"
+#include "inspect/paths.h"
 #include "inspect/store.h"
 #include "session.h"
 
@@ -21,6 +22,9 @@ inspect::Database Require(const inspect::Store& Store, const DatabaseName& Datab
 
 // What a reader keeps of a store's files in memory, at least a little.
 std::uint64_t CacheBytesOf(const CommonOptions& Options);
+
+// What people are shown in place of an object's name; null where there is one.
+const char* InPlaceOfName(const inspect::ObjectView& Of);
 
 // Tells on stderr what is found, a line each, and remembers that something was.
 class Findings {
