@@ -532,8 +532,9 @@ class Store {
   //
   // An Error: errSHARING_VIOLATION when another process has the store (holders() tells which) and wait is over;
   // errALREADY_EXISTS when this process has another store open, or a host of its own; errPARAMETER_INVALID for other
-  // options; errACCESS_DENIED for a store that others may change, without trust; errDATA_CORRUPTED for one that would
-  // lose what can be brought back; errPATH_NAME_INVALID for a path that is no UTF-8, or on posix has a '\'.
+  // options; errACCESS_DENIED for a store that others may change, without trust, for a folder that is a link, and for
+  // files that are not this user's; errDATA_CORRUPTED for one that would lose what can be brought back;
+  // errPATH_NAME_INVALID for a path that is empty, a file's, too long, or no UTF-8, or on posix has a '\'.
   static Store open(const std::filesystem::path& folder, const Options& options = {});
 
   // Opens a database, and makes it where it is missing: numbered, 1 to 47, or named; a name of digits alone is a

@@ -19,8 +19,10 @@ struct Error::Details {
 
 namespace {
 
-// The system's number for too many open files, which has no name of its own among the codes.
+// The system's numbers for too many open files and for a file system that takes no writes, which have no names of their
+// own among the codes.
 constexpr auto kTooManyOpenFiles = static_cast<ResultCode>(static_cast<std::int32_t>(0x80070004u));
+constexpr auto kWriteProtect = static_cast<ResultCode>(static_cast<std::int32_t>(0x80070013u));
 
 struct Meaning {
   ResultCode nCode;
@@ -51,14 +53,15 @@ constexpr Meaning kMeanings[] = {
     {errUNSPECIFIED, Help::nothing, std::errc::invalid_argument, "the name has nothing in it that can be recorded"},
     {errHASH_ZERO, Help::nothing, std::errc::invalid_argument, "the name cannot be recorded"},
     {errCONVERSION_FAILED, Help::nothing, std::errc::illegal_byte_sequence, "the text is no Unicode"},
-    {errPATH_NAME_INVALID, Help::nothing, std::errc::invalid_argument, "the path must be UTF-8, on posix without '\\'"},
+    {errPATH_NAME_INVALID, Help::nothing, std::errc::invalid_argument, "the system takes no such path"},
     {errINDEX_INVALID, Help::nothing, {}, "the store holds 207 named databases already, and no more than that"},
     {errALREADY_EXISTS, Help::nothing, {}, "this process has another one open"},
     {errOBJECT_ALREADY_EXISTS, Help::nothing, {}, "another name, which the store cannot tell from this one, is open"},
+    {kWriteProtect, Help::nothing, std::errc::read_only_file_system, "the file system takes no writes"},
     {errREAD_ONLY, Help::nothing, std::errc::read_only_file_system, "the store takes no writes"},
 };
 
-const Meaning* MeaningOf(ResultCode nCode) {
+const Meaning* FindMeaning(ResultCode nCode) {
   for (const Meaning& One : kMeanings) {
     if (One.nCode == nCode) return &One;
   }
@@ -70,7 +73,7 @@ class Category final : public std::error_category {
   const char* name() const noexcept override { return "lumbra"; }
   std::string message(int nValue) const override { return host::DescribeCode(static_cast<ResultCode>(nValue)); }
   std::error_condition default_error_condition(int nValue) const noexcept override {
-    const Meaning* const pFound = MeaningOf(static_cast<ResultCode>(nValue));
+    const Meaning* const pFound = FindMeaning(static_cast<ResultCode>(nValue));
     if (pFound == nullptr || pFound->Alike == std::errc{}) return {nValue, *this};
     return make_error_condition(pFound->Alike);
   }
@@ -130,16 +133,18 @@ const std::vector<Holder>& Error::holders() const noexcept {
 // What a failed sync has dropped is not written by another one.
 Help Error::help() const noexcept {
   if (m_pDetails->nCode == errWRITE_FAILED && m_pDetails->Operation == "flush") return Help::reopen;
-  const Meaning* const pFound = MeaningOf(m_pDetails->nCode);
+  const Meaning* const pFound = FindMeaning(m_pDetails->nCode);
   return pFound != nullptr ? pFound->What : Help::nothing;
+}
+
+std::string detail::MeaningOf(ResultCode nCode) {
+  const Meaning* const pFound = FindMeaning(nCode);
+  return pFound != nullptr ? pFound->pText : "an unexpected answer of the store";
 }
 
 Error detail::MakeError(ResultCode nCode, std::string Operation, const std::filesystem::path& Place, std::string Reason,
                         std::vector<Holder> Holders) {
-  if (Reason.empty()) {
-    const Meaning* const pFound = MeaningOf(nCode);
-    Reason = pFound != nullptr ? pFound->pText : "an unexpected answer of the store";
-  }
+  if (Reason.empty()) Reason = MeaningOf(nCode);
   if (!Holders.empty()) Reason += ": " + Describe(Holders);
 #ifdef _WIN32
   std::string Where = host::ToUtf8(Place.u16string());

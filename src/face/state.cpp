@@ -9,7 +9,10 @@
 #include "format/file_names.h"
 #include "host/printed_text.h"
 #include "host/text.h"
+#include "host/trust.h"
+#include "platform/folders.h"
 #include "platform/os.h"
+#include "platform/result.h"
 
 namespace lumbra {
 inline namespace v1 {
@@ -45,12 +48,33 @@ fs::path CanonicalOf(const fs::path& Folder) {
   return Refused ? Folder : WithoutTrailingSeparator(Found);
 }
 
-bool IsStorePath(const fs::path& Folder) {
-#ifdef _WIN32
-  return !Folder.empty();
-#else
-  return host::IsUtf8(Folder.string()) && Folder.string().find('\\') == std::string::npos;
+// Why a path is none that a store can have; empty where it is one.
+std::string WhyNoStorePath(const fs::path& Folder) {
+  if (Folder.empty()) return "the path is empty";
+  if (Folder.native().find(fs::path::value_type{}) != fs::path::string_type::npos) return "the path has a zero inside";
+  constexpr std::size_t kLongest = 32767;  // units, for the tables
+  if (Folder.native().size() > kLongest) return "the path is too long";
+#ifndef _WIN32
+  if (!host::IsUtf8(Folder.string()) || Folder.string().find('\\') != std::string::npos)
+    return "the path must be UTF-8, and without '\\'";
 #endif
+  return {};
+}
+
+// The path from a root on, without "." and "..". What stands before a ".." may be a link, so it is not just left out;
+// what stands last may be one as well, and stays.
+fs::path AbsoluteOf(const fs::path& Folder) {
+  const auto Check = [&Folder](std::string Why) {
+    if (!Why.empty()) throw MakeError(errPATH_NAME_INVALID, "open", Folder, std::move(Why));
+  };
+  Check(WhyNoStorePath(Folder));
+  std::error_code Refused;
+  const fs::path Path = WithoutTrailingSeparator(fs::absolute(Folder, Refused));
+  Check(Refused ? "the path begins at the current folder, which cannot be found" : WhyNoStorePath(Path));
+  if (std::find(Path.begin(), Path.end(), fs::path("..")) == Path.end())
+    return WithoutTrailingSeparator(Path.lexically_normal());
+  const fs::path Last = Path.filename();
+  return Last == "." || Last == ".." ? CanonicalOf(Path) : CanonicalOf(Path.parent_path()) / Last;
 }
 
 // Whether somebody holds one of the files that every process with the store holds.
@@ -64,6 +88,26 @@ bool IsHeld(const fs::path& Folder) {
     if (nError == os::kSharingViolation) return true;
   }
   return false;
+}
+
+// A file of the store's folder, as the component opens it.
+ResultCode TryFile(const os::FolderHandle& pFolder, std::u16string_view Name) {
+  os::FileHandle Handle = nullptr;
+  const os::SystemError nError =
+      os::Open(pFolder, Name, os::kGenericRead | os::kGenericWrite, 0, os::Disposition::OpenAlways, 0, &Handle);
+  if (nError == os::kSuccess) (void)os::Close(Handle);  // nothing was written
+  return ResultFromSystemError(nError);
+}
+
+// Why files of a store cannot be opened, as the system says to who tries it once more; errOPEN_FAILED where it lets us.
+ResultCode WhyNotOpened(const os::FolderHandle& pFolder, std::string* pReason) {
+  for (const std::u16string_view Name : {kSharedTreeFile, kSharedIdsFile, kSharedDataFile}) {
+    const ResultCode nCode = TryFile(pFolder, Name);
+    if (Succeeded(nCode)) continue;
+    *pReason = host::ToUtf8(Name) + ": it cannot be opened or made";
+    return nCode;
+  }
+  return errOPEN_FAILED;
 }
 
 std::vector<Holder> HoldersOf(const fs::path& Folder) {
@@ -80,9 +124,7 @@ std::vector<Holder> HoldersOf(const fs::path& Folder) {
 // ---- Opening ----------------------------------------------------------------------------------------------
 
 Share State::Open(const fs::path& Folder, const Options& What) {
-  std::error_code Refused;
-  const fs::path Absolute = WithoutTrailingSeparator(fs::absolute(Folder, Refused).lexically_normal());
-  if (Folder.empty() || Refused || !IsStorePath(Absolute)) throw MakeError(errPATH_NAME_INVALID, "open", Folder, {});
+  const fs::path Absolute = AbsoluteOf(Folder);
   const fs::path Canonical = CanonicalOf(Absolute);
   Registry& All = TheRegistry();
   if (const std::uint32_t nOwner = All.nProcess; nOwner != 0 && nOwner != os::ProcessId())
@@ -175,10 +217,41 @@ ResultCode State::InitWhenFree() {
   }
 }
 
+// Makes and opens the store's folder, as the component does. Throws for what can be none.
+ResultCode State::TryFolder(os::FolderHandle* ppFolder) const {
+  constexpr Where kAt{"open"};
+  const std::u16string Path = m_Folder.u16string();
+  const os::FolderRules Rules{m_Options.group_readable ? os::Readers::OwnerAndGroup : os::Readers::OwnerAlone, false};
+  ResultCode nCode = CreateDirectories(Path, Rules);
+  if (nCode == errPATH_NAME_INVALID) Fail(kAt, nCode, "it is a file, or below one");
+  if (nCode == ResultFromSystemError(os::kNameTooLong)) Fail(kAt, errPATH_NAME_INVALID, "the path is too long");
+  if (Succeeded(nCode)) nCode = ResultFromSystemError(os::OpenFolder(Path, Rules, ppFolder));
+  std::error_code Ignored;
+  if (Failed(nCode) && fs::is_symlink(m_Folder, Ignored))
+    Fail(kAt, errACCESS_DENIED, "it is a link; name the folder that it leads to");
+  return nCode;
+}
+
+// The component says no more than that it could not, so it is tried once more what the system says.
 void State::FailToOpen(ResultCode nCode) const {
-  const bool bHeld = nCode == errSHARING_VIOLATION;
-  throw MakeError(nCode, "open", m_Folder, bHeld ? "" : m_Store.Refusal(),
-                  bHeld ? HoldersOf(m_Folder) : std::vector<Holder>{});
+  constexpr Where kAt{"open"};
+  if (nCode == errSHARING_VIOLATION) throw MakeError(nCode, kAt.pOperation, m_Folder, {}, HoldersOf(m_Folder));
+  os::FolderHandle pFolder;
+  const ResultCode nFolder = TryFolder(&pFolder);
+  std::string Reason = m_Store.Refusal();
+  const std::string Distrust = m_Options.trust ? std::string() : host::WhyStoreNotTrusted(m_Folder);
+  if (!Distrust.empty()) {
+    if (Succeeded(nFolder) && !Distrust.ends_with(host::kIsALink)) Reason += "; Options::trust lets that pass";
+    Fail(kAt, nCode, Reason);
+  }
+  if (nCode == errOPEN_FAILED && Failed(nFolder)) {
+    nCode = nFolder;
+    Reason = "it cannot be opened or made";
+  } else if (nCode == errOPEN_FAILED) {
+    nCode = WhyNotOpened(pFolder, &Reason);
+  }
+  if (!Reason.empty() && nCode != errDATA_CORRUPTED) Reason += ": " + MeaningOf(nCode);
+  Fail(kAt, nCode, Reason);
 }
 
 void State::Close() {

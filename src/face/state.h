@@ -73,6 +73,7 @@ class State : public std::enable_shared_from_this<State> {
   State(std::filesystem::path Folder, std::filesystem::path Canonical, const Options& What);
   void Abandon();
   ResultCode InitWhenFree();
+  ResultCode TryFolder(os::FolderHandle* ppFolder) const;
   [[noreturn]] void FailToOpen(ResultCode nCode) const;
   void RefuseOther(const std::filesystem::path& Canonical, const Options& What) const;
 
@@ -129,6 +130,9 @@ class Use {
 // Finds an object, or creates it; none where it is missing and is not to be created.
 std::optional<ObjectId> FindObject(const Use& In, std::uint32_t nDatabase, Type Of, std::string_view Name,
                                    ObjectId Parent, bool bCreate);
+
+// What a code means, in words.
+std::string MeaningOf(ResultCode nCode);
 
 // Makes an error. Names in the reason are printable.
 Error MakeError(ResultCode nCode, std::string Operation, const std::filesystem::path& Place, std::string Reason,

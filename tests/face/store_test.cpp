@@ -7,6 +7,7 @@
 #include <unistd.h>
 #endif
 
+#include <cerrno>
 #include <ranges>
 #include <thread>
 
@@ -351,6 +352,32 @@ TEST_F(FaceTest, ReadsWhereDescriptorsAreShort) {
   EXPECT_EQ((std::vector<std::uint64_t>{1}), BytesOf(Visits.all()));
   FailCallsNatively(SystemCall::OpenFolder, EMFILE);
   EXPECT_EQ("/a", Store.name_of(Visits.get(nId)->object));
+}
+
+TEST_F(FaceTest, OpeningSaysWhatIsInTheWay) {
+  const auto Refused = [this](const std::string& Name, const Options& What = {}) {
+    try {
+      return Store::open(Folder() / Name, What).folder().string();
+    } catch (const Error& Reason) {
+      EXPECT_EQ(Help::nothing, Reason.help());
+      return Reason.code().default_error_condition().message() + ": " + Reason.reason();
+    }
+  };
+  WriteFile("file", {});
+  EXPECT_EQ("Invalid argument: it is a file, or below one", Refused("file/below"));
+  EXPECT_EQ("Invalid argument: the path is too long", Refused(std::string(300, 'a')));
+  fs::create_directories(Folder() / "to/there");
+  fs::create_directory_symlink("to/there", Folder() / "link");
+  EXPECT_EQ("Permission denied: it is a link; name the folder that it leads to", Refused("link", {.trust = true}));
+  EXPECT_EQ(fs::canonical(Folder() / "to"), Refused("link/.."));
+  fs::permissions(Folder() / "to", fs::perms::all);
+  EXPECT_THAT(Refused("to"), HasSubstr("to can be written by others; Options::trust lets that pass"));
+  FailCallsNatively(SystemCall::MakeFolder, EACCES, 0, 9);
+  EXPECT_EQ("Permission denied: it cannot be opened or made: the system does not let this user do that",
+            Refused("new"));
+  FailCallsNatively(SystemCall::Open, EROFS, 0, 99);
+  EXPECT_EQ("Read-only file system: g_objbt.dat: it cannot be opened: the file system takes no writes",
+            Refused("to", {.trust = true}));
 }
 
 TEST_F(FaceTest, AFailedSyncMakesFlushThrowUntilItIsReopened) {
