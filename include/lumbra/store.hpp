@@ -239,7 +239,7 @@ class Object {
   ObjectId id() const noexcept { return m_nId; }
 
   // The full name: of a path with all that is above it. An Error (errCONVERSION_FAILED) for one with a surrogate that
-  // stands for nothing.
+  // stands for nothing, errSIZE_INVALID for one of more than 32,767 UTF-16 units, as one below a parent can become.
   std::optional<std::string> name() const;
   std::optional<Type> type() const;
 
@@ -252,7 +252,7 @@ class Object {
   std::optional<std::string> text(std::uint32_t tag) const;
 
   // Puts a block in the place of the one under the tag. One without bytes under a new tag is kept in check mode alone.
-  // An Error (errOBJECT_NOT_FOUND) for an object that is gone, errOUT_OF_SPACE for a 256th tag.
+  // An Error (errOBJECT_NOT_FOUND) for an object that is gone, as by clear_data(), errOUT_OF_SPACE for a 256th tag.
   void set_data(std::uint32_t tag, std::span<const std::byte> bytes) const;
   void set_data(std::uint32_t tag, std::string_view text) const;
 
@@ -411,13 +411,14 @@ class AnyDatabase {
   // Deletes all events and objects.
   void clear() const;
 
-  // Finds an object of the newest segment, by its type and name, and what it is in where the name is no whole path.
-  // Paths that begin with '/' are of a system where case counts, others of one where it does not. An Error
+  // Finds an object of the newest segment, by its type and name, and what it is in where the name is no whole path:
+  // "passwd" in "/etc" is "/etc/passwd", since a path goes on with '/' below one that begins with it. An Error
   // (errSIZE_INVALID) for a name of more than 32,767 UTF-16 units.
   std::optional<Object> find(Type type, std::string_view name, ObjectId parent = {}) const;
 
   // The same; where it is missing it is created. Do that just before adding the event that refers to it: the object
-  // goes with the newest segment of now (add_about() sees to it that the event does as well).
+  // goes with the newest segment of now (add_about() sees to it that the event does as well). An Error
+  // (errOBJECT_NOT_FOUND) for a parent that is not there, or not of the same database and its newest segment.
   Object find_or_create(Type type, std::string_view name, ObjectId parent = {}) const;
 
  protected:

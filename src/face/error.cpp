@@ -130,9 +130,10 @@ const std::vector<Holder>& Error::holders() const noexcept {
   return m_pDetails->Holders;
 }
 
-// What a failed sync has dropped is not written by another one.
+// What a failed sync has dropped is not written by another one, and there is never room for more tags.
 Help Error::help() const noexcept {
   if (m_pDetails->nCode == errWRITE_FAILED && m_pDetails->Operation == "flush") return Help::reopen;
+  if (m_pDetails->nCode == errOUT_OF_SPACE && m_pDetails->Operation == "set_data") return Help::nothing;
   const Meaning* const pFound = FindMeaning(m_pDetails->nCode);
   return pFound != nullptr ? pFound->What : Help::nothing;
 }

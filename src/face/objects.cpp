@@ -1,5 +1,6 @@
 // Objects: their names, what they are in, and their data.
 #include "face/state.h"
+#include "format/object_id.h"
 #include "host/name_flags.h"
 #include "host/text.h"
 #include "inspect/paths.h"
@@ -37,10 +38,35 @@ bool IsName(std::u16string_view Name) {
   return true;
 }
 
-// The code with which an object's database answers where it is not open.
-void CheckDatabase(const Use& In, ObjectId nId, ResultCode nCode) {
-  if (nCode != errPARAMETER_INVALID) return;
-  In.Fail(nCode, "the object's database, " + std::to_string(DatabaseOfId(NumberOf(nId))) + ", is not open");
+// Whether no object has the id: what is about nothing has it, or it stands for the object of a host, and ours has none.
+bool IsNobodys(ObjectId nId) {
+  return MAKE_SHORT_OBJECT_ID(NumberOf(nId)) == 0 || NumberOf(nId) == kHostObjectAlias;
+}
+
+// Whether the id may lead to an object. Of databases that are not open the tables, and the files, say different things.
+bool MayBeThere(const Use& In, ObjectId nId) {
+  if (IsNobodys(nId)) return false;
+  const std::uint32_t nDatabase = DatabaseOfId(NumberOf(nId));
+  if (In.IsOpen(nDatabase)) return true;
+  In.Fail(errPARAMETER_INVALID, "the object's database, " + std::to_string(nDatabase) + ", is not open");
+}
+
+bool IsSeparator(char c) {
+  return c == '/' || c == '\\';
+}
+
+bool BeginsWithSlash(const Use& In, ObjectId nId) {
+  char16_t First[2] = {};  // the rest is cut off
+  std::uint32_t nBytes = 0;
+  const ResultCode nCode =
+      In.Call(&LumbraOperations::GetObjectName, NumberOf(nId), First, sizeof(First), &nBytes, 0, nullptr);
+  return (Succeeded(nCode) || nCode == errBUFFER_TOO_SMALL) && First[0] == u'/';
+}
+
+// Whether a path is to go on with '/' below its parent, so that it becomes the object that the whole path is.
+bool GoesOnWithSlash(const Use& In, Type Of, std::string_view Name, ObjectId Parent) {
+  const bool bPath = Of == Type::file || Of == Type::folder;
+  return bPath && Parent != ObjectId{} && !Name.empty() && !IsSeparator(Name.front()) && BeginsWithSlash(In, Parent);
 }
 
 }  // namespace
@@ -51,14 +77,19 @@ std::optional<ObjectId> detail::FindObject(const Use& In, std::uint32_t nDatabas
                                            ObjectId Parent, bool bCreate) {
   constexpr std::uint32_t kFindOnly = 0;
   constexpr std::uint32_t kCreateRepairing = 2;
-  const std::u16string Wide = host::NameToUtf16(Name);
+  std::string Whole(Name);
+  if (GoesOnWithSlash(In, Of, Name, Parent)) Whole.insert(Whole.begin(), '/');
+  const std::u16string Wide = host::NameToUtf16(Whole);
   if (Wide.size() > kMaxNameUnits) In.Fail(errSIZE_INVALID, "the name is too long");
   std::uint64_t nId = 0;
-  const ResultCode nCode =
-      In.Call(&LumbraOperations::FindObject, nDatabase, static_cast<std::uint32_t>(Of), Wide.c_str(),
-              static_cast<std::int32_t>(Wide.size() * sizeof(char16_t)), bCreate ? kCreateRepairing : kFindOnly,
-              host::FlagsFor(static_cast<std::uint32_t>(Of), Name), NumberOf(Parent), &nId);
+  ResultCode nCode = errOBJECT_NOT_FOUND;
+  if (Parent == ObjectId{} || !IsNobodys(Parent))
+    nCode = In.Call(&LumbraOperations::FindObject, nDatabase, static_cast<std::uint32_t>(Of), Wide.c_str(),
+                    static_cast<std::int32_t>(Wide.size() * sizeof(char16_t)), bCreate ? kCreateRepairing : kFindOnly,
+                    host::FlagsFor(static_cast<std::uint32_t>(Of), Whole), NumberOf(Parent), &nId);
   if (!bCreate && IsMissing(nCode)) return {};
+  if (Parent != ObjectId{} && IsMissing(nCode))
+    In.Fail(errOBJECT_NOT_FOUND, "the parent is not there, or is of another database, or of an older segment of it");
   In.Check(nCode);
   return ObjectId{nId};
 }
@@ -89,7 +120,7 @@ Object AnyDatabase::find_or_create(Type type, std::string_view name, ObjectId pa
 
 std::optional<std::string> Object::name() const {
   const Use Now(*m_pState, "name");
-  if (m_nId == ObjectId{}) return {};
+  if (!MayBeThere(Now, m_nId)) return {};
   for (std::u16string Name(256, u'\0');;) {
     std::uint32_t nBytes = 0;
     const auto nRoom = static_cast<std::uint32_t>(Name.size() * sizeof(char16_t));
@@ -102,7 +133,6 @@ std::optional<std::string> Object::name() const {
       continue;
     }
     if (IsMissing(nCode)) return {};
-    CheckDatabase(Now, m_nId, nCode);
     Now.Check(nCode);
     Name.resize(nUnits);
     if (!IsName(Name)) Now.Fail(errCONVERSION_FAILED, "the name has a surrogate that stands for nothing");
@@ -112,11 +142,10 @@ std::optional<std::string> Object::name() const {
 
 std::optional<Type> Object::type() const {
   const Use Now(*m_pState, "type");
-  if (m_nId == ObjectId{}) return {};
+  if (!MayBeThere(Now, m_nId)) return {};
   std::uint32_t nType = 0;
   const ResultCode nCode = Now.Call(&LumbraOperations::GetObjectName, NumberOf(m_nId), nullptr, 0, nullptr, 0, &nType);
   if (IsMissing(nCode)) return {};
-  CheckDatabase(Now, m_nId, nCode);
   Now.Check(nCode);
   return static_cast<Type>(nType);
 }
@@ -125,6 +154,7 @@ std::optional<Type> Object::type() const {
 std::optional<Object> Object::parent() const {
   using State = inspect::ObjectView::State;
   const Use Now(*m_pState, "parent");
+  if (!MayBeThere(Now, m_nId)) return {};
   constexpr std::uint64_t kCacheBytes = 64 * 1024;
   inspect::Paths Known(Now.Files(), kCacheBytes);
   const std::uint64_t nId = NumberOf(m_nId);
@@ -141,13 +171,14 @@ namespace {
 
 template <class Block>
 std::optional<Block> ReadData(const Use& In, ObjectId nId, std::uint32_t nTag) {
+  if (!MayBeThere(In, nId)) return std::nullopt;
   Block Content;
   for (;;) {
     std::uint32_t nSize = 0;
     const auto nRoom = static_cast<std::uint32_t>(Content.size());
-    ResultCode nCode = In.Call(&LumbraOperations::GetObjectData, NumberOf(nId), Content.data(), nRoom, &nSize, nTag);
+    const ResultCode nCode =
+        In.Call(&LumbraOperations::GetObjectData, NumberOf(nId), Content.data(), nRoom, &nSize, nTag);
     if (IsMissing(nCode)) return std::nullopt;
-    CheckDatabase(In, nId, nCode);
     if (nCode != errBUFFER_TOO_SMALL) In.Check(nCode);
     const bool bWhole = nCode != errBUFFER_TOO_SMALL && nSize <= nRoom;
     Content.resize(nSize);  // the first call asks for the size alone, and it may grow before the next
@@ -155,12 +186,19 @@ std::optional<Block> ReadData(const Use& In, ObjectId nId, std::uint32_t nTag) {
   }
 }
 
+// The tables say in two ways that an object is not there.
+void CheckWritten(const Use& In, ResultCode nCode) {
+  In.Check(IsMissing(nCode) ? errOBJECT_NOT_FOUND : nCode);
+}
+
 void WriteData(const Use& In, ObjectId nId, std::uint32_t nTag, const void* pData, std::size_t nSize) {
   if (nSize > UINT32_MAX) In.Fail(errSIZE_INVALID, "the data is too long");
+  if (!MayBeThere(In, nId)) In.Fail(errOBJECT_NOT_FOUND);
   const ResultCode nCode = In.Call(&LumbraOperations::SetObjectData, NumberOf(nId), nSize == 0 ? nullptr : pData,
                                    static_cast<std::uint32_t>(nSize), nTag);
-  CheckDatabase(In, nId, nCode);
-  In.Check(nCode);
+  if (nCode == errOUT_OF_SPACE)
+    In.Fail(nCode, "an object has at most 255 tags, and all of its segment, or of the store, at most 4 GiB of data");
+  CheckWritten(In, nCode);
 }
 
 }  // namespace
@@ -183,9 +221,8 @@ void Object::set_data(std::uint32_t tag, std::string_view text) const {
 
 void Object::clear_data() const {
   const Use Now(*m_pState, "clear_data");
-  const ResultCode nCode = Now.Call(&LumbraOperations::RemoveAllObjectData, NumberOf(m_nId));
-  CheckDatabase(Now, m_nId, nCode);
-  Now.Check(nCode);
+  if (!MayBeThere(Now, m_nId)) Now.Fail(errOBJECT_NOT_FOUND);
+  CheckWritten(Now, Now.Call(&LumbraOperations::RemoveAllObjectData, NumberOf(m_nId)));
 }
 
 }  // namespace v1

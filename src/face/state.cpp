@@ -187,6 +187,7 @@ State::State(fs::path Folder, fs::path Canonical, const Options& What)
         m_Store.SetNumber(propCACHE_SIZE, static_cast<std::uint32_t>(std::min<std::uint64_t>(nCacheKiB, UINT32_MAX))));
   const ResultCode nCode = InitWhenFree();
   if (Failed(nCode)) FailToOpen(nCode);
+  m_IsOpen[kSystemDatabase] = true;
   if (inspect::Store::Open(m_Folder.u16string(), &m_pFiles) != os::kSuccess) Fail(kAt, errOPEN_FAILED);
 }
 
@@ -337,6 +338,7 @@ OpenDatabase* State::OpenOne(std::string_view Name, std::size_t nEventSize) {
   pKnown->Folder = Wanted.Folder;
   pKnown->nId = nId;
   pKnown->nEventSize = Wanted.nEventSize;
+  m_IsOpen[nId] = true;
   return pKnown.get();
 }
 

@@ -1,6 +1,7 @@
 // What the handles of include/lumbra/store.hpp share: the host, the instance, and the databases that are open.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <filesystem>
 #include <map>
@@ -92,6 +93,8 @@ class State : public std::enable_shared_from_this<State> {
 
   std::mutex m_Lock;                                                    // guards the following
   std::map<std::u16string, std::unique_ptr<OpenDatabase>> m_Databases;  // by their folders
+
+  std::array<std::atomic<bool>, 256> m_IsOpen{};  // databases, by their numbers
 };
 
 // The store for the time of one call, within which it stays open. Throws where it is closed.
@@ -117,6 +120,7 @@ class Use {
     m_State.Fail(m_Where, nCode, std::move(Reason));
   }
 
+  bool IsOpen(std::uint32_t nDatabase) const { return m_State.m_IsOpen[nDatabase]; }
   host::StandaloneHost& Host() const { return *m_State.m_pHost; }
   host::Store& Instance() const { return m_State.m_Store; }
   const inspect::Store& Files() const { return *m_State.m_pFiles; }

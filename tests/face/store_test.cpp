@@ -158,8 +158,11 @@ TEST_F(FaceTest, WhatIsNotThereIsNoFailure) {
   EXPECT_EQ(errPARAMETER_INVALID, CodeOf([&] { return Visits.get(EventId{1}); }));
   EXPECT_FALSE(Store.find(Type::file, "/nowhere"));
   EXPECT_FALSE(Visits.find(Type::file, "/nowhere"));
-  EXPECT_FALSE(Store.name_of(ObjectId{}));
-  EXPECT_FALSE(Store.name_of(ObjectId{4711}));
+  // The last has the number of a database that is open, and of nothing in it.
+  for (const ObjectId nOne : {ObjectId{}, ObjectId{2}, ObjectId{4711}, ObjectId(std::uint64_t{48} << 56)}) {
+    EXPECT_FALSE(Store.name_of(nOne));
+    EXPECT_FALSE(Store.object(nOne).data(1));
+  }
 }
 
 TEST_F(FaceTest, EventsMayHaveASizeOfTheRunTime) {
@@ -184,7 +187,9 @@ TEST_F(FaceTest, ObjectsHaveNameTypeParentAndData) {
     EXPECT_EQ(Type::file, One.type());
     EXPECT_EQ(One.id(), Store.find(Type::file, Name)->id());
   }
-  EXPECT_EQ("/a", Store.find(Type::file, "/a/b\xFF")->parent()->name());
+  const auto Folder = Store.find(Type::file, "/a/b\xFF")->parent();
+  EXPECT_EQ("/a", Folder->name());
+  EXPECT_EQ(Store.find(Type::file, "/a/\xC3\xA9")->id(), Store.find(Type::file, "\xC3\xA9", Folder->id())->id());
   EXPECT_FALSE(Store.find_or_create(Type::name, "alone").parent());
   const auto In = Store.find_or_create(Type::name, "in", Store.find(Type::name, "alone")->id());
   EXPECT_EQ("alone", In.parent()->name());
