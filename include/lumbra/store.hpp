@@ -539,9 +539,9 @@ class Store {
   static Store open(const std::filesystem::path& folder, const Options& options = {});
 
   // Opens a database, and makes it where it is missing: numbered, 1 to 47, or named; a name of digits alone is a
-  // number, as it is for the tool. A name has up to 63 characters, and of the 207 that a store has to give one is used
-  // up for ever. An Error (errSIZE_INVALID) when the events there have another size, errPARAMETER_INVALID for a name
-  // that cannot be one. Opening it again gives another handle of the same.
+  // number, as it is for the tool. A name has up to 63 UTF-16 units, and of the 207 that a store has to give one is
+  // used up for ever. An Error (errSIZE_INVALID) when the events there have another size, errPARAMETER_INVALID for a
+  // name that cannot be one. Opening it again gives another handle of the same.
   template <Record T>
   Database<T> database(std::string_view name) const {
     return Database<T>(m_pState, open_database(name, sizeof(T)));

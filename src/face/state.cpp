@@ -7,6 +7,7 @@
 
 #include "format/database_name.h"
 #include "format/file_names.h"
+#include "format/named_index_file.h"
 #include "host/printed_text.h"
 #include "host/text.h"
 #include "host/trust.h"
@@ -304,17 +305,29 @@ std::optional<std::uint32_t> NumberOf(std::string_view Name) {
   return nNumber < kFirstNamedDatabase ? nNumber : 0;
 }
 
+// Why a new database cannot have a name; empty where it can.
+std::string WhyNoName(std::string_view Name, const std::u16string& Folder) {
+  if (Name.empty()) return "the name is empty";
+  if (Folder.size() > kMaxIndexNameLength)
+    return "a name has at most 63 UTF-16 units, and this one " + std::to_string(Folder.size());
+  if (host::IsUtf8(Name) && IsDatabaseName(Folder)) return {};
+  return "a database cannot have the name " + host::Printable(Name);
+}
+
 }  // namespace
 
 OpenDatabase* State::OpenOne(std::string_view Name, std::size_t nEventSize) {
   OpenDatabase Wanted;
   Wanted.Name = Name;
   Wanted.nEventSize = static_cast<std::uint32_t>(std::min<std::size_t>(nEventSize, UINT32_MAX));
+  Wanted.Folder = m_Folder;  // until the name is known to be one
   const std::optional<std::uint32_t> Number = NumberOf(Name);
   const std::u16string Folder = Number ? NumberedFolder(*Number) : host::ToUtf16(Name);
-  Wanted.Folder = m_Folder / fs::path(Folder);
   const Use Now(*this, "database", &Wanted);
   if (Number == 0u) Now.Fail(errPARAMETER_INVALID, "numbers of databases are 1 to 47");
+  std::string Why = Number ? std::string() : WhyNoName(Name, Folder);
+  if (!Why.empty() && !Now.Files().Find(Folder)) Now.Fail(errPARAMETER_INVALID, std::move(Why));
+  Wanted.Folder /= fs::path(Folder);
   if (nEventSize == 0) Now.Fail(errPARAMETER_INVALID, "an event has at least one byte");
   constexpr std::size_t kMostBytes = 16 << 20;
   if (nEventSize > kMostBytes) Now.Fail(errPARAMETER_INVALID, "an event has at most 16 MiB");
@@ -326,8 +339,6 @@ OpenDatabase* State::OpenOne(std::string_view Name, std::size_t nEventSize) {
     Now.Fail(errSIZE_INVALID,
              "its events have " + std::to_string(pKnown->nEventSize) + " bytes, not " + std::to_string(nEventSize));
   }
-  const bool bMayBeMade = Number || (host::IsUtf8(Name) && IsDatabaseName(Folder));
-  if (!bMayBeMade && !Now.Files().Find(Folder)) Now.Fail(errPARAMETER_INVALID, "a database cannot have this name");
   std::uint32_t nId = Number.value_or(0);
   const ResultCode nCode =
       Number ? m_Store.OpenDatabase(nId, Wanted.nEventSize) : m_Store.OpenDatabase(Folder, Wanted.nEventSize, &nId);

@@ -267,12 +267,47 @@ TEST_F(FaceTest, ErrorsSayWhatAndWhere) {
     ADD_FAILURE();
   } catch (const std::system_error& Reason) {  // of which an Error is one
     EXPECT_EQ(std::errc::invalid_argument, Reason.code());
-    EXPECT_THAT(Reason.what(), HasSubstr("database " + (Store.folder() / "a/b").string()));
+    EXPECT_THAT(Reason.what(),
+                HasSubstr("database " + Store.folder().string() + ": a database cannot have the name a/b"));
     EXPECT_STREQ("errPARAMETER_INVALID", dynamic_cast<const Error&>(Reason).name());
   }
   for (const char* const pName : {"", "0", "48", "4294967297", "..", "set-aside", "\xFF"})
     EXPECT_EQ(errPARAMETER_INVALID, CodeOf([&] { return Store.database<Visit>(pName); })) << pName;
-  EXPECT_EQ(errPATH_NAME_INVALID, CodeOf([] { return Store::open(""); }));
+}
+
+TEST_F(FaceTest, FailuresThatTheCallerCanAvoidSayHow) {
+  std::vector<ObjectId> Closed;
+  for (const char* const pName : {"9", "nine"})
+    Closed.push_back(Open().database<Visit>(pName).find_or_create(Type::file, "/a/b").id());
+  const auto Store = Open();
+  const auto Visits = Store.database<Visit>("visits");
+  const auto Full = Store.find_or_create(Type::folder, "/full");
+  for (std::uint32_t nTag = 0; nTag < 255; ++nTag) Full.set_data(nTag, "x");
+  const struct {
+    std::function<void()> Call;
+    ResultCode nCode;
+    const char* pSaid;
+  } kFailing[] = {
+      {[&] { (void)Store.name_of(Closed[0]); }, errPARAMETER_INVALID, "the object's database, 9, is not open"},
+      {[&] { (void)Store.object(Closed[1]).parent(); }, errPARAMETER_INVALID, "is not open"},
+      {[&] { Store.object(ObjectId{4711}).set_data(1, "x"); }, errOBJECT_NOT_FOUND, "there is no such thing"},
+      {[&] { Store.object(ObjectId{2}).clear_data(); }, errOBJECT_NOT_FOUND, "there is no such thing"},
+      {[&] { Full.set_data(255, "x"); }, errOUT_OF_SPACE, "at most 255 tags"},
+      {[&] { Visits.find_or_create(Type::file, "x", Full.id()); }, errOBJECT_NOT_FOUND, "the parent is not there"},
+      {[&] { Store.database<Visit>(""); }, errPARAMETER_INVALID, "the name is empty"},
+      {[&] { Store.database<Visit>(std::string(64, 'a')); }, errPARAMETER_INVALID, "at most 63 UTF-16 units"},
+      {[&] { Store::open(""); }, errPATH_NAME_INVALID, "the path is empty"},
+      {[&] { Store::open(std::string("a\0b", 3)); }, errPATH_NAME_INVALID, "a zero inside"},
+  };
+  for (const auto& One : kFailing) {
+    try {
+      One.Call();
+      ADD_FAILURE() << One.pSaid;
+    } catch (const Error& Reason) {
+      EXPECT_TRUE(Reason.result() == One.nCode && Reason.help() == Help::nothing) << Reason.what();
+      EXPECT_THAT(Reason.what(), HasSubstr(One.pSaid));
+    }
+  }
 }
 
 TEST_F(FaceTest, WhatWasHealedIsSaid) {
