@@ -49,6 +49,7 @@ void AnyDatabase::set_limits(const Limits& limits) const {
       {limitDatabaseSize, limits.max_size.count},
       {limitDatabaseEvents, limits.max_events},
   };
+  const std::lock_guard Hold(m_pDatabase->Limits);
   for (const auto& [nKind, nValue] : kWanted) Now.Must(&LumbraOperations::SetDBParams, m_pDatabase->nId, nKind, nValue);
 }
 

@@ -38,6 +38,8 @@ struct OpenDatabase {
   std::mutex Entry;
   std::shared_mutex Life;
   std::uint64_t nLife = 0;  // how often it was cleared
+
+  std::mutex Limits;  // held by who sets them, so that they stay one thread's
 };
 
 // What an Error says beside the code.
