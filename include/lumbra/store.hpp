@@ -66,8 +66,13 @@ constexpr EventId after(EventId id) {
 // of a database begin anew as well when it is cleared.
 enum class ObjectId : std::uint64_t {};
 
-// What an object is, which says how its name is read. Paths (file to registry_value) are taken apart: each folder is an
-// object, the parent of what is in it. Other values than these are names without a meaning to the store.
+// What an object is, which says how its name is read. Paths (file, folder, registry_key) are taken apart: each folder
+// is an object, the parent of what is in it. Give them whole, from '/' or a drive on, without "." and "..": others are
+// objects as they stand ("x/" is a folder, "a:b" is b on drive a). "/", and a path from '/' on with a '\' in it, are
+// objects that are in nothing, and an empty name is a new one each time.
+//
+// Case counts in paths from '/' on, for registry_root, and for other values than these, which mean nothing to the
+// store. Everywhere else, in Type::name as well, "X" and "x" are one object, with the name that came first.
 enum class Type : std::uint8_t {
   file = 1,
   folder = 2,
@@ -181,9 +186,10 @@ struct Options {
   bool operator==(const Options&) const = default;
 };
 
-// How large and old a database may grow; 0 is no limit. They act when they are set, and before an event is added. What
-// is dropped is always the oldest segment as a whole, with the objects in it; the newest stays. A limit of the database
-// whose segments have none of the same kind gives them a sixteenth of it.
+// How large and old a database may grow; 0 is no limit. They act when they are set, and before an event is added: by
+// that one, and objects that come then, a database may be above them. What is dropped is always the oldest segment as a
+// whole, with the objects in it; the newest stays. A limit of the database whose segments have none of the same kind
+// gives them a sixteenth of it.
 struct Limits {
   std::chrono::seconds max_age{0};
   Bytes max_size{};
@@ -252,11 +258,12 @@ class Object {
   std::optional<std::string> text(std::uint32_t tag) const;
 
   // Puts a block in the place of the one under the tag. One without bytes under a new tag is kept in check mode alone.
-  // An Error (errOBJECT_NOT_FOUND) for an object that is gone, as by clear_data(), errOUT_OF_SPACE for a 256th tag.
+  // An Error (errOBJECT_NOT_FOUND) for an object that is gone, errOUT_OF_SPACE for a 256th tag.
   void set_data(std::uint32_t tag, std::span<const std::byte> bytes) const;
   void set_data(std::uint32_t tag, std::string_view text) const;
 
-  // Removes all blocks. The tables have no way to remove one.
+  // Removes all blocks. The tables have no way to remove one. An Error (errOBJECT_NOT_FOUND) for an object that is
+  // gone.
   void clear_data() const;
 
  private:
