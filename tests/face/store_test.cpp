@@ -440,8 +440,9 @@ TEST_F(FaceTest, AForkedProcessHasNoStore) {
   const auto Visits = Open().database<Visit>("visits");
   const pid_t nChild = fork();
   if (nChild == 0) {
-    const bool bRefused = CodeOf([&] { return Visits.add({.time = At(1)}); }) == errSTORE_NOT_INITIALIZED &&
-                          CodeOf([&] { return Visits.info(); }) == errSTORE_NOT_INITIALIZED;
+    const bool bRefused = CodeOf([&] { return Visits.add({.time = At(1)}); }) == errNOT_SUPPORTED &&
+                          CodeOf([&] { return Visits.info(); }) == errNOT_SUPPORTED &&
+                          CodeOf([&] { return Open(); }) == errNOT_SUPPORTED;
     _exit(bRefused ? 0 : 1);
   }
   int nStatus = -1;
