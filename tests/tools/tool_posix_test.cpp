@@ -1,4 +1,6 @@
 // The tool among names, links, streams and signals that posix alone has.
+#include <dlfcn.h>
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -125,6 +127,21 @@ TEST_F(ToolPosixTest, WaitsForNoPipeAndReadsNoMoreThanAFileCanHold) {
 TEST_F(ToolPosixTest, ModuleShowsItsEntryAlone) {
   EXPECT_THAT(RunProgram({"/bin/sh", "-c", "nm -D --defined-only '" LUMBRA_MODULE "'"}),
               ::testing::MatchesRegex("[0-9a-f]+ T LumbraModuleEntry\n"));
+}
+
+TEST_F(ToolPosixTest, ModuleLeavesNoMemoryBehind) {
+  constexpr std::size_t kRounds = 50;
+  const auto UsedBytes = [] {
+    const struct mallinfo2 Now = mallinfo2();
+    return Now.uordblks + Now.hblkhd;
+  };
+  const std::size_t nBefore = UsedBytes();
+  for (std::size_t i = 0; i < kRounds; ++i) {
+    void* const pModule = dlopen(LUMBRA_MODULE, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(nullptr, pModule) << dlerror();
+    dlclose(pModule);
+  }
+  EXPECT_LT(UsedBytes(), nBefore + kRounds * 1024);
 }
 
 TEST_F(ToolPosixTest, ReadsBesideWhoHoldsTheStoreAndNamesHim) {
