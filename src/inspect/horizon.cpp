@@ -9,6 +9,7 @@
 #include "format/file_names.h"
 #include "format/record_file.h"
 #include "inspect/file.h"
+#include "platform/file.h"
 #include "platform/result.h"
 
 namespace lumbra::inspect {
@@ -132,11 +133,12 @@ class Look {
   std::vector<std::uint32_t> ListSegments() {
     m_pHorizon->Listed = std::chrono::steady_clock::now();
     std::vector<std::uint32_t> Numbers;
-    (void)os::FindFiles(m_pFolder, kAnyEventsFile, [&Numbers](const os::FoundFile& Found) {  // as many as can be seen
+    const auto Note = [&Numbers](const os::FoundFile& Found) {
       const std::uint32_t nNumber = IsEventsFileName(Found.Name) ? NumberOfSegmentFile(Found.Name) : 0;
       if (nNumber != 0 && nNumber < kSegmentNumberLimit) Numbers.push_back(nNumber);
       return true;
-    });
+    };
+    (void)Relieved([&] { return os::FindFiles(m_pFolder, kAnyEventsFile, Note); });  // as many as can be seen
     std::ranges::sort(Numbers);
     return Numbers;
   }
