@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <thread>
 
+#include "face/store_path.h"
 #include "format/database_name.h"
 #include "format/file_names.h"
 #include "format/named_index_file.h"
@@ -36,46 +37,6 @@ struct Registry {
 Registry& TheRegistry() {
   static Registry* const s_pRegistry = new Registry;
   return *s_pRegistry;
-}
-
-fs::path WithoutTrailingSeparator(const fs::path& Path) {
-  return Path.has_filename() || Path == Path.root_path() ? Path : Path.parent_path();
-}
-
-// What leads to the folder, or will.
-fs::path CanonicalOf(const fs::path& Folder) {
-  std::error_code Refused;
-  const fs::path Found = fs::weakly_canonical(Folder, Refused);
-  return Refused ? Folder : WithoutTrailingSeparator(Found);
-}
-
-// Why a path is none that a store can have; empty where it is one.
-std::string WhyNoStorePath(const fs::path& Folder) {
-  if (Folder.empty()) return "the path is empty";
-  if (Folder.native().find(fs::path::value_type{}) != fs::path::string_type::npos) return "the path has a zero inside";
-  constexpr std::size_t kLongest = 32767;  // units, for the tables
-  if (Folder.native().size() > kLongest) return "the path is too long";
-#ifndef _WIN32
-  if (!host::IsUtf8(Folder.string()) || Folder.string().find('\\') != std::string::npos)
-    return "the path must be UTF-8, and without '\\'";
-#endif
-  return {};
-}
-
-// The path from a root on, without "." and "..". What stands before a ".." may be a link, so it is not just left out;
-// what stands last may be one as well, and stays.
-fs::path AbsoluteOf(const fs::path& Folder) {
-  const auto Check = [&Folder](std::string Why) {
-    if (!Why.empty()) throw MakeError(errPATH_NAME_INVALID, "open", Folder, std::move(Why));
-  };
-  Check(WhyNoStorePath(Folder));
-  std::error_code Refused;
-  const fs::path Path = WithoutTrailingSeparator(fs::absolute(Folder, Refused));
-  Check(Refused ? "the path begins at the current folder, which cannot be found" : WhyNoStorePath(Path));
-  if (std::find(Path.begin(), Path.end(), fs::path("..")) == Path.end())
-    return WithoutTrailingSeparator(Path.lexically_normal());
-  const fs::path Last = Path.filename();
-  return Last == "." || Last == ".." ? CanonicalOf(Path) : CanonicalOf(Path.parent_path()) / Last;
 }
 
 // Whether somebody holds one of the files that every process with the store holds.
@@ -125,8 +86,8 @@ std::vector<Holder> HoldersOf(const fs::path& Folder) {
 // ---- Opening ----------------------------------------------------------------------------------------------
 
 Share State::Open(const fs::path& Folder, const Options& What) {
-  const fs::path Absolute = AbsoluteOf(Folder);
-  const fs::path Canonical = CanonicalOf(Absolute);
+  const fs::path Absolute = AbsoluteStorePath(Folder);
+  const fs::path Canonical = CanonicalStorePath(Absolute);
   Registry& All = TheRegistry();
   if (const std::uint32_t nOwner = All.nProcess; nOwner != 0 && nOwner != os::ProcessId())
     throw MakeError(errNOT_SUPPORTED, "open", Folder, kForked);
