@@ -573,7 +573,9 @@ class Store {
   Object object(ObjectId id) const { return Object(m_pState, id); }
   std::optional<std::string> name_of(ObjectId id) const { return object(id).name(); }
 
-  // How large all databases that have no size limit of their own may be together; 0 is no limit. Not stored.
+  // How large all databases that have no size limit of their own may be together; 0 is no limit. Not stored. It acts
+  // when an event is added to one of them, and drops one whole segment then, that is at least a second old and not its
+  // database's newest: so each database needs a limit of its segments to be cut by it.
   void set_max_size(Bytes limit) const;
 
   // What opening has healed, and what it has found and left as it is: a line for each file. Also when the

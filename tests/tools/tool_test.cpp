@@ -69,6 +69,10 @@ TEST_F(ToolTest, GivesSegmentsASixteenthOfALimit) {
                                  "lumbra: --max-size 2147483648 drops whole segments: --segment-size 134217728 goes "
                                  "with it\n"));
   EXPECT_EQ(2, json::parse(Run("info --json"))["databases"][1]["segments"]);
+  Record("1 --global-size 100K", {"d"});
+  EXPECT_EQ("lumbra: --global-size 102400 drops whole segments: --segment-size 6400 goes with it\n", Errors());
+  Record("1 --global-size 100K --segment-events 9", {"e"});
+  EXPECT_EQ("", Errors());
   Run("record --db 1 --max-age 7x", 2);
   Run("record --db 1 --max-size 16777216T", 2);
 }

@@ -19,22 +19,26 @@ namespace lumbra::tool {
 
 LimitOptions WithSegmentLimits(LimitOptions Limits) {
   constexpr std::uint64_t kPart = 16;
-  constexpr LumbraLimit kPairs[][2] = {{limitDatabaseEvents, limitSegmentEvents},
-                                       {limitDatabaseSize, limitSegmentSize},
-                                       {limitDatabaseAge, limitSegmentAge}};
   const auto IndexOf = [](LumbraLimit nKind) {
     return std::ranges::find(kLimits, nKind, &LumbraLimitInfo::nKind) - std::begin(kLimits);
   };
-  for (const auto& [nDatabaseKind, nSegmentKind] : kPairs) {
-    const auto nWhole = IndexOf(nDatabaseKind);
+  const auto IsGiven = [&](LumbraLimit nKind) {
+    return Limits.Values[IndexOf(nKind)].has_value();
+  };
+  const auto GiveTo = [&](LumbraLimit nSegmentKind, LumbraLimit nKind) {
+    const auto nWhole = IndexOf(nKind);
     const auto nSegment = IndexOf(nSegmentKind);
     const std::uint64_t nLimit = Limits.Values[nWhole].value_or(0);
-    if (nLimit == 0 || Limits.Values[nSegment]) continue;
+    if (nLimit == 0 || IsGiven(nSegmentKind)) return;
     Limits.Values[nSegment] = std::max<std::uint64_t>(1, nLimit / kPart);
     std::fprintf(stderr, "lumbra: --%s %llu drops whole segments: --%s %llu goes with it\n", kLimits[nWhole].pName,
                  static_cast<unsigned long long>(nLimit), kLimits[nSegment].pName,
                  static_cast<unsigned long long>(*Limits.Values[nSegment]));
-  }
+  };
+  GiveTo(limitSegmentEvents, limitDatabaseEvents);
+  GiveTo(limitSegmentSize, limitDatabaseSize);
+  GiveTo(limitSegmentAge, limitDatabaseAge);
+  if (!IsGiven(limitSegmentEvents) && !IsGiven(limitSegmentAge)) GiveTo(limitSegmentSize, limitGlobalSize);
   return Limits;
 }
 

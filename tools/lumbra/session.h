@@ -35,7 +35,8 @@ struct LimitOptions {
 };
 
 // Gives a limit of a database that comes without any limit of its segments of the same kind a sixteenth of it for
-// those, since only whole segments are dropped, and says so on stderr.
+// those, since only whole segments are dropped, and says so on stderr. Of the limit of all databases the one that is
+// recorded into gets that where its segments have no limit at all.
 LimitOptions WithSegmentLimits(LimitOptions Limits);
 
 // The tool's own event.
