@@ -51,7 +51,11 @@ TEST_F(EventsTest, ChoosesByWhatEventsAre) {
   EXPECT_EQ("23", Values("--under /srv/sub/"));
   EXPECT_EQ("4", Values("--under c:\\dir"));
   EXPECT_EQ("5", Values("--object " + Events("1", "/object")[4].get<std::string>()));
-  Fails("events --db 1 --schema _:hex:24,kind:f64 --kind 1", "their schema has no field \"kind\"");
+  Fails("events --db 1 --schema _:hex:24,kind:f64 --kind 1",
+        "their schema has no field \"kind\" that is a whole number; --schema gives one");
+  Run("record --db 1", 0, "{'name':'x','value':6}");
+  EXPECT_EQ("6", Values("--since -2h --name x"));
+  EXPECT_EQ("", Values("--until -2h --name x"));
 }
 
 TEST_F(EventsTest, ShowsSoManyInEitherOrder) {

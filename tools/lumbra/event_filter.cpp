@@ -100,7 +100,8 @@ const Field& FieldFor(const Schema& Layout, const char* pName, const char* pWhat
   const Field* const pFound = Layout.Find(pName);
   if (pFound != nullptr && Fits(pFound->Type)) return *pFound;
   throw Failure("choose events", errNOT_FOUND,
-                std::string("their schema has no field \"") + pName + "\" that is " + pWhat);
+                std::string("their schema has no field \"") + pName + "\" that is " + pWhat +
+                    "; --schema gives one to this command, lumbra schema keeps one");
 }
 
 // A bound, as a FILETIME, in the units of a field; rounded so that a time in the field is inside when it was.
