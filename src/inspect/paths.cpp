@@ -264,6 +264,10 @@ void Paths::Begin(std::uint64_t nId, const ObjectsOrigin& From, Work* pWork) {
   pWork->bVolumes = false;
   tODB_ID_ENTRY& Record = pWork->Record;
   Record.nParentId = 0;
+  if (nId == 0) {
+    Seen.Of = ObjectView::State::Nothing;
+    return;
+  }
   Seen.Of = StateOf(pWork->pStore->Opened);
   const bool bOwn = From.nSegment != 0 && DatabaseOfId(nId) == From.nDatabase && SegmentOfId(nId) == From.nSegment;
   if (bOwn && pWork->pStore->Opened == Answer::Missing) Seen.Of = ObjectView::State::Lost;

@@ -24,6 +24,7 @@ inline constexpr std::size_t kMaxNameUnits = 32767;
 struct alignas(32) ObjectView {
   enum class State : std::uint8_t {
     Named,
+    Nothing,    // the id is 0, which stands for no object
     Gone,       // it, or the store of another segment, is not there: that was dropped, say
     Lost,       // the store of the segment that the ids come from is not there
     TooLong,    // longer than kMaxNameUnits, or one too many of very long ones: the type is good

@@ -156,6 +156,14 @@ TEST_F(EventsTest, CountsWhatIsMissing) {
   EXPECT_THAT(Errors(), HasSubstr("from 0x0100000200000000 up to 0x0100000300000000 are missing here: a file is "));
 }
 
+TEST_F(EventsTest, ShowsThatAnEventIsAboutNothing) {
+  Record("1", {"a"});
+  Patch("store/01/00000001_events.dat", 20, Bytes(8));
+  for (const std::string Options : {"", " --trace 1"})
+    EXPECT_THAT(Run("events --db 1" + Options), EndsWith("  -\n")) << Options;
+  EXPECT_EQ(json::array({nullptr}), Names("1"));
+}
+
 TEST_F(EventsTest, TellsOfNamesThatAreGone) {
   Record("1 --segment-events 2", {"a", "b", "c"});
   for (const char* const pName : {"id", "dt", "bt"})

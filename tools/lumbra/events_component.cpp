@@ -98,7 +98,11 @@ class Printer {
                 FormatKind(Shown.nKind).c_str(), static_cast<unsigned long long>(Shown.nValue));
     if (m_Options.bParents)
       std::printf("%-18s  ", nParent != 0 ? FormatId(nParent).c_str() : bKnowsParent ? "-" : "cannot be read");
-    std::puts(bNamed ? Printable(Object.Name).c_str() : bGone ? kNameGone : bTooLong ? kNameTooLong : kNameUnreadable);
+    std::puts(bNamed               ? Printable(Object.Name).c_str()
+              : Shown.nObject == 0 ? kAboutNothing
+              : bGone              ? kNameGone
+              : bTooLong           ? kNameTooLong
+                                   : kNameUnreadable);
   }
 
   // The code of the last object that could not be read; errOK when all could that are there.
@@ -117,6 +121,7 @@ class Printer {
   }
 
   ResultCode ReadName(std::uint64_t nObject, ObjectName* pObject) {
+    if (nObject == 0) return errOBJECT_NOT_FOUND;  // whatever the store is like
     const ResultCode nOpened = m_Opened[DatabaseOfId(nObject)];
     return Failed(nOpened) ? nOpened : m_pSession->ReadName(nObject, pObject);
   }

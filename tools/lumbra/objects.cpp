@@ -273,6 +273,7 @@ int PrintView(std::uint64_t nId, const inspect::ObjectView& View) {
     case State::TooLong:
       PrintName(nId, View.nType, kNameTooLong);
       return kExitOk;
+    case State::Nothing:
     case State::Gone:
     case State::Lost:
       std::printf("%s  not found\n", FormatId(nId).c_str());

@@ -47,6 +47,7 @@ inspect::Database Require(const inspect::Store& Store, const DatabaseName& Datab
 const char* InPlaceOfName(const inspect::ObjectView& Of) {
   using State = inspect::ObjectView::State;
   if (Of.Of == State::Named) return nullptr;
+  if (Of.Of == State::Nothing) return kAboutNothing;
   if (Of.Of == State::TooLong) return kNameTooLong;
   return Of.Of == State::Gone || Of.Of == State::Lost ? kNameGone : kNameUnreadable;
 }

@@ -53,6 +53,7 @@ static_assert(sizeof(Event) == 32);
 // ones, of any number of components, which would cost whoever looks at them as much.
 inline constexpr std::size_t kMaxNameUnits = 32767;
 inline constexpr char kNameTooLong[] = "(name too long)";
+inline constexpr char kAboutNothing[] = "-";
 inline constexpr char kNameGone[] = "(its name is gone)";
 inline constexpr char kNameUnreadable[] = "(its name cannot be read)";
 
