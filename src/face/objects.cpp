@@ -77,6 +77,7 @@ std::optional<ObjectId> detail::FindObject(const Use& In, std::uint32_t nDatabas
                                            ObjectId Parent, bool bCreate) {
   constexpr std::uint32_t kFindOnly = 0;
   constexpr std::uint32_t kCreateRepairing = 2;
+  if (!bCreate && Name.empty()) return {};  // what has no name is found by its id alone
   std::string Whole(Name);
   if (GoesOnWithSlash(In, Of, Name, Parent)) Whole.insert(Whole.begin(), '/');
   const std::u16string Wide = host::NameToUtf16(Whole);

@@ -72,6 +72,22 @@ ResultCode WhyNotOpened(const os::FolderHandle& pFolder, std::string* pReason) {
   return errOPEN_FAILED;
 }
 
+// The same of a database's folder, which is made as the component makes it. What is wrong with files in it the
+// component says.
+ResultCode WhyNotOpened(const os::FolderHandle& pStore, const std::u16string& Folder, std::string* pReason) {
+  os::FolderHandle pFolder;
+  os::SystemError nError = os::OpenFolder(pStore, Folder, &pFolder);
+  if (nError == os::kPathNotFound) {
+    *pReason = "it is no folder, or a link to one";
+    return errACCESS_DENIED;
+  }
+  if (nError == os::kFileNotFound) nError = os::MakeFolder(pStore, Folder);
+  if (nError == os::kSuccess) return errOPEN_FAILED;
+  const ResultCode nCode = ResultFromSystemError(nError);
+  *pReason = "it cannot be opened or made: " + MeaningOf(nCode);
+  return nCode;
+}
+
 std::vector<Holder> HoldersOf(const fs::path& Folder) {
   std::unique_ptr<inspect::Store> pFiles;
   if (inspect::Store::Open(Folder.u16string(), &pFiles) != os::kSuccess) return {};
@@ -301,9 +317,11 @@ OpenDatabase* State::OpenOne(std::string_view Name, std::size_t nEventSize) {
              "its events have " + std::to_string(pKnown->nEventSize) + " bytes, not " + std::to_string(nEventSize));
   }
   std::uint32_t nId = Number.value_or(0);
-  const ResultCode nCode =
+  ResultCode nCode =
       Number ? m_Store.OpenDatabase(nId, Wanted.nEventSize) : m_Store.OpenDatabase(Folder, Wanted.nEventSize, &nId);
-  if (Failed(nCode)) Now.Fail(nCode, m_Store.Refusal());
+  std::string Refusal = m_Store.Refusal();
+  if (nCode == errOPEN_FAILED) nCode = WhyNotOpened(Now.Files().Folder(), Folder, &Refusal);
+  if (Failed(nCode)) Now.Fail(nCode, std::move(Refusal));
   pKnown = std::make_unique<OpenDatabase>();
   pKnown->Name = Number ? std::to_string(nId) : Wanted.Name;
   pKnown->Files = {Folder, nId};

@@ -158,6 +158,7 @@ TEST_F(FaceTest, WhatIsNotThereIsNoFailure) {
   EXPECT_EQ(errPARAMETER_INVALID, CodeOf([&] { return Visits.get(EventId{1}); }));
   EXPECT_FALSE(Store.find(Type::file, "/nowhere"));
   EXPECT_FALSE(Visits.find(Type::file, "/nowhere"));
+  EXPECT_FALSE(Visits.find(Type::name, ""));
   // The last has the number of a database that is open, and of nothing in it.
   for (const ObjectId nOne : {ObjectId{}, ObjectId{2}, ObjectId{4711}, ObjectId(std::uint64_t{48} << 56)}) {
     EXPECT_FALSE(Store.name_of(nOne));
@@ -418,6 +419,23 @@ TEST_F(FaceTest, OpeningSaysWhatIsInTheWay) {
   FailCallsNatively(SystemCall::Open, EROFS, 0, 99);
   EXPECT_EQ("Read-only file system: g_objbt.dat: it cannot be opened: the file system takes no writes",
             Refused("to", {.trust = true}));
+}
+
+TEST_F(FaceTest, OpeningADatabaseSaysWhatIsInTheWay) {
+  const auto Store = Open({.trust = true});
+  const auto Refused = [&Store](const char* pName) {
+    try {
+      return Store.database<Visit>(pName).name();
+    } catch (const Error& Reason) {
+      EXPECT_EQ(Help::nothing, Reason.help());
+      return Reason.code().default_error_condition().message() + ": " + Reason.reason();
+    }
+  };
+  fs::create_directory_symlink("00", Folder() / "store/link");
+  EXPECT_EQ("Permission denied: it is no folder, or a link to one", Refused("link"));
+  FailCallsNatively(SystemCall::MakeFolder, EACCES, 0, 2);
+  EXPECT_EQ("Permission denied: it cannot be opened or made: the system does not let this user do that",
+            Refused("new"));
 }
 
 TEST_F(FaceTest, AFailedSyncMakesFlushThrowUntilItIsReopened) {
