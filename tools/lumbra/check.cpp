@@ -30,7 +30,8 @@ constexpr Meaning kMeanings[] = {
     {"ValidDataCrc(nObjectId + 1, buffer", "the data of one of the newest objects is damaged"},
     {"MAKE_SHORT_OBJECT_ID(idFromBt)", "two objects claim one hash"},
     {"file signature is not valid", nullptr},
-    {"left as it is: ", nullptr},  // said by the look before
+    {"left as it is: ", nullptr},            // said by the look before
+    {"the store is not opened: ", nullptr},  // the command ends with that
     {"corrupted persistent index", "the index of named databases was damaged and has been replaced by an empty one",
      true},
     {"from file, ulo res = 0, bytesRead",

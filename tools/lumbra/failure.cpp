@@ -14,6 +14,8 @@ constexpr auto kTooManyOpenFiles = static_cast<ResultCode>(static_cast<std::int3
 
 const char* MeaningOf(ResultCode nCode) {
   if (nCode == kTooManyOpenFiles) return "this process may not have so many files open";
+  if (nCode == kReadOnlyFileSystem)
+    return "its file system is read-only; commands that read, such as verify, work there";
   switch (nCode) {
     case errSHARING_VIOLATION:
       return "another process holds the store; try again when it is done";
