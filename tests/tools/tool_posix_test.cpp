@@ -37,6 +37,12 @@ TEST_F(ToolPosixTest, TellsNamesApartThatAreNoUtf8) {
   Fails("find --db 1 --escaped '\"a\\n\"'", "no name is shown like this");
 }
 
+TEST_F(ToolPosixTest, TakesTheStoreThatTheEnvironmentNames) {
+  Record("1", {"a"});
+  EXPECT_THAT(RunProgram({"/usr/bin/env", "LUMBRA_STORE=store", LUMBRA_TOOL, "events", "--db", "1"}),
+              EndsWith("  a\n"));
+}
+
 TEST_F(ToolPosixTest, LetsNoNameReachTheTerminal) {
   fs::create_directory(Folder() / "\x1b[2J\nx");
   Run("scan '" + std::string("\x1b[2J\nx") + "' --db 1");
