@@ -145,7 +145,13 @@ class ChainLook {
     const std::uint64_t nTorn = (Found.nSize - sizeof(tPLAINDB_HEADER)) % m_Chain.nEventSize;
     os::FileLook Now{};
     const bool bSame = pFile->Look(&Now) == os::kSuccess && Now.nSize == Found.nSize;
-    if (nTorn != 0 && bSame) m_pTell->Leftover(What, Found.nSize - nTorn, "its last event is torn");
+    if (nTorn == 0 || !bSame) return;
+    // Of one that was over before it was measured nothing is being written.
+    if (Which.bOver) {
+      m_pTell->Suspect(What, Found.nSize - nTorn, "its last event is torn, and its segment is over");
+    } else {
+      m_pTell->Leftover(What, Found.nSize - nTorn, "its last event is torn");
+    }
   }
 
   bool ReadHead(const File& From, const FileOf& What, std::uint64_t nSize, bool bMayBeBegun) {

@@ -170,5 +170,13 @@ TEST_F(VerifyTest, FindsWhatIsMissingInTheChain) {
   EXPECT_THAT(Damages(), ::testing::Contains(StartsWith("01/00000002_events.dat: it is missing")));
 }
 
+// In the newest segment the next event takes its place.
+TEST_F(VerifyTest, FindsATornEventWhereNoneComesAnyMore) {
+  MakeDatabase("1 --segment-events 1");
+  for (const char* const pFile : {"store/01/00000001_events.dat", "store/01/00000004_events.dat"})
+    fs::resize_file(Folder() / pFile, FileSize(pFile) - 1);
+  EXPECT_THAT(Damages(), ::testing::ElementsAre(StartsWith("01/00000001_events.dat: its last event is torn")));
+}
+
 }  // namespace
 }  // namespace lumbra::test
