@@ -287,6 +287,23 @@ bool HasWholeRecords(FolderView& Files, const std::u16string& Ids) {
 
 namespace {
 
+// The next object would take the place of a torn record, and its id. Zeros are a sound record of an object without a
+// name; what is there of the old one might lead to the name of another.
+void FillTornRecord(FolderView& Files, const std::u16string& Ids, Plan* pPlan) {
+  const Form Of = FormOfIds(Files.Read(Ids, 0, sizeof(tPLAINDB_HEADER)));
+  if (Of == Form::Unknown) return;
+  const std::uint32_t nRecord = IdsHeader(Of).nRecordSize;
+  const std::uint64_t nSize = Files.Find(Ids)->nSize;
+  const auto nTorn = static_cast<std::uint32_t>((nSize - sizeof(tPLAINDB_HEADER)) % nRecord);
+  if (nTorn == 0) return;
+  pPlan->Steps.push_back({.What = Step::Kind::Patch,
+                          .File = Ids,
+                          .nOffset = nSize - nTorn,
+                          .Before = Files.Read(Ids, nSize - nTorn, nTorn),
+                          .After = std::string(nRecord, '\0'),
+                          .Why = "its last record is torn; zeros fill it up, so that its id is given to no other"});
+}
+
 // Refuses the store as it is: what would be lost, or told wrong, is for a person to put back.
 void Refuse(const std::u16string& File, const std::string& Why, Plan* pPlan) {
   pPlan->Steps.push_back({.File = File, .Why = Why});
@@ -353,6 +370,7 @@ void LookAtSharedObjects(FolderView& Files, bool bDatabases, const Wishes& Wante
     pPlan->Steps.push_back({.What = Step::Kind::Create, .File = Names.Ids, .Why = "the shared objects begin anew"});
     return;
   }
+  FillTornRecord(Files, Names.Ids, &Found);
   LookAtTree({}, Files, Names, &Found);
   pPlan->Steps.insert(pPlan->Steps.end(), Found.Steps.begin(), Found.Steps.end());
   if (!Trace.empty())

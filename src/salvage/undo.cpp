@@ -123,7 +123,8 @@ class Undoer {
     if (nError == os::kFileNotFound) return os::kSuccess;  // it was not reached
     if (nError != os::kSuccess) return nError;
     if (One.What != Step::Kind::Create && There == One.Before) return os::kSuccess;
-    if (There != One.After) return Leave(One, "it has changed since");
+    const bool bCut = bExtended && There == One.After.substr(0, One.Before.size());  // and killed then
+    if (There != One.After && !bCut) return Leave(One, "it has changed since");
     if (One.What == Step::Kind::Create) return os::Move(m_pFolder, One.File, m_pAside, One.File, os::IfTaken::Replace);
     if (bWhole) return ReplaceFile(m_pFolder, One.File, One.Before);
     OpenFile File;

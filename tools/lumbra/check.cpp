@@ -24,7 +24,6 @@ constexpr Meaning kMeanings[] = {
     {"hash not found in BT", nullptr},  // the lines about the repair as a whole say it
     {"trying to repair BT", nullptr},
     {"object hashes were added", "objects were missing from the tree of hashes and have been put back"},
-    {"Succeeded(m_IdDB.FastConsistencyCheck())", "the last id record is torn; the next new object takes its place"},
     {"ValidDataCrc(objectEntry.nObjectHash", "the name of one of the newest objects is damaged"},
     {"ValidDataCrc(nObjectId + 1, dataEntries", "the data of one of the newest objects is damaged"},
     {"ValidDataCrc(nObjectId + 1, buffer", "the data of one of the newest objects is damaged"},
