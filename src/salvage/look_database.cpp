@@ -62,6 +62,7 @@ class DatabaseLook {
     ChooseChain();
     if (m_nChain == m_Runs.size()) return Report({}, "no file of events has those that segments.dat tells of");
     JoinOrSetAside();
+    if (m_bLeads && !m_bFirstMoved && m_Wanted.bDropped) SetDroppedAside();
     MendEventHeads();
     MendObjects();
     MendStart();
@@ -157,12 +158,12 @@ class DatabaseLook {
     if (m_bLeads) LookBelowFirst();
   }
 
-  // Whole segments below the first, one turned bit away: the drop of a segment leaves no more than one such, which the
-  // limits drop again, and a turned bit may have hidden many.
+  // Whole segments below the first, one turned bit away. A single one was dropped: the header moves behind it before
+  // its files go, and a kill in between is likelier than a turned bit.
   void LookBelowFirst() {
     std::uint32_t nLowest = m_nFirst;
     while (nLowest > m_Runs[m_nChain].front().nNumber && IsWhole(nLowest - 1)) --nLowest;
-    if (std::popcount(nLowest ^ m_nFirst) != 1) return;
+    if (nLowest + 1 == m_nFirst || std::popcount(nLowest ^ m_nFirst) != 1) return;
     m_nFirst = nLowest;
     m_bFirstMoved = true;
   }
@@ -216,6 +217,14 @@ class DatabaseLook {
         if (m_Files.Has(File))
           Add(Step::Kind::SetAside, File, {}, {}, "it lies behind the end of the chain, which would overwrite it");
       }
+    }
+  }
+
+  // What interrupted drops have left, which takes room outside all limits.
+  void SetDroppedAside() {
+    for (const auto& [Name, File] : m_Files.Files()) {
+      const std::uint32_t nNumber = IsFileOfDatabase(Name) ? NumberOfSegmentFile(Name) : 0;
+      if (nNumber != 0 && nNumber < m_nFirst) Add(Step::Kind::SetAside, Name, {}, {}, "its segment was dropped");
     }
   }
 

@@ -35,6 +35,7 @@ struct Step {
 // What a look is to find beside the damage that opening the store would make worse.
 struct Wishes {
   bool bThorough = false;    // what can be had back, too: names that a lost tree finds no more, ends of old segments
+  bool bDropped = false;     // files of segments that were dropped, which no damage is: they are set aside
   bool bStartEmpty = false;  // shared objects whose id file is lost are set aside, and begin anew
 };
 

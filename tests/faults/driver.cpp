@@ -564,16 +564,28 @@ void Driver::UseDamaged(End Of) {
   }
 }
 
+// The database in whose folder a file stands; none for the store's own.
+const Driver::Database* Driver::OwnerOf(const std::string& File) const {
+  const auto One = std::ranges::find_if(
+      m_Databases, [&](const Database& Any) { return File.starts_with(FolderOf(Any).filename().string() + '/'); });
+  return One == m_Databases.end() ? nullptr : &*One;
+}
+
 // Whether a file that was damaged may take a value along. Names lead through shared objects.
 bool Driver::StandsIn(const Key& Of, const std::string& File) const {
   const bool bOfObjects = File.starts_with("g_obj");
   if (bOfObjects) return Of.Kind != Key::Event;
   const std::size_t nNumber = File.find('/') + 1;
   if (nNumber == 0 || File.find('_', nNumber) != nNumber + 8) return false;
-  const auto One = std::ranges::find_if(
-      m_Databases, [&](const Database& Any) { return FolderOf(Any).filename() == File.substr(0, nNumber - 1); });
-  return One != m_Databases.end() && DatabaseOfId(Of.nId) == One->nId &&
+  const Database* const pOwner = OwnerOf(File);
+  return pOwner != nullptr && DatabaseOfId(Of.nId) == pOwner->nId &&
          (Of.nId >> kSegmentShift & 0xFFFFFF) == std::stoull(File.substr(nNumber, 8), nullptr, 16);
+}
+
+// Whether a value stands in the segment before the first of a chain, by the chain's header.
+bool Driver::StandsBeforeChain(const Key& Of, const std::string& File) const {
+  const Database* const pOwner = OwnerOf(File);
+  return pOwner != nullptr && (Of.nId >> kSegmentShift) + 1 == ChainOf(*pOwner).begin()->first;
 }
 
 void Driver::VerifyHealed(const std::string& File, Shape Damaged) {
@@ -586,7 +598,8 @@ void Driver::VerifyHealed(const std::string& File, Shape Damaged) {
   m_Compared = End::Whole;
   const Promises Before = m_Known.Now();
   for (const auto& [Of, Value] : Before) {
-    if (!StandsIn(Of, File)) VerifyValue(Of, &Value, End::Whole);
+    const bool bDropped = Damaged == Shape::StartsLater && StandsBeforeChain(Of, File);
+    if (!bDropped && !StandsIn(Of, File)) VerifyValue(Of, &Value, End::Whole);
   }
   // Nothing tells of events that are cut off the end of the newest segment.
   if (File.ends_with("events.dat")) m_Compared = End::Damage;

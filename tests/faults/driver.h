@@ -71,9 +71,9 @@ class Driver {
   // from then on is there after a new start.
   void UseDamaged(End Of);
   // Opens a store of which one file was lost or damaged, if that is allowed: everything is there that stands elsewhere,
-  // and no id is given again. The names of a file
-  // that is shorter than it was are those that they were, or zeros, or gone.
-  enum class Shape { Altered, Shorter };
+  // and no id is given again. The names of a file that is shorter than it was are those that they were, or zeros, or
+  // gone. Where a chain starts one segment later, its oldest is taken for dropped.
+  enum class Shape { Altered, Shorter, StartsLater };
   void VerifyHealed(const std::string& File, Shape Damaged);
   bool IsMarkedCorrupted() const;
 
@@ -99,7 +99,9 @@ class Driver {
   void Expect(bool bTrue, const std::string& What) const;  // of an undisturbed store
   void Tell(const Fact& Of);
   void Begin(OperationKind Kind) { Tell({Fact::Begin, {Key::Event, 0, Kind}}); }
+  const Database* OwnerOf(const std::string& File) const;
   bool StandsIn(const Key& Of, const std::string& File) const;
+  bool StandsBeforeChain(const Key& Of, const std::string& File) const;
   bool IsShared() const { return m_With.pInstance != nullptr; }
   std::uint64_t Below(std::uint64_t nEnd) { return m_With.Choose(nEnd); }
   const Database& Any() { return m_Databases[Below(m_Databases.size())]; }

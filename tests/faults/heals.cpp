@@ -40,6 +40,11 @@ struct Damage {
       pStore->erase(File);
     }
   }
+  Driver::Shape ShapeLeft(bool bChecked) const {
+    constexpr std::uint64_t kLowestOfFirst = 32;  // in "segments.dat": with it a chain starts one segment later
+    if (nBit == kLowestOfFirst && File.ends_with("segments.dat")) return Driver::Shape::StartsLater;
+    return IsCutInRecord(bChecked) ? Driver::Shape::Shorter : Driver::Shape::Altered;
+  }
   // Of names whose records are cut off as a whole nothing tells, where no event has them.
   bool IsCutInRecord(bool bChecked) const {
     return nLength && (!File.ends_with("objid.dat") || (*nLength - 12) % (bChecked ? 33 : 29) != 0);
@@ -110,7 +115,7 @@ std::string RunHeals(const Choice& Which) {
   for (const bool bChecked : {false, true}) {
     const fs::path Folder = Which.Fresh("heals");
     Which.Start("heals", kNoCase);
-    const Record Known = MakeStore(Which, Folder, bChecked, 60);
+    const Record Known = MakeStore(Which, Folder, bChecked, 200);  // steps, so many that some chain starts behind 1
     const Files Sound = ReadFiles(Folder);
     std::uint64_t nOwn = 0;
     std::set<std::uint64_t> Chosen;  // every file is lost once
@@ -132,8 +137,7 @@ std::string RunHeals(const Choice& Which) {
       if (nEnd == 3) HealAndTakeBack(Folder, Damaged, Chance(12));
       Driver::Setup With = Which.With(Folder, bChecked, kOtherSerials);
       With.What = host::Heal::On;
-      Driver(std::move(With), Known)
-          .VerifyHealed(How.File, How.IsCutInRecord(bChecked) ? Driver::Shape::Shorter : Driver::Shape::Altered);
+      Driver(std::move(With), Known).VerifyHealed(How.File, How.ShapeLeft(bChecked));
       ++nRun;
     }
     nAll += nOwn;

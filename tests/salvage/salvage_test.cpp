@@ -199,6 +199,19 @@ TEST_F(SalvageTest, HealsOnceAndGivesTheOldBytesBack) {
   }
 }
 
+// A drop that was interrupted leaves one, whose files go when that is wanted.
+TEST_F(SalvageTest, LeavesASegmentAloneThatWasDropped) {
+  MakeStore();
+  m_Sound["05/segments.dat"][4] = 3;
+  std::erase_if(m_Sound, [](const auto& One) { return One.first.starts_with("05/00000001"); });
+  Put(m_Sound);
+  EXPECT_EQ("", Words(Heal()));
+  salvage::Plan Done;
+  Must(salvage::Heal(WideFolder(), {}, {.bDropped = true}, &Done));
+  std::erase_if(m_Sound, [](const auto& One) { return One.first.starts_with("05/00000002"); });
+  EXPECT_EQ(m_Sound, Take());
+}
+
 // Where the names or the records of the shared objects are lost, new ones must not be told for them.
 TEST_F(SalvageTest, RefusesAStoreWhoseSharedObjectsAreLost) {
   MakeStore();
