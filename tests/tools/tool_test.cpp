@@ -307,6 +307,7 @@ TEST_F(ToolTest, RepairsAndTakesItBack) {
   EXPECT_EQ(kHeader, ReadFile("store/01/segments.dat"));
   EXPECT_EQ(json({"a", "b", "c"}), Names("1"));
   const std::string Time = fs::directory_iterator(At("store/01/set-aside"))->path().filename().string();
+  EXPECT_THAT(Run("repair"), HasSubstr(Time + "\n  01/segments.dat: it leads nowhere"));
   Run("repair --yes --undo " + Time);
   EXPECT_EQ(9, ReadFile("store/01/segments.dat")[4]);
   fs::remove(Folder() / "store/01/segments.dat");
@@ -315,6 +316,15 @@ TEST_F(ToolTest, RepairsAndTakesItBack) {
   fs::remove(Folder() / "store/g_objreplacing.dat");
   Run("repair --discard-set-aside --yes");
   EXPECT_FALSE(fs::exists(Folder() / "store/01/set-aside"));
+}
+
+TEST_F(ToolTest, GivesTheRoomOfDroppedSegmentsBack) {
+  Record("1 --segment-events 1", {"a", "b", "c"});
+  Patch("store/01/segments.dat", 4, {2});  // killed before the files went
+  Run("check");
+  EXPECT_THAT(Run("repair --yes", 3), HasSubstr("- 01/00000001_events.dat: its segment was dropped\n"));
+  EXPECT_THAT(Run("verify"), EndsWith(" 0 leftovers\n"));
+  EXPECT_EQ(json({"b", "c"}), Names("1"));
 }
 
 TEST_F(ToolTest, BacksUpWhatHasChangedAndIsRestored) {

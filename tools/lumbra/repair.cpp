@@ -9,6 +9,7 @@
 #include "holder.h"
 #include "machine.h"
 #include "salvage/apply.h"
+#include "salvage/healings.h"
 #include "salvage/look.h"
 
 namespace lumbra::tool {
@@ -76,24 +77,29 @@ int Discard(const StoreFiles& Files, bool bYes, const std::string& What) {
   return kExitOk;
 }
 
-}  // namespace
+const char* NoteOf(const salvage::Healing& Of) {
+  if (!Of.Steps.empty()) return "";
+  return Of.bTakenBack ? " (was taken back)" : " (the record of what was done cannot be read)";
+}
 
-int Repair(const CommonOptions& Common, const RepairOptions& Options) {
-  const StoreFiles Files = FilesOf(Common);
-  const std::string What = "repair " + Printable(TextOf(Files.Folder()));
-  if (!Files.IsFolder()) throw Failure(What, errOBJECT_NOT_FOUND, "there is no store here");
-  if (Options.bDiscard) return Discard(Files, Options.bYes, What);
-  if (!Options.Undo.empty()) return TakeBack(Common, Files, Options.Undo, Options.bYes, What);
-  salvage::Plan Found;
-  const salvage::Wishes Wanted{.bThorough = true, .bStartEmpty = Options.bStartEmpty};
-  if (!Options.bYes) {
-    const ResultCode nLooked = salvage::Look(Files.Folder().u16string(), Wanted, &Found);
-    if (Failed(nLooked)) throw Failure(What, nLooked, Printable(Found.Refusal));
-  } else {
-    const ResultCode nHealed = HealWhenFree(Common, Files, Wanted, &Found);
-    if (Found.bHeld) throw HeldByAnother(What, Files.Folder());
-    if (Failed(nHealed)) throw Failure(What, nHealed, Printable(Found.Refusal));
+void TellOfHealings(const StoreFiles& Files, const std::string& What) {
+  constexpr std::size_t kMostSteps = 10;
+  std::vector<salvage::Healing> All;
+  Check(salvage::ListHealings(Files.Folder().u16string(), &All), What);
+  if (All.empty()) return;
+  std::puts("Done earlier, with all old bytes in set-aside:");
+  for (const salvage::Healing& One : All) {
+    std::printf("%s%s\n", One.Time.c_str(), NoteOf(One));
+    const std::size_t nTold = std::min(One.Steps.size(), kMostSteps);
+    for (std::size_t i = 0; i < nTold; ++i) std::printf("  %s\n", Printable(salvage::Describe(One.Steps[i])).c_str());
+    if (nTold != One.Steps.size())
+      std::printf("  and %llu more\n", static_cast<unsigned long long>(One.Steps.size() - nTold));
   }
+  std::puts("--undo TIME --yes takes one of these back, --discard-set-aside --yes deletes what is set aside.");
+}
+
+// What a look has found, and what of it is done or could be.
+int TellPlan(const StoreFiles& Files, const salvage::Plan& Found, bool bYes) {
   PrintSteps(Found);
   if (Found.Steps.empty()) {
     std::puts("Nothing is missing or damaged that could be told.");
@@ -108,12 +114,35 @@ int Repair(const CommonOptions& Common, const RepairOptions& Options) {
   }
   if (!Found.Acts()) {
     std::puts("Nothing can be done about this here.");
-  } else if (Options.bYes) {
+  } else if (bYes) {
     std::printf("Done: %s. All old bytes are in set-aside; --undo takes it back.\n", salvage::Summary(Found).c_str());
   } else {
     std::printf("Nothing was changed. --yes does what stands behind a -: %s.\n", salvage::Summary(Found).c_str());
   }
   return kExitIncomplete;
+}
+
+}  // namespace
+
+int Repair(const CommonOptions& Common, const RepairOptions& Options) {
+  const StoreFiles Files = FilesOf(Common);
+  const std::string What = "repair " + Printable(TextOf(Files.Folder()));
+  if (!Files.IsFolder()) throw Failure(What, errOBJECT_NOT_FOUND, "there is no store here");
+  if (Options.bDiscard) return Discard(Files, Options.bYes, What);
+  if (!Options.Undo.empty()) return TakeBack(Common, Files, Options.Undo, Options.bYes, What);
+  salvage::Plan Found;
+  const salvage::Wishes Wanted{.bThorough = true, .bDropped = true, .bStartEmpty = Options.bStartEmpty};
+  if (!Options.bYes) {
+    const ResultCode nLooked = salvage::Look(Files.Folder().u16string(), Wanted, &Found);
+    if (Failed(nLooked)) throw Failure(What, nLooked, Printable(Found.Refusal));
+  } else {
+    const ResultCode nHealed = HealWhenFree(Common, Files, Wanted, &Found);
+    if (Found.bHeld) throw HeldByAnother(What, Files.Folder());
+    if (Failed(nHealed)) throw Failure(What, nHealed, Printable(Found.Refusal));
+  }
+  const int nStatus = TellPlan(Files, Found, Options.bYes);
+  if (!Options.bYes) TellOfHealings(Files, What);
+  return nStatus;
 }
 
 }  // namespace lumbra::tool
