@@ -1,7 +1,7 @@
 # What is installed, and the packages for Debian. The components are "library" (headers, archive, what CMake and
 # pkg-config read), "tool" (the tool, its manual page and completion, the module) and "documents" (licence and changes).
 #   cmake --install build/release --prefix DIR [--component library]
-#   (cd build/release && cpack -G DEB)
+#   scripts/build.sh release lumbra_packages
 # Nothing that is installed says where: it is found beside itself, wherever the prefix is.
 
 # Debian looks for libraries in one folder for each kind of machine, with every prefix.
@@ -118,3 +118,6 @@ process, and what was flushed a power cut.
 This package has the headers and the static library for programs in C++20,
 with what CMake and pkg-config need to find them.")
 include(CPack)
+# What they hold, and no more, is built for them.
+add_custom_target(lumbra_packages COMMAND ${CMAKE_CPACK_COMMAND} -G DEB
+  DEPENDS lumbra_store lumbra_module lumbra_tool lumbra_manual VERBATIM)

@@ -29,8 +29,8 @@ root=$work/root
 
 make_packages() {
   rm -f build/release/*.deb
-  (cd build/release && cpack -G DEB && cpack -G DEB -B "$work/again") >"$work/cpack" 2>&1 ||
-    { cat "$work/cpack"; exit 1; }
+  scripts/build.sh release lumbra_packages
+  (cd build/release && cpack -G DEB -B "$work/again") >"$work/cpack" 2>&1 || { cat "$work/cpack"; exit 1; }
   for package in build/release/*.deb; do
     cmp "$package" "$work/again/${package##*/}" || fail "$package is another one the second time"
     dpkg-deb -x "$package" "$work/unpacked"
@@ -182,11 +182,10 @@ step() {
 }
 set_up() {
   scripts/setup.sh dev
-  scripts/setup.sh package
+  scripts/setup.sh package-trial
 }
 step 'set up' set_up
-step 'build' scripts/build.sh release
-step 'make the packages, twice' make_packages
+step 'build and make the packages, twice' make_packages
 step 'look at them' look_at_packages
 step 'install them, and run what is in them' try_packages
 step 'cmake --install' install_here

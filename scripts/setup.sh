@@ -2,7 +2,8 @@
 # Installs what the project is built and tested with, from Debian's packages (Debian 12). Does nothing when all of it
 # is there. With "dev": also what contributors need. With "windows": also what builds for Windows and runs that. With
 # "fuzz": also the compiler of the fuzz targets. With "peers": also the stores that bench/peers compares with. With
-# "package": also what packages are made and tried with.
+# "package": also what packages are made and used with. With "package-trial": that, and what they are looked at and tried
+# with.
 set -eu
 
 packages="g++ cmake ninja-build libcli11-dev nlohmann-json3-dev libutfcpp-dev libhowardhinnant-date-dev nettle-dev
@@ -11,7 +12,8 @@ packages="g++ cmake ninja-build libcli11-dev nlohmann-json3-dev libutfcpp-dev li
 [ "${1:-}" = windows ] && packages="$packages g++-mingw-w64-i686-posix g++-mingw-w64-x86-64-posix googletest wine wine64"
 [ "${1:-}" = fuzz ] && packages="$packages clang-14 libclang-rt-14-dev llvm-14"
 [ "${1:-}" = peers ] && packages="$packages libsqlite3-dev liblmdb-dev libleveldb-dev librocksdb-dev gnuplot-nox"
-[ "${1:-}" = package ] && packages="$packages dpkg-dev file lintian debootstrap pkg-config"
+[ "${1:-}" = package ] && packages="$packages dpkg-dev file pkg-config"
+[ "${1:-}" = package-trial ] && packages="$packages dpkg-dev file pkg-config lintian debootstrap"
 
 missing=""
 for package in $packages; do
