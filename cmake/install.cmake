@@ -1,5 +1,6 @@
 # What is installed, and the packages for Debian. The components are "library" (headers, archive, what CMake and
-# pkg-config read), "tool" (the tool, its manual page and completion, the module) and "documents" (licence and changes).
+# pkg-config read), "tool" (the tool, its manual page and completion, the module), "pages" (README.md and docs/) and
+# "documents" (licence and changes).
 #   cmake --install build/release --prefix DIR [--component library]
 #   scripts/build.sh release lumbra_packages
 # Nothing that is installed says where: it is found beside itself, wherever the prefix is.
@@ -46,6 +47,9 @@ endif()
 
 install(FILES ${PROJECT_SOURCE_DIR}/LICENSE ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR}
   COMPONENT documents)
+# Unpacked and in the folders that they have here, since they lead to one another.
+install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT pages)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT pages)
 
 # The tool describes itself; and gzip packs what Debian wants packed, without a name and a time.
 find_program(LUMBRA_GZIP gzip)
@@ -84,11 +88,12 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL library library_debian tool tool_debian)
+set(CPACK_COMPONENTS_ALL library library_debian tool tool_debian pages)
 foreach(part LIBRARY TOOL)
   set(CPACK_COMPONENT_${part}_GROUP ${part}_PACKAGE)
   set(CPACK_COMPONENT_${part}_DEBIAN_GROUP ${part}_PACKAGE)
 endforeach()
+set(CPACK_COMPONENT_PAGES_GROUP TOOL_PACKAGE)
 set(CPACK_PACKAGE_CONTACT "Lumbra developers <lumbra@lumbra.invalid>")
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -104,7 +109,8 @@ limits by count, size and age say. What was answered survives a killed
 process, and what was flushed a power cut.
 .
 This package has the command-line tool, which records, shows, verifies, backs
-up and repairs, and the module that a program loads at run time.")
+up and repairs, the module that a program loads at run time, and the
+documentation.")
 
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_PACKAGE_NAME liblumbra-dev)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_PACKAGE_SECTION libdevel)
