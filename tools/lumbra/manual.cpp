@@ -24,6 +24,23 @@ constexpr struct {
     {kExitInterrupted, "Ctrl-C ended it"},
 };
 
+constexpr char kDescription[] =
+    "A store is a folder that keeps events, which are records of a fixed size, and the files and other named objects\n"
+    "that they are about. A program writes it, through the library or the module. Beside it lumbra shows, follows,\n"
+    "verifies and backs up the store, and while nobody else has it lumbra records and mends.\n";
+
+constexpr struct {
+  const char* pCommand;
+  const char* pMeaning;
+} kExamples[] = {
+    {"lumbra scan --db files /etc", "Records what is in a folder"},
+    {"lumbra events --db files --under /etc/ssl -n 20", "Shows the newest events about what lies below another"},
+    {"lumbra events --db files -f --json", "Follows what is recorded, for a program to read"},
+    {"lumbra info --segments", "Shows how large the databases are, and who has the store"},
+    {"lumbra verify", "Looks for damage"},
+    {"lumbra backup /var/backups/lumbra", "Copies the store as it is now"},
+};
+
 using Options = std::vector<const CLI::Option*>;
 using Apps = std::vector<const CLI::App*>;
 
@@ -87,6 +104,10 @@ std::string Italic(const std::string& Text) {
   return "\\fI" + Roff(Text) + "\\fR";
 }
 
+std::string Entry(const std::string& Head, const std::string& Text) {
+  return ".TP\n" + Head + '\n' + Roff(Text) + '\n';
+}
+
 std::string Joined(const std::vector<std::string>& Texts) {
   std::string All;
   for (const std::string& Text : Texts) All += (All.empty() ? "" : ", ") + Text;
@@ -114,7 +135,7 @@ std::string Paragraph(const CLI::Option& Option) {
   const std::string Type = Option.get_type_name();
   if (!Option.get_positional() && TakesValue(Option)) Head += ' ' + Italic(Type);
   const std::string Remarks = RemarksOn(Option);
-  return ".TP\n" + Head + '\n' + Roff(Option.get_description() + (Remarks.empty() ? "" : "." + Remarks)) + '\n';
+  return Entry(Head, Option.get_description() + (Remarks.empty() ? "" : "." + Remarks));
 }
 
 std::string Paragraphs(const CLI::App& App) {
@@ -258,13 +279,19 @@ std::string ManualPage(const CLI::App& App) {
   std::string Summary = App.get_description();
   Summary.front() = static_cast<char>(std::tolower(Summary.front()));
   Summary.pop_back();  // the point
-  std::string Page = ".TH LUMBRA 1 \"\" \"lumbra " LUMBRA_VERSION "\" \"User commands\"\n.SH NAME\nlumbra \\- " +
-                     Roff(Summary) + "\n.SH SYNOPSIS\n" + Bold("lumbra") +
-                     " [OPTIONS] COMMAND ...\n.SH OPTIONS\nEvery command has these, before or "
-                     "behind it.\n" +
-                     Paragraphs(App) + ".SH COMMANDS\n" + Sections(App, "lumbra") + ".SH EXIT STATUS\n";
-  for (const auto& One : kExitStatuses)
-    Page += ".TP\n" + Bold(std::to_string(One.nStatus)) + '\n' + Roff(One.pMeaning) + '\n';
+  std::string Page = ".TH LUMBRA 1 \"\" \"lumbra " LUMBRA_VERSION "\" \"User commands\"\n";
+  Page += ".SH NAME\nlumbra \\- " + Roff(Summary) + '\n';
+  Page += ".SH SYNOPSIS\n" + Bold("lumbra") + " [OPTIONS] COMMAND ...\n";
+  Page += ".SH DESCRIPTION\n" + Roff(kDescription);
+  Page += ".SH OPTIONS\nEvery command has these, before or behind it.\n" + Paragraphs(App);
+  Page += ".SH COMMANDS\n" + Sections(App, "lumbra");
+  Page += ".SH EXIT STATUS\n";
+  for (const auto& One : kExitStatuses) Page += Entry(Bold(std::to_string(One.nStatus)), One.pMeaning);
+  Page += ".SH ENVIRONMENT\n" + Entry(Bold("LUMBRA_STORE"), "Folder of the store, unless --store says it");
+  Page += ".SH FILES\n" + Entry(Italic("./lumbra-store"), "Folder of the store, unless one of these says it");
+  Page += ".SH EXAMPLES\n";
+  for (const auto& One : kExamples) Page += Entry(Bold(One.pCommand), One.pMeaning);
+  Page += ".SH SEE ALSO\nThe pages tool.md and operations.md, on Debian in /usr/share/doc/lumbra/docs.\n";
   return Page;
 }
 
