@@ -1,5 +1,6 @@
 #!/bin/sh
-# Draws docs/session.svg: what the tool says, as it is built, to the commands below. --show prints that instead.
+# Draws docs/session.svg: what the tool says, as it is built, to the commands below. --show prints that instead; --check
+# says whether the picture is another one, but for its numbers, which are those of a moment.
 set -eu
 cd "$(dirname "$0")/.."
 
@@ -29,6 +30,13 @@ run() {
   eval "$*" 2>&1 || true
   echo
 }
+# Until the one that follows has shown so many events; a machine that is too slow for that shows less.
+wait_for() {
+  for _ in $(seq 100); do
+    [ "$(wc -l < followed)" -lt "$1" ] || return 0
+    sleep 0.1
+  done
+}
 session() {
   run "lumbra record --db audit --max-age 7d --max-size 2G morning.jsonl"
   run "lumbra events --db audit --under /etc --kind file"
@@ -36,9 +44,9 @@ session() {
   say "lumbra events --db audit -f -n 1 --json --fields name,value --show-cursor"
   lumbra events --db audit -f -n 1 --json --fields name,value --show-cursor > followed &
   reader=$!
-  sleep 0.5
+  wait_for 1
   lumbra record --db audit noon.jsonl > /dev/null
-  sleep 0.5
+  wait_for 3
   kill -INT "$reader"
   wait "$reader" || true
   cat followed
@@ -74,4 +82,14 @@ awk '
              row[i] ~ /^\$/ ? " fill=\"#8fd18b\"" : "", row[i]
     }
     print "</g>\n</svg>"
-  }' ../session.txt > "$picture"
+  }' ../session.txt > ../session.svg
+
+if [ "${1:-}" != --check ]; then
+  cp ../session.svg "$picture"
+  exit
+fi
+without_numbers() { sed 's/[0-9a-f.-]*[0-9][0-9a-f.-]*/N/g' "$1"; }
+without_numbers "$picture" > ../kept
+without_numbers ../session.svg > ../drawn
+diff ../kept ../drawn ||
+  { echo "session: docs/session.svg shows something else than the tool does: scripts/session.sh draws it" >&2; exit 1; }
