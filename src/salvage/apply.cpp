@@ -304,10 +304,7 @@ ResultCode SetDatabaseAside(const std::u16string& Store, const os::FolderRules& 
   std::vector<Step> Steps;
   Steps.reserve(Names.size());
   for (const std::u16string& Name : Names)
-    Steps.push_back({.What = Step::Kind::SetAside,
-                     .Folder = Folder,
-                     .File = Name,
-                     .Why = "the database begins anew with events of another size"});
+    Steps.push_back({.What = Step::Kind::SetAside, .Folder = Folder, .File = Name, .Why = "the database begins anew"});
   if (nError == os::kSuccess) nError = Healer(pStore, &Hold).Run(&Steps);
   return ResultFromSystemError(nError);
 } catch (const std::bad_alloc&) {

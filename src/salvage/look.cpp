@@ -60,7 +60,7 @@ class StoreLook {
       const ResultCode nCode = LookIn(Folder);
       if (Failed(nCode)) return nCode;
     }
-    LookAtSharedObjects(Files, m_bDatabases, m_Wanted, m_pPlan);
+    LookAtSharedObjects(Files, m_Wanted, m_pPlan);
     LookAtIndex(Files, m_Named, m_pPlan);
     return FailureOf(Files, {});
   }
@@ -78,7 +78,6 @@ class StoreLook {
     const ResultCode nListed = Files.Open(pFolder);
     if (Failed(nListed)) return nListed == errACCESS_DENIED ? errOK : nListed;
     if (!HasFilesOfDatabase(Files)) return errOK;
-    m_bDatabases = true;
     const std::optional<std::uint32_t> Id = bNumbered ? NumberOf(Folder) : IdentityOf(Files);
     LookAtDatabase(Folder, Files, m_Wanted, m_pPlan);
     if (!bNumbered) m_Named[Folder] = Id;
@@ -94,7 +93,6 @@ class StoreLook {
   os::FolderHandle m_pStore;
   const Wishes m_Wanted;
   Plan* m_pPlan;
-  bool m_bDatabases = false;
   std::map<std::u16string, std::optional<std::uint32_t>> m_Named;
 };
 

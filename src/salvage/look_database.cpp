@@ -158,12 +158,13 @@ class DatabaseLook {
     if (m_bLeads) LookBelowFirst();
   }
 
-  // Whole segments below the first, one turned bit away. A single one was dropped: the header moves behind it before
-  // its files go, and a kill in between is likelier than a turned bit.
+  // Whole segments below the first, one turned bit away. One or two were dropped: the header moves behind a segment
+  // before its files go, and kills in between are likelier than a turned bit.
   void LookBelowFirst() {
+    constexpr std::uint32_t kMostDropped = 2;
     std::uint32_t nLowest = m_nFirst;
     while (nLowest > m_Runs[m_nChain].front().nNumber && IsWhole(nLowest - 1)) --nLowest;
-    if (nLowest + 1 == m_nFirst || std::popcount(nLowest ^ m_nFirst) != 1) return;
+    if (m_nFirst - nLowest <= kMostDropped || std::popcount(nLowest ^ m_nFirst) != 1) return;
     m_nFirst = nLowest;
     m_bFirstMoved = true;
   }

@@ -311,13 +311,10 @@ void Refuse(const std::u16string& File, const std::string& Why, Plan* pPlan) {
 }
 
 // What tells that shared objects were recorded, where their records are lost; "" for nothing.
-std::string TraceOfRecords(FolderView& Files, const ObjectFileNames& Names, bool bDatabases) {
+std::string TraceOfRecords(FolderView& Files, const ObjectFileNames& Names) {
   const FolderView::File* const pData = Files.Find(Names.Data);
   if (pData != nullptr && pData->nSize > sizeof(FILE_MAGIC)) return "the names of g_objdt.dat";
-  if (KnowsObjects(Files, Names.Tree)) return "the tree of g_objbt.dat";
-  // The three files are made before the first database.
-  const bool bNone = !Files.Has(Names.Ids) && !Files.Has(Names.Tree) && pData == nullptr;
-  return bNone && bDatabases ? "the databases" : "";
+  return KnowsObjects(Files, Names.Tree) ? "the tree of g_objbt.dat" : "";
 }
 
 }  // namespace
@@ -349,7 +346,7 @@ void LookAtReplacing(FolderView& Files, Plan* pPlan) {
   Add(Step::Kind::SetAside, kReplacingFile, "");
 }
 
-void LookAtSharedObjects(FolderView& Files, bool bDatabases, const Wishes& Wanted, Plan* pPlan) {
+void LookAtSharedObjects(FolderView& Files, const Wishes& Wanted, Plan* pPlan) {
   if (Files.Has(kCompactedIdsFile) != Files.Has(kCompactedDataFile)) {
     const char16_t* const pHalf = Files.Has(kCompactedIdsFile) ? kCompactedIdsFile : kCompactedDataFile;
     pPlan->Steps.push_back({.File = pHalf, .Why = "half a pair of compaction, which the next one overwrites"});
@@ -359,15 +356,13 @@ void LookAtSharedObjects(FolderView& Files, bool bDatabases, const Wishes& Wante
   LookAtObjectHeads({}, Files, Names, &Found);
   const bool bMended = std::ranges::any_of(Found.Steps, [&](const Step& One) { return One.File == Names.Ids; });
   const bool bIds = bMended || FormOfIds(Files.Read(Names.Ids, 0, sizeof(tPLAINDB_HEADER))) != Form::Unknown;
-  const std::string Trace = bIds ? "" : TraceOfRecords(Files, Names, bDatabases);
+  const std::string Trace = bIds ? "" : TraceOfRecords(Files, Names);
   const bool bEndLost = LookAtDataEnd({}, Files, Names, &Found);
   if ((!Trace.empty() || bEndLost) && Wanted.bStartEmpty) {
     for (const std::u16string& Name : {Names.Tree, Names.Ids, Names.Data}) {  // the one that tells of it last
       if (Files.Has(Name))
         pPlan->Steps.push_back({.What = Step::Kind::SetAside, .File = Name, .Why = "the shared objects begin anew"});
     }
-    // The next look must not take the files for lost.
-    pPlan->Steps.push_back({.What = Step::Kind::Create, .File = Names.Ids, .Why = "the shared objects begin anew"});
     return;
   }
   FillTornRecord(Files, Names.Ids, &Found);

@@ -48,8 +48,8 @@ void LookAtTree(const std::u16string& Folder, FolderView& Files, const ObjectFil
 // Whether the header and the last id record are whole.
 bool HasWholeRecords(FolderView& Files, const std::u16string& Ids);
 
-// The shared store: what must not be opened. bDatabases: the store has databases.
-void LookAtSharedObjects(FolderView& Files, bool bDatabases, const Wishes& Wanted, Plan* pPlan);
+// The shared store: what must not be opened.
+void LookAtSharedObjects(FolderView& Files, const Wishes& Wanted, Plan* pPlan);
 
 // What is left of putting a compacted pair in the place of the live one; whether it is being taken back.
 void LookAtReplacing(FolderView& Files, Plan* pPlan);

@@ -582,10 +582,11 @@ bool Driver::StandsIn(const Key& Of, const std::string& File) const {
          (Of.nId >> kSegmentShift & 0xFFFFFF) == std::stoull(File.substr(nNumber, 8), nullptr, 16);
 }
 
-// Whether a value stands in the segment before the first of a chain, by the chain's header.
+// Whether a value stands in one of the two segments before the first of a chain, by the chain's header.
 bool Driver::StandsBeforeChain(const Key& Of, const std::string& File) const {
   const Database* const pOwner = OwnerOf(File);
-  return pOwner != nullptr && (Of.nId >> kSegmentShift) + 1 == ChainOf(*pOwner).begin()->first;
+  if (pOwner == nullptr || DatabaseOfId(Of.nId) != pOwner->nId) return false;
+  return ChainOf(*pOwner).begin()->first - (Of.nId >> kSegmentShift) <= 2;
 }
 
 void Driver::VerifyHealed(const std::string& File, Shape Damaged) {

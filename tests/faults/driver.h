@@ -72,7 +72,7 @@ class Driver {
   void UseDamaged(End Of);
   // Opens a store of which one file was lost or damaged, if that is allowed: everything is there that stands elsewhere,
   // and no id is given again. The names of a file that is shorter than it was are those that they were, or zeros, or
-  // gone. Where a chain starts one segment later, its oldest is taken for dropped.
+  // gone. Where a chain starts one or two segments later, those are taken for dropped.
   enum class Shape { Altered, Shorter, StartsLater };
   void VerifyHealed(const std::string& File, Shape Damaged);
   bool IsMarkedCorrupted() const;

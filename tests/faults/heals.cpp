@@ -41,8 +41,8 @@ struct Damage {
     }
   }
   Driver::Shape ShapeLeft(bool bChecked) const {
-    constexpr std::uint64_t kLowestOfFirst = 32;  // in "segments.dat": with it a chain starts one segment later
-    if (nBit == kLowestOfFirst && File.ends_with("segments.dat")) return Driver::Shape::StartsLater;
+    constexpr std::uint64_t kLowestOfFirst = 32;  // in "segments.dat": with it, or the next, a chain starts later
+    if (nBit && *nBit - kLowestOfFirst < 2 && File.ends_with("segments.dat")) return Driver::Shape::StartsLater;
     return IsCutInRecord(bChecked) ? Driver::Shape::Shorter : Driver::Shape::Altered;
   }
   // Of names whose records are cut off as a whole nothing tells, where no event has them.

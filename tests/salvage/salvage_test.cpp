@@ -222,8 +222,6 @@ TEST_F(SalvageTest, RefusesAStoreWhoseSharedObjectsAreLost) {
   MakeStore();
   for (const char* const pFile : {"g_objid.dat", "g_objdt.dat"}) fs::remove(Folder() / pFile);
   EXPECT_THAT(Heal().Refusal, HasSubstr("g_objid.dat: it is missing beside the tree"));
-  fs::remove(Folder() / "g_objbt.dat");
-  EXPECT_THAT(Heal().Refusal, HasSubstr("g_objid.dat: it is missing beside the databases"));
   MakeStore();
   Restart();
   for (char16_t c = 0x4E00; c < 0x4E00 + 30; ++c) Find(0, u"C:\\" + std::u16string(20000, c));

@@ -140,7 +140,7 @@ TEST_F(ToolTest, HealsAStoreBeforeItIsOpened) {
     const std::string Name = "01/00000003_" + std::string(pName) + ".dat";
     WriteFile("copy/" + Name, ReadFile("store/" + Name));
   }
-  RunProgram({LUMBRA_TOOL, "--store", "copy", "repair", "--start-empty", "--yes"}, 3);
+  RunProgram({LUMBRA_TOOL, "--store", "copy", "repair", "--yes"}, 3);
   EXPECT_THAT(RunProgram({LUMBRA_TOOL, "--store", "copy", "events", "--db", "1"}), EndsWith("f\n"));
 }
 
@@ -378,7 +378,7 @@ TEST_F(ToolTest, PutsBackWhatALostTreeFindsNoMore) {
 }
 
 TEST_F(ToolTest, BeginsSharedObjectsAnewWhereItIsToldTo) {
-  for (const auto& Lost : std::vector<std::vector<std::string>>{{"id"}, {"id", "dt", "bt"}}) {
+  for (const auto& Lost : std::vector<std::vector<std::string>>{{"id"}, {"id", "dt"}}) {
     Record("1", {"a"});
     for (const std::string& File : Lost) fs::remove(Folder() / ("store/g_obj" + File + ".dat"));
     Fails("repair --yes", "");

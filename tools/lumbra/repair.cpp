@@ -95,7 +95,9 @@ void TellOfHealings(const StoreFiles& Files, const std::string& What) {
     if (nTold != One.Steps.size())
       std::printf("  and %llu more\n", static_cast<unsigned long long>(One.Steps.size() - nTold));
   }
-  std::puts("--undo TIME --yes takes one of these back, --discard-set-aside --yes deletes what is set aside.");
+  if (std::ranges::any_of(All, [](const salvage::Healing& One) { return !One.Steps.empty(); }))
+    std::puts("--undo TIME --yes takes one of these back.");
+  std::puts("--discard-set-aside --yes deletes what is set aside.");
 }
 
 // What a look has found, and what of it is done or could be.
