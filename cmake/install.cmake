@@ -48,7 +48,8 @@ endif()
 install(FILES ${PROJECT_SOURCE_DIR}/LICENSE ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR}
   COMPONENT documents)
 # Unpacked and in the folders that they have here, since they lead to one another.
-install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT pages)
+set(pages ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CONTRIBUTING.md)
+install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT pages)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT pages)
 
 # The tool describes itself; and gzip packs what Debian wants packed, without a name and a time.

@@ -42,7 +42,8 @@ session() {
   run "lumbra events --db audit --under /etc --kind file"
   # Another terminal records while this one follows.
   say "lumbra events --db audit -f -n 1 --json --fields name,value --show-cursor"
-  lumbra events --db audit -f -n 1 --json --fields name,value --show-cursor > followed &
+  : > followed
+  lumbra events --db audit -f -n 1 --json --fields name,value --show-cursor >> followed &
   reader=$!
   wait_for 1
   lumbra record --db audit noon.jsonl > /dev/null

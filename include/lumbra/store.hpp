@@ -19,6 +19,7 @@
 //   from then on they throw. None of them outlives anything it needs. A copy of a handle stands for the same, and a
 //   move is a copy; a Reader can only be moved.
 // - A process that is forked from one with an open store has none: there every call throws, and close() does nothing.
+//   But it keeps the store's files: nobody else can open the store before it has ended too, or run another program.
 // - Arguments are looked at during the call alone. Texts are UTF-8. Names of objects are bytes: those that are no UTF-8
 //   come back as they were.
 //
@@ -237,6 +238,7 @@ using Share = std::shared_ptr<State>;
 
 // One object, and the data that is kept with it: up to 255 blocks, each under a number (tag) of one's own. An object of
 // a database goes with the segment in which it was found or created: then name(), type(), parent(), data() are empty.
+// Its database must be open: an Error (errPARAMETER_INVALID) otherwise.
 class Object {
  public:
   Object(const Object&) = default;

@@ -5,6 +5,7 @@
 #include "host/printed_text.h"
 #include "host/text.h"
 #include "host/trace_format.h"
+#include "platform/result.h"
 
 namespace lumbra {
 inline namespace v1 {
@@ -18,11 +19,6 @@ struct Error::Details {
 };
 
 namespace {
-
-// The system's numbers for too many open files and for a file system that takes no writes, which have no names of their
-// own among the codes.
-constexpr auto kTooManyOpenFiles = static_cast<ResultCode>(static_cast<std::int32_t>(0x80070004u));
-constexpr auto kWriteProtect = static_cast<ResultCode>(static_cast<std::int32_t>(0x80070013u));
 
 struct Meaning {
   ResultCode nCode;
@@ -39,7 +35,8 @@ constexpr Meaning kMeanings[] = {
     {errOUT_OF_SPACE, Help::retry, std::errc::no_space_on_device, "the disk, or what the store can number, is full"},
     {errWRITE_FAILED, Help::retry, {}, "a write failed; the disk may be full. What was answered before is safe"},
     {errOUT_OF_MEMORY, Help::retry, std::errc::not_enough_memory, "there is not enough memory"},
-    {kTooManyOpenFiles, Help::retry, std::errc::too_many_files_open, "this process may not have so many files open"},
+    {kTooManyOpenFilesResult, Help::retry, std::errc::too_many_files_open,
+     "this process may not have so many files open"},
     {errSTORE_NOT_INITIALIZED, Help::reopen, std::errc::bad_file_descriptor, "it is closed"},
     {errREAD_FAILED, Help::repair, std::errc::io_error, "the disk did not deliver what was written"},
     {errDATA_CORRUPTED, Help::repair, {}, "stored data is damaged; the rest of the store can still be read"},
@@ -57,7 +54,7 @@ constexpr Meaning kMeanings[] = {
     {errINDEX_INVALID, Help::nothing, {}, "the store holds 207 named databases already, and no more than that"},
     {errALREADY_EXISTS, Help::nothing, {}, "this process has another one open"},
     {errOBJECT_ALREADY_EXISTS, Help::nothing, {}, "another name, which the store cannot tell from this one, is open"},
-    {kWriteProtect, Help::nothing, std::errc::read_only_file_system, "the file system takes no writes"},
+    {kWriteProtectResult, Help::nothing, std::errc::read_only_file_system, "the file system takes no writes"},
     {errREAD_ONLY, Help::nothing, std::errc::read_only_file_system, "the store takes no writes"},
 };
 

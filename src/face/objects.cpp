@@ -40,7 +40,8 @@ bool IsName(std::u16string_view Name) {
 
 // Whether no object has the id: what is about nothing has it, or it stands for the object of a host, and ours has none.
 bool IsNobodys(ObjectId nId) {
-  return MAKE_SHORT_OBJECT_ID(NumberOf(nId)) == 0 || NumberOf(nId) == kHostObjectAlias;
+  return MAKE_SHORT_OBJECT_ID(NumberOf(nId)) == 0 || NumberOf(nId) == kHostObjectAlias ||
+         DatabaseOfId(NumberOf(nId)) > kLastNamedDatabase;
 }
 
 // Whether the id may lead to an object. Of databases that are not open the tables, and the files, say different things.
@@ -55,18 +56,24 @@ bool IsSeparator(char c) {
   return c == '/' || c == '\\';
 }
 
-bool BeginsWithSlash(const Use& In, ObjectId nId) {
-  char16_t First[2] = {};  // the rest is cut off
-  std::uint32_t nBytes = 0;
+// The first units of an object's name, two of them at most.
+std::u16string BeginningOf(const Use& In, ObjectId nId) {
+  constexpr std::uint32_t kUnits = 2;  // the rest is cut off
+  char16_t First[kUnits + 1] = {};
   const ResultCode nCode =
-      In.Call(&LumbraOperations::GetObjectName, NumberOf(nId), First, sizeof(First), &nBytes, 0, nullptr);
-  return (Succeeded(nCode) || nCode == errBUFFER_TOO_SMALL) && First[0] == u'/';
+      In.Call(&LumbraOperations::GetObjectName, NumberOf(nId), First, kUnits * sizeof(char16_t), nullptr, 0, nullptr);
+  return Succeeded(nCode) || nCode == errBUFFER_TOO_SMALL ? First : u"";
 }
 
-// Whether a path is to go on with '/' below its parent, so that it becomes the object that the whole path is.
-bool GoesOnWithSlash(const Use& In, Type Of, std::string_view Name, ObjectId Parent) {
+// Goes on with '/' below a parent whose path begins with it, so that the object is the one that the whole path is. "/"
+// is the parent of nothing.
+void GoOnWithSlash(const Use& In, Type Of, std::string* pName, ObjectId* pParent) {
   const bool bPath = Of == Type::file || Of == Type::folder;
-  return bPath && Parent != ObjectId{} && !Name.empty() && !IsSeparator(Name.front()) && BeginsWithSlash(In, Parent);
+  if (!bPath || *pParent == ObjectId{} || pName->empty() || IsSeparator(pName->front())) return;
+  const std::u16string Beginning = BeginningOf(In, *pParent);
+  if (!Beginning.starts_with(u'/')) return;
+  pName->insert(pName->begin(), '/');
+  if (Beginning == u"/") *pParent = {};
 }
 
 }  // namespace
@@ -79,7 +86,7 @@ std::optional<ObjectId> detail::FindObject(const Use& In, std::uint32_t nDatabas
   constexpr std::uint32_t kCreateRepairing = 2;
   if (!bCreate && Name.empty()) return {};  // what has no name is found by its id alone
   std::string Whole(Name);
-  if (GoesOnWithSlash(In, Of, Name, Parent)) Whole.insert(Whole.begin(), '/');
+  GoOnWithSlash(In, Of, &Whole, &Parent);
   const std::u16string Wide = host::NameToUtf16(Whole);
   if (Wide.size() > kMaxNameUnits) In.Fail(errSIZE_INVALID, "the name is too long");
   std::uint64_t nId = 0;

@@ -122,6 +122,7 @@ Share State::Open(const fs::path& Folder, const Options& What) {
   try {
     Share pOpened(new State(Absolute, Canonical, What));
     All.Current = pOpened;
+    pOpened->m_bShared = true;
     All.Changed.notify_all();
     return pOpened;
   } catch (...) {
@@ -220,7 +221,9 @@ void State::FailToOpen(ResultCode nCode) const {
   std::string Reason = m_Store.Refusal();
   const std::string Distrust = m_Options.trust ? std::string() : host::WhyStoreNotTrusted(m_Folder);
   if (!Distrust.empty()) {
-    if (Succeeded(nFolder) && !Distrust.ends_with(host::kIsALink)) Reason += "; Options::trust lets that pass";
+    if (Succeeded(nFolder) && Distrust.find(host::kCannotBeLookedAt) == std::string::npos &&
+        !Distrust.ends_with(host::kIsALink))
+      Reason += "; Options::trust lets that pass";
     Fail(kAt, nCode, Reason);
   }
   if (nCode == errOPEN_FAILED && Failed(nFolder)) {
@@ -228,6 +231,8 @@ void State::FailToOpen(ResultCode nCode) const {
     Reason = "it cannot be opened or made";
   } else if (nCode == errOPEN_FAILED) {
     nCode = WhyNotOpened(pFolder, &Reason);
+    const std::u16string System = NumberedFolder(kSystemDatabase);
+    if (nCode == errOPEN_FAILED) nCode = WhyNotOpened(pFolder, System, &Reason);
   }
   if (!Reason.empty() && nCode != errDATA_CORRUPTED) Reason += ": " + MeaningOf(nCode);
   Fail(kAt, nCode, Reason);
@@ -243,6 +248,7 @@ void State::Close() {
     m_Store = {};
     m_pHost.reset();
   }
+  if (!m_bShared) return;  // who opens it has the lock
   Registry& All = TheRegistry();
   const std::lock_guard Hold(All.Lock);
   All.nProcess = 0;

@@ -93,6 +93,8 @@ class State : public std::enable_shared_from_this<State> {
   std::vector<std::string> m_Healed;
   std::vector<std::string> m_Left;
 
+  bool m_bShared = false;  // it is the one that the process has, by which others find it
+
   std::mutex m_Lock;                                                    // guards the following
   std::map<std::u16string, std::unique_ptr<OpenDatabase>> m_Databases;  // by their folders
 

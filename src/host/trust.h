@@ -12,6 +12,7 @@
 namespace lumbra::host {
 
 inline constexpr std::string_view kIsALink = "is a link";
+inline constexpr std::string_view kCannotBeLookedAt = "cannot be looked at: ";
 
 enum class TrustedOwner { User, UserOrRoot };  // User: the effective user of the process
 

@@ -36,7 +36,7 @@ std::string WhyNotTrusted(const struct stat& Status, TrustedOwner Owner) {
 }
 
 std::string WhyNotKnown() {
-  return "cannot be looked at: " + std::generic_category().message(errno);
+  return std::string(kCannotBeLookedAt) + std::generic_category().message(errno);
 }
 
 // The same of what a store's folder holds. A link may stand in the place of a database's folder.

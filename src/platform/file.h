@@ -36,7 +36,7 @@ inline bool IsTooManyOpenFiles(os::SystemError nError) {
   return nError == os::kTooManyOpenFiles;
 }
 inline bool IsTooManyOpenFiles(ResultCode nCode) {
-  return nCode == ResultFromSystemError(os::kTooManyOpenFiles);
+  return nCode == kTooManyOpenFilesResult;
 }
 
 // What a process that has run out of descriptors can do: something that closes files which can be opened again, and

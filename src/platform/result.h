@@ -19,6 +19,10 @@ inline ResultCode ResultFromSystemError(os::SystemError nError) {
   return ResultFromSystemError(static_cast<std::uint32_t>(nError));
 }
 
+// Those of kTooManyOpenFiles and kWriteProtect, which have no name among the codes.
+inline constexpr auto kTooManyOpenFilesResult = static_cast<ResultCode>(static_cast<std::int32_t>(0x80070004u));
+inline constexpr auto kWriteProtectResult = static_cast<ResultCode>(static_cast<std::int32_t>(0x80070013u));
+
 // The form in which the host knows some of the framework's codes; every other code unchanged.
 ResultCode ToHostResult(ResultCode nCode);
 

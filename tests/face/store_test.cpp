@@ -191,6 +191,8 @@ TEST_F(FaceTest, ObjectsHaveNameTypeParentAndData) {
   const auto Folder = Store.find(Type::file, "/a/b\xFF")->parent();
   EXPECT_EQ("/a", Folder->name());
   EXPECT_EQ(Store.find(Type::file, "/a/\xC3\xA9")->id(), Store.find(Type::file, "\xC3\xA9", Folder->id())->id());
+  const auto Root = Store.find_or_create(Type::folder, "/");
+  EXPECT_EQ("/top", Store.find_or_create(Type::folder, "top", Root.id()).name());
   EXPECT_FALSE(Store.find_or_create(Type::name, "alone").parent());
   const auto In = Store.find_or_create(Type::name, "in", Store.find(Type::name, "alone")->id());
   EXPECT_EQ("alone", In.parent()->name());

@@ -270,7 +270,7 @@ TEST_F(ToolTest, CompactTellsWhatItLeavesOut) {
   EXPECT_THAT(Told, HasSubstr("g_objidcompacted.dat " + std::string(13, ' ') + "210 bytes"));
   EXPECT_THAT(Told, HasSubstr("beside the live one"));
   const Bytes kLive = ReadFile("store/g_objdt.dat");
-  EXPECT_THAT(Run("compact --replace", 1), HasSubstr("It is not put in its place; --lossy does that all the same.\n"));
+  EXPECT_THAT(Run("compact --replace", 1), HasSubstr("--lossy puts it in its place all the same.\n"));
   EXPECT_EQ(kLive, ReadFile("store/g_objdt.dat"));
   Run("compact --replace --lossy", 1);
   EXPECT_NE(kLive, ReadFile("store/g_objdt.dat"));

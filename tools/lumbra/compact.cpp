@@ -141,9 +141,9 @@ int Compact(const CommonOptions& Common, const CompactOptions& Options) {
     Replace(Common, Files, Live);
     return nLosses == 0 ? kExitOk : kExitFailed;
   }
-  if (Options.bReplace) std::puts("It is not put in its place; --lossy does that all the same.");
-  std::puts(
-      "The compacted pair lies beside the live one, which stays in use; lumbra compact --replace makes one that takes its place.");
+  std::printf("The compacted pair lies beside the live one, which stays in use; %s.\n",
+              Options.bReplace ? "--lossy puts it in its place all the same"
+                               : "lumbra compact --replace makes one that takes its place");
   return nLosses == 0 ? kExitOk : kExitFailed;
 }
 

@@ -5,16 +5,14 @@
 #include "host/printed_text.h"
 #include "host/trace_format.h"
 #include "machine.h"
+#include "platform/result.h"
 
 namespace lumbra::tool {
 namespace {
 
-// The system's number for too many open files, which has no name of its own among the codes.
-constexpr auto kTooManyOpenFiles = static_cast<ResultCode>(static_cast<std::int32_t>(0x80070004u));
-
 const char* MeaningOf(ResultCode nCode) {
-  if (nCode == kTooManyOpenFiles) return "this process may not have so many files open";
-  if (nCode == kReadOnlyFileSystem)
+  if (nCode == kTooManyOpenFilesResult) return "this process may not have so many files open";
+  if (nCode == kWriteProtectResult)
     return "its file system is read-only; commands that read, such as verify, work there";
   switch (nCode) {
     case errSHARING_VIOLATION:

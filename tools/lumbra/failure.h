@@ -1,7 +1,6 @@
 // What ends a command: one line that says what failed, with which code, and what that means for the user.
 #pragma once
 
-#include <cstdint>
 #include <exception>
 #include <filesystem>
 #include <stdexcept>
@@ -14,9 +13,6 @@
 namespace lumbra::tool {
 
 using host::Printable;
-
-// The system's number for a file system that takes no writes, which has no name of its own among the codes.
-inline constexpr auto kReadOnlyFileSystem = static_cast<ResultCode>(static_cast<std::int32_t>(0x80070013u));
 
 // "what failed: errNAME (0x...): what it means for the user". Names in both texts are printable.
 class Failure : public std::runtime_error {

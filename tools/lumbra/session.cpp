@@ -14,6 +14,7 @@
 #include "host/trust.h"
 #include "ids.h"
 #include "machine.h"
+#include "platform/result.h"
 
 namespace lumbra::tool {
 
@@ -104,7 +105,7 @@ Session::Session(const CommonOptions& Options, Missing Store, DamageListener Lis
   Check(m_Store.SetNumber(propGROUP_READABLE, Options.bGroupReadable ? 1 : 0), What);
   (void)m_Store.SetNumber(propCACHE_SIZE, Options.nCacheSize);  // a module that does not know it reads as it does
   const ResultCode nCode = InitWhenFree(Options.nWait, What);
-  if (nCode == kReadOnlyFileSystem) throw Failure(What, nCode);  // whichever file it was
+  if (nCode == kWriteProtectResult) throw Failure(What, nCode);  // whichever file it was
   if (nCode == errOPEN_FAILED) {
     if (const std::string Reason = WhyNotUsable(m_Files.Folder()); !Reason.empty()) throw Failure(What, nCode, Reason);
   }
