@@ -1,5 +1,5 @@
 #!/bin/sh
-# Sets up, builds the fuzz targets, and runs them: all of them within 300 seconds (with --long 3600), two at a time, each
+# Sets up, builds the fuzz targets, and runs them: all of them within 120 seconds (with --long 3600), two at a time, each
 # for the same time. --seed N chooses the random numbers; otherwise the clock does. Ends with 1 if anything is found: what
 # the target said of it is printed, with the input in base64, and stays in build/fuzz/logs, and the input in
 # build/fuzz/found; once mended, it belongs into fuzz/corpus, whose inputs every run starts with. What a run learns stays in build/fuzz/corpus for the next one.
@@ -10,7 +10,7 @@ usage() {
   echo "usage: $0 [--long] [--seconds N] [--seed N]" >&2
   exit 2
 }
-seconds=300
+seconds=120
 seed=$(date +%s)
 while [ $# -gt 0 ]; do
   case $1 in

@@ -1,9 +1,7 @@
 // What the module's own C++ runtime would leave in the process when the module is unloaded.
-// NOLINTBEGIN(bugprone-reserved-identifier): the names that the runtime gives it
 namespace __gnu_cxx {
 void __freeres();
 }
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 
