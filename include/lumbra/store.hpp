@@ -488,8 +488,8 @@ class Database : public AnyDatabase {
   // The events of which a member, a time most likely, is at least a and less than b. It reads everything, since the
   // store has no order of its own but that in which events were added.
   template <class M, class C>
-  requires std::derived_from<T, C> Reader<T> between(M C::*member, std::type_identity_t<M> a, std::type_identity_t<M> b)
-  const {
+  Reader<T> between(M C::*member, std::type_identity_t<M> a, std::type_identity_t<M> b) const {
+    static_assert(std::is_base_of_v<C, T>, "a member of the events, or of a class that they derive from");
     return Reader<T>(read(detail::Start::Of::All, 0),
                      [=](const T& event) { return !(event.*member < a) && event.*member < b; });
   }

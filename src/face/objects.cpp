@@ -65,15 +65,15 @@ std::u16string BeginningOf(const Use& In, ObjectId nId) {
   return Succeeded(nCode) || nCode == errBUFFER_TOO_SMALL ? First : u"";
 }
 
-// Goes on with '/' below a parent whose path begins with it, so that the object is the one that the whole path is. "/"
-// is the parent of nothing.
-void GoOnWithSlash(const Use& In, Type Of, std::string* pName, ObjectId* pParent) {
+// A name that goes on with '/' below a parent whose path begins with it, so that the object is the one that the whole
+// path is; empty for one that stays as it is. "/" is the parent of nothing.
+std::string WithSlash(const Use& In, Type Of, std::string_view Name, ObjectId* pParent) {
   const bool bPath = Of == Type::file || Of == Type::folder;
-  if (!bPath || *pParent == ObjectId{} || pName->empty() || IsSeparator(pName->front())) return;
+  if (!bPath || *pParent == ObjectId{} || Name.empty() || IsSeparator(Name.front())) return {};
   const std::u16string Beginning = BeginningOf(In, *pParent);
-  if (!Beginning.starts_with(u'/')) return;
-  pName->insert(pName->begin(), '/');
+  if (!Beginning.starts_with(u'/')) return {};
   if (Beginning == u"/") *pParent = {};
+  return '/' + std::string(Name);
 }
 
 }  // namespace
@@ -85,16 +85,16 @@ std::optional<ObjectId> detail::FindObject(const Use& In, std::uint32_t nDatabas
   constexpr std::uint32_t kFindOnly = 0;
   constexpr std::uint32_t kCreateRepairing = 2;
   if (!bCreate && Name.empty()) return {};  // what has no name is found by its id alone
-  std::string Whole(Name);
-  GoOnWithSlash(In, Of, &Whole, &Parent);
-  const std::u16string Wide = host::NameToUtf16(Whole);
+  const std::string Longer = WithSlash(In, Of, Name, &Parent);
+  if (!Longer.empty()) Name = Longer;
+  const std::u16string Wide = host::NameToUtf16(Name);
   if (Wide.size() > kMaxNameUnits) In.Fail(errSIZE_INVALID, "the name is too long");
   std::uint64_t nId = 0;
   ResultCode nCode = errOBJECT_NOT_FOUND;
   if (Parent == ObjectId{} || !IsNobodys(Parent))
     nCode = In.Call(&LumbraOperations::FindObject, nDatabase, static_cast<std::uint32_t>(Of), Wide.c_str(),
                     static_cast<std::int32_t>(Wide.size() * sizeof(char16_t)), bCreate ? kCreateRepairing : kFindOnly,
-                    host::FlagsFor(static_cast<std::uint32_t>(Of), Whole), NumberOf(Parent), &nId);
+                    host::FlagsFor(static_cast<std::uint32_t>(Of), Name), NumberOf(Parent), &nId);
   if (!bCreate && IsMissing(nCode)) return {};
   if (Parent != ObjectId{} && IsMissing(nCode))
     In.Fail(errOBJECT_NOT_FOUND, "the parent is not there, or is of another database, or of an older segment of it");

@@ -66,7 +66,7 @@ ResultCode WhyNotOpened(const os::FolderHandle& pFolder, std::string* pReason) {
   for (const std::u16string_view Name : {kSharedTreeFile, kSharedIdsFile, kSharedDataFile}) {
     const ResultCode nCode = TryFile(pFolder, Name);
     if (Succeeded(nCode)) continue;
-    *pReason = host::ToUtf8(Name) + ": it cannot be opened or made";
+    *pReason = host::ToUtf8(Name) + ": it cannot be opened or made: " + MeaningOf(nCode);
     return nCode;
   }
   return errOPEN_FAILED;
@@ -228,13 +228,17 @@ void State::FailToOpen(ResultCode nCode) const {
   }
   if (nCode == errOPEN_FAILED && Failed(nFolder)) {
     nCode = nFolder;
-    Reason = "it cannot be opened or made";
+    Reason = "it cannot be opened or made: " + MeaningOf(nCode);
   } else if (nCode == errOPEN_FAILED) {
     nCode = WhyNotOpened(pFolder, &Reason);
-    const std::u16string System = NumberedFolder(kSystemDatabase);
-    if (nCode == errOPEN_FAILED) nCode = WhyNotOpened(pFolder, System, &Reason);
+    if (nCode == errOPEN_FAILED) {
+      const std::u16string System = NumberedFolder(kSystemDatabase);
+      nCode = WhyNotOpened(pFolder, System, &Reason);
+      Reason = nCode == errOPEN_FAILED ? "" : host::ToUtf8(System) + ": " + Reason;  // else the code says what it can
+    }
+  } else if (!Reason.empty() && nCode != errDATA_CORRUPTED) {
+    Reason += ": " + MeaningOf(nCode);
   }
-  if (!Reason.empty() && nCode != errDATA_CORRUPTED) Reason += ": " + MeaningOf(nCode);
   Fail(kAt, nCode, Reason);
 }
 

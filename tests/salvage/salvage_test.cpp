@@ -199,17 +199,32 @@ TEST_F(SalvageTest, HealsOnceAndGivesTheOldBytesBack) {
   }
 }
 
-// A drop that was interrupted leaves one, whose files go when that is wanted.
-TEST_F(SalvageTest, LeavesASegmentAloneThatWasDropped) {
+// Drops that were interrupted leave one segment or two, whose files go when that is wanted.
+TEST_F(SalvageTest, LeavesSegmentsAloneThatWereDropped) {
   MakeStore();
   m_Sound["05/segments.dat"][4] = 3;
-  std::erase_if(m_Sound, [](const auto& One) { return One.first.starts_with("05/00000001"); });
   Put(m_Sound);
   EXPECT_EQ("", Words(Heal()));
   salvage::Plan Done;
   Must(salvage::Heal(WideFolder(), {}, {.bDropped = true}, &Done));
-  std::erase_if(m_Sound, [](const auto& One) { return One.first.starts_with("05/00000002"); });
+  std::erase_if(m_Sound, [](const auto& One) {
+    return One.first.starts_with("05/00000001") || One.first.starts_with("05/00000002");
+  });
   EXPECT_EQ(m_Sound, Take());
+}
+
+// A turned bit hides more.
+TEST_F(SalvageTest, TakesSegmentsBackThatATurnedBitHides) {
+  MakeStore();
+  Restart();
+  Must(InitDb(5));
+  Must(SetLimit(5, limitSegmentEvents, 2));
+  for (std::uint64_t nTime = 7; nTime <= 10; ++nTime) Must(Add(5, nTime));
+  Close();
+  const Bytes kSound = ReadFile("05/segments.dat");
+  Patch("05/segments.dat", 4, {5});
+  EXPECT_THAT(Words(Heal()), HasSubstr("05/segments.dat: it leads behind whole segments"));
+  EXPECT_EQ(kSound, ReadFile("05/segments.dat"));
 }
 
 // Where the names or the records of the shared objects are lost, new ones must not be told for them.
